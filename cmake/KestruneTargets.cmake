@@ -1,0 +1,29 @@
+# Settings that every target of this project shares.
+
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+
+# kestrune_target(name): C++20, warnings, sanitizer, and floating point that does not depend on the compiler's mood: no
+# fused multiply-add may be formed behind our back, or two machines would disagree in the last bit.
+function(kestrune_target name)
+    target_compile_features(${name} PRIVATE cxx_std_20)
+    set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
+    target_compile_options(${name} PRIVATE -ffp-contract=off -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
+                                           -Woverloaded-virtual -Wcast-align -Wunused)
+    if(KESTRUNE_WERROR)
+        target_compile_options(${name} PRIVATE -Werror)
+    endif()
+    if(KESTRUNE_SANITIZER STREQUAL "address")
+        target_compile_options(${name} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                               -fno-omit-frame-pointer)
+        # Under the sanitizers gcc's flow analysis sees paths through the checks that no run can take.
+        target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+        target_link_options(${name} PRIVATE -fsanitize=address,undefined)
+    elseif(KESTRUNE_SANITIZER STREQUAL "thread")
+        target_compile_options(${name} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+        target_link_options(${name} PRIVATE -fsanitize=thread)
+    endif()
+endfunction()

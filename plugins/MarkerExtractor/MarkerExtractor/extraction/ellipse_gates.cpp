@@ -1,0 +1,242 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/ellipse_gates.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+
+#include "MarkerExtractor/camera/undistort.h"
+#include "ellipsedetection/conic_record.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+constexpr double kFourPi = 12.566370614359172;
+
+// Ramanujan's perimeter of the ellipse over the contour's length, both bounds exclusive. A contour that wanders, or one
+// whose ends were cut off, is longer or shorter than the ellipse fitted to it.
+constexpr float kLeastPerimeterRatio = 0.8f;
+constexpr float kLargestPerimeterRatio = 1.25f;
+
+/// Half axes a >= b, formed in single precision like the ellipse and then widened.
+struct HalfAxes {
+    explicit HalfAxes(const cv::RotatedRect& rect)
+        : a(0.5f * std::max(rect.size.width, rect.size.height)),
+          b(0.5f * std::min(rect.size.width, rect.size.height)) {}
+    double a, b;
+};
+
+template <std::size_t N>
+void writeReason(char (&text)[N], const char* format, double value) {
+    std::snprintf(text, N, format, value);
+}
+
+void refuse(GateVerdict& verdict, Gate gate, double measured) {
+    verdict.refusedBy = gate;
+    verdict.measured = measured;
+}
+
+/// OpenCV has no perimeter and no area of an empty contour; such a contour still has to meet the area gate.
+double perimeterOf(const std::vector<cv::Point2f>& contour) {
+    return contour.empty() ? 0 : cv::arcLength(contour, true);
+}
+double areaOf(const std::vector<cv::Point2f>& contour) {
+    return contour.empty() ? 0 : cv::contourArea(contour, false);
+}
+
+bool isFinite(const cv::RotatedRect& rect) {
+    return std::isfinite(rect.center.x) && std::isfinite(rect.center.y) && std::isfinite(rect.size.width) &&
+           std::isfinite(rect.size.height);
+}
+
+void fillConic(Corner& candidate, const cv::RotatedRect& rect) {
+    EllipseRecord record;
+    fitConicFromEllipse(record, rect, 0, candidate.contour);
+    candidate.ellipse = record.ellipse;
+    candidate.fitResidual = record.fitResidual;
+    candidate.conicValid = record.conicValid;
+    candidate.conic = record.conic;
+    candidate.scatter.swap(record.scatter);
+}
+
+bool passesArea(double area, const CicrleConfigs& configs, bool isFullSize) {
+    const double judged = isFullSize ? area : area * configs.scale * configs.scale;
+    return !(configs.minArea > judged || judged > configs.maxArea);
+}
+
+bool passesConvexity(const std::vector<cv::Point2f>& contour, Corner& candidate, const CicrleConfigs& configs) {
+    std::vector<cv::Point2f> hull;
+    cv::convexHull(contour, hull, false, true);
+    candidate.convexRatio = candidate.area / cv::contourArea(hull, false);
+    return !(configs.minConvexRatio > candidate.convexRatio || candidate.convexRatio > configs.maxConvexRatio);
+}
+
+/// Ellipse perimeter over contour length.
+float perimeterRatio(const HalfAxes& axes, double perimeter) {
+    const double a = axes.a;
+    const double b = axes.b;
+    const double ellipse = kPi * (3 * (a + b) - std::sqrt((3 * b + a) * (3 * a + b)));
+    return static_cast<float>(static_cast<double>(static_cast<float>(ellipse)) / perimeter);
+}
+
+/// Sub-pixel contours. Only a contour that is bad on the whole and has a bad point is refused: one far point, or many
+/// points that are all a little off, may be a speck or blur on the rim of a real marker.
+bool passesFitError(GateVerdict& verdict, const CicrleConfigs& configs) {
+    Corner& candidate = verdict.candidate;
+    const bool allNear = ellipseFitError(verdict.rect, candidate.contour, candidate.fitError, configs.maxPointError);
+    if (!(candidate.fitError > configs.maxFitError) || allNear) return true;
+    writeReason(candidate.fitText, "fit_error:%.2f", candidate.fitError);
+    refuse(verdict, Gate::kFitError, candidate.fitError);
+    return false;
+}
+
+/// Radial contours.
+bool passesConicShape(GateVerdict& verdict, const HalfAxes& axes, double perimeter, const CicrleConfigs& configs) {
+    Corner& candidate = verdict.candidate;
+    if (candidate.fitResidual > static_cast<double>(configs.maxFitResidual)) {
+        writeReason(candidate.fitText, "fit_residual:%.2f", candidate.fitResidual);
+        refuse(verdict, Gate::kFitResidual, candidate.fitResidual);
+        return false;
+    }
+    const float ratio = perimeterRatio(axes, perimeter);
+    if (kLeastPerimeterRatio >= ratio || ratio >= kLargestPerimeterRatio) {
+        refuse(verdict, Gate::kPerimeter, ratio);
+        return false;
+    }
+    return true;
+}
+
+/// Brings a result of a reduced image to full size. Contour points are moved along with the centre, not spread.
+void bringToFullSize(Corner& candidate, cv::RotatedRect& rect, int scale) {
+    const auto f = static_cast<float>(scale - 1);
+    const float dx = rect.center.x * f;
+    const float dy = rect.center.y * f;
+    candidate.x = rect.center.x + dx;
+    candidate.y = rect.center.y + dy;
+    rect.size.width *= static_cast<float>(scale);
+    rect.size.height *= static_cast<float>(scale);
+    for (cv::Point2f& point : candidate.contour) point += cv::Point2f(dx, dy);
+}
+
+template <typename Point>
+bool fitErrorOf(const cv::RotatedRect& ellipse, const std::vector<Point>& points, double& error, double pointLimit) {
+    const HalfAxes axes(ellipse);
+    const double phi = (90.0 - ellipse.angle) / 180.0 * kPi;
+    const double sn = std::sin(phi);
+    const double cs = std::cos(phi);
+    double sum = 0;
+    bool allNear = true;
+    for (const Point& point : points) {
+        const double dx = static_cast<double>(point.x) - ellipse.center.x;
+        const double dy = static_cast<double>(point.y) - ellipse.center.y;
+        const double u = dx * cs - dy * sn;
+        const double v = dy * cs + dx * sn;
+        // The factor a / b stands on the far side only. It makes the measure asymmetric for long ellipses; the bounds
+        // that hosts use were found with it, so it stays.
+        const double t = u < 0 ? kPi + std::atan(axes.a / axes.b * v / u) : std::atan2(v, u);
+        const double radius = std::sqrt(v * v + u * u);
+        const double p = axes.a * std::cos(t);
+        const double q = axes.b * std::sin(t);
+        const double distance = std::abs(radius - std::sqrt(p * p + q * q));
+        if (distance > pointLimit) allNear = false;
+        sum += distance * distance;
+    }
+    error = std::sqrt(sum / static_cast<double>(points.size()));
+    return allNear;
+}
+
+}  // namespace
+
+bool ellipseFitError(const cv::RotatedRect& ellipse, const std::vector<cv::Point2f>& points, double& error,
+                     const double& pointLimit) {
+    return fitErrorOf(ellipse, points, error, pointLimit);
+}
+
+bool ellipseFitError(const cv::RotatedRect& ellipse, const std::vector<cv::Point>& points, double& error,
+                     const double& pointLimit) {
+    return fitErrorOf(ellipse, points, error, pointLimit);
+}
+
+GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleConfigs& configs, const LensModel& lens,
+                         bool isFullSize) {
+    GateVerdict verdict;
+    Corner& candidate = verdict.candidate;
+    const double perimeter = perimeterOf(contour);
+    const double area = areaOf(contour);
+    if (!passesArea(area, configs, isFullSize)) {
+        writeReason(candidate.areaText, "area:%.2f", area);
+        refuse(verdict, Gate::kArea, area);
+        return verdict;
+    }
+
+    candidate.contour = contour;
+    if (!configs.skipUndistort) {
+        candidate.x = candidate.y = 0;  // travels along with the contour and is replaced by the fit
+        undistortCorner(candidate, lens.intrinsic, lens.distortion);
+    }
+    if (configs.useRadialContours) {
+        verdict.rect = cv::fitEllipseDirect(candidate.contour);
+        fillConic(candidate, verdict.rect);
+    } else {
+        verdict.rect = cv::fitEllipse(candidate.contour);
+    }
+    if (!isFinite(verdict.rect)) {
+        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
+        return verdict;
+    }
+    const HalfAxes axes(verdict.rect);
+    verdict.halfAxis = static_cast<float>(axes.a);
+    candidate.x = verdict.rect.center.x;
+    candidate.y = verdict.rect.center.y;
+    candidate.area = area;
+
+    candidate.eccentricity = std::sqrt(axes.a * axes.a - axes.b * axes.b) / axes.a;
+    if (candidate.eccentricity > configs.maxEccentricity) {
+        writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
+        refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
+        return verdict;
+    }
+    candidate.circularity = area * kFourPi / (perimeter * perimeter);
+    if (configs.enableCircularityFilter &&
+        (configs.minCircularity > candidate.circularity || candidate.circularity >= configs.maxCircularity)) {
+        refuse(verdict, Gate::kCircularity, candidate.circularity);
+        return verdict;
+    }
+    if (configs.enableConvexityFilter && !passesConvexity(contour, candidate, configs)) {
+        refuse(verdict, Gate::kConvexity, candidate.convexRatio);
+        return verdict;
+    }
+    const bool shaped = configs.useRadialContours ? passesConicShape(verdict, axes, perimeter, configs)
+                                                  : passesFitError(verdict, configs);
+    if (!shaped) return verdict;
+
+    if (!isFullSize && configs.scale != 1) bringToFullSize(candidate, verdict.rect, configs.scale);
+    candidate.area = verdict.rect.size.width * verdict.rect.size.height;
+    return verdict;
+}
+
+void admitMarker(GateVerdict& verdict, MarkerList& markers) {
+    Corner& candidate = verdict.candidate;
+    for (std::size_t k = 0; k < markers.corners.size(); ++k) {
+        Corner& known = markers.corners[k];
+        const cv::Size2f& size = markers.rects[k].size;
+        const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
+        const float reach = std::max({verdict.halfAxis, 0.5f * size.width, 0.5f * size.height});
+        if (!(distance > 0 && distance < static_cast<double>(reach))) continue;
+        if (candidate.circularity > known.circularity && known.fitError > candidate.fitError) {
+            candidate.id = known.id;
+            known = candidate;
+            markers.rects[k] = verdict.rect;
+        }
+        return;
+    }
+    candidate.id = markers.nextId++;
+    markers.corners.push_back(candidate);
+    markers.rects.push_back(verdict.rect);
+}
+
+}  // namespace kestrune

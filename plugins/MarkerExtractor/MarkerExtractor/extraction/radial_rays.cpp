@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+#include "MarkerExtractor/extraction/radial_contours.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr float kCoarseStep = 3.0f;  ///< px: about the width of a blurred edge, so that one step holds most of its fall
+constexpr float kLeastStart = 1.5f;  ///< px: nearer to the centre, neighbouring rays read the same pixels
+constexpr int kFineSamples = 7;      ///< 1 px apart, from half a coarse step before the steepest coarse step
+constexpr float kFineLead = 1.5f;
+constexpr float kLeastCurvature = 0.0001f;  ///< below it the three differences lie on a line
+constexpr float kNoRadius = -1.0f;
+constexpr int kHalfWindow = 2;            ///< rays to either side in the clean-up passes
+constexpr float kRadiusTolerance = 3.0f;  ///< px
+constexpr std::size_t kLeastMedian = 3;   ///< radii that make a median
+
+/// What is common to all rays of a candidate.
+struct RayPlan {
+    const cv::Mat& image;
+    cv::Point2f centre;
+    float start;  ///< radius of the first coarse sample
+    int steps;    ///< number of coarse steps
+
+    GreySample at(cv::Point2f direction, float radius) const {
+        return sampleBilinear(image, centre.x + radius * direction.x, centre.y + radius * direction.y);
+    }
+    float coarseRadius(int i) const { return kCoarseStep * static_cast<float>(i) + start; }
+};
+
+bool staysOnImage(const cv::Mat& image, cv::Point2f centre, float rOut) {
+    // In this form a centre or radius that is not a number stays outside.
+    return centre.x - rOut - kCoarseStep >= 0 && centre.y - rOut - kCoarseStep >= 0 &&
+           centre.x + rOut + kCoarseStep <= static_cast<float>(image.cols - 1) &&
+           centre.y + rOut + kCoarseStep <= static_cast<float>(image.rows - 1);
+}
+
+struct Fall {
+    int index = -1;
+    float height = -1;
+
+    /// The first of equal falls stays.
+    void offer(int candidate, float candidateHeight) {
+        if (candidateHeight > height) {
+            index = candidate;
+            height = candidateHeight;
+        }
+    }
+};
+
+Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction) {
+    Fall fall;
+    float previous = 0;
+    for (int i = 0; i <= plan.steps; ++i) {
+        const float r = std::max(0.0f, plan.coarseRadius(i));
+        // The ray guard keeps every sample on the image.
+        const int column = static_cast<int>(std::round(plan.centre.x + r * direction.x));
+        const int row = static_cast<int>(std::round(plan.centre.y + r * direction.y));
+        const float value = plan.image.ptr<uchar>(row)[column];
+        if (i > 0) fall.offer(i - 1, previous - value);
+        previous = value;
+    }
+    return fall;
+}
+
+/// Radius of the edge near the coarse step that begins at `coarse`. It may be as low as -1 for a blob of a few pixels.
+std::optional<float> fineRadius(const RayPlan& plan, cv::Point2f direction, float coarse) {
+    GreySample f[kFineSamples];
+    for (int k = 0; k < kFineSamples; ++k) f[k] = plan.at(direction, coarse - kFineLead + static_cast<float>(k));
+    Fall fall;
+    for (int k = 0; k + 1 < kFineSamples; ++k) {
+        if (f[k].valid && f[k + 1].valid) fall.offer(k, f[k].value - f[k + 1].value);
+    }
+    const int k = fall.index;
+    if (k < 0) return std::nullopt;  // the grey value rises all along, by more than one level a pixel
+
+    const float rk = coarse - kFineLead + static_cast<float>(k);
+    const float p0 = k >= 1 ? f[k - 1].value : plan.at(direction, rk - 1.0f).value;
+    const float p1 = f[k].value;
+    const float p2 = f[k + 1].value;
+    const float p3 = k < kFineSamples - 2 ? f[k + 2].value : plan.at(direction, rk + 2.0f).value;
+    const float a = p0 - p1;
+    const float b = p2 - p3;
+    const float curvature = a - 2.0f * (p1 - p2) + b;
+    float offset = 0;
+    if (std::abs(curvature) > kLeastCurvature) offset = std::clamp((a - b) * 0.5f / curvature, -1.0f, 1.0f);
+    return rk + offset;
+}
+
+/// Place on the circle of n rays.
+std::size_t wrapped(std::ptrdiff_t place, std::size_t n) {
+    const auto count = static_cast<std::ptrdiff_t>(n);
+    return static_cast<std::size_t>(((place % count) + count) % count);
+}
+
+/// Whether a radius is far from the mean of its neighbours. Without any neighbour the mean is not a number, and the
+/// radius stays.
+bool isOutlier(const std::vector<float>& radii, std::size_t ray, float tolerance, int halfWindow) {
+    float sum = 0;
+    int count = 0;
+    for (int k = -halfWindow; k <= halfWindow; ++k) {
+        if (k == 0) continue;
+        const float radius = radii[wrapped(static_cast<std::ptrdiff_t>(ray) + k, radii.size())];
+        if (radius < 0) continue;
+        sum += radius;
+        ++count;
+    }
+    return std::abs(sum / static_cast<float>(count) - radii[ray]) > tolerance;
+}
+
+/// Mean of the nearest rays that are kept, forward first; none if there is none within reach.
+float meanOfNearest(const std::vector<float>& radii, const std::vector<char>& kept, std::size_t ray, int halfWindow) {
+    float sum = 0;
+    int count = 0;
+    for (const int direction : {1, -1}) {
+        int found = 0;
+        for (int step = 1; step <= 3 * halfWindow && found < halfWindow; ++step) {
+            const std::size_t place = wrapped(static_cast<std::ptrdiff_t>(ray) + direction * step, radii.size());
+            if (!kept[place] || place == ray) continue;
+            sum += radii[place];
+            ++found;
+        }
+        count += found;
+    }
+    return count > 0 ? sum / static_cast<float>(count) : kNoRadius;
+}
+
+}  // namespace
+
+void medianFilterRadii(std::vector<float>& radii, int halfWindow) {
+    const std::vector<float> given = radii;
+    std::vector<float> window;
+    for (std::size_t ray = 0; ray < given.size(); ++ray) {
+        window.clear();
+        for (int k = -halfWindow; k <= halfWindow; ++k) {
+            const float radius = given[wrapped(static_cast<std::ptrdiff_t>(ray) + k, given.size())];
+            if (radius > 0) window.push_back(radius);
+        }
+        if (window.size() < kLeastMedian) {
+            radii[ray] = kNoRadius;
+            continue;
+        }
+        const auto middle = window.begin() + static_cast<std::ptrdiff_t>(window.size() / 2);
+        std::nth_element(window.begin(), middle, window.end());
+        radii[ray] = *middle;
+    }
+}
+
+void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWindow) {
+    const std::vector<float> given = radii;
+    std::vector<char> kept(given.size());
+    for (std::size_t ray = 0; ray < given.size(); ++ray) {
+        kept[ray] = !(given[ray] < 0) && !isOutlier(given, ray, tolerance, halfWindow);
+    }
+    for (std::size_t ray = 0; ray < given.size(); ++ray) {
+        // A kept radius is replaced, too: its neighbours know it better than it does itself.
+        radii[ray] = kept[ray] ? meanOfNearest(given, kept, ray, halfWindow) : kNoRadius;
+    }
+}
+
+void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
+                       std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions, int dropThreshold,
+                       float minRayRatio) {
+    points.clear();
+    if (!staysOnImage(image, centre, rOut)) return;
+    const float start = std::max(kLeastStart, rIn - kCoarseStep);
+    if (!(rOut + kCoarseStep >= start)) return;  // no room for a sample
+    const int steps = static_cast<int>(std::floor((rOut + kCoarseStep - start) / kCoarseStep));
+    const RayPlan plan = {image, centre, start, steps};
+
+    std::vector<float> radii(directions.size(), kNoRadius);
+    int found = 0;
+    for (std::size_t ray = 0; ray < directions.size(); ++ray) {
+        const Fall coarse = steepestCoarseFall(plan, directions[ray]);
+        if (static_cast<float>(dropThreshold) > coarse.height) continue;
+        // With a threshold below 0 a ray that only rises comes here too, and is looked at before its first sample.
+        const std::optional<float> radius = fineRadius(plan, directions[ray], plan.coarseRadius(coarse.index));
+        if (!radius) continue;
+        radii[ray] = *radius;
+        ++found;
+    }
+    if (minRayRatio > static_cast<float>(found) / static_cast<float>(directions.size())) return;
+
+    medianFilterRadii(radii, kHalfWindow);
+    rejectAndSmoothRadii(radii, kRadiusTolerance, kHalfWindow);
+    for (std::size_t ray = 0; ray < directions.size(); ++ray) {
+        const float radius = radii[ray];
+        if (radius >= 0)
+            points.emplace_back(radius * directions[ray].x + centre.x, radius * directions[ray].y + centre.y);
+    }
+}
+
+}  // namespace kestrune

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a path cannot work with is refused here, before anything is written, with a `cv::Exception` of code
+// `cv::Error::StsBadArg` whose text names the setting and its value.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+
+#include "kestrune/MarkerExtractor/records.h"
+
+namespace kestrune {
+
+/// Raises the exception: "<setting>: <what is wrong>".
+[[noreturn]] void refuseSetting(const std::string& setting, const std::string& complaint);
+
+/// The image must be two-dimensional and `CV_8UC1`.
+void requireGreyImage(const cv::Mat& image);
+
+/// The image must be two-dimensional and `CV_8UC1` or `CV_8UC3`.
+void requireGreyOrColourImage(const cv::Mat& image);
+
+/// `scale` must be 1 or more and leave at least one pixel in each direction.
+void requireScale(int scale, const cv::Size& imageSize);
+
+/// Sides of a Gaussian kernel: odd, from `least` on, and not so large that one blur keeps the host waiting for minutes.
+void requireAperture(long long aperture, int least);
+
+/// `sigma` of the sub-pixel contours: its derivative kernel must have more than one tap, and taps that do not all round
+/// to zero.
+void requireEdgeSigma(double sigma);
+
+/// `sigma` of the radial contours: finite and not below 0, where 0 lets the Gaussian follow the aperture.
+void requireBlurSigma(double sigma);
+
+}  // namespace kestrune

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cmath>
+#include <opencv2/imgproc.hpp>
+
+#include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "MarkerExtractor/extraction/radial_contours.h"
+#include "MarkerExtractor/extraction/settings_check.h"
+#include "canny/subpixel_contours.h"
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr std::size_t kRays = 72;
+constexpr std::size_t kProbes = 24;
+constexpr double kTwoPi = 6.283185307179586;
+constexpr int kLeastRadialAperture = 3;  ///< the adaptive threshold has no block of one pixel
+
+template <typename T>
+cv::Mat wrapScratch(std::vector<T>& storage, const cv::Size& size, int type) {
+    const std::size_t count = static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
+    if (storage.size() != count) storage.resize(count);
+    return {size, type, storage.data()};
+}
+
+/// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
+void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
+    if (!directions.empty()) return;
+    directions.reserve(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto angle = static_cast<float>(static_cast<double>(i) * kTwoPi / static_cast<double>(n));
+        directions.emplace_back(std::cos(angle), std::sin(angle));
+    }
+}
+
+/// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
+void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CicrleConfigs& configs) {
+    requireGreyOrColourImage(image);
+    if (!corners.empty()) {
+        refuseSetting("corners", "holds " + std::to_string(corners.size()) + " records; it must be empty on entry");
+    }
+    requireScale(configs.scale, image.size());
+    if (configs.useRadialContours) {
+        requireAperture(configs.aperture, kLeastRadialAperture);
+        requireBlurSigma(configs.sigma);
+    } else {
+        requireAperture(configs.aperture, 1);
+        requireEdgeSigma(configs.sigma);
+    }
+}
+
+/// The grey image at full size, as an image of its own: a host's image may be a window of a larger one, and no pixel
+/// outside that window may have a say in the result.
+cv::Mat makeGray(const cv::Mat& image, CircleMarkerExtractor& extractor) {
+    if (image.channels() != 3) return {image.size(), image.type(), image.data, image.step};  // shares the pixels
+    cv::Mat gray = wrapScratch(extractor.scratchGray, image.size(), CV_8UC1);
+    cv::cvtColor(image, gray, cv::COLOR_BGR2GRAY, 0);
+    return gray;
+}
+
+cv::Mat reduce(const cv::Mat& gray, int scale, CircleMarkerExtractor& extractor) {
+    if (scale == 1) return gray;  // shares the pixels
+    const cv::Size size(gray.cols / scale, gray.rows / scale);
+    cv::Mat working = wrapScratch(extractor.scratchWorking, size, CV_8UC1);
+    cv::resize(gray, working, size, 0, 0, cv::INTER_LINEAR);
+    return working;
+}
+
+void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarkerExtractor& extractor,
+                        const CicrleConfigs& configs, std::vector<SubpixelContour>& contours) {
+    fillDirections(extractor.rayDirections, kRays);
+    fillDirections(extractor.probeDirections, kProbes);
+    cv::Mat blurredFull = wrapScratch(extractor.scratchBlurFull, gray.size(), CV_8UC1);
+    cv::Mat binary = wrapScratch(extractor.scratchEdgeMask, working.size(), CV_8UC1);
+    cv::Mat fullBinary = wrapScratch(extractor.scratchBinary, gray.size(), CV_8UC1);
+    cv::Mat labels = wrapScratch(extractor.scratchLabels, working.size(), CV_32SC1);
+    // The size limit is an area here and is not divided by `scale`; the other front end takes it as a length and
+    // divided.
+    detectRadialContours(working, gray, blurredFull, binary, fullBinary, labels, configs.sigma, configs.aperture,
+                         contours, extractor.rayDirections, extractor.probeDirections, configs.minContourSize,
+                         configs.thresholdC, configs.scale, configs.refineAtFullSize, configs.minRayRatio,
+                         configs.contrast);
+}
+
+LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex) {
+    if (cameraIndex == 0) return {extractor.leftIntrinsic, extractor.leftDistortion};
+    return {extractor.rightIntrinsic, extractor.rightDistortion};
+}
+
+}  // namespace
+
+bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
+                                                const CicrleConfigs& configs) {
+    if (image.empty()) {
+        markerRects.clear();
+        return false;
+    }
+    checkCall(image, corners, configs);
+    const cv::Mat gray = makeGray(image, *this);
+    const cv::Mat working = reduce(gray, configs.scale, *this);
+
+    std::vector<SubpixelContour> contours;
+    if (configs.useRadialContours) {
+        findRadialContours(gray, working, *this, configs, contours);
+    } else {
+        detectSubpixelContours(working, configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow,
+                               configs.cannyHigh, contours, configs.minContourSize / configs.scale, cv::RETR_TREE,
+                               configs.useThreads);
+    }
+
+    // Both front ends' contours are judged as they stand: radial ones are in full-size pixels already, and sub-pixel
+    // ones of a reduced image are reported in the pixels of that image.
+    constexpr bool kIsFullSize = true;
+    const LensModel lens = lensOf(*this, cameraIndex);
+    MarkerList markers{corners, {}, 0};
+    for (const SubpixelContour& contour : contours) {
+        GateVerdict verdict = judgeContour(contour.points, configs, lens, kIsFullSize);
+        if (verdict.accepted()) admitMarker(verdict, markers);
+    }
+    markerRects = std::move(markers.rects);
+    if (corners.empty()) return false;
+    markerName = configs.markerName;
+    return true;
+}
+
+}  // namespace kestrune

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kestrune/MarkerExtractor.h"
+#include "logging/report_sites.h"
+
+namespace kestrune {
+
+bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
+                         int cameraIndex, const CicrleConfigs& configs) {
+    if (extractor.CircleExtractSimple(image, corners, cameraIndex, configs)) return true;
+    reportWarning(cameraIndex == 0 ? report_sites::kLeftEyeFailed : report_sites::kRightEyeFailed);
+    return false;
+}
+
+}  // namespace kestrune

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cmath>
+
+#include "canny/subpixel_contours.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kLargestOffset = 0.5;  ///< px; beyond it another pixel is the nearest one to the line
+
+/// Second-order surface a0 + a1 x + a2 y + a3 x^2 + a4 x y + a5 y^2 through nine magnitudes.
+struct Facet {
+    double a0, a1, a2, a3, a4, a5;
+};
+
+/// Gradient magnitudes of the 3 by 3 neighbourhood in row order. Beyond the border the centre row or column stands in.
+void readMagnitudes(const cv::Mat& dx, const cv::Mat& dy, const cv::Point& pixel, double m[9]) {
+    const int rows[3] = {pixel.y >= 1 ? pixel.y - 1 : pixel.y, pixel.y, pixel.y + 1 < dx.rows ? pixel.y + 1 : pixel.y};
+    const int columns[3] = {pixel.x >= 1 ? pixel.x - 1 : pixel.x, pixel.x,
+                            pixel.x + 1 < dx.cols ? pixel.x + 1 : pixel.x};
+    for (int i = 0; i < 3; ++i) {
+        const short* const xRow = dx.ptr<short>(rows[i]);
+        const short* const yRow = dy.ptr<short>(rows[i]);
+        for (int j = 0; j < 3; ++j) {
+            const double x = xRow[columns[j]];
+            const double y = yRow[columns[j]];
+            m[3 * i + j] = std::sqrt(x * x + y * y);
+        }
+    }
+}
+
+Facet fitFacet(const double m[9]) {
+    Facet f{};
+    f.a0 = (-m[0] + 2 * m[1] - m[2] + 2 * m[3] + 5 * m[4] + 2 * m[5] - m[6] + 2 * m[7] - m[8]) / 9;
+    f.a1 = (-m[0] + m[2] - m[3] + m[5] - m[6] + m[8]) / 6;
+    f.a2 = (m[6] + m[7] + m[8] - m[0] - m[1] - m[2]) / 6;
+    f.a3 = (m[0] - 2 * m[1] + m[2] + m[3] - 2 * m[4] + m[5] + m[6] - 2 * m[7] + m[8]) / 6;
+    // The sign is the opposite of the usual mask for the mixed derivative. It is wanted: every direction and offset
+    // that a measurement was ever calibrated with comes from it.
+    f.a4 = (-m[0] + m[2] + m[6] - m[8]) / 4;
+    f.a5 = (m[0] + m[1] + m[2] - 2 * (m[3] + m[4] + m[5]) + m[6] + m[7] + m[8]) / 6;
+    return f;
+}
+
+/// Eigenvector of the facet's Hessian with the eigenvalue of larger magnitude: the direction across the edge.
+struct PrincipalDirection {
+    double eigenvalue, nx, ny;
+};
+
+PrincipalDirection principalDirection(double dxx, double dxy, double dyy) {
+    double c = 1, s = 0, e1 = dyy, e2 = dxx;
+    if (dxy != 0) {
+        const double theta = (dxx - dyy) / 2 / dxy;
+        double t = 1 / (std::abs(theta) + std::sqrt(theta * theta + 1));
+        if (theta < 0) t = -t;
+        c = 1 / std::sqrt(t * t + 1);
+        s = t * c;
+        e1 = dyy - t * dxy;
+        e2 = dxx + t * dxy;
+    }
+    const bool first = std::abs(e1) > std::abs(e2) || (std::abs(e1) == std::abs(e2) && e1 < e2);
+    return first ? PrincipalDirection{e1, -s, c} : PrincipalDirection{e2, c, s};
+}
+
+void refinePoint(const cv::Mat& dx, const cv::Mat& dy, const cv::Point& pixel, cv::Point2f& point, float& response,
+                 float& direction) {
+    double m[9];
+    readMagnitudes(dx, dy, pixel, m);
+    const Facet f = fitFacet(m);
+    const double dxx = 2 * f.a3;
+    const double dxy = f.a4;
+    const double dyy = 2 * f.a5;
+    const PrincipalDirection p = principalDirection(dxx, dxy, dyy);
+
+    double offset = 0;
+    if (p.eigenvalue < 0) {  // a ridge of the magnitude; in a valley the pixel stays
+        offset = -(p.nx * f.a1 + p.ny * f.a2) / (dxx * p.nx * p.nx + 2 * dxy * p.nx * p.ny + dyy * p.ny * p.ny);
+    }
+    const double ox = p.nx * offset;
+    const double oy = p.ny * offset;
+    point = cv::Point2f(static_cast<float>(pixel.x), static_cast<float>(pixel.y));
+    if (std::abs(ox) <= kLargestOffset && std::abs(oy) <= kLargestOffset) {
+        point.x += static_cast<float>(ox);
+        point.y += static_cast<float>(oy);
+    }
+    response = static_cast<float>(f.a0 * kPerGain);
+    double angle = std::atan2(p.nx, p.ny);  // in this order: the angle is counted from the y axis
+    if (angle < 0) angle += kTwoPi;
+    direction = static_cast<float>(angle);
+}
+
+}  // namespace
+
+void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
+                    std::vector<SubpixelContour>& contours) {
+    contours.resize(pixelContours.size());
+    for (std::size_t c = 0; c < pixelContours.size(); ++c) {
+        const std::vector<cv::Point>& pixels = pixelContours[c];
+        SubpixelContour& contour = contours[c];
+        contour.points.resize(pixels.size());
+        contour.response.resize(pixels.size());
+        contour.direction.resize(pixels.size());
+        const int count = static_cast<int>(pixels.size());
+#pragma omp parallel for schedule(static)
+        for (int i = 0; i < count; ++i) {
+            const auto k = static_cast<std::size_t>(i);
+            refinePoint(dx, dy, pixels[k], contour.points[k], contour.response[k], contour.direction[k]);
+        }
+    }
+}
+
+}  // namespace kestrune

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+namespace kestrune {
+
+/// One place from which a warning is written. File and line belong to the record that a log reader sees and are kept
+/// stable across releases: they are names of the report, not positions in today's sources.
+struct ReportSite {
+    const char* file;
+    int line;
+    const char* text;
+};
+
+namespace report_sites {
+
+extern const ReportSite kLeftEyeFailed;
+extern const ReportSite kRightEyeFailed;
+
+}  // namespace report_sites
+
+/// Writes the site's text as a warning of the library.
+void reportWarning(const ReportSite& site);
+
+}  // namespace kestrune
