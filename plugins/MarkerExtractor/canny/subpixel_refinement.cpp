@@ -9,6 +9,9 @@ namespace {
 
 constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
 constexpr double kTwoPi = 6.283185307179586;
+/// Points of a contour from which a second thread pays: below it, waking the threads costs more than the fits do, and
+/// on a busy machine the wait for the slowest of them many times more.
+constexpr int kParallelPoints = 2048;
 constexpr double kLargestOffset = 0.5;  ///< px; beyond it another pixel is the nearest one to the line
 
 /// Second-order surface a0 + a1 x + a2 y + a3 x^2 + a4 x y + a5 y^2 through nine magnitudes.
@@ -104,7 +107,7 @@ void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std:
         contour.response.resize(pixels.size());
         contour.direction.resize(pixels.size());
         const int count = static_cast<int>(pixels.size());
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (count >= kParallelPoints)
         for (int i = 0; i < count; ++i) {
             const auto k = static_cast<std::size_t>(i);
             refinePoint(dx, dy, pixels[k], contour.points[k], contour.response[k], contour.direction[k]);

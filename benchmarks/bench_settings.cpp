@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bench_settings.h"
+
+#include <settings.h>
+
+#include <string>
+
+namespace kestrune::bench {
+namespace {
+
+CicrleConfigs readySettings(const char* file, host::Path path) {
+    CicrleConfigs settings = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
+    settings.skipUndistort = true;
+    return settings;
+}
+
+}  // namespace
+
+CicrleConfigs radialSettings(int scale, bool refineAtFullSize) {
+    static const CicrleConfigs ready = readySettings("bright-radial.yaml", host::Path::radial);
+    CicrleConfigs settings = ready;
+    settings.scale = scale;
+    settings.refineAtFullSize = refineAtFullSize;
+    return settings;
+}
+
+CicrleConfigs subpixelSettings(bool threaded) {
+    static const CicrleConfigs ready = readySettings("bright-subpixel.yaml", host::Path::simple);
+    CicrleConfigs settings = ready;
+    settings.useThreads = threaded;
+    return settings;
+}
+
+CicrleConfigs fastSettings() {
+    static const CicrleConfigs ready = readySettings("bright-fast.yaml", host::Path::fast);
+    return ready;
+}
+
+}  // namespace kestrune::bench

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <kestrune/MarkerExtractor.h>
+
+namespace kestrune::bench {
+
+/// The ready settings for bright markers of the scenes' radii, in the image as it is (no undistortion).
+CicrleConfigs radialSettings(int scale, bool refineAtFullSize);
+CicrleConfigs subpixelSettings(bool threaded);
+CicrleConfigs fastSettings();
+
+}  // namespace kestrune::bench

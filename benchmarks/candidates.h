@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What is measured: the library's paths, the floor below each of them, and detectors that OpenCV offers for the same
+// task. A factory takes the scene, allocates what can be allocated once, and returns the work of one image.
+#pragma once
+
+#include <functional>
+#include <opencv2/core.hpp>
+#include <vector>
+
+#include "bench_scenes.h"
+
+namespace kestrune::bench {
+
+struct Job {
+    std::function<void()> run;                               ///< one image
+    std::function<std::vector<cv::Point2d>()> centres = {};  ///< result of the last run; empty for a floor
+};
+
+// Paths of the library.
+Job radialPath(const BenchScene& scene, int scale, bool refineAtFullSize);
+Job subpixelPath(const BenchScene& scene, bool threaded);
+Job fastPath(const BenchScene& scene);
+
+// Floors: only those calls over the whole image that the path cannot do without, with the path's arguments.
+Job radialFloor(const BenchScene& scene, int scale);
+Job subpixelFloor(const BenchScene& scene);
+Job fastFloor(const BenchScene& scene);
+
+// Detectors of OpenCV, set up for bright discs of the scene's radii and grey levels.
+Job blobRival(const BenchScene& scene);
+Job houghRival(const BenchScene& scene);
+Job edgeDrawingRival(const BenchScene& scene);
+Job fitRival(const BenchScene& scene);
+
+}  // namespace kestrune::bench

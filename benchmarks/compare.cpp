@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reads a result file of the benchmark program and prints one Markdown table: medians, ratios within this run, quality.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench_names.h"
+
+namespace kestrune::bench {
+namespace {
+
+using nlohmann::json;
+
+// Repetitions that lie farther apart than this share of their median tell of a machine that had other work to do.
+constexpr double largestSpread = 0.25;
+
+struct Result {
+    std::vector<double> milliseconds;  ///< one a repetition
+    std::optional<double> recall, falseOnes, centreRms;
+};
+
+/// One image: results of everything that ran on it, by name.
+struct Scene {
+    int width = 0, height = 0, markers = 0;
+    bool operator<(const Scene& other) const {
+        const auto pixels = [](const Scene& s) { return static_cast<long long>(s.width) * s.height; };
+        return std::pair{pixels(*this), markers} < std::pair{pixels(other), other.markers};
+    }
+};
+using Results = std::map<Scene, std::map<std::string, Result, std::less<>>>;
+
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    if (values.size() % 2 == 1) return *middle;
+    return (*middle + *std::max_element(values.begin(), middle)) / 2;
+}
+
+bool isUnsteady(const Result& result) {
+    const auto [least, most] = std::minmax_element(result.milliseconds.begin(), result.milliseconds.end());
+    return *most - *least > largestSpread * median(result.milliseconds);
+}
+
+std::optional<double> counterOf(const json& run, std::string_view name) {
+    const auto found = run.find(std::string(name));
+    if (found == run.end() || !found->is_number()) return std::nullopt;
+    return found->get<double>();
+}
+
+void addRun(const json& run, Results& results) {
+    // What is summed up over repetitions is summed up here; names are "what/WIDTHxHEIGHT/markers/..." .
+    if (run.value("run_type", "iteration") != "iteration") return;
+    const std::string name = run.at("name");
+    const std::size_t slash = name.find('/');
+    Scene scene;
+    if (slash == std::string::npos ||
+        std::sscanf(name.c_str() + slash, "/%dx%d/%d", &scene.width, &scene.height, &scene.markers) != 3)
+        throw std::runtime_error("unknown benchmark name " + name);
+    Result& result = results[scene][name.substr(0, slash)];
+    if (run.value("error_occurred", false))
+        throw std::runtime_error(name + ": " + run.value("error_message", "failed"));
+    if (run.at("time_unit") != "ms") throw std::runtime_error(name + " is not in milliseconds");
+    result.milliseconds.push_back(run.at("real_time"));
+    result.recall = counterOf(run, recallCounter);
+    result.falseOnes = counterOf(run, falseCounter);
+    result.centreRms = counterOf(run, centreRmsCounter);
+}
+
+using Row = std::vector<std::string>;
+
+std::string decimals(const std::optional<double>& value, int places) {
+    return value ? fmt::format("{:.{}f}", *value, places) : "-";
+}
+
+/// Time over that of the other one, with as many places as tell apart what differs.
+std::string ratio(double milliseconds, const std::map<std::string, Result, std::less<>>& scene,
+                  std::string_view other) {
+    const auto found = scene.find(other);
+    if (found == scene.end()) return "-";
+    const double value = milliseconds / median(found->second.milliseconds);
+    return decimals(value, value < 0.1 ? 3 : 2);
+}
+
+Row headings() {
+    Row row{"what", "image", "markers", "ms", "/ floor"};
+    for (const std::string_view rival : rivalTitles) row.push_back(fmt::format("/ {}", rival));
+    row.insert(row.end(), {"recall %", "false", "centre RMS px"});
+    return row;
+}
+
+/// The row of one candidate, or nothing if it did not run on this scene.
+std::optional<Row> rowOf(const Scene& scene, const std::map<std::string, Result, std::less<>>& results,
+                         std::string_view name, std::string_view title, std::string_view floor) {
+    const auto found = results.find(name);
+    if (found == results.end()) return std::nullopt;
+    const Result& result = found->second;
+    Row row{std::string(title), fmt::format("{}x{}", scene.width, scene.height), std::to_string(scene.markers)};
+    const double time = median(result.milliseconds);
+    row.push_back(decimals(time, time < 10 ? 2 : 1));
+    row.push_back(floor.empty() ? "-" : ratio(time, results, floor));
+    for (const std::string_view rival : rivalNames) row.push_back(floor.empty() ? "-" : ratio(time, results, rival));
+    row.push_back(decimals(result.recall ? std::optional(*result.recall * 100) : std::nullopt, 1));
+    row.push_back(decimals(result.falseOnes, 0));
+    row.push_back(decimals(result.centreRms, 4));
+    return row;
+}
+
+std::vector<Row> tableOf(const Results& results) {
+    std::vector<Row> table{headings()};
+    const auto add = [&table](std::optional<Row> row) {
+        if (row) table.push_back(std::move(*row));
+    };
+    for (const auto& [scene, byName] : results) {
+        for (const PathName& path : pathNames) add(rowOf(scene, byName, path.name, path.name, path.floor));
+        for (std::size_t i = 0; i < rivalNames.size(); ++i)
+            add(rowOf(scene, byName, rivalNames[i], rivalTitles[i], ""));
+    }
+    return table;
+}
+
+void print(const std::vector<Row>& table) {
+    std::vector<std::size_t> widths(table.front().size(), 0);
+    for (const Row& row : table)
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    const auto printRow = [&widths](const Row& row) {
+        std::string line = "|";
+        // Names to the left, numbers to the right.
+        for (std::size_t i = 0; i < row.size(); ++i)
+            line += i == 0 ? fmt::format(" {:<{}} |", row[i], widths[i]) : fmt::format(" {:>{}} |", row[i], widths[i]);
+        fmt::print("{}\n", line);
+    };
+    printRow(table.front());
+    std::string rule = "|";
+    for (std::size_t i = 0; i < widths.size(); ++i) rule += std::string(widths[i] + 1, '-') + (i == 0 ? "-|" : ":|");
+    fmt::print("{}\n", rule);
+    for (std::size_t i = 1; i < table.size(); ++i) printRow(table[i]);
+}
+
+void printPreamble(const json& context, const Results& results) {
+    std::size_t least = std::numeric_limits<std::size_t>::max(), most = 0, measured = 0, unsteady = 0;
+    for (const auto& [scene, byName] : results) {
+        for (const auto& [name, result] : byName) {
+            least = std::min(least, result.milliseconds.size());
+            most = std::max(most, result.milliseconds.size());
+            ++measured;
+            unsteady += isUnsteady(result) ? 1 : 0;
+        }
+    }
+    if (measured == 0) throw std::runtime_error("no times in the file");
+    fmt::print("Medians of {} repetitions of one run; {} processors at {} MHz, OpenCV {} with {} threads.\n",
+               least == most ? std::to_string(least) : fmt::format("{} to {}", least, most),
+               context.value("num_cpus", 0), context.value("mhz_per_cpu", 0), context.value("opencv", "?"),
+               context.value("opencv_threads", "?"));
+    fmt::print("\"/ name\" is the time divided by that of the floor or detector named: below 1 is faster.\n");
+    if (unsteady > 0)
+        fmt::print("{} of {} times spread by more than {:.0f} % between repetitions: the machine was not idle.\n",
+                   unsteady, measured, largestSpread * 100);
+    fmt::print("\n");
+}
+
+/// The benchmark library writes the relative spread of a counter that is always 0 as a bare NaN, which JSON does not
+/// have.
+json parseResults(std::istream& file) {
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    return json::parse(std::regex_replace(text, std::regex(": -?(NaN|Infinity)"), ": null"));
+}
+
+int run(const char* path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error(std::string("cannot read ") + path);
+    const json document = parseResults(file);
+    Results results;
+    for (const json& entry : document.at("benchmarks")) addRun(entry, results);
+    printPreamble(document.at("context"), results);
+    print(tableOf(results));
+    return 0;
+}
+
+}  // namespace
+}  // namespace kestrune::bench
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        fmt::print(stderr, "usage: {} RESULT.json\n", argc > 0 ? argv[0] : "kestrune_compare");
+        return 2;
+    }
+    try {
+        return kestrune::bench::run(argv[1]);
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "{}: {}\n", argv[1], error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The commands of the program. Each gets what its command line said and returns the exit code of the process.
+#pragma once
+
+#include <cstdint>
+#include <opencv2/core.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "settings.h"
+
+namespace kestrune::host {
+
+constexpr int kSuccess = 0;
+constexpr int kPartlyFailed = 1;  ///< an image could not be handled, or the demonstration missed its truth
+constexpr int kWrongInput = 2;    ///< command line, settings, calibration or an output file; nothing was extracted
+
+struct ExtractOptions {
+    std::vector<std::string> images;
+    std::string settings;
+    std::optional<Path> path;
+    bool invert = false;
+    int eye = 0;
+    std::string calibration, csv, overlay;  ///< file names, empty: not asked for
+};
+
+int runExtract(const ExtractOptions& options);
+
+struct DemoOptions {
+    std::string out = "kestrune-demo";
+    cv::Size size{1632, 1360};
+    int markers = 60;
+    std::uint64_t seed = 1;
+    std::string settings;  ///< folder of the ready settings; empty: where the program was built or installed
+};
+
+int runDemo(const DemoOptions& options);
+
+/// Checks the files, or lists the fields where there are none.
+int runSettings(const std::vector<std::string>& files);
+
+/// Prints a line on standard error with the program's name before it.
+void complain(const std::string& text);
+
+}  // namespace kestrune::host

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <kestrune_scene/scene.h>
+#include <array>
+#include <filesystem>
+
+#include "commands.h"
+#include "markers.h"
+#include "overlay.h"
+#include "progress.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The scene: markers small and large, seen from straight ahead to askew, on a ground with things that are no
+// markers.
+constexpr double kSmallestRadiusPx = 7, kLargestRadiusPx = 30;
+constexpr double kMaxTiltDegrees = 25;
+constexpr double kMarkerGrey = 190;
+constexpr double kClutterPerPixel = 18e-6;
+// A detection farther away than this from every marker's centre is no picture of a marker.
+constexpr double kMatchDistancePx = 3;
+
+constexpr std::array<const char*, 2> kEyeNames = {"left", "right"};
+
+struct Contestant {
+    Path path;
+    const char* file;
+};
+constexpr std::array kContestants = {Contestant{Path::radial, "bright-radial.yaml"},
+                                     Contestant{Path::simple, "bright-subpixel.yaml"},
+                                     Contestant{Path::fast, "bright-fast.yaml"}};
+
+/// Beside the program in a build tree, under share in an installation.
+fs::path readySettings() {
+    const fs::path home = fs::read_symlink("/proc/self/exe").parent_path();
+    for (const fs::path& folder : {home / "settings", home.parent_path() / "share" / "kestrune" / "settings"}) {
+        if (fs::is_directory(folder)) return folder;
+    }
+    throw InputError((home / "settings").string(),
+                     "the ready settings are not there; name their folder with --settings");
+}
+
+/// The ready files leave the lens alone, since they must serve without a calibration. Here there is one, and every path
+/// that can use it does.
+Settings demoSettings(const fs::path& folder, const Contestant& contestant) {
+    Settings settings = loadSettings((folder / contestant.file).string(), contestant.path);
+    settings.configs.skipUndistort = false;
+    return settings;
+}
+
+Calibration calibrationOf(const scene::Rig& rig) {
+    Calibration calibration;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const scene::PinholeCamera& camera = eye == 0 ? rig.left : rig.right;
+        calibration[eye] = {cv::Mat(camera.intrinsic).clone(), cv::Mat(camera.distortion, true).reshape(1, 1)};
+    }
+    return calibration;
+}
+
+/// The marks of one eye: each found marker under its number in the scene, which is the same in both eyes.
+std::vector<Mark> marksAgainstTruth(const std::vector<Marker>& markers, const std::vector<scene::MarkerTruth>& truth,
+                                    std::size_t eye, const scene::DetectionScore& score, bool undistorted) {
+    const auto at = [](const auto& list, int i) -> const auto& {
+        return list[static_cast<std::size_t>(i)];
+    };
+    std::vector<Mark> marks;
+    for (const scene::DetectionMatch& match : score.matches) {
+        marks.push_back(markOf(at(markers, match.detection), MarkKind::found));
+        marks.back().label = fmt::format("{}", at(truth, match.marker).id);
+    }
+    for (const int i : score.falseOnes) {
+        marks.push_back(markOf(at(markers, i), MarkKind::wrong));
+        marks.back().label = "false";
+    }
+    for (const int i : score.missed) {
+        const scene::EllipseTruth& rim = at(truth, i).eye[eye];
+        marks.push_back({MarkKind::missed, fmt::format("missed {}", at(truth, i).id),
+                         undistorted ? rim.centre : rim.distortedCentre, rim.majorHalfAxis, rim.minorHalfAxis,
+                         rim.angle * 180 / CV_PI});
+    }
+    return marks;
+}
+
+struct Round {
+    std::string row;
+    bool perfect;
+};
+
+/// One path on one eye: extracts, scores, and writes the overlay.
+Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exposure, const Calibration& calibration,
+           const fs::path& overlay) {
+    CircleMarkerExtractor extractor;
+    const cv::Mat& image = exposure.image[eye];
+    const bool undistorted = deliversUndistorted(settings);
+    const std::vector<Marker> markers =
+        findMarkers(extractor, image, static_cast<int>(eye), calibration[eye], settings);
+    std::vector<cv::Point2d> centres;
+    for (const Marker& marker : markers) centres.push_back(marker.centre);
+    const scene::DetectionScore score =
+        scene::scoreDetections(exposure.markers, static_cast<int>(eye), centres, undistorted, kMatchDistancePx);
+
+    writePicture(overlay.string(),
+                 drawOverlay(imageBehind(image, calibration[eye], settings),
+                             marksAgainstTruth(markers, exposure.markers, eye, score, undistorted),
+                             fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)), true));
+
+    const bool perfect = score.missed.empty() && score.falseOnes.empty() && !score.matches.empty();
+    return {fmt::format("{:<9}{:<8}{:>6}{:>7}{:>8}{:>7}{:>16.4f}{:>9.4f}", nameOf(settings.path), kEyeNames[eye],
+                        score.matches.size() + score.missed.size(), score.matches.size(), score.missed.size(),
+                        score.falseOnes.size(), score.centreRms, score.centreMax),
+            perfect};
+}
+
+scene::Exposure renderScene(const DemoOptions& options) {
+    const scene::Rig rig = scene::makeVergedRig(options.size);
+    const std::vector<scene::Disc> discs = scene::makeScatteredDiscs(
+        rig, options.markers, kSmallestRadiusPx, kLargestRadiusPx, kMaxTiltDegrees, kMarkerGrey, options.seed);
+    const int clutter = cvRound(kClutterPerPixel * options.size.area());
+    scene::RenderOptions light;
+    light.seed = options.seed;
+    return scene::render(rig, discs, scene::makeClutter(rig, discs, clutter, options.seed), light);
+}
+
+}  // namespace
+
+int runDemo(const DemoOptions& options) {
+    const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
+    std::vector<Settings> contestants;
+    for (const Contestant& contestant : kContestants) contestants.push_back(demoSettings(folder, contestant));
+    const fs::path out = options.out;
+    fs::create_directories(out);
+
+    const scene::Exposure exposure = renderScene(options);
+    const Calibration calibration = calibrationOf(exposure.rig);
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        writePicture((out / fmt::format("{}.png", kEyeNames[eye])).string(), exposure.image[eye]);
+    }
+    writeCalibration((out / "calibration.yaml").string(), calibration);
+
+    std::vector<std::string> rows, overlays;
+    bool perfect = true;
+    Progress progress(contestants.size() * 2);
+    for (const Settings& settings : contestants) {
+        for (std::size_t eye = 0; eye < 2; ++eye) {
+            const fs::path overlay = out / fmt::format("{}-{}.png", kEyeNames[eye], nameOf(settings.path));
+            progress.show(rows.size(), overlay.string());
+            const Round round = play(settings, eye, exposure, calibration, overlay);
+            rows.push_back(round.row);
+            overlays.push_back(overlay.string());
+            perfect = perfect && round.perfect;
+        }
+    }
+    progress.clear();
+
+    fmt::print("rendered: {} x {} px, {} markers, seed {}\n\n", options.size.width, options.size.height,
+               exposure.markers.size(), options.seed);
+    fmt::print("path     eye      truth  found  missed  false   centre RMS px   max px\n");
+    for (const std::string& row : rows) fmt::print("{}\n", row);
+    fmt::print(
+        "\n(radial and simple with the lens taken out, fast as the lens shows it)\nexposure and calibration: "
+        "{0}/left.png {0}/right.png {0}/calibration.yaml\npictures to look at:\n",
+        out.string());
+    for (const std::string& overlay : overlays) fmt::print("  {}\n", overlay);
+    return perfect ? kSuccess : kPartlyFailed;
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// kestrune-measure: the example host. Reads images and settings, calls the library, writes tables and pictures.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+#include <opencv2/core/utils/logger.hpp>
+
+#include "commands.h"
+#include "inputs.h"
+
+namespace kestrune::host {
+namespace {
+
+// The scene needs room for a few markers, and the renderer memory for its accumulators.
+constexpr int kSmallestSide = 240, kLargestSide = 8192;
+
+constexpr const char* kExtractNotes =
+    "CSV: one row a marker; x, y, half axes and fitError in px, angle of the major axis in degrees, area in px^2 (the\n"
+    "product of the full axes; with path fast the contour's area); a field that the path does not measure is empty.\n"
+    "Coordinates are pixels of the full image, (0, 0) being the centre of the top left one. Path simple with scale "
+    "above 1\n"
+    "measures in the reduced image: its results are mapped back by (x + 0.5) s - 0.5 with s = full / reduced size.\n"
+    "With skipUndistort false in the settings, --calibration is needed, coordinates are free of lens distortion, and "
+    "the\n"
+    "overlay is drawn on the undistorted image.\n"
+    "Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.";
+
+void addExtract(CLI::App& app, ExtractOptions& options) {
+    static const std::map<std::string, Path> kPaths = {
+        {"simple", Path::simple}, {"radial", Path::radial}, {"fast", Path::fast}};
+    static const std::map<std::string, int> kEyes = {{"left", 0}, {"right", 1}};
+    CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
+    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
+    command->add_option("--settings", options.settings, "YAML file with every setting")->required();
+    command
+        ->add_option("--path", options.path,
+                     "simple (sub-pixel contours), radial or fast; without it, the settings decide")
+        ->transform(CLI::CheckedTransformer(kPaths))
+        ->option_text("simple|radial|fast");
+    command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
+    command->add_option("--eye", options.eye, "whose calibration counts; left without it")
+        ->transform(CLI::CheckedTransformer(kEyes))
+        ->option_text("left|right");
+    command->add_option("--calibration", options.calibration, "YAML file with M1, D1 (left) and M2, D2 (right)");
+    command->add_option("--csv", options.csv, "write the markers as a table");
+    command->add_option("--overlay", options.overlay, "draw the markers; of several images, as FILE-<image>.png")
+        ->option_text("FILE.png");
+    command->footer(kExtractNotes);
+}
+
+void addDemo(CLI::App& app, DemoOptions& options) {
+    CLI::App* command = app.add_subcommand("demo", "Render an exposure, find its markers, compare with the truth");
+    command->add_option("--out", options.out, "folder for the pictures")->capture_default_str();
+    command
+        ->add_option_function<std::string>(
+            "--size",
+            [&options](const std::string& text) {
+                char rest = 0;
+                int width = 0, height = 0;
+                const bool read = std::sscanf(text.c_str(), "%dx%d%c", &width, &height, &rest) == 2;
+                if (!read || std::min(width, height) < kSmallestSide || std::max(width, height) > kLargestSide) {
+                    throw CLI::ValidationError(
+                        "--size", fmt::format("{} is no WxH of {} to {} px", text, kSmallestSide, kLargestSide));
+                }
+                options.size = {width, height};
+            },
+            "of each image, px")
+        ->option_text(fmt::format("WxH [{}x{}]", options.size.width, options.size.height));
+    command->add_option("--markers", options.markers, "at most so many")
+        ->check(CLI::Range(1, 2000))
+        ->capture_default_str();
+    command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
+    command->add_option("--settings", options.settings, "folder of the bright-*.yaml files");
+    command->footer("Exit code: 0 if every path found every marker and nothing else, otherwise 1.");
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Finds small flat circular markers in camera images and measures them.", "kestrune-measure");
+    app.require_subcommand(1);
+    ExtractOptions extract;
+    addExtract(app, extract);
+    DemoOptions demo;
+    addDemo(app, demo);
+    std::vector<std::string> files;
+    app.add_subcommand("settings", "List the fields of a settings file, or check files")
+        ->add_option("FILE", files, "settings files to check; without one, the fields are listed");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kSuccess : kWrongInput;
+    }
+    if (app.got_subcommand("extract")) return runExtract(extract);
+    if (app.got_subcommand("demo")) return runDemo(demo);
+    return runSettings(files);
+}
+
+}  // namespace
+
+int runSettings(const std::vector<std::string>& files) {
+    if (files.empty()) fmt::print("{}", describeSettings());
+    int code = kSuccess;
+    for (const std::string& file : files) {
+        try {
+            fmt::print("{}: good for path {}\n", file, nameOf(loadSettings(file, {}).path));
+        } catch (const std::runtime_error& error) {
+            complain(error.what());
+            code = kWrongInput;
+        }
+    }
+    return code;
+}
+
+void complain(const std::string& text) {
+    fmt::print(stderr, "kestrune-measure: {}\n", text);
+}
+
+}  // namespace kestrune::host
+
+int main(int argc, char** argv) {
+    // Its reports about unreadable files would stand beside ours.
+    cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+    try {
+        return kestrune::host::run(argc, argv);
+    } catch (const std::exception& error) {
+        kestrune::host::complain(kestrune::host::plainText(error));
+        return kestrune::host::kWrongInput;
+    }
+}

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "markers.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+#include <limits>
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+#include <ostream>
+
+namespace kestrune::host {
+namespace {
+
+constexpr double kNotMeasured = std::numeric_limits<double>::quiet_NaN();
+
+/// Maps the pixels of an image reduced by `cv::resize` back to those of the full image. The two agree at the outer
+/// edges of the image, not at the centres of the first pixels.
+struct Enlargement {
+    double x = 1, y = 1;
+
+    cv::Point2d point(cv::Point2d p) const { return {(p.x + 0.5) * x - 0.5, (p.y + 0.5) * y - 0.5}; }
+
+    /// Both factors differ only by the columns or rows that the division cut off.
+    double length(double l) const { return l * std::sqrt(x * y); }
+
+    /// The matrix of the camera that takes the reduced image.
+    cv::Mat reduced(const cv::Mat& matrix) const {
+        cv::Mat small = matrix.clone();
+        small.row(0) /= x;
+        small.row(1) /= y;
+        small.at<double>(0, 2) = (matrix.at<double>(0, 2) + 0.5) / x - 0.5;
+        small.at<double>(1, 2) = (matrix.at<double>(1, 2) + 0.5) / y - 0.5;
+        return small;
+    }
+};
+
+/// The sub-pixel path alone answers in pixels of the reduced image.
+Enlargement enlargementOf(const cv::Mat& image, const Settings& settings) {
+    const int scale = settings.configs.scale;
+    const int columns = image.cols / scale, rows = image.rows / scale;
+    if (settings.path != Path::simple || columns == 0 || rows == 0) return {};
+    return {static_cast<double>(image.cols) / columns, static_cast<double>(image.rows) / rows};
+}
+
+Marker makeMarker(int id, const Corner& corner) {
+    return {id,          {corner.x, corner.y}, kNotMeasured, kNotMeasured, kNotMeasured,
+            corner.area, corner.eccentricity,  kNotMeasured, kNotMeasured, kNotMeasured};
+}
+
+std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
+                             const CicrleConfigs& configs) {
+    cv::Mat grey = image;
+    if (image.channels() == 3) cv::cvtColor(image, grey, cv::COLOR_BGR2GRAY);
+    std::vector<Corner> corners;
+    extractor.extractMarkPointsFast(grey, corners, eye, configs);
+    std::vector<Marker> markers;
+    for (const Corner& corner : corners) {
+        markers.push_back(makeMarker(static_cast<int>(markers.size()), corner));
+        if (!configs.enableEccentricityFilter) markers.back().eccentricity = kNotMeasured;
+    }
+    return markers;
+}
+
+std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
+                                   const Camera& camera, const Settings& settings) {
+    const Enlargement enlarge = enlargementOf(image, settings);
+    if (deliversUndistorted(settings)) {
+        (eye == 0 ? extractor.leftIntrinsic : extractor.rightIntrinsic) = enlarge.reduced(camera.matrix);
+        (eye == 0 ? extractor.leftDistortion : extractor.rightDistortion) = camera.distortion;
+    }
+    std::vector<Corner> corners;
+    extractor.CircleExtractSimple(image, corners, eye, settings.configs);
+
+    std::vector<Marker> markers;
+    for (std::size_t i = 0; i < corners.size(); ++i) {
+        const Corner& corner = corners[i];
+        const cv::RotatedRect& rect = extractor.markerRects[i];
+        const bool wide = rect.size.width >= rect.size.height;
+        Marker marker = makeMarker(corner.id, corner);
+        marker.centre = enlarge.point(marker.centre);
+        marker.majorHalfAxis = enlarge.length(0.5 * std::max(rect.size.width, rect.size.height));
+        marker.minorHalfAxis = enlarge.length(0.5 * std::min(rect.size.width, rect.size.height));
+        marker.angle = std::fmod(rect.angle + (wide ? 360.0 : 450.0), 180.0);
+        marker.area *= enlarge.x * enlarge.y;
+        marker.circularity = corner.circularity;
+        if (settings.path == Path::simple) marker.fitError = enlarge.length(corner.fitError);
+        if (settings.path == Path::radial) marker.fitResidual = corner.fitResidual;
+        markers.push_back(marker);
+    }
+    return markers;
+}
+
+/// A name may hold what separates fields.
+std::string quoted(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string result = "\"";
+    for (const char c : text) result += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return result + '"';
+}
+
+}  // namespace
+
+bool deliversUndistorted(const Settings& settings) {
+    return settings.path != Path::fast && !settings.configs.skipUndistort;
+}
+
+std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
+                                const Settings& settings) {
+    if (settings.path == Path::fast) return findFast(extractor, image, eye, settings.configs);
+    return findByContours(extractor, image, eye, camera, settings);
+}
+
+cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& settings) {
+    if (!deliversUndistorted(settings)) return image;
+    cv::Mat undistorted;
+    cv::undistort(image, undistorted, camera.matrix, camera.distortion);
+    return undistorted;
+}
+
+void writeCsvHeader(std::ostream& stream) {
+    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual\n";
+}
+
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers) {
+    for (const Marker& m : markers) {
+        stream << quoted(image) << ',' << m.id;
+        for (const double value : {m.centre.x, m.centre.y, m.majorHalfAxis, m.minorHalfAxis, m.angle, m.area,
+                                   m.eccentricity, m.circularity, m.fitError, m.fitResidual}) {
+            stream << ',' << (std::isnan(value) ? std::string() : fmt::format("{}", value));
+        }
+        stream << '\n';
+    }
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One image to a list of markers, in pixels of the full image whatever the path delivers, and that list as CSV.
+#pragma once
+
+#include <kestrune/MarkerExtractor.h>
+
+#include <iosfwd>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "inputs.h"
+#include "settings.h"
+
+namespace kestrune::host {
+
+/// A marker as this program shows it. What the path does not measure is not a number.
+struct Marker {
+    int id;                ///< place in the list
+    cv::Point2d centre;    ///< px of the full image; undistorted unless `skipUndistort`
+    double majorHalfAxis;  ///< px; not from the fast path
+    double minorHalfAxis;  ///< px; not from the fast path
+    double angle;          ///< of the major axis to the x axis, degrees in [0, 180); not from the fast path
+    double area;           ///< px^2: product of the full axes, from the fast path the contour's area
+    double eccentricity;   ///< from the fast path only with `enableEccentricityFilter`
+    double circularity;    ///< not from the fast path
+    double fitError;       ///< px; simple path only
+    double fitResidual;    ///< radial path only
+};
+
+/// True where the markers' coordinates are those of an image without lens distortion.
+bool deliversUndistorted(const Settings& settings);
+
+/// Extracts the markers of one image and maps them to full-image pixels.
+///
+/// @param eye     0 left, 1 right.
+/// @param camera  of that eye; may be empty unless `deliversUndistorted`.
+/// @throws cv::Exception  from the library.
+std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
+                                const Settings& settings);
+
+/// The image in whose pixels the markers' coordinates are: `image` itself, or without the lens's distortion.
+cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& settings);
+
+/// Writes the header row of the CSV.
+void writeCsvHeader(std::ostream& stream);
+
+/// Writes one row for each marker: shortest decimals that give the same numbers again, nothing where nothing was
+/// measured.
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers);
+
+}  // namespace kestrune::host

@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "overlay.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace kestrune::host {
+namespace {
+
+// From this half axis on, in pixels of the picture, the gap between an ellipse and the rim it lies on can be seen.
+constexpr double kLegibleRadius = 16;
+// Smaller ellipses get a thin line, which covers less of the rim.
+constexpr double kThinRadius = 9;
+// Below this width the banner's text has no room.
+constexpr int kLeastWidth = 900;
+// Above this side viewers become slow and files unhandy.
+constexpr int kLargestSide = 5200;
+// The image steps back a little behind what is drawn on it.
+constexpr double kImageBrightness = 0.85;
+// Fractional bits of the drawing coordinates: a 16th of a pixel is finer than the eye.
+constexpr int kFractionBits = 4;
+
+constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
+// The banner grows with the picture, so that it can be read where the whole picture is shrunk to a screen.
+constexpr int kWidthPerBanner = 1500;
+constexpr int kBannerHeight = 56;
+constexpr double kBannerTextScale = 0.8;
+// A label grows with its marker, within what is legible and what leaves room for the neighbours.
+constexpr double kRadiusPerTextScale = 40;
+constexpr double kSmallestTextScale = 0.5, kLargestTextScale = 0.9;
+constexpr int kLabelGap = 3;
+constexpr double kSmallestArm = 4, kLargestArm = 12;
+
+const cv::Scalar kDark(16, 16, 16);
+const cv::Scalar kBanner(48, 40, 36);
+const cv::Scalar kBannerText(240, 240, 240);
+
+struct Style {
+    const char* name;
+    cv::Scalar colour;  ///< BGR
+    cv::Scalar cross;
+};
+
+const Style& styleOf(MarkKind kind) {
+    static const std::array<Style, 3> kStyles = {
+        Style{"found", {120, 255, 60}, {255, 80, 255}},
+        Style{"missed", {0, 170, 255}, {0, 170, 255}},
+        Style{"false", {60, 60, 255}, {60, 60, 255}},
+    };
+    return kStyles[static_cast<std::size_t>(kind)];
+}
+
+cv::Point fixedPoint(cv::Point2d p) {
+    constexpr double kOne = 1 << kFractionBits;
+    return {cvRound(p.x * kOne), cvRound(p.y * kOne)};
+}
+
+/// The enlargement at which nine of ten marks are legible, as far as the picture's size allows.
+int zoomFor(cv::Size size, const std::vector<Mark>& marks) {
+    std::vector<double> radii;
+    for (const Mark& mark : marks) radii.push_back(std::max(mark.minorHalfAxis, 1.0));
+    int zoom = (kLeastWidth + size.width - 1) / size.width;
+    if (!radii.empty()) {
+        const auto tenth = radii.begin() + static_cast<std::ptrdiff_t>(radii.size() / 10);
+        std::nth_element(radii.begin(), tenth, radii.end());
+        zoom = std::max(zoom, cvRound(kLegibleRadius / *tenth));
+    }
+    return std::clamp(zoom, 1, std::max(1, kLargestSide / std::max(size.width, size.height)));
+}
+
+Mark enlarged(Mark mark, int zoom) {
+    mark.centre = {(mark.centre.x + 0.5) * zoom - 0.5, (mark.centre.y + 0.5) * zoom - 0.5};
+    mark.majorHalfAxis *= zoom;
+    mark.minorHalfAxis *= zoom;
+    return mark;
+}
+
+/// Every stroke is drawn twice, broad and dark below bright, so that it shows on any ground.
+template <typename Draw>
+void drawTwice(const cv::Scalar& colour, int thickness, const Draw& draw) {
+    draw(kDark, thickness + 2);
+    draw(colour, thickness);
+}
+
+void drawMark(cv::Mat& canvas, const Mark& mark) {
+    const Style& style = styleOf(mark.kind);
+    const int thickness = mark.kind == MarkKind::found && mark.minorHalfAxis < kThinRadius ? 1 : 2;
+    const cv::Point centre = fixedPoint(mark.centre);
+    const cv::Point axes = fixedPoint({mark.majorHalfAxis, mark.minorHalfAxis});
+    drawTwice(style.colour, thickness, [&](const cv::Scalar& colour, int width) {
+        cv::ellipse(canvas, centre, cv::Size(axes), mark.angle, 0, 360, colour, width, cv::LINE_AA, kFractionBits);
+    });
+    const double arm = std::clamp(0.45 * mark.minorHalfAxis, kSmallestArm, kLargestArm);
+    drawTwice(style.cross, 1, [&](const cv::Scalar& colour, int width) {
+        for (const cv::Point2d d : {cv::Point2d(arm, 0), cv::Point2d(0, arm)}) {
+            cv::line(canvas, fixedPoint(mark.centre - d), fixedPoint(mark.centre + d), colour, width, cv::LINE_AA,
+                     kFractionBits);
+        }
+    });
+}
+
+cv::Rect boxOf(const Mark& mark) {
+    const double t = mark.angle * CV_PI / 180;
+    const double w = std::hypot(mark.majorHalfAxis * std::cos(t), mark.minorHalfAxis * std::sin(t));
+    const double h = std::hypot(mark.majorHalfAxis * std::sin(t), mark.minorHalfAxis * std::cos(t));
+    return {cvFloor(mark.centre.x - w), cvFloor(mark.centre.y - h), cvCeil(2 * w) + 1, cvCeil(2 * h) + 1};
+}
+
+/// The place beside a mark's box where a label of `size` covers least of what is taken already.
+cv::Rect placeLabel(const cv::Rect& box, cv::Size size, const std::vector<cv::Rect>& taken, const cv::Rect& inside) {
+    const int left = box.x - size.width - kLabelGap, right = box.br().x + kLabelGap;
+    const int above = box.y - size.height - kLabelGap, below = box.br().y + kLabelGap;
+    const int midX = box.x + (box.width - size.width) / 2, midY = box.y + (box.height - size.height) / 2;
+    const int inset = std::min(box.width, box.height) / 6;  // the box's corners lie outside the ellipse
+    const std::array<cv::Point, 8> places = {cv::Point(right - inset, above + inset),
+                                             {right, midY},
+                                             {midX, above},
+                                             {left + inset, above + inset},
+                                             {right - inset, below - inset},
+                                             {midX, below},
+                                             {left + inset, below - inset},
+                                             {left, midY}};
+    cv::Rect best;
+    int leastCovered = std::numeric_limits<int>::max();
+    for (const cv::Point& place : places) {
+        const cv::Rect label(place, size);
+        int covered = 4 * (label.area() - (label & inside).area());
+        for (const cv::Rect& other : taken) covered += other == box ? 0 : (label & other).area();
+        if (covered < leastCovered) {
+            leastCovered = covered;
+            best = label;
+        }
+    }
+    return best;
+}
+
+void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks) {
+    std::vector<cv::Rect> taken;
+    for (const Mark& mark : marks) taken.push_back(boxOf(mark));
+    for (std::size_t i = 0; i < marks.size(); ++i) {
+        const double scale =
+            std::clamp(marks[i].minorHalfAxis / kRadiusPerTextScale, kSmallestTextScale, kLargestTextScale);
+        int baseline = 0;
+        const cv::Size size = cv::getTextSize(marks[i].label, kFont, scale, 1, &baseline);
+        const cv::Rect place = placeLabel(taken[i], size, taken, {{0, 0}, canvas.size()});
+        taken.push_back(place);
+        drawTwice(styleOf(marks[i].kind).colour, 1, [&](const cv::Scalar& colour, int width) {
+            cv::putText(canvas, marks[i].label, {place.x, place.br().y}, kFont, scale, colour, width, cv::LINE_AA);
+        });
+    }
+}
+
+/// How many times its least size the banner is drawn.
+double bannerScale(int width) {
+    return std::max(1.0, static_cast<double>(width) / kWidthPerBanner);
+}
+
+void drawBanner(cv::Mat banner, const std::vector<Mark>& marks, const std::string& title, bool againstTruth) {
+    banner.setTo(kBanner);
+    const double scale = bannerScale(banner.cols);
+    const int middle = banner.rows / 2, thickness = cvRound(2 * scale);
+    int x = middle;
+    const auto write = [&](const std::string& text) {
+        int baseline = 0;
+        const cv::Size size = cv::getTextSize(text, kFont, kBannerTextScale * scale, thickness, &baseline);
+        cv::putText(banner, text, {x, middle + size.height / 2}, kFont, kBannerTextScale * scale, kBannerText,
+                    thickness, cv::LINE_AA);
+        x += size.width + middle;
+    };
+    write(title);
+    for (const MarkKind kind : {MarkKind::found, MarkKind::missed, MarkKind::wrong}) {
+        if (kind != MarkKind::found && !againstTruth) continue;
+        const double swatch = kLegibleRadius * scale;
+        drawMark(banner, {kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0});
+        x += cvRound(3 * swatch);
+        write(fmt::format("{} {}", std::ranges::count(marks, kind, &Mark::kind), styleOf(kind).name));
+    }
+}
+
+}  // namespace
+
+Mark markOf(const Marker& marker, MarkKind kind) {
+    const bool ellipse = !std::isnan(marker.majorHalfAxis);
+    const double radius = std::sqrt(marker.area / CV_PI);
+    return {kind,
+            fmt::format("{}", marker.id),
+            marker.centre,
+            ellipse ? marker.majorHalfAxis : radius,
+            ellipse ? marker.minorHalfAxis : radius,
+            ellipse ? marker.angle : 0};
+}
+
+cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title, bool againstTruth) {
+    const int zoom = zoomFor(image.size(), marks);
+    const int bannerHeight = cvRound(kBannerHeight * bannerScale(image.cols * zoom));
+    cv::Mat picture(image.rows * zoom + bannerHeight, image.cols * zoom, CV_8UC3);
+    cv::Mat colour;
+    if (image.channels() == 1)
+        cv::cvtColor(image, colour, cv::COLOR_GRAY2BGR);
+    else
+        colour = image;
+    cv::Mat canvas = picture.rowRange(bannerHeight, picture.rows);
+    cv::resize(colour * kImageBrightness, canvas, canvas.size(), 0, 0, cv::INTER_CUBIC);
+
+    std::vector<Mark> large;
+    for (const Mark& mark : marks) large.push_back(enlarged(mark, zoom));
+    for (const Mark& mark : large) drawMark(canvas, mark);
+    drawLabels(canvas, large);
+    drawBanner(picture.rowRange(0, bannerHeight), marks, title, againstTruth);
+    return picture;
+}
+
+void writePicture(const std::string& file, const cv::Mat& picture) {
+    bool written = false;
+    try {
+        written = cv::imwrite(file, picture);
+    } catch (const cv::Exception& error) {
+        throw InputError(file, plainText(error));
+    }
+    if (!written) throw InputError(file, "cannot be written");
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace kestrune::host {
+
+/// A bar on standard error while many images are handled; silent for a single one and where nobody watches a terminal.
+class Progress {
+  public:
+    explicit Progress(std::size_t total);
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress() { clear(); }
+
+    /// Shows that `done` items are finished and `current` is under way.
+    void show(std::size_t done, const std::string& current);
+
+    /// Takes the bar away, so that a line can be printed in its place.
+    void clear();
+
+  private:
+    std::size_t total_;
+    bool visible_;
+};
+
+}  // namespace kestrune::host

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# Checks the layout (clang-format), the scripts (shellcheck) and the code (clang-tidy), and changes nothing.
+# usage: scripts/lint.sh [REGEX...]    clang-tidy only on source files whose path matches
+set -euo pipefail
+cd "$(dirname "$0")/.."
+folders=(plugins scene examples tests benchmarks)
+clean=0
+
+scripts/setup.sh lint
+find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run -Werror || clean=1
+shellcheck scripts/*.sh .ci/run benchmarks/compare tests/packaging/*.sh || clean=1
+
+cmake --preset release --log-level=WARNING
+if (( $# == 0 )); then set -- "^$PWD/($(IFS='|'; echo "${folders[*]}"))/"; fi
+run-clang-tidy -quiet -p build/release -j "$(nproc)" "$@" || clean=1
+exit "$clean"

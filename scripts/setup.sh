@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# Installs the Debian 12 packages that are missing. Without arguments: what the library, the example host, the tests and
+# the benchmarks need. `tsan` adds the compiler of the tsan preset, `lint` what scripts/lint.sh needs.
+# Works as root, or through sudo; does nothing where everything is there.
+set -euo pipefail
+
+packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
+          nlohmann-json3-dev libgtest-dev libbenchmark-dev)
+clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresses in the sanitizer's reports
+
+for extra in "$@"; do
+    case $extra in
+        tsan) packages+=("${clang[@]}") ;;
+        lint) packages+=("${clang[@]}" clang-format clang-tidy shellcheck) ;;
+        *) echo "usage: scripts/setup.sh [tsan] [lint]" >&2; exit 2 ;;
+    esac
+done
+
+missing=()
+for package in "${packages[@]}"; do
+    state=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null || true)
+    [[ $state == installed* ]] || missing+=("$package")
+done
+(( ${#missing[@]} )) || exit 0
+
+as_root=()
+if (( EUID != 0 )); then
+    command -v sudo >/dev/null || { echo "Not root and no sudo here. As root: apt-get install ${missing[*]}" >&2; exit 1; }
+    as_root=(sudo)
+fi
+echo "Installing ${missing[*]}"
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    -o Dpkg::Use-Pty=0 "${missing[@]}" >/dev/null

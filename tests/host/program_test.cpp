@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The program from outside: exit codes, what it writes, and whether its figures are those of the full, undistorted image.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <kestrune_scene/scene.h>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <opencv2/imgcodecs.hpp>
+#include <sstream>
+
+#include "inputs.h"
+#include "markers.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kReady = KESTRUNE_SETTINGS_DIR "/";
+
+/// Exit code and what came out of both streams.
+std::pair<int, std::string> measure(const std::string& arguments) {
+    FILE* pipe = ::popen((KESTRUNE_MEASURE " " + arguments + " 2>&1").c_str(), "r");
+    std::string output;
+    std::array<char, 4096> part{};
+    while (const std::size_t n = std::fread(part.data(), 1, part.size(), pipe)) output.append(part.data(), n);
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+/// One demonstration's exposure is the input of all that follows.
+TEST(HostProgram, DemoThenExtract) {
+    const std::string at = testing::TempDir() + "kestrune-program-test/";
+    fs::remove_all(at);
+    fs::create_directories(at);
+    const auto demo = measure("demo --size 800x640 --markers 12 --seed 3 --out " + at + "demo");
+    ASSERT_EQ(demo.first, 0) << demo.second;
+    for (const char* picture : {"left-radial", "right-radial", "left-simple", "right-simple", "left-fast", "right-fast"}) {
+        EXPECT_GT(readImage(at + "demo/" + picture + ".png", false).cols, 800) << picture;
+    }
+
+    const std::string image = " " + at + "demo/left.png";
+    std::ofstream(at + "broken.png") << "no picture";
+    cv::Mat deep;
+    readImage(at + "demo/left.png", false).convertTo(deep, CV_16U, 256);
+    cv::imwrite(at + "deep.png", deep);
+    const std::string radial = " --settings " + kReady + "bright-radial.yaml";
+    const std::string subpixel = " --settings " + kReady + "bright-subpixel.yaml";
+    struct Case {
+        std::string arguments;
+        int code;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"", 2, "subcommand is required"},
+        {"extract" + image, 2, "--settings is required"},
+        {"extract" + image + radial + " --path round", 2, "--path"},
+        {"extract" + image + radial + " --eye 5", 2, "--eye"},
+        {"extract" + image + " --settings none.yaml", 2, "none.yaml: cannot be read"},
+        {"extract" + image + radial + " --overlay picture.jpg", 2, "picture.jpg: an overlay is written as .png"},
+        {"extract" + image + radial + " --csv " + at + "no/where.csv", 2, "where.csv: cannot be written"},
+        {"extract" + image + radial + " --calibration " + kReady + "bright-radial.yaml", 2, "field 'M1' is missing"},
+        {"extract" + image + radial + " --calibration " + at + "demo/calibration.yaml", 0, "is not used"},
+        {"extract " + at + "broken.png" + image + radial, 1, "broken.png: cannot be read as an image"},
+        {"extract " + at + "broken.png" + image + radial, 1, "left.png: 12 markers"},
+        {"extract " + at + "deep.png" + radial, 1, "deep.png: "},
+        {"extract" + image + subpixel, 0, ": 12 markers"},
+        {"extract" + image + radial + " --invert", 0, ": 0 markers"},
+        {"settings " + kReady + "bright-radial.yaml none.yaml", 2, "good for path radial"},
+        {"demo --size 10x10 --out " + at + "small", 2, "10x10"},
+        {"extract" + image + image + " --path fast --csv " + at + "t.csv --overlay " + at + "o.png --settings " + kReady + "bright-fast.yaml", 0,
+         "o-left-2.png"},
+    };
+    for (const Case& c : cases) {
+        const auto [code, output] = measure(c.arguments);
+        EXPECT_EQ(code, c.code) << c.arguments << "\n" << output;
+        EXPECT_NE(output.find(c.expected), std::string::npos) << c.arguments << "\n" << output;
+        EXPECT_EQ(output.find('\r'), std::string::npos) << "a progress bar where no terminal is";
+    }
+    // The last case's table: both images, twelve fields a row, and those empty that this path does not measure.
+    const std::string csv = readText(at + "t.csv");
+    EXPECT_TRUE(csv.starts_with("image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual\n"));
+    EXPECT_EQ(std::ranges::count(csv, '\n'), 25);
+    EXPECT_EQ(std::ranges::count(csv, ','), 25 * 11);
+    EXPECT_EQ(csv.substr(csv.size() - 4), ",,,\n");
+    EXPECT_TRUE(fs::exists(at + "o-left.png") && fs::exists(at + "o-left-2.png"));
+}
+
+/// Whatever the scale, centres and axes are those of the full image, with the lens taken out.
+TEST(HostMarkers, AgreeWithTheTruthAtEveryScale) {
+    const scene::Rig rig = scene::makeVergedRig({1001, 803});  // no multiple of 2 or 3
+    const scene::Exposure exposure = scene::render(rig, scene::makeScatteredDiscs(rig, 20, 24, 30, 30, 200, 5), {}, scene::RenderOptions{});
+    const Camera camera{cv::Mat(rig.right.intrinsic), cv::Mat(rig.right.distortion, true)};
+    for (const int scale : {1, 2, 3}) {
+        for (const char* name : {"bright-subpixel.yaml", "bright-radial.yaml"}) {
+            SCOPED_TRACE(testing::Message() << name << " at scale " << scale);
+            Settings settings = loadSettings(kReady + name, {});
+            settings.configs.scale = scale;
+            settings.configs.skipUndistort = false;
+            CircleMarkerExtractor extractor;
+            const std::vector<Marker> markers = findMarkers(extractor, exposure.image[1], 1, camera, settings);
+            std::vector<cv::Point2d> centres;
+            for (const Marker& marker : markers) centres.push_back(marker.centre);
+            const scene::DetectionScore score = scene::scoreDetections(exposure.markers, 1, centres, true, 2);
+            EXPECT_TRUE(score.missed.empty() && score.falseOnes.empty() && score.matches.size() >= 15);
+            EXPECT_LT(score.centreRms, 0.06 * scale);  // half a pixel of the reduced image would be 0.5 or 1
+            for (const scene::DetectionMatch& match : score.matches) {
+                const scene::EllipseTruth& rim = exposure.markers[static_cast<std::size_t>(match.marker)].eye[1];
+                EXPECT_NEAR(markers[static_cast<std::size_t>(match.detection)].majorHalfAxis, rim.majorHalfAxis, 1.5);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kestrune::host

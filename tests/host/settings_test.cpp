@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "settings.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "inputs.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kReady = KESTRUNE_SETTINGS_DIR "/";
+
+/// The line of `field` becomes `line`, or goes.
+std::string withLine(std::string text, const std::string& field, const std::string& line) {
+    const auto start = ("\n" + text).find("\n" + field);
+    return text.replace(start, text.find('\n', start) - start, line);
+}
+
+/// What loading the text complains about; empty if it loads.
+std::string complaint(const std::string& text, std::optional<Path> path = {}) {
+    const std::string file = testing::TempDir() + "kestrune-settings-test.yaml";
+    std::ofstream(file) << text;
+    try {
+        loadSettings(file, path);
+    } catch (const std::runtime_error& error) {
+        EXPECT_TRUE(std::string(error.what()).starts_with(file)) << error.what();
+        return error.what();
+    }
+    return "";
+}
+
+TEST(HostSettings, ReadyFilesLoadForThePathOfTheirName) {
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(kReady)) {
+        const std::string name = entry.path().stem();
+        EXPECT_EQ(loadSettings(entry.path(), {}).path, name.ends_with("radial") ? Path::radial : Path::simple) << name;
+        ++files;
+    }
+    EXPECT_GE(files, 7);
+    EXPECT_FALSE(loadSettings(kReady + "bright-radial.yaml", Path::simple).configs.useRadialContours);
+}
+
+TEST(HostSettings, BrokenFilesNameFieldAndValue) {
+    struct Case {
+        const char* field;
+        const char* line;
+        const char* expected;  ///< empty: nothing is wrong
+        std::optional<Path> path = {};
+    };
+    const Case cases[] = {
+        {"sigma", "", "field 'sigma' is missing"},
+        {"sigma", "sgima: 1.0", "unknown field 'sgima'"},
+        {"sigma", "sigma: 1.0\nsigma: 2.0", "field 'sigma' is there 2 times"},
+        {"sigma", "sigma: wide", "field 'sigma': 'wide' is not a number"},
+        {"sigma", "sigma: .Nan", "field 'sigma': .Nan is outside"},
+        {"sigma", "sigma: .Inf", "field 'sigma': .Inf is outside"},
+        {"sigma", "sigma: 0.16", "field 'sigma' 0.16: path simple", Path::simple},
+        {"sigma", "sigma: 0.16", "", Path::radial},
+        {"sigma", "sigma: 1", ""},
+        {"scale", "scale: 0", "field 'scale': 0 is outside 1 to 64"},
+        {"scale", "scale: 2.0  # twice", "field 'scale': '2.0' is not a whole number"},
+        {"scale", "scale: 4294967297", "field 'scale': 4294967297 is outside"},
+        {"aperture", "aperture: 4", "field 'aperture' 4: must be odd"},
+        {"aperture", "aperture: 1", "field 'aperture' 1: path radial needs 3"},
+        {"aperture", "aperture: 1", "", Path::simple},
+        {"minRayRatio", "minRayRatio: 0", "field 'minRayRatio' 0: path radial"},
+        {"minRayRatio", "minRayRatio: 0", "", Path::fast},
+        {"minArea", "minArea: 1e9", "field 'minArea' 1e9 and 'maxArea' 7000.: wanted: min <= max"},
+        {"useThreads", "useThreads: yes", "field 'useThreads': 'yes' is not true or false"},
+        {"useThreads", "useThreads: 1", ""},
+        {"useComplexExtract", "useComplexExtract: true", "field 'useComplexExtract' true: this program"},
+        {"markerName", "markerName: 7", "field 'markerName': '7' is not a text"},
+        {"markerRadii", "markerRadii: [1.5, -2]", "field 'markerRadii': -2 is outside"},
+        {"markerRadii", "markerRadii: 2", "field 'markerRadii': '2' is not a list"},
+        {"sigma", "sigma: [1", "is no readable YAML: line "},
+        {"%YAML", "", "the first line must be %YAML:1.0"},
+    };
+    const std::string good = readText(kReady + "bright-radial.yaml");
+    for (const Case& c : cases) {
+        const std::string what = complaint(withLine(good, c.field, c.line), c.path);
+        EXPECT_TRUE(*c.expected == '\0' ? what.empty() : what.find(c.expected) != std::string::npos) << c.line << "\n" << what;
+    }
+    // All at once, so that a file is mended in one go.
+    const std::string many = complaint(withLine(withLine(good, "scale", "scale: 0"), "sigma", ""));
+    EXPECT_EQ(std::ranges::count(many, '\n'), 1) << many;
+    for (const char* file : {"no-such-file.yaml", KESTRUNE_SETTINGS_DIR}) EXPECT_THROW(loadSettings(file, {}), InputError);
+}
+
+}  // namespace
+}  // namespace kestrune::host

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Rendered exposures with known truth, and the settings files that ship with the example host.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "kestrune/MarkerExtractor.h"
+#include "kestrune_scene/scene.h"
+#include "settings.h"
+
+namespace kestrune {
+namespace {
+
+struct Front {
+    const char* settings;
+    host::Path path;
+    double worstRms;  ///< px, over all markers of one radius
+};
+
+CircleMarkerExtractor calibrated(const scene::Rig& rig) {
+    CircleMarkerExtractor extractor;
+    extractor.leftIntrinsic = cv::Mat(rig.left.intrinsic).clone();
+    extractor.leftDistortion = cv::Mat(1, 5, CV_64F, const_cast<double*>(rig.left.distortion.data())).clone();
+    extractor.rightIntrinsic = cv::Mat(rig.right.intrinsic).clone();
+    extractor.rightDistortion = cv::Mat(1, 5, CV_64F, const_cast<double*>(rig.right.distortion.data())).clone();
+    return extractor;
+}
+
+class RenderedMarkers : public testing::TestWithParam<Front> {};
+
+TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
+    const Front& front = GetParam();
+    CicrleConfigs configs = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + front.settings, front.path).configs;
+    configs.skipUndistort = false;
+    const scene::Rig rig = scene::makeVergedRig({2448, 2048});
+    CircleMarkerExtractor extractor = calibrated(rig);
+    std::size_t truth = 0, found = 0;
+    std::printf("%-24s radius  contrast  markers  found  false  centre RMS px  max px\n", front.settings);
+    for (const double contrast : {60.0, 140.0}) {
+        for (const double radius : {6.0, 8.0, 12.0, 20.0, 30.0, 40.0}) {
+            const auto discs = scene::makeScatteredDiscs(rig, 120, radius, radius, 35, 50 + contrast, 17);
+            scene::RenderOptions options;
+            options.background = 50;
+            const scene::Exposure exposure = scene::render(rig, discs, {}, options);
+            std::vector<Corner> corners;
+            extractor.CircleExtractSimple(exposure.image[0], corners, 0, configs);
+            std::vector<cv::Point2d> centres;
+            for (const Corner& corner : corners) centres.emplace_back(corner.x, corner.y);
+            const auto score = scene::scoreDetections(exposure.markers, 0, centres, true, 0.5 * radius);
+            std::printf("%-24s %6.0f  %8.0f  %7zu  %5zu  %5zu  %13.4f  %6.3f\n", "", radius, contrast, score.matches.size() + score.missed.size(),
+                        score.matches.size(), score.falseOnes.size(), score.centreRms, score.centreMax);
+            EXPECT_TRUE(score.falseOnes.empty()) << radius;
+            EXPECT_LT(score.centreRms, front.worstRms) << radius;
+            truth += score.matches.size() + score.missed.size();
+            found += score.matches.size();
+        }
+    }
+    EXPECT_GE(static_cast<double>(found), 0.995 * static_cast<double>(truth));
+    EXPECT_GT(truth, 600u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fronts, RenderedMarkers,
+                         testing::Values(Front{"bright-subpixel.yaml", host::Path::simple, 0.1},
+                                         Front{"bright-radial.yaml", host::Path::radial, 0.1}),
+                         [](const auto& front) { return std::string(host::nameOf(front.param.path)); });
+
+TEST(RenderedMarkers, GiveTheSameBitsOnEveryRunAndOnACopy) {
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    const auto discs = scene::makeScatteredDiscs(rig, 60, 8, 24, 35, 180, 3);
+    const scene::Exposure exposure = scene::render(rig, discs, scene::makeClutter(rig, discs, 60, 4), {});
+    for (const host::Path path : {host::Path::simple, host::Path::radial}) {
+        const char* const file = path == host::Path::radial ? "/bright-radial.yaml" : "/bright-subpixel.yaml";
+        CicrleConfigs configs = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + file, path).configs;
+        configs.skipUndistort = false;
+        for (const bool threads : {false, true}) {
+            configs.useThreads = threads;
+            CircleMarkerExtractor first = calibrated(rig);
+            std::vector<Corner> expected;
+            ASSERT_TRUE(first.CircleExtractSimple(exposure.image[1], expected, 1, configs));
+            for (int run = 0; run < 4; ++run) {
+                CircleMarkerExtractor copy = first;
+                std::vector<Corner> corners;
+                cv::setNumThreads(run % 2 == 0 ? 1 : 4);
+                copy.CircleExtractSimple(exposure.image[1], corners, 1, configs);
+                cv::setNumThreads(-1);
+                ASSERT_EQ(corners.size(), expected.size());
+                for (std::size_t k = 0; k < corners.size(); ++k) {
+                    EXPECT_EQ(corners[k].x, expected[k].x);
+                    EXPECT_EQ(corners[k].y, expected[k].y);
+                    EXPECT_EQ(corners[k].contour, expected[k].contour);
+                    EXPECT_EQ(corners[k].scatter, expected[k].scatter);
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kestrune
