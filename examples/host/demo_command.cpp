@@ -99,6 +99,7 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
     const std::vector<Marker> markers =
         findMarkers(extractor, image, static_cast<int>(eye), calibration[eye], settings);
     std::vector<cv::Point2d> centres;
+    centres.reserve(markers.size());
     for (const Marker& marker : markers) centres.push_back(marker.centre);
     const scene::DetectionScore score =
         scene::scoreDetections(exposure.markers, static_cast<int>(eye), centres, undistorted, kMatchDistancePx);
@@ -130,6 +131,7 @@ scene::Exposure renderScene(const DemoOptions& options) {
 int runDemo(const DemoOptions& options) {
     const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
     std::vector<Settings> contestants;
+    contestants.reserve(kContestants.size());
     for (const Contestant& contestant : kContestants) contestants.push_back(demoSettings(folder, contestant));
     const fs::path out = options.out;
     fs::create_directories(out);

@@ -80,6 +80,7 @@ struct Run {
 
     cv::Mat draw(const std::string& file, const cv::Mat& image, const std::vector<Marker>& markers) const {
         std::vector<Mark> marks;
+        marks.reserve(markers.size());
         for (const Marker& marker : markers) marks.push_back(markOf(marker, MarkKind::found));
         const std::string title =
             fmt::format("{}   path {}", fs::path(file).filename().string(), nameOf(settings.path));

@@ -64,6 +64,7 @@ cv::Point fixedPoint(cv::Point2d p) {
 /// The enlargement at which nine of ten marks are legible, as far as the picture's size allows.
 int zoomFor(cv::Size size, const std::vector<Mark>& marks) {
     std::vector<double> radii;
+    radii.reserve(marks.size());
     for (const Mark& mark : marks) radii.push_back(std::max(mark.minorHalfAxis, 1.0));
     int zoom = (kLeastWidth + size.width - 1) / size.width;
     if (!radii.empty()) {
@@ -142,6 +143,7 @@ cv::Rect placeLabel(const cv::Rect& box, cv::Size size, const std::vector<cv::Re
 
 void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks) {
     std::vector<cv::Rect> taken;
+    taken.reserve(2 * marks.size());
     for (const Mark& mark : marks) taken.push_back(boxOf(mark));
     for (std::size_t i = 0; i < marks.size(); ++i) {
         const double scale =
@@ -209,6 +211,7 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
     cv::resize(colour * kImageBrightness, canvas, canvas.size(), 0, 0, cv::INTER_CUBIC);
 
     std::vector<Mark> large;
+    large.reserve(marks.size());
     for (const Mark& mark : marks) large.push_back(enlarged(mark, zoom));
     for (const Mark& mark : large) drawMark(canvas, mark);
     drawLabels(canvas, large);

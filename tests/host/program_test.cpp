@@ -105,6 +105,7 @@ TEST(HostMarkers, AgreeWithTheTruthAtEveryScale) {
             CircleMarkerExtractor extractor;
             const std::vector<Marker> markers = findMarkers(extractor, exposure.image[1], 1, camera, settings);
             std::vector<cv::Point2d> centres;
+            centres.reserve(markers.size());
             for (const Marker& marker : markers) centres.push_back(marker.centre);
             const scene::DetectionScore score = scene::scoreDetections(exposure.markers, 1, centres, true, 2);
             EXPECT_TRUE(score.missed.empty() && score.falseOnes.empty() && score.matches.size() >= 15);
