@@ -28,7 +28,8 @@ using nlohmann::json;
 constexpr double largestSpread = 0.25;
 
 struct Result {
-    std::vector<double> milliseconds;  ///< one a repetition
+    std::vector<double> milliseconds;     ///< wall time of one image, one a repetition
+    std::vector<double> cpuMilliseconds;  ///< processor time of all threads
     std::optional<double> recall, falseOnes, centreRms;
 };
 
@@ -40,7 +41,8 @@ struct Scene {
         return std::pair{pixels(*this), markers} < std::pair{pixels(other), other.markers};
     }
 };
-using Results = std::map<Scene, std::map<std::string, Result, std::less<>>>;
+using ResultsByName = std::map<std::string, Result, std::less<>>;
+using Results = std::map<Scene, ResultsByName>;
 
 double median(std::vector<double> values) {
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
@@ -74,6 +76,7 @@ void addRun(const json& run, Results& results) {
         throw std::runtime_error(name + ": " + run.value("error_message", "failed"));
     if (run.at("time_unit") != "ms") throw std::runtime_error(name + " is not in milliseconds");
     result.milliseconds.push_back(run.at("real_time"));
+    result.cpuMilliseconds.push_back(run.at("cpu_time"));
     result.recall = counterOf(run, recallCounter);
     result.falseOnes = counterOf(run, falseCounter);
     result.centreRms = counterOf(run, centreRmsCounter);
@@ -86,32 +89,38 @@ std::string decimals(const std::optional<double>& value, int places) {
 }
 
 /// Time over that of the other one, with as many places as tell apart what differs.
-std::string ratio(double milliseconds, const std::map<std::string, Result, std::less<>>& scene,
-                  std::string_view other) {
+std::string ratio(const Result& result, const ResultsByName& scene, std::string_view other,
+                  std::vector<double> Result::*times) {
     const auto found = scene.find(other);
     if (found == scene.end()) return "-";
-    const double value = milliseconds / median(found->second.milliseconds);
+    const double value = median(result.*times) / median(found->second.*times);
     return decimals(value, value < 0.1 ? 3 : 2);
 }
 
 Row headings() {
-    Row row{"what", "image", "markers", "ms", "/ floor"};
+    Row row{"what", "image", "markers", "ms", "/ floor", "CPU / floor"};
     for (const std::string_view rival : rivalTitles) row.push_back(fmt::format("/ {}", rival));
     row.insert(row.end(), {"recall %", "false", "centre RMS px"});
     return row;
 }
 
 /// The row of one candidate, or nothing if it did not run on this scene.
-std::optional<Row> rowOf(const Scene& scene, const std::map<std::string, Result, std::less<>>& results,
-                         std::string_view name, std::string_view title, std::string_view floor) {
+std::optional<Row> rowOf(const Scene& scene, const ResultsByName& results, std::string_view name,
+                         std::string_view title, std::string_view floor) {
     const auto found = results.find(name);
     if (found == results.end()) return std::nullopt;
     const Result& result = found->second;
     Row row{std::string(title), fmt::format("{}x{}", scene.width, scene.height), std::to_string(scene.markers)};
     const double time = median(result.milliseconds);
     row.push_back(decimals(time, time < 10 ? 2 : 1));
-    row.push_back(floor.empty() ? "-" : ratio(time, results, floor));
-    for (const std::string_view rival : rivalNames) row.push_back(floor.empty() ? "-" : ratio(time, results, rival));
+    if (floor.empty()) {
+        row.resize(row.size() + 2 + rivalNames.size(), "-");
+    } else {
+        row.push_back(ratio(result, results, floor, &Result::milliseconds));
+        row.push_back(ratio(result, results, floor, &Result::cpuMilliseconds));
+        for (const std::string_view rival : rivalNames)
+            row.push_back(ratio(result, results, rival, &Result::milliseconds));
+    }
     row.push_back(decimals(result.recall ? std::optional(*result.recall * 100) : std::nullopt, 1));
     row.push_back(decimals(result.falseOnes, 0));
     row.push_back(decimals(result.centreRms, 4));
@@ -164,7 +173,9 @@ void printPreamble(const json& context, const Results& results) {
                least == most ? std::to_string(least) : fmt::format("{} to {}", least, most),
                context.value("num_cpus", 0), context.value("mhz_per_cpu", 0), context.value("opencv", "?"),
                context.value("opencv_threads", "?"));
-    fmt::print("\"/ name\" is the time divided by that of the floor or detector named: below 1 is faster.\n");
+    fmt::print(
+        "\"/ name\" is the time divided by that of the floor or detector named: below 1 is faster. CPU: time "
+        "of all threads together.\n");
     if (unsteady > 0)
         fmt::print("{} of {} times spread by more than {:.0f} % between repetitions: the machine was not idle.\n",
                    unsteady, measured, largestSpread * 100);

@@ -18,7 +18,22 @@ struct GreySample {
     bool valid;   ///< the position lies on the image, between the centres of its outermost pixels
     float value;  ///< grey level; 0 if not valid
 };
-GreySample sampleBilinear(const cv::Mat& image, float x, float y);
+/// Inline, because it is the innermost step of the ray search.
+inline GreySample sampleBilinear(const cv::Mat& image, float x, float y) {
+    if (!(x >= 0 && x <= static_cast<float>(image.cols - 1) && y >= 0 && y <= static_cast<float>(image.rows - 1))) {
+        return {false, 0};
+    }
+    const int x0 = static_cast<int>(x);
+    const int y0 = static_cast<int>(y);
+    const int x1 = x0 + 1 < image.cols ? x0 + 1 : x0;
+    const int y1 = y0 + 1 < image.rows ? y0 + 1 : y0;
+    const float fx = x - static_cast<float>(x0);
+    const float fy = y - static_cast<float>(y0);
+    const uchar* const upper = image.ptr<uchar>(y0);
+    const uchar* const lower = image.ptr<uchar>(y1);
+    const float a = upper[x0], b = upper[x1], c = lower[x0], d = lower[x1];
+    return {true, (1 - fy) * (a * (1 - fx) + b * fx) + fy * (c * (1 - fx) + d * fx)};
+}
 
 /// Mean grey value of the pixels whose centres lie in a disc, and their number; (0, 0) if there are none.
 ///

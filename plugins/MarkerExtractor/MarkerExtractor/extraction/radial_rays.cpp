@@ -52,17 +52,27 @@ struct Fall {
     }
 };
 
-Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction) {
-    Fall fall;
-    float previous = 0;
+/// `roundf` for a coordinate that is not negative, halves away from zero, without the call into the mathematics
+/// library.
+int nearestPixel(float coordinate) {
+    const int whole = static_cast<int>(coordinate);
+    return whole + static_cast<int>(coordinate - static_cast<float>(whole) >= 0.5f);
+}
+
+/// The samples are read first and compared then: their addresses do not depend on each other, and reading them together
+/// hides the way to memory, which costs more than all else on a ray.
+Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction, std::vector<uchar>& samples) {
     for (int i = 0; i <= plan.steps; ++i) {
         const float r = std::max(0.0f, plan.coarseRadius(i));
         // The ray guard keeps every sample on the image.
-        const int column = static_cast<int>(std::round(plan.centre.x + r * direction.x));
-        const int row = static_cast<int>(std::round(plan.centre.y + r * direction.y));
-        const float value = plan.image.ptr<uchar>(row)[column];
-        if (i > 0) fall.offer(i - 1, previous - value);
-        previous = value;
+        const int column = nearestPixel(plan.centre.x + r * direction.x);
+        const int row = nearestPixel(plan.centre.y + r * direction.y);
+        samples[static_cast<std::size_t>(i)] = plan.image.ptr<uchar>(row)[column];
+    }
+    Fall fall;
+    for (int i = 0; i < plan.steps; ++i) {
+        const auto k = static_cast<std::size_t>(i);
+        fall.offer(i, static_cast<float>(samples[k]) - static_cast<float>(samples[k + 1]));
     }
     return fall;
 }
@@ -91,10 +101,12 @@ std::optional<float> fineRadius(const RayPlan& plan, cv::Point2f direction, floa
     return rk + offset;
 }
 
-/// Place on the circle of n rays.
+/// Place on the circle of n rays, by steps instead of a division: the passes call it some thousand times a blob.
 std::size_t wrapped(std::ptrdiff_t place, std::size_t n) {
     const auto count = static_cast<std::ptrdiff_t>(n);
-    return static_cast<std::size_t>(((place % count) + count) % count);
+    while (place < 0) place += count;
+    while (place >= count) place -= count;
+    return static_cast<std::size_t>(place);
 }
 
 /// Whether a radius is far from the mean of its neighbours. Without any neighbour the mean is not a number, and the
@@ -133,20 +145,15 @@ float meanOfNearest(const std::vector<float>& radii, const std::vector<char>& ke
 
 void medianFilterRadii(std::vector<float>& radii, int halfWindow) {
     const std::vector<float> given = radii;
-    std::vector<float> window;
+    std::vector<float> sorted;
+    sorted.reserve(2 * static_cast<std::size_t>(halfWindow) + 1);
     for (std::size_t ray = 0; ray < given.size(); ++ray) {
-        window.clear();
+        sorted.clear();
         for (int k = -halfWindow; k <= halfWindow; ++k) {
             const float radius = given[wrapped(static_cast<std::ptrdiff_t>(ray) + k, given.size())];
-            if (radius > 0) window.push_back(radius);
+            if (radius > 0) sorted.insert(std::upper_bound(sorted.begin(), sorted.end(), radius), radius);
         }
-        if (window.size() < kLeastMedian) {
-            radii[ray] = kNoRadius;
-            continue;
-        }
-        const auto middle = window.begin() + static_cast<std::ptrdiff_t>(window.size() / 2);
-        std::nth_element(window.begin(), middle, window.end());
-        radii[ray] = *middle;
+        radii[ray] = sorted.size() < kLeastMedian ? kNoRadius : sorted[sorted.size() / 2];
     }
 }
 
@@ -172,10 +179,11 @@ void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, floa
     const int steps = static_cast<int>(std::floor((rOut + kCoarseStep - start) / kCoarseStep));
     const RayPlan plan = {image, centre, start, steps};
 
+    std::vector<uchar> samples(static_cast<std::size_t>(steps) + 1);
     std::vector<float> radii(directions.size(), kNoRadius);
     int found = 0;
     for (std::size_t ray = 0; ray < directions.size(); ++ray) {
-        const Fall coarse = steepestCoarseFall(plan, directions[ray]);
+        const Fall coarse = steepestCoarseFall(plan, directions[ray], samples);
         if (static_cast<float>(dropThreshold) > coarse.height) continue;
         // With a threshold below 0 a ray that only rises comes here too, and is looked at before its first sample.
         const std::optional<float> radius = fineRadius(plan, directions[ray], plan.coarseRadius(coarse.index));
