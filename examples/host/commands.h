@@ -14,8 +14,9 @@
 namespace kestrune::host {
 
 constexpr int kSuccess = 0;
-constexpr int kPartlyFailed = 1;  ///< an image could not be handled, or the demonstration missed its truth
-constexpr int kWrongInput = 2;    ///< command line, settings, calibration or an output file; nothing was extracted
+constexpr int kPartlyFailed = 1;   ///< an image could not be handled, or the demonstration missed its truth
+constexpr int kInterrupted = 130;  ///< ended by Ctrl-C, with what was done written
+constexpr int kWrongInput = 2;     ///< command line, settings, calibration or an output file; nothing was extracted
 
 struct ExtractOptions {
     std::vector<std::string> images;
@@ -28,9 +29,20 @@ struct ExtractOptions {
 
 int runExtract(const ExtractOptions& options);
 
+struct StereoOptions {
+    std::vector<std::string> left, right;  ///< images, paired in this order
+    std::string calibration, settings;
+    std::optional<Path> path;
+    bool invert = false;
+    int jobs = 0;                         ///< exposures at a time; 0: one for each hardware thread
+    std::string csv, ply, json, overlay;  ///< file names and a folder, empty: not asked for
+};
+
+int runStereo(const StereoOptions& options);
+
 struct DemoOptions {
     std::string out = "kestrune-demo";
-    cv::Size size{1632, 1360};
+    cv::Size size;  ///< of all images; empty: a size of its own for each part
     int markers = 60;
     std::uint64_t seed = 1;
     std::string settings;  ///< folder of the ready settings; empty: where the program was built or installed

@@ -6,6 +6,8 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "demo_stereo.h"
+#include "inputs.h"
 #include "markers.h"
 #include "overlay.h"
 #include "progress.h"
@@ -17,6 +19,7 @@ namespace fs = std::filesystem;
 
 // The scene: markers small and large, seen from straight ahead to askew, on a ground with things that are no
 // markers.
+const cv::Size kDefaultSize(1632, 1360);
 constexpr double kSmallestRadiusPx = 7, kLargestRadiusPx = 30;
 constexpr double kMaxTiltDegrees = 25;
 constexpr double kMarkerGrey = 190;
@@ -50,15 +53,6 @@ Settings demoSettings(const fs::path& folder, const Contestant& contestant) {
     Settings settings = loadSettings((folder / contestant.file).string(), contestant.path);
     settings.configs.skipUndistort = false;
     return settings;
-}
-
-Calibration calibrationOf(const scene::Rig& rig) {
-    Calibration calibration;
-    for (std::size_t eye = 0; eye < 2; ++eye) {
-        const scene::PinholeCamera& camera = eye == 0 ? rig.left : rig.right;
-        calibration[eye] = {cv::Mat(camera.intrinsic).clone(), cv::Mat(camera.distortion, true).reshape(1, 1)};
-    }
-    return calibration;
 }
 
 /// The marks of one eye: each found marker under its number in the scene, which is the same in both eyes.
@@ -104,10 +98,12 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
     const scene::DetectionScore score =
         scene::scoreDetections(exposure.markers, static_cast<int>(eye), centres, undistorted, kMatchDistancePx);
 
-    writePicture(overlay.string(),
-                 drawOverlay(imageBehind(image, calibration[eye], settings),
-                             marksAgainstTruth(markers, exposure.markers, eye, score, undistorted),
-                             fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)), true));
+    writePicture(overlay.string(), drawOverlay(imageBehind(image, calibration[eye], settings),
+                                               marksAgainstTruth(markers, exposure.markers, eye, score, undistorted),
+                                               fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)),
+                                               {{MarkKind::found, score.matches.size()},
+                                                {MarkKind::missed, score.missed.size()},
+                                                {MarkKind::wrong, score.falseOnes.size()}}));
 
     const bool perfect = score.missed.empty() && score.falseOnes.empty() && !score.matches.empty();
     return {fmt::format("{:<9}{:<8}{:>6}{:>7}{:>8}{:>7}{:>16.4f}{:>9.4f}", nameOf(settings.path), kEyeNames[eye],
@@ -117,31 +113,29 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
 }
 
 scene::Exposure renderScene(const DemoOptions& options) {
-    const scene::Rig rig = scene::makeVergedRig(options.size);
+    const cv::Size size = options.size.empty() ? kDefaultSize : options.size;
+    const scene::Rig rig = scene::makeVergedRig(size);
     const std::vector<scene::Disc> discs = scene::makeScatteredDiscs(
         rig, options.markers, kSmallestRadiusPx, kLargestRadiusPx, kMaxTiltDegrees, kMarkerGrey, options.seed);
-    const int clutter = cvRound(kClutterPerPixel * options.size.area());
+    const int clutter = cvRound(kClutterPerPixel * size.area());
     scene::RenderOptions light;
     light.seed = options.seed;
     return scene::render(rig, discs, scene::makeClutter(rig, discs, clutter, options.seed), light);
 }
 
-}  // namespace
-
-int runDemo(const DemoOptions& options) {
-    const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
+/// The first part: every path on both eyes of scattered markers.
+bool demoExtraction(const DemoOptions& options, const fs::path& folder, const fs::path& out) {
     std::vector<Settings> contestants;
     contestants.reserve(kContestants.size());
     for (const Contestant& contestant : kContestants) contestants.push_back(demoSettings(folder, contestant));
-    const fs::path out = options.out;
-    fs::create_directories(out);
 
     const scene::Exposure exposure = renderScene(options);
-    const Calibration calibration = calibrationOf(exposure.rig);
+    const StereoCalibration rig = calibrationOf(exposure.rig);
+    const Calibration calibration = {asMatrices(rig.cameras[0]), asMatrices(rig.cameras[1])};
     for (std::size_t eye = 0; eye < 2; ++eye) {
         writePicture((out / fmt::format("{}.png", kEyeNames[eye])).string(), exposure.image[eye]);
     }
-    writeCalibration((out / "calibration.yaml").string(), calibration);
+    writeCalibration((out / "calibration.yaml").string(), rig);
 
     std::vector<std::string> rows, overlays;
     bool perfect = true;
@@ -158,8 +152,8 @@ int runDemo(const DemoOptions& options) {
     }
     progress.clear();
 
-    fmt::print("rendered: {} x {} px, {} markers, seed {}\n\n", options.size.width, options.size.height,
-               exposure.markers.size(), options.seed);
+    fmt::print("rendered: {} x {} px, {} markers, seed {}\n\n", exposure.rig.left.size.width,
+               exposure.rig.left.size.height, exposure.markers.size(), options.seed);
     fmt::print("path     eye      truth  found  missed  false   centre RMS px   max px\n");
     for (const std::string& row : rows) fmt::print("{}\n", row);
     fmt::print(
@@ -167,7 +161,19 @@ int runDemo(const DemoOptions& options) {
         "{0}/left.png {0}/right.png {0}/calibration.yaml\npictures to look at:\n",
         out.string());
     for (const std::string& overlay : overlays) fmt::print("  {}\n", overlay);
-    return perfect ? kSuccess : kPartlyFailed;
+    return perfect;
+}
+
+}  // namespace
+
+int runDemo(const DemoOptions& options) {
+    const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
+    const fs::path out = options.out;
+    fs::create_directories(out);
+    const bool extracted = demoExtraction(options, folder, out);
+    std::fflush(stdout);
+    const bool measured = demoStereo(options, folder, out);
+    return extracted && measured ? kSuccess : kPartlyFailed;
 }
 
 }  // namespace kestrune::host

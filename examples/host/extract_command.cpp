@@ -6,6 +6,7 @@
 #include <set>
 
 #include "commands.h"
+#include "inputs.h"
 #include "markers.h"
 #include "overlay.h"
 #include "progress.h"
@@ -84,7 +85,7 @@ struct Run {
         for (const Marker& marker : markers) marks.push_back(markOf(marker, MarkKind::found));
         const std::string title =
             fmt::format("{}   path {}", fs::path(file).filename().string(), nameOf(settings.path));
-        return drawOverlay(imageBehind(image, camera, settings), marks, title, false);
+        return drawOverlay(imageBehind(image, camera, settings), marks, title, countKinds(marks, {MarkKind::found}));
     }
 
     Settings settings;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files that a run starts from: text, images, calibration. Whatever is wrong is told with the file's name.
+// The files that a run starts from: text and images. Whatever is wrong is told with the file's name.
 #pragma once
 
-#include <array>
 #include <opencv2/core.hpp>
 #include <opencv2/core/persistence.hpp>
 #include <stdexcept>
@@ -16,14 +15,6 @@ class InputError : public std::runtime_error {
   public:
     InputError(const std::string& file, const std::string& problem) : std::runtime_error(file + ": " + problem) {}
 };
-
-/// One eye's camera matrix and distortion coefficients, `CV_64F`; both empty where no calibration is known.
-struct Camera {
-    cv::Mat matrix, distortion;
-};
-
-/// Left and right.
-using Calibration = std::array<Camera, 2>;
 
 /// @throws InputError  for a file that cannot be read or is empty.
 std::string readText(const std::string& file);
@@ -40,15 +31,6 @@ cv::FileStorage parseYaml(const std::string& file, const std::string& text);
 /// @param invert  dark becomes bright, for markers that are dark on a light ground.
 /// @throws InputError
 cv::Mat readImage(const std::string& file, bool invert);
-
-/// Reads `M1` and `D1` of the left and, where there, `M2` and `D2` of the right eye.
-///
-/// @param eye  the one that must be there: 0 left, 1 right.
-/// @throws InputError  naming the field that is missing or of a wrong shape.
-Calibration loadCalibration(const std::string& file, int eye);
-
-/// Writes what `loadCalibration` reads. @throws InputError
-void writeCalibration(const std::string& file, const Calibration& calibration);
 
 /// The text of an exception for a person: without the source lines that OpenCV puts around its own.
 std::string plainText(const std::exception& error);

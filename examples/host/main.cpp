@@ -51,8 +51,45 @@ void addExtract(CLI::App& app, ExtractOptions& options) {
     command->footer(kExtractNotes);
 }
 
+constexpr const char* kStereoNotes =
+    "Each exposure is a left and a right image; the two lists are paired in order. Distortion is always taken out, "
+    "unless\n"
+    "the settings say cornersRectified. Points stand in the left camera's frame (x right, y down, z away; "
+    "outputRectified\n"
+    "leaves them in the rectified one), in the unit of the calibration's positions. Path radial matches the circles "
+    "in\n"
+    "space that the ellipses imply and knows normals and radii; path simple matches by size and by the constellation.\n"
+    "CSV: one row a marker, in the order of the exposures. JSON: one record an exposure, failed ones with the reason.\n"
+    "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's.\n"
+    "Ctrl-C ends after the exposures under way and writes what is done; a second one kills.\n"
+    "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun, 130 after Ctrl-C.";
+
+void addStereo(CLI::App& app, StereoOptions& options) {
+    static const std::map<std::string, Path> kPaths = {{"simple", Path::simple}, {"radial", Path::radial}};
+    CLI::App* command = app.add_subcommand("stereo", "Measure markers in space from the two images of each exposure");
+    command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
+        ->required();
+    command->add_option("--left", options.left, "8-bit images of the left eye")->required();
+    command->add_option("--right", options.right, "those of the right eye")->required();
+    command->add_option("--settings", options.settings, "YAML file with every setting")->required();
+    command
+        ->add_option("--path", options.path, "simple (sub-pixel contours) or radial; without it, the settings decide")
+        ->transform(CLI::CheckedTransformer(kPaths))
+        ->option_text("simple|radial");
+    command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
+    command->add_option("--jobs", options.jobs, "exposures at a time; without it, one for each hardware thread")
+        ->check(CLI::Range(1, 1024));
+    command->add_option("--csv", options.csv, "write the markers as a table");
+    command->add_option("--ply", options.ply, "write the points as a cloud");
+    command->add_option("--json", options.json, "write everything, failures included");
+    command->add_option("--overlay", options.overlay, "folder for pictures of both eyes and of the points")
+        ->option_text("DIR");
+    command->footer(kStereoNotes);
+}
+
 void addDemo(CLI::App& app, DemoOptions& options) {
-    CLI::App* command = app.add_subcommand("demo", "Render an exposure, find its markers, compare with the truth");
+    CLI::App* command =
+        app.add_subcommand("demo", "Render exposures, find and measure their markers, compare with the truth");
     command->add_option("--out", options.out, "folder for the pictures")->capture_default_str();
     command
         ->add_option_function<std::string>(
@@ -68,13 +105,13 @@ void addDemo(CLI::App& app, DemoOptions& options) {
                 options.size = {width, height};
             },
             "of each image, px")
-        ->option_text(fmt::format("WxH [{}x{}]", options.size.width, options.size.height));
+        ->option_text("WxH [1632x1360, stereo part 2448x2048]");
     command->add_option("--markers", options.markers, "at most so many")
         ->check(CLI::Range(1, 2000))
         ->capture_default_str();
     command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
     command->add_option("--settings", options.settings, "folder of the bright-*.yaml files");
-    command->footer("Exit code: 0 if every path found every marker and nothing else, otherwise 1.");
+    command->footer("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.");
 }
 
 int run(int argc, char** argv) {
@@ -82,6 +119,8 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     ExtractOptions extract;
     addExtract(app, extract);
+    StereoOptions stereo;
+    addStereo(app, stereo);
     DemoOptions demo;
     addDemo(app, demo);
     std::vector<std::string> files;
@@ -93,6 +132,7 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? kSuccess : kWrongInput;
     }
     if (app.got_subcommand("extract")) return runExtract(extract);
+    if (app.got_subcommand("stereo")) return runStereo(stereo);
     if (app.got_subcommand("demo")) return runDemo(demo);
     return runSettings(files);
 }

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "markers.h"
 
-#include <fmt/format.h>
-
 #include <cmath>
 #include <limits>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 #include <ostream>
+
+#include "csv.h"
 
 namespace kestrune::host {
 namespace {
@@ -91,14 +91,6 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
     return markers;
 }
 
-/// A name may hold what separates fields.
-std::string quoted(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string result = "\"";
-    for (const char c : text) result += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return result + '"';
-}
-
 }  // namespace
 
 bool deliversUndistorted(const Settings& settings) {
@@ -124,10 +116,10 @@ void writeCsvHeader(std::ostream& stream) {
 
 void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers) {
     for (const Marker& m : markers) {
-        stream << quoted(image) << ',' << m.id;
+        stream << csvField(image) << ',' << m.id;
         for (const double value : {m.centre.x, m.centre.y, m.majorHalfAxis, m.minorHalfAxis, m.angle, m.area,
                                    m.eccentricity, m.circularity, m.fitError, m.fitResidual}) {
-            stream << ',' << (std::isnan(value) ? std::string() : fmt::format("{}", value));
+            stream << ',' << csvField(value);
         }
         stream << '\n';
     }

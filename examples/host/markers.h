@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "inputs.h"
+#include "calibration.h"
 #include "settings.h"
 
 namespace kestrune::host {

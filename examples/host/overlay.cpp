@@ -10,6 +10,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "inputs.h"
+
 namespace kestrune::host {
 namespace {
 
@@ -33,7 +35,7 @@ constexpr int kBannerHeight = 56;
 constexpr double kBannerTextScale = 0.8;
 // A label grows with its marker, within what is legible and what leaves room for the neighbours.
 constexpr double kRadiusPerTextScale = 40;
-constexpr double kSmallestTextScale = 0.5, kLargestTextScale = 0.9;
+constexpr double kLargestTextScale = 0.9;
 constexpr int kLabelGap = 3;
 constexpr double kSmallestArm = 4, kLargestArm = 12;
 
@@ -48,12 +50,18 @@ struct Style {
 };
 
 const Style& styleOf(MarkKind kind) {
-    static const std::array<Style, 3> kStyles = {
+    static const std::array<Style, 5> kStyles = {
         Style{"found", {120, 255, 60}, {255, 80, 255}},
         Style{"missed", {0, 170, 255}, {0, 170, 255}},
         Style{"false", {60, 60, 255}, {60, 60, 255}},
+        Style{"pairs", {120, 255, 60}, {255, 255, 255}},
+        Style{"without a partner", {160, 160, 160}, {160, 160, 160}},
     };
     return kStyles[static_cast<std::size_t>(kind)];
+}
+
+cv::Scalar colourOf(const Mark& mark) {
+    return mark.colour.value_or(styleOf(mark.kind).colour);
 }
 
 cv::Point fixedPoint(cv::Point2d p) {
@@ -89,12 +97,13 @@ void drawTwice(const cv::Scalar& colour, int thickness, const Draw& draw) {
     draw(colour, thickness);
 }
 
-void drawMark(cv::Mat& canvas, const Mark& mark) {
+void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle) {
     const Style& style = styleOf(mark.kind);
-    const int thickness = mark.kind == MarkKind::found && mark.minorHalfAxis < kThinRadius ? 1 : 2;
+    const bool good = mark.kind == MarkKind::found || mark.kind == MarkKind::paired;
+    const int thickness = good && mark.minorHalfAxis < kThinRadius ? markStyle.rim / 2 : markStyle.rim;
     const cv::Point centre = fixedPoint(mark.centre);
     const cv::Point axes = fixedPoint({mark.majorHalfAxis, mark.minorHalfAxis});
-    drawTwice(style.colour, thickness, [&](const cv::Scalar& colour, int width) {
+    drawTwice(colourOf(mark), thickness, [&](const cv::Scalar& colour, int width) {
         cv::ellipse(canvas, centre, cv::Size(axes), mark.angle, 0, 360, colour, width, cv::LINE_AA, kFractionBits);
     });
     const double arm = std::clamp(0.45 * mark.minorHalfAxis, kSmallestArm, kLargestArm);
@@ -141,18 +150,18 @@ cv::Rect placeLabel(const cv::Rect& box, cv::Size size, const std::vector<cv::Re
     return best;
 }
 
-void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks) {
+void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks, const MarkStyle& style) {
     std::vector<cv::Rect> taken;
     taken.reserve(2 * marks.size());
     for (const Mark& mark : marks) taken.push_back(boxOf(mark));
     for (std::size_t i = 0; i < marks.size(); ++i) {
-        const double scale =
-            std::clamp(marks[i].minorHalfAxis / kRadiusPerTextScale, kSmallestTextScale, kLargestTextScale);
+        const double scale = std::clamp(marks[i].minorHalfAxis / kRadiusPerTextScale, style.leastText,
+                                        std::max(style.leastText, kLargestTextScale));
         int baseline = 0;
-        const cv::Size size = cv::getTextSize(marks[i].label, kFont, scale, 1, &baseline);
+        const cv::Size size = cv::getTextSize(marks[i].label, kFont, scale, style.text, &baseline);
         const cv::Rect place = placeLabel(taken[i], size, taken, {{0, 0}, canvas.size()});
         taken.push_back(place);
-        drawTwice(styleOf(marks[i].kind).colour, 1, [&](const cv::Scalar& colour, int width) {
+        drawTwice(colourOf(marks[i]), style.text, [&](const cv::Scalar& colour, int width) {
             cv::putText(canvas, marks[i].label, {place.x, place.br().y}, kFont, scale, colour, width, cv::LINE_AA);
         });
     }
@@ -163,7 +172,7 @@ double bannerScale(int width) {
     return std::max(1.0, static_cast<double>(width) / kWidthPerBanner);
 }
 
-void drawBanner(cv::Mat banner, const std::vector<Mark>& marks, const std::string& title, bool againstTruth) {
+void drawBanner(cv::Mat banner, const std::string& title, const Legend& legend) {
     banner.setTo(kBanner);
     const double scale = bannerScale(banner.cols);
     const int middle = banner.rows / 2, thickness = cvRound(2 * scale);
@@ -176,12 +185,11 @@ void drawBanner(cv::Mat banner, const std::vector<Mark>& marks, const std::strin
         x += size.width + middle;
     };
     write(title);
-    for (const MarkKind kind : {MarkKind::found, MarkKind::missed, MarkKind::wrong}) {
-        if (kind != MarkKind::found && !againstTruth) continue;
+    for (const auto& [kind, count] : legend) {
         const double swatch = kLegibleRadius * scale;
-        drawMark(banner, {kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0});
+        drawMark(banner, {kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0}, {});
         x += cvRound(3 * swatch);
-        write(fmt::format("{} {}", std::ranges::count(marks, kind, &Mark::kind), styleOf(kind).name));
+        write(fmt::format("{} {}", count, styleOf(kind).name));
     }
 }
 
@@ -198,7 +206,15 @@ Mark markOf(const Marker& marker, MarkKind kind) {
             ellipse ? marker.angle : 0};
 }
 
-cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title, bool againstTruth) {
+Legend countKinds(const std::vector<Mark>& marks, const std::vector<MarkKind>& kinds) {
+    Legend legend;
+    for (const MarkKind kind : kinds)
+        legend.emplace_back(kind, static_cast<std::size_t>(std::ranges::count(marks, kind, &Mark::kind)));
+    return legend;
+}
+
+cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
+                    const Legend& legend, const MarkStyle& style) {
     const int zoom = zoomFor(image.size(), marks);
     const int bannerHeight = cvRound(kBannerHeight * bannerScale(image.cols * zoom));
     cv::Mat picture(image.rows * zoom + bannerHeight, image.cols * zoom, CV_8UC3);
@@ -213,9 +229,9 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
     std::vector<Mark> large;
     large.reserve(marks.size());
     for (const Mark& mark : marks) large.push_back(enlarged(mark, zoom));
-    for (const Mark& mark : large) drawMark(canvas, mark);
-    drawLabels(canvas, large);
-    drawBanner(picture.rowRange(0, bannerHeight), marks, title, againstTruth);
+    for (const Mark& mark : large) drawMark(canvas, mark, style);
+    drawLabels(canvas, large, style);
+    drawBanner(picture.rowRange(0, bannerHeight), title, legend);
     return picture;
 }
 

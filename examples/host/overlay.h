@@ -5,7 +5,9 @@
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "markers.h"
@@ -14,8 +16,10 @@ namespace kestrune::host {
 
 enum class MarkKind {
     found,
-    missed,  ///< a marker that is there and was not found
-    wrong,   ///< a detection where no marker is
+    missed,     ///< a marker that is there and was not found
+    wrong,      ///< a detection where no marker is, or a pair of two different markers
+    paired,     ///< a marker found in both eyes
+    unmatched,  ///< a detection without a partner in the other eye
 };
 
 /// An ellipse to draw, in pixels of the image.
@@ -25,17 +29,29 @@ struct Mark {
     cv::Point2d centre;
     double majorHalfAxis;
     double minorHalfAxis;
-    double angle;  ///< of the major axis to the x axis, degrees
+    double angle;                        ///< of the major axis to the x axis, degrees
+    std::optional<cv::Scalar> colour{};  ///< BGR, in place of that of the kind
 };
+
+/// What the banner tells of each kind.
+using Legend = std::vector<std::pair<MarkKind, std::size_t>>;
+
+/// How many of the marks are of each of `kinds`.
+Legend countKinds(const std::vector<Mark>& marks, const std::vector<MarkKind>& kinds);
 
 /// The mark of a detection. The fast path tells no ellipse: its marks are circles of the same area.
 Mark markOf(const Marker& marker, MarkKind kind);
 
-/// Draws the marks on an enlarged copy of `image` under a banner with `title` and the count of each kind.
-///
-/// @param image         `CV_8UC1` or `CV_8UC3`.
-/// @param againstTruth  count missed and false ones too, also where there are none.
-cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title, bool againstTruth);
+/// How marks are drawn where the usual way is too small for the picture's purpose.
+struct MarkStyle {
+    int rim = 2;             ///< width of an ellipse, px of the picture
+    double leastText = 0.5;  ///< scale of the smallest label
+    int text = 1;            ///< width of its strokes, px
+};
+
+/// Draws the marks on an enlarged copy of `image` (`CV_8UC1` or `CV_8UC3`) under a banner with `title` and `legend`.
+cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
+                    const Legend& legend, const MarkStyle& style = {});
 
 /// Writes a picture in the format of the file's extension. @throws InputError
 void writePicture(const std::string& file, const cv::Mat& picture);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 
@@ -14,7 +15,7 @@ class Progress {
     Progress& operator=(const Progress&) = delete;
     ~Progress() { clear(); }
 
-    /// Shows that `done` items are finished and `current` is under way.
+    /// Shows that `done` items are finished, about how long the rest will take, and that `current` is under way.
     void show(std::size_t done, const std::string& current);
 
     /// Takes the bar away, so that a line can be printed in its place.
@@ -23,6 +24,7 @@ class Progress {
   private:
     std::size_t total_;
     bool visible_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 }  // namespace kestrune::host

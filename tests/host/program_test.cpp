@@ -2,12 +2,9 @@
 //
 // The program from outside: exit codes, what it writes, and whether its figures are those of the full, undistorted image.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <kestrune_scene/scene.h>
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
@@ -15,6 +12,7 @@
 
 #include "inputs.h"
 #include "markers.h"
+#include "support/program.h"
 
 namespace kestrune::host {
 namespace {
@@ -22,16 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kReady = KESTRUNE_SETTINGS_DIR "/";
-
-/// Exit code and what came out of both streams.
-std::pair<int, std::string> measure(const std::string& arguments) {
-    FILE* pipe = ::popen((KESTRUNE_MEASURE " " + arguments + " 2>&1").c_str(), "r");
-    std::string output;
-    std::array<char, 4096> part{};
-    while (const std::size_t n = std::fread(part.data(), 1, part.size(), pipe)) output.append(part.data(), n);
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 /// One demonstration's exposure is the input of all that follows.
 TEST(HostProgram, DemoThenExtract) {

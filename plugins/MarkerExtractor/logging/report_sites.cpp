@@ -8,6 +8,7 @@ namespace kestrune {
 namespace {
 
 const char* const kExtractorSource = "plugins/MarkerExtractor/MarkerExtractor.cpp";
+const char* const kExtractorHeader = "plugins/MarkerExtractor/include/kestrune/MarkerExtractor.h";
 
 }  // namespace
 
@@ -19,6 +20,21 @@ const ReportSite kLeftEyeFailed = {
 const ReportSite kRightEyeFailed = {
     kExtractorSource, 2418,
     "CircleMarkerExtractor: Please check the right eye camera, failed to extract Marker Points."};
+const ReportSite kRectifiedListEmpty = {kExtractorSource, 3168,
+                                        "StereoCircleMarkerExtractor: Please check the left eye camera or right eye "
+                                        "camera, failed to extract Marker Points."};
+const ReportSite kNoPositiveRadius = {kExtractorSource, 3184,
+                                      "Wrong Parameter: Please check the radius of circular marker."};
+const ReportSite kNoStereoMatch = {
+    kExtractorSource, 4520,
+    "StereoMarkerMatcher: Please check the left eye camera or right eye camera, failed to match Marker Points."};
+const ReportSite kNoMarkersInOneFrame = {kExtractorSource, 4525,
+                                         "StereoMarkerMatcher: Please check the left eye camera or right eye camera, "
+                                         "there are not any Marker Points in one of the frames."};
+const ReportSite kTooFewMatrices = {kExtractorHeader, 211, "Warning: input matrixes num error!"};
+const ReportSite kFirstMatrixSize = {kExtractorHeader, 217, "Warning: the first matrix size error!"};
+const ReportSite kSecondMatrixSize = {kExtractorHeader, 226, "Warning: the second matrix size error!"};
+const ReportSite kThirdMatrixSize = {kExtractorHeader, 235, "Warning: the third matrix size error!"};
 
 }  // namespace report_sites
 

@@ -15,6 +15,14 @@ namespace report_sites {
 
 extern const ReportSite kLeftEyeFailed;
 extern const ReportSite kRightEyeFailed;
+extern const ReportSite kNoStereoMatch;
+extern const ReportSite kNoMarkersInOneFrame;
+extern const ReportSite kTooFewMatrices;
+extern const ReportSite kFirstMatrixSize;
+extern const ReportSite kSecondMatrixSize;
+extern const ReportSite kThirdMatrixSize;
+extern const ReportSite kRectifiedListEmpty;
+extern const ReportSite kNoPositiveRadius;
 
 }  // namespace report_sites
 

@@ -15,10 +15,13 @@
 #include <cstdint>
 #include <opencv2/core.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "kestrune/MarkerExtractor/calibration_records.h"
 #include "kestrune/MarkerExtractor/export.h"
 #include "kestrune/MarkerExtractor/records.h"
+#include "kestrune/MarkerExtractor/stereo.h"
 
 namespace kestrune {
 
@@ -77,6 +80,63 @@ class CircleMarkerExtractor {
     KESTRUNE_API void UndistortCorners(std::vector<Corner>& corners, const cv::Mat& cameraMatrix,
                                        const cv::Mat& distCoeffs);
 
+    /// Carries markers into the rectified image: `x`, `y` and `contour` through `cv::undistortPoints`; where
+    /// `conicValid`, also the conic through `homography`, and then `ellipse`, `x` and `y` are those of the mapped
+    /// conic, in single precision. `conic` itself stays that of the unrectified image. Touches no member.
+    ///
+    /// @param source         undistorted px (or distorted ones, with `distCoeffs`).
+    /// @param target         result, replaced; may be the same list as `source`.
+    /// @param cameraMatrix   3 by 3.
+    /// @param distCoeffs     as `cv::undistortPoints` takes it; empty for points that are free of distortion.
+    /// @param rectification  3 by 3: R1 or R2 of `cv::stereoRectify`.
+    /// @param projection     3 by 4: P1 or P2.
+    /// @param homography     3 by 3, `CV_64F`: undistorted to rectified px. A singular one maps conics to nothing.
+    /// @throws cv::Exception from `cv::undistortPoints`, with `target` partly written, and for a `homography` of wrong
+    ///                       size or type, before anything is written.
+    KESTRUNE_API void StereoRectifyCorners(const std::vector<Corner>& source, std::vector<Corner>& target,
+                                           const cv::Mat& cameraMatrix, const cv::Mat& distCoeffs,
+                                           const cv::Mat& rectification, const cv::Mat& projection,
+                                           const cv::Mat& homography);
+
+    /// The calibration intake: fills every calibration member from the host's poses and cameras. Call it once, before
+    /// any extraction with undistortion and any stereo operation, and not while one runs. A later call replaces it all,
+    /// but for `triangulationA` .. `triangulationD`, which the first stereo call decides for the object's life.
+    ///
+    /// @param poses         [0] left, [1] right; more are ignored.
+    /// @param cameras       [0] left, [1] right; more are ignored.
+    /// @param width,height  image size, px.
+    /// @param rectifyFlags  `flags` of `cv::stereoRectify`.
+    /// @throws std::out_of_range "invalid vector subscript" for fewer than two cameras, with nothing changed, and for
+    ///         fewer than two poses, with the intrinsic and distortion members replaced.
+    /// @throws cv::Exception for a size below 1 or a value that is not finite, with nothing changed, and from OpenCV,
+    ///         as for two cameras in one place; members set before that keep their new values.
+    KESTRUNE_API void transform_kestruneData2cvMat(const std::vector<Pose_<double>>& poses,
+                                                   const std::vector<Camera_<double, 2, 2>>& cameras, int width,
+                                                   int height, int rectifyFlags);
+
+    /// Fundamental matrix K2^-T [-T]x R K1^-1, not normalised: x'^T F x = 0 for pixels x (left) and x' (right).
+    ///
+    /// @param R,T    a point X in left camera coordinates is R X + T in right ones. 3 by 3; three elements.
+    /// @param K1,K2  3 by 3 camera matrices, left and right.
+    /// @param F      result, 3 by 3 `CV_64F`.
+    /// @throws cv::Exception for a matrix of wrong size or type (`CV_64F` is needed).
+    KESTRUNE_API void CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K1, cv::Mat& K2, cv::Mat& F);
+
+    /// Replaces the rectified matrices: left and right projection (3 by 4, whose first three columns become
+    /// `leftIntrinsic` and `rightIntrinsic`), left and right rectification (3 by 3). Nothing else is recomputed.
+    ///
+    /// @return  false, with one warning on standard output, for fewer than four matrices or one of the first three of
+    ///          wrong size; members before the offender keep their new values.
+    KESTRUNE_API bool SetStereorectifyParam(std::vector<cv::Mat> matrices);
+
+    /// Fills `triangulationA`, `triangulationB` (3 by 3 camera matrices) and `triangulationC`, `triangulationD` (6 by 6
+    /// maps of a conic's coefficients from the normalised plane to pixels) once in the object's life. The stereo core
+    /// calls it.
+    ///
+    /// @param left,right  camera or projection matrices, `CV_64F`, of which fx, fy, cx and cy are read.
+    /// @throws cv::Exception for a matrix that is too small or of another type.
+    KESTRUNE_API void SetTriangulationIntrinsicMatrix(const cv::Mat& left, const cv::Mat& right);
+
     std::string markerName;  ///< `CicrleConfigs::markerName` of the last successful extraction
     std::string spareName;   ///< carried, not used
 
@@ -120,5 +180,31 @@ class CircleMarkerExtractor {
 /// @return             whether a marker was found.
 KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor,
                                       std::vector<Corner>& corners, int cameraIndex, const CicrleConfigs& configs);
+
+/// The stereo measurement: extracts the markers of both images of one exposure, matches them by geometry alone and
+/// triangulates them.
+///
+/// With `configs.useComplexExtract` or `useRadialContours` markers carry conics and are matched by the circles in space
+/// that these imply; otherwise by rows, size and the shape of the whole constellation
+/// (`getStereoRectifiedMarker3dPoints`).
+///
+/// @param extractor   with the calibration intake done. Its scratch storage, `markerRects` and `markerName` change.
+/// @param points      result: one point for each pair, in the unit of the poses, in the left camera frame, or with
+///                    `configs.outputRectified` in the rectified left frame. Untouched where an eye shows no marker.
+/// @param leftRects   result: ellipses of all markers of the left image, matched or not.
+/// @param rightRects  result: the same of the right image.
+/// @return            the pairs, left first, in ascending order of the left marker: copies of the extracted corners
+///                    with `id` (the pair's number), `matched` and `position` set; on the conic branch also `normal`,
+///                    `markerRadius`, and `x`, `y` moved to the projected centre of the disc. `position` is in the left
+///                    camera frame unless `cornersRectified`, whatever `outputRectified` says.
+///                    Empty, with a warning on standard output that tells why, if an eye shows no marker or the
+///                    constellation gave no point; empty and silent if an image or a calibration member is missing, or
+///                    if the conic branch matched nothing.
+/// @throws cv::Exception for settings, images or calibration members that cannot be worked with; std::runtime_error
+///                    "Eigen decomposition failed." for a conic that is not finite.
+KESTRUNE_API std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(
+    const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
+    std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
+    std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs);
 
 }  // namespace kestrune

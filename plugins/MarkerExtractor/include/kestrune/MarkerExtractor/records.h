@@ -132,7 +132,8 @@ inline Corner& Corner::operator=(Corner&& other) noexcept {
 }
 
 /// Settings of one call. The host fills every field that the chosen path reads: there are no defaults, and the library
-/// only reads. Bounds are compared as IEEE numbers, so a bound that is not a number never refuses anything.
+/// only reads. The gates' bounds are compared as IEEE numbers, so one that is not a number never refuses anything; for
+/// the stereo fields that is told where they are used.
 ///
 /// "simple" is `CircleExtractSimple`, "fast" `extractMarkPointsFast`; the other names are those of the operations that
 /// take the record.

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "demo_stereo.h"
+
+#include <fmt/format.h>
+
+#include <kestrune_scene/stereo_score.h>
+#include <array>
+#include <functional>
+#include <opencv2/calib3d.hpp>
+
+#include "inputs.h"
+#include "overlay.h"
+#include "progress.h"
+#include "stereo_exposure.h"
+#include "stereo_pictures.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+const cv::Size kDefaultSize(2448, 2048);
+// The markers of an image of the default width. The field is 300 mm wide whatever the image, so that in smaller images
+// larger discs are needed for the same number of pixels: these are 12 and 20 px.
+constexpr std::array<double, 2> kRadiiMm = {1.5, 2.5};
+constexpr double kMarkerGrey = 190;
+constexpr double kClutterPerPixel = 18e-6;
+// A pixel farther away than this from every marker's centre shows none of them.
+constexpr double kMatchDistancePx = 3;
+
+struct Branch {
+    Path path;
+    const char* name;
+    const char* file;
+    scene::PixelMeaning meaning;
+};
+constexpr std::array kBranches = {
+    Branch{Path::radial, "conic", "bright-radial.yaml", scene::PixelMeaning::projectedCentre},
+    Branch{Path::simple, "constellation", "bright-subpixel.yaml", scene::PixelMeaning::ellipseCentre},
+};
+
+/// What one branch made of the exposure.
+struct Outcome {
+    StereoResult result;
+    scene::StereoScore score;
+};
+
+double sizeFactor(cv::Size size) {
+    return static_cast<double>(kDefaultSize.width) / size.width;
+}
+
+scene::Exposure renderObject(const DemoOptions& options, cv::Size size) {
+    const scene::Rig rig = scene::makeVergedRig(size);
+    const std::vector<scene::Disc> discs =
+        scene::makeCurvedObject(rig, options.markers, kRadiiMm[0] * sizeFactor(size), kRadiiMm[1] * sizeFactor(size),
+                                kMarkerGrey, options.seed);
+    scene::RenderOptions light;
+    light.seed = options.seed;
+    return scene::render(rig, discs,
+                         scene::makeClutter(rig, discs, cvRound(kClutterPerPixel * size.area()), options.seed), light);
+}
+
+Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
+                      CircleMarkerExtractor extractor) {
+    const std::string file = (folder / branch.file).string();
+    Settings settings = stereoSettings(loadSettings(file, branch.path), file);
+    for (double& radius : settings.configs.markerRadii) radius *= sizeFactor(exposure.rig.left.size);
+    Outcome outcome;
+    outcome.result = measureExposure(extractor, exposure.image, settings);
+    std::vector<scene::MeasuredMarker> measured;
+    for (const StereoMarker& m : outcome.result.markers) measured.push_back({m.pixel, m.point, m.normal, m.radius});
+    outcome.score = scene::scoreStereo(exposure, measured, branch.meaning, kMatchDistancePx);
+    return outcome;
+}
+
+void drawBranch(const Branch& branch, const scene::Exposure& exposure, const StereoCalibration& calibration,
+                const Outcome& outcome, const fs::path& out) {
+    std::array<cv::Mat, 2> behind;
+    std::array<std::vector<Mark>, 2> missed;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const Camera camera = asMatrices(calibration.cameras[eye]);
+        cv::undistort(exposure.image[eye], behind[eye], camera.matrix, camera.distortion);
+        for (const int m : outcome.score.missed) {
+            const scene::EllipseTruth& rim = exposure.markers[static_cast<std::size_t>(m)].eye[eye];
+            missed[eye].push_back({MarkKind::missed, fmt::format("missed {}", m), rim.centre, rim.majorHalfAxis,
+                                   rim.minorHalfAxis, rim.angle * 180 / CV_PI});
+        }
+    }
+    std::vector<std::string> labels(outcome.result.markers.size(), "false");
+    std::vector<ViewDisc> discs;
+    for (const scene::StereoMatch& match : outcome.score.matches) {
+        const StereoMarker& m = outcome.result.markers[static_cast<std::size_t>(match.measured)];
+        labels[static_cast<std::size_t>(match.measured)] = fmt::format("{}", match.marker);
+        discs.push_back({fmt::format("{}", match.marker), m.point, m.normal, m.radius, 1000 * match.error});
+    }
+    writePicture((out / fmt::format("stereo-{}.png", branch.name)).string(),
+                 drawPairs(behind, outcome.result, fmt::format("left eye, right eye   {} branch", branch.name), labels,
+                           outcome.score.wrong, missed, true));
+    writePicture(
+        (out / fmt::format("stereo-{}-3d.png", branch.name)).string(),
+        drawView(discs, {fmt::format("{} branch: {} markers in space, colour tells the distance from the truth",
+                                     branch.name, discs.size()),
+                         "error, um", "mm"}));
+}
+
+/// One line for each figure, one column for each branch.
+void printTable(const std::vector<Outcome>& outcomes) {
+    using Figure = std::function<std::string(const Outcome&)>;
+    const auto number = [](double value, const char* form) {
+        return std::isnan(value) ? std::string("-") : fmt::format(fmt::runtime(form), value);
+    };
+    const std::vector<std::pair<const char*, Figure>> rows = {
+        {"pairs right", [](const Outcome& o) { return fmt::format("{}", o.score.matches.size()); }},
+        {"pairs wrong", [](const Outcome& o) { return fmt::format("{}", o.score.wrong.size()); }},
+        {"markers missed", [](const Outcome& o) { return fmt::format("{}", o.score.missed.size()); }},
+        {"3-D error RMS, mm", [&](const Outcome& o) { return number(o.score.pointRms, "{:.4f}"); }},
+        {"  as a part of the object's size",
+         [&](const Outcome& o) { return "1 / " + number(o.score.objectSize / o.score.pointRms, "{:.0f}"); }},
+        {"  largest, mm", [&](const Outcome& o) { return number(o.score.pointMax, "{:.4f}"); }},
+        {"centre error RMS left, px", [&](const Outcome& o) { return number(o.score.centreRms[0], "{:.4f}"); }},
+        {"centre error RMS right, px", [&](const Outcome& o) { return number(o.score.centreRms[1], "{:.4f}"); }},
+        {"  3-D RMS that these imply, mm", [&](const Outcome& o) { return number(o.score.impliedRms, "{:.4f}"); }},
+        {"  3-D RMS over that",
+         [&](const Outcome& o) { return number(o.score.pointRms / o.score.impliedRms, "{:.2f}"); }},
+        {"normal error RMS, degrees", [&](const Outcome& o) { return number(o.score.normalRms, "{:.2f}"); }},
+        {"  largest, degrees", [&](const Outcome& o) { return number(o.score.normalMax, "{:.2f}"); }},
+        {"radius error mean, mm", [&](const Outcome& o) { return number(o.score.radiusMean, "{:+.4f}"); }},
+        {"radius error RMS, mm", [&](const Outcome& o) { return number(o.score.radiusRms, "{:.4f}"); }},
+    };
+    fmt::print("{:<34}", "branch");
+    for (const Branch& branch : kBranches) fmt::print("{:>15}", branch.name);
+    fmt::print("\n");
+    for (const auto& [name, figure] : rows) {
+        fmt::print("{:<34}", name);
+        for (const Outcome& outcome : outcomes) fmt::print("{:>15}", figure(outcome));
+        fmt::print("\n");
+    }
+}
+
+}  // namespace
+
+StereoCalibration calibrationOf(const scene::Rig& rig) {
+    StereoCalibration calibration;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const scene::PinholeCamera& camera = eye == 0 ? rig.left : rig.right;
+        const cv::Vec3d place = -(camera.rotation.t() * camera.translation);
+        std::copy(camera.rotation.val, camera.rotation.val + 9, calibration.poses[eye].values);
+        std::copy(place.val, place.val + 3, calibration.poses[eye].values + 9);
+        const cv::Matx33d& k = camera.intrinsic;
+        calibration.cameras[eye] = {{k(0, 0), k(1, 1), k(0, 2), k(1, 2)}};
+        std::copy(camera.distortion.begin(), camera.distortion.end(), calibration.cameras[eye].values + 4);
+    }
+    calibration.size = rig.left.size;
+    calibration.rectifyFlags = cv::CALIB_ZERO_DISPARITY;
+    return calibration;
+}
+
+bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::path& out) {
+    const cv::Size size = options.size.empty() ? kDefaultSize : options.size;
+    Progress progress(kBranches.size() + 1);
+    progress.show(0, "rendering");
+    const scene::Exposure exposure = renderObject(options, size);
+    const StereoCalibration calibration = calibrationOf(exposure.rig);
+    writePicture((out / "stereo-left.png").string(), exposure.image[0]);
+    writePicture((out / "stereo-right.png").string(), exposure.image[1]);
+    writeCalibration((out / "stereo-calibration.yaml").string(), calibration);
+
+    std::vector<Outcome> outcomes;
+    for (const Branch& branch : kBranches) {
+        progress.show(outcomes.size() + 1, branch.name);
+        outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration)));
+        drawBranch(branch, exposure, calibration, outcomes.back(), out);
+    }
+    progress.clear();
+
+    fmt::print(
+        "\nstereo: 2 x {} x {} px, {} markers of radius {:.3g} and {:.3g} mm on a curved object, {:.0f} mm across\n\n",
+        size.width, size.height, exposure.markers.size(), kRadiiMm[0] * sizeFactor(size),
+        kRadiiMm[1] * sizeFactor(size), outcomes[0].score.objectSize);
+    printTable(outcomes);
+    fmt::print(
+        "\n(centre errors with the lens taken out; the conic branch measures the image of the disc's centre, the\n"
+        "constellation branch the centre of its image)\n"
+        "exposure and calibration: {0}/stereo-left.png {0}/stereo-right.png {0}/stereo-calibration.yaml\n"
+        "pictures to look at:\n",
+        out.string());
+    for (const Branch& branch : kBranches)
+        fmt::print("  {0}/stereo-{1}.png\n  {0}/stereo-{1}-3d.png\n", out.string(), branch.name);
+
+    return std::ranges::all_of(outcomes, [](const Outcome& o) {
+        return o.score.missed.empty() && o.score.wrong.empty() && !o.score.matches.empty();
+    });
+}
+
+}  // namespace kestrune::host

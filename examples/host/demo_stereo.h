@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <kestrune_scene/scene.h>
+#include <filesystem>
+
+#include "calibration.h"
+#include "commands.h"
+
+namespace kestrune::host {
+
+/// The rig as a host would hand it to the library.
+StereoCalibration calibrationOf(const scene::Rig& rig);
+
+/// The second part of the demonstration: renders a curved object with markers of two sizes, measures it in both ways,
+/// prints the errors against the truth and writes the pictures.
+///
+/// @param settings  folder of the bright-*.yaml files.
+/// @return          whether both ways gave every pair and none that is wrong.
+bool demoStereo(const DemoOptions& options, const std::filesystem::path& settings, const std::filesystem::path& out);
+
+}  // namespace kestrune::host

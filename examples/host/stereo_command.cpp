@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+#include <omp.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "calibration.h"
+#include "commands.h"
+#include "inputs.h"
+#include "markers.h"
+#include "ordered_pool.h"
+#include "progress.h"
+#include "stereo_output.h"
+#include "stereo_pictures.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::atomic<bool> interrupted = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may write nothing else");
+
+/// While it lives, the first interrupt asks the run to end; the second one kills as ever.
+class InterruptWatch {
+  public:
+    InterruptWatch() {
+        interrupted = false;
+        struct sigaction action {};
+        action.sa_handler = [](int) { interrupted = true; };
+        action.sa_flags = SA_RESETHAND | SA_RESTART;
+        sigaction(SIGINT, &action, &before_);
+    }
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+    ~InterruptWatch() { sigaction(SIGINT, &before_, nullptr); }
+
+  private:
+    struct sigaction before_ {};
+};
+
+/// Names the exposures after their left images, each once.
+std::vector<ExposureNames> nameExposures(const StereoOptions& options) {
+    if (options.left.size() != options.right.size()) {
+        throw InputError("--left, --right", fmt::format("{} left and {} right images are no pairs", options.left.size(),
+                                                        options.right.size()));
+    }
+    std::vector<ExposureNames> names;
+    std::set<std::string> used;
+    for (std::size_t k = 0; k < options.left.size(); ++k) {
+        const std::string stem = fs::path(options.left[k]).stem().string();
+        std::string name = stem;
+        for (int n = 2; !used.insert(name).second; ++n) name = fmt::format("{}-{}", stem, n);
+        names.push_back({name, options.left[k], options.right[k]});
+    }
+    return names;
+}
+
+/// That of the first image which can be read.
+cv::Size sizeOfImages(const StereoOptions& options) {
+    for (const std::string& file : options.left) {
+        try {
+            return readImage(file, false).size();
+        } catch (const InputError&) {  // its own exposure will report it
+        }
+    }
+    throw InputError(options.calibration, "has no image size, and no left image can be read to take it from");
+}
+
+struct Measured {
+    StereoResult result;
+    std::string lostPicture;  ///< why there is no picture of it; empty if there is one or none was asked for
+};
+
+/// What all exposures share, checked before the first is opened.
+struct Run {
+    explicit Run(const StereoOptions& options)
+        : settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
+          calibration(loadStereoCalibration(options.calibration)),
+          invert(options.invert),
+          overlays(options.overlay) {
+        if (calibration.size.empty()) calibration.size = sizeOfImages(options);
+        if (!options.overlay.empty()) fs::create_directories(overlays);
+    }
+
+    Measured measure(const ExposureNames& names, CircleMarkerExtractor& extractor) const {
+        Measured measured;
+        std::string* problem = &measured.result.failure;
+        try {
+            const auto images = readExposure(names.left, names.right, invert, calibration.size);
+            measured.result = measureExposure(extractor, images, settings);
+            problem = &measured.lostPicture;  // the points stay
+            if (!overlays.empty()) draw(names.name, images, measured.result);
+        } catch (const std::exception& error) {
+            *problem = plainText(error);
+        }
+        return measured;
+    }
+
+    void draw(const std::string& name, const std::array<cv::Mat, 2>& images, const StereoResult& result) const {
+        std::array<cv::Mat, 2> behind;
+        for (std::size_t eye = 0; eye < 2; ++eye)
+            behind[eye] = imageBehind(images[eye], asMatrices(calibration.cameras[eye]), settings);
+        writePicture((overlays / (name + ".png")).string(),
+                     drawPairs(behind, result, fmt::format("{}   path {}", name, nameOf(settings.path))));
+        if (result.markers.empty()) return;
+        std::vector<ViewDisc> discs;
+        double nearest = result.markers[0].point[2];
+        for (const StereoMarker& m : result.markers) nearest = std::min(nearest, m.point[2]);
+        for (const StereoMarker& m : result.markers)
+            discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
+        writePicture((overlays / (name + "-3d.png")).string(),
+                     drawView(discs, {name + "   markers in space", "behind the nearest", ""}));
+    }
+
+    Settings settings;
+    StereoCalibration calibration;
+    bool invert;
+    fs::path overlays;
+};
+
+std::size_t workerCount(int jobs) {
+    return jobs > 0 ? static_cast<std::size_t>(jobs) : std::max(1U, std::thread::hardware_concurrency());
+}
+
+}  // namespace
+
+int runStereo(const StereoOptions& options) {
+    const std::vector<ExposureNames> names = nameExposures(options);
+    const Run run(options);
+    const bool radial = run.settings.path == Path::radial;
+    StereoOutput output({options.csv, options.ply, options.json},
+                        {options.calibration, options.settings, nameOf(run.settings.path),
+                         run.settings.configs.outputRectified ? "rectified left" : "left camera"},
+                        radial);
+
+    const std::size_t workers = std::min(workerCount(options.jobs), names.size());
+    std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));
+    Progress progress(names.size());
+    std::size_t failed = 0;
+    const InterruptWatch watch;
+    const auto work = [&](std::size_t index, std::size_t worker) {
+        // One thread an exposure; the parallel loops of the matching would only get in each other's way.
+        if (workers > 1) omp_set_num_threads(1);
+        return run.measure(names[index], extractors[worker]);
+    };
+    const auto deliver = [&](std::size_t index, const Measured& measured) {
+        const ExposureNames& exposure = names[index];
+        const StereoResult& result = measured.result;
+        output.add(exposure, result);
+        progress.clear();
+        if (result.failure.empty()) {
+            fmt::print("{}: {} pairs\n", exposure.name, result.markers.size());
+            std::fflush(stdout);
+        } else {
+            complain(fmt::format("{} ({}, {}): {}", exposure.name, exposure.left, exposure.right, result.failure));
+        }
+        if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
+        if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
+    };
+    const std::size_t done = inOrder<Measured>(
+        names.size(), workers, interrupted, work, deliver,
+        [&](std::size_t finished) { progress.show(finished, names[std::min(finished, names.size() - 1)].name); });
+    progress.clear();
+
+    const std::vector<std::string> lost = output.close(done < names.size());
+    for (const std::string& file : lost) complain(file + ": could not be written to its end");
+    if (done < names.size()) complain(fmt::format("interrupted: {} of {} exposures are done", done, names.size()));
+    if (failed > 0) complain(fmt::format("{} of {} exposures failed", failed, names.size()));
+    if (done < names.size()) return kInterrupted;
+    return failed == 0 && lost.empty() ? kSuccess : kPartlyFailed;
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "stereo_exposure.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "inputs.h"
+
+namespace kestrune::host {
+namespace {
+
+constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+
+using Pair = std::pair<Corner, Corner>;
+using Rects = std::vector<cv::RotatedRect>;
+
+cv::Point2d pixelOf(const Corner& corner) {
+    return {corner.x, corner.y};
+}
+
+/// Takes the ellipse of a corner out of the list of its eye. A matched corner's own centre may have moved off that of
+/// its ellipse, but never as far as to another marker's.
+cv::RotatedRect takeRim(const Corner& corner, Rects& rects) {
+    const cv::Point2d centre = corner.conicValid ? cv::Point2d(corner.ellipse.center) : pixelOf(corner);
+    const auto distance = [&](const cv::RotatedRect& r) { return cv::norm(cv::Point2d(r.center) - centre); };
+    const auto nearest = std::ranges::min_element(rects, {}, distance);
+    if (nearest == rects.end()) return {};
+    const cv::RotatedRect rim = *nearest;
+    rects.erase(nearest);
+    return rim;
+}
+
+/// From the frame in which the library leaves normals to that of the points.
+cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    if (configs.cornersRectified == configs.outputRectified) return cv::Matx33d::eye();
+    const cv::Matx33d rectification(extractor.leftRectification);
+    return configs.outputRectified ? rectification : rectification.t();
+}
+
+std::string explain(const Rects& left, const Rects& right) {
+    if (left.empty() && right.empty()) return "no markers in either eye";
+    if (left.empty() || right.empty()) return fmt::format("no markers in the {} eye", left.empty() ? "left" : "right");
+    return fmt::format("no match among {} markers in the left and {} in the right eye", left.size(), right.size());
+}
+
+}  // namespace
+
+Settings stereoSettings(Settings settings, const std::string& file) {
+    CicrleConfigs& configs = settings.configs;
+    if (settings.path == Path::fast)
+        throw InputError(file, "path fast finds no contours: stereo takes simple or radial");
+    if (settings.path == Path::simple && configs.scale != 1) {
+        throw InputError(
+            file,
+            fmt::format("field 'scale' {}: path simple measures in the reduced image, stereo needs 1", configs.scale));
+    }
+    if (settings.path == Path::simple && std::ranges::none_of(configs.markerRadii, [](double r) { return r > 0; }))
+        throw InputError(file, "field 'markerRadii' names no radius: path simple needs at least one for stereo");
+    configs.skipUndistort = configs.cornersRectified;
+    return settings;
+}
+
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size) {
+    std::array<cv::Mat, 2> images;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const std::string& file = eye == 0 ? left : right;
+        images[eye] = readImage(file, invert);
+        if (images[eye].size() == size) continue;
+        throw InputError(file, fmt::format("is {} x {} px, the calibration is for {} x {}", images[eye].cols,
+                                           images[eye].rows, size.width, size.height));
+    }
+    return images;
+}
+
+StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
+                             const Settings& settings) {
+    StereoResult result;
+    std::vector<Point3_<double>> points;
+    const std::vector<Pair> pairs = getStereoMarker3dPoints(images[0], images[1], extractor, points,
+                                                            result.unmatched[0], result.unmatched[1], settings.configs);
+    if (pairs.empty()) result.failure = explain(result.unmatched[0], result.unmatched[1]);
+    const bool conic = settings.path == Path::radial;
+    const cv::Matx33d turn = normalRotation(extractor, settings.configs);
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        const auto& [left, right] = pairs[k];
+        StereoMarker marker{{pixelOf(left), pixelOf(right)},
+                            {takeRim(left, result.unmatched[0]), takeRim(right, result.unmatched[1])},
+                            {points[k].x, points[k].y, points[k].z},
+                            {kUnknown, kUnknown, kUnknown},
+                            kUnknown};
+        if (conic) {
+            marker.normal = turn * cv::Vec3d(left.normal.data());
+            marker.radius = left.markerRadius;
+        }
+        result.markers.push_back(marker);
+    }
+    return result;
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One exposure of the camera pair to markers in space.
+#pragma once
+
+#include <kestrune/MarkerExtractor.h>
+
+#include <array>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "settings.h"
+
+namespace kestrune::host {
+
+/// A matched marker. What the branch does not measure is not a number. The frame of `point` and `normal` is the left
+/// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
+struct StereoMarker {
+    /// Undistorted px of each eye (rectified px with `cornersRectified`): the image of the disc's centre on path
+    /// radial, the centre of the rim's image on path simple.
+    std::array<cv::Point2d, 2> pixel;
+    std::array<cv::RotatedRect, 2> rim;  ///< the ellipses in the same pixels
+    cv::Vec3d point;
+    cv::Vec3d normal;  ///< unit, towards the cameras; path radial only
+    double radius;     ///< path radial only
+};
+
+struct StereoResult {
+    std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
+    std::array<std::vector<cv::RotatedRect>, 2> unmatched;  ///< ellipses of the other detections of each eye
+    std::string failure;                                    ///< why there are no markers; empty if there are some
+};
+
+/// The settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
+/// does not decide here; only images that are rectified already are left as they are.
+///
+/// @param file  for the error's text only.
+/// @throws InputError  for a path or scale that gives no full-size pixels with contours.
+Settings stereoSettings(Settings settings, const std::string& file);
+
+/// Reads both images of an exposure and checks that they have the size of the calibration.
+///
+/// @throws InputError
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size);
+
+/// @param extractor  calibrated; its scratch storage is used.
+/// @throws cv::Exception, std::runtime_error  from the library.
+StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
+                             const Settings& settings);
+
+}  // namespace kestrune::host

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tables of a stereo run: CSV and JSON grow exposure by exposure, PLY is written at the end, since its header
+// counts the points.
+#pragma once
+
+#include <cstddef>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "stereo_exposure.h"
+
+namespace kestrune::host {
+
+struct StereoFiles {
+    std::string csv, ply, json;  ///< empty: not asked for
+};
+
+/// What all exposures of a run share, for the head of the JSON.
+struct StereoRun {
+    std::string calibration, settings, path, frame;
+};
+
+struct ExposureNames {
+    std::string name, left, right;
+};
+
+class StereoOutput {
+  public:
+    /// Opens the files and writes what stands before the first exposure. @throws InputError
+    StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals);
+
+    /// Appends an exposure; a failed one stands in the JSON alone, with its reason.
+    void add(const ExposureNames& names, const StereoResult& result);
+
+    /// Completes the files. @return  those that could not be written to their end.
+    std::vector<std::string> close(bool interrupted);
+
+  private:
+    void addRows(const std::string& exposure, const StereoResult& result);
+    void addRecord(const ExposureNames& names, const StereoResult& result);
+    void addVertices(const StereoResult& result);
+    void writePly();
+
+    StereoFiles files_;
+    bool withNormals_;
+    std::ofstream csv_, ply_, json_;
+    std::string vertices_;
+    std::size_t exposures_ = 0, vertexCount_ = 0;
+};
+
+}  // namespace kestrune::host

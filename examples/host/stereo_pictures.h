@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Pictures of a stereo measurement for a person: both eyes side by side, and the markers in space.
+#pragma once
+
+#include <array>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "overlay.h"
+#include "stereo_exposure.h"
+
+namespace kestrune::host {
+
+/// Both eyes side by side; the two ellipses of a pair have the same number and colour.
+///
+/// @param images  those in whose pixels the markers are.
+/// @param labels  of the pairs, in their order; empty: their numbers.
+/// @param wrong   indices of pairs to show as false, joined by a line.
+/// @param missed  marks to add to each eye.
+cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& result, const std::string& title,
+                  const std::vector<std::string>& labels = {}, const std::vector<int>& wrong = {},
+                  const std::array<std::vector<Mark>, 2>& missed = {}, bool againstTruth = false);
+
+/// A disc of the view in space.
+struct ViewDisc {
+    std::string label;
+    cv::Vec3d centre;
+    cv::Vec3d normal;  ///< NaN: drawn facing the viewer, without a needle
+    double radius;     ///< NaN: a small one
+    double value;      ///< what the colour shows
+};
+
+struct ViewText {
+    std::string title;
+    std::string valueName;  ///< heading of the colour bar
+    std::string unit;       ///< of the axes
+};
+
+/// The discs seen obliquely from the cameras' side, above and to the right, in a box with ticks: x to the right, y down
+/// and z away from the left camera. Needles are the normals, grey spots the discs' shadows on the floor.
+cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text);
+
+}  // namespace kestrune::host

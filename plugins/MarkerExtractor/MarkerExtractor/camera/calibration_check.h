@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+
+#include "MarkerExtractor/extraction/settings_check.h"
+
+namespace kestrune {
+
+/// A calibration matrix must be two-dimensional, `CV_64FC1`, and of the size given: reading it as doubles would leave its
+/// memory otherwise. Raises `cv::Exception` (`cv::Error::StsBadArg`) that names the matrix.
+inline void requireMatrix(const cv::Mat& matrix, int rows, int columns, const std::string& name) {
+    if (matrix.dims == 2 && matrix.type() == CV_64FC1 && matrix.rows == rows && matrix.cols == columns) return;
+    refuseSetting(name, "is " + std::to_string(matrix.rows) + " x " + std::to_string(matrix.cols) + " of type " +
+                            cv::typeToString(matrix.type()) + "; " + std::to_string(rows) + " x " +
+                            std::to_string(columns) + " of CV_64FC1 is needed");
+}
+
+/// The same for a matrix of which only the upper left block of that size is read.
+inline void requireLeastMatrix(const cv::Mat& matrix, int rows, int columns, const std::string& name) {
+    if (matrix.dims == 2 && matrix.type() == CV_64FC1 && matrix.rows >= rows && matrix.cols >= columns) return;
+    requireMatrix(matrix, rows, columns, name);
+}
+
+/// Q of `cv::stereoRectify`: 4 by 4, `CV_64FC1`, or `CV_32FC1` as some hosts keep it.
+inline void requireDisparityMap(const cv::Mat& q) {
+    if (q.dims == 2 && q.type() == CV_32FC1 && q.rows == 4 && q.cols == 4) return;
+    requireMatrix(q, 4, 4, "disparityToDepth");
+}
+
+}  // namespace kestrune

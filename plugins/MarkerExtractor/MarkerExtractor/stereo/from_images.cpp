@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/camera/calibration_check.h"
+#include "MarkerExtractor/stereo/conic_match.h"
+#include "kestrune/MarkerExtractor.h"
+#include "logging/report_sites.h"
+
+namespace kestrune {
+
+namespace {
+
+using Points = std::vector<Point3_<double>>;
+using Pairs = std::vector<std::pair<int, int>>;
+using Result = std::vector<std::pair<Corner, Corner>>;
+
+/// Markers of both eyes of one exposure.
+struct Exposure {
+    std::vector<Corner> left, right;
+};
+
+bool isIncomplete(const cv::Mat& leftImage, const cv::Mat& rightImage, const CircleMarkerExtractor& e) {
+    return leftImage.empty() || rightImage.empty() || e.leftIntrinsic.empty() || e.rightIntrinsic.empty() ||
+           e.leftProjection.empty() || e.rightProjection.empty() || e.leftRectification.empty() ||
+           e.rightRectification.empty();
+}
+
+/// Both front ends that fit conics are chosen by the settings. The edge-based one is not part of this version, and what
+/// its switch alone would bring here are corners without any.
+void checkSwitches(const CicrleConfigs& configs) {
+    if (configs.useComplexExtract && !configs.useRadialContours) {
+        refuseSetting("useComplexExtract", "true needs useRadialContours as well: this version has no edge-based path");
+    }
+}
+
+bool carriesConics(const CicrleConfigs& configs) {
+    return configs.useComplexExtract || configs.useRadialContours;
+}
+
+/// What the chosen branch reads, before an image is looked at.
+void checkCalibration(const CircleMarkerExtractor& e, const CicrleConfigs& configs) {
+    requireMatrix(e.leftRectification, 3, 3, "leftRectification");
+    if (carriesConics(configs)) {
+        requireConicCalibration(e, configs.cornersRectified);
+        return;
+    }
+    requireMatrix(e.leftProjection, 3, 4, "leftProjection");
+    requireMatrix(e.rightProjection, 3, 4, "rightProjection");
+    if (configs.cornersRectified) return;
+    requireMatrix(e.leftIntrinsic, 3, 3, "leftIntrinsic");
+    requireMatrix(e.rightIntrinsic, 3, 3, "rightIntrinsic");
+    requireMatrix(e.rightRectification, 3, 3, "rightRectification");
+    requireMatrix(e.leftHomography, 3, 3, "leftHomography");
+    requireMatrix(e.rightHomography, 3, 3, "rightHomography");
+}
+
+Points rotated(const Points& points, const cv::Matx33d& rotation) {
+    Points result;
+    result.reserve(points.size());
+    for (const Point3_<double>& p : points) {
+        const cv::Vec3d r = rotation * cv::Vec3d(p.x, p.y, p.z);
+        result.push_back({r[0], r[1], r[2]});
+    }
+    return result;
+}
+
+void transformInPlace(Points& points, const cv::Mat& rotation) {
+    if (points.empty()) return;
+    cv::Mat header(static_cast<int>(points.size()), 1, CV_64FC3, points.data());
+    cv::transform(header, header, rotation);
+}
+
+/// Marks both corners of pair `index` as matched and appends their copies to the result.
+void appendPair(Exposure& exposure, const Pairs& pairs, std::size_t index, const Point3_<double>& position,
+                Result& result) {
+    Corner& left = exposure.left[static_cast<std::size_t>(pairs[index].first)];
+    Corner& right = exposure.right[static_cast<std::size_t>(pairs[index].second)];
+    for (Corner* corner : {&left, &right}) {
+        corner->matched = true;
+        corner->position = {position.x, position.y, position.z};
+    }
+    result.emplace_back(left, right);
+    result.back().first.id = result.back().second.id = static_cast<std::int32_t>(index);
+}
+
+Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs) {
+    Exposure rectified;
+    if (configs.cornersRectified) {
+        rectified = exposure;
+    } else {
+        const cv::Mat noDistortion;
+        e.StereoRectifyCorners(exposure.left, rectified.left, e.leftIntrinsic, noDistortion, e.leftRectification,
+                               e.leftProjection, e.leftHomography);
+        e.StereoRectifyCorners(exposure.right, rectified.right, e.rightIntrinsic, noDistortion, e.rightRectification,
+                               e.rightProjection, e.rightHomography);
+    }
+    cv::Mat identity = cv::Mat::eye(3, 3, CV_64F);
+    const Pairs pairs = getStereoRectifiedMarker3dPoints(
+        rectified.left, rectified.right, configs.markerRadii, points, identity, e.leftProjection, e.rightProjection,
+        configs.maxRowDifference, configs.minDepth, configs.maxDepth, configs.radiusScoreGate, configs.looseSizeGate,
+        configs.sizeTolerance, configs.deviationFactor, configs.plainRowGate, configs.edgeLengthTolerance,
+        configs.edgeAngleTolerance);
+
+    const cv::Matx33d backRotation = cv::Matx33d(e.leftRectification).t();
+    const Points cameraPoints = rotated(points, backRotation);
+    const Points cornerPoints = configs.cornersRectified ? points : cameraPoints;
+    if (!configs.outputRectified) points = cameraPoints;
+
+    Result result;
+    result.reserve(pairs.size());
+    for (std::size_t k = 0; k < pairs.size(); ++k) appendPair(exposure, pairs, k, cornerPoints[k], result);
+    if (points.empty()) reportWarning(report_sites::kNoStereoMatch);
+    return result;
+}
+
+Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs) {
+    Pairs pairs;
+    Points corePoints, normals;
+    std::vector<double> radii;
+    matchConicCorners(exposure.left, exposure.right, pairs, corePoints, normals, radii, e, configs);
+    const Points cornerPoints = corePoints;  // the corners' positions never follow the change of frame
+    if (!configs.cornersRectified && configs.outputRectified) transformInPlace(corePoints, e.leftRectification);
+    if (configs.cornersRectified && !configs.outputRectified) transformInPlace(corePoints, e.leftRectification.inv());
+    points = corePoints;
+
+    Result result;
+    result.reserve(pairs.size());
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        for (Corner* corner : {&exposure.left[static_cast<std::size_t>(pairs[k].first)],
+                               &exposure.right[static_cast<std::size_t>(pairs[k].second)]}) {
+            corner->normal = {normals[k].x, normals[k].y, normals[k].z};
+            corner->markerRadius = radii[k];
+        }
+        appendPair(exposure, pairs, k, cornerPoints[k], result);
+    }
+    return result;
+}
+
+}  // namespace
+
+std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
+                                                               CircleMarkerExtractor& extractor, Points& points,
+                                                               std::vector<cv::RotatedRect>& leftRects,
+                                                               std::vector<cv::RotatedRect>& rightRects,
+                                                               const CicrleConfigs& configs) {
+    if (isIncomplete(leftImage, rightImage, extractor)) return {};
+    checkSwitches(configs);
+    checkCalibration(extractor, configs);
+    Exposure exposure;
+    const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);
+    leftRects = extractor.markerRects;
+    const bool rightFound = ExtractCircleMarker(rightImage, extractor, exposure.right, 1, configs);
+    rightRects = extractor.markerRects;
+    if (!leftFound || !rightFound) {
+        reportWarning(report_sites::kNoMarkersInOneFrame);
+        return {};
+    }
+    points.clear();
+    return carriesConics(configs) ? matchConics(exposure, extractor, points, configs)
+                                  : matchConstellation(exposure, extractor, points, configs);
+}
+
+}  // namespace kestrune

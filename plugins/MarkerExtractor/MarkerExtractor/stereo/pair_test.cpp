@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <cmath>
+#include <opencv2/calib3d.hpp>
+
+#include "MarkerExtractor/stereo/rectified_match.h"
+
+namespace kestrune {
+
+namespace {
+
+/// Row differences of less than this have no sign: about what a contour's top and bottom scatter by.
+constexpr double kRowSlack = 1.0;
+/// The same under `looseSizeGate`, where the slack also grows with the row band.
+constexpr double kLooseRowSlack = 2.0;
+constexpr double kLooseRowShare = 0.5;
+/// Of three comparisons of row differences, those that must agree in sign.
+constexpr int kLeastRowVotes = 2;
+
+/// Share of `sizeTolerance` by which a radius may lie below the nominal one. Above it there is far more room, because
+/// the contour of a bright marker grows with exposure and blur.
+constexpr double kToleranceBelow = 0.5;
+constexpr double kRatioAbove = 1.8;
+constexpr double kScoredRatioAbove = 1.95;
+
+enum class Window { none, open, closed, symmetric };
+
+/// One way to judge a size against a nominal radius.
+struct SizeTest {
+    Window window;
+    double ratioAbove;    ///< of the windows `open` and `closed`
+    bool limitsSpread;    ///< the spread alone is bounded
+    bool scoresDeviance;  ///< the sum of relative deviation and spread is bounded
+};
+
+/// With `plainRowGate`: without and with `radiusScoreGate`.
+constexpr SizeTest kPlainTests[2] = {
+    {Window::open, kRatioAbove, false, false},
+    {Window::open, kScoredRatioAbove, false, false},
+};
+/// Otherwise: without and with `looseSizeGate`, and in each without and with `radiusScoreGate`.
+constexpr SizeTest kRimTests[2][2] = {
+    {{Window::symmetric, 0.0, true, false}, {Window::none, 0.0, false, true}},
+    {{Window::open, kRatioAbove, true, false}, {Window::closed, kScoredRatioAbove, false, true}},
+};
+
+const SizeTest& chooseSizeTest(const PairTest& test) {
+    if (test.plainRowGate) return kPlainTests[test.radiusScoreGate];
+    return kRimTests[test.looseSizeGate][test.radiusScoreGate];
+}
+
+bool insideWindow(const SizeTest& rule, double radius, double nominal, double tolerance) {
+    const double least = nominal * (1.0 - kToleranceBelow * tolerance);
+    const double largest = rule.ratioAbove * nominal;
+    switch (rule.window) {
+        case Window::none:
+            return true;
+        case Window::open:
+            return radius > least && radius < largest;
+        case Window::closed:
+            return least <= radius && radius <= largest;
+        case Window::symmetric:
+            return radius > nominal - nominal * tolerance && radius < nominal + nominal * tolerance;
+    }
+    return false;
+}
+
+/// Whether two row differences have the same sense, or are both too small to have one. The product is narrowed first:
+/// what vanishes in single precision counts as no sense at all.
+bool sameSense(double a, double b, double sizeA, double sizeB, double slack) {
+    return static_cast<float>(a * b) >= 0.0f || (slack > sizeA && slack > sizeB);
+}
+
+std::array<cv::Vec3d, kSampleCount> triangulate(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
+                                                const PairTest& test) {
+    cv::Mat homogeneous;
+    cv::triangulatePoints(test.leftProjection, test.rightProjection, left.samples, right.samples, homogeneous);
+    std::array<cv::Vec3d, kSampleCount> points;
+    for (int c = 0; c < kSampleCount; ++c) {
+        const double w = homogeneous.at<double>(3, c);
+        for (int r = 0; r < 3; ++r) points[static_cast<std::size_t>(c)][r] = homogeneous.at<double>(r, c) / w;
+    }
+    return points;
+}
+
+bool placesAgree(const MarkerMatchRecord& left, const MarkerMatchRecord& right, const PairTest& test) {
+    if (!areasAgree(left.area, right.area, test.sizeTolerance)) return false;
+    if (test.plainRowGate) return !(std::abs(left.y - right.y) >= test.maxRowDifference);
+    const double slack =
+        test.looseSizeGate ? std::max(kLooseRowSlack, kLooseRowShare * test.maxRowDifference) : kRowSlack;
+    return rowsAgree(left, right, test.maxRowDifference, slack);
+}
+
+}  // namespace
+
+bool areasAgree(double left, double right, double tolerance) {
+    const double ratio = left < right ? left / right : right / left;
+    return ratio > 1.0 - std::abs(tolerance) && ratio < 1.0 + std::abs(tolerance);
+}
+
+bool rowsAgree(const MarkerMatchRecord& left, const MarkerMatchRecord& right, double maxRowDifference, double slack) {
+    const double centre = left.y - right.y;
+    const double top = left.samples[kTop].y - right.samples[kTop].y;
+    const double bottom = left.samples[kBottom].y - right.samples[kBottom].y;
+    const double centreSize = std::abs(centre);
+    const double topSize = std::abs(top - centre);
+    const double bottomSize = std::abs(bottom - centre);
+    if (!(centreSize < maxRowDifference && topSize < maxRowDifference && bottomSize < maxRowDifference)) return false;
+    if (static_cast<float>(bottom * top) < 0.0f && topSize > slack && bottomSize > slack) return false;
+    const int votes = static_cast<int>(sameSense(top, centre, centreSize, topSize, slack)) +
+                      static_cast<int>(sameSense(bottom, centre, centreSize, bottomSize, slack)) +
+                      static_cast<int>(sameSense(bottom, top, topSize, bottomSize, slack));
+    return votes >= kLeastRowVotes;
+}
+
+MarkerSize markerSize(const std::array<cv::Vec3d, kSampleCount>& samples) {
+    std::array<double, kSampleCount - 1> distances;
+    for (std::size_t c = 1; c < samples.size(); ++c) distances[c - 1] = cv::norm(samples[c] - samples[0]);
+    std::sort(distances.begin(), distances.end(), ascendingNanLast<double>);
+
+    constexpr double kept = static_cast<double>(kSampleCount - 3);
+    double sum = 0.0;
+    for (std::size_t k = 1; k + 1 < distances.size(); ++k) sum += distances[k];
+    const double mean = sum / kept;
+    double squares = 0.0;
+    for (std::size_t k = 1; k + 1 < distances.size(); ++k) squares += (distances[k] - mean) * (distances[k] - mean);
+    return {mean, std::sqrt(squares / kept)};
+}
+
+bool sizeFits(const MarkerSize& size, const PairTest& test) {
+    const SizeTest& rule = chooseSizeTest(test);
+    const double factor = test.deviationFactor;
+    if (rule.limitsSpread && !(size.spread < factor * test.sizeTolerance)) return false;
+    return std::any_of(test.radii.begin(), test.radii.end(), [&](double nominal) {
+        if (!insideWindow(rule, size.radius, nominal, test.sizeTolerance)) return false;
+        if (!rule.scoresDeviance) return true;
+        return (std::abs(nominal - size.radius) / nominal + size.spread) / test.sizeTolerance < factor;
+    });
+}
+
+std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
+                                               const PairTest& test) {
+    if (!placesAgree(left, right, test)) return std::nullopt;
+    const std::array<cv::Vec3d, kSampleCount> samples = triangulate(left, right, test);
+    const double depth = samples[kCentre][2];
+    if (!(depth > 0.0 && depth > test.minDepth && depth < test.maxDepth)) return std::nullopt;
+    const MarkerSize size = markerSize(samples);
+    if (!sizeFits(size, test)) return std::nullopt;
+    const cv::Vec3d point = test.fromRectified * samples[kCentre];
+    return PairCandidate{-1, {point[0], point[1], point[2]}, size.radius};
+}
+
+}  // namespace kestrune

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/stereo/rectified_match.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "MarkerExtractor/extraction/settings_check.h"
+#include "MarkerExtractor/stereo/parallel_loop.h"
+#include "kestrune/MarkerExtractor/stereo.h"
+#include "logging/report_sites.h"
+
+namespace kestrune {
+
+namespace {
+
+/// OpenCV reads elements of a projection without a look at their number or, but for single and double precision, their
+/// type.
+void requireMatrix(const char* name, const cv::Mat& matrix, int columns, bool singleAllowed) {
+    const bool typeFits = matrix.type() == CV_64FC1 || (singleAllowed && matrix.type() == CV_32FC1);
+    if (matrix.dims == 2 && matrix.rows == 3 && matrix.cols == columns && typeFits) return;
+    std::ostringstream text;
+    if (matrix.empty()) {
+        text << "is empty; ";
+    } else if (matrix.dims == 2) {
+        text << matrix.rows << " x " << matrix.cols << " of type " << cv::typeToString(matrix.type()) << "; ";
+    } else {
+        text << matrix.dims << " dimensions; ";
+    }
+    text << "3 x " << columns << " of type CV_64FC1" << (singleAllowed ? " or CV_32FC1" : "") << " is needed";
+    refuseSetting(name, text.str());
+}
+
+MarkerMatchRecord prepareRecord(const Corner& corner) {
+    return {corner.x, corner.y, {}, samplePoints(corner), {}, {}, corner.area};
+}
+
+void addCandidate(MarkerMatchRecord& record, int partner, const PairCandidate& candidate) {
+    record.matches.push_back(partner);
+    record.candidates3d.push_back(candidate.point);
+    record.candidateRadii.push_back(candidate.radius);
+}
+
+/// Tests all pairs. The threads fill one list for each left record; the records are filled from these afterwards, so
+/// that the candidates of the right ones stand in the order of the left ones and not in that of the threads.
+void findCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<MarkerMatchRecord>& rightRecords,
+                    const PairTest& test) {
+    std::vector<std::vector<PairCandidate>> found(leftRecords.size());
+    forEachInParallel(static_cast<int>(leftRecords.size()), [&](int i) {
+        const MarkerMatchRecord& left = leftRecords[static_cast<std::size_t>(i)];
+        if (left.samples.empty()) return;
+        for (std::size_t j = 0; j < rightRecords.size(); ++j) {
+            if (rightRecords[j].samples.empty()) continue;
+            std::optional<PairCandidate> candidate = testCandidatePair(left, rightRecords[j], test);
+            if (!candidate) continue;
+            candidate->right = static_cast<int>(j);
+            found[static_cast<std::size_t>(i)].push_back(*candidate);
+        }
+    });
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        for (const PairCandidate& candidate : found[i]) {
+            addCandidate(leftRecords[i], candidate.right, candidate);
+            addCandidate(rightRecords[static_cast<std::size_t>(candidate.right)], static_cast<int>(i), candidate);
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
+    std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners, std::vector<double> markerRadii,
+    std::vector<Point3_<double>>& points, cv::Mat& rotation, cv::Mat& leftProjection, cv::Mat& rightProjection,
+    double maxRowDifference, double minDepth, double maxDepth, bool radiusScoreGate, bool looseSizeGate,
+    double sizeTolerance, int deviationFactor, bool plainRowGate, double edgeLengthTolerance,
+    double edgeAngleTolerance) {
+    if (leftCorners.empty() || rightCorners.empty()) {
+        reportWarning(report_sites::kRectifiedListEmpty);
+        return {};
+    }
+    std::stable_sort(markerRadii.begin(), markerRadii.end(), ascendingNanLast<double>);
+    if (std::none_of(markerRadii.begin(), markerRadii.end(), [](double radius) { return radius > 0.0; })) {
+        reportWarning(report_sites::kNoPositiveRadius);
+        return {};
+    }
+    requireMatrix("rotation", rotation, 3, false);
+    requireMatrix("leftProjection", leftProjection, 4, true);
+    requireMatrix("rightProjection", rightProjection, 4, true);
+
+    const std::size_t leftCount = leftCorners.size();
+    std::vector<MarkerMatchRecord> leftRecords(leftCount);
+    std::vector<MarkerMatchRecord> rightRecords(rightCorners.size());
+    forEachInParallel(static_cast<int>(leftCount + rightCorners.size()), [&](int k) {
+        const auto i = static_cast<std::size_t>(k);
+        if (i < leftCount) {
+            leftRecords[i] = prepareRecord(leftCorners[i]);
+        } else {
+            rightRecords[i - leftCount] = prepareRecord(rightCorners[i - leftCount]);
+        }
+    });
+    const cv::Mat inverse = rotation.inv();
+    const PairTest test = {.leftProjection = leftProjection,
+                           .rightProjection = rightProjection,
+                           .fromRectified = cv::Matx33d(inverse),
+                           .radii = std::move(markerRadii),
+                           .maxRowDifference = maxRowDifference,
+                           .minDepth = minDepth,
+                           .maxDepth = maxDepth,
+                           .radiusScoreGate = radiusScoreGate,
+                           .looseSizeGate = looseSizeGate,
+                           .plainRowGate = plainRowGate,
+                           .sizeTolerance = sizeTolerance,
+                           .deviationFactor = deviationFactor};
+    findCandidates(leftRecords, rightRecords, test);
+
+    std::vector<std::pair<int, int>> pairs;
+    if (findConstellation(leftRecords, rightRecords, edgeLengthTolerance, edgeAngleTolerance, pairs)) {
+        for (const auto& [left, right] : pairs) {
+            const MarkerMatchRecord& record = leftRecords[static_cast<std::size_t>(left)];
+            points.push_back(record.candidates3d[positionOf(record, right)]);
+        }
+        return pairs;
+    }
+    trimCandidates(leftRecords, rightRecords, test.radii, sizeTolerance);
+    return uniquePairs(leftRecords, rightRecords, points);
+}
+
+}  // namespace kestrune

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <utility>
+#include <vector>
+
+#include "kestrune/MarkerExtractor/calibration_records.h"
+#include "kestrune/MarkerExtractor/export.h"
+#include "kestrune/MarkerExtractor/records.h"
+
+namespace kestrune {
+
+/// Matches the markers of a rectified pair of images and places them in space, when nothing is known of a marker but
+/// its contour and the nominal radii of the marker set.
+///
+/// Every left marker is tested against every right one: the same rows, a like area, and, from seven points of the two
+/// contours, a depth and a size in space that fit a nominal radius. Markers that come through with several partners are
+/// resolved by the shape of the whole constellation; if that gives no answer, only partners that are each other's one
+/// candidate are kept. Needs no conic. May be called from many threads at once. The result is the same, bit for bit,
+/// for any number of OpenMP threads.
+///
+/// Bounds are compared as IEEE numbers: a depth bound or tolerance that is not a number fits nothing, and neither does
+/// such a `maxRowDifference`, but for `plainRowGate`, where it refuses nothing.
+///
+/// @param leftCorners, rightCorners  rectified markers, px; read are `x`, `y`, `area` and `contour`. Not changed. A
+///                         marker gets no partner if its contour has fewer than three points, holds a coordinate that
+///                         is not finite, or does not lie both above and below the centre's row on either side of the
+///                         centre.
+/// @param markerRadii      nominal radii, unit of the points; at least one must be above 0. Values that are not
+///                         positive stay in the list and are compared like the others.
+/// @param points           one point is appended for each pair, in the order of the pairs; what is there stays.
+/// @param rotation         3 by 3, `CV_64FC1`. Points are multiplied by its inverse (zeros if it has none) before they
+///                         are stored: the identity leaves them in the rectified left camera frame, in the unit of the
+///                         projections' baseline.
+/// @param leftProjection, rightProjection  3 by 4, `CV_64FC1` or `CV_32FC1`: P1, P2 of the rectified pair.
+/// @param maxRowDifference rows by which the two markers of a pair may differ, px, exclusive.
+/// @param minDepth, maxDepth  range of the centre's z in the rectified left camera frame, exclusive, unit of the
+///                         points. Depths that are not positive are refused in any case.
+/// @param radiusScoreGate, looseSizeGate, plainRowGate  choose the tests. With `plainRowGate` only the rows of the
+///                         centres are compared; else those of top and bottom as well, with a slack of 1 px, or with
+///                         `looseSizeGate` of max(2 px, half of `maxRowDifference`). The radius R measured in space,
+///                         with s its standard deviation over the contour, must pass this test for one of the nominal
+///                         radii N, where t = `sizeTolerance`, d = `deviationFactor`, q = (|N - R| / N + s) / t:
+///
+///                         | plainRow | looseSize | radiusScore | test                                   |
+///                         |----------|-----------|-------------|----------------------------------------|
+///                         | true     | any       | false       | N (1 - t / 2) < R < 1.8 N              |
+///                         | true     | any       | true        | N (1 - t / 2) < R < 1.95 N             |
+///                         | false    | true      | true        | N (1 - t / 2) <= R <= 1.95 N and q < d |
+///                         | false    | true      | false       | N (1 - t / 2) < R < 1.8 N and s < d t  |
+///                         | false    | false     | true        | q < d                                  |
+///                         | false    | false     | false       | N - N t < R < N + N t and s < d t      |
+/// @param sizeTolerance    ratio by which areas and radii may differ, exclusive: 0 lets nothing pass. Where the
+///                         constellation gives no answer it is also a difference of radii, unit of the points.
+/// @param deviationFactor  multiple of `sizeTolerance` in the table.
+/// @param edgeLengthTolerance  ratio by which distances may differ between the two constellations.
+/// @param edgeAngleTolerance   radians by which directions may differ between them.
+/// @return                 (left index, right index), left ascending. Empty, after one warning line on standard output,
+///                         if a list of corners is empty or no radius is above 0; empty and silent if nothing fits.
+/// @throws cv::Exception   `cv::Error::StsBadArg`, naming the matrix, if `rotation` or a projection is not of the size
+///                         and type above; nothing has been written then.
+KESTRUNE_API std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
+    std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners, std::vector<double> markerRadii,
+    std::vector<Point3_<double>>& points, cv::Mat& rotation, cv::Mat& leftProjection, cv::Mat& rightProjection,
+    double maxRowDifference, double minDepth, double maxDepth, bool radiusScoreGate, bool looseSizeGate,
+    double sizeTolerance, int deviationFactor, bool plainRowGate, double edgeLengthTolerance,
+    double edgeAngleTolerance);
+
+}  // namespace kestrune

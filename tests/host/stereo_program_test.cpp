@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The stereo command from outside, and the calibration files it starts from.
+#include <gtest/gtest.h>
+
+#include <kestrune_scene/stereo_score.h>
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <sstream>
+
+#include "calibration.h"
+#include "inputs.h"
+#include "support/program.h"
+#include "support/rigs.h"
+
+namespace kestrune::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::map<std::string, std::vector<scene::MeasuredMarker>> readRows(const std::string& file) {
+    std::map<std::string, std::vector<scene::MeasuredMarker>> exposures;
+    std::istringstream rows(readText(file));
+    std::string row, name;
+    std::getline(rows, row);
+    while (std::getline(rows, row)) {
+        std::replace(row.begin(), row.end(), ',', ' ');
+        std::istringstream fields(row);
+        double v[12] = {};
+        fields >> name;
+        for (double& value : v) fields >> value;
+        EXPECT_TRUE(fields && fields.eof()) << row;
+        EXPECT_EQ(v[0], static_cast<double>(exposures[name].size())) << row;
+        exposures[name].push_back({{cv::Point2d(v[1], v[2]), {v[3], v[4]}}, {v[5], v[6], v[7]}, {v[8], v[9], v[10]}, v[11]});
+    }
+    return exposures;
+}
+
+/// Two exposures and between them one that is dark in one eye; then many of them, interrupted.
+TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
+    const std::string at = testing::TempDir() + "kestrune-stereo-test/";
+    fs::remove_all(at);
+    fs::create_directories(at);
+    const scene::Rig rig = scene::makeVergedRig({800, 640});
+    StereoCalibration calibration{
+        {test::poseOf(rig.left), test::poseOf(rig.right)}, {test::cameraOf(rig.left), test::cameraOf(rig.right)}, {800, 640}, 0};
+    writeCalibration(at + "rig.yaml", calibration);
+    std::map<std::string, scene::Exposure> truth;
+    for (const auto& [name, seed] : {std::pair("a", 1u), {"c", 2u}}) {
+        truth[name] = scene::render(rig, scene::makeCurvedObject(rig, 14, 5, 8, 200, seed), {}, {.seed = seed});
+        cv::imwrite(at + name + ".png", truth[name].image[0]);
+        cv::imwrite(at + name + "-right.png", truth[name].image[1]);
+    }
+    cv::imwrite(at + "dark.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
+    std::string text = readText(KESTRUNE_SETTINGS_DIR "/bright-radial.yaml");
+    std::ofstream(at + "settings.yaml") << text.replace(text.find("[ 1.5, 2.5 ]"), 12, "[ 5, 8 ]");
+
+    const std::string common = "stereo --settings " + at + "settings.yaml --calibration " + at + "rig.yaml --csv " + at + "t.csv --json " + at +
+                               "t.json --ply " + at + "t.ply";
+    const std::string files =
+        " --left " + at + "a.png " + at + "dark.png " + at + "c.png --right " + at + "a-right.png " + at + "c-right.png " + at + "c-right.png";
+    const auto [code, output] = measure(common + files + " --jobs 3 --overlay " + at + "pictures");
+    EXPECT_EQ(code, 1) << output;
+    EXPECT_NE(output.find("dark.png, " + at + "c-right.png): no markers in the left eye"), std::string::npos) << output;
+    std::size_t points = 0;
+    const auto rows = readRows(at + "t.csv");
+    ASSERT_EQ(rows.size(), 2u) << output;
+    for (const auto& [name, measured] : rows) {
+        const scene::StereoScore score = scene::scoreStereo(truth[name], measured, scene::PixelMeaning::projectedCentre, 2);
+        EXPECT_TRUE(score.missed.empty() && score.wrong.empty()) << name << ": " << score.missed.size() << " missed";
+        EXPECT_TRUE(score.pointRms < 2 * score.impliedRms && score.pointRms < 0.1 && score.normalRms < 4) << score.pointRms;
+        points += measured.size();
+        EXPECT_GT(readImage(at + "pictures/" + name + ".png", false).cols + readImage(at + "pictures/" + name + "-3d.png", false).cols, 3200);
+    }
+    const std::string csv = readText(at + "t.csv"), ply = readText(at + "t.ply");
+    EXPECT_LT(csv.rfind("\na,"), csv.find("\nc,"));
+    EXPECT_NE(ply.find("element vertex " + std::to_string(points) + "\n"), std::string::npos);
+    EXPECT_EQ(static_cast<std::size_t>(std::count(ply.begin() + static_cast<long>(ply.find("end_header\n")), ply.end(), '\n')), points + 1);
+    const auto json = nlohmann::json::parse(readText(at + "t.json"));
+    EXPECT_TRUE(json["complete"] && json["exposures"].size() == 3);
+    EXPECT_EQ(json["exposures"][1]["error"], "no markers in the left eye");
+    EXPECT_EQ(json["exposures"][0]["markers"].size() + json["exposures"][2]["markers"].size(), points);
+    EXPECT_EQ(json["exposures"][2]["markers"][3]["radius"], rows.at("c")[3].radius);
+
+    EXPECT_EQ(measure(common + " --left " + at + "a.png --right " + at + "a-right.png " + at + "a-right.png").first, 2);
+    EXPECT_EQ(measure(common + " --path simple --left " + at + "a.png --right " + at + "a-right.png").first, 2) << "at scale 2";
+    const auto [interrupted, told] =
+        shell("cd " + at + "; " KESTRUNE_MEASURE " " + common +
+              " --left $(yes a.png | head -2000) --right $(yes a-right.png | head -2000) > told & for i in $(seq 1000); do grep -qs a-2, " + at +
+              "t.csv && break; sleep 0.05; done; kill -INT $!; wait $!");
+    EXPECT_EQ(interrupted, 130) << told;
+    const auto part = nlohmann::json::parse(readText(at + "t.json"));
+    EXPECT_FALSE(part["complete"]);
+    EXPECT_EQ(part["exposures"].size(), readRows(at + "t.csv").size());
+}
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+/// Loads the fields as a file; what is wrong with it, or nothing.
+std::string load(const Fields& fields, StereoCalibration& calibration) {
+    const std::string file = testing::TempDir() + "kestrune-rig.yaml";
+    std::string text = "%YAML:1.0\n---\n";
+    for (const auto& [name, value] : fields) text += value.empty() ? "" : name + ": " + value + "\n";
+    std::ofstream(file) << text;
+    try {
+        calibration = loadStereoCalibration(file);
+    } catch (const InputError& error) {
+        EXPECT_TRUE(std::string(error.what()).starts_with(file)) << error.what();
+        return error.what();
+    }
+    return "";
+}
+
+TEST(HostCalibration, BothFormsAgreeAndBrokenFilesNameTheField) {
+    const std::string camera = "{ fx: 900, fy: 910, cx: 320, cy: 240, distortion: [ -0.1, 0.02, 1e-3, 2e-3, 0.5 ] }";
+    const std::string eye = "{ rotation: [ 1, 0, 0, 0, 1, 0, 0, 0, 1 ], position: [ 0, 0, 0 ] }";
+    const Fields records = {{"image_width", "640"},
+                            {"image_height", "480"},
+                            {"cameras", "{ left: " + camera + ", right: " + camera + " }"},
+                            {"poses", "{ left: " + eye + ", right: { rotation: [ 0.8, 0, -0.6, 0, 1, 0, 0.6, 0, 0.8 ], position: [ 100, 2, 3 ] } }"}};
+    const auto matrix = [](int rows, int cols, const std::string& data) {
+        return "!!opencv-matrix\n   rows: " + std::to_string(rows) + "\n   cols: " + std::to_string(cols) + "\n   dt: d\n   data: [ " + data + " ]";
+    };
+    const std::string m = matrix(3, 3, "900., 0., 320., 0., 910., 240., 0., 0., 1."), d = matrix(1, 5, "-0.1, 0.02, 1e-3, 2e-3, 0.5");
+    const Fields matrices = {{"imageSize", "[ 640, 480 ]"},
+                             {"M1", m},
+                             {"D1", d},
+                             {"M2", m},
+                             {"D2", d},
+                             {"R", matrix(3, 3, "0.8, 0., -0.6, 0., 1., 0., 0.6, 0., 0.8")},
+                             {"T", matrix(3, 1, "-78.2, -2., -62.4")}};
+    StereoCalibration a, b, none;
+    ASSERT_EQ(load(records, a) + load(matrices, b), "");
+    for (std::size_t e = 0; e < 2; ++e) {
+        for (int k = 0; k < 12; ++k) EXPECT_NEAR(a.poses[e].values[k], b.poses[e].values[k], 1e-12) << k;
+        for (int k = 0; k < 9; ++k) EXPECT_EQ(a.cameras[e].values[k], b.cameras[e].values[k]) << k;
+    }
+    EXPECT_EQ(a.poses[1].values[9], 100);
+    EXPECT_TRUE(a.size == cv::Size(640, 480) && b.size == a.size && a.rectifyFlags == 1024);
+
+    struct Case {
+        const Fields& form;
+        std::string field, from, to;  ///< in the value of `field`, `from` becomes `to`; without `from`, all of it
+        std::string expected;         ///< empty: nothing is wrong
+    };
+    const Case cases[] = {
+        {records, "cameras", "fx: 900", "fx: 0", "'cameras.left.fx': focal length 0 must be above 0"},
+        {records, "cameras", "fy: 910", "fz: 910", "'cameras.left.fy' is missing"},
+        {records, "cameras", "-0.1, ", "", ""},
+        {records, "cameras", "-0.1, 0.02, ", "", "'cameras.left.distortion' is no list"},
+        {records, "cameras", "", "", "'cameras.right.cy' is missing"},
+        {records, "poses", "-0.6", "0.6", "'poses.right.rotation' is no rotation"},
+        {records, "poses", "0, 0, 1 ], p", "0, 0, -1 ], p", "'poses.left.rotation' is a reflection"},
+        {records, "poses", "100", ".Nan", "'poses.right.position' holds a value"},
+        {records, "poses", "100, 2, 3", "0, 0, 0", "'poses': both cameras stand in one place"},
+        {records, "poses", "", "7", "'poses.left.rotation' is missing"},
+        {records, "image_height", "", "", "'image_height' is missing"},
+        {records, "image_width", "", "-5", "'image_width': -5 is no number of pixels"},
+        {matrices, "imageSize", "", "", ""},
+        {matrices, "M2", "910.", "-910.", "'M2': focal length -910"},
+        {matrices, "M1", "900., 0.", "900., 2.", "'M1' is no camera matrix"},
+        {matrices, "D2", "", matrix(1, 8, "0, 0, 0, 0, 0, 0, 0, 0."), ""},
+        {matrices, "D2", "", matrix(1, 8, "0, 0, 0, 0, 0, 0.5, 0, 0."), "'D2': coefficient 6 is 0.5"},
+        {matrices, "D1", "", matrix(2, 3, "0, 0, 0, 0, 0, 0."), "'D1' is 2 by 3"},
+        {matrices, "R", "", "", "'R' is missing"},
+        {matrices, "R", "0.8, 0., -0.6", "0.81, 0., -0.6", "'R' is no rotation"},
+        {matrices, "T", "", matrix(2, 1, "1., 2."), "'T' is 2 by 1, not 3 by 1"},
+        {matrices, "T", "-78.2, -2., -62.4", "0., 0., 0.", "'T': both cameras"},
+        {matrices, "imageSize", "", "[ 640 ]", "'imageSize' is no list of numbers of 2"},
+    };
+    for (const Case& c : cases) {
+        Fields fields = c.form;
+        std::string& value = std::ranges::find(fields, c.field, &Fields::value_type::first)->second;
+        value = c.from.empty() ? c.to : value.replace(value.find(c.from), c.from.size(), c.to);
+        const std::string what = load(fields, none);
+        EXPECT_TRUE(c.expected.empty() ? what.empty() : what.find(c.expected) != std::string::npos) << c.field << " " << c.to << "\n" << what;
+    }
+    Fields both = records;
+    both.push_back(matrices[1]);
+    EXPECT_NE(load(both, none).find("'M1' beside"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrune::host

@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/stereo/rectified_match.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cstring>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+
+#include "kestrune/MarkerExtractor/stereo.h"
+
+namespace kestrune {
+namespace {
+
+using Pairs = std::vector<std::pair<int, int>>;
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+const std::vector<cv::Point2f> kContour = {{6, 14}, {4, 16}, {3, 20}, {3.5, 24}, {6, 26}, {14, 15}, {17, 20}, {17.5, 21}, {15, 25}, {12, 27}};
+
+Corner cornerOf(double x, double y, std::vector<cv::Point2f> contour) {
+    Corner corner;
+    corner.x = x, corner.y = y, corner.area = contour.size() < 3 ? 0.0 : cv::contourArea(contour);
+    corner.contour = std::move(contour);
+    return corner;
+}
+
+TEST(RectifiedMatch, TakesSamplesFromTheContour) {
+    const std::vector<cv::Point2d> expected = {{10.25, 20.5}, {3.25, 22}, {17.25, 20.5}, {8, 15}, {11, 26}, {3.5, 20}, {16.5, 22}};
+    std::vector<cv::Point2d> narrowed = expected;  // in single precision this is the row of (3, 20) and (17, 20)
+    narrowed[kCentre].y = 20 + 1e-9, narrowed[kRowLeft] = {3.5, 18}, narrowed[kRowRight] = {15.5, 17.5};
+    for (int turn = 0; turn < 10; ++turn) {
+        std::vector<cv::Point2f> contour = kContour;
+        std::rotate(contour.begin(), contour.begin() + turn, contour.end());
+        EXPECT_EQ(samplePoints(cornerOf(10.25, 20.5, contour)), expected);
+        EXPECT_EQ(samplePoints(cornerOf(10.25, 20 + 1e-9, contour)), narrowed);
+        contour[0].x = turn % 2 ? static_cast<float>(kNaN) : static_cast<float>(kInf);
+        EXPECT_TRUE(samplePoints(cornerOf(10.25, 20.5, contour)).empty());
+    }
+    const double outside[][2] = {{10, 14}, {10, 15}, {10, 26.5}, {3, 20}, {18, 20}, {kNaN, 20}, {10, kNaN}, {kInf, 20}, {10, -kInf}, {1e300, 20}};
+    for (const auto& c : outside) EXPECT_TRUE(samplePoints(cornerOf(c[0], c[1], kContour)).empty()) << c[0] << ' ' << c[1];
+    for (const int n : {0, 1, 2}) EXPECT_TRUE(samplePoints(cornerOf(5, 15, {kContour.begin(), kContour.begin() + n})).empty());
+}
+
+TEST(RectifiedMatch, ComparesAreasAndRows) {
+    const double areas[][4] = {{1, 1, 0.25, 1}, {76, 100, 0.25, 1}, {75, 100, 0.25, 0}, {100, 75, 0.25, 0}, {100, 76, -0.25, 1},
+                               {5, 5, 0, 0},    {0, 0, 0.25, 0},    {kNaN, 5, 0.25, 0}, {5, kNaN, 0.25, 0}, {kInf, kInf, 0.25, 0}};
+    for (const auto& c : areas) EXPECT_EQ(areasAgree(c[0], c[1], c[2]), c[3]) << testing::PrintToString(c);
+    // Differences of centre, top and bottom, then row band, slack, result. Line by line: the band; opposite sense at top
+    // and bottom, within the slack or not; one vote, three by the slack, which is exclusive; two votes by the slack;
+    // products that vanish in single precision and have no sense.
+    const double rows[][6] = {{0.99, 0.99, 0.99, 1, 1, 1}, {1, 1, 1, 1, 1, 0},          {0, 3.9, 0, 4, 1, 1},  {0, 4, 0, 4, 1, 0},
+                              {0, 0, 4, 4, 1, 0},          {0, 0, 0, -1, 1, 0},         {0, 3, -3, 4, 1, 0},   {0, 3, -3, 4, 3, 1},
+                              {-0.5, 0.4, -3, 4, 0.8, 0},  {kNaN, 0, 0, 4, 1, 0},       {0, kNaN, 0, 4, 1, 0}, {0, 0, 0, kNaN, 1, 0},
+                              {2, -1, -1, 4, 1, 0},        {-2, 1, -1, 4, 1, 0},        {2, -1, -1, 4, 3, 0},  {2, -1, -1, 4, 3.1, 1},
+                              {-0.5, 0.4, -3, 4, 1, 1},    {2, -1e-50, -1e-50, 4, 1, 1}};
+    for (const auto& c : rows) {
+        MarkerMatchRecord left{}, right{};
+        left.samples.resize(7), right.samples.resize(7);
+        left.y = c[0], left.samples[kTop].y = c[1], left.samples[kBottom].y = c[2];
+        EXPECT_EQ(rowsAgree(left, right, c[3], c[4]), c[5]) << testing::PrintToString(c);
+    }
+}
+
+TEST(RectifiedMatch, JudgesTheSizeInSpace) {
+    for (const double outlier : {100.0, kNaN}) {  // of the distances 1 to 5 and this one, 2 to 5 count
+        const auto [radius, spread] = markerSize({cv::Vec3d(1, 1, 1), {1, 1, 6}, {1, 4, 1}, {1, outlier, 1}, {3, 1, 1}, {1, 1, 2}, {1, -3, 1}});
+        EXPECT_EQ(cv::Vec2d(radius, spread), cv::Vec2d(3.5, std::sqrt(1.25)));
+    }
+    PairTest test{};
+    test.sizeTolerance = 0.25, test.deviationFactor = 4;
+    // Plain, loose and score gate, radius, spread, result: at the bounds of nominal radius 5, which are 4.375, 9 and 9.75,
+    // 3.75 and 6.25, a spread of 1 and a score of 4.
+    const double cases[][6] = {
+        {1, 0, 0, 4.375, 0, 0}, {1, 1, 0, 4.376, 0, 1}, {1, 0, 0, 8.999, 99, 1}, {1, 1, 0, 9, 0, 0},         {1, 0, 0, kNaN, 0, 0},
+        {1, 0, 1, 4.375, 0, 0}, {1, 1, 1, 4.376, 0, 1}, {1, 0, 1, 9.749, 99, 1}, {1, 1, 1, 9.75, 0, 0},      {0, 0, 1, kNaN, 0, 0},
+        {0, 1, 1, 4.374, 0, 0}, {0, 1, 1, 4.375, 0, 1}, {0, 1, 1, 9.75, 0, 1},   {0, 1, 1, 9.751, 0, 0},     {0, 1, 1, 5, 0.999, 1},
+        {0, 1, 1, 5, 1, 0},     {0, 1, 0, 4.375, 0, 0}, {0, 1, 0, 4.376, 0, 1},  {0, 1, 0, 8.999, 0.999, 1}, {0, 1, 0, 9, 0, 0},
+        {0, 1, 0, 5, 1, 0},     {0, 1, 0, 5, kNaN, 0},  {0, 0, 1, 0, 0, 0},      {0, 0, 1, 0.01, 0, 1},      {0, 0, 1, 9.999, 0, 1},
+        {0, 0, 1, 10, 0, 0},    {0, 0, 1, 5, 0.999, 1}, {0, 0, 1, 7.5, 0.5, 0},  {0, 0, 0, 3.75, 0, 0},      {0, 0, 0, 3.751, 0.999, 1},
+        {0, 0, 0, 6.249, 0, 1}, {0, 0, 0, 6.25, 0, 0},  {0, 0, 0, 5, 1, 0},      {0, 0, 0, kInf, 0, 0}};
+    for (const auto& c : cases) {
+        test.plainRowGate = c[0] != 0, test.looseSizeGate = c[1] != 0, test.radiusScoreGate = c[2] != 0;
+        for (const double other : {-kInf, 0.0, kNaN}) {
+            test.radii = {other, 5, kNaN};
+            EXPECT_EQ(sizeFits({c[3], c[4]}, test), c[5]) << testing::PrintToString(c);
+            test.radii = {other};
+            EXPECT_FALSE(sizeFits({c[3], c[4]}, test));
+        }
+    }
+}
+
+MarkerMatchRecord recordOf(const std::vector<int>& matches, const std::vector<double>& radii = {5}) {
+    MarkerMatchRecord record{0, 0, matches, {}, {}, radii, 0};
+    for (const int m : matches) record.candidates3d.push_back({1.0 * m, 0, 0});
+    return record;
+}
+
+TEST(RectifiedMatch, TrimsCandidatesByTheRadius) {
+    using Radii = std::vector<double>;
+    using Positions = std::vector<int>;
+    // Nominal radii 5, 5 and 10, with a band from 0.5 below, inclusive, to 0.5 above, exclusive.
+    const std::pair<Radii, Positions> marks[] = {{{4.8, 4.9, 5, 5.1, 5.2}, {4, 3, 0}},
+                                                 {{5, 5.1, 5.2, 5.3}, {3, 2}},
+                                                 {{1, 5, 5.1, 5.2}, {3}},
+                                                 {{4.6, 4.7, 4.8}, {0}},
+                                                 {{1, 4.6, 4.7, 4.8}, {1, 0}},
+                                                 {{1, 2, 4.6, 5, 5.1}, {4, 1, 0}},
+                                                 {{1, 5, 5.1}, {}},
+                                                 {{4.5, 5, 5.5}, {}},
+                                                 {{4.5, 4.6, 5}, {0}}};
+    for (const auto& [radii, marked] : marks) EXPECT_EQ(surplusPositions(radii, {-1, 0, 5, 5, 10, kNaN}, 0.5), marked);
+    EXPECT_EQ(surplusPositions({4.8, 5, 5.2, 9.8, 10, 10.2}, {5, 10}, 0.5), (Positions{2, 5, 2, 1, 0}));
+    const std::pair<Positions, Positions> erasures[] = {{{}, {0, 1, 2, 3, 4}},     {{2, 0}, {1, 2, 4}},       {{4, 3, 3}, {0, 1, 2, 4}},
+                                                        {{1, 1, 4}, {0, 2, 3, 4}}, {{0, 1, 2, 3, 4}, {1, 3}}, {{99}, {0, 1, 2, 3, 4}}};
+    for (const auto& [positions, left] : erasures) {
+        MarkerMatchRecord record = recordOf({0, 1, 2, 3, 4}, {0, 1, 2, 3, 4});
+        eraseCandidates(record, positions);
+        EXPECT_EQ(record.matches, left);
+        EXPECT_EQ(record.candidateRadii, Radii(left.begin(), left.end()));
+        for (std::size_t k = 0; k < left.size(); ++k) EXPECT_EQ(record.candidates3d.at(k).x, left[k]);
+    }
+
+    std::vector<Point3_<double>> points;
+    const std::vector<MarkerMatchRecord> left = {recordOf({0, 1}, {5, 5}), recordOf({2}), recordOf({}, {}), recordOf({0}), recordOf({1})};
+    EXPECT_EQ(uniquePairs(left, {recordOf({3}), recordOf({0, 4}, {5, 5}), recordOf({7})}, points), (Pairs{{1, 2}, {3, 0}}));
+    EXPECT_EQ(points.size(), 2u);
+}
+
+/// A rectified rig and tilted discs of two radii in space; the right list runs backwards.
+struct Exposure {
+    std::vector<Corner> left, right;
+    std::vector<cv::Vec3d> truth;
+    std::vector<Point3_<double>> points;
+    std::vector<double> radii{5, 3};
+    cv::Mat rotation = cv::Mat::eye(3, 3, CV_64F), leftProjection = (cv::Mat_<double>(3, 4) << 2e3, 0, 1e3, 0, 0, 2e3, 800, 0, 0, 0, 1, 0);
+    cv::Mat rightProjection = leftProjection.clone();
+    double minDepth = 500, maxDepth = 1500, tolerance = 0.3;
+
+    explicit Exposure(int count) {
+        rightProjection.at<double>(0, 3) = -4e5;
+        for (int i = 0; i < count; ++i) {
+            truth.emplace_back(600 * std::fmod(0.7549 * i, 1) - 250, 560 * std::fmod(0.5698 * i, 1) - 280, 1000 + 12 * std::sin(3 * i));
+            left.push_back(view(leftProjection, i));
+            right.insert(right.begin(), view(rightProjection, i));
+        }
+    }
+    Corner view(const cv::Matx34d& camera, int i) const {
+        std::vector<cv::Point2d> image;
+        for (int k = 0; k <= 90; ++k) {
+            const double r = k == 90 ? 0 : i % 2 ? 3 : 5, u = r * std::cos(k * CV_PI / 45), v = r * std::sin(k * CV_PI / 45);
+            const cv::Vec3d p = truth.back(), h = camera * cv::Vec4d(p[0] + 0.95 * u, p[1] + 0.9 * v, p[2] + 0.31 * u * std::cos(i) + 0.44 * v, 1);
+            image.emplace_back(h[0] / h[2], h[1] / h[2]);
+        }
+        return cornerOf(image[90].x, image[90].y, {image.begin(), image.end() - 1});
+    }
+    Pairs match(int gates) {
+        return getStereoRectifiedMarker3dPoints(left, right, radii, points, rotation, leftProjection, rightProjection, 2.0, minDepth, maxDepth,
+                                                gates & 1, gates & 2, tolerance, 2, gates & 4, 0.3, 0.3);
+    }
+    /// Number of pairs, or the warning, or the argument that an exception names.
+    std::string outcome(int gates) {
+        std::string result;
+        testing::internal::CaptureStdout();
+        try {
+            result = std::to_string(match(gates).size());
+            EXPECT_EQ(result, std::to_string(points.size()));
+        } catch (const cv::Exception& error) {
+            if (error.code == cv::Error::StsBadArg && points.empty()) result = error.err.substr(0, error.err.find(':'));
+        }
+        const std::string line = testing::internal::GetCapturedStdout(), site = "WARN  MarkerExtractor.cpp:";
+        return line.empty() ? result : line.substr(line.find(site) + site.size());
+    }
+};
+
+TEST(RectifiedMatch, PlacesDiscsInSpaceForAnyNumberOfThreads) {
+    const cv::Matx33d turn(0.36, 0.48, -0.8, -0.8, 0.6, 0, 0.48, 0.64, 0.6);
+    const int threads = omp_get_max_threads();
+    std::vector<Point3_<double>> reference[16];
+    for (int run = 0; run < 64; ++run) {  // the eight gates, two markers (left to the fallback) and forty, four numbers of threads
+        const int count = run & 8 ? 40 : 2;
+        Exposure e(count);
+        e.rotation = cv::Mat(turn, true), e.points = {{7, 8, 9}};
+        omp_set_num_threads(1 << (run >> 4));
+        const Pairs pairs = e.match(run & 7);
+        ASSERT_TRUE(static_cast<int>(pairs.size()) == count && e.points.size() == pairs.size() + 1 && e.points[0].z == 9) << run;
+        for (int k = 0; k < count; ++k) {
+            EXPECT_EQ(pairs[k], std::pair(k, count - 1 - k));
+            EXPECT_LT(cv::norm(cv::Vec3d(&e.points[k + 1].x) - turn.t() * e.truth[k]), 1e-8);
+        }
+        if (run < 16) reference[run] = e.points;
+        EXPECT_EQ(std::memcmp(e.points.data(), reference[run % 16].data(), sizeof(e.points[0]) * e.points.size()), 0) << run;
+    }
+    omp_set_num_threads(threads);
+}
+
+TEST(RectifiedMatch, KeepsWhatIsBeyondDoubtWithoutAConstellation) {
+    Exposure e(0);
+    e.tolerance = 0.1;
+    const auto add = [&e](std::vector<Corner>& corners, cv::Mat camera, double x, double shift) {
+        camera.at<double>(0, 2) += shift;
+        e.truth.assign(1, {x, 0, 1000});
+        corners.push_back(e.view(camera, 0));
+    };
+    for (const double x : {0, -21}) add(e.left, e.leftProjection.clone(), x, 0);
+    // Three right markers give left 0 the radii 5.09, 5.04 and 4.96; the second in the list, which is left 1's, gives it
+    // 4.53. This one and the first are surplus, but only this one goes from left 0: the other has moved up by then.
+    for (const auto& [x, shift] : {std::pair(0, 6), {-21, 0}, {0, 2}, {0, -4}}) add(e.right, e.rightProjection.clone(), x, shift);
+    EXPECT_EQ(e.match(0), (Pairs{{1, 1}}));
+    ASSERT_EQ(e.points.size(), 1u);
+    EXPECT_NEAR(e.points[0].x, -21, 1e-8);
+}
+
+TEST(RectifiedMatch, AnswersBadInput) {
+    const std::string lists = "StereoCircleMarkerExtractor: Please check the left eye camera or right eye camera, failed to extract Marker Points.\n";
+    const std::string radii = "3184   Wrong Parameter: Please check the radius of circular marker.\n";
+    const std::pair<void (*)(Exposure&), std::string> cases[] = {
+        {[](Exposure& e) { e.left.clear(); }, "3168   " + lists},
+        {[](Exposure& e) { e.right.clear(), e.radii.clear(), e.rotation.release(); }, "3168   " + lists},
+        {[](Exposure& e) { e.radii.clear(), e.rotation.release(); }, radii},
+        {[](Exposure& e) { e.radii.assign(3, kNaN), e.radii[1] = -1, e.radii[2] = 0; }, radii},
+        {[](Exposure& e) { e.radii.insert(e.radii.begin(), kNaN), e.radii.push_back(0); }, "2"},
+        {[](Exposure& e) { cv::Mat(e.leftProjection).convertTo(e.leftProjection, CV_32F); }, "2"},
+        {[](Exposure& e) { e.radii.assign(1, 50); }, "0"},
+        {[](Exposure& e) { e.tolerance = 0; }, "0"},
+        {[](Exposure& e) { e.tolerance = kNaN; }, "0"},
+        {[](Exposure& e) { e.minDepth = kNaN; }, "0"},
+        {[](Exposure& e) { e.maxDepth = kNaN; }, "0"},
+        {[](Exposure& e) { e.minDepth = 1100; }, "0"},
+        {[](Exposure& e) { e.maxDepth = 900; }, "0"},
+        {[](Exposure& e) { e.minDepth = -1e9, std::swap(e.left, e.right); }, "0"},  // behind the cameras
+        {[](Exposure& e) { e.rightProjection = e.leftProjection; }, "0"},
+        {[](Exposure& e) { e.leftProjection = kNaN; }, "0"},
+        {[](Exposure& e) { e.left[0].contour.resize(2), e.right[0].contour.clear(); }, "0"},
+        {[](Exposure& e) { e.left[0].x = kNaN; }, "1"},
+        {[](Exposure& e) { e.right[0].y += 400; }, "1"},
+        {[](Exposure& e) { e.left[0].y = 242, e.right[1].y = 240; }, "1"},  // apart by just the row band
+        {[](Exposure& e) { e.left[1].area = kNaN; }, "1"},
+        {[](Exposure& e) { e.rotation.convertTo(e.rotation, CV_32F); }, "rotation"}};
+    const int threads = omp_get_max_threads();
+    omp_set_num_threads(1);  // on a busy machine a team takes far longer to gather than two markers to match
+    for (int run = 0; run < 8 * static_cast<int>(std::size(cases)); ++run) {
+        Exposure e(2);
+        cases[run / 8].first(e);
+        EXPECT_EQ(e.outcome(run % 8), cases[run / 8].second) << run;
+    }
+    for (const int gates : {0, 1, 2, 3}) {  // centre and contour move apart: within the slack of the loose gate only
+        Exposure e(2);
+        e.right[1].y -= 0.6;
+        for (cv::Point2f& p : e.right[1].contour) p.y += 0.6f;
+        EXPECT_EQ(e.outcome(gates), gates < 2 ? "1" : "2");
+    }
+    const int cube[] = {3, 3, 4};
+    for (const cv::Mat& bad :
+         {cv::Mat(), cv::Mat(3, 5, CV_64F), cv::Mat(4, 3, CV_64F), cv::Mat(3, cube, CV_64F), cv::Mat(3, 4, CV_32S), cv::Mat(3, 4, CV_64FC2)}) {
+        Exposure a(2), b(2), c(2);
+        a.rotation = bad.cols == 4 ? bad.colRange(0, 3) : bad, b.leftProjection = bad, c.rightProjection = bad;
+        EXPECT_EQ(a.outcome(0) + b.outcome(0) + c.outcome(0), "rotationleftProjectionrightProjection") << bad.size();
+    }
+    omp_set_num_threads(threads);
+}
+
+}  // namespace
+}  // namespace kestrune
