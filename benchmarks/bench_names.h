@@ -15,21 +15,21 @@ struct PathName {
     std::string_view floor;
 };
 
-constexpr std::array<PathName, 6> pathNames{{{"radial_s1", "floor_radial_s1"},
-                                             {"radial_s2", "floor_radial_s2"},
-                                             {"radial_s2_refine", "floor_radial_s2"},
-                                             {"subpixel", "floor_subpixel"},
-                                             {"subpixel_threads", "floor_subpixel"},
-                                             {"fast", "floor_fast"}}};
+constexpr std::array<PathName, 6> kPathNames{{{"radial_s1", "floor_radial_s1"},
+                                              {"radial_s2", "floor_radial_s2"},
+                                              {"radial_s2_refine", "floor_radial_s2"},
+                                              {"subpixel", "floor_subpixel"},
+                                              {"subpixel_threads", "floor_subpixel"},
+                                              {"fast", "floor_fast"}}};
 
-constexpr std::array<std::string_view, 4> rivalNames{"rival_blob", "rival_hough", "rival_edgedrawing", "rival_fit"};
+constexpr std::array<std::string_view, 4> kRivalNames{"rival_blob", "rival_hough", "rival_edgedrawing", "rival_fit"};
 
 /// What the names of the rivals are called in a table.
-constexpr std::array<std::string_view, 4> rivalTitles{"SimpleBlobDetector", "HoughCircles", "EdgeDrawing ellipses",
-                                                      "threshold+fitEllipse"};
+constexpr std::array<std::string_view, 4> kRivalTitles{"SimpleBlobDetector", "HoughCircles", "EdgeDrawing ellipses",
+                                                       "threshold+fitEllipse"};
 
-constexpr std::string_view recallCounter = "recall";
-constexpr std::string_view falseCounter = "false";
-constexpr std::string_view centreRmsCounter = "centreRmsPx";
+constexpr std::string_view kRecallCounter = "recall";
+constexpr std::string_view kFalseCounter = "false";
+constexpr std::string_view kCentreRmsCounter = "centreRmsPx";
 
 }  // namespace kestrune::bench

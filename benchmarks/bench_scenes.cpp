@@ -13,32 +13,32 @@ namespace {
 
 // As far as markers on a curved object lean away before they are hard to use: their images are ellipses of axis ratio
 // down to 0.87, so that detectors of circles still see what they are made for.
-constexpr double maxTiltDegrees = 30;
+constexpr double kMaxTiltDegrees = 30;
 
 // Largest radius as a share of the grid cell that a marker has to itself: leaves room for the jitter and for a rim of
 // ground as wide as the probes of the radial contours reach.
-constexpr double radiusPerCell = 0.3;
+constexpr double kRadiusPerCell = 0.3;
 
-constexpr double blurSigma = 0.8;
-constexpr double noiseSigma = 2.0;
-constexpr std::uint64_t seed = 20;
+constexpr double kBlurSigma = 0.8;
+constexpr double kNoiseSigma = 2.0;
+constexpr std::uint64_t kSeed = 20;
 
 // Half the smallest radius: farther off, a centre is not that of this marker.
-constexpr double matchDistancePx = minRadiusPx / 2;
+constexpr double kMatchDistancePx = kMinRadiusPx / 2;
 
 BenchScene renderScene(cv::Size size, int markers) {
     scene::Rig rig = scene::makeVergedRig(size);
     rig.left.distortion.fill(0);
     rig.right.distortion.fill(0);
     const double cell = std::sqrt(static_cast<double>(size.area()) / markers);
-    const double largest = std::min(maxRadiusPx, radiusPerCell * cell);
+    const double largest = std::min(kMaxRadiusPx, kRadiusPerCell * cell);
     const std::vector<scene::Disc> discs =
-        scene::makeScatteredDiscs(rig, markers, minRadiusPx, largest, maxTiltDegrees, discGrey, seed);
+        scene::makeScatteredDiscs(rig, markers, kMinRadiusPx, largest, kMaxTiltDegrees, kDiscGrey, kSeed);
     scene::RenderOptions options;
-    options.background = backgroundGrey;
-    options.blurSigma = blurSigma;
-    options.noiseSigma = noiseSigma;
-    options.seed = seed;
+    options.background = kBackgroundGrey;
+    options.blurSigma = kBlurSigma;
+    options.noiseSigma = kNoiseSigma;
+    options.seed = kSeed;
     scene::Exposure exposure = scene::render(rig, discs, {}, options);
     const auto visible = std::count_if(exposure.markers.begin(), exposure.markers.end(),
                                        [](const scene::MarkerTruth& marker) { return marker.eye[0].visible; });
@@ -60,7 +60,7 @@ const BenchScene& cachedScene(cv::Size size, int markers) {
 }
 
 Quality judge(const BenchScene& scene, const std::vector<cv::Point2d>& centres) {
-    const scene::DetectionScore score = scene::scoreDetections(scene.markers, 0, centres, true, matchDistancePx);
+    const scene::DetectionScore score = scene::scoreDetections(scene.markers, 0, centres, true, kMatchDistancePx);
     const double visible = static_cast<double>(score.matches.size() + score.missed.size());
     return {visible > 0 ? static_cast<double>(score.matches.size()) / visible : 0,
             static_cast<double>(score.falseOnes.size()), score.centreRms};

@@ -11,11 +11,11 @@
 namespace kestrune::bench {
 
 /// Bounds of the markers' radii in the image, px. The settings of all candidates are chosen for them.
-constexpr double minRadiusPx = 6;
-constexpr double maxRadiusPx = 40;
+constexpr double kMinRadiusPx = 6;
+constexpr double kMaxRadiusPx = 40;
 
-constexpr double backgroundGrey = 40;
-constexpr double discGrey = 180;
+constexpr double kBackgroundGrey = 40;
+constexpr double kDiscGrey = 180;
 
 struct BenchScene {
     cv::Mat image;  ///< CV_8UC1, the left eye; no lens distortion, so that every candidate works in the same pixels

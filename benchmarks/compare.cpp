@@ -25,7 +25,7 @@ namespace {
 using nlohmann::json;
 
 // Repetitions that lie farther apart than this share of their median tell of a machine that had other work to do.
-constexpr double largestSpread = 0.25;
+constexpr double kLargestSpread = 0.25;
 
 struct Result {
     std::vector<double> milliseconds;     ///< wall time of one image, one a repetition
@@ -53,7 +53,7 @@ double median(std::vector<double> values) {
 
 bool isUnsteady(const Result& result) {
     const auto [least, most] = std::minmax_element(result.milliseconds.begin(), result.milliseconds.end());
-    return *most - *least > largestSpread * median(result.milliseconds);
+    return *most - *least > kLargestSpread * median(result.milliseconds);
 }
 
 std::optional<double> counterOf(const json& run, std::string_view name) {
@@ -77,9 +77,9 @@ void addRun(const json& run, Results& results) {
     if (run.at("time_unit") != "ms") throw std::runtime_error(name + " is not in milliseconds");
     result.milliseconds.push_back(run.at("real_time"));
     result.cpuMilliseconds.push_back(run.at("cpu_time"));
-    result.recall = counterOf(run, recallCounter);
-    result.falseOnes = counterOf(run, falseCounter);
-    result.centreRms = counterOf(run, centreRmsCounter);
+    result.recall = counterOf(run, kRecallCounter);
+    result.falseOnes = counterOf(run, kFalseCounter);
+    result.centreRms = counterOf(run, kCentreRmsCounter);
 }
 
 using Row = std::vector<std::string>;
@@ -99,7 +99,7 @@ std::string ratio(const Result& result, const ResultsByName& scene, std::string_
 
 Row headings() {
     Row row{"what", "image", "markers", "ms", "/ floor", "CPU / floor"};
-    for (const std::string_view rival : rivalTitles) row.push_back(fmt::format("/ {}", rival));
+    for (const std::string_view rival : kRivalTitles) row.push_back(fmt::format("/ {}", rival));
     row.insert(row.end(), {"recall %", "false", "centre RMS px"});
     return row;
 }
@@ -114,11 +114,11 @@ std::optional<Row> rowOf(const Scene& scene, const ResultsByName& results, std::
     const double time = median(result.milliseconds);
     row.push_back(decimals(time, time < 10 ? 2 : 1));
     if (floor.empty()) {
-        row.resize(row.size() + 2 + rivalNames.size(), "-");
+        row.resize(row.size() + 2 + kRivalNames.size(), "-");
     } else {
         row.push_back(ratio(result, results, floor, &Result::milliseconds));
         row.push_back(ratio(result, results, floor, &Result::cpuMilliseconds));
-        for (const std::string_view rival : rivalNames)
+        for (const std::string_view rival : kRivalNames)
             row.push_back(ratio(result, results, rival, &Result::milliseconds));
     }
     row.push_back(decimals(result.recall ? std::optional(*result.recall * 100) : std::nullopt, 1));
@@ -133,9 +133,9 @@ std::vector<Row> tableOf(const Results& results) {
         if (row) table.push_back(std::move(*row));
     };
     for (const auto& [scene, byName] : results) {
-        for (const PathName& path : pathNames) add(rowOf(scene, byName, path.name, path.name, path.floor));
-        for (std::size_t i = 0; i < rivalNames.size(); ++i)
-            add(rowOf(scene, byName, rivalNames[i], rivalTitles[i], ""));
+        for (const PathName& path : kPathNames) add(rowOf(scene, byName, path.name, path.name, path.floor));
+        for (std::size_t i = 0; i < kRivalNames.size(); ++i)
+            add(rowOf(scene, byName, kRivalNames[i], kRivalTitles[i], ""));
     }
     return table;
 }
@@ -178,7 +178,7 @@ void printPreamble(const json& context, const Results& results) {
         "of all threads together.\n");
     if (unsteady > 0)
         fmt::print("{} of {} times spread by more than {:.0f} % between repetitions: the machine was not idle.\n",
-                   unsteady, measured, largestSpread * 100);
+                   unsteady, measured, kLargestSpread * 100);
     fmt::print("\n");
 }
 

@@ -17,15 +17,15 @@ namespace kestrune::bench {
 namespace {
 
 // Common sensors of 1.3, 5 and 20 megapixels.
-const std::array<cv::Size, 3> imageSizes{{{1280, 1024}, {2448, 2048}, {5472, 3648}}};
-constexpr std::array<int, 3> markerCounts{20, 120, 500};
+const std::array<cv::Size, 3> kImageSizes{{{1280, 1024}, {2448, 2048}, {5472, 3648}}};
+constexpr std::array<int, 3> kMarkerCounts{20, 120, 500};
 
 struct Candidate {
     std::string_view name;
     Job (*make)(const BenchScene&);
 };
 
-const Candidate candidates[] = {
+const Candidate kCandidates[] = {
     {"radial_s1", [](const BenchScene& scene) { return radialPath(scene, 1, false); }},
     {"radial_s2", [](const BenchScene& scene) { return radialPath(scene, 2, false); }},
     {"radial_s2_refine", [](const BenchScene& scene) { return radialPath(scene, 2, true); }},
@@ -50,15 +50,15 @@ void measure(benchmark::State& state, const Candidate& candidate, cv::Size size,
     for ([[maybe_unused]] auto iteration : state) job.run();
     if (!job.centres) return;
     const Quality quality = judge(scene, job.centres());
-    state.counters[std::string(recallCounter)] = quality.recall;
-    state.counters[std::string(falseCounter)] = quality.falseOnes;
-    state.counters[std::string(centreRmsCounter)] = quality.centreRms;
+    state.counters[std::string(kRecallCounter)] = quality.recall;
+    state.counters[std::string(kFalseCounter)] = quality.falseOnes;
+    state.counters[std::string(kCentreRmsCounter)] = quality.centreRms;
 }
 
 void registerAll() {
-    for (const cv::Size& size : imageSizes) {
-        for (const int markers : markerCounts) {
-            for (const Candidate& candidate : candidates) {
+    for (const cv::Size& size : kImageSizes) {
+        for (const int markers : kMarkerCounts) {
+            for (const Candidate& candidate : kCandidates) {
                 const std::string name = fmt::format("{}/{}x{}/{}", candidate.name, size.width, size.height, markers);
 #ifndef __clang_analyzer__  // It takes what the benchmark library keeps until the end for a leak.
                 // Wall time is what a user waits for, and some calls use threads; the processor time of all threads

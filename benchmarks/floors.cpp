@@ -9,12 +9,9 @@
 namespace kestrune::bench {
 namespace {
 
-// The derivative kernel's positive half sums to this, and the suppression takes its thresholds in this unit.
-constexpr int derivativeUnit = 128;
-
 // What the fast path thresholds with.
-constexpr double fastLevel = 100;
-constexpr double fastForeground = 250;
+constexpr double kFastLevel = 100;
+constexpr double kFastForeground = 250;
 
 struct SubpixelBuffers {
     cv::Mat kernel, one;
@@ -59,11 +56,12 @@ Job subpixelFloor(const BenchScene& scene) {
     auto buffers = std::make_shared<SubpixelBuffers>();
     buffers->kernel = makeEdgeDerivativeKernel(settings.sigma);
     buffers->one = cv::Mat::ones(1, 1, CV_16S);
+    constexpr int gain = static_cast<int>(kDerivativeGain);
     // The contours are traced on the edges that the path has; what it takes to find them is not part of the floor.
     blurAndDerive(scene.image, settings, *buffers);
     buffers->edges = cv::Mat::zeros(scene.image.size(), CV_8UC1);
-    suppressAndLinkEdges(scene.image, buffers->dx, buffers->dy, settings.cannyLow * derivativeUnit,
-                         settings.cannyHigh * derivativeUnit, buffers->edges);
+    suppressAndLinkEdges(scene.image, buffers->dx, buffers->dy, settings.cannyLow * gain, settings.cannyHigh * gain,
+                         buffers->edges);
     return {[buffers, settings, image = scene.image] {
         blurAndDerive(image, settings, *buffers);
         cv::findContours(buffers->edges, buffers->contours, buffers->hierarchy, cv::RETR_TREE, cv::CHAIN_APPROX_NONE);
@@ -77,7 +75,7 @@ Job fastFloor(const BenchScene& scene) {
     };
     auto buffers = std::make_shared<Buffers>();
     return {[buffers, image = scene.image] {
-        cv::threshold(image, buffers->binary, fastLevel, fastForeground, cv::THRESH_BINARY);
+        cv::threshold(image, buffers->binary, kFastLevel, kFastForeground, cv::THRESH_BINARY);
         cv::findContours(buffers->binary, buffers->contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
     }};
 }

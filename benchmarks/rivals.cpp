@@ -13,47 +13,47 @@
 namespace kestrune::bench {
 namespace {
 
-constexpr double pi = 3.14159265358979323846;
+constexpr double kPi = 3.14159265358979323846;
 
 // Slack of the bounds: a tilted disc has less area than its larger half axis says, and a detector that measures on the
 // pixel grid is off by about a pixel.
-constexpr double radiusSlackPx = 1;
-constexpr double leastAreaShare = 0.6;
-constexpr double minRadius = minRadiusPx - radiusSlackPx;
-constexpr double maxRadius = maxRadiusPx + radiusSlackPx;
-constexpr double minArea = leastAreaShare * pi * minRadiusPx * minRadiusPx;
-constexpr double maxArea = pi * maxRadius * maxRadius;
+constexpr double kRadiusSlackPx = 1;
+constexpr double kLeastAreaShare = 0.6;
+constexpr double kMinRadius = kMinRadiusPx - kRadiusSlackPx;
+constexpr double kMaxRadius = kMaxRadiusPx + kRadiusSlackPx;
+constexpr double kMinArea = kLeastAreaShare * kPi * kMinRadiusPx * kMinRadiusPx;
+constexpr double kMaxArea = kPi * kMaxRadius * kMaxRadius;
 
 // Shape bounds, wide enough for the smallest discs on the pixel grid.
-constexpr double leastCircularity = 0.7;
-constexpr double leastConvexity = 0.8;
-constexpr double leastAxisRatio = 0.6;
+constexpr double kLeastCircularity = 0.7;
+constexpr double kLeastConvexity = 0.8;
+constexpr double kLeastAxisRatio = 0.6;
 
-constexpr double midGrey = (backgroundGrey + discGrey) / 2;
+constexpr double kMidGrey = (kBackgroundGrey + kDiscGrey) / 2;
 
 // Closer than two touching discs of the smallest size no two markers can be.
-constexpr double leastCentreDistance = 2 * minRadiusPx;
+constexpr double kLeastCentreDistance = 2 * kMinRadiusPx;
 
 }  // namespace
 
 Job blobRival(const BenchScene& scene) {
     // Levels that lie between ground and disc, ten grey levels apart as by default.
-    constexpr float levelStep = 10;
-    constexpr float levelMargin = 20;
+    constexpr float kLevelStep = 10;
+    constexpr float kLevelMargin = 20;
     cv::SimpleBlobDetector::Params params;
-    params.minThreshold = static_cast<float>(backgroundGrey) + levelMargin;
-    params.maxThreshold = static_cast<float>(discGrey) - levelMargin + 1;
-    params.thresholdStep = levelStep;
-    params.minDistBetweenBlobs = static_cast<float>(leastCentreDistance);
+    params.minThreshold = static_cast<float>(kBackgroundGrey) + kLevelMargin;
+    params.maxThreshold = static_cast<float>(kDiscGrey) - kLevelMargin + 1;
+    params.thresholdStep = kLevelStep;
+    params.minDistBetweenBlobs = static_cast<float>(kLeastCentreDistance);
     params.filterByColor = true;
     params.blobColor = 255;
     params.filterByArea = true;
-    params.minArea = static_cast<float>(minArea);
-    params.maxArea = static_cast<float>(maxArea);
+    params.minArea = static_cast<float>(kMinArea);
+    params.maxArea = static_cast<float>(kMaxArea);
     params.filterByCircularity = true;
-    params.minCircularity = static_cast<float>(leastCircularity);
+    params.minCircularity = static_cast<float>(kLeastCircularity);
     params.filterByConvexity = true;
-    params.minConvexity = static_cast<float>(leastConvexity);
+    params.minConvexity = static_cast<float>(kLeastConvexity);
     params.filterByInertia = false;
     struct State {
         cv::Ptr<cv::SimpleBlobDetector> detector;
@@ -72,13 +72,13 @@ Job blobRival(const BenchScene& scene) {
 Job houghRival(const BenchScene& scene) {
     // Of the two variants and of coarser accumulators this one finds the most on such scenes, with the fewest false
     // ones.
-    constexpr double accumulatorReduction = 1;
-    constexpr double edgeThreshold = 100;
-    constexpr double votes = 18;
+    constexpr double kAccumulatorReduction = 1;
+    constexpr double kEdgeThreshold = 100;
+    constexpr double kVotes = 18;
     auto circles = std::make_shared<std::vector<cv::Vec3f>>();
     return {[circles, image = scene.image] {
-                cv::HoughCircles(image, *circles, cv::HOUGH_GRADIENT, accumulatorReduction, leastCentreDistance,
-                                 edgeThreshold, votes, static_cast<int>(minRadius), static_cast<int>(maxRadius));
+                cv::HoughCircles(image, *circles, cv::HOUGH_GRADIENT, kAccumulatorReduction, kLeastCentreDistance,
+                                 kEdgeThreshold, kVotes, static_cast<int>(kMinRadius), static_cast<int>(kMaxRadius));
             },
             [circles] {
                 std::vector<cv::Point2d> centres;
@@ -103,7 +103,7 @@ Job edgeDrawingRival(const BenchScene& scene) {
                 for (const cv::Vec6d& e : state->ellipses) {
                     const double smaller = e[2] > 0 ? e[2] : std::min(e[3], e[4]);
                     const double larger = e[2] > 0 ? e[2] : std::max(e[3], e[4]);
-                    if (larger >= minRadius && larger <= maxRadius && smaller >= leastAxisRatio * larger)
+                    if (larger >= kMinRadius && larger <= kMaxRadius && smaller >= kLeastAxisRatio * larger)
                         centres.emplace_back(e[0], e[1]);
                 }
                 return centres;
@@ -120,16 +120,16 @@ Job fitRival(const BenchScene& scene) {
     return {[state, image = scene.image] {
                 State& s = *state;
                 s.centres.clear();
-                cv::threshold(image, s.binary, midGrey, 255, cv::THRESH_BINARY);
+                cv::threshold(image, s.binary, kMidGrey, 255, cv::THRESH_BINARY);
                 cv::findContours(s.binary, s.contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
                 for (const std::vector<cv::Point>& contour : s.contours) {
                     const double area = cv::contourArea(contour);
-                    if (area < minArea || area > maxArea) continue;
+                    if (area < kMinArea || area > kMaxArea) continue;
                     const double perimeter = cv::arcLength(contour, true);
-                    if (4 * pi * area < leastCircularity * perimeter * perimeter) continue;
+                    if (4 * kPi * area < kLeastCircularity * perimeter * perimeter) continue;
                     const cv::RotatedRect ellipse = cv::fitEllipse(contour);
                     const auto [shorter, longer] = std::minmax({ellipse.size.width, ellipse.size.height});
-                    if (shorter >= leastAxisRatio * longer) s.centres.emplace_back(ellipse.center);
+                    if (shorter >= kLeastAxisRatio * longer) s.centres.emplace_back(ellipse.center);
                 }
             },
             [state] { return state->centres; }};

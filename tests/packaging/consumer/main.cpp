@@ -29,6 +29,7 @@ int main() {
     kestrune::CircleMarkerExtractor extractor;
     std::vector<kestrune::Corner> corners;
     extractor.CircleExtractSimple(image, corners, 0, configs);
-    for (const kestrune::Corner& corner : corners)
+    for (const kestrune::Corner& corner : corners) {
         std::printf("marker %d at %.1f %.1f\n", corner.id, corner.x, corner.y);
+    }
 }

@@ -10,6 +10,13 @@
 #include <utility>
 #include <vector>
 
+// Set by the library's CMake target and pkg-config file: whether the Eigen that it was built with allocates by malloc.
+#if defined(KESTRUNE_EIGEN_MALLOC_ALREADY_ALIGNED)
+static_assert((EIGEN_MALLOC_ALREADY_ALIGNED != 0) == (KESTRUNE_EIGEN_MALLOC_ALREADY_ALIGNED != 0),
+              "Eigen takes another allocator here than in kestrune_MarkerExtractor, and matrices of a Corner cross between "
+              "the two: build both with the same vector switches (-mavx, -march=native) and sanitizers");
+#endif
+
 namespace kestrune {
 
 /// Element of the auxiliary lists of a `Corner`. The library carries the lists in copies and gives them no meaning.
