@@ -24,9 +24,15 @@ Pose_<double> placedAt(double x, double y, double z) {
 }
 
 TEST(CalibrationIntake, PlacesTheBaselineWhereTheRigHasIt) {
-    const struct { const char* what; double x, y; int row; double baseline; } cases[] = {
-        {"right camera to the right", 100, 0, 0, -100}, {"right camera to the left", -100, 0, 0, 100},
-        {"below", 0, 50, 1, -50}, {"above", 0, -50, 1, 50}};
+    const struct {
+        const char* what;
+        double x, y;
+        int row;
+        double baseline;
+    } cases[] = {{"right camera to the right", 100, 0, 0, -100},
+                 {"right camera to the left", -100, 0, 0, 100},
+                 {"below", 0, 50, 1, -50},
+                 {"above", 0, -50, 1, 50}};
     for (const auto& c : cases) {
         CircleMarkerExtractor e;
         e.transform_kestruneData2cvMat({kAtOrigin, placedAt(c.x, c.y, 0), kAtOrigin}, {kCamera, kCamera}, 640, 480, 0);
@@ -42,7 +48,11 @@ TEST(CalibrationIntake, PlacesTheBaselineWhereTheRigHasIt) {
 }
 
 TEST(CalibrationIntake, AgreesWithProjectionsOfSpace) {
-    const cv::Matx33d turned = [] { cv::Matx33d r; cv::Rodrigues(cv::Vec3d(0.4, -0.3, 1.1), r); return r; }();
+    const cv::Matx33d turned = [] {
+        cv::Matx33d r;
+        cv::Rodrigues(cv::Vec3d(0.4, -0.3, 1.1), r);
+        return r;
+    }();
     for (scene::Rig rig : {scene::makeVergedRig({1280, 1024}), test::verticalRig()}) {
         CircleMarkerExtractor e;
         // The same rig seen from a world of another orientation: nothing but the poses may change.
@@ -111,11 +121,15 @@ TEST(CalibrationIntake, RefusesWhatItCannotUse) {
 
     Camera_<double, 2, 2> noNumber = kCamera;
     noNumber.values[8] = std::nan("");
-    const struct { const char* name; Poses poses; Cameras cameras; int width, height; } cases[] = {
-        {"cameras[1]", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, noNumber}, 640, 480},
-        {"poses[1]", {kAtOrigin, placedAt(INFINITY, 0, 0)}, {kCamera, kCamera}, 640, 480},
-        {"width", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, kCamera}, 0, 480},
-        {"height", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, kCamera}, 640, -1}};
+    const struct {
+        const char* name;
+        Poses poses;
+        Cameras cameras;
+        int width, height;
+    } cases[] = {{"cameras[1]", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, noNumber}, 640, 480},
+                 {"poses[1]", {kAtOrigin, placedAt(INFINITY, 0, 0)}, {kCamera, kCamera}, 640, 480},
+                 {"width", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, kCamera}, 0, 480},
+                 {"height", {kAtOrigin, placedAt(1, 0, 0)}, {kCamera, kCamera}, 640, -1}};
     for (const auto& c : cases) {
         CircleMarkerExtractor fresh;
         try {
@@ -136,10 +150,15 @@ TEST(CalibrationIntake, RefusesWhatItCannotUse) {
 
 TEST(SetStereorectifyParam, NamesTheMatrixThatIsWrong) {
     const cv::Mat P = cv::Mat::ones(3, 4, CV_64F), R = cv::Mat::eye(3, 3, CV_64F), odd = cv::Mat::ones(2, 2, CV_64F);
-    const struct { std::vector<cv::Mat> matrices; const char* text; bool left, right; } cases[] = {
-        {{P, P, R}, "Warning: input matrixes num error!", false, false}, {{odd, P, R, R}, "Warning: the first matrix size error!", false, false},
-        {{P, R, R, R}, "Warning: the second matrix size error!", true, false}, {{P, P, P, R}, "Warning: the third matrix size error!", true, true},
-        {{P, P, R, odd, odd}, "", true, true}};
+    const struct {
+        std::vector<cv::Mat> matrices;
+        const char* text;
+        bool left, right;
+    } cases[] = {{{P, P, R}, "Warning: input matrixes num error!", false, false},
+                 {{odd, P, R, R}, "Warning: the first matrix size error!", false, false},
+                 {{P, R, R, R}, "Warning: the second matrix size error!", true, false},
+                 {{P, P, P, R}, "Warning: the third matrix size error!", true, true},
+                 {{P, P, R, odd, odd}, "", true, true}};
     for (const auto& c : cases) {
         CircleMarkerExtractor e;
         testing::internal::CaptureStdout();
@@ -195,8 +214,10 @@ TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
             EXPECT_NEAR(std::abs(std::remainder(major, 180.0)), 0, 1e-3) << degrees << " " << sign;
         }
     }
-    const struct { std::array<double, 6> q; float x, width; } cases[] = {
-        {{0, 0, 0, 0, 0, 0}, 0, 0}, {{1, 0, 0, 0, -1, 0}, 0, 0}, {{1, 0, -1, -2, 0, 0}, 1, 2}, {{NAN, 0, 1, 0, 0, -1}, 0, NAN}};
+    const struct {
+        std::array<double, 6> q;
+        float x, width;
+    } cases[] = {{{0, 0, 0, 0, 0, 0}, 0, 0}, {{1, 0, 0, 0, -1, 0}, 0, 0}, {{1, 0, -1, -2, 0, 0}, 1, 2}, {{NAN, 0, 1, 0, 0, -1}, 0, NAN}};
     for (const auto& c : cases) {
         const EllipseParams e = conicToEllipse(c.q[0], c.q[1], c.q[2], c.q[3], c.q[4], c.q[5]);
         EXPECT_EQ(e.centerX, c.x) << c.q[2];

@@ -29,8 +29,7 @@ TEST(Projection, AgreesWithClosedForms) {
         EXPECT_TRUE(e.visible && cv::norm(e.projectedCentre - cv::Point2d(200.25, 149.5)) < 1e-9);
     }
     // Behind the camera, from its back, beyond the image's edge, edge on.
-    const cv::Vec3d hidden[][2] = {
-        {{0, 0, -500}, {0, 0, 1}}, {{0, 0, 500}, {0, 0, 1}}, {{60, 0, 500}, {0, 0, -1}}, {{0, 0, 500}, {1, 0, 0}}};
+    const cv::Vec3d hidden[][2] = {{{0, 0, -500}, {0, 0, 1}}, {{0, 0, 500}, {0, 0, 1}}, {{60, 0, 500}, {0, 0, -1}}, {{0, 0, 500}, {1, 0, 0}}};
     for (const auto& [at, normal] : hidden) EXPECT_FALSE(projectDisc(kPlain, {at, normal, 6, 0}).visible) << at;
 }
 

@@ -101,7 +101,7 @@ TEST(MatchConicCorners, RecoversDiscsOfVergedAndStackedRigsInBothFrames) {
         const bool vertical = e.rightProjection.at<double>(0, 3) == 0;
         for (const bool rectified : {false, true}) {
             if (vertical && rectified) continue;  // the stacked views hardly overlap there
-            CircleMarkerExtractor fresh = e;  // the first call decides the camera matrices of the core
+            CircleMarkerExtractor fresh = e;      // the first call decides the camera matrices of the core
             std::vector<Corner> left, right;
             std::vector<scene::Disc> seen;
             const auto discs = scene::makeCurvedObject(rig, 30, 4, 7, 200, 5);
@@ -154,10 +154,17 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     scene::Disc small = disc;
     small.radius = 5.5;
     using Pairs = std::vector<std::pair<int, int>>;
-    const struct { const char* what; std::vector<Corner> left, right; Pairs pairs; } cases[] = {
-        {"one each", {left}, {right}, {{0, 0}}}, {"a rival before", {left}, {rival, right}, {{0, 1}}}, {"a rival behind", {left}, {right, rival}, {{0, 0}}},
-        {"an exact tie: the later one takes the record", {left}, {right, right}, {{0, 1}}}, {"a hyperbola", {left}, {hyperbola}, {}},
-        {"no nominal radius", {cornersOf(small).first}, {cornersOf(small).second}, {}}, {"nobody", {}, {right}, {}}};
+    const struct {
+        const char* what;
+        std::vector<Corner> left, right;
+        Pairs pairs;
+    } cases[] = {{"one each", {left}, {right}, {{0, 0}}},
+                 {"a rival before", {left}, {rival, right}, {{0, 1}}},
+                 {"a rival behind", {left}, {right, rival}, {{0, 0}}},
+                 {"an exact tie: the later one takes the record", {left}, {right, right}, {{0, 1}}},
+                 {"a hyperbola", {left}, {hyperbola}, {}},
+                 {"no nominal radius", {cornersOf(small).first}, {cornersOf(small).second}, {}},
+                 {"nobody", {}, {right}, {}}};
     for (const auto& c : cases) {
         auto l = c.left, r = c.right;
         const Matched m = match(l, r, e, stereoConfigs());
@@ -194,12 +201,20 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
 TEST(MatchConicCorners, NamesCalibrationThatIsMissing) {
     CircleMarkerExtractor whole;
     test::calibrate(whole, scene::makeVergedRig({1280, 1024}));
-    const struct { const char* name; cv::Mat CircleMarkerExtractor::* member; bool rectified; } cases[] = {
-        {"leftIntrinsic", &CircleMarkerExtractor::leftIntrinsic, false}, {"rightIntrinsic", &CircleMarkerExtractor::rightIntrinsic, false},
-        {"leftRectification", &CircleMarkerExtractor::leftRectification, false}, {"rightRectification", &CircleMarkerExtractor::rightRectification, false},
-        {"leftProjection", &CircleMarkerExtractor::leftProjection, true}, {"rightProjection", &CircleMarkerExtractor::rightProjection, true},
-        {"leftTriangulation", &CircleMarkerExtractor::leftTriangulation, false}, {"rightTriangulation", &CircleMarkerExtractor::rightTriangulation, true},
-        {"fundamental", &CircleMarkerExtractor::fundamental, false}, {"disparityToDepth", &CircleMarkerExtractor::disparityToDepth, false}};
+    const struct {
+        const char* name;
+        cv::Mat CircleMarkerExtractor::*member;
+        bool rectified;
+    } cases[] = {{"leftIntrinsic", &CircleMarkerExtractor::leftIntrinsic, false},
+                 {"rightIntrinsic", &CircleMarkerExtractor::rightIntrinsic, false},
+                 {"leftRectification", &CircleMarkerExtractor::leftRectification, false},
+                 {"rightRectification", &CircleMarkerExtractor::rightRectification, false},
+                 {"leftProjection", &CircleMarkerExtractor::leftProjection, true},
+                 {"rightProjection", &CircleMarkerExtractor::rightProjection, true},
+                 {"leftTriangulation", &CircleMarkerExtractor::leftTriangulation, false},
+                 {"rightTriangulation", &CircleMarkerExtractor::rightTriangulation, true},
+                 {"fundamental", &CircleMarkerExtractor::fundamental, false},
+                 {"disparityToDepth", &CircleMarkerExtractor::disparityToDepth, false}};
     for (const auto& c : cases) {
         cv::Mat single, integer;
         (whole.*c.member).convertTo(single, CV_32F);

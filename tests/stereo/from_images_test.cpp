@@ -96,9 +96,10 @@ TEST_F(StereoFromImages, MeasuresTheDiscsOnBothBranchesInBothFrames) {
                     EXPECT_GT(l.normal.dot(Eigen::Vector3d(disc->normal.val)), 0.97);
                     EXPECT_NEAR(l.markerRadius, disc->radius, 0.4);
                 }
-                const int left = static_cast<int>(std::find_if(o.left.begin(), o.left.end(), [&l = l](const cv::RotatedRect& rect) {
-                                     return std::hypot(rect.center.x - l.x, rect.center.y - l.y) < 2;
-                                 }) - o.left.begin());
+                const int left = static_cast<int>(
+                    std::find_if(o.left.begin(), o.left.end(),
+                                 [&l = l](const cv::RotatedRect& rect) { return std::hypot(rect.center.x - l.x, rect.center.y - l.y) < 2; }) -
+                    o.left.begin());
                 EXPECT_GT(left, lastLeft) << "ascending left";
                 lastLeft = left;
             }
@@ -110,18 +111,42 @@ TEST_F(StereoFromImages, SaysWhatFailed) {
     const cv::Mat empty, blank(1024, 1280, CV_8UC1, cv::Scalar(40));
     const cv::Mat &left = exposure_->image[0], &right = exposure_->image[1];
     const std::string eyes = "CircleMarkerExtractor: Please check the ", failed = " eye camera, failed to extract Marker Points.\n";
-    const std::string noLeft = "WARN  MarkerExtractor.cpp:2411   " + eyes + "left" + failed, noRight = "WARN  MarkerExtractor.cpp:2418   " + eyes + "right" + failed;
-    const std::string none = "WARN  MarkerExtractor.cpp:4525   StereoMarkerMatcher: Please check the left eye camera or right eye camera, there are not any Marker Points in one of the frames.\n";
-    const std::string noMatch = "WARN  MarkerExtractor.cpp:4520   StereoMarkerMatcher: Please check the left eye camera or right eye camera, failed to match Marker Points.\n";
+    const std::string noLeft = "WARN  MarkerExtractor.cpp:2411   " + eyes + "left" + failed,
+                      noRight = "WARN  MarkerExtractor.cpp:2418   " + eyes + "right" + failed;
+    const std::string none =
+        "WARN  MarkerExtractor.cpp:4525   StereoMarkerMatcher: Please check the left eye camera or right eye camera, there are not any Marker Points "
+        "in one of the frames.\n";
+    const std::string noMatch =
+        "WARN  MarkerExtractor.cpp:4520   StereoMarkerMatcher: Please check the left eye camera or right eye camera, failed to match Marker "
+        "Points.\n";
     const std::string noRadius = "WARN  MarkerExtractor.cpp:3184   Wrong Parameter: Please check the radius of circular marker.\n";
     using Change = void (*)(CicrleConfigs&);
-    const Change nothing = [](CicrleConfigs&) {}, tooFar = [](CicrleConfigs& c) { c.minDepth = 2900; };
-    const struct { const char* what; cv::Mat left, right; bool conics; Change change; std::vector<std::string> lines; std::size_t points; bool rectsKept; } cases[] = {
-        {"no left image", empty, right, true, nothing, {}, 1, true}, {"no right image", left, empty, false, nothing, {}, 1, true},
-        {"nothing on the left", blank, right, true, nothing, {noLeft, none}, 1, false}, {"nothing on the right", left, blank, false, nothing, {noRight, none}, 1, false},
-        {"nothing at all", blank, blank, true, nothing, {noLeft, noRight, none}, 1, false}, {"no match, conics", left, right, true, tooFar, {}, 0, false},
-        {"no match, constellation", left, right, false, tooFar, {noMatch}, 0, false},
-        {"no radius", left, right, false, [](CicrleConfigs& c) { c.markerRadii = {0, -1}; }, {noRadius, noMatch}, 0, false}};
+    const Change nothing = [](CicrleConfigs&) {}, tooFar = [](CicrleConfigs&c) { c.minDepth = 2900; };
+    const struct {
+        const char* what;
+        cv::Mat left, right;
+        bool conics;
+        Change change;
+        std::vector<std::string> lines;
+        std::size_t points;
+        bool rectsKept;
+    } cases[] = {{"no left image", empty, right, true, nothing, {}, 1, true},
+                 {"no right image", left, empty, false, nothing, {}, 1, true},
+                 {"nothing on the left", blank, right, true, nothing, {noLeft, none}, 1, false},
+                 {"nothing on the right", left, blank, false, nothing, {noRight, none}, 1, false},
+                 {"nothing at all", blank, blank, true, nothing, {noLeft, noRight, none}, 1, false},
+                 {"no match, conics", left, right, true, tooFar, {}, 0, false},
+                 {"no match, constellation", left, right, false, tooFar, {noMatch}, 0, false},
+                 {"no radius",
+                  left,
+                  right,
+                  false,
+                  [](CicrleConfigs& c) {
+                      c.markerRadii = {0, -1};
+                  },
+                  {noRadius, noMatch},
+                  0,
+                  false}};
     for (const auto& c : cases) {
         CicrleConfigs settings = configs(c.conics);
         c.change(settings);
@@ -138,7 +163,8 @@ TEST_F(StereoFromImages, SaysWhatFailed) {
     }
     const CircleMarkerExtractor whole = extractor;
     using E = CircleMarkerExtractor;
-    for (auto member : {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification}) {
+    for (auto member :
+         {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification}) {
         extractor = whole;
         (extractor.*member).release();
         const Outcome uncalibrated = run(left, right, configs(true));
@@ -183,11 +209,13 @@ TEST_F(StereoFromImages, RefusesSwitchesThatBringNoConics) {
 
 TEST_F(StereoFromImages, RefusesCalibrationBeforeAnyWork) {
     for (const bool conics : {true, false}) {
-        for (auto member : {&CircleMarkerExtractor::leftRectification, conics ? &CircleMarkerExtractor::fundamental : &CircleMarkerExtractor::leftHomography}) {
+        for (auto member :
+             {&CircleMarkerExtractor::leftRectification, conics ? &CircleMarkerExtractor::fundamental : &CircleMarkerExtractor::leftHomography}) {
             CircleMarkerExtractor broken = extractor;
             (broken.*member) = cv::Mat::eye(2, 2, CV_32F);
             Outcome o;
-            EXPECT_THROW(getStereoMarker3dPoints(exposure_->image[0], exposure_->image[1], broken, o.points, o.left, o.right, configs(conics)), cv::Exception);
+            EXPECT_THROW(getStereoMarker3dPoints(exposure_->image[0], exposure_->image[1], broken, o.points, o.left, o.right, configs(conics)),
+                         cv::Exception);
             EXPECT_EQ(o.points.size(), 1u);
             EXPECT_EQ(o.left.size(), 3u);
             EXPECT_TRUE(broken.markerRects.empty());

@@ -25,8 +25,8 @@ inline Camera_<double, 2, 2> cameraOf(const scene::PinholeCamera& camera) {
 
 /// The rig with its left camera moved to some place in the host's world, as a host would hand it over.
 inline void calibrate(CircleMarkerExtractor& extractor, const scene::Rig& rig) {
-    extractor.transform_kestruneData2cvMat({poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)},
-                                           rig.left.size.width, rig.left.size.height, cv::CALIB_ZERO_DISPARITY);
+    extractor.transform_kestruneData2cvMat({poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)}, rig.left.size.width,
+                                           rig.left.size.height, cv::CALIB_ZERO_DISPARITY);
 }
 
 /// The rectified cameras as cameras of their own: what a host sees that works in rectified images.
@@ -54,8 +54,8 @@ inline scene::Rig verticalRig() {
 
 /// Exact corners, conics included, of the discs that lie before both cameras, also where their image ends: rectified
 /// centres may lie beside the image.
-inline void exactCorners(const scene::Rig& rig, const std::vector<scene::Disc>& discs, std::vector<Corner>& left,
-                         std::vector<Corner>& right, std::vector<scene::Disc>& seen) {
+inline void exactCorners(const scene::Rig& rig, const std::vector<scene::Disc>& discs, std::vector<Corner>& left, std::vector<Corner>& right,
+                         std::vector<scene::Disc>& seen) {
     for (const scene::Disc& disc : discs) {
         const scene::EllipseTruth truth[2] = {scene::projectDisc(rig.left, disc), scene::projectDisc(rig.right, disc)};
         if (!(truth[0].minorHalfAxis > 0 && truth[1].minorHalfAxis > 0)) continue;

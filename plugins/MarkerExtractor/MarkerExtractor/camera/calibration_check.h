@@ -8,8 +8,8 @@
 
 namespace kestrune {
 
-/// A calibration matrix must be two-dimensional, `CV_64FC1`, and of the size given: reading it as doubles would leave its
-/// memory otherwise. Raises `cv::Exception` (`cv::Error::StsBadArg`) that names the matrix.
+/// A calibration matrix must be two-dimensional, `CV_64FC1`, and of the size given: reading it as doubles would leave
+/// its memory otherwise. Raises `cv::Exception` (`cv::Error::StsBadArg`) that names the matrix.
 inline void requireMatrix(const cv::Mat& matrix, int rows, int columns, const std::string& name) {
     if (matrix.dims == 2 && matrix.type() == CV_64FC1 && matrix.rows == rows && matrix.cols == columns) return;
     refuseSetting(name, "is " + std::to_string(matrix.rows) + " x " + std::to_string(matrix.cols) + " of type " +

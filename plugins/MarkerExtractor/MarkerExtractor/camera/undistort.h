@@ -7,8 +7,8 @@
 
 namespace kestrune {
 
-/// Centre and contour of a record as one list of points, n x 1 `CV_64FC2` with n = contour size + 1, the centre first: so
-/// that both travel through one call of `cv::undistortPoints` and see the same mapping.
+/// Centre and contour of a record as one list of points, n x 1 `CV_64FC2` with n = contour size + 1, the centre first:
+/// so that both travel through one call of `cv::undistortPoints` and see the same mapping.
 cv::Mat packPoints(const Corner& corner);
 
 /// Writes such a list back into `x`, `y` (in double) and `contour` (rounded to single precision).

@@ -71,7 +71,9 @@ void InOrderFold::submit(int item, std::vector<CompactPair>& pairs, double error
     lastSubmitted_ = std::max(lastSubmitted_, item);
     outcomes_[item].isIn = true;
     outcomes_[item].error = error;
-    outcomes_[item].pairs.swap(pairs);
+    // A refused hypothesis leaves the thread its storage, so that none has to be found for the next one.
+    outcomes_[item].pairs.clear();
+    if (!pairs.empty()) outcomes_[item].pairs.swap(pairs);
     while (next_ < items_ && outcomes_[next_].isIn && !succeeded_) takeIn(outcomes_[next_++]);
     // If all that is known now is enough to end the search, it ends at the latest with the last item handed in.
     int last = lastNeeded_.load(std::memory_order_relaxed);

@@ -2,9 +2,8 @@
 #include "MarkerExtractor/stereo/rectified_match.h"
 
 #include <algorithm>
-#include <sstream>
 
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "MarkerExtractor/camera/calibration_check.h"
 #include "MarkerExtractor/stereo/parallel_loop.h"
 #include "kestrune/MarkerExtractor/stereo.h"
 #include "logging/report_sites.h"
@@ -13,21 +12,11 @@ namespace kestrune {
 
 namespace {
 
-/// OpenCV reads elements of a projection without a look at their number or, but for single and double precision, their
-/// type.
-void requireMatrix(const char* name, const cv::Mat& matrix, int columns, bool singleAllowed) {
-    const bool typeFits = matrix.type() == CV_64FC1 || (singleAllowed && matrix.type() == CV_32FC1);
-    if (matrix.dims == 2 && matrix.rows == 3 && matrix.cols == columns && typeFits) return;
-    std::ostringstream text;
-    if (matrix.empty()) {
-        text << "is empty; ";
-    } else if (matrix.dims == 2) {
-        text << matrix.rows << " x " << matrix.cols << " of type " << cv::typeToString(matrix.type()) << "; ";
-    } else {
-        text << matrix.dims << " dimensions; ";
-    }
-    text << "3 x " << columns << " of type CV_64FC1" << (singleAllowed ? " or CV_32FC1" : "") << " is needed";
-    refuseSetting(name, text.str());
+/// Refused here, because OpenCV would raise its own exception from within the parallel loop, and only for a pair that
+/// gets that far.
+void requireProjection(const cv::Mat& matrix, const std::string& name) {
+    if (matrix.dims == 2 && matrix.type() == CV_32FC1 && matrix.rows == 3 && matrix.cols == 4) return;
+    requireMatrix(matrix, 3, 4, name);
 }
 
 MarkerMatchRecord prepareRecord(const Corner& corner) {
@@ -81,9 +70,9 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
         reportWarning(report_sites::kNoPositiveRadius);
         return {};
     }
-    requireMatrix("rotation", rotation, 3, false);
-    requireMatrix("leftProjection", leftProjection, 4, true);
-    requireMatrix("rightProjection", rightProjection, 4, true);
+    requireMatrix(rotation, 3, 3, "rotation");
+    requireProjection(leftProjection, "leftProjection");
+    requireProjection(rightProjection, "rightProjection");
 
     const std::size_t leftCount = leftCorners.size();
     std::vector<MarkerMatchRecord> leftRecords(leftCount);

@@ -12,9 +12,10 @@
 
 // Set by the library's CMake target and pkg-config file: whether the Eigen that it was built with allocates by malloc.
 #if defined(KESTRUNE_EIGEN_MALLOC_ALREADY_ALIGNED)
-static_assert((EIGEN_MALLOC_ALREADY_ALIGNED != 0) == (KESTRUNE_EIGEN_MALLOC_ALREADY_ALIGNED != 0),
-              "Eigen takes another allocator here than in kestrune_MarkerExtractor, and matrices of a Corner cross between "
-              "the two: build both with the same vector switches (-mavx, -march=native) and sanitizers");
+static_assert(
+    (EIGEN_MALLOC_ALREADY_ALIGNED != 0) == (KESTRUNE_EIGEN_MALLOC_ALREADY_ALIGNED != 0),
+    "Eigen takes another allocator here than in kestrune_MarkerExtractor, and matrices of a Corner cross between "
+    "the two: build both with the same vector switches (-mavx, -march=native) and sanitizers");
 #endif
 
 namespace kestrune {
@@ -145,17 +146,17 @@ inline Corner& Corner::operator=(Corner&& other) noexcept {
 /// "simple" is `CircleExtractSimple`, "fast" `extractMarkPointsFast`; the other names are those of the operations that
 /// take the record.
 struct CicrleConfigs {
-    bool enableAreaFilter;        ///< fast: apply the area gate (the simple path always does)
-    double minArea;               ///< simple, fast: least contour area, px^2, inclusive
-    double maxArea;               ///< simple (inclusive), fast (exclusive): largest contour area, px^2
-    std::int32_t minContourSize;  ///< simple: least contour length in px (divided by `scale`), radial: least blob area
-                                  ///< in px^2 of the reduced image (not divided)
-    bool enableCircularityFilter;   ///< simple, fast: apply the circularity gate
-    double minCircularity;          ///< least 4 pi area / perimeter^2, inclusive
-    double maxCircularity;          ///< bound of the same from above, exclusive
-    bool enableConvexityFilter;     ///< simple, fast: apply the hull gate
-    double maxConvexRatio;          ///< largest contour area over hull area, inclusive
-    double minConvexRatio;          ///< least contour area over hull area, inclusive
+    bool enableAreaFilter;         ///< fast: apply the area gate (the simple path always does)
+    double minArea;                ///< simple, fast: least contour area, px^2, inclusive
+    double maxArea;                ///< simple (inclusive), fast (exclusive): largest contour area, px^2
+    std::int32_t minContourSize;   ///< simple: least contour length in px (divided by `scale`), radial: least blob area
+                                   ///< in px^2 of the reduced image (not divided)
+    bool enableCircularityFilter;  ///< simple, fast: apply the circularity gate
+    double minCircularity;         ///< least 4 pi area / perimeter^2, inclusive
+    double maxCircularity;         ///< bound of the same from above, exclusive
+    bool enableConvexityFilter;    ///< simple, fast: apply the hull gate
+    double maxConvexRatio;         ///< largest contour area over hull area, inclusive
+    double minConvexRatio;         ///< least contour area over hull area, inclusive
     bool enableEccentricityFilter;  ///< fast: apply the eccentricity gate (the simple path always does)
     double maxEccentricity;         ///< simple, fast: largest sqrt(a^2 - b^2) / a, inclusive
     double maxFitError;             ///< simple, sub-pixel contours: largest RMS distance from the ellipse, px ...

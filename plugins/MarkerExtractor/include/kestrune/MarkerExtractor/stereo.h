@@ -20,8 +20,9 @@ namespace kestrune {
 /// candidate are kept. Needs no conic. May be called from many threads at once. The result is the same, bit for bit,
 /// for any number of OpenMP threads.
 ///
-/// Bounds are compared as IEEE numbers: a depth bound or tolerance that is not a number fits nothing, and neither does
-/// such a `maxRowDifference`, but for `plainRowGate`, where it refuses nothing.
+/// Bounds are compared as IEEE numbers: a depth bound or `sizeTolerance` that is not a number fits nothing, and neither
+/// does such a `maxRowDifference`, but for `plainRowGate`, where it refuses nothing. An `edgeAngleTolerance` that is
+/// not a number refuses no direction.
 ///
 /// @param leftCorners, rightCorners  rectified markers, px; read are `x`, `y`, `area` and `contour`. Not changed. A
 ///                         marker gets no partner if its contour has fewer than three points, holds a coordinate that
