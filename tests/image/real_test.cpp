@@ -51,7 +51,7 @@ void expectTenByTenGrid(const std::vector<Corner>& corners, const std::string& n
     for (const cv::Point2f& p : places) {
         const int column = cvRound(p.x), row = cvRound(p.y);
         EXPECT_LT(std::hypot(p.x - static_cast<float>(column), p.y - static_cast<float>(row)), 0.1) << name;
-        if (column >= 0 && column < 10 && row >= 0 && row < 10) ++taken[static_cast<std::size_t>(10 * row + column)];
+        if (column >= 0 && column < 10 && row >= 0 && row < 10) ++taken[10 * static_cast<std::size_t>(row) + static_cast<std::size_t>(column)];
     }
     EXPECT_EQ(std::count(taken.begin(), taken.end(), 1), 100) << name;
 }
