@@ -8,7 +8,7 @@
 #include <opencv2/imgproc.hpp>
 #include <thread>
 
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 
 namespace kestrune {
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "MarkerExtractor/camera/calibration_check.h"
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
 

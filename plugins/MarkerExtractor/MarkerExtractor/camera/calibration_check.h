@@ -4,7 +4,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 
 namespace kestrune {
 
@@ -23,10 +23,10 @@ inline void requireLeastMatrix(const cv::Mat& matrix, int rows, int columns, con
     requireMatrix(matrix, rows, columns, name);
 }
 
-/// Q of `cv::stereoRectify`: 4 by 4, `CV_64FC1`, or `CV_32FC1` as some hosts keep it.
-inline void requireDisparityMap(const cv::Mat& q) {
-    if (q.dims == 2 && q.type() == CV_32FC1 && q.rows == 4 && q.cols == 4) return;
-    requireMatrix(q, 4, 4, "disparityToDepth");
+/// A matrix that goes to OpenCV, or is read by its type: `CV_32FC1` will do as well, as some hosts keep it.
+inline void requireMatrixOfEitherPrecision(const cv::Mat& matrix, int rows, int columns, const std::string& name) {
+    if (matrix.dims == 2 && matrix.type() == CV_32FC1 && matrix.rows == rows && matrix.cols == columns) return;
+    requireMatrix(matrix, rows, columns, name);
 }
 
 }  // namespace kestrune

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {

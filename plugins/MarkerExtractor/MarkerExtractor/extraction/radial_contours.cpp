@@ -7,7 +7,7 @@
 #include <opencv2/imgproc.hpp>
 #include <optional>
 
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 
 namespace kestrune {
 

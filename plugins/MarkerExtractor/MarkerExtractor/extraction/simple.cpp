@@ -4,8 +4,8 @@
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
 #include "MarkerExtractor/extraction/radial_contours.h"
-#include "MarkerExtractor/extraction/settings_check.h"
 #include "canny/subpixel_contours.h"
+#include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {

@@ -122,7 +122,7 @@ std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::P
                                                          const cv::Mat& disparityToDepth,
                                                          std::vector<Point3_<double>>& points, double maxRowDifference,
                                                          double minDepth, double maxDepth) {
-    requireDisparityMap(disparityToDepth);
+    requireMatrixOfEitherPrecision(disparityToDepth, 4, 4, "disparityToDepth");
     const DisparityMap map(disparityToDepth);
     points.clear();
     std::vector<std::pair<int, int>> pairs;

@@ -204,7 +204,7 @@ void requireConicCalibration(const CircleMarkerExtractor& extractor, bool corner
         requireMatrix(extractor.leftTriangulation, 3, 4, "leftTriangulation");
         requireMatrix(extractor.fundamental, 3, 3, "fundamental");
     }
-    requireDisparityMap(extractor.disparityToDepth);
+    requireMatrixOfEitherPrecision(extractor.disparityToDepth, 4, 4, "disparityToDepth");
 }
 
 void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners,

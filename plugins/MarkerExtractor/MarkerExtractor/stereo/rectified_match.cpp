@@ -12,13 +12,6 @@ namespace kestrune {
 
 namespace {
 
-/// Refused here, because OpenCV would raise its own exception from within the parallel loop, and only for a pair that
-/// gets that far.
-void requireProjection(const cv::Mat& matrix, const std::string& name) {
-    if (matrix.dims == 2 && matrix.type() == CV_32FC1 && matrix.rows == 3 && matrix.cols == 4) return;
-    requireMatrix(matrix, 3, 4, name);
-}
-
 MarkerMatchRecord prepareRecord(const Corner& corner) {
     return {corner.x, corner.y, {}, samplePoints(corner), {}, {}, corner.area};
 }
@@ -70,9 +63,11 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
         reportWarning(report_sites::kNoPositiveRadius);
         return {};
     }
+    // Refused here, because OpenCV would raise its own exception from within the parallel loop, and only for a pair
+    // that gets that far.
     requireMatrix(rotation, 3, 3, "rotation");
-    requireProjection(leftProjection, "leftProjection");
-    requireProjection(rightProjection, "rightProjection");
+    requireMatrixOfEitherPrecision(leftProjection, 3, 4, "leftProjection");
+    requireMatrixOfEitherPrecision(rightProjection, 3, 4, "rightProjection");
 
     const std::size_t leftCount = leftCorners.size();
     std::vector<MarkerMatchRecord> leftRecords(leftCount);

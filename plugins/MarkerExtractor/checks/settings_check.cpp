@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "MarkerExtractor/extraction/settings_check.h"
+#include "checks/settings_check.h"
 
 #include <cmath>
 #include <sstream>
