@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// At a fixed image size the radial path allocates no image of its own after the first call. Both ways to memory are
+// At a fixed image size the radial and the edge-based path allocate no image of their own after the first call. Both ways to memory are
 // watched: operator new, and the allocator behind `cv::Mat`. What OpenCV allocates inside the whole-image calls that the
 // path must make is measured by making these calls alone, into buffers that are there already.
 #include <gtest/gtest.h>
@@ -107,6 +107,32 @@ TEST(Allocation, LaterRadialCallsAllocateNoImage) {
             EXPECT_GE(first - unavoidable, 4) << "the counters see the first call's buffers";
             EXPECT_EQ(second, unavoidable) << image.channels() << " channels, scale " << scale;
         }
+    }
+}
+
+TEST(Allocation, LaterCallsOfTheEdgeBasedPathAllocateNoImage) {
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    const auto discs = scene::makeScatteredDiscs(rig, 40, 12, 16, 20, 180, 5);
+    scene::RenderOptions options;
+    options.noiseSigma = 1;
+    const cv::Mat image = scene::render(rig, discs, {}, options).image[0];
+    for (const int scale : {1, 2}) {
+        CicrleConfigs configs = test::rimConfigs();
+        configs.scale = scale;
+        CircleMarkerExtractor extractor;
+        std::vector<Corner> corners, again;
+        const int first = largeAllocationsOf([&] { extractor.CircleExtractComplex(image, corners, 0, configs); });
+        const int second = largeAllocationsOf([&] { extractor.CircleExtractComplex(image, again, 0, configs); });
+        ASSERT_GE(corners.size(), 30u);
+        cv::Mat working(image.rows / scale, image.cols / scale, CV_8UC1), binary(working.size(), CV_8UC1), labels(working.size(), CV_32SC1), stats,
+            centroids;
+        const int unavoidable = largeAllocationsOf([&] {
+            cv::resize(image, working, working.size(), 0, 0, cv::INTER_LINEAR);
+            cv::adaptiveThreshold(working, binary, 255, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, configs.aperture, configs.thresholdC);
+            cv::connectedComponentsWithStats(binary, labels, stats, centroids, 8, CV_32S);
+        });
+        EXPECT_GE(first - second, 7) << "the counters see the first call's buffers";
+        EXPECT_EQ(second, unavoidable) << "scale " << scale;
     }
 }
 

@@ -27,49 +27,53 @@ void expectRefused(const cv::Mat& image, const CicrleConfigs& configs, const std
     }
     EXPECT_EQ(corners.size(), before);
     EXPECT_EQ(extractor.markerRects.size(), 2u) << "untouched";
-    EXPECT_TRUE(extractor.scratchBlurFull.empty()) << "untouched";
+    EXPECT_TRUE(extractor.scratchBlurFull.empty() && extractor.scratchGrad.empty()) << "untouched";
 }
 
 TEST(BadInput, SettingsThatAPathCannotWorkWithAreNamed) {
     const cv::Mat image = test::discImage({60, 50}, {30, 25}, 8);
-    enum Paths { kBoth, kRadial, kSubpixel };
+    enum Paths { kSubpixel = 1, kRadial = 2, kRim = 4, kBlobs = 6, kAll = 7 };
     const struct {
         Paths paths;
         const char* name;
         Change change;
     } cases[] = {
-        {kBoth, "scale", [](auto& c) { c.scale = 0; }},
-        {kBoth, "scale", [](auto& c) { c.scale = -2; }},
-        {kBoth, "scale", [](auto& c) { c.scale = 51; }},
-        {kBoth, "aperture", [](auto& c) { c.aperture = 4; }},
-        {kBoth, "aperture", [](auto& c) { c.aperture = 0; }},
-        {kBoth, "aperture", [](auto& c) { c.aperture = -3; }},
-        {kBoth, "aperture", [](auto& c) { c.aperture = std::numeric_limits<int>::max(); }},
-        {kRadial, "aperture", [](auto& c) { c.aperture = 1; }},
-        {kBoth, "sigma", [](auto& c) { c.sigma = kNan; }},
-        {kBoth, "sigma", [](auto& c) { c.sigma = kInf; }},
-        {kBoth, "sigma", [](auto& c) { c.sigma = 1e300; }},
-        {kBoth, "sigma", [](auto& c) { c.sigma = -1; }},
+        {kAll, "scale", [](auto& c) { c.scale = 0; }},
+        {kAll, "scale", [](auto& c) { c.scale = -2; }},
+        {kAll, "scale", [](auto& c) { c.scale = 51; }},
+        {kAll, "aperture", [](auto& c) { c.aperture = 4; }},
+        {kAll, "aperture", [](auto& c) { c.aperture = 0; }},
+        {kAll, "aperture", [](auto& c) { c.aperture = -3; }},
+        {kAll, "aperture", [](auto& c) { c.aperture = std::numeric_limits<int>::max(); }},
+        {kBlobs, "aperture", [](auto& c) { c.aperture = 1; }},
+        {kAll, "sigma", [](auto& c) { c.sigma = kNan; }},
+        {kAll, "sigma", [](auto& c) { c.sigma = kInf; }},
+        {kAll, "sigma", [](auto& c) { c.sigma = 1e300; }},
+        {kAll, "sigma", [](auto& c) { c.sigma = -1; }},
         {kSubpixel, "sigma", [](auto& c) { c.sigma = 1.0 / 6; }},
         {kSubpixel, "sigma", [](auto& c) { c.sigma = 0; }},
+        {kRim, "minDiameter", [](auto& c) { c.minDiameter = static_cast<float>(kNan); }},
+        {kRim, "maxDiameter", [](auto& c) { c.maxDiameter = static_cast<float>(kNan); }},
     };
+    const std::pair<Paths, CicrleConfigs> paths[] = {
+        {kSubpixel, test::discConfigs(false)}, {kRadial, test::discConfigs(true)}, {kRim, test::rimConfigs()}};
     for (const auto& c : cases) {
-        for (const bool radial : {false, true}) {
-            if (c.paths == (radial ? kSubpixel : kRadial)) continue;
-            CicrleConfigs configs = test::discConfigs(radial);
+        for (auto [path, configs] : paths) {
+            if ((c.paths & path) == 0) continue;
             c.change(configs);
             expectRefused(image, configs, c.name);
         }
     }
     for (const int type : {CV_8UC4, CV_8UC2, CV_16UC1, CV_16UC3, CV_32FC1, CV_8SC1}) {
-        for (const bool radial : {false, true}) expectRefused(cv::Mat(20, 20, type, cv::Scalar(1)), test::discConfigs(radial), "image");
+        for (const auto& [path, configs] : paths) expectRefused(cv::Mat(20, 20, type, cv::Scalar(1)), configs, "image");
         std::vector<Corner> corners;
         EXPECT_THROW(CircleMarkerExtractor().extractMarkPointsFast(cv::Mat(20, 20, type, cv::Scalar(1)), corners, 0, {}), cv::Exception);
     }
     const int cube[] = {4, 4, 4};
-    expectRefused(cv::Mat(3, cube, CV_8UC1, cv::Scalar(1)), test::discConfigs(true), "image");
-    expectRefused(image, test::discConfigs(true), "corners", 1);
-    expectRefused(image, test::discConfigs(false), "corners", 1);
+    for (const auto& [path, configs] : paths) {
+        expectRefused(cv::Mat(3, cube, CV_8UC1, cv::Scalar(1)), configs, "image");
+        expectRefused(image, configs, "corners", 1);
+    }
 }
 
 /// No crash, no read out of bounds, and either a consistent result or OpenCV's exception.
@@ -164,6 +168,9 @@ TEST(BadInput, EmptyImagesGiveFalseAndLeaveTheListAlone) {
         std::vector<Corner> corners(2);
         extractor.markerRects.resize(3);
         EXPECT_FALSE(extractor.CircleExtractSimple(cv::Mat(), corners, 0, test::discConfigs(radial)));
+        EXPECT_TRUE(extractor.markerRects.empty());
+        extractor.markerRects.resize(3);
+        EXPECT_FALSE(extractor.CircleExtractComplex(cv::Mat(), corners, 0, test::rimConfigs()));
         EXPECT_TRUE(extractor.markerRects.empty());
         EXPECT_FALSE(extractor.extractMarkPointsFast(cv::Mat(), corners, 0, test::discConfigs(radial)));
         EXPECT_EQ(corners.size(), 2u);

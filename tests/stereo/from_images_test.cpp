@@ -200,11 +200,22 @@ TEST_F(StereoFromImages, TurnsThePointsOfRectifiedImagesAndLeavesTheCorners) {
     }
 }
 
-TEST_F(StereoFromImages, RefusesSwitchesThatBringNoConics) {
-    CicrleConfigs c = configs(false);
+TEST_F(StereoFromImages, MeasuresDarkDiscsOnTheEdgeBasedPath) {
+    CicrleConfigs c = configs(true), rims = test::rimConfigs();
+    c.useRadialContours = false;
     c.useComplexExtract = true;
-    Outcome o;
-    EXPECT_THROW(getStereoMarker3dPoints(exposure_->image[0], exposure_->image[1], extractor, o.points, o.left, o.right, c), cv::Exception);
+    c.aperture = 11, c.thresholdC = -5;
+    c.minDiameter = rims.minDiameter, c.maxDiameter = rims.maxDiameter, c.minAxisRatio = rims.minAxisRatio;
+    c.nmsFactor = rims.nmsFactor, c.edgePercentile = rims.edgePercentile;
+    const Outcome o = run(255 - exposure_->image[0], 255 - exposure_->image[1], c);
+    ASSERT_EQ(o.pairs.size(), 24u) << o.log;
+    for (std::size_t k = 0; k < o.pairs.size(); ++k) {
+        const cv::Vec3d point(o.points[k].x, o.points[k].y, o.points[k].z);
+        const scene::Disc& disc = *nearest(point);
+        EXPECT_LT(cv::norm(disc.centre - point), 0.05);
+        EXPECT_NEAR(o.pairs[k].first.markerRadius, disc.radius, 0.1);
+        EXPECT_GT(cv::Vec3d(o.pairs[k].first.normal.data()).dot(disc.normal), 0.99);
+    }
 }
 
 TEST_F(StereoFromImages, RefusesCalibrationBeforeAnyWork) {

@@ -34,6 +34,25 @@ inline CicrleConfigs discConfigs(bool radial) {
     return c;
 }
 
+/// Settings under which a disc of either polarity comes through the edge-based path.
+inline CicrleConfigs rimConfigs() {
+    CicrleConfigs c{};
+    c.useComplexExtract = true;
+    c.markerName = "rim";
+    c.aperture = 11;
+    c.sigma = 1.0;
+    c.scale = 1;
+    c.skipUndistort = true;
+    c.thresholdC = -5;
+    c.maxFitResidual = 0.2f;
+    c.minDiameter = 5;
+    c.maxDiameter = 200;
+    c.minAxisRatio = 0.4f;
+    c.nmsFactor = 0.95f;
+    c.edgePercentile = 0.8f;
+    return c;
+}
+
 /// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
 inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
     for (int y = 0; y < image.rows; ++y) {

@@ -6,7 +6,9 @@ namespace kestrune {
 
 bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
                          int cameraIndex, const CicrleConfigs& configs) {
-    if (extractor.CircleExtractSimple(image, corners, cameraIndex, configs)) return true;
+    const bool found = configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, cameraIndex, configs)
+                                                 : extractor.CircleExtractSimple(image, corners, cameraIndex, configs);
+    if (found) return true;
     reportWarning(cameraIndex == 0 ? report_sites::kLeftEyeFailed : report_sites::kRightEyeFailed);
     return false;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "checks/settings_check.h"
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -19,6 +20,8 @@ constexpr double kLargestEdgeSigma = 341.0;
 constexpr double kOneTapSigma = 1.0 / 6.0;
 
 constexpr double kLargestBlurSigma = 4095.0;  ///< same bound as for the aperture
+
+constexpr int kLargestThresholdC = 256;  ///< grey levels; OpenCV negates the number in an `int`
 
 template <typename T>
 std::string withValue(const T& value, const std::string& complaint) {
@@ -52,6 +55,11 @@ void requireGreyOrColourImage(const cv::Mat& image) {
     }
 }
 
+void requireEmptyList(const std::vector<Corner>& corners) {
+    if (corners.empty()) return;
+    refuseSetting("corners", "holds " + std::to_string(corners.size()) + " records; it must be empty on entry");
+}
+
 void requireScale(int scale, const cv::Size& imageSize) {
     if (scale < 1) refuseSetting("scale", withValue(scale, "is below 1"));
     if (imageSize.width / scale < 1 || imageSize.height / scale < 1) {
@@ -62,18 +70,18 @@ void requireScale(int scale, const cv::Size& imageSize) {
 }
 
 void requireAperture(long long aperture, int least) {
-    if (aperture < least) refuseSetting("aperture", withValue(aperture, withValue("is below", std::to_string(least))));
+    if (aperture < least) refuseSetting("aperture", withValue(aperture, "is below " + std::to_string(least)));
     if (aperture % 2 == 0) refuseSetting("aperture", withValue(aperture, "is even"));
     if (aperture > kLargestAperture) {
-        refuseSetting("aperture", withValue(aperture, withValue("is above", std::to_string(kLargestAperture))));
+        refuseSetting("aperture", withValue(aperture, "is above " + std::to_string(kLargestAperture)));
     }
 }
 
 void requireEdgeSigma(double sigma) {
     if (!std::isfinite(sigma)) refuseSetting("sigma", withValue(sigma, "is not finite"));
     if (std::nearbyint(3.0 * sigma) < 1.0) {
-        refuseSetting("sigma", withValue(sigma, withValue("leaves one tap of the derivative kernel; it must be above",
-                                                          std::to_string(kOneTapSigma))));
+        refuseSetting("sigma", withValue(sigma, "leaves one tap of the derivative kernel; it must be above " +
+                                                    std::to_string(kOneTapSigma)));
     }
     if (sigma > kLargestEdgeSigma)
         refuseSetting("sigma", withValue(sigma, "gives a derivative kernel of more than 2000 taps, all zero"));
@@ -83,6 +91,10 @@ void requireBlurSigma(double sigma) {
     if (!std::isfinite(sigma)) refuseSetting("sigma", withValue(sigma, "is not finite"));
     if (sigma < 0.0) refuseSetting("sigma", withValue(sigma, "is below 0"));
     if (sigma > kLargestBlurSigma) refuseSetting("sigma", withValue(sigma, "is above 4095"));
+}
+
+double usableThresholdC(int thresholdC) {
+    return std::clamp(thresholdC, -kLargestThresholdC, kLargestThresholdC);
 }
 
 }  // namespace kestrune

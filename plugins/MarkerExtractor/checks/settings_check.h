@@ -6,10 +6,13 @@
 
 #include <opencv2/core.hpp>
 #include <string>
+#include <vector>
 
 #include "kestrune/MarkerExtractor/records.h"
 
 namespace kestrune {
+
+constexpr int kLeastThresholdBlock = 3;  ///< the adaptive threshold has no block of one pixel
 
 /// Raises the exception: "<setting>: <what is wrong>".
 [[noreturn]] void refuseSetting(const std::string& setting, const std::string& complaint);
@@ -20,17 +23,24 @@ void requireGreyImage(const cv::Mat& image);
 /// The image must be two-dimensional and `CV_8UC1` or `CV_8UC3`.
 void requireGreyOrColourImage(const cv::Mat& image);
 
+/// The result list of a path must be empty on entry.
+void requireEmptyList(const std::vector<Corner>& corners);
+
 /// `scale` must be 1 or more and leave at least one pixel in each direction.
 void requireScale(int scale, const cv::Size& imageSize);
 
 /// Sides of a Gaussian kernel: odd, from `least` on, and not so large that one blur keeps the host waiting for minutes.
 void requireAperture(long long aperture, int least);
 
-/// `sigma` of the sub-pixel contours: its derivative kernel must have more than one tap, and taps that do not all round
-/// to zero.
+/// `sigma` of the sub-pixel contours: its derivative kernel must have more than one tap and less than 2000.
 void requireEdgeSigma(double sigma);
 
-/// `sigma` of the radial contours: finite and not below 0, where 0 lets the Gaussian follow the aperture.
+/// `sigma` of the radial contours and of the edge-based path: finite and not below 0, where 0 lets the Gaussian of the
+/// radial contours follow the aperture and smooths nothing on the edge-based path.
 void requireBlurSigma(double sigma);
+
+/// The constant of an adaptive threshold, within what OpenCV can negate. Beyond 256 grey levels no, or every, pixel
+/// passes anyway.
+double usableThresholdC(int thresholdC);
 
 }  // namespace kestrune

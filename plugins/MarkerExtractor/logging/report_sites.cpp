@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "logging/report_sites.h"
 
+#include <opencv2/core.hpp>
+
 #include "logging/logging.h"
 
 namespace kestrune {
@@ -8,6 +10,8 @@ namespace kestrune {
 namespace {
 
 const char* const kExtractorSource = "plugins/MarkerExtractor/MarkerExtractor.cpp";
+const char* const kCannySource = "plugins/MarkerExtractor/canny.cpp";
+const char* const kEllipseDetectionSource = "plugins/MarkerExtractor/ellipsedetection.cpp";
 const char* const kExtractorHeader = "plugins/MarkerExtractor/include/kestrune/MarkerExtractor.h";
 
 }  // namespace
@@ -37,6 +41,25 @@ const ReportSite kSecondMatrixSize = {kExtractorHeader, 226, "Warning: the secon
 const ReportSite kThirdMatrixSize = {kExtractorHeader, 235, "Warning: the third matrix size error!"};
 
 }  // namespace report_sites
+
+namespace assertion_sites {
+
+const AssertionSite kGaussianSource = {"src.type() == CV_8UC1 || src.type() == CV_16UC1",
+                                       "kestrune::fastGaussianApprox", kCannySource, 397};
+const AssertionSite kGradientSource = {"blur16U.type() == CV_16UC1", "kestrune::calc_gradient", kEllipseDetectionSource,
+                                       562};
+const AssertionSite kThresholdSource = {"img_grad.type() == CV_32FC1", "kestrune::calc_stable_edge_threshold",
+                                        kEllipseDetectionSource, 640};
+const AssertionSite kMaskSources = {
+    "img_grad.type() == CV_32FC1 && img_dx.type() == CV_32FC1 && img_dy.type() == CV_32FC1 && "
+    "img_grad.size() == img_dx.size() && img_dx.size() == img_dy.size()",
+    "kestrune::find_edge_mask_nms", kEllipseDetectionSource, 755};
+
+}  // namespace assertion_sites
+
+void raiseAssertion(const AssertionSite& site) {
+    cv::error(cv::Error::StsAssert, site.condition, site.function, site.file, site.line);
+}
 
 void reportWarning(const ReportSite& site) {
     Message message(site.file, site.line, "native", kLogWarn);

@@ -26,6 +26,26 @@ extern const ReportSite kNoPositiveRadius;
 
 }  // namespace report_sites
 
+/// One check of what a routine is given, and the exception that it raises. Stable across releases like a report's site.
+struct AssertionSite {
+    const char* condition;
+    const char* function;
+    const char* file;
+    int line;
+};
+
+namespace assertion_sites {
+
+extern const AssertionSite kGaussianSource;
+extern const AssertionSite kGradientSource;
+extern const AssertionSite kThresholdSource;
+extern const AssertionSite kMaskSources;
+
+}  // namespace assertion_sites
+
+/// Raises `cv::Exception` with code `cv::Error::StsAssert` and the site's texts.
+[[noreturn]] void raiseAssertion(const AssertionSite& site);
+
 /// Writes the site's text as a warning of the library.
 void reportWarning(const ReportSite& site);
 

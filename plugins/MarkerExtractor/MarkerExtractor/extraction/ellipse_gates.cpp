@@ -8,7 +8,6 @@
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
-#include "ellipsedetection/conic_record.h"
 
 namespace kestrune {
 
@@ -46,21 +45,6 @@ double perimeterOf(const std::vector<cv::Point2f>& contour) {
 }
 double areaOf(const std::vector<cv::Point2f>& contour) {
     return contour.empty() ? 0 : cv::contourArea(contour, false);
-}
-
-bool isFinite(const cv::RotatedRect& rect) {
-    return std::isfinite(rect.center.x) && std::isfinite(rect.center.y) && std::isfinite(rect.size.width) &&
-           std::isfinite(rect.size.height);
-}
-
-void fillConic(Corner& candidate, const cv::RotatedRect& rect) {
-    EllipseRecord record;
-    fitConicFromEllipse(record, rect, 0, candidate.contour);
-    candidate.ellipse = record.ellipse;
-    candidate.fitResidual = record.fitResidual;
-    candidate.conicValid = record.conicValid;
-    candidate.conic = record.conic;
-    candidate.scatter.swap(record.scatter);
 }
 
 bool passesArea(double area, const CicrleConfigs& configs, bool isFullSize) {

@@ -9,6 +9,7 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "MarkerExtractor/extraction/marker_fit.h"
 #include "kestrune/MarkerExtractor/records.h"
 
 namespace kestrune {
@@ -26,25 +27,17 @@ struct GateVerdict {
     bool accepted() const { return refusedBy == Gate::kNone; }
 };
 
-/// The camera whose distortion is removed from a contour before the fit.
-struct LensModel {
-    cv::Mat intrinsic;   ///< 3 by 3
-    cv::Mat distortion;  ///< OpenCV's order
-};
-
 /// Runs the gates in the order area, fit, eccentricity, circularity, convexity, shape. "Fit" refuses an ellipse that is
 /// not finite, which the fit makes of some outlines of a few pixels and of coordinates that are not finite.
 ///
 /// @param contour     closed, px, as the front end gave it. Area, perimeter and hull are those of this contour, also
-/// where
-///                    the ellipse is fitted to undistorted points.
+///                    where the ellipse is fitted to undistorted points.
 /// @param configs     the gates' bounds; a bound that is not a number refuses nothing.
 /// @param lens        read only if `configs.skipUndistort` is false.
 /// @param isFullSize  false for a contour in the pixels of an image that was reduced by `configs.scale`: the area gate
 ///                    then judges the area at full size, and the result is brought there.
 /// @throws cv::Exception from the fit, for a contour of fewer than five points that came past the area gate, and from
-/// the
-///                    undistortion, for matrices of wrong size.
+///                    the undistortion, for matrices of wrong size.
 GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleConfigs& configs, const LensModel& lens,
                          bool isFullSize);
 

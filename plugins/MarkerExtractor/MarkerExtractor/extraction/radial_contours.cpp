@@ -18,8 +18,6 @@ constexpr int kLeastBoxSide = 4;          ///< px: below it there is no ring to 
 constexpr double kLargestBoxRatio = 3.0;  ///< longer over shorter side; a marker seen at 70 degrees has 2.9
 constexpr float kRingFactor = 1.5f;       ///< outer over inner radius of the ring around a blob
 constexpr int kProbesPerSide = 2;
-constexpr int kLargestThresholdC =
-    256;  ///< beyond it no, or every, pixel passes; OpenCV negates the number in an `int`
 constexpr double kLeastProbeRatio = 0.8;  ///< share of probe directions that must show the contrast
 
 /// A blob in pixels of the reduced image.
@@ -166,16 +164,11 @@ void detectRadialContours(const cv::Mat& image, const cv::Mat& fullImage, cv::Ma
                           bool refineAtFullSize, float minRayRatio, int contrast) {
     requireGreyImage(image);
     requireGreyImage(fullImage);
-    requireAperture(aperture, 3);
+    requireAperture(aperture, kLeastThresholdBlock);
     requireBlurSigma(sigma);
     requireScale(scale, fullImage.size());
     const RadialSettings settings = {
-        static_cast<int>(std::ceil(3.0 * sigma)) + 3,
-        aperture,
-        minArea,
-        scale,
-        contrast,
-        static_cast<double>(std::clamp(thresholdC, -kLargestThresholdC, kLargestThresholdC))};
+        static_cast<int>(std::ceil(3.0 * sigma)) + 3, aperture, minArea, scale, contrast, usableThresholdC(thresholdC)};
     contours.clear();
     fullBinary.create(fullImage.size(), CV_8UC1);
     cv::GaussianBlur(fullImage, blurredFull, cv::Size(aperture, aperture), sigma, sigma, cv::BORDER_REFLECT_101);

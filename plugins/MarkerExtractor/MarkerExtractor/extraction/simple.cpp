@@ -4,6 +4,7 @@
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
 #include "MarkerExtractor/extraction/radial_contours.h"
+#include "MarkerExtractor/extraction/working_images.h"
 #include "canny/subpixel_contours.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
@@ -15,14 +16,6 @@ namespace {
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
 constexpr double kTwoPi = 6.283185307179586;
-constexpr int kLeastRadialAperture = 3;  ///< the adaptive threshold has no block of one pixel
-
-template <typename T>
-cv::Mat wrapScratch(std::vector<T>& storage, const cv::Size& size, int type) {
-    const std::size_t count = static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
-    if (storage.size() != count) storage.resize(count);
-    return {size, type, storage.data()};
-}
 
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
 void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
@@ -37,34 +30,15 @@ void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
 /// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
 void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CicrleConfigs& configs) {
     requireGreyOrColourImage(image);
-    if (!corners.empty()) {
-        refuseSetting("corners", "holds " + std::to_string(corners.size()) + " records; it must be empty on entry");
-    }
+    requireEmptyList(corners);
     requireScale(configs.scale, image.size());
     if (configs.useRadialContours) {
-        requireAperture(configs.aperture, kLeastRadialAperture);
+        requireAperture(configs.aperture, kLeastThresholdBlock);
         requireBlurSigma(configs.sigma);
     } else {
         requireAperture(configs.aperture, 1);
         requireEdgeSigma(configs.sigma);
     }
-}
-
-/// The grey image at full size, as an image of its own: a host's image may be a window of a larger one, and no pixel
-/// outside that window may have a say in the result.
-cv::Mat makeGray(const cv::Mat& image, CircleMarkerExtractor& extractor) {
-    if (image.channels() != 3) return {image.size(), image.type(), image.data, image.step};  // shares the pixels
-    cv::Mat gray = wrapScratch(extractor.scratchGray, image.size(), CV_8UC1);
-    cv::cvtColor(image, gray, cv::COLOR_BGR2GRAY, 0);
-    return gray;
-}
-
-cv::Mat reduce(const cv::Mat& gray, int scale, CircleMarkerExtractor& extractor) {
-    if (scale == 1) return gray;  // shares the pixels
-    const cv::Size size(gray.cols / scale, gray.rows / scale);
-    cv::Mat working = wrapScratch(extractor.scratchWorking, size, CV_8UC1);
-    cv::resize(gray, working, size, 0, 0, cv::INTER_LINEAR);
-    return working;
 }
 
 void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarkerExtractor& extractor,
@@ -83,11 +57,6 @@ void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarke
                          configs.contrast);
 }
 
-LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex) {
-    if (cameraIndex == 0) return {extractor.leftIntrinsic, extractor.leftDistortion};
-    return {extractor.rightIntrinsic, extractor.rightDistortion};
-}
-
 }  // namespace
 
 bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
@@ -97,8 +66,8 @@ bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vecto
         return false;
     }
     checkCall(image, corners, configs);
-    const cv::Mat gray = makeGray(image, *this);
-    const cv::Mat working = reduce(gray, configs.scale, *this);
+    const cv::Mat gray = greyOf(image, *this);
+    const cv::Mat working = reducedImage(gray, configs.scale, *this);
 
     std::vector<SubpixelContour> contours;
     if (configs.useRadialContours) {

@@ -23,14 +23,7 @@ bool isIncomplete(const cv::Mat& leftImage, const cv::Mat& rightImage, const Cir
            e.rightRectification.empty();
 }
 
-/// Both front ends that fit conics are chosen by the settings. The edge-based one is not part of this version, and what
-/// its switch alone would bring here are corners without any.
-void checkSwitches(const CicrleConfigs& configs) {
-    if (configs.useComplexExtract && !configs.useRadialContours) {
-        refuseSetting("useComplexExtract", "true needs useRadialContours as well: this version has no edge-based path");
-    }
-}
-
+/// Whether the chosen path fits conics.
 bool carriesConics(const CicrleConfigs& configs) {
     return configs.useComplexExtract || configs.useRadialContours;
 }
@@ -142,7 +135,6 @@ std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& le
                                                                std::vector<cv::RotatedRect>& rightRects,
                                                                const CicrleConfigs& configs) {
     if (isIncomplete(leftImage, rightImage, extractor)) return {};
-    checkSwitches(configs);
     checkCalibration(extractor, configs);
     Exposure exposure;
     const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);

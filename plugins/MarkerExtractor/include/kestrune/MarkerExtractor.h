@@ -41,8 +41,7 @@ class CircleMarkerExtractor {
     ///
     /// @param image        `CV_8UC1` or `CV_8UC3` (BGR), not changed. An empty one gives false.
     /// @param corners      result, must be empty. Coordinates are pixels of `image` - with `useRadialContours` false
-    /// and
-    ///                     `scale` above 1 those of the reduced image, not multiplied up - undistorted unless
+    ///                     and `scale` above 1 those of the reduced image, not multiplied up - undistorted unless
     ///                     `configs.skipUndistort`.
     /// @param cameraIndex  0: left matrices for the undistortion; any other value: right ones.
     /// @param configs      `useRadialContours` chooses between radial and sub-pixel contours. Read as well: `minArea`,
@@ -51,12 +50,32 @@ class CircleMarkerExtractor {
     ///                     `cannyHigh`, `useThreads`, `maxFitError`, `maxPointError`; for radial ones `thresholdC`,
     ///                     `refineAtFullSize`, `minRayRatio`, `contrast`, `maxFitResidual`.
     /// @return             whether a marker was found. `markerRects` is overwritten either way, `markerName` on
-    /// success.
+    ///                     success.
     /// @throws cv::Exception  for a setting or image that the path cannot work with, and from `cv::fitEllipse` or
     ///                     `cv::fitEllipseDirect` on a contour of fewer than five points that came past the area gate;
     ///                     in the latter case `corners` keeps what was accepted before and `markerRects` its old value.
     KESTRUNE_API bool CircleExtractSimple(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
                                           const CicrleConfigs& configs);
+
+    /// The edge-based path: round markers bright or dark on their ground, measured on the ridge of the gradient.
+    ///
+    /// Fills `ellipse`, `fitResidual`, the conic, `scatter`, `contour` (pixels of the rim moved to sub-pixel places, by
+    /// rows: a set, not a path), `x`, `y` and `id`; `area` and the measures of shape stay 0. A broad ring gives
+    /// two markers, its outer and its inner edge, since they differ in polarity. Nested edges of one polarity give one:
+    /// the better fit if they are alike to a third, else as a rule the inner one.
+    ///
+    /// @param image        `CV_8UC1` or `CV_8UC3` (BGR), not changed. An empty one gives false.
+    /// @param corners      result, must be empty. Coordinates are pixels of `image`, whatever `scale`, undistorted
+    ///                     unless `configs.skipUndistort`.
+    /// @param cameraIndex  0: left matrices for the undistortion; any other value: right ones.
+    /// @param configs      read are `scale`, `sigma`, `aperture`, `thresholdC`, `maxFitResidual`, `minDiameter`,
+    ///                     `maxDiameter`, `minAxisRatio`, `nmsFactor`, `edgePercentile`, `skipUndistort`, `markerName`.
+    /// @return             whether a marker was found. `markerRects` is overwritten either way, `markerName` on
+    ///                     success.
+    /// @throws cv::Exception  for a setting or image that the path cannot work with, and from the undistortion; nothing
+    ///                     of the result is written then.
+    KESTRUNE_API bool CircleExtractComplex(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
+                                           const CicrleConfigs& configs);
 
     /// The cheapest path: threshold at 100 grey levels, outer contours, up to four optional gates, ellipse centres. It
     /// fills `x`, `y`, `area` and `eccentricity` only, touches no member, and may run on many threads on one object.
@@ -173,7 +192,8 @@ class CircleMarkerExtractor {
 
 /// The front door: extracts the markers of one eye and writes one warning line on standard output if there are none.
 ///
-/// @param image        as for the path that is taken: `CircleMarkerExtractor::CircleExtractSimple`.
+/// @param image        as for the path that is taken: `CircleMarkerExtractor::CircleExtractComplex` with
+///                     `configs.useComplexExtract`, else `CircleMarkerExtractor::CircleExtractSimple`.
 /// @param extractor    its `markerRects` and `markerName` change.
 /// @param corners      result, must be empty.
 /// @param cameraIndex  0 is the left eye, any other value the right one.
@@ -184,8 +204,8 @@ KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtracto
 /// The stereo measurement: extracts the markers of both images of one exposure, matches them by geometry alone and
 /// triangulates them.
 ///
-/// With `configs.useComplexExtract` or `useRadialContours` markers carry conics and are matched by the circles in space
-/// that these imply; otherwise by rows, size and the shape of the whole constellation
+/// With `configs.useComplexExtract` or `useRadialContours` the markers carry conics and are matched by the circles in
+/// space that these imply; otherwise by rows, size and the shape of the whole constellation
 /// (`getStereoRectifiedMarker3dPoints`).
 ///
 /// @param extractor   with the calibration intake done. Its scratch storage, `markerRects` and `markerName` change.

@@ -34,9 +34,9 @@ struct Corner {
     std::int32_t id = 0;      ///< running number in its list; always 0 from the fast path
     double x;                 ///< centre, column, px; not set by construction
     double y;                 ///< centre, row, px; not set by construction
-    cv::RotatedRect ellipse;  ///< fitted ellipse with full axes; radial contours only
-    double fitResidual = 0;   ///< root mean square of the conic's value over the contour; radial contours only
-    bool conicValid = false;  ///< `conic` and `scatter` are filled
+    cv::RotatedRect ellipse;  ///< fitted ellipse with full axes; only where `conicValid`
+    double fitResidual = 0;   ///< root mean square of the conic's value over the contour; only where `conicValid`
+    bool conicValid = false;  ///< `conic` and `scatter` are filled: radial contours and the edge-based path
 
     /// A, B, C, D, E, F of A x^2 + B x y + C y^2 + D x + E y + F = 0 in pixels, scaled so that the value at the
     /// ellipse's centre is -1. Not set unless `conicValid`.
@@ -48,7 +48,8 @@ struct Corner {
     double markerRadius;  ///< radius of the disc in space, host unit; not set by construction
     Eigen::Vector3d normal = Eigen::Vector3d::Zero();    ///< unit normal of the disc
     Eigen::Vector3d position = Eigen::Vector3d::Zero();  ///< centre of the disc in space, host unit
-    std::vector<cv::Point2f> contour;                    ///< contour points, in the order in which they were found
+    std::vector<cv::Point2f> contour;                    ///< contour points, px: along the contour, from the
+                                                         ///< edge-based path by rows
 
     std::vector<AuxRecord> auxListA;  ///< carried, not used
     std::vector<AuxRecord> auxListB;  ///< carried, not used
@@ -140,11 +141,12 @@ inline Corner& Corner::operator=(Corner&& other) noexcept {
 }
 
 /// Settings of one call. The host fills every field that the chosen path reads: there are no defaults, and the library
-/// only reads. The gates' bounds are compared as IEEE numbers, so one that is not a number never refuses anything; for
-/// the stereo fields that is told where they are used.
+/// only reads. The bounds of the simple and the fast path are compared as IEEE numbers, so one that is not a number
+/// never refuses anything; on the edge-based path it refuses everything, or the call if it is a diameter. For the
+/// stereo fields that is told where they are used.
 ///
-/// "simple" is `CircleExtractSimple`, "fast" `extractMarkPointsFast`; the other names are those of the operations that
-/// take the record.
+/// "simple" is `CircleExtractSimple`, "fast" `extractMarkPointsFast`, "edge-based" `CircleExtractComplex`; the other
+/// names are those of the operations that take the record.
 struct CicrleConfigs {
     bool enableAreaFilter;         ///< fast: apply the area gate (the simple path always does)
     double minArea;                ///< simple, fast: least contour area, px^2, inclusive
@@ -161,15 +163,17 @@ struct CicrleConfigs {
     double maxEccentricity;         ///< simple, fast: largest sqrt(a^2 - b^2) / a, inclusive
     double maxFitError;             ///< simple, sub-pixel contours: largest RMS distance from the ellipse, px ...
     double maxPointError;           ///< ... which a contour may exceed if no point is farther away than this, px
-    std::string markerName;         ///< simple: copied to the extractor on success
+    std::string markerName;         ///< simple, edge-based: copied to the extractor on success
     std::int32_t cannyLow;          ///< sub-pixel contours: hysteresis thresholds, grey levels ...
     std::int32_t cannyHigh;         ///< ... of the step that an edge has; above 362 nothing passes
     std::int32_t aperture;          ///< simple: side of the Gaussian kernel, odd, 1 or more; radial contours: also the
-                                    ///< block of the adaptive threshold, 3 or more
-    double sigma;                   ///< simple: Gaussian sigma, px; sub-pixel contours need more than 1/6
-    std::int32_t scale;             ///< simple: integer reduction of the image, 1 or more
+                                    ///< block of the adaptive threshold, 3 or more; edge-based: that block only
+    double sigma;                   ///< simple: Gaussian sigma, px; sub-pixel contours need more than 1/6; edge-based:
+                                    ///< smoothing before the gradient, px of the full image
+    std::int32_t scale;             ///< simple: integer reduction of the image, 1 or more; edge-based: of the search
+                                    ///< for blobs only
     std::vector<double> markerRadii;  ///< stereo: nominal radii of the markers, host unit
-    bool skipUndistort;               ///< simple: fit in the image as it is; needs no calibration
+    bool skipUndistort;               ///< simple, edge-based: fit in the image as it is; needs no calibration
     bool cornersRectified;            ///< stereo: the corners are in rectified pixels already
     bool outputRectified;             ///< stereo: leave the points in the rectified left frame
     bool useThreads;                  ///< sub-pixel contours: one strip of columns for each hardware thread
@@ -186,17 +190,26 @@ struct CicrleConfigs {
     double edgeAngleTolerance;        ///< stereo: handed to the constellation consensus
     float minRadiusRatio;             ///< stereo: least ratio of the smaller to the larger radius of a candidate
     bool useRadialContours;           ///< simple: radial contours and the direct fit instead of sub-pixel contours
-    std::int32_t thresholdC;          ///< radial contours: constant of the adaptive threshold, grey levels; negative
-                                      ///< values ask for pixels that much brighter than their surroundings
+    std::int32_t thresholdC;          ///< radial contours, edge-based: constant of the adaptive threshold, grey levels;
+                                      ///< negative values ask for pixels that much brighter than their surroundings. A
+                                      ///< dark marker is found by the bright ring that this leaves around it
     bool refineAtFullSize;            ///< radial contours: detect each blob again at full size (if `scale` is not 1)
     float minRayRatio;                ///< radial contours: least share of rays that bear an edge, above 0 up to 1
     std::int32_t contrast;            ///< radial contours: least grey-level contrast of a blob to the ring around it
-    float maxFitResidual;             ///< radial contours: largest `Corner::fitResidual`
-    float minDiameter;                ///< edge-based path: bounds of a candidate's diameter, px
-    float maxDiameter;                ///< edge-based path
-    float minAxisRatio;               ///< edge-based path: least shorter over longer side
-    float nmsFactor;                  ///< edge-based path: factor of the non-maximum suppression
-    float edgePercentile;             ///< edge-based path: percentile of the stable edge threshold
+    float maxFitResidual;             ///< radial contours, edge-based: largest `Corner::fitResidual`; edge-based: five
+                                      ///< times this before the points are refined
+
+    /// Edge-based: least diameter, px. The product of a marker's axes must be four times its square, so that a round
+    /// marker passes from twice this on. The box of a blob must reach it in pixels of the reduced image. Cut off to
+    /// whole pixels for the search.
+    float minDiameter;
+    /// Edge-based: largest diameter, px. A whole rim has too many pixels from about 0.78 of this on; four times this,
+    /// in pixels of the reduced image, is the largest area of a blob: a marker's disc or ring after the threshold.
+    float maxDiameter;
+    float minAxisRatio;  ///< edge-based: least shorter over longer side
+    float nmsFactor;     ///< edge-based: factor on the neighbours in the non-maximum suppression; below 1 it is softer
+    float edgePercentile;  ///< edge-based: share of a window's pixels, below 1, whose gradient is under the upper
+                           ///< threshold of an edge; the lower threshold is half of that gradient
 };
 
 }  // namespace kestrune

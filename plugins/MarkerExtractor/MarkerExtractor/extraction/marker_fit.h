@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+
+#include "kestrune/MarkerExtractor/records.h"
+
+namespace kestrune {
+
+/// The camera whose distortion is removed from a contour before the fit.
+struct LensModel {
+    cv::Mat intrinsic;   ///< 3 by 3
+    cv::Mat distortion;  ///< OpenCV's order
+};
+
+/// Fills the block of a marker from `ellipse` to `scatter` from its contour and the ellipse fitted to it.
+void fillConic(Corner& marker, const cv::RotatedRect& rect);
+
+/// The fits make ellipses that are not finite of some outlines of a few pixels and of coordinates that are not.
+bool isFinite(const cv::RotatedRect& rect);
+
+}  // namespace kestrune

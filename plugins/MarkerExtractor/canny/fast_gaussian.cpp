@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "canny/fast_gaussian.h"
+
+#include <array>
+#include <cmath>
+#include <opencv2/imgproc.hpp>
+
+#include "checks/settings_check.h"
+#include "logging/report_sites.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr int kPasses = 3;
+
+/// 8-bit grey levels are raised by this, so that three roundings to whole numbers lose nothing of an edge's place.
+constexpr double kGreyFactor = 256.0;
+
+/// In single precision throughout, which decides at the very sizes where a pass changes its width.
+std::array<int, kPasses> boxWidths(float sigma) {
+    const float variance12 = 12.0f * sigma * sigma;
+    int lower = static_cast<int>(std::floor(std::sqrt(variance12 / 3.0f + 1.0f)));
+    if (lower % 2 == 0) --lower;
+    const int upper = lower + 2;
+    const auto wl = static_cast<float>(lower);
+    const float passes = std::round((variance12 - 3.0f * wl * wl - 12.0f * wl - 9.0f) / (-4.0f * (wl + 1.0f)));
+    std::array<int, kPasses> widths{};
+    for (int i = 0; i < kPasses; ++i) {
+        widths[static_cast<std::size_t>(i)] = static_cast<float>(i) < passes ? lower : upper;
+    }
+    return widths;
+}
+
+// OpenCV's filters look beyond the border of a window into the image that it belongs to, where working storage holds
+// what another marker left behind; isolated, they do not.
+constexpr int kBorder = cv::BORDER_REPLICATE | cv::BORDER_ISOLATED;
+
+void boxPass(const cv::Mat& src, cv::Mat& dst, int width) {
+    cv::boxFilter(src, dst, CV_16U, cv::Size(width, width), cv::Point(-1, -1), true, kBorder);
+}
+
+}  // namespace
+
+void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma) {
+    if (src.type() != CV_8UC1 && src.type() != CV_16UC1) raiseAssertion(assertion_sites::kGaussianSource);
+    requireBlurSigma(std::abs(sigma));
+    const cv::Mat source = src;  // keeps its pixels where `dst` is the same header and is made anew
+    dst.create(source.size(), CV_16UC1);
+    const std::array<int, kPasses> widths = boxWidths(sigma);
+    if (source.type() == CV_16UC1) {
+        boxPass(source, dst, widths[0]);
+    } else {
+        source.convertTo(dst, CV_16U, kGreyFactor, 0.0);
+        boxPass(dst, dst, widths[0]);
+    }
+    for (std::size_t i = 1; i < widths.size(); ++i) boxPass(dst, dst, widths[i]);
+}
+
+}  // namespace kestrune

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+
+namespace kestrune {
+
+/// Smooths with three box filters whose joint variance approximates sigma^2. With n = 3 passes, the ideal width is
+/// sqrt(12 sigma^2 / n + 1); the first m passes take the odd width below it, the others the odd width above it, and m
+/// is chosen so that the variances add up (P. Kovesi, "Fast almost-Gaussian filtering", DICTA 2010).
+///
+/// The border repeats the outermost pixels of `src`, also where `src` is a window of a larger image: what lies around
+/// the window has no say in the result.
+///
+/// @param src    `CV_8UC1`, which is raised by a factor 256 first, or `CV_16UC1`.
+/// @param dst    result, `CV_16UC1` of the source's size; made so where it is not. May be `src`.
+/// @param sigma  px, up to 4095. Its sign has no meaning.
+/// @throws cv::Exception `cv::Error::StsAssert` for a source of another type and `cv::Error::StsBadArg` for a sigma
+/// that
+///               is not finite or larger, before anything is written.
+void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma);
+
+}  // namespace kestrune

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ellipsedetection/contour_tree.h"
+
+#include <cmath>
+#include <opencv2/imgproc.hpp>
+
+namespace kestrune {
+
+namespace {
+
+// Places of an entry of the hierarchy.
+constexpr int kNext = 0;
+constexpr int kChild = 2;
+constexpr int kParent = 3;
+
+// Least share of the inner in the outer area, where the outer contour is outermost, and where it lies within another
+// one.
+constexpr float kLeastShareOutermost = 0.5f;
+constexpr float kLeastShareNested = 0.25f;
+
+/// A hole's hull may be a little larger than its outline; by more, and it does not belong to it.
+constexpr float kLargestShare = 1.05f;
+
+double at(const std::vector<double>& areas, int index) {
+    return areas[static_cast<std::size_t>(index)];
+}
+
+double hullArea(const std::vector<cv::Point>& contour) {
+    std::vector<cv::Point> hull;
+    cv::convexHull(contour, hull, false, true);
+    return hull.size() < 3 ? 0 : cv::contourArea(hull, true);
+}
+
+double areaOfChildren(int firstChild, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy) {
+    double sum = 0;
+    for (int child = firstChild; child >= 0; child = hierarchy[static_cast<std::size_t>(child)][kNext]) {
+        sum += std::abs(at(areas, child));
+    }
+    return sum;
+}
+
+}  // namespace
+
+std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,
+                                const std::vector<cv::Vec4i>& hierarchy) {
+    std::vector<double> areas(contours.size(), 0.0);
+    for (std::size_t k = 0; k < contours.size(); ++k) {
+        if (contours[k].size() < 3) continue;
+        areas[k] = hierarchy[k][kChild] < 0 ? hullArea(contours[k]) : cv::contourArea(contours[k], true);
+    }
+    return areas;
+}
+
+bool isNestedLikeARim(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy) {
+    const cv::Vec4i& links = hierarchy[static_cast<std::size_t>(index)];
+    const int parent = links[kParent];
+    if (links[kChild] >= 0) {
+        // No bound from above here: what an outline of no area holds is settled by the gates that follow.
+        const auto share =
+            static_cast<float>(std::abs(areaOfChildren(links[kChild], areas, hierarchy) / at(areas, index)));
+        return !((parent < 0 ? kLeastShareOutermost : kLeastShareNested) > share);
+    }
+    if (parent < 0) return false;
+    const auto share = static_cast<float>(std::abs(at(areas, index) / at(areas, parent)));
+    const bool isOutermost = hierarchy[static_cast<std::size_t>(parent)][kParent] < 0;
+    return !((isOutermost ? kLeastShareOutermost : kLeastShareNested) > share || share > kLargestShare);
+}
+
+}  // namespace kestrune

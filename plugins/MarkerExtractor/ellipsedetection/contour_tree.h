@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+namespace kestrune {
+
+/// Signed area of each contour: of itself if it has holes, of its convex hull if not, since the inner side of a rim may
+/// be jagged; 0 for fewer than three points.
+///
+/// @param hierarchy  next, previous, first child and parent of each, as `cv::findContours` gives them.
+std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,
+                                const std::vector<cv::Vec4i>& hierarchy);
+
+/// Whether a contour is the outer or the inner side of a closed line: one whose children have a good share of its area,
+/// or a child without children that has a good share of its parent's. An open line has no child and is neither.
+bool isNestedLikeARim(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy);
+
+}  // namespace kestrune

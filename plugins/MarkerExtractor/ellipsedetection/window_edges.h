@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+namespace kestrune {
+
+/// Windows of the full-size working images around one blob; the pixels belong to those.
+struct EdgeWindow {
+    cv::Mat blur16U, grad, dx, dy, mask;
+};
+
+/// Lists and images whose storage goes from window to window.
+struct WindowScratch {
+    std::vector<int> strong, weak;
+    cv::Mat thin;
+    std::vector<std::vector<cv::Point>> contours;
+    std::vector<cv::Vec4i> hierarchy;
+};
+
+/// Edges of a window, one pixel wide: smoothing, gradient, a threshold at `percentile` of the window's magnitudes with
+/// hysteresis down to half of it, non-maximum suppression, and thinning after Zhang and Suen.
+///
+/// @param source  `CV_8UC1`: the window of the image.
+/// @param window  results; `mask` is 255 on edges and 0 elsewhere.
+/// @return        whether there is any edge.
+bool thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
+               WindowScratch& scratch);
+
+}  // namespace kestrune
