@@ -15,12 +15,14 @@ struct PathName {
     std::string_view floor;
 };
 
-constexpr std::array<PathName, 6> kPathNames{{{"radial_s1", "floor_radial_s1"},
+constexpr std::array<PathName, 8> kPathNames{{{"radial_s1", "floor_radial_s1"},
                                               {"radial_s2", "floor_radial_s2"},
                                               {"radial_s2_refine", "floor_radial_s2"},
                                               {"subpixel", "floor_subpixel"},
                                               {"subpixel_threads", "floor_subpixel"},
-                                              {"fast", "floor_fast"}}};
+                                              {"fast", "floor_fast"},
+                                              {"complex_s1", "floor_complex_s1"},
+                                              {"complex_s2", "floor_complex_s2"}}};
 
 constexpr std::array<std::string_view, 4> kRivalNames{"rival_blob", "rival_hough", "rival_edgedrawing", "rival_fit"};
 

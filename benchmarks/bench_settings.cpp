@@ -8,6 +8,11 @@
 namespace kestrune::bench {
 namespace {
 
+// The edge-based path's blobs are rims. At full size they need a wider block to fill enough of the box of a large disc,
+// and then have more pixels, of which four times `maxDiameter` are allowed.
+constexpr int kFullSizeAperture = 15;
+constexpr float kFullSizeMaxDiameter = 300;
+
 CicrleConfigs readySettings(const char* file, host::Path path) {
     CicrleConfigs settings = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
     settings.skipUndistort = true;
@@ -34,6 +39,17 @@ CicrleConfigs subpixelSettings(bool threaded) {
 CicrleConfigs fastSettings() {
     static const CicrleConfigs ready = readySettings("bright-fast.yaml", host::Path::fast);
     return ready;
+}
+
+CicrleConfigs complexSettings(int scale) {
+    static const CicrleConfigs ready = readySettings("bright-complex.yaml", host::Path::complex);
+    CicrleConfigs settings = ready;
+    settings.scale = scale;
+    if (scale == 1) {
+        settings.aperture = kFullSizeAperture;
+        settings.maxDiameter = kFullSizeMaxDiameter;
+    }
+    return settings;
 }
 
 }  // namespace kestrune::bench

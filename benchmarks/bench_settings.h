@@ -9,5 +9,6 @@ namespace kestrune::bench {
 CicrleConfigs radialSettings(int scale, bool refineAtFullSize);
 CicrleConfigs subpixelSettings(bool threaded);
 CicrleConfigs fastSettings();
+CicrleConfigs complexSettings(int scale);
 
 }  // namespace kestrune::bench

@@ -21,11 +21,14 @@ struct Job {
 Job radialPath(const BenchScene& scene, int scale, bool refineAtFullSize);
 Job subpixelPath(const BenchScene& scene, bool threaded);
 Job fastPath(const BenchScene& scene);
+Job complexPath(const BenchScene& scene, int scale);
 
-// Floors: only those calls over the whole image that the path cannot do without, with the path's arguments.
+// Floors: only those calls over the whole image, and for the edge-based path over the windows of its blobs, that the
+// path cannot do without, with the path's arguments.
 Job radialFloor(const BenchScene& scene, int scale);
 Job subpixelFloor(const BenchScene& scene);
 Job fastFloor(const BenchScene& scene);
+Job complexFloor(const BenchScene& scene, int scale);
 
 // Detectors of OpenCV, set up for bright discs of the scene's radii and grey levels.
 Job blobRival(const BenchScene& scene);

@@ -43,4 +43,8 @@ Job fastPath(const BenchScene& scene) {
     return extractionJob(scene, fastSettings(), &CircleMarkerExtractor::extractMarkPointsFast);
 }
 
+Job complexPath(const BenchScene& scene, int scale) {
+    return extractionJob(scene, complexSettings(scale), &CircleMarkerExtractor::CircleExtractComplex);
+}
+
 }  // namespace kestrune::bench

@@ -19,8 +19,10 @@ measure=build/release/examples/host/kestrune-measure
 photograph=../shared/data/real/dot-grid-stereo/left_00001.png
 if [[ -r $photograph ]]; then
     echo
-    for path in radial subpixel; do  # the plate's dots are dark: --invert
-        "$measure" extract "$photograph" --invert --settings "examples/settings/dot-grid-$path.yaml" \
+    for path in complex radial subpixel; do
+        invert=(--invert)  # the plate's dots are dark, which only one path takes
+        [[ $path != complex ]] || invert=()
+        "$measure" extract "$photograph" "${invert[@]}" --settings "examples/settings/dot-grid-$path.yaml" \
             --csv "$out/photograph-$path.csv" --overlay "$out/photograph-$path.png"
     done
 fi

@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 const cv::Size kDefaultSize(1632, 1360);
 constexpr double kSmallestRadiusPx = 7, kLargestRadiusPx = 30;
 constexpr double kMaxTiltDegrees = 25;
-constexpr double kMarkerGrey = 190;
 constexpr double kClutterPerPixel = 18e-6;
 // A detection farther away than this from every marker's centre is no picture of a marker.
 constexpr double kMatchDistancePx = 3;
@@ -33,9 +32,23 @@ struct Contestant {
     Path path;
     const char* file;
 };
-constexpr std::array kContestants = {Contestant{Path::radial, "bright-radial.yaml"},
-                                     Contestant{Path::simple, "bright-subpixel.yaml"},
-                                     Contestant{Path::fast, "bright-fast.yaml"}};
+const std::vector<Contestant> kBrightContestants = {{Path::radial, "bright-radial.yaml"},
+                                                    {Path::simple, "bright-subpixel.yaml"},
+                                                    {Path::fast, "bright-fast.yaml"},
+                                                    {Path::complex, "bright-complex.yaml"}};
+const std::vector<Contestant> kMixedContestants = {{Path::complex, "mixed-complex.yaml"}};
+
+/// One scene and the paths that can find its markers.
+struct Act {
+    const char* prefix;  ///< of its files
+    const char* markers;
+    double background;
+    std::array<double, 2> grey;  ///< of every other marker
+    const std::vector<Contestant>& contestants;
+};
+const std::array<Act, 2> kActs = {
+    Act{"", "markers", 40, {190, 190}, kBrightContestants},
+    Act{"mixed-", "markers, by turns brighter and darker than their ground", 120, {210, 30}, kMixedContestants}};
 
 /// Beside the program in a build tree, under share in an installation.
 fs::path readySettings() {
@@ -63,7 +76,7 @@ std::vector<Mark> marksAgainstTruth(const std::vector<Marker>& markers, const st
     };
     std::vector<Mark> marks;
     for (const scene::DetectionMatch& match : score.matches) {
-        marks.push_back(markOf(at(markers, match.detection), MarkKind::found));
+        marks.push_back(markOf(at(markers, match.detection), foundKind(at(markers, match.detection).polarity)));
         marks.back().label = fmt::format("{}", at(truth, match.marker).id);
     }
     for (const int i : score.falseOnes) {
@@ -98,12 +111,13 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
     const scene::DetectionScore score =
         scene::scoreDetections(exposure.markers, static_cast<int>(eye), centres, undistorted, kMatchDistancePx);
 
-    writePicture(overlay.string(), drawOverlay(imageBehind(image, calibration[eye], settings),
-                                               marksAgainstTruth(markers, exposure.markers, eye, score, undistorted),
-                                               fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)),
-                                               {{MarkKind::found, score.matches.size()},
-                                                {MarkKind::missed, score.missed.size()},
-                                                {MarkKind::wrong, score.falseOnes.size()}}));
+    const std::vector<Mark> marks = marksAgainstTruth(markers, exposure.markers, eye, score, undistorted);
+    Legend legend = foundLegend(marks);
+    legend.emplace_back(MarkKind::missed, score.missed.size());
+    legend.emplace_back(MarkKind::wrong, score.falseOnes.size());
+    writePicture(overlay.string(),
+                 drawOverlay(imageBehind(image, calibration[eye], settings), marks,
+                             fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)), legend));
 
     const bool perfect = score.missed.empty() && score.falseOnes.empty() && !score.matches.empty();
     return {fmt::format("{:<9}{:<8}{:>6}{:>7}{:>8}{:>7}{:>16.4f}{:>9.4f}", nameOf(settings.path), kEyeNames[eye],
@@ -112,28 +126,30 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
             perfect};
 }
 
-scene::Exposure renderScene(const DemoOptions& options) {
+scene::Exposure renderScene(const DemoOptions& options, const Act& act) {
     const cv::Size size = options.size.empty() ? kDefaultSize : options.size;
     const scene::Rig rig = scene::makeVergedRig(size);
-    const std::vector<scene::Disc> discs = scene::makeScatteredDiscs(
-        rig, options.markers, kSmallestRadiusPx, kLargestRadiusPx, kMaxTiltDegrees, kMarkerGrey, options.seed);
+    std::vector<scene::Disc> discs = scene::makeScatteredDiscs(
+        rig, options.markers, kSmallestRadiusPx, kLargestRadiusPx, kMaxTiltDegrees, act.grey[0], options.seed);
+    for (std::size_t i = 0; i < discs.size(); ++i) discs[i].grey = act.grey[i % 2];
     const int clutter = cvRound(kClutterPerPixel * size.area());
     scene::RenderOptions light;
+    light.background = act.background;
     light.seed = options.seed;
     return scene::render(rig, discs, scene::makeClutter(rig, discs, clutter, options.seed), light);
 }
 
-/// The first part: every path on both eyes of scattered markers.
-bool demoExtraction(const DemoOptions& options, const fs::path& folder, const fs::path& out) {
+/// The first part: every path that can on both eyes of scattered markers.
+bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& folder, const fs::path& out) {
     std::vector<Settings> contestants;
-    contestants.reserve(kContestants.size());
-    for (const Contestant& contestant : kContestants) contestants.push_back(demoSettings(folder, contestant));
+    contestants.reserve(act.contestants.size());
+    for (const Contestant& contestant : act.contestants) contestants.push_back(demoSettings(folder, contestant));
 
-    const scene::Exposure exposure = renderScene(options);
+    const scene::Exposure exposure = renderScene(options, act);
     const StereoCalibration rig = calibrationOf(exposure.rig);
     const Calibration calibration = {asMatrices(rig.cameras[0]), asMatrices(rig.cameras[1])};
     for (std::size_t eye = 0; eye < 2; ++eye) {
-        writePicture((out / fmt::format("{}.png", kEyeNames[eye])).string(), exposure.image[eye]);
+        writePicture((out / fmt::format("{}{}.png", act.prefix, kEyeNames[eye])).string(), exposure.image[eye]);
     }
     writeCalibration((out / "calibration.yaml").string(), rig);
 
@@ -142,7 +158,8 @@ bool demoExtraction(const DemoOptions& options, const fs::path& folder, const fs
     Progress progress(contestants.size() * 2);
     for (const Settings& settings : contestants) {
         for (std::size_t eye = 0; eye < 2; ++eye) {
-            const fs::path overlay = out / fmt::format("{}-{}.png", kEyeNames[eye], nameOf(settings.path));
+            const fs::path overlay =
+                out / fmt::format("{}{}-{}.png", act.prefix, kEyeNames[eye], nameOf(settings.path));
             progress.show(rows.size(), overlay.string());
             const Round round = play(settings, eye, exposure, calibration, overlay);
             rows.push_back(round.row);
@@ -152,15 +169,17 @@ bool demoExtraction(const DemoOptions& options, const fs::path& folder, const fs
     }
     progress.clear();
 
-    fmt::print("rendered: {} x {} px, {} markers, seed {}\n\n", exposure.rig.left.size.width,
-               exposure.rig.left.size.height, exposure.markers.size(), options.seed);
+    fmt::print("rendered: {} x {} px, {} {}, seed {}\n\n", exposure.rig.left.size.width, exposure.rig.left.size.height,
+               exposure.markers.size(), act.markers, options.seed);
     fmt::print("path     eye      truth  found  missed  false   centre RMS px   max px\n");
     for (const std::string& row : rows) fmt::print("{}\n", row);
     fmt::print(
-        "\n(radial and simple with the lens taken out, fast as the lens shows it)\nexposure and calibration: "
-        "{0}/left.png {0}/right.png {0}/calibration.yaml\npictures to look at:\n",
-        out.string());
+        "\n(with the lens taken out, but for path fast)\nexposure and calibration: {0}/{1}left.png {0}/{1}right.png "
+        "{0}/calibration.yaml\npictures to look at:\n",
+        out.string(), act.prefix);
     for (const std::string& overlay : overlays) fmt::print("  {}\n", overlay);
+    fmt::print("\n");
+    std::fflush(stdout);
     return perfect;
 }
 
@@ -170,8 +189,8 @@ int runDemo(const DemoOptions& options) {
     const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
     const fs::path out = options.out;
     fs::create_directories(out);
-    const bool extracted = demoExtraction(options, folder, out);
-    std::fflush(stdout);
+    bool extracted = true;
+    for (const Act& act : kActs) extracted = demoExtraction(options, act, folder, out) && extracted;
     const bool measured = demoStereo(options, folder, out);
     return extracted && measured ? kSuccess : kPartlyFailed;
 }

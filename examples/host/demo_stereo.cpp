@@ -36,6 +36,7 @@ struct Branch {
 };
 constexpr std::array kBranches = {
     Branch{Path::radial, "conic", "bright-radial.yaml", scene::PixelMeaning::projectedCentre},
+    Branch{Path::complex, "edge-conic", "bright-complex.yaml", scene::PixelMeaning::projectedCentre},
     Branch{Path::simple, "constellation", "bright-subpixel.yaml", scene::PixelMeaning::ellipseCentre},
 };
 
@@ -174,12 +175,12 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
     progress.clear();
 
     fmt::print(
-        "\nstereo: 2 x {} x {} px, {} markers of radius {:.3g} and {:.3g} mm on a curved object, {:.0f} mm across\n\n",
+        "stereo: 2 x {} x {} px, {} markers of radius {:.3g} and {:.3g} mm on a curved object, {:.0f} mm across\n\n",
         size.width, size.height, exposure.markers.size(), kRadiiMm[0] * sizeFactor(size),
         kRadiiMm[1] * sizeFactor(size), outcomes[0].score.objectSize);
     printTable(outcomes);
     fmt::print(
-        "\n(centre errors with the lens taken out; the conic branch measures the image of the disc's centre, the\n"
+        "\n(centre errors with the lens taken out; the conic branches measure the image of the disc's centre, the\n"
         "constellation branch the centre of its image)\n"
         "exposure and calibration: {0}/stereo-left.png {0}/stereo-right.png {0}/stereo-calibration.yaml\n"
         "pictures to look at:\n",

@@ -20,6 +20,9 @@ constexpr int kSmallestSide = 240, kLargestSide = 8192;
 constexpr const char* kExtractNotes =
     "CSV: one row a marker; x, y, half axes and fitError in px, angle of the major axis in degrees, area in px^2 (the\n"
     "product of the full axes; with path fast the contour's area); a field that the path does not measure is empty.\n"
+    "Path complex finds bright and dark markers at once and tells them apart: polarity is bright or dark, as the "
+    "image\n"
+    "is searched, so after --invert. Overlays draw dark ones dashed.\n"
     "Coordinates are pixels of the full image, (0, 0) being the centre of the top left one. Path simple with scale "
     "above 1\n"
     "measures in the reduced image: its results are mapped back by (x + 0.5) s - 0.5 with s = full / reduced size.\n"
@@ -30,16 +33,17 @@ constexpr const char* kExtractNotes =
 
 void addExtract(CLI::App& app, ExtractOptions& options) {
     static const std::map<std::string, Path> kPaths = {
-        {"simple", Path::simple}, {"radial", Path::radial}, {"fast", Path::fast}};
+        {"simple", Path::simple}, {"radial", Path::radial}, {"fast", Path::fast}, {"complex", Path::complex}};
     static const std::map<std::string, int> kEyes = {{"left", 0}, {"right", 1}};
     CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
     command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
     command->add_option("--settings", options.settings, "YAML file with every setting")->required();
     command
         ->add_option("--path", options.path,
-                     "simple (sub-pixel contours), radial or fast; without it, the settings decide")
+                     "simple (sub-pixel contours), radial, fast or complex (edge-based); without it, the settings "
+                     "decide")
         ->transform(CLI::CheckedTransformer(kPaths))
-        ->option_text("simple|radial|fast");
+        ->option_text("simple|radial|fast|complex");
     command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
     command->add_option("--eye", options.eye, "whose calibration counts; left without it")
         ->transform(CLI::CheckedTransformer(kEyes))
@@ -56,16 +60,18 @@ constexpr const char* kStereoNotes =
     "unless\n"
     "the settings say cornersRectified. Points stand in the left camera's frame (x right, y down, z away; "
     "outputRectified\n"
-    "leaves them in the rectified one), in the unit of the calibration's positions. Path radial matches the circles "
-    "in\n"
-    "space that the ellipses imply and knows normals and radii; path simple matches by size and by the constellation.\n"
+    "leaves them in the rectified one), in the unit of the calibration's positions. Paths radial and complex match "
+    "the\n"
+    "circles in space that the ellipses imply and know normals and radii; path simple matches by size and by the\n"
+    "constellation. Polarities are not matched: with path complex they are told for the left eye.\n"
     "CSV: one row a marker, in the order of the exposures. JSON: one record an exposure, failed ones with the reason.\n"
     "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's.\n"
     "Ctrl-C ends after the exposures under way and writes what is done; a second one kills.\n"
     "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun, 130 after Ctrl-C.";
 
 void addStereo(CLI::App& app, StereoOptions& options) {
-    static const std::map<std::string, Path> kPaths = {{"simple", Path::simple}, {"radial", Path::radial}};
+    static const std::map<std::string, Path> kPaths = {
+        {"simple", Path::simple}, {"radial", Path::radial}, {"complex", Path::complex}};
     CLI::App* command = app.add_subcommand("stereo", "Measure markers in space from the two images of each exposure");
     command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
         ->required();
@@ -73,9 +79,10 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     command->add_option("--right", options.right, "those of the right eye")->required();
     command->add_option("--settings", options.settings, "YAML file with every setting")->required();
     command
-        ->add_option("--path", options.path, "simple (sub-pixel contours) or radial; without it, the settings decide")
+        ->add_option("--path", options.path,
+                     "simple (sub-pixel contours), radial or complex (edge-based); without it, the settings decide")
         ->transform(CLI::CheckedTransformer(kPaths))
-        ->option_text("simple|radial");
+        ->option_text("simple|radial|complex");
     command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
     command->add_option("--jobs", options.jobs, "exposures at a time; without it, one for each hardware thread")
         ->check(CLI::Range(1, 1024));
@@ -110,7 +117,7 @@ void addDemo(CLI::App& app, DemoOptions& options) {
         ->check(CLI::Range(1, 2000))
         ->capture_default_str();
     command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
-    command->add_option("--settings", options.settings, "folder of the bright-*.yaml files");
+    command->add_option("--settings", options.settings, "folder of the ready settings");
     command->footer("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.");
 }
 

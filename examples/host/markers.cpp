@@ -44,8 +44,17 @@ Enlargement enlargementOf(const cv::Mat& image, const Settings& settings) {
 }
 
 Marker makeMarker(int id, const Corner& corner) {
-    return {id,          {corner.x, corner.y}, kNotMeasured, kNotMeasured, kNotMeasured,
-            corner.area, corner.eccentricity,  kNotMeasured, kNotMeasured, kNotMeasured};
+    return {id,           {corner.x, corner.y}, kNotMeasured,        kNotMeasured,
+            kNotMeasured, corner.area,          corner.eccentricity, kNotMeasured,
+            kNotMeasured, kNotMeasured,         Polarity::unknown};
+}
+
+/// What the edge-based path leaves to be read off the ellipse and the image.
+void addFromEllipse(Marker& marker, const cv::Mat& image, const cv::RotatedRect& rim, const Camera& camera) {
+    const double ratio = marker.minorHalfAxis / marker.majorHalfAxis;
+    marker.area = 4 * marker.majorHalfAxis * marker.minorHalfAxis;
+    marker.eccentricity = std::sqrt(1 - ratio * ratio);
+    marker.polarity = polarityOf(image, rim, camera);
 }
 
 std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
@@ -69,8 +78,12 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
         (eye == 0 ? extractor.leftIntrinsic : extractor.rightIntrinsic) = enlarge.reduced(camera.matrix);
         (eye == 0 ? extractor.leftDistortion : extractor.rightDistortion) = camera.distortion;
     }
+    const bool complex = settings.path == Path::complex;
     std::vector<Corner> corners;
-    extractor.CircleExtractSimple(image, corners, eye, settings.configs);
+    if (complex)
+        extractor.CircleExtractComplex(image, corners, eye, settings.configs);
+    else
+        extractor.CircleExtractSimple(image, corners, eye, settings.configs);
 
     std::vector<Marker> markers;
     for (std::size_t i = 0; i < corners.size(); ++i) {
@@ -83,9 +96,10 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
         marker.minorHalfAxis = enlarge.length(0.5 * std::min(rect.size.width, rect.size.height));
         marker.angle = std::fmod(rect.angle + (wide ? 360.0 : 450.0), 180.0);
         marker.area *= enlarge.x * enlarge.y;
-        marker.circularity = corner.circularity;
+        if (!complex) marker.circularity = corner.circularity;
         if (settings.path == Path::simple) marker.fitError = enlarge.length(corner.fitError);
-        if (settings.path == Path::radial) marker.fitResidual = corner.fitResidual;
+        if (settings.path != Path::simple) marker.fitResidual = corner.fitResidual;
+        if (complex) addFromEllipse(marker, image, rect, deliversUndistorted(settings) ? camera : Camera{});
         markers.push_back(marker);
     }
     return markers;
@@ -111,7 +125,7 @@ cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& 
 }
 
 void writeCsvHeader(std::ostream& stream) {
-    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual\n";
+    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity\n";
 }
 
 void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers) {
@@ -121,7 +135,7 @@ void writeCsvRows(std::ostream& stream, const std::string& image, const std::vec
                                    m.eccentricity, m.circularity, m.fitError, m.fitResidual}) {
             stream << ',' << csvField(value);
         }
-        stream << '\n';
+        stream << ',' << nameOf(m.polarity) << '\n';
     }
 }
 

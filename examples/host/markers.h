@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "calibration.h"
+#include "polarity.h"
 #include "settings.h"
 
 namespace kestrune::host {
@@ -24,9 +25,10 @@ struct Marker {
     double angle;          ///< of the major axis to the x axis, degrees in [0, 180); not from the fast path
     double area;           ///< px^2: product of the full axes, from the fast path the contour's area
     double eccentricity;   ///< from the fast path only with `enableEccentricityFilter`
-    double circularity;    ///< not from the fast path
+    double circularity;    ///< not from the fast and the edge-based path
     double fitError;       ///< px; simple path only
-    double fitResidual;    ///< radial path only
+    double fitResidual;    ///< radial and edge-based path only
+    Polarity polarity;     ///< edge-based path only; the others take one kind of marker
 };
 
 /// True where the markers' coordinates are those of an image without lens distortion.

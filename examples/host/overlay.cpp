@@ -38,6 +38,8 @@ constexpr double kRadiusPerTextScale = 40;
 constexpr double kLargestTextScale = 0.9;
 constexpr int kLabelGap = 3;
 constexpr double kSmallestArm = 4, kLargestArm = 12;
+// Degrees from one dash to the next, two thirds of them drawn.
+constexpr int kDashStep = 30, kDash = 20;
 
 const cv::Scalar kDark(16, 16, 16);
 const cv::Scalar kBanner(48, 40, 36);
@@ -50,12 +52,14 @@ struct Style {
 };
 
 const Style& styleOf(MarkKind kind) {
-    static const std::array<Style, 5> kStyles = {
+    static const std::array<Style, 7> kStyles = {
         Style{"found", {120, 255, 60}, {255, 80, 255}},
         Style{"missed", {0, 170, 255}, {0, 170, 255}},
         Style{"false", {60, 60, 255}, {60, 60, 255}},
         Style{"pairs", {120, 255, 60}, {255, 255, 255}},
         Style{"without a partner", {160, 160, 160}, {160, 160, 160}},
+        Style{"bright", {120, 255, 60}, {255, 80, 255}},
+        Style{"dark", {255, 220, 60}, {255, 80, 255}},
     };
     return kStyles[static_cast<std::size_t>(kind)];
 }
@@ -99,12 +103,16 @@ void drawTwice(const cv::Scalar& colour, int thickness, const Draw& draw) {
 
 void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle) {
     const Style& style = styleOf(mark.kind);
-    const bool good = mark.kind == MarkKind::found || mark.kind == MarkKind::paired;
+    const bool good = mark.kind != MarkKind::missed && mark.kind != MarkKind::wrong && mark.kind != MarkKind::unmatched;
     const int thickness = good && mark.minorHalfAxis < kThinRadius ? markStyle.rim / 2 : markStyle.rim;
     const cv::Point centre = fixedPoint(mark.centre);
     const cv::Point axes = fixedPoint({mark.majorHalfAxis, mark.minorHalfAxis});
     drawTwice(colourOf(mark), thickness, [&](const cv::Scalar& colour, int width) {
-        cv::ellipse(canvas, centre, cv::Size(axes), mark.angle, 0, 360, colour, width, cv::LINE_AA, kFractionBits);
+        const int step = mark.dashed || mark.kind == MarkKind::dark ? kDashStep : 360;
+        for (int from = 0; from < 360; from += step) {
+            cv::ellipse(canvas, centre, cv::Size(axes), mark.angle, from, from + (step == 360 ? step : kDash), colour,
+                        width, cv::LINE_AA, kFractionBits);
+        }
     });
     const double arm = std::clamp(0.45 * mark.minorHalfAxis, kSmallestArm, kLargestArm);
     drawTwice(style.cross, 1, [&](const cv::Scalar& colour, int width) {
@@ -206,10 +214,24 @@ Mark markOf(const Marker& marker, MarkKind kind) {
             ellipse ? marker.angle : 0};
 }
 
-Legend countKinds(const std::vector<Mark>& marks, const std::vector<MarkKind>& kinds) {
+MarkKind foundKind(Polarity polarity) {
+    switch (polarity) {
+        case Polarity::bright:
+            return MarkKind::bright;
+        case Polarity::dark:
+            return MarkKind::dark;
+        case Polarity::unknown:
+            break;
+    }
+    return MarkKind::found;
+}
+
+Legend foundLegend(const std::vector<Mark>& marks) {
     Legend legend;
-    for (const MarkKind kind : kinds)
-        legend.emplace_back(kind, static_cast<std::size_t>(std::ranges::count(marks, kind, &Mark::kind)));
+    for (const MarkKind kind : {MarkKind::bright, MarkKind::dark, MarkKind::found}) {
+        const auto count = static_cast<std::size_t>(std::ranges::count(marks, kind, &Mark::kind));
+        if (count > 0 || (kind == MarkKind::found && legend.empty())) legend.emplace_back(kind, count);
+    }
     return legend;
 }
 

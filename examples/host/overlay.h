@@ -20,6 +20,8 @@ enum class MarkKind {
     wrong,      ///< a detection where no marker is, or a pair of two different markers
     paired,     ///< a marker found in both eyes
     unmatched,  ///< a detection without a partner in the other eye
+    bright,     ///< found, and brighter than its ground
+    dark,       ///< found, and darker than its ground: drawn dashed
 };
 
 /// An ellipse to draw, in pixels of the image.
@@ -31,16 +33,20 @@ struct Mark {
     double minorHalfAxis;
     double angle;                        ///< of the major axis to the x axis, degrees
     std::optional<cv::Scalar> colour{};  ///< BGR, in place of that of the kind
+    bool dashed = false;                 ///< whatever the kind
 };
 
 /// What the banner tells of each kind.
 using Legend = std::vector<std::pair<MarkKind, std::size_t>>;
 
-/// How many of the marks are of each of `kinds`.
-Legend countKinds(const std::vector<Mark>& marks, const std::vector<MarkKind>& kinds);
+/// How many of the marks are found, by polarity where that is known.
+Legend foundLegend(const std::vector<Mark>& marks);
 
 /// The mark of a detection. The fast path tells no ellipse: its marks are circles of the same area.
 Mark markOf(const Marker& marker, MarkKind kind);
+
+/// `found`, or what is known better where the path takes both kinds.
+MarkKind foundKind(Polarity polarity);
 
 /// How marks are drawn where the usual way is too small for the picture's purpose.
 struct MarkStyle {

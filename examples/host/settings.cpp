@@ -44,20 +44,20 @@ using C = CicrleConfigs;
 
 // In the order of the record. Reading, checking and the documentation all go through this one table.
 const std::array kFields = {
-    Field{"enableAreaFilter", &C::enableAreaFilter, 0, 0, "fast: apply the area gate (the others always do)"},
-    Field{"minArea", &C::minArea, 0, kLargest, "least contour area, px^2"},
-    Field{"maxArea", &C::maxArea, 0, kLargest, "largest contour area, px^2"},
+    Field{"enableAreaFilter", &C::enableAreaFilter, 0, 0, "fast: apply the area gate (simple and radial always do)"},
+    Field{"minArea", &C::minArea, 0, kLargest, "not edge-based: least contour area, px^2"},
+    Field{"maxArea", &C::maxArea, 0, kLargest, "not edge-based: largest contour area, px^2"},
     Field{"minContourSize", &C::minContourSize, 0, 1e9,
           "simple: least contour length, px; radial: least blob area in the reduced image, px^2"},
-    Field{"enableCircularityFilter", &C::enableCircularityFilter, 0, 0, "apply the circularity gate"},
-    Field{"minCircularity", &C::minCircularity, 0, 10, "least 4 pi area / perimeter^2"},
-    Field{"maxCircularity", &C::maxCircularity, 0, 10, "4 pi area / perimeter^2 stays below this"},
-    Field{"enableConvexityFilter", &C::enableConvexityFilter, 0, 0, "apply the hull gate"},
-    Field{"maxConvexRatio", &C::maxConvexRatio, 0, 10, "largest contour area / hull area"},
-    Field{"minConvexRatio", &C::minConvexRatio, 0, 10, "least contour area / hull area"},
+    Field{"enableCircularityFilter", &C::enableCircularityFilter, 0, 0, "not edge-based: apply the circularity gate"},
+    Field{"minCircularity", &C::minCircularity, 0, 10, "not edge-based: least 4 pi area / perimeter^2"},
+    Field{"maxCircularity", &C::maxCircularity, 0, 10, "not edge-based: 4 pi area / perimeter^2 stays below this"},
+    Field{"enableConvexityFilter", &C::enableConvexityFilter, 0, 0, "not edge-based: apply the hull gate"},
+    Field{"maxConvexRatio", &C::maxConvexRatio, 0, 10, "not edge-based: largest contour area / hull area"},
+    Field{"minConvexRatio", &C::minConvexRatio, 0, 10, "not edge-based: least contour area / hull area"},
     Field{"enableEccentricityFilter", &C::enableEccentricityFilter, 0, 0,
-          "fast: apply the eccentricity gate (the others always do)"},
-    Field{"maxEccentricity", &C::maxEccentricity, 0, 1, "largest sqrt(a^2 - b^2) / a"},
+          "fast: apply the eccentricity gate (simple and radial always do)"},
+    Field{"maxEccentricity", &C::maxEccentricity, 0, 1, "not edge-based: largest sqrt(a^2 - b^2) / a"},
     Field{"maxFitError", &C::maxFitError, 0, kLargest, "simple: largest RMS distance from the ellipse, px"},
     Field{"maxPointError", &C::maxPointError, 0, kLargest,
           "simple: a larger RMS passes if no point is farther away than this, px"},
@@ -65,7 +65,8 @@ const std::array kFields = {
     Field{"cannyLow", &C::cannyLow, 0, kLargestStep, "simple: lower threshold of an edge, grey levels"},
     Field{"cannyHigh", &C::cannyHigh, 0, kLargestStep, "simple: upper threshold of an edge, grey levels"},
     Field{"aperture", &C::aperture, 1, kLargestKernel,
-          "side of the Gaussian kernel, px, odd; radial: also the block of the adaptive threshold"},
+          "side of the Gaussian kernel, px, odd; radial: also the block of the adaptive threshold, edge-based: only "
+          "that"},
     Field{"sigma", &C::sigma, 0, kLargestSigma, "sigma of the Gaussian, px"},
     Field{"scale", &C::scale, 1, kLargestScale, "whole-number reduction of the image before the search"},
     Field{"markerRadii", &C::markerRadii, 0, kLargest, "stereo: nominal radii of the markers"},
@@ -76,7 +77,8 @@ const std::array kFields = {
     Field{"radiusScoreGate", &C::radiusScoreGate, 0, 0, "stereo: gate of the rectified matcher"},
     Field{"looseSizeGate", &C::looseSizeGate, 0, 0, "stereo: gate of the rectified matcher"},
     Field{"plainRowGate", &C::plainRowGate, 0, 0, "stereo: gate of the rectified matcher"},
-    Field{"useComplexExtract", &C::useComplexExtract, 0, 0, "take the edge-based path; false in this program"},
+    Field{"useComplexExtract", &C::useComplexExtract, 0, 0,
+          "true: path complex (edge-based), whatever useRadialContours says"},
     Field{"maxRowDifference", &C::maxRowDifference, 0, kLargest, "stereo: row band, px"},
     Field{"minDepth", &C::minDepth, 0, kLargest, "stereo: nearest depth"},
     Field{"maxDepth", &C::maxDepth, 0, kLargest, "stereo: farthest depth"},
@@ -85,32 +87,40 @@ const std::array kFields = {
     Field{"edgeLengthTolerance", &C::edgeLengthTolerance, 0, kLargest, "stereo: relative tolerance of distances"},
     Field{"edgeAngleTolerance", &C::edgeAngleTolerance, 0, 6.3, "stereo: tolerance of directions, radians"},
     Field{"minRadiusRatio", &C::minRadiusRatio, 0, 1, "stereo: least ratio of the two radii of a pair"},
-    Field{"useRadialContours", &C::useRadialContours, 0, 0, "true: path radial, false: path simple"},
+    Field{"useRadialContours", &C::useRadialContours, 0, 0,
+          "true: path radial, false: path simple; not read where useComplexExtract is true"},
     Field{"thresholdC", &C::thresholdC, -255, 255,
-          "radial: grey levels below the surroundings; -20 asks for pixels 20 brighter"},
+          "radial, edge-based: grey levels below the surroundings; -20 asks for pixels 20 brighter"},
     Field{"refineAtFullSize", &C::refineAtFullSize, 0, 0, "radial: detect each blob again at full size"},
     Field{"minRayRatio", &C::minRayRatio, 0, 1, "radial: least share of rays that bear an edge"},
     Field{"contrast", &C::contrast, 0, 255, "radial: least contrast of a blob to the ring around it, grey levels"},
-    Field{"maxFitResidual", &C::maxFitResidual, 0, kLargest, "radial: largest RMS of the conic over the contour"},
-    Field{"minDiameter", &C::minDiameter, 0, kLargest, "edge-based: least diameter, px"},
-    Field{"maxDiameter", &C::maxDiameter, 0, kLargest, "edge-based: largest diameter, px"},
-    Field{"minAxisRatio", &C::minAxisRatio, 0, 1, "edge-based: least shorter over longer side"},
-    Field{"nmsFactor", &C::nmsFactor, 0, 10, "edge-based: factor of the non-maximum suppression"},
-    Field{"edgePercentile", &C::edgePercentile, 0, 1, "edge-based: percentile of the edge threshold"},
+    Field{"maxFitResidual", &C::maxFitResidual, 0, kLargest,
+          "radial, edge-based: largest RMS of the conic over the contour"},
+    Field{"minDiameter", &C::minDiameter, 0, kLargest,
+          "edge-based: least axis, px, and half of the least root of their product; its whole part bounds blobs of the "
+          "reduced image"},
+    Field{"maxDiameter", &C::maxDiameter, 0, kLargest,
+          "edge-based: largest axis, px; rims may have 2.2 times as many pixels, blobs of the reduced image 4 times"},
+    Field{"minAxisRatio", &C::minAxisRatio, 0, 1, "edge-based: least shorter over longer axis"},
+    Field{"nmsFactor", &C::nmsFactor, 0, 10,
+          "edge-based: above 1 only sharp ridges of the gradient are edges, below 1 broad ones too"},
+    Field{"edgePercentile", &C::edgePercentile, 0, 1,
+          "edge-based: share of a window's pixels with less gradient than an edge"},
 };
 
 /// What the range of one field cannot say.
 struct Rule {
     std::array<const char*, 2> fields;  ///< the second may be null
-    std::array<bool, 3> paths;          ///< where it counts, by `Path`
+    std::array<bool, 4> paths;          ///< where it counts, by `Path`
     bool (*holds)(const CicrleConfigs&);
     const char* wanted;
 };
 
-constexpr std::array<bool, 3> kEverywhere{true, true, true};
-constexpr std::array<bool, 3> kContours{true, true, false};
-constexpr std::array<bool, 3> kOnlySimple{true, false, false};
-constexpr std::array<bool, 3> kOnlyRadial{false, true, false};
+constexpr std::array<bool, 4> kEverywhere{true, true, true, true};
+constexpr std::array<bool, 4> kOnlySimple{true, false, false, false};
+constexpr std::array<bool, 4> kOnlyRadial{false, true, false, false};
+constexpr std::array<bool, 4> kOnlyComplex{false, false, false, true};
+constexpr std::array<bool, 4> kAdaptive{false, true, false, true};  ///< those with an adaptive threshold
 
 constexpr std::array kRules = {
     Rule{{"minArea", "maxArea"}, kEverywhere, [](const C& c) { return c.minArea <= c.maxArea; }, "wanted: min <= max"},
@@ -135,7 +145,10 @@ constexpr std::array kRules = {
          [](const C& c) { return c.minDiameter <= c.maxDiameter; },
          "wanted: min <= max"},
     Rule{{"aperture", nullptr}, kEverywhere, [](const C& c) { return c.aperture % 2 == 1; }, "must be odd"},
-    Rule{{"aperture", nullptr}, kOnlyRadial, [](const C& c) { return c.aperture >= 3; }, "path radial needs 3 or more"},
+    Rule{{"aperture", nullptr},
+         kAdaptive,
+         [](const C& c) { return c.aperture >= 3; },
+         "paths radial and complex need 3 or more"},
     // The derivative kernel reaches three sigma, rounded; below this it has no tap left.
     Rule{{"sigma", nullptr},
          kOnlySimple,
@@ -145,10 +158,25 @@ constexpr std::array kRules = {
          kOnlyRadial,
          [](const C& c) { return c.minRayRatio > 0; },
          "path radial needs more than 0"},
-    Rule{{"useComplexExtract", nullptr},
-         kContours,
-         [](const C& c) { return !c.useComplexExtract; },
-         "this program has no edge-based path"},
+    Rule{{"sigma", nullptr}, kOnlyComplex, [](const C& c) { return c.sigma > 0; }, "path complex needs more than 0"},
+    Rule{{"minDiameter", nullptr},
+         kOnlyComplex,
+         [](const C& c) { return c.minDiameter > 0; },
+         "path complex needs more than 0"},
+    // Nothing would pass at these ends of the ranges.
+    Rule{{"minAxisRatio", nullptr},
+         kOnlyComplex,
+         [](const C& c) { return c.minAxisRatio < 1; },
+         "path complex needs less than 1"},
+    Rule{{"edgePercentile", nullptr},
+         kOnlyComplex,
+         [](const C& c) { return c.edgePercentile < 1; },
+         "path complex needs less than 1"},
+    // At 0 every pixel with a gradient is an edge.
+    Rule{{"nmsFactor", nullptr},
+         kOnlyComplex,
+         [](const C& c) { return c.nmsFactor > 0; },
+         "path complex needs more than 0"},
 };
 
 const char* typeName(const Member& member) {
@@ -198,19 +226,25 @@ class Reader {
     }
 
     Settings finish(std::optional<Path> wanted) {
-        if (!wanted && sound_.contains("useRadialContours"))
-            wanted = configs_.useRadialContours ? Path::radial : Path::simple;
+        if (!wanted && sound_.contains("useRadialContours") && sound_.contains("useComplexExtract")) wanted = ownPath();
         if (wanted) {
             for (const Rule& rule : kRules) checkRule(rule, *wanted);
         }
         if (!problems_.empty()) throw SettingsError(problems_);
         configs_.useRadialContours = *wanted == Path::radial;
+        configs_.useComplexExtract = *wanted == Path::complex;
         return {configs_, *wanted};
     }
 
     void problem(const std::string& text) { problems_.push_back(file_ + ": " + text); }
 
   private:
+    /// The path that the file itself names.
+    Path ownPath() const {
+        if (configs_.useComplexExtract) return Path::complex;
+        return configs_.useRadialContours ? Path::radial : Path::simple;
+    }
+
     std::string valueOf(const char* name) const {
         const auto found = written_.find(name);
         return found == written_.end() ? "" : found->second;
@@ -297,7 +331,7 @@ std::string joinLines(const std::vector<std::string>& lines) {
 }  // namespace
 
 const char* nameOf(Path path) {
-    static constexpr std::array kNames = {"simple", "radial", "fast"};
+    static constexpr std::array kNames = {"simple", "radial", "fast", "complex"};
     return kNames[static_cast<std::size_t>(path)];
 }
 

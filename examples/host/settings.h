@@ -15,9 +15,10 @@ namespace kestrune::host {
 
 /// The ways from an image to markers that this program offers.
 enum class Path {
-    simple,  ///< sub-pixel contours
-    radial,  ///< radial contours
-    fast,    ///< fixed threshold
+    simple,   ///< sub-pixel contours
+    radial,   ///< radial contours
+    fast,     ///< fixed threshold
+    complex,  ///< edge-based: markers brighter and darker than their ground at once
 };
 
 const char* nameOf(Path path);
@@ -35,8 +36,8 @@ class SettingsError : public std::runtime_error {
 
 /// Reads and checks a settings file.
 ///
-/// @param path  the way to take; without one, `useRadialContours` of the file decides. The result's `useRadialContours`
-///              agrees with its path.
+/// @param path  the way to take; without one, `useComplexExtract` and then `useRadialContours` of the file decide. Both
+///              agree with the path in the result.
 /// @throws InputError     for a file that cannot be read or is no YAML.
 /// @throws SettingsError  naming every missing, repeated, unknown, wrongly typed and out-of-range field with its value.
 Settings loadSettings(const std::string& file, std::optional<Path> path);

@@ -132,11 +132,10 @@ std::size_t workerCount(int jobs) {
 int runStereo(const StereoOptions& options) {
     const std::vector<ExposureNames> names = nameExposures(options);
     const Run run(options);
-    const bool radial = run.settings.path == Path::radial;
     StereoOutput output({options.csv, options.ply, options.json},
                         {options.calibration, options.settings, nameOf(run.settings.path),
                          run.settings.configs.outputRectified ? "rectified left" : "left camera"},
-                        radial);
+                        matchesConics(run.settings.path));
 
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());
     std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));

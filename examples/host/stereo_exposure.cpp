@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "inputs.h"
+#include "markers.h"
 
 namespace kestrune::host {
 namespace {
@@ -50,7 +51,7 @@ std::string explain(const Rects& left, const Rects& right) {
 Settings stereoSettings(Settings settings, const std::string& file) {
     CicrleConfigs& configs = settings.configs;
     if (settings.path == Path::fast)
-        throw InputError(file, "path fast finds no contours: stereo takes simple or radial");
+        throw InputError(file, "path fast finds no contours: stereo takes simple, radial or complex");
     if (settings.path == Path::simple && configs.scale != 1) {
         throw InputError(
             file,
@@ -74,6 +75,10 @@ std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& 
     return images;
 }
 
+bool matchesConics(Path path) {
+    return path == Path::radial || path == Path::complex;
+}
+
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                              const Settings& settings) {
     StereoResult result;
@@ -81,18 +86,28 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
     const std::vector<Pair> pairs = getStereoMarker3dPoints(images[0], images[1], extractor, points,
                                                             result.unmatched[0], result.unmatched[1], settings.configs);
     if (pairs.empty()) result.failure = explain(result.unmatched[0], result.unmatched[1]);
-    const bool conic = settings.path == Path::radial;
+    const bool conic = matchesConics(settings.path);
     const cv::Matx33d turn = normalRotation(extractor, settings.configs);
+    Calibration lenses;
+    if (deliversUndistorted(settings)) {
+        lenses = {Camera{extractor.leftIntrinsic, extractor.leftDistortion},
+                  Camera{extractor.rightIntrinsic, extractor.rightDistortion}};
+    }
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         const auto& [left, right] = pairs[k];
         StereoMarker marker{{pixelOf(left), pixelOf(right)},
                             {takeRim(left, result.unmatched[0]), takeRim(right, result.unmatched[1])},
+                            {},
                             {points[k].x, points[k].y, points[k].z},
                             {kUnknown, kUnknown, kUnknown},
                             kUnknown};
         if (conic) {
             marker.normal = turn * cv::Vec3d(left.normal.data());
             marker.radius = left.markerRadius;
+        }
+        if (settings.path == Path::complex) {
+            for (std::size_t eye = 0; eye < 2; ++eye)
+                marker.polarity[eye] = polarityOf(images[eye], marker.rim[eye], lenses[eye]);
         }
         result.markers.push_back(marker);
     }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "polarity.h"
 #include "settings.h"
 
 namespace kestrune::host {
@@ -18,12 +19,13 @@ namespace kestrune::host {
 /// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
 struct StereoMarker {
     /// Undistorted px of each eye (rectified px with `cornersRectified`): the image of the disc's centre on path
-    /// radial, the centre of the rim's image on path simple.
+    /// radial and complex, the centre of the rim's image on path simple.
     std::array<cv::Point2d, 2> pixel;
     std::array<cv::RotatedRect, 2> rim;  ///< the ellipses in the same pixels
+    std::array<Polarity, 2> polarity{};  ///< path complex only
     cv::Vec3d point;
-    cv::Vec3d normal;  ///< unit, towards the cameras; path radial only
-    double radius;     ///< path radial only
+    cv::Vec3d normal;  ///< unit, towards the cameras; not on path simple
+    double radius;     ///< not on path simple
 };
 
 struct StereoResult {
@@ -43,6 +45,9 @@ Settings stereoSettings(Settings settings, const std::string& file);
 ///
 /// @throws InputError
 std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size);
+
+/// True where the markers are matched by their conics, which tells normals and radii.
+bool matchesConics(Path path);
 
 /// @param extractor  calibrated; its scratch storage is used.
 /// @throws cv::Exception, std::runtime_error  from the library.

@@ -89,6 +89,7 @@ void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& res
                 marker["normal"] = listOf(m.normal);
                 marker["radius"] = m.radius;
             }
+            if (m.polarity[0] != Polarity::unknown) marker["polarity"] = nameOf(m.polarity[0]);
             markers.push_back(std::move(marker));
         }
         record["markers"] = std::move(markers);

@@ -67,6 +67,7 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
             Mark mark = rimMark(isWrong ? MarkKind::wrong : MarkKind::paired,
                                 labels.empty() ? fmt::format("{}", k) : labels[k], marker.rim[eye]);
             if (!isWrong) mark.colour = pairColour(k);
+            mark.dashed = marker.polarity[eye] == Polarity::dark;
             add(std::move(mark), eye, marker.rim[eye].center);
         }
         if (isWrong) cv::line(both, marker.pixel[0], marker.pixel[1] + shift, cv::Scalar(60, 60, 255), 2, cv::LINE_AA);
@@ -77,6 +78,9 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
         for (const Mark& mark : missed[eye]) add(mark, eye, mark.centre);
     }
     Legend legend = {{MarkKind::paired, result.markers.size() - wrong.size()}};
+    const auto dark =
+        std::ranges::count_if(result.markers, [](const auto& m) { return m.polarity[0] == Polarity::dark; });
+    if (dark > 0) legend.emplace_back(MarkKind::dark, static_cast<std::size_t>(dark));
     if (againstTruth) {
         legend.emplace_back(MarkKind::missed, missed[0].size());
         legend.emplace_back(MarkKind::wrong, wrong.size());

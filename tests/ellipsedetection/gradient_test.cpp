@@ -6,6 +6,7 @@
 #include <cstring>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/ximgproc.hpp>
 
 #include "canny/fast_gaussian.h"
 #include "ellipsedetection/gradient_plain.h"
@@ -214,6 +215,37 @@ TEST(Gradient, WrongTypesRaiseTheAssertionOfTheRoutine) {
     }
 }
 
+TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
+    cv::RNG rng(6);
+    for (int round = 0; round < 60; ++round) {
+        cv::Mat image(11 + 5 * round % 60, 9 + 7 * round % 80, CV_8UC1, cv::Scalar(70));
+        for (int k = 0; k < 4; ++k) {
+            const cv::Point at(rng.uniform(0, image.cols), rng.uniform(0, image.rows));
+            cv::circle(image, at, rng.uniform(2, 25), rng.uniform(0, 256), rng.uniform(-1, 5));
+        }
+        Edges e(image.size(), true);
+        EdgeWindow window = {place(image.size(), CV_16UC1, true), e.grad, e.dx, e.dy, place(image.size(), CV_8UC1, true, 127)};
+        WindowScratch scratch;
+        const float percentile = rng.uniform(0.5f, 1.0f);
+        const cv::Rect box = thinEdges(image, window, 1, percentile, 0.95f, scratch);
+        // The same by labels: strong and weak pixels in one component with a strong one, thinned as a whole.
+        cv::Mat blur, marks = cv::Mat::zeros(image.size(), CV_8UC1), labels, expected;
+        Edges w(image.size(), false);
+        std::vector<int> strong, weak;
+        fastGaussianApprox(image, blur, 1);
+        calc_gradient(blur, w.grad, w.dx, w.dy, w.min, w.max);
+        const float t = calc_stable_edge_threshold(w.grad, w.min, w.max, percentile);
+        find_edge_mask_nms(w.grad, w.dx, w.dy, marks, strong, weak, 0.5f * t, t, 0.95f);
+        std::vector<uchar> linked(static_cast<std::size_t>(cv::connectedComponents(marks, labels, 8)), 0);
+        for (const int i : strong) linked[static_cast<std::size_t>(labels.at<int>(i / image.cols, i % image.cols))] = 255;
+        marks.forEach<uchar>([&](uchar& m, const int* at) { m = linked[static_cast<std::size_t>(labels.at<int>(at[0], at[1]))]; });
+        cv::ximgproc::thinning(marks, expected, cv::ximgproc::THINNING_ZHANGSUEN);
+        ASSERT_TRUE(sameBits(window.mask, expected)) << round;
+        const int inside = box.empty() ? 0 : cv::countNonZero(expected(box));
+        ASSERT_EQ(inside, cv::countNonZero(expected)) << round;
+    }
+}
+
 TEST(Gradient, WeakEdgesStayWhereTheyHangTogetherWithAStrongOne) {
     // A vertical step whose height falls from top to bottom, and a low one apart from it.
     cv::Mat image(60, 80, CV_8UC1, cv::Scalar(60));
@@ -222,11 +254,11 @@ TEST(Gradient, WeakEdgesStayWhereTheyHangTogetherWithAStrongOne) {
     Edges e(image.size(), true);
     EdgeWindow window = {place(image.size(), CV_16UC1, true), e.grad, e.dx, e.dy, place(image.size(), CV_8UC1, true, 127)};
     WindowScratch scratch;
-    ASSERT_TRUE(thinEdges(image, window, 1, 0.96f, 1, scratch));
+    ASSERT_FALSE(thinEdges(image, window, 1, 0.96f, 1, scratch).empty());
     for (int y = 4; y < 56; ++y) EXPECT_GE(cv::countNonZero(window.mask(cv::Rect(38, y, 4, 1))), 1) << y;
     EXPECT_EQ(cv::countNonZero(window.mask(cv::Rect(0, 0, 36, 60))), 0) << "nothing strong near it";
     EXPECT_EQ(cv::countNonZero((window.mask != 0) & (window.mask != 255)), 0);
-    EXPECT_FALSE(thinEdges(cv::Mat(60, 80, CV_8UC1, cv::Scalar(9)), window, 1, 0.9f, 1, scratch));
+    EXPECT_TRUE(thinEdges(cv::Mat(60, 80, CV_8UC1, cv::Scalar(9)), window, 1, 0.9f, 1, scratch).empty());
     EXPECT_EQ(cv::countNonZero(window.mask), 0);
 }
 

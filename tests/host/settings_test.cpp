@@ -38,11 +38,14 @@ TEST(HostSettings, ReadyFilesLoadForThePathOfTheirName) {
     int files = 0;
     for (const auto& entry : fs::directory_iterator(kReady)) {
         const std::string name = entry.path().stem();
-        EXPECT_EQ(loadSettings(entry.path(), {}).path, name.ends_with("radial") ? Path::radial : Path::simple) << name;
+        const Path expected = name.ends_with("complex") ? Path::complex : name.ends_with("radial") ? Path::radial : Path::simple;
+        EXPECT_EQ(loadSettings(entry.path(), {}).path, expected) << name;
         ++files;
     }
-    EXPECT_GE(files, 7);
+    EXPECT_GE(files, 12);
     EXPECT_FALSE(loadSettings(kReady + "bright-radial.yaml", Path::simple).configs.useRadialContours);
+    const CicrleConfigs told = loadSettings(kReady + "bright-complex.yaml", Path::radial).configs;
+    EXPECT_TRUE(told.useRadialContours && !told.useComplexExtract);
 }
 
 TEST(HostSettings, BrokenFilesNameFieldAndValue) {
@@ -66,14 +69,23 @@ TEST(HostSettings, BrokenFilesNameFieldAndValue) {
         {"scale", "scale: 2.0  # twice", "field 'scale': '2.0' is not a whole number"},
         {"scale", "scale: 4294967297", "field 'scale': 4294967297 is outside"},
         {"aperture", "aperture: 4", "field 'aperture' 4: must be odd"},
-        {"aperture", "aperture: 1", "field 'aperture' 1: path radial needs 3"},
+        {"aperture", "aperture: 1", "field 'aperture' 1: paths radial and complex need 3"},
         {"aperture", "aperture: 1", "", Path::simple},
         {"minRayRatio", "minRayRatio: 0", "field 'minRayRatio' 0: path radial"},
         {"minRayRatio", "minRayRatio: 0", "", Path::fast},
         {"minArea", "minArea: 1e9", "field 'minArea' 1e9 and 'maxArea' 7000.: wanted: min <= max"},
         {"useThreads", "useThreads: yes", "field 'useThreads': 'yes' is not true or false"},
         {"useThreads", "useThreads: 1", ""},
-        {"useComplexExtract", "useComplexExtract: true", "field 'useComplexExtract' true: this program"},
+        {"useComplexExtract", "useComplexExtract: true", ""},
+        {"aperture", "aperture: 1", "field 'aperture' 1: paths", Path::complex},
+        {"sigma", "sigma: 0", "field 'sigma' 0: path complex", Path::complex},
+        {"minDiameter", "minDiameter: 0", "field 'minDiameter' 0: path complex", Path::complex},
+        {"minDiameter", "minDiameter: 0", "", Path::radial},
+        {"maxDiameter", "maxDiameter: 9.5", "field 'minDiameter' 10. and 'maxDiameter' 9.5: wanted: min <= max"},
+        {"minAxisRatio", "minAxisRatio: 1", "field 'minAxisRatio' 1: path complex", Path::complex},
+        {"nmsFactor", "nmsFactor: 0", "field 'nmsFactor' 0: path complex", Path::complex},
+        {"edgePercentile", "edgePercentile: 1", "field 'edgePercentile' 1: path complex", Path::complex},
+        {"edgePercentile", "edgePercentile: 1.5", "field 'edgePercentile': 1.5 is outside 0 to 1"},
         {"markerName", "markerName: 7", "field 'markerName': '7' is not a text"},
         {"markerRadii", "markerRadii: [1.5, -2]", "field 'markerRadii': -2 is outside"},
         {"markerRadii", "markerRadii: 2", "field 'markerRadii': '2' is not a list"},

@@ -16,6 +16,7 @@ struct Front {
     const char* settings;
     host::Path path;
     double worstRms;  ///< px, over all markers of one radius
+    bool mixed;       ///< every other marker is darker than its ground
 };
 
 CircleMarkerExtractor calibrated(const scene::Rig& rig) {
@@ -37,14 +38,15 @@ TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
     CircleMarkerExtractor extractor = calibrated(rig);
     std::size_t truth = 0, found = 0;
     std::printf("%-24s radius  contrast  markers  found  false  centre RMS px  max px\n", front.settings);
-    for (const double contrast : {60.0, 140.0}) {
+    for (const double contrast : {60.0, front.mixed ? 100.0 : 140.0}) {
         for (const double radius : {6.0, 8.0, 12.0, 20.0, 30.0, 40.0}) {
-            const auto discs = scene::makeScatteredDiscs(rig, 120, radius, radius, 35, 50 + contrast, 17);
             scene::RenderOptions options;
-            options.background = 50;
+            options.background = front.mixed ? 110 : 50;
+            auto discs = scene::makeScatteredDiscs(rig, 120, radius, radius, 35, options.background + contrast, 17);
+            for (std::size_t k = 1; front.mixed && k < discs.size(); k += 2) discs[k].grey = options.background - contrast;
             const scene::Exposure exposure = scene::render(rig, discs, {}, options);
             std::vector<Corner> corners;
-            extractor.CircleExtractSimple(exposure.image[0], corners, 0, configs);
+            ExtractCircleMarker(exposure.image[0], extractor, corners, 0, configs);
             std::vector<cv::Point2d> centres;
             for (const Corner& corner : corners) centres.emplace_back(corner.x, corner.y);
             const auto score = scene::scoreDetections(exposure.markers, 0, centres, true, 0.5 * radius);
@@ -61,28 +63,30 @@ TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fronts, RenderedMarkers,
-                         testing::Values(Front{"bright-subpixel.yaml", host::Path::simple, 0.1},
-                                         Front{"bright-radial.yaml", host::Path::radial, 0.1}),
+                         testing::Values(Front{"bright-subpixel.yaml", host::Path::simple, 0.1, false},
+                                         Front{"bright-radial.yaml", host::Path::radial, 0.1, false},
+                                         Front{"mixed-complex.yaml", host::Path::complex, 0.05, true}),
                          [](const auto& front) { return std::string(host::nameOf(front.param.path)); });
 
 TEST(RenderedMarkers, GiveTheSameBitsOnEveryRunAndOnACopy) {
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
     const auto discs = scene::makeScatteredDiscs(rig, 60, 8, 24, 35, 180, 3);
     const scene::Exposure exposure = scene::render(rig, discs, scene::makeClutter(rig, discs, 60, 4), {});
-    for (const host::Path path : {host::Path::simple, host::Path::radial}) {
-        const char* const file = path == host::Path::radial ? "/bright-radial.yaml" : "/bright-subpixel.yaml";
+    for (const auto& [file, path] : {std::pair("/bright-subpixel.yaml", host::Path::simple),
+                                     {"/bright-radial.yaml", host::Path::radial},
+                                     {"/mixed-complex.yaml", host::Path::complex}}) {
         CicrleConfigs configs = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + file, path).configs;
         configs.skipUndistort = false;
         for (const bool threads : {false, true}) {
             configs.useThreads = threads;
             CircleMarkerExtractor first = calibrated(rig);
             std::vector<Corner> expected;
-            ASSERT_TRUE(first.CircleExtractSimple(exposure.image[1], expected, 1, configs));
+            ASSERT_TRUE(ExtractCircleMarker(exposure.image[1], first, expected, 1, configs));
             for (int run = 0; run < 4; ++run) {
                 CircleMarkerExtractor copy = first;
                 std::vector<Corner> corners;
                 cv::setNumThreads(run % 2 == 0 ? 1 : 4);
-                copy.CircleExtractSimple(exposure.image[1], corners, 1, configs);
+                ExtractCircleMarker(exposure.image[1], copy, corners, 1, configs);
                 cv::setNumThreads(-1);
                 ASSERT_EQ(corners.size(), expected.size());
                 for (std::size_t k = 0; k < corners.size(); ++k) {

@@ -45,7 +45,8 @@ std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& conto
                                 const std::vector<cv::Vec4i>& hierarchy) {
     std::vector<double> areas(contours.size(), 0.0);
     for (std::size_t k = 0; k < contours.size(); ++k) {
-        if (contours[k].size() < 3) continue;
+        const bool isAlone = hierarchy[k][kChild] < 0 && hierarchy[k][kParent] < 0;
+        if (isAlone || contours[k].size() < 3) continue;
         areas[k] = hierarchy[k][kChild] < 0 ? hullArea(contours[k]) : cv::contourArea(contours[k], true);
     }
     return areas;

@@ -7,7 +7,7 @@
 namespace kestrune {
 
 /// Signed area of each contour: of itself if it has holes, of its convex hull if not, since the inner side of a rim may
-/// be jagged; 0 for fewer than three points.
+/// be jagged; 0 for fewer than three points, and for one that is alone, of which nobody asks.
 ///
 /// @param hierarchy  next, previous, first child and parent of each, as `cv::findContours` gives them.
 std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,

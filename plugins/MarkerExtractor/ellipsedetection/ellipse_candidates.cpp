@@ -102,10 +102,11 @@ void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv:
         if (!gate.passes(width, height, area) || !fillsItsBox(width, height, area)) continue;
         const cv::Rect rect = windowOf(blob, scale, margin, fullImage.size());
         EdgeWindow window = {blur16U(rect), img_grad(rect), img_dx(rect), img_dy(rect), edge_mask(rect)};
-        if (!thinEdges(fullImage(rect), window, sigma, edgePercentile, nmsFactor, scratch)) continue;
-        cv::findContours(window.mask, scratch.contours, scratch.hierarchy, cv::RETR_TREE, cv::CHAIN_APPROX_NONE,
+        const cv::Rect box = thinEdges(fullImage(rect), window, sigma, edgePercentile, nmsFactor, scratch);
+        if (box.empty()) continue;
+        cv::findContours(window.mask(box), scratch.contours, scratch.hierarchy, cv::RETR_TREE, cv::CHAIN_APPROX_NONE,
                          cv::Point(0, 0));
-        appendSurvivors(scratch.contours, scratch.hierarchy, gate, rect.tl(), candidates);
+        appendSurvivors(scratch.contours, scratch.hierarchy, gate, rect.tl() + box.tl(), candidates);
     }
 }
 

@@ -94,10 +94,7 @@ struct EdgeRow {
 
     bool hasDirection(int x) const { return std::abs(dx[x]) > kLeastComponent || std::abs(dy[x]) > kLeastComponent; }
 
-    /// Marks a pixel that has the strength and a direction.
-    void markIfMaximum(int x) const {
-        if (!isMaximum(x)) return;
-        const bool isStrong = grad[x] > high;
+    void mark(int x, bool isStrong) const {
         mask[x] = isStrong ? kStrongEdge : kWeakEdge;
         (isStrong ? strong : weak).push_back(start + x);
     }
@@ -105,7 +102,7 @@ struct EdgeRow {
     void judgeColumns(int from, int to, int grouped) const {
         for (int x = from; x < to; ++x) {
             if (x < grouped ? !(grad[x] > low) : low > grad[x]) continue;
-            if (hasDirection(x)) markIfMaximum(x);
+            if (hasDirection(x) && isMaximum(x)) mark(x, grad[x] > high);
         }
     }
 };

@@ -2,6 +2,7 @@
 #include "ellipsedetection/window_edges.h"
 
 #include <array>
+#include <opencv2/imgproc.hpp>
 #include <opencv2/ximgproc.hpp>
 
 #include "canny/fast_gaussian.h"
@@ -12,48 +13,54 @@ namespace kestrune {
 
 namespace {
 
-const std::array<cv::Point, 8> kNeighbours = {cv::Point(-1, -1), {0, -1}, {1, -1}, {-1, 0}, {1, 0},
-                                              {-1, 1},           {0, 1},  {1, 1}};
-
-/// Weak pixels that hang together with a strong one become strong; the others are no edge. No pixel of the outer two
-/// rows and columns is marked, so that no neighbour lies at a negative place.
+/// Weak pixels that hang together with a strong one become strong; the others are no edge.
+///
+/// @param mask  without gaps between the rows, so that an index is a place. No pixel of its outer two rows and columns
+/// is
+///              marked, so that no neighbour is beyond an end.
 void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& weak) {
+    const int cols = mask.cols;
+    const std::array<int, 8> neighbours = {-cols - 1, -cols, -cols + 1, -1, 1, cols - 1, cols, cols + 1};
+    uchar* const states = mask.data;
     while (!strong.empty()) {
         const int index = strong.back();
         strong.pop_back();
-        const cv::Point at(index % mask.cols, index / mask.cols);
-        for (const cv::Point& step : kNeighbours) {
-            const cv::Point next = at + step;
-            if (next.x >= mask.cols || next.y >= mask.rows) continue;
-            uchar& state = mask.at<uchar>(next);
+        for (const int step : neighbours) {
+            uchar& state = states[index + step];
             if (state != plain::kWeakEdge) continue;
             state = plain::kStrongEdge;
-            strong.push_back(next.y * mask.cols + next.x);
+            strong.push_back(index + step);
         }
     }
     for (const int index : weak) {
-        uchar& state = mask.at<uchar>(index / mask.cols, index % mask.cols);
-        if (state == plain::kWeakEdge) state = 0;
+        if (states[index] == plain::kWeakEdge) states[index] = 0;
     }
 }
 
 }  // namespace
 
-bool thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
-               WindowScratch& scratch) {
+cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
+                   WindowScratch& scratch) {
     window.mask.setTo(0);
+    scratch.marks.assign(source.total(), 0);
+    cv::Mat marks(source.size(), CV_8UC1, scratch.marks.data());
     fastGaussianApprox(source, window.blur16U, sigma);
     float min = 0, max = 0;
     calc_gradient(window.blur16U, window.grad, window.dx, window.dy, min, max);
     const float threshold = calc_stable_edge_threshold(window.grad, min, max, percentile);
-    find_edge_mask_nms(window.grad, window.dx, window.dy, window.mask, scratch.strong, scratch.weak, threshold * 0.5f,
+    find_edge_mask_nms(window.grad, window.dx, window.dy, marks, scratch.strong, scratch.weak, threshold * 0.5f,
                        threshold, nmsFactor);
-    const bool hasEdges = !scratch.strong.empty();
-    linkEdges(window.mask, scratch.strong, scratch.weak);
-    if (!hasEdges) return false;  // the mask is empty, and stays so by thinning
-    cv::ximgproc::thinning(window.mask, scratch.thin, cv::ximgproc::THINNING_ZHANGSUEN);
-    scratch.thin.copyTo(window.mask);
-    return true;
+    if (scratch.strong.empty()) return {};  // nothing for the weak ones to hang together with
+    linkEdges(marks, scratch.strong, scratch.weak);
+
+    // Thinning takes its time by the pixel, and nothing comes of pixels without an edge: the edges' box is thinned,
+    // with the empty frame around it that makes its border like any other place.
+    const cv::Rect edges = cv::boundingRect(marks);
+    const cv::Rect box(edges.x - 1, edges.y - 1, edges.width + 2, edges.height + 2);
+    cv::Mat thin;
+    cv::ximgproc::thinning(marks(box), thin, cv::ximgproc::THINNING_ZHANGSUEN);
+    thin.copyTo(window.mask(box));
+    return box;
 }
 
 }  // namespace kestrune

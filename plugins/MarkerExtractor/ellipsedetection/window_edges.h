@@ -14,7 +14,7 @@ struct EdgeWindow {
 /// Lists and images whose storage goes from window to window.
 struct WindowScratch {
     std::vector<int> strong, weak;
-    cv::Mat thin;
+    std::vector<uchar> marks;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Vec4i> hierarchy;
 };
@@ -24,8 +24,8 @@ struct WindowScratch {
 ///
 /// @param source  `CV_8UC1`: the window of the image.
 /// @param window  results; `mask` is 255 on edges and 0 elsewhere.
-/// @return        whether there is any edge.
-bool thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
-               WindowScratch& scratch);
+/// @return        box of the window outside of which there is no edge, one pixel wider than need be; empty for none.
+cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
+                   WindowScratch& scratch);
 
 }  // namespace kestrune

@@ -101,12 +101,21 @@ bool showsContrast(const Brightness& mean, bool brightInside) {
                         : !(mean.inside > kLargestDarkShare * mean.edge);
 }
 
-/// Distinct pixels, by rows and then by columns.
-std::vector<cv::Point> distinctPixels(std::vector<cv::Point> points) {
-    std::sort(points.begin(), points.end(),
-              [](const cv::Point& a, const cv::Point& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
-    points.erase(std::unique(points.begin(), points.end()), points.end());
-    return points;
+/// Distinct pixels, by rows and then by columns: sorted as whole numbers with the row in the upper half.
+std::vector<cv::Point> distinctPixels(const std::vector<cv::Point>& points, std::vector<std::uint64_t>& keys) {
+    keys.clear();
+    for (const cv::Point& point : points) {
+        keys.push_back(static_cast<std::uint64_t>(static_cast<std::uint32_t>(point.y)) << 32 |
+                       static_cast<std::uint32_t>(point.x));
+    }
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    std::vector<cv::Point> pixels;
+    pixels.reserve(keys.size());
+    for (const std::uint64_t key : keys) {
+        pixels.emplace_back(static_cast<int>(key & 0xffffffffU), static_cast<int>(key >> 32));
+    }
+    return pixels;
 }
 
 double hullOverEllipse(const std::vector<cv::Point>& points, const cv::Size2f& axes, std::vector<cv::Point>& hull) {
@@ -173,7 +182,7 @@ RimGate firstStage(const std::vector<cv::Point>& contour, const RimImages& image
         return refuse(verdict, RimGate::kContrast, mean.inside / mean.edge);
     }
 
-    std::vector<cv::Point> pixels = distinctPixels(contour);
+    std::vector<cv::Point> pixels = distinctPixels(contour, scratch.keys);
     if (!length.passes(pixels.size(), 1.0f)) {
         return refuse(verdict, RimGate::kLength, static_cast<double>(pixels.size()));
     }
@@ -216,6 +225,7 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
 RimScratch::RimScratch() {
     points.reserve(kUsualLength);
     hull.reserve(kUsualLength);
+    keys.reserve(kUsualLength);
 }
 
 RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& images, const CicrleConfigs& configs,

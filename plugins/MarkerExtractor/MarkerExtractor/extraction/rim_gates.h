@@ -55,6 +55,7 @@ struct RimScratch {
     RimScratch();
     std::vector<cv::Point2f> points;
     std::vector<cv::Point> hull;
+    std::vector<std::uint64_t> keys;
 };
 
 /// First stage: number of pixels, ellipse, residual, sign and strength of the step across the rim, and hull.
