@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <opencv2/calib3d.hpp>
+#include <set>
 
+#include "MarkerExtractor/extraction/explain.h"
 #include "MarkerExtractor/extraction/rim_gates.h"
 #include "support/configs.h"
 
@@ -275,6 +277,38 @@ TEST(ComplexPath, SettingsAtTheEndsOfTheirRangesFindNothingOrEverythingButDoNoHa
                 Found(noise(cv::Rect({}, size)), configs);
         }
     }
+}
+
+TEST(ExplainedPaths, TellOfEveryCandidateAndEndWithTheMarkersOfThePath) {
+    cv::Mat image = test::discImage({260, 160}, {60.3, 50.7}, 14, 200, 110);
+    test::addDisc(image, {150.6, 60.2}, 18, 20, 110);
+    test::addDisc(image, {60.4, 115.2}, 22, 200, 110);
+    test::addDisc(image, {60.4, 115.2}, 8, 110, 200);
+    test::addDisc(image, {150, 120}, 5, 200, 110);
+    cv::ellipse(image, {215, 80}, {30, 9}, 20, 0, 360, 200, -1, cv::LINE_AA);
+    std::set<std::string> gates;
+    for (CicrleConfigs configs : {test::rimConfigs(), test::discConfigs(true), test::discConfigs(false)}) {
+        configs.minArea = 150;
+        configs.minDiameter = 6;
+        CircleMarkerExtractor extractor;
+        std::vector<Corner> corners;
+        ASSERT_TRUE(ExtractCircleMarker(image, extractor, corners, 0, configs));
+        const auto candidates = explainExtraction(image, extractor, 0, configs);
+        EXPECT_GT(candidates.size(), corners.size());
+        std::vector<int> times(corners.size(), 0);
+        for (const ExplainedCandidate& candidate : candidates) {
+            EXPECT_FALSE(candidate.contour.empty());
+            gates.insert(candidate.gate);
+            EXPECT_EQ(candidate.gate.empty(), candidate.wanted.empty()) << candidate.gate;
+            if (!candidate.gate.empty()) continue;
+            const auto id = static_cast<std::size_t>(candidate.marker);
+            ASSERT_LT(id, corners.size());
+            ++times[id];
+            EXPECT_TRUE(same(candidate.ellipse, extractor.markerRects[id]));
+        }
+        EXPECT_EQ(std::count(times.begin(), times.end(), 1), static_cast<std::ptrdiff_t>(corners.size())) << "one candidate is a marker";
+    }
+    for (const char* gate : {"", "area", "eccentricity", "axis ratio", "merged"}) EXPECT_EQ(gates.count(gate), 1u) << gate;
 }
 
 TEST(ComplexPath, TheSameImageGivesTheSameBitsWhateverCameBefore) {

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "MarkerExtractor/extraction/front_ends.h"
 #include "MarkerExtractor/extraction/rim_gates.h"
 #include "MarkerExtractor/extraction/working_images.h"
 #include "checks/settings_check.h"
@@ -11,9 +12,6 @@
 namespace kestrune {
 
 namespace {
-
-// Two ellipses of one edge: their centres nearer than this share of the axes, their axes alike to this share.
-constexpr double kMergeTolerance = 0.3;
 
 /// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
 void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CicrleConfigs& configs) {
@@ -32,8 +30,33 @@ int wholePixels(float diameter) {
     return static_cast<int>(std::clamp(diameter, -kLargest, kLargest));
 }
 
-RimImages findCandidates(const cv::Mat& grey, CircleMarkerExtractor& extractor, const CicrleConfigs& configs,
-                         std::vector<std::vector<cv::Point>>& candidates) {
+RimMarkers measureRims(const std::vector<std::vector<cv::Point>>& candidates, const RimImages& images,
+                       const CicrleConfigs& configs, const LensModel& lens) {
+    std::vector<PolarEllipse> ellipses, merged;
+    std::vector<std::vector<cv::Point>> rims, mergedRims;
+    RimScratch scratch;
+    for (const std::vector<cv::Point>& candidate : candidates) {
+        RimVerdict verdict = judgeRim(candidate, images, configs, scratch);
+        if (!verdict.accepted()) continue;
+        ellipses.push_back(std::move(verdict.ellipse));
+        rims.push_back(std::move(verdict.points));
+    }
+    mergeSimilarEllipses(ellipses, rims, merged, mergedRims, kRimMergeTolerance, kRimMergeTolerance);
+
+    RimMarkers markers;
+    for (std::size_t k = 0; k < merged.size(); ++k) {
+        MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lens);
+        if (verdict.accepted()) admitRim(std::move(verdict.marker), merged[k].brightInside, markers);
+    }
+    return markers;
+}
+
+}  // namespace
+
+RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners, CircleMarkerExtractor& extractor,
+                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates) {
+    checkCall(image, corners, configs);
+    const cv::Mat grey = greyOf(image, extractor);
     const cv::Size size = grey.size();
     const cv::Mat reduced = reducedImage(grey, configs.scale, extractor);
     // A pixel outside of all windows may be read where an ellipse leaves its window; it must not be a remainder of an
@@ -53,39 +76,14 @@ RimImages findCandidates(const cv::Mat& grey, CircleMarkerExtractor& extractor, 
     return images;
 }
 
-RimMarkers measureRims(const std::vector<std::vector<cv::Point>>& candidates, const RimImages& images,
-                       const CicrleConfigs& configs, const LensModel& lens) {
-    std::vector<PolarEllipse> ellipses, merged;
-    std::vector<std::vector<cv::Point>> rims, mergedRims;
-    RimScratch scratch;
-    for (const std::vector<cv::Point>& candidate : candidates) {
-        RimVerdict verdict = judgeRim(candidate, images, configs, scratch);
-        if (!verdict.accepted()) continue;
-        ellipses.push_back(std::move(verdict.ellipse));
-        rims.push_back(std::move(verdict.points));
-    }
-    mergeSimilarEllipses(ellipses, rims, merged, mergedRims, kMergeTolerance, kMergeTolerance);
-
-    RimMarkers markers;
-    for (std::size_t k = 0; k < merged.size(); ++k) {
-        MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lens);
-        if (verdict.accepted()) admitRim(std::move(verdict.marker), merged[k].brightInside, markers);
-    }
-    return markers;
-}
-
-}  // namespace
-
 bool CircleMarkerExtractor::CircleExtractComplex(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
                                                  const CicrleConfigs& configs) {
     if (image.empty()) {
         markerRects.clear();
         return false;
     }
-    checkCall(image, corners, configs);
-    const cv::Mat grey = greyOf(image, *this);
     std::vector<std::vector<cv::Point>> candidates;
-    const RimImages images = findCandidates(grey, *this, configs, candidates);
+    const RimImages images = rimCandidates(image, corners, *this, configs, candidates);
     RimMarkers markers = measureRims(candidates, images, configs, lensOf(*this, cameraIndex));
 
     // Nothing of the result is written before all of it is there.

@@ -203,7 +203,7 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
     return verdict;
 }
 
-void admitMarker(GateVerdict& verdict, MarkerList& markers) {
+Admission admitMarker(GateVerdict& verdict, MarkerList& markers) {
     Corner& candidate = verdict.candidate;
     for (std::size_t k = 0; k < markers.corners.size(); ++k) {
         Corner& known = markers.corners[k];
@@ -211,16 +211,18 @@ void admitMarker(GateVerdict& verdict, MarkerList& markers) {
         const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
         const float reach = std::max({verdict.halfAxis, 0.5f * size.width, 0.5f * size.height});
         if (!(distance > 0 && distance < static_cast<double>(reach))) continue;
-        if (candidate.circularity > known.circularity && known.fitError > candidate.fitError) {
-            candidate.id = known.id;
-            known = candidate;
-            markers.rects[k] = verdict.rect;
+        if (!(candidate.circularity > known.circularity && known.fitError > candidate.fitError)) {
+            return {Admission::kDropped, known.id};
         }
-        return;
+        candidate.id = known.id;
+        known = candidate;
+        markers.rects[k] = verdict.rect;
+        return {Admission::kReplaced, candidate.id};
     }
     candidate.id = markers.nextId++;
     markers.corners.push_back(candidate);
     markers.rects.push_back(verdict.rect);
+    return {Admission::kAdded, candidate.id};
 }
 
 }  // namespace kestrune

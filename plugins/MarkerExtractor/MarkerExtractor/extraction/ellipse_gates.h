@@ -48,10 +48,16 @@ struct MarkerList {
     std::int32_t nextId = 0;
 };
 
+/// What became of a candidate, and the id of the marker that it is or repeats.
+struct Admission {
+    enum Outcome { kAdded, kReplaced, kDropped } outcome;
+    std::int32_t id;
+};
+
 /// Adds an accepted candidate, unless it repeats a marker of the list: one whose centre is nearer than the larger half
 /// axis of either ellipse. A repetition takes the marker's place (and its id) only if it is both rounder and fits
 /// better. Exactly equal centres count as two markers.
-void admitMarker(GateVerdict& verdict, MarkerList& markers);
+Admission admitMarker(GateVerdict& verdict, MarkerList& markers);
 
 /// Root mean square distance of points from an ellipse, along the ray from its centre.
 ///

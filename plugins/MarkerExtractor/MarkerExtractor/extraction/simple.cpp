@@ -3,6 +3,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "MarkerExtractor/extraction/front_ends.h"
 #include "MarkerExtractor/extraction/radial_contours.h"
 #include "MarkerExtractor/extraction/working_images.h"
 #include "canny/subpixel_contours.h"
@@ -59,32 +60,33 @@ void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarke
 
 }  // namespace
 
+std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
+                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    checkCall(image, corners, configs);
+    const cv::Mat gray = greyOf(image, extractor);
+    const cv::Mat working = reducedImage(gray, configs.scale, extractor);
+    std::vector<SubpixelContour> contours;
+    if (configs.useRadialContours) {
+        findRadialContours(gray, working, extractor, configs, contours);
+    } else {
+        detectSubpixelContours(working, configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow,
+                               configs.cannyHigh, contours, configs.minContourSize / configs.scale, cv::RETR_TREE,
+                               configs.useThreads);
+    }
+    return contours;
+}
+
 bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
                                                 const CicrleConfigs& configs) {
     if (image.empty()) {
         markerRects.clear();
         return false;
     }
-    checkCall(image, corners, configs);
-    const cv::Mat gray = greyOf(image, *this);
-    const cv::Mat working = reducedImage(gray, configs.scale, *this);
-
-    std::vector<SubpixelContour> contours;
-    if (configs.useRadialContours) {
-        findRadialContours(gray, working, *this, configs, contours);
-    } else {
-        detectSubpixelContours(working, configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow,
-                               configs.cannyHigh, contours, configs.minContourSize / configs.scale, cv::RETR_TREE,
-                               configs.useThreads);
-    }
-
-    // Both front ends' contours are judged as they stand: radial ones are in full-size pixels already, and sub-pixel
-    // ones of a reduced image are reported in the pixels of that image.
-    constexpr bool kIsFullSize = true;
+    const std::vector<SubpixelContour> contours = simpleContours(image, corners, *this, configs);
     const LensModel lens = lensOf(*this, cameraIndex);
     MarkerList markers{corners, {}, 0};
     for (const SubpixelContour& contour : contours) {
-        GateVerdict verdict = judgeContour(contour.points, configs, lens, kIsFullSize);
+        GateVerdict verdict = judgeContour(contour.points, configs, lens, kContoursAreFullSize);
         if (verdict.accepted()) admitMarker(verdict, markers);
     }
     markerRects = std::move(markers.rects);

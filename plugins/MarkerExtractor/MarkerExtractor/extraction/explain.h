@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Why was this contour not a marker? The paths' own gates answer, candidate by candidate. Not part of the library's
+// interface: the example host shows it.
+#pragma once
+
+#include <cstdint>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+/// A candidate that a front end delivered, and what became of it.
+struct ExplainedCandidate {
+    std::vector<cv::Point2f> contour;  ///< px, as the front end gave it
+    cv::RotatedRect ellipse;           ///< last fit; all zero for one that was refused before
+    std::string gate;                  ///< what refused it; empty for a marker
+    double measured = 0;               ///< value of that gate; NaN where it has none
+    std::string wanted;                ///< what the gate asks for, with the settings' names
+    std::int32_t marker = -1;          ///< `Corner::id` of the marker that it is, or that stands for it; -1: none
+};
+
+/// Takes the path of `ExtractCircleMarker` and tells about every candidate, in the order of the front end. The markers
+/// among them are those that the path finds. What the radial front end drops for want of a rim, and the edge-based one
+/// for being no closed line, was no candidate.
+///
+/// @param extractor  for its calibration and scratch storage.
+/// @throws cv::Exception as the path does.
+std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMarkerExtractor& extractor,
+                                                  int cameraIndex, const CicrleConfigs& configs);
+
+}  // namespace kestrune
