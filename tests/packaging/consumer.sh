@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Installs the build into an empty prefix, moves the prefix, and builds and runs a host against it outside of the tree:
-# once through the CMake package, once through pkg-config. Both must find the one disc, to the tenth of a pixel.
+# Installs the build into an empty prefix, moves the prefix to a place with a space in its name, and builds and runs a host
+# against it outside of the tree: through the CMake package, and through pkg-config with the flags for shared and for
+# static linking. All must find the one disc, to the tenth of a pixel, and the program its ready settings.
 # usage: consumer.sh CMAKE COMPILER PKG_CONFIG VERSION SOURCE_TREE BUILD_TREE WORK_FOLDER
 set -euxo pipefail
 cmake=$1 compiler=$2 pkg_config=$3 version=$4 source=$5 build=$6 work=$7
@@ -11,9 +12,9 @@ expected='marker 0 at 150.3 99.7'
 
 rm -rf "$work"
 "$cmake" --install "$build" --prefix "$work/staging"
-mv "$work/staging" "$work/prefix"
-prefix=$work/prefix
-if grep --recursive --fixed-strings --binary-files=without-match -e "$source" -e "$build" -e "$work" "$prefix"; then
+prefix="$work/the prefix"
+mv "$work/staging" "$prefix"
+if grep --recursive --fixed-strings --files-with-matches -e "$source" -e "$build" -e "$work" "$prefix"; then
     exit 1  # a path of this machine
 fi
 
@@ -29,6 +30,13 @@ fi
 libdir=$(dirname "$(find "$prefix" -name 'libkestrune_MarkerExtractor.so')")
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [[ $("$pkg_config" --modversion kestrune_MarkerExtractor) == "$version" ]]
-read -ra flags < <("$pkg_config" --cflags --libs kestrune_MarkerExtractor)
-"$compiler" -std=c++17 -Wall -Wextra -Werror "$host/main.cpp" "${flags[@]}" -o "$work/host"
-[[ $(LD_LIBRARY_PATH=$libdir "$work/host") == "$expected" ]]
+if [[ -x $prefix/bin/kestrune-measure ]]; then
+    "$prefix/bin/kestrune-measure" demo --size 640x480 --markers 6 --out "$work/demo" || (( $? == 1 ))  # 1: missed one
+fi
+
+for linking in --shared --static; do
+    flags=()
+    eval "flags=($("$pkg_config" "$linking" --cflags --libs kestrune_MarkerExtractor))"  # they quote spaces for a shell
+    "$compiler" -std=c++17 -Wall -Wextra -Werror "$host/main.cpp" "${flags[@]}" -o "$work/host"
+    [[ $(LD_LIBRARY_PATH=$libdir "$work/host") == "$expected" ]]
+done

@@ -1,0 +1,60 @@
+# Debian packages by `cpack`: the library, what another project needs to build with it, and the program.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PACKAGE_NAME kestrune-markerextractor)
+set(CPACK_PACKAGE_VENDOR "kestrune")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
+set(CPACK_PACKAGE_CONTACT "kestrune developers <maintainers@example.invalid>")
+
+set(CPACK_COMPONENTS_ALL runtime development)
+if(KESTRUNE_BUILD_EXAMPLES)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)  # on the very version, as the three come from one build
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(text "The library finds small flat circular markers in the images of a calibrated camera pair,
+to a few hundredths of a pixel, and measures them without any code on the marker.")
+
+# The number in the name is that of the soname: a later one with other symbols can stand beside it.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkestrune-markerextractor${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/triggers)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "finds circular markers in camera images - shared library\n${text}")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkestrune-markerextractor-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+math(EXPR next "${OpenCV_VERSION_MINOR} + 1")
+string(JOIN ", " CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "libopencv-dev (>= ${OpenCV_VERSION_MAJOR}.${OpenCV_VERSION_MINOR})"
+    "libopencv-dev (<< ${OpenCV_VERSION_MAJOR}.${next}~)" "libeigen3-dev (>= 3.3)")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "finds circular markers in camera images - development files\n${text}
+
+This package has the headers, the CMake package and the pkg-config file.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kestrune-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/plugins/MarkerExtractor)
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "finds circular markers in camera images - program\n${text}
+
+This package has the program kestrune-measure and settings to start from.")
+
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} name)
+    install(FILES ${PROJECT_SOURCE_DIR}/LICENSE RENAME copyright COMPONENT ${component}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME})
+endforeach()
+include(CPack)
