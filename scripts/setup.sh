@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Installs the Debian 12 packages that are missing. Without arguments: what the library, the example host, the tests and
-# the benchmarks need. `tsan` adds the compiler of the tsan preset, `lint` what scripts/lint.sh needs.
+# Installs the packages of Debian 12 or 13 that are missing. Without arguments: what the library, the example host, the
+# tests, the benchmarks, the packages and the reference need. `tsan` adds the compiler of the tsan preset, `lint` what
+# scripts/lint.sh needs.
 # Works as root, or through sudo; does nothing where everything is there.
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
-          nlohmann-json3-dev libgtest-dev libbenchmark-dev dpkg-dev file)
+          nlohmann-json3-dev libgtest-dev libbenchmark-dev dpkg-dev file doxygen)
 clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresses in the sanitizer's reports
 
 for extra in "$@"; do

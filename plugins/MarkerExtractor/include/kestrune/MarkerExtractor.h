@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The one header that a host includes: finds small flat circular markers in the images of a calibrated camera pair.
-//
-// Failures. There are no error codes: an extraction returns false when it found nothing. `cv::Exception` and
-// `std::bad_alloc` pass through every call. Settings that a path cannot work with raise `cv::Exception` with code
-// `cv::Error::StsBadArg` and a text that names the setting and its value, before anything is written.
-//
-// Threads. One extractor serves one thread at a time, because the paths share its scratch storage; a copy shares the
-// calibration's pixels, owns its scratch storage, and is the way to a second thread. The same input gives the same
-// output, bit for bit, on every run and for any number of OpenMP threads.
+/// @namespace kestrune
+/// Finds small flat circular markers in the images of a calibrated camera pair. A host includes this one header,
+/// `kestrune/MarkerExtractor.h`.
+///
+/// @par Failures
+/// There are no error codes: an extraction returns false when it found nothing. `cv::Exception` and
+/// `std::bad_alloc` pass through every call. Settings that a path cannot work with raise `cv::Exception` with code
+/// `cv::Error::StsBadArg` and a text that names the setting and its value, before anything is written.
+///
+/// @par Threads
+/// One extractor serves one thread at a time, because the paths share its scratch storage; a copy shares the
+/// calibration's pixels, owns its scratch storage, and is the way to a second thread. The same input gives the same
+/// output, bit for bit, on every run and for any number of OpenMP threads.
 #pragma once
 
 #include <Eigen/Core>
@@ -33,8 +37,10 @@ class CircleMarkerExtractor {
   public:
     /// An object without calibration. `imageWidth` and `imageHeight` hold no value until the calibration intake ran.
     KESTRUNE_API CircleMarkerExtractor();
+    /// A copy, as above: the way to a second thread.
     KESTRUNE_API CircleMarkerExtractor(const CircleMarkerExtractor& other);
     KESTRUNE_API ~CircleMarkerExtractor();
+    /// Makes this a copy of `other`.
     KESTRUNE_API CircleMarkerExtractor& operator=(const CircleMarkerExtractor& other);
 
     /// The default path: bright round markers, one `Corner` each, in the order of first acceptance.
@@ -93,6 +99,7 @@ class CircleMarkerExtractor {
     /// Removes the lens distortion from `x`, `y` and `contour` of each record, in place; the result is in pixels of the
     /// same camera. Touches no member. Nothing marks a record as corrected: a second call corrects a second time.
     ///
+    /// @param corners       changed in place.
     /// @param cameraMatrix  3 by 3, as `cv::undistortPoints` takes it.
     /// @param distCoeffs    as `cv::undistortPoints` takes it; may be empty.
     /// @throws cv::Exception  from `cv::undistortPoints`; records before the offender stay corrected.
@@ -141,9 +148,10 @@ class CircleMarkerExtractor {
     /// @throws cv::Exception for a matrix of wrong size or type (`CV_64F` is needed).
     KESTRUNE_API void CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K1, cv::Mat& K2, cv::Mat& F);
 
-    /// Replaces the rectified matrices: left and right projection (3 by 4, whose first three columns become
-    /// `leftIntrinsic` and `rightIntrinsic`), left and right rectification (3 by 3). Nothing else is recomputed.
+    /// Replaces the rectified matrices. Nothing else is recomputed.
     ///
+    /// @param matrices  left and right projection (3 by 4, whose first three columns become `leftIntrinsic` and
+    ///          `rightIntrinsic`), left and right rectification (3 by 3).
     /// @return  false, with one warning on standard output, for fewer than four matrices or one of the first three of
     ///          wrong size; members before the offender keep their new values.
     KESTRUNE_API bool SetStereorectifyParam(std::vector<cv::Mat> matrices);
@@ -160,34 +168,51 @@ class CircleMarkerExtractor {
     std::string spareName;   ///< carried, not used
 
     // Calibration. `CV_64F`, except for the maps. A point X in left camera coordinates is R X + T in right ones.
-    cv::Mat rotation;                                  ///< R
-    cv::Mat translation;                               ///< T
-    cv::Mat fundamental;                               ///< fundamental matrix
-    cv::Mat leftIntrinsic, rightIntrinsic;             ///< 3 by 3 camera matrices
-    cv::Mat leftDistortion, rightDistortion;           ///< distortion coefficients in OpenCV's order
-    cv::Mat leftProjection, rightProjection;           ///< P1, P2 of `cv::stereoRectify`
-    cv::Mat leftRectification, rightRectification;     ///< R1, R2 of `cv::stereoRectify`
-    cv::Mat disparityToDepth;                          ///< Q of `cv::stereoRectify`
-    cv::Mat leftTriangulation, rightTriangulation;     ///< 3 by 4
-    cv::Mat leftMapX, leftMapY, rightMapX, rightMapY;  ///< rectifying maps, `CV_32FC1`
-    cv::Mat leftHomography, rightHomography;           ///< rectifying homographies
-    Eigen::MatrixXd triangulationA, triangulationB, triangulationC, triangulationD;
+    cv::Mat rotation;            ///< R
+    cv::Mat translation;         ///< T
+    cv::Mat fundamental;         ///< fundamental matrix
+    cv::Mat leftIntrinsic;       ///< 3 by 3 camera matrix
+    cv::Mat rightIntrinsic;      ///< 3 by 3 camera matrix
+    cv::Mat leftDistortion;      ///< distortion coefficients in OpenCV's order
+    cv::Mat rightDistortion;     ///< distortion coefficients in OpenCV's order
+    cv::Mat leftProjection;      ///< P1 of `cv::stereoRectify`
+    cv::Mat rightProjection;     ///< P2 of `cv::stereoRectify`
+    cv::Mat leftRectification;   ///< R1 of `cv::stereoRectify`
+    cv::Mat rightRectification;  ///< R2 of `cv::stereoRectify`
+    cv::Mat disparityToDepth;    ///< Q of `cv::stereoRectify`
+    cv::Mat leftTriangulation;   ///< 3 by 4
+    cv::Mat rightTriangulation;  ///< 3 by 4
+    cv::Mat leftMapX;            ///< rectifying map, `CV_32FC1`
+    cv::Mat leftMapY;            ///< rectifying map, `CV_32FC1`
+    cv::Mat rightMapX;           ///< rectifying map, `CV_32FC1`
+    cv::Mat rightMapY;           ///< rectifying map, `CV_32FC1`
+    cv::Mat leftHomography;      ///< rectifying homography
+    cv::Mat rightHomography;     ///< rectifying homography
+
+    Eigen::MatrixXd triangulationA;  ///< left camera matrix, by `SetTriangulationIntrinsicMatrix`
+    Eigen::MatrixXd triangulationB;  ///< right camera matrix
+    Eigen::MatrixXd triangulationC;  ///< map of a conic's coefficients from the normalised plane to left pixels
+    Eigen::MatrixXd triangulationD;  ///< the same to right pixels
 
     std::vector<cv::RotatedRect> markerRects;  ///< ellipses of the last extraction, in the order of its result
-    std::int32_t imageWidth, imageHeight;      ///< px; not set before the calibration intake
+    std::int32_t imageWidth;                   ///< px; not set before the calibration intake
+    std::int32_t imageHeight;                  ///< px; not set before the calibration intake
 
     // Scratch storage: sized on entry of each call, its contents mean nothing between calls.
-    std::vector<uchar> scratchBlurFull;
-    std::vector<uchar> scratchEdgeMask;
-    std::vector<uchar> scratchBinary;
-    std::vector<std::int32_t> scratchLabels;
-    std::vector<float> scratchFloatA, scratchFloatB;  ///< carried, not used
-    std::vector<cv::Point2f> rayDirections;           ///< 72 unit vectors (cos, sin), built by the first radial call
-    std::vector<cv::Point2f> probeDirections;         ///< 24 unit vectors, built by the first radial call
-    std::vector<std::uint16_t> scratchBlur16;
-    std::vector<float> scratchGrad, scratchDx, scratchDy;
-    std::vector<uchar> scratchGray;     ///< grey image of a colour input
-    std::vector<uchar> scratchWorking;  ///< reduced image
+    std::vector<uchar> scratchBlurFull;        ///< radial: full image, smoothed
+    std::vector<uchar> scratchEdgeMask;        ///< radial: threshold of the reduced image; edges: their mask
+    std::vector<uchar> scratchBinary;          ///< radial: threshold of the full image; edges: of the reduced one
+    std::vector<std::int32_t> scratchLabels;   ///< connected components of the reduced image
+    std::vector<float> scratchFloatA;          ///< carried, not used
+    std::vector<float> scratchFloatB;          ///< carried, not used
+    std::vector<cv::Point2f> rayDirections;    ///< 72 unit vectors (cos, sin), built by the first radial call
+    std::vector<cv::Point2f> probeDirections;  ///< 24 unit vectors, built by the first radial call
+    std::vector<std::uint16_t> scratchBlur16;  ///< edges: smoothed image
+    std::vector<float> scratchGrad;            ///< edges: length of the gradient
+    std::vector<float> scratchDx;              ///< edges: the gradient's column part
+    std::vector<float> scratchDy;              ///< edges: the gradient's row part
+    std::vector<uchar> scratchGray;            ///< grey image of a colour input
+    std::vector<uchar> scratchWorking;         ///< reduced image
 };
 
 /// The front door: extracts the markers of one eye and writes one warning line on standard output if there are none.
@@ -197,6 +222,7 @@ class CircleMarkerExtractor {
 /// @param extractor    its `markerRects` and `markerName` change.
 /// @param corners      result, must be empty.
 /// @param cameraIndex  0 is the left eye, any other value the right one.
+/// @param configs      settings of the path that is taken.
 /// @return             whether a marker was found.
 KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor,
                                       std::vector<Corner>& corners, int cameraIndex, const CicrleConfigs& configs);
@@ -208,11 +234,13 @@ KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtracto
 /// space that these imply; otherwise by rows, size and the shape of the whole constellation
 /// (`getStereoRectifiedMarker3dPoints`).
 ///
+/// @param leftImage, rightImage  the exposure, as `ExtractCircleMarker` takes them.
 /// @param extractor   with the calibration intake done. Its scratch storage, `markerRects` and `markerName` change.
 /// @param points      result: one point for each pair, in the unit of the poses, in the left camera frame, or with
 ///                    `configs.outputRectified` in the rectified left frame. Untouched where an eye shows no marker.
 /// @param leftRects   result: ellipses of all markers of the left image, matched or not.
 /// @param rightRects  result: the same of the right image.
+/// @param configs     settings of the extraction and of the match.
 /// @return            the pairs, left first, in ascending order of the left marker: copies of the extracted corners
 ///                    with `id` (the pair's number), `matched` and `position` set; on the conic branch also `normal`,
 ///                    `markerRadius`, and `x`, `y` moved to the projected centre of the disc. `position` is in the left

@@ -22,7 +22,7 @@ namespace kestrune {
 
 /// Element of the auxiliary lists of a `Corner`. The library carries the lists in copies and gives them no meaning.
 struct AuxRecord {
-    std::int32_t values[3];
+    std::int32_t values[3];  ///< the host's
 };
 
 /// One marker: a candidate while it is judged, a result afterwards.
@@ -87,7 +87,9 @@ struct Corner {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
+    /// Copies every field.
     Corner(const Corner&) = default;
+    /// Copies every field.
     Corner& operator=(const Corner&) = default;
 
     /// Takes `scatter` and the lists over and leaves those of `other` empty; copies the rest.
