@@ -30,15 +30,15 @@ std::string withValue(const T& value, const std::string& complaint) {
     return text.str();
 }
 
-void requirePlane(const cv::Mat& image) {
-    if (image.dims > 2) refuseSetting("image", withValue(image.dims, "dimensions; two are needed"));
-}
-
 }  // namespace
 
 void refuseSetting(const std::string& setting, const std::string& complaint) {
     cv::error(cv::Exception(cv::Error::StsBadArg, setting + ": " + complaint, "kestrune::refuseSetting",
                             "settings_check.cpp", __LINE__));
+}
+
+void requirePlane(const cv::Mat& image) {
+    if (image.dims > 2) refuseSetting("image", withValue(image.dims, "dimensions; two are needed"));
 }
 
 void requireGreyImage(const cv::Mat& image) {
@@ -58,6 +58,13 @@ void requireGreyOrColourImage(const cv::Mat& image) {
 void requireEmptyList(const std::vector<Corner>& corners) {
     if (corners.empty()) return;
     refuseSetting("corners", "holds " + std::to_string(corners.size()) + " records; it must be empty on entry");
+}
+
+void requireByteImage(const cv::Mat& image) {
+    requirePlane(image);
+    if (image.type() != CV_8UC1 && image.type() != CV_8UC3 && image.type() != CV_8UC4) {
+        refuseSetting("image", "type " + cv::typeToString(image.type()) + "; CV_8UC1, CV_8UC3 or CV_8UC4 is needed");
+    }
 }
 
 void requireScale(int scale, const cv::Size& imageSize) {

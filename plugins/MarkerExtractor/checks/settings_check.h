@@ -17,6 +17,9 @@ constexpr int kLeastThresholdBlock = 3;  ///< the adaptive threshold has no bloc
 /// Raises the exception: "<setting>: <what is wrong>".
 [[noreturn]] void refuseSetting(const std::string& setting, const std::string& complaint);
 
+/// The image must be two-dimensional.
+void requirePlane(const cv::Mat& image);
+
 /// The image must be two-dimensional and `CV_8UC1`.
 void requireGreyImage(const cv::Mat& image);
 
@@ -25,6 +28,9 @@ void requireGreyOrColourImage(const cv::Mat& image);
 
 /// The result list of a path must be empty on entry.
 void requireEmptyList(const std::vector<Corner>& corners);
+
+/// The image must be two-dimensional and `CV_8UC1`, `CV_8UC3` or `CV_8UC4`.
+void requireByteImage(const cv::Mat& image);
 
 /// `scale` must be 1 or more and leave at least one pixel in each direction.
 void requireScale(int scale, const cv::Size& imageSize);

@@ -14,6 +14,11 @@ const char* const kCannySource = "plugins/MarkerExtractor/canny.cpp";
 const char* const kEllipseDetectionSource = "plugins/MarkerExtractor/ellipsedetection.cpp";
 const char* const kExtractorHeader = "plugins/MarkerExtractor/include/kestrune/MarkerExtractor.h";
 
+/// Two of the stereo entries say the same, each from its own place.
+const char* const kNoStereoMarkers =
+    "StereoCircleMarkerExtractor: Please check the left eye camera or right eye camera, failed to extract Marker "
+    "Points.";
+
 }  // namespace
 
 namespace report_sites {
@@ -24,9 +29,8 @@ const ReportSite kLeftEyeFailed = {
 const ReportSite kRightEyeFailed = {
     kExtractorSource, 2418,
     "CircleMarkerExtractor: Please check the right eye camera, failed to extract Marker Points."};
-const ReportSite kRectifiedListEmpty = {kExtractorSource, 3168,
-                                        "StereoCircleMarkerExtractor: Please check the left eye camera or right eye "
-                                        "camera, failed to extract Marker Points."};
+const ReportSite kCornerListEmpty = {kExtractorSource, 2813, kNoStereoMarkers};
+const ReportSite kRectifiedListEmpty = {kExtractorSource, 3168, kNoStereoMarkers};
 const ReportSite kNoPositiveRadius = {kExtractorSource, 3184,
                                       "Wrong Parameter: Please check the radius of circular marker."};
 const ReportSite kNoStereoMatch = {

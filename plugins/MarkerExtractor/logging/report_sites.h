@@ -21,6 +21,7 @@ extern const ReportSite kTooFewMatrices;
 extern const ReportSite kFirstMatrixSize;
 extern const ReportSite kSecondMatrixSize;
 extern const ReportSite kThirdMatrixSize;
+extern const ReportSite kCornerListEmpty;
 extern const ReportSite kRectifiedListEmpty;
 extern const ReportSite kNoPositiveRadius;
 

@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
+#include "MarkerExtractor/extraction/gate_parts.h"
 
 namespace kestrune {
 
@@ -20,24 +20,6 @@ constexpr double kFourPi = 12.566370614359172;
 // whose ends were cut off, is longer or shorter than the ellipse fitted to it.
 constexpr float kLeastPerimeterRatio = 0.8f;
 constexpr float kLargestPerimeterRatio = 1.25f;
-
-/// Half axes a >= b, formed in single precision like the ellipse and then widened.
-struct HalfAxes {
-    explicit HalfAxes(const cv::RotatedRect& rect)
-        : a(0.5f * std::max(rect.size.width, rect.size.height)),
-          b(0.5f * std::min(rect.size.width, rect.size.height)) {}
-    double a, b;
-};
-
-template <std::size_t N>
-void writeReason(char (&text)[N], const char* format, double value) {
-    std::snprintf(text, N, format, value);
-}
-
-void refuse(GateVerdict& verdict, Gate gate, double measured) {
-    verdict.refusedBy = gate;
-    verdict.measured = measured;
-}
 
 /// OpenCV has no perimeter and no area of an empty contour; such a contour still has to meet the area gate.
 double perimeterOf(const std::vector<cv::Point2f>& contour) {
@@ -178,7 +160,7 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
     candidate.y = verdict.rect.center.y;
     candidate.area = area;
 
-    candidate.eccentricity = std::sqrt(axes.a * axes.a - axes.b * axes.b) / axes.a;
+    candidate.eccentricity = axes.eccentricity();
     if (candidate.eccentricity > configs.maxEccentricity) {
         writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
         refuse(verdict, Gate::kEccentricity, candidate.eccentricity);

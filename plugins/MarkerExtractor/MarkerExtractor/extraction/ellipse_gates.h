@@ -15,7 +15,18 @@
 namespace kestrune {
 
 /// What a contour was refused for.
-enum class Gate { kNone, kArea, kFit, kEccentricity, kCircularity, kConvexity, kFitError, kFitResidual, kPerimeter };
+enum class Gate {
+    kNone,
+    kArea,
+    kCompactness,
+    kFit,
+    kEccentricity,
+    kCircularity,
+    kConvexity,
+    kFitError,
+    kFitResidual,
+    kPerimeter
+};
 
 struct GateVerdict {
     Gate refusedBy = Gate::kNone;

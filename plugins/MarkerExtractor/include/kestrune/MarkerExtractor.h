@@ -96,6 +96,45 @@ class CircleMarkerExtractor {
     KESTRUNE_API bool extractMarkPointsFast(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
                                             const CicrleConfigs& configs);
 
+    /// Markers from a plain edge map with fixed settings: Canny at 200 and 500, outer contours in whole pixels, gates
+    /// of area, compactness, eccentricity and fit error. For images with strong edges: a marker must stand out by 120
+    /// grey levels where its rim is sharp, by 170 with a point spread of 0.8 px and by 220 with one of 1.2 px; with 2
+    /// px none is found. No reduction, undistortion or conic.
+    ///
+    /// @param image        `CV_8UC3` (BGR) or `CV_8UC4`, not changed. An empty one gives false, and so does a `CV_8UC1`
+    ///                     one without markers.
+    /// @param corners      results are appended, in px of `image`; what is there takes part in the test for repetitions
+    ///                     and counts for the result. Filled are `x`, `y`, `contour`, `area`, `compactness`,
+    ///                     `eccentricity` and `fitError`; `id` stays 0. A marker of the list is overwritten by one with
+    ///                     smaller axes whose own smaller half axis reaches its centre, if the two centres differ; one
+    ///                     with larger axes is dropped then.
+    /// @param cameraIndex  not used.
+    /// @param configs      read are `minArea`, `maxArea`, `maxEccentricity`, `maxFitError`, `maxPointError` and
+    ///                     `markerName`.
+    /// @return             whether `corners` holds anything at the end. `markerName` is overwritten if so.
+    /// @throws cv::Exception  `cv::Error::StsBadArg` for any other type of image, before anything is written; from
+    ///                     `cv::cvtColor` for a `CV_8UC1` image with markers, and from `cv::fitEllipse` on a contour of
+    ///                     fewer than five points that came past area and compactness: `corners` keeps what was
+    ///                     accepted before.
+    KESTRUNE_API bool CircleExtractSimpleForHand(cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
+                                                 const CicrleConfigs& configs);
+
+    /// Places markers in space by a depth image: depth is interpolated between the four pixels about each centre, and
+    /// the centre, as it stands, goes back through the pinhole. Touches no member.
+    ///
+    /// @param corners       replaced by the markers with a depth, in the same order: `position` set (camera frame, z
+    ///                      away from the camera, unit of `depth`, single precision), `matched` true, `id` their
+    ///                      number. Dropped are markers with a pixel of depth 0 or no pixel among their four, such as
+    ///                      those at column or row 0 or with a centre that is not finite.
+    /// @param depth         `CV_32FC1`, z of each pixel, 0 where there is none; not changed. Any other value, finite or
+    ///                      not, counts as a depth.
+    /// @param cameraMatrix  3 by 3, `CV_64FC1`, of which fx, fy, cx and cy are read, in pixels of `depth`. The centres
+    ///                      should be in the same pixels, free of distortion.
+    /// @throws cv::Exception `cv::Error::StsBadArg`, naming the argument, for a `depth` or `cameraMatrix` of another
+    ///                      type or size, with nothing written. Without corners nothing is looked at.
+    KESTRUNE_API void DetectFeaturePointsAndInterpolate_binocular(std::vector<Corner>& corners, cv::Mat& depth,
+                                                                  const cv::Mat& cameraMatrix);
+
     /// Removes the lens distortion from `x`, `y` and `contour` of each record, in place; the result is in pixels of the
     /// same camera. Touches no member. Nothing marks a record as corrected: a second call corrects a second time.
     ///
@@ -123,6 +162,42 @@ class CircleMarkerExtractor {
                                            const cv::Mat& cameraMatrix, const cv::Mat& distCoeffs,
                                            const cv::Mat& rectification, const cv::Mat& projection,
                                            const cv::Mat& homography);
+
+    /// How far the image of a circle's centre lies from the centre of the circle's image, after Ahn, for one fitted
+    /// ellipse and one known position; for the host alone, no other operation calls it or applies it. Touches no
+    /// member.
+    ///
+    /// Read docs/eccentricity.md first: the cone is that of the ellipse moved to the principal point, its mixed
+    /// coefficient is not halved, and the eigenvectors are laid out by rows, all three kept on purpose. The result is
+    /// not the true displacement, and where the ellipse is turned, rounding decides between two values.
+    ///
+    /// Formula: S. J. Ahn, H.-J. Warnecke, R. Kotowski, "Systematic geometric image measurement errors of circular
+    /// object targets: mathematical formulation and correction", Photogrammetric Record 16 (93), 1999.
+    ///
+    /// @param image      receives the normal of the circle's plane as red text "x,y,z" with six decimals, 150 px left
+    ///                   of the ellipse's centre and 20 px below it, clipped to the image. An empty one, or a centre
+    ///                   that is not finite, receives nothing.
+    /// @param position   centre of the circle: row or column of three `CV_64FC1`, in a camera frame that looks along
+    ///                   -z, with x right and y down as in the image: (X, Y, -Z) for what is the point (X, Y, Z) to
+    ///                   every other operation.
+    /// @param ellipse    full axes and angle in degrees, undistorted px; `center` only places the text.
+    /// @param eccentricityX, eccentricityY  components, unit of `principalDistance`: across and in the plane that holds
+    ///                   the normal and the optical axis, not along the image's columns and rows.
+    /// @param eccentricityNorm  length of the two. All three are NaN, and so is the text, for numbers that are not
+    ///                   finite, an ellipse without width or height, or `principalDistance` 0; all three are NaN for a
+    ///                   normal along the optical axis, as any circular `ellipse` gives it.
+    /// @param principalDistance  px.
+    /// @param circleRadius       unit of `position`.
+    /// @throws cv::Exception for a `position` of wrong shape or type or an `image` of more than two dimensions, with
+    ///                   nothing written, and from `cv::putText`, with the three results written.
+    KESTRUNE_API void correctedEccentricityAhn(cv::Mat& image, cv::Mat& position, cv::RotatedRect& ellipse,
+                                               double& eccentricityX, double& eccentricityY, double& eccentricityNorm,
+                                               double principalDistance, double circleRadius);
+
+    /// The same with a principal distance of 1 and a radius of 1: for an ellipse in units of the principal distance, a
+    /// `position` in units of the circle's radius, and results in units of the principal distance.
+    KESTRUNE_API void correctedEccentricityAhn(cv::Mat& image, cv::Mat& position, cv::RotatedRect& ellipse,
+                                               double& eccentricityX, double& eccentricityY, double& eccentricityNorm);
 
     /// The calibration intake: fills every calibration member from the host's poses and cameras. Call it once, before
     /// any extraction with undistortion and any stereo operation, and not while one runs. A later call replaces it all,

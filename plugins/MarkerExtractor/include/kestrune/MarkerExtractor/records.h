@@ -31,7 +31,7 @@ struct AuxRecord {
 /// and areas are in pixels and square pixels, angles of `cv::RotatedRect` in degrees. Fields that say "not set" hold no
 /// value until the operation named has run; default construction does not allocate.
 struct Corner {
-    std::int32_t id = 0;      ///< running number in its list; always 0 from the fast path
+    std::int32_t id = 0;      ///< running number in its list; always 0 from the hand and fast paths
     double x;                 ///< centre, column, px; not set by construction
     double y;                 ///< centre, row, px; not set by construction
     cv::RotatedRect ellipse;  ///< fitted ellipse with full axes; only where `conicValid`
@@ -61,10 +61,11 @@ struct Corner {
     double auxMetricA = 0;            ///< carried, not used
     double auxMetricB = 0;            ///< carried, not used
 
-    /// While the gates run: the contour's area. In a result of `CircleExtractSimple`: the product of the two full axes
-    /// (4 a b, not pi a b). In a result of `extractMarkPointsFast`: the contour's zero-order moment.
+    /// While the gates run: the contour's area. In a result of `CircleExtractSimple` or `CircleExtractSimpleForHand`:
+    /// the product of the two full axes (4 a b, not pi a b). In a result of `extractMarkPointsFast`: the contour's
+    /// zero-order moment.
     double area = 0;
-    double compactness = 0;   ///< perimeter^2 / area
+    double compactness = 0;   ///< perimeter^2 / area; hand path only
     double fitError = 0;      ///< root mean square distance of the contour from the ellipse, px
     double eccentricity = 0;  ///< sqrt(a^2 - b^2) / a of the half axes a >= b
     double convexRatio = 0;   ///< contour area over area of its convex hull
@@ -143,16 +144,16 @@ inline Corner& Corner::operator=(Corner&& other) noexcept {
 }
 
 /// Settings of one call. The host fills every field that the chosen path reads: there are no defaults, and the library
-/// only reads. The bounds of the simple and the fast path are compared as IEEE numbers, so one that is not a number
-/// never refuses anything; on the edge-based path it refuses everything, or the call if it is a diameter. For the
-/// stereo fields that is told where they are used.
+/// only reads. The bounds of the simple, the hand and the fast path are compared as IEEE numbers, so one that is not a
+/// number never refuses anything; on the edge-based path it refuses everything, or the call if it is a diameter. For
+/// the stereo fields that is told where they are used.
 ///
-/// "simple" is `CircleExtractSimple`, "fast" `extractMarkPointsFast`, "edge-based" `CircleExtractComplex`; the other
-/// names are those of the operations that take the record.
+/// "simple" is `CircleExtractSimple`, "hand" `CircleExtractSimpleForHand`, "fast" `extractMarkPointsFast`, "edge-based"
+/// `CircleExtractComplex`; the other names are those of the operations that take the record.
 struct CicrleConfigs {
-    bool enableAreaFilter;         ///< fast: apply the area gate (the simple path always does)
-    double minArea;                ///< simple, fast: least contour area, px^2, inclusive
-    double maxArea;                ///< simple (inclusive), fast (exclusive): largest contour area, px^2
+    bool enableAreaFilter;         ///< fast: apply the area gate (simple and hand always do)
+    double minArea;                ///< simple, hand, fast: least contour area, px^2, inclusive
+    double maxArea;                ///< simple, hand (inclusive), fast (exclusive): largest contour area, px^2
     std::int32_t minContourSize;   ///< simple: least contour length in px (divided by `scale`), radial: least blob area
                                    ///< in px^2 of the reduced image (not divided)
     bool enableCircularityFilter;  ///< simple, fast: apply the circularity gate
@@ -161,11 +162,11 @@ struct CicrleConfigs {
     bool enableConvexityFilter;    ///< simple, fast: apply the hull gate
     double maxConvexRatio;         ///< largest contour area over hull area, inclusive
     double minConvexRatio;         ///< least contour area over hull area, inclusive
-    bool enableEccentricityFilter;  ///< fast: apply the eccentricity gate (the simple path always does)
-    double maxEccentricity;         ///< simple, fast: largest sqrt(a^2 - b^2) / a, inclusive
-    double maxFitError;             ///< simple, sub-pixel contours: largest RMS distance from the ellipse, px ...
-    double maxPointError;           ///< ... which a contour may exceed if no point is farther away than this, px
-    std::string markerName;         ///< simple, edge-based: copied to the extractor on success
+    bool enableEccentricityFilter;  ///< fast: apply the eccentricity gate (simple and hand always do)
+    double maxEccentricity;         ///< simple, hand, fast: largest sqrt(a^2 - b^2) / a, inclusive
+    double maxFitError;             ///< hand; simple, sub-pixel contours: largest RMS distance from the ellipse, px ...
+    double maxPointError;           ///< ... which a sub-pixel contour may exceed if no point is farther away than this
+    std::string markerName;         ///< simple, hand, edge-based: copied to the extractor on success
     std::int32_t cannyLow;          ///< sub-pixel contours: hysteresis thresholds, grey levels ...
     std::int32_t cannyHigh;         ///< ... of the step that an edge has; above 362 nothing passes
     std::int32_t aperture;          ///< simple: side of the Gaussian kernel, odd, 1 or more; radial contours: also the

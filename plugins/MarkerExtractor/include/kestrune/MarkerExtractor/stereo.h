@@ -68,4 +68,33 @@ KESTRUNE_API std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
     double sizeTolerance, int deviationFactor, bool plainRowGate, double edgeLengthTolerance,
     double edgeAngleTolerance);
 
+/// Matches markers of which only the centres are known, in plain images, and places them in space: a marker must lie
+/// within 1.5 px (exclusive) of the epipolar line of its partner. Size, shape and rows are not looked at.
+///
+/// Markers that are each other's one candidate are pairs beyond doubt; their depth is not tested. A marker of the
+/// shorter list (the left one of two equally long) with several candidates keeps those that put it in front of the left
+/// camera, and takes the one whose distances to the markers beyond doubt differ least between the images. Such a
+/// settled pair can be wrong, and one marker of the longer list may stand in several. The position of the best among
+/// the candidates kept is then taken as one among all candidates: behind a candidate that was thrown out, another
+/// marker is named than the one chosen. A marker with one candidate that has several is in no pair.
+///
+/// May be called from many threads at once. The result is the same, bit for bit, for any number of OpenMP threads.
+///
+/// @param leftCorners, rightCorners  read are `x` and `y`, px free of distortion; a centre that is not finite has no
+///                      candidate. Written for each pair: `matched`, and `position` in the left camera frame on the
+///                      left, in the right camera frame on the right, unit of the translation. Nothing is reset.
+/// @param relativePose  [R, T], 3 by 4, `CV_64FC1`: X in the left camera frame is R X + T in the right one.
+/// @param leftCamera, rightCamera  3 by 3, `CV_64FC1`, of which fx, fy, cx and cy are read.
+/// @param fundamental   3 by 3, `CV_64FC1` or `CV_32FC1`, of any scale: x'^T F x = 0 for x left and x' right.
+/// @param points        replaced by one point for each pair, in the left camera frame; kept if there is no pair.
+/// @return              (left index, right index): the pairs beyond doubt, then the settled ones, each ascending in the
+///                      shorter list. Empty, after one warning line on standard output, if a list is empty; empty and
+///                      silent if nothing fits.
+/// @throws cv::Exception `cv::Error::StsBadArg`, naming the matrix, if one is not of the size and type above, with
+///                      nothing written.
+KESTRUNE_API std::vector<std::pair<int, int>> getStereoMarker3dPoints(
+    std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners, const cv::Mat& relativePose,
+    const cv::Mat& leftCamera, const cv::Mat& rightCamera, const cv::Mat& fundamental,
+    std::vector<Point3_<double>>& points);
+
 }  // namespace kestrune

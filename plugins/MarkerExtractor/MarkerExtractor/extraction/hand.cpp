@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/hand.h"
+
+#include <cmath>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+
+#include "MarkerExtractor/extraction/gate_parts.h"
+#include "checks/settings_check.h"
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+namespace {
+
+// One set of edge settings for every image. A Sobel gradient is four units for each grey level of a sharp step, so that
+// an edge begins at a step of about 125 grey levels and is followed down to one of 50; blur weakens both.
+constexpr double kEdgeLow = 200;
+constexpr double kEdgeHigh = 500;
+constexpr int kEdgeAperture = 3;
+constexpr int kMedianSide = 3;
+
+// Perimeter squared over area, both ends included: from a circle to twice that, which lets squares pass.
+constexpr double kLeastCompactness = 12.566370614359172;
+constexpr double kLargestCompactness = 25.132741228718345;
+
+using PixelContour = std::vector<cv::Point>;
+
+std::vector<PixelContour> outerContours(const cv::Mat& image) {
+    cv::Mat edges;
+    cv::Canny(image, edges, kEdgeLow, kEdgeHigh, kEdgeAperture, true);
+    std::vector<PixelContour> contours;
+    std::vector<cv::Vec4i> hierarchy;
+    cv::findContours(edges, contours, hierarchy, cv::RETR_CCOMP, cv::CHAIN_APPROX_NONE);
+
+    // Along the top level from the first contour on: the inner boundaries of the edges hang below their outer ones.
+    std::vector<PixelContour> outer;
+    for (int index = contours.empty() ? -1 : 0; index != -1 && index < static_cast<int>(contours.size());
+         index = hierarchy[static_cast<std::size_t>(index)][0]) {
+        outer.push_back(contours[static_cast<std::size_t>(index)]);
+    }
+    return outer;
+}
+
+/// Adds an accepted candidate unless its centre lies within its own smaller half axis of a marker's. Of the two the one
+/// with the smaller ellipse stays: the inner edge of a ring. Exactly equal centres count as two markers.
+void admit(const GateVerdict& verdict, std::vector<Corner>& corners) {
+    const Corner& candidate = verdict.candidate;
+    const double reach = HalfAxes(verdict.rect).b;
+    for (Corner& known : corners) {
+        const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
+        if (!(distance > 0 && reach > distance)) continue;
+        if (known.area > candidate.area) known = candidate;
+        return;
+    }
+    corners.push_back(candidate);
+}
+
+}  // namespace
+
+GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs) {
+    GateVerdict verdict;
+    Corner& candidate = verdict.candidate;
+    const double perimeter = cv::arcLength(contour, true);
+    const double area = cv::contourArea(contour, false);
+    if (configs.minArea > area || area > configs.maxArea) {
+        writeReason(candidate.areaText, "area:%.2f", area);
+        refuse(verdict, Gate::kArea, area);
+        return verdict;
+    }
+    // A single point has 0 / 0 here, passes, and ends the call in the fit.
+    const double compactness = perimeter * perimeter / area;
+    if (compactness < kLeastCompactness || compactness > kLargestCompactness) {
+        writeReason(candidate.ratioText, "ratio:%.2f", compactness);
+        refuse(verdict, Gate::kCompactness, compactness);
+        return verdict;
+    }
+
+    candidate.contour.assign(contour.begin(), contour.end());
+    verdict.rect = cv::fitEllipse(contour);
+    if (!isFinite(verdict.rect)) {
+        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
+        return verdict;
+    }
+    const HalfAxes axes(verdict.rect);
+    verdict.halfAxis = static_cast<float>(axes.a);
+    candidate.x = verdict.rect.center.x;
+    candidate.y = verdict.rect.center.y;
+    candidate.area = area;
+    candidate.compactness = compactness;
+    candidate.eccentricity = axes.eccentricity();
+    if (candidate.eccentricity > configs.maxEccentricity) {
+        writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
+        refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
+        return verdict;
+    }
+    ellipseFitError(verdict.rect, contour, candidate.fitError, configs.maxPointError);
+    if (candidate.fitError > configs.maxFitError) {
+        writeReason(candidate.fitText, "fit_error:%.2f", candidate.fitError);
+        refuse(verdict, Gate::kFitError, candidate.fitError);
+        return verdict;
+    }
+    candidate.area = verdict.rect.size.width * verdict.rect.size.height;
+    return verdict;
+}
+
+bool CircleMarkerExtractor::CircleExtractSimpleForHand(cv::Mat& image, std::vector<Corner>& corners,
+                                                       int /*cameraIndex*/, const CicrleConfigs& configs) {
+    if (image.empty()) return false;
+    requireByteImage(image);
+    // The copy, the median and the grey image below are part of the path, with their time and their exceptions, though
+    // nothing reads them: hosts rely on an image of one channel being refused once it has shown a marker.
+    cv::Mat grayCopy = image.clone();
+    cv::Mat blurred;
+    cv::medianBlur(image, blurred, kMedianSide);
+    for (const PixelContour& contour : outerContours(image)) {
+        const GateVerdict verdict = judgeHandContour(contour, configs);
+        if (verdict.accepted()) admit(verdict, corners);
+    }
+    if (corners.empty()) return false;
+    cv::cvtColor(image, grayCopy, cv::COLOR_BGR2GRAY, 0);
+    markerName = configs.markerName;
+    return true;
+}
+
+}  // namespace kestrune

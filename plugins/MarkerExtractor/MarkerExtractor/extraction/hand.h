@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+#include "MarkerExtractor/extraction/ellipse_gates.h"
+
+namespace kestrune {
+
+/// Gates of `CircleExtractSimpleForHand`, in the order area, compactness, fit, eccentricity, fit error. "Fit" refuses
+/// an ellipse that is not finite. Unlike on the default path the fit error alone decides: that every point keeps to
+/// `maxPointError` does not save a contour.
+///
+/// @param contour  closed, in whole pixels, not empty.
+/// @param configs  read are `minArea`, `maxArea`, `maxEccentricity`, `maxFitError` and `maxPointError`; a bound that is
+///                 not a number refuses nothing.
+/// @throws cv::Exception from the fit, for a contour of fewer than five points that came past area and compactness.
+GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs);
+
+}  // namespace kestrune

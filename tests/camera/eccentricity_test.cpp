@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/camera/eccentricity.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <limits>
+
+#include "kestrune_scene/scene.h"
+#include "support/configs.h"
+
+namespace kestrune {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+constexpr double kDegree = CV_PI / 180, kF = 7000, kZ = 900;  // px, mm
+
+/// Ellipse whose half axes have these inverse squares.
+cv::RotatedRect ellipseOf(double alongWidth, double alongHeight, float angle, cv::Point2f centre = {}) {
+    return {centre, cv::Size2f(static_cast<float>(2 / std::sqrt(alongWidth)), static_cast<float>(2 / std::sqrt(alongHeight))), angle};
+}
+
+TEST(Eccentricity, FollowsItsOwnLayout) {
+    // Worked by hand. The cone's eigenvalues are -1 / f^2 and those of (A B; B C), at 45 degrees A + B and A - B with
+    // the whole B = wa - wb: 15 and 24, or -0.5 and 5.5, where half of it would give back the axes.
+    const double t = std::sqrt(0.5), R = 1.5;
+    const std::tuple<double, double, float, double, cv::Vec3d> cases[] = {
+        {15, 24, 0, 1, {0.6, 0.8, 0}},
+        {24, 15, 0, 1, {0.6, 0, 0.8}},
+        {15, 24, 90, 1, {0.6, 0, 0.8}},
+        {17.25, 21.75, 45, 1, {0.6, 0.8 * t, 0.8 * t}},
+        {1, 4, 45, 1, {std::sqrt(12.0 / 13), std::sqrt(1.0 / 26), std::sqrt(1.0 / 26)}},
+        {1, 4, 45, 2, {std::sqrt(1.0 / 48), std::sqrt(23.0 / 24), std::sqrt(1.0 / 48)}}};
+    for (const auto& [wa, wb, angle, f, normal] : cases) {
+        for (const cv::Vec3d& T : {cv::Vec3d(1, 0.5, -9), cv::Vec3d(3, -4, -20), cv::Vec3d(-8, 1, -30)}) {
+            const Eccentricity e = eccentricityAhn(T, ellipseOf(wa, wb, angle, {300, -80}), f, R);
+            const cv::Vec3d N = e.normal, L = N.cross(cv::Vec3d(0, 0, 1)), P = T - (L.dot(T) / L.dot(L)) * L;
+            for (int i = 0; i < 3; ++i) EXPECT_NEAR(std::abs(N[i]), normal[i], 2e-6) << wa << ' ' << angle << ' ' << i;
+            EXPECT_TRUE(N[2] > -2e-6 || wa == 1) << "one of the two planes always shows its front, but for very long ellipses";
+            // The displacement from that normal by products of vectors. The half turn that the angle between normal and
+            // position lies in is decided by rounding, hence two values, one for each sign.
+            const double sine = std::abs(N[1]), away = std::abs(L.dot(T)) / cv::norm(L), around = cv::norm(N.cross(P));
+            bool agrees = false;
+            for (const int sign : {1, -1}) {
+                const double G = std::sqrt(1 - sine * sine) * N.dot(P) + sign * sine * around, scale = f * sine / (G * G / (R * R) - sine * sine) / G;
+                const double x = away * sine * scale, y = -sign * around * scale, length = std::hypot(x, y);
+                agrees |= std::hypot(e.x - x, e.y - y) + std::abs(e.norm - length) <= 1e-5 * length;
+            }
+            EXPECT_TRUE(agrees) << wa << ' ' << angle << ' ' << T;
+        }
+    }
+}
+
+struct Case {
+    cv::Point2d truth;
+    Eccentricity result;
+};
+
+/// What plain geometry and the operation say of a disc whose normal is tilted from the optical axis.
+Case caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
+    scene::PinholeCamera camera;
+    camera.intrinsic = cv::Matx33d(kF, 0, 0, 0, kF, 0, 0, 0, 1);
+    const double s = std::sin(tilt * kDegree);
+    const cv::Vec3d n(s * std::cos(azimuth * kDegree), s * std::sin(azimuth * kDegree), -std::cos(tilt * kDegree)), C(place.x, place.y, kZ);
+    const scene::EllipseTruth truth = scene::projectDisc(camera, {C, n, R, 0});
+    const cv::Vec3d pole = C - R * R / kZ * (cv::Vec3d(0, 0, 1) - n * n[2]);  // of the plane's vanishing line: the rule of the docs
+    EXPECT_LT(cv::norm(truth.centre - cv::Point2d(kF * pole[0] / pole[2], kF * pole[1] / pole[2])), 1e-9);
+    const cv::RotatedRect ellipse(truth.centre, cv::Size2f(2 * truth.minorHalfAxis, 2 * truth.majorHalfAxis),
+                                  static_cast<float>(std::fmod(truth.angle / kDegree + 90, 180)));
+    return {truth.centre - truth.projectedCentre, eccentricityAhn({C[0], C[1], -C[2]}, ellipse, kF, R)};
+}
+
+TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
+    for (const double tilt : {5, 20, 40}) {
+        for (const double R : {1.0, 2.5, 5.0}) {
+            for (const double x : {0, 80}) EXPECT_LT(caseOf(tilt, 0, {x, 0}, R).result.norm, 1e-9) << "tilted about the columns: nothing";
+            const auto [truth, e] = caseOf(tilt, 90, {0, 0}, R);
+            EXPECT_NEAR(e.norm / cv::norm(truth) * std::sin(tilt * kDegree) * std::pow(std::cos(tilt * kDegree), 3), 1, 2e-3)
+                << "3 to 12 times too long";
+        }
+    }
+    const Case frontal = caseOf(0, 0, {0, 0}, 2.5);
+    EXPECT_TRUE(cv::norm(frontal.truth) < 1e-9 && std::isnan(frontal.result.norm));
+
+    cv::RNG rng(1);
+    int vectors = 0, lengths = 0, unsure = 0;
+    constexpr int kDiscs = 2000;
+    for (int k = 0; k < kDiscs; ++k) {
+        const double tilt = rng.uniform(2.0, 60.0), azimuth = rng.uniform(0.0, 360.0), R = rng.uniform(0.5, 6.0);
+        const cv::Point2d place(rng.uniform(-135.0, 135.0), rng.uniform(-135.0, 135.0));
+        const auto [truth, e] = caseOf(tilt, azimuth, place, R);
+        vectors += cv::norm(cv::Point2d(e.x, e.y) - truth) < 0.1 * cv::norm(truth);
+        lengths += e.norm > 0.5 * cv::norm(truth) && e.norm < 2 * cv::norm(truth);
+        bool changed = false;
+        for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).result.norm / e.norm - 1) > 1e-3;
+        unsure += changed;
+    }
+    std::printf("of %d discs: %d displacements within 10 %%, %d lengths within a factor of 2, %d changed by rounding\n", kDiscs, vectors, lengths,
+                unsure);
+    EXPECT_TRUE(vectors < kDiscs / 200 && lengths < kDiscs / 3 && unsure > kDiscs / 2);
+}
+
+TEST(Eccentricity, WritesTheResultsAndTheNormal) {
+    const cv::Vec3d T(20, 10, -900);
+    const cv::Mat blank(120, 420, CV_8UC3, cv::Scalar(9, 9, 9));
+    const std::pair<cv::RotatedRect, cv::Point> cases[] = {{ellipseOf(15, 24, 0, {149.5f, 40}), {0, 60}},
+                                                           {ellipseOf(24, 15, 31, {180.9f, 10.9f}), {30, 30}},
+                                                           {ellipseOf(24, kNaN, 0, {160, 50}), {10, 70}},
+                                                           {ellipseOf(24, 15, 0, {-9000, 1e30f}), {9999, 9999}},
+                                                           {ellipseOf(15, 24, 0, {NAN, 50}), {9999, 9999}}};
+    for (auto [ellipse, place] : cases) {
+        const Eccentricity e = eccentricityAhn(T, ellipse, 512, 2);
+        const std::string n[] = {std::to_string(e.normal[0]), std::to_string(e.normal[1]), std::to_string(e.normal[2])};
+        cv::Mat image = blank.clone(), expected = blank.clone(), none, position(T), row = cv::Mat(T * 0.5).t();
+        cv::putText(expected, n[0] + "," + n[1] + "," + n[2], place, cv::FONT_HERSHEY_TRIPLEX, 0.6, {0, 0, 255, 0}, 1, 8, false);
+        double x = 7, y = 7, norm = 7;
+        CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm, 512, 2);
+        EXPECT_TRUE(cv::norm(image, expected, cv::NORM_L1) == 0 && (cv::norm(image, blank, cv::NORM_L1) > 0) == (place.x < 420)) << n[0];
+        EXPECT_EQ(std::isnan(norm), n[0] == "nan");
+        if (n[0] == "nan") continue;
+        EXPECT_TRUE(x == e.x && y == e.y && norm == e.norm);
+        // In units of the principal distance and of the radius. Powers of two leave every bit alone.
+        ellipse.size.width /= 512, ellipse.size.height /= 512;
+        CircleMarkerExtractor().correctedEccentricityAhn(none, row, ellipse, x, y, norm);
+        EXPECT_TRUE(512 * x == e.x && 512 * y == e.y && 512 * norm == e.norm) << n[0];
+    }
+}
+
+TEST(Eccentricity, AnswersBadInput) {
+    const double good[] = {1, 2, -9, 1, 1, 0.5, 0.4, 30};  // position, f, R, width, height, angle
+    for (int which = 0; which < 8; ++which) {
+        for (const double bad : {kNaN, kInf, -kInf, 0.0}) {
+            double v[8];
+            std::copy(good, good + 8, v);
+            v[which] = bad;
+            const cv::RotatedRect ellipse({}, cv::Size2f(static_cast<float>(v[5]), static_cast<float>(v[6])), static_cast<float>(v[7]));
+            const Eccentricity e = eccentricityAhn({v[0], v[1], v[2]}, ellipse, v[3], v[4]);
+            const bool defined = bad == 0 && which != 3 && which != 5 && which != 6;
+            EXPECT_EQ(std::isnan(e.x) && std::isnan(e.y) && std::isnan(e.norm) && std::isnan(e.normal[0]), !defined) << which << ' ' << bad;
+        }
+    }
+    const int cube[] = {3, 3, 3};
+    double x = 7, y = 7, norm = 7;
+    const auto run = [&](cv::Mat image, cv::Mat position) {
+        cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
+        return test::refusal([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
+    };
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(1, 1, CV_64FC3),
+                               cv::Mat(3, cube, CV_64FC1)}) {
+        EXPECT_EQ(run(cv::Mat(9, 9, CV_8UC3), bad), "position");
+    }
+    EXPECT_EQ(run(cv::Mat(3, cube, CV_8UC3), cv::Mat(3, 1, CV_64FC1, cv::Scalar(-9))), "image");
+    EXPECT_TRUE(x == 7 && y == 7 && norm == 7);
+}
+
+}  // namespace
+}  // namespace kestrune

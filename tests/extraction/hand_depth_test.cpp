@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "MarkerExtractor/extraction/hand.h"
+#include "support/configs.h"
+
+namespace kestrune {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+
+CicrleConfigs handConfigs() {
+    CicrleConfigs c{};
+    c.minArea = 20, c.maxArea = 1e6, c.maxEccentricity = 0.9, c.maxFitError = 0.7, c.maxPointError = 1.5, c.markerName = "hand";
+    return c;
+}
+
+std::vector<Corner> cornersAt(const std::vector<cv::Point2d>& centres) {
+    std::vector<Corner> corners(centres.size());
+    for (std::size_t k = 0; k < centres.size(); ++k) corners[k].x = centres[k].x, corners[k].y = centres[k].y, corners[k].id = 77;
+    return corners;
+}
+
+/// White and black discs by turns, on black.
+cv::Mat drawn(const std::vector<cv::Vec3d>& discs, int channels = 3) {
+    cv::Mat image(120, 160, CV_8UC1, cv::Scalar(0)), result;
+    for (std::size_t k = 0; k < discs.size(); ++k) test::addDisc(image, {discs[k][0], discs[k][1]}, discs[k][2], k % 2 ? 0 : 255, k % 2 ? 255 : 0);
+    cv::merge(std::vector<cv::Mat>(static_cast<std::size_t>(channels), image), result);
+    return result;
+}
+
+/// The outline has whole pixels: perimeter and area are exact.
+std::vector<cv::Point> rectangle(int w, int h) {
+    std::vector<cv::Point> result;
+    for (int k = 0; k < 2 * (w + h); ++k) {
+        result.emplace_back(k < w + h ? std::min(k, w) : std::max(0, 2 * w + h - k), k < w + h ? std::max(0, k - w) : std::min(h, 2 * (w + h) - k));
+    }
+    return result;
+}
+
+TEST(HandPath, RefusesInOrderWithBothEndsInside) {
+    // Width, height, bounds of area, eccentricity and fit error, gate, what it measured. The first has a compactness of 16,
+    // the fourth of 25, just below twice that of a circle.
+    const std::tuple<int, int, double, double, double, double, Gate, double> cases[] = {
+        {20, 20, 400, 400, 0.9, kInf, Gate::kNone, 0},     {20, 20, 400.001, 1e6, 0.9, kInf, Gate::kArea, 400},
+        {20, 20, 1, 399.999, 0.9, kInf, Gate::kArea, 400}, {40, 10, 1, 1e6, 1, kInf, Gate::kNone, 0},
+        {50, 10, 1, 1e6, 0, 0, Gate::kCompactness, 28.8},  {50, 0, 0, 1e6, 0, 0, Gate::kCompactness, kInf},
+        {50, 50, kNaN, kNaN, kNaN, kNaN, Gate::kNone, 0}};
+    CicrleConfigs c = handConfigs();
+    c.maxPointError = kInf;
+    for (const auto& [w, h, minArea, maxArea, maxEccentricity, maxFitError, gate, measured] : cases) {
+        c.minArea = minArea, c.maxArea = maxArea, c.maxEccentricity = maxEccentricity, c.maxFitError = maxFitError;
+        const GateVerdict verdict = judgeHandContour(rectangle(w, h), c);
+        EXPECT_EQ(std::pair(verdict.refusedBy, verdict.measured), std::pair(gate, measured)) << w << ' ' << h;
+        EXPECT_TRUE(!verdict.accepted() || verdict.candidate.area == verdict.rect.size.width * verdict.rect.size.height);
+    }
+    c.minArea = 0, c.maxArea = 1e6, c.maxEccentricity = 0.9, c.maxFitError = 0.5;
+    EXPECT_STREQ(judgeHandContour(rectangle(50, 10), c).candidate.ratioText, "ratio:28.80");
+    EXPECT_EQ(judgeHandContour(rectangle(40, 10), c).refusedBy, Gate::kEccentricity);
+    EXPECT_EQ(judgeHandContour(rectangle(20, 20), c).refusedBy, Gate::kFitError) << "the mean error alone decides";
+    EXPECT_THROW(judgeHandContour({{7, 7}}, c), cv::Exception) << "0 / 0 passes and meets the fit";
+}
+
+TEST(HandPath, FindsDiscsAndTheInnerEdgeOfARing) {
+    for (const int channels : {3, 4}) {
+        CircleMarkerExtractor extractor;
+        extractor.markerRects.resize(2);
+        cv::Mat image = drawn({{70.3, 60.6, 20}}, channels), rings = drawn({{70, 60, 40}, {71, 60.6, 25}, {70.4, 61.5, 12}}, channels);
+        std::vector<Corner> corners, ring;
+        ASSERT_TRUE(extractor.CircleExtractSimpleForHand(image, corners, 1, handConfigs()) && corners.size() == 1);
+        const Corner& c = corners[0];
+        EXPECT_LT(std::hypot(c.x - 70.3, c.y - 60.6), 0.3) << "whole pixels";
+        EXPECT_NEAR(c.area, 1600, 120);
+        EXPECT_NEAR(c.compactness, 4 * CV_PI, 1.6) << "steps lengthen the outline";
+        EXPECT_TRUE(c.id == 0 && c.contour.size() > 100 && !c.conicValid && c.ellipse.size.empty() && c.circularity == 0);
+        EXPECT_TRUE(extractor.markerName == "hand" && extractor.markerRects.size() == 2);
+        EXPECT_TRUE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs()) && corners.size() == 2)
+            << "an equal centre is no repetition";
+        // The centres of these edges lie apart, and the smallest wins.
+        ASSERT_TRUE(extractor.CircleExtractSimpleForHand(rings, ring, 0, handConfigs()) && ring.size() == 1);
+        EXPECT_NEAR(ring[0].area, 4 * 12 * 12, 80);
+    }
+    // The candidate's smaller half axis is the reach: a marker farther along the larger one is another.
+    cv::Mat oval(120, 160, CV_8UC3, cv::Scalar(0));
+    cv::ellipse(oval, {70, 60}, {24, 14}, 0, 0, 360, {255, 255, 255}, cv::FILLED);
+    CicrleConfigs loose = handConfigs();
+    loose.maxFitError = 9;
+    for (const double distance : {10, 20}) {
+        std::vector<Corner> corners = cornersAt({{70 + distance, 60}});
+        corners[0].area = 1;
+        CircleMarkerExtractor().CircleExtractSimpleForHand(oval, corners, 0, loose);
+        EXPECT_TRUE(corners.size() == (distance < 14 ? 1 : 2) && corners[0].area == 1);
+    }
+}
+
+TEST(HandPath, AnswersImagesItCannotWorkWith) {
+    CircleMarkerExtractor extractor;
+    std::vector<Corner> corners;
+    const auto run = [&](cv::Mat image) {
+        return test::refusal([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
+    };
+    const int cube[] = {3, 9, 9};
+    for (const cv::Mat& bad : {cv::Mat(9, 9, CV_8UC2), cv::Mat(9, 9, CV_16UC3), cv::Mat(9, 9, CV_32FC1), cv::Mat(3, cube, CV_8UC3)})
+        EXPECT_EQ(run(bad), "image");
+    EXPECT_EQ(run(cv::Mat()) + run(drawn({}, 1)) + run(drawn({}, 3)), "") << "no markers, also in one channel";
+    EXPECT_EQ(run(drawn({{70, 60, 20}}, 1)), "OpenCV") << "one channel with markers";
+    EXPECT_EQ(corners.size(), 1u) << "keeps what was accepted";
+    EXPECT_EQ(run(drawn({}, 1)), "OpenCV") << "an earlier marker counts";
+    EXPECT_EQ(run(cv::Mat()), "");
+    EXPECT_TRUE(extractor.markerName.empty() && corners.size() == 1);
+}
+
+TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
+    // Depth is linear over the image, so that the interpolation is exact, but for one hole at (30, 12).
+    cv::Mat large(44, 60, CV_32FC1, cv::Scalar(9)), depth = large(cv::Rect(5, 2, 50, 40));
+    for (int y = 0; y < 40; ++y) {
+        for (int x = 0; x < 50; ++x) depth.at<float>(y, x) = static_cast<float>(x == 30 && y == 12 ? 0 : 2 + 0.5 * x + 0.25 * y);
+    }
+    const std::vector<cv::Point2d> kept = {{10.5, 20.5}, {10, 20}, {0.25, 0.75}, {49, 39}, {31.25, 12.5}, {29, 12}, {17.125, 33.375}};
+    std::vector<cv::Point2d> all = {{0, 5.5},   {5.5, 0},   {-0.5, 5},  {49.001, 39}, {49, 39.5},  {29.5, 11.5},      {30, 12}, {30.5, 12.5},
+                                    {kNaN, 20}, {20, kNaN}, {kInf, 20}, {20, -kInf},  {1e300, 20}, {2147483648.5, 9}, {31, 12}, {20, -1e300}};
+    for (std::size_t k = 0; k < kept.size(); ++k) all.insert(all.begin() + static_cast<int>(2 * k), kept[k]);
+    std::vector<Corner> corners = cornersAt(all);
+    CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(corners, depth,
+                                                                        (cv::Mat_<double>(3, 3) << 800, 0, 24.25, 0, 750, 19.5, 0, 0, 1));
+    ASSERT_EQ(corners.size(), kept.size());
+    for (std::size_t k = 0; k < kept.size(); ++k) {
+        const auto [x, y] = kept[k];
+        const double z = 2 + 0.5 * x + 0.25 * y;
+        const Corner& c = corners[k];
+        EXPECT_TRUE(c.x == x && c.y == y && c.matched && c.id == static_cast<int>(k)) << "in order, and the ids close up";
+        EXPECT_LT((c.position - Eigen::Vector3d((x - 24.25) * z / 800, (y - 19.5) * z / 750, z)).norm(), 3e-6) << x << ' ' << y;
+        EXPECT_EQ(c.position, c.position.cast<float>().cast<double>()) << "single precision";
+    }
+}
+
+TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
+    std::vector<Corner> corners = cornersAt({{5, 5}, {kNaN, 5}}), nothing;
+    const auto run = [](std::vector<Corner>& list, cv::Mat depth, const cv::Mat& camera) {
+        return test::refusal([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
+    };
+    const cv::Mat depth(20, 20, CV_32FC1, cv::Scalar(2)), camera = cv::Mat::eye(3, 3, CV_64F);
+    const int cube[] = {20, 20, 20};
+    for (const int type : {CV_64FC1, CV_16UC1, CV_8UC1, CV_32FC2, CV_32SC1}) EXPECT_EQ(run(corners, cv::Mat(20, 20, type), camera), "depth");
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(3, cube, CV_32FC1)}) EXPECT_EQ(run(corners, bad, camera), "depth");
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(3, 3, CV_32FC1), cv::Mat(3, 4, CV_64FC1), cv::Mat(3, 3, CV_64FC2)})
+        EXPECT_EQ(run(corners, depth, bad), "cameraMatrix");
+    EXPECT_TRUE(corners.size() == 2 && corners[0].id == 77 && !corners[0].matched);
+    EXPECT_EQ(run(nothing, cv::Mat(), cv::Mat()), "");
+    EXPECT_EQ(run(corners, cv::Mat(0, 0, CV_32FC1), camera), "");
+    EXPECT_TRUE(corners.empty());
+}
+
+}  // namespace
+}  // namespace kestrune
