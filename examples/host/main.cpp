@@ -31,12 +31,11 @@ constexpr const char* kExtractNotes =
     "overlay is drawn on the undistorted image.\n"
     "Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.";
 
-void addExtract(CLI::App& app, ExtractOptions& options) {
+/// The options of every command that searches the images of one eye.
+void addSearch(CLI::App* command, SearchOptions& options) {
     static const std::map<std::string, Path> kPaths = {
         {"simple", Path::simple}, {"radial", Path::radial}, {"fast", Path::fast}, {"complex", Path::complex}};
     static const std::map<std::string, int> kEyes = {{"left", 0}, {"right", 1}};
-    CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
-    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
     command->add_option("--settings", options.settings, "YAML file with every setting")->required();
     command
         ->add_option("--path", options.path,
@@ -49,10 +48,38 @@ void addExtract(CLI::App& app, ExtractOptions& options) {
         ->transform(CLI::CheckedTransformer(kEyes))
         ->option_text("left|right");
     command->add_option("--calibration", options.calibration, "YAML file with M1, D1 (left) and M2, D2 (right)");
+}
+
+void addExtract(CLI::App& app, ExtractOptions& options) {
+    CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
+    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
+    addSearch(command, options);
     command->add_option("--csv", options.csv, "write the markers as a table");
     command->add_option("--overlay", options.overlay, "draw the markers; of several images, as FILE-<image>.png")
         ->option_text("FILE.png");
     command->footer(kExtractNotes);
+}
+
+constexpr const char* kExplainNotes =
+    "Lists every candidate that the front end of the path delivered: place and size of its contour in pixels of the "
+    "full\n"
+    "image as it was taken, and either the marker that it is, under its id as extract gives it, or the gate that "
+    "refused\n"
+    "it, the value measured and what the settings want. Values are those of the gate: path simple with scale above 1\n"
+    "measures in the reduced image. Of a gate that refused more than 200, the table and the labels of the picture "
+    "tell\n"
+    "only the count; the CSV lists all, with the last fitted ellipse where there is one, in the pixels of extract.\n"
+    "Picture: markers green with their id, all else in the colour of its gate with # and its number in the table.\n"
+    "What the front end never delivered is not listed: no edge, no contour, no candidate. Path fast has no account.\n"
+    "Exit code: 0, 1 if the image could not be handled, 2 if nothing was begun.";
+
+void addExplain(CLI::App& app, ExplainOptions& options) {
+    CLI::App* command = app.add_subcommand("explain", "Tell of every candidate why it is a marker or not");
+    command->add_option("IMAGE", options.image, "8-bit image, grey or colour")->required();
+    addSearch(command, options);
+    command->add_option("--out", options.out, "draw the candidates")->option_text("FILE.png");
+    command->add_option("--csv", options.csv, "write all candidates as a table");
+    command->footer(kExplainNotes);
 }
 
 constexpr const char* kStereoNotes =
@@ -126,6 +153,8 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     ExtractOptions extract;
     addExtract(app, extract);
+    ExplainOptions explain;
+    addExplain(app, explain);
     StereoOptions stereo;
     addStereo(app, stereo);
     DemoOptions demo;
@@ -139,6 +168,7 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? kSuccess : kWrongInput;
     }
     if (app.got_subcommand("extract")) return runExtract(extract);
+    if (app.got_subcommand("explain")) return runExplain(explain);
     if (app.got_subcommand("stereo")) return runStereo(stereo);
     if (app.got_subcommand("demo")) return runDemo(demo);
     return runSettings(files);

@@ -5,12 +5,14 @@
 
 #include <kestrune_scene/scene.h>
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
 
+#include "explanation.h"
 #include "inputs.h"
 #include "markers.h"
 #include "support/program.h"
@@ -62,6 +64,10 @@ TEST(HostProgram, DemoThenExtract) {
         {"extract" + image + subpixel, 0, ": 12 markers"},
         {"extract" + image + radial + " --invert", 0, ": 0 markers"},
         {"extract " + at + "demo/mixed-left.png --path complex --csv " + at + "m.csv --settings " + kReady + "mixed-complex.yaml", 0, ": 12 markers"},
+        {"explain" + image + radial + " --csv " + at + "e.csv --out " + at + "e.png", 0, "\n    12  marker\n"},
+        {"explain" + image + radial + " --path fast", 2, "path fast: keeps no account"},
+        {"explain" + image + radial + " --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
+        {"explain " + at + "broken.png" + radial, 1, "broken.png: cannot be read as an image"},
         {"settings " + kReady + "bright-radial.yaml none.yaml", 2, "good for path radial"},
         {"demo --size 10x10 --out " + at + "small", 2, "10x10"},
         {"extract" + image + image + " --path fast --csv " + at + "t.csv --overlay " + at + "o.png --settings " + kReady + "bright-fast.yaml", 0,
@@ -85,6 +91,63 @@ TEST(HostProgram, DemoThenExtract) {
     std::map<std::string, int> ends;
     for (std::string row; std::getline(rows, row);) ++ends[row.substr(row.rfind(','))];
     EXPECT_EQ(ends, (std::map<std::string, int>{{",polarity", 1}, {",bright", 6}, {",dark", 6}}));
+}
+
+/// Markers explained are those found, and what was refused is refused is the disc that is seen askew, for what is true of it.
+TEST(HostExplanation, AgreesWithTheExtractionAndTheScene) {
+    const scene::Rig rig = scene::makeVergedRig({1001, 803});
+    std::vector<scene::Disc> discs = scene::makeScatteredDiscs(rig, 12, 14, 20, 20, 200, 5);
+    const double across = std::sin(0.9) * std::sqrt(0.5);
+    discs[5].normal = {-across, across, -std::cos(0.9)};  // along a diagonal, since a flat box would be no candidate of path complex
+    const scene::Exposure exposure = scene::render(rig, discs, {}, {});
+    const scene::EllipseTruth& askew = exposure.markers[5].eye[1];
+    const double ratio = askew.minorHalfAxis / askew.majorHalfAxis;
+    const Camera camera{cv::Mat(rig.right.intrinsic), cv::Mat(rig.right.distortion, true)};
+    for (const auto& [name, scale] :
+         {std::pair("bright-subpixel.yaml", 1), {"bright-subpixel.yaml", 3}, {"bright-radial.yaml", 2}, {"bright-complex.yaml", 2}}) {
+        SCOPED_TRACE(testing::Message() << name << " at scale " << scale);
+        Settings settings = loadSettings(kReady + name, {});
+        settings.configs.scale = scale;
+        settings.configs.maxEccentricity = 0.8;
+        settings.configs.minAxisRatio = 0.7F;
+        settings.configs.skipUndistort = false;
+        CircleMarkerExtractor extractor;
+        const std::vector<Marker> markers = findMarkers(extractor, exposure.image[1], 1, camera, settings);
+        const std::vector<Candidate> candidates = explainMarkers(extractor, exposure.image[1], 1, camera, settings);
+        std::vector<int> seen(markers.size());
+        int refusedAskew = 0;
+        for (const Candidate& c : candidates) {
+            const cv::Point2d middle = 0.5 * (c.box.tl() + c.box.br());
+            if (!c.gate.empty()) {
+                EXPECT_FALSE(c.wanted.empty());
+                if (cv::norm(middle - askew.distortedCentre) > 3) continue;
+                ++refusedAskew;
+                EXPECT_TRUE(c.gate == "eccentricity" || c.gate == "axis ratio") << c.gate;
+                EXPECT_NEAR(c.measured, c.gate == "axis ratio" ? ratio : std::sqrt(1 - ratio * ratio), 0.05);
+                continue;
+            }
+            const Marker& marker = markers.at(static_cast<std::size_t>(c.marker));
+            ++seen[static_cast<std::size_t>(c.marker)];
+            EXPECT_LT(cv::norm(c.rim->centre - marker.centre), 1e-4);
+            EXPECT_EQ(c.rim->majorHalfAxis, marker.majorHalfAxis);
+            EXPECT_LT(cv::norm(middle - marker.centre), 12) << "but for the lens";
+        }
+        EXPECT_EQ(seen, std::vector<int>(markers.size(), 1));
+        EXPECT_GE(markers.size(), 10u);
+        EXPECT_GE(refusedAskew, 1);
+        std::ostringstream csv;
+        writeExplanationCsv(csv, "a", candidates);
+        EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(csv.str(), '\n')), candidates.size() + 1);
+        EXPECT_GT(drawExplanation(exposure.image[1], candidates, "").rows, 803);
+    }
+    // More than 200 alike are counted, not listed; the others still are.
+    Candidate speck{0, {{5, 5}}, {5, 5, 0, 0}, {}, "area", 1.5, "minArea 20 to maxArea 30", -1};
+    std::vector<Candidate> many(201, speck);
+    many.push_back({201, {{9, 9}}, {9, 9, 0, 0}, {}, "", std::nan(""), "", 0});
+    const std::string table = explanationTable(many);
+    EXPECT_LT(std::ranges::count(table, '\n'), 8) << table;
+    EXPECT_NE(table.find("   201  area"), std::string::npos) << table;
+    EXPECT_NE(table.find("marker 0\n"), std::string::npos) << table;
 }
 
 /// Whatever the scale, centres and axes are those of the full image, with the lens taken out.

@@ -11,45 +11,18 @@ namespace kestrune::test {
 /// Settings under which a plain bright disc passes every gate.
 inline CicrleConfigs discConfigs(bool radial) {
     CicrleConfigs c{};
-    c.minArea = 20;
-    c.maxArea = 1e6;
-    c.minContourSize = 12;
-    c.maxCircularity = 2;
-    c.maxConvexRatio = 2;
-    c.maxEccentricity = 0.8;
-    c.maxFitError = 0.5;
-    c.maxPointError = 1.0;
-    c.markerName = "dot";
-    c.cannyLow = 10;
-    c.cannyHigh = 25;
-    c.aperture = radial ? 21 : 5;
-    c.sigma = 1.0;
-    c.scale = 1;
-    c.skipUndistort = true;
-    c.useRadialContours = radial;
-    c.thresholdC = -8;
-    c.minRayRatio = 0.6f;
-    c.contrast = 25;
-    c.maxFitResidual = 0.2f;
+    c.useRadialContours = radial, c.markerName = "dot", c.scale = 1, c.skipUndistort = true, c.sigma = 1.0, c.aperture = radial ? 21 : 5;
+    c.minArea = 20, c.maxArea = 1e6, c.maxCircularity = 2, c.maxConvexRatio = 2, c.maxEccentricity = 0.8;
+    c.cannyLow = 10, c.cannyHigh = 25, c.minContourSize = 12, c.maxFitError = 0.5, c.maxPointError = 1.0;
+    c.thresholdC = -8, c.minRayRatio = 0.6f, c.contrast = 25, c.maxFitResidual = 0.2f;
     return c;
 }
 
 /// Settings under which a disc of either polarity comes through the edge-based path.
 inline CicrleConfigs rimConfigs() {
     CicrleConfigs c{};
-    c.useComplexExtract = true;
-    c.markerName = "rim";
-    c.aperture = 11;
-    c.sigma = 1.0;
-    c.scale = 1;
-    c.skipUndistort = true;
-    c.thresholdC = -5;
-    c.maxFitResidual = 0.2f;
-    c.minDiameter = 5;
-    c.maxDiameter = 200;
-    c.minAxisRatio = 0.4f;
-    c.nmsFactor = 0.95f;
-    c.edgePercentile = 0.8f;
+    c.useComplexExtract = true, c.markerName = "rim", c.scale = 1, c.skipUndistort = true, c.sigma = 1.0, c.aperture = 11, c.thresholdC = -5;
+    c.maxFitResidual = 0.2f, c.minDiameter = 5, c.maxDiameter = 200, c.minAxisRatio = 0.4f, c.nmsFactor = 0.95f, c.edgePercentile = 0.8f;
     return c;
 }
 

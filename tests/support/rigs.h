@@ -11,37 +11,33 @@ namespace kestrune::test {
 inline Pose_<double> poseOf(const scene::PinholeCamera& camera) {
     const cv::Vec3d position = -(camera.rotation.t() * camera.translation);
     Pose_<double> pose{};
-    for (int k = 0; k < 9; ++k) pose.values[k] = camera.rotation.val[k];
-    for (int k = 0; k < 3; ++k) pose.values[9 + k] = position[k];
+    std::copy_n(camera.rotation.val, 9, pose.values);
+    std::copy_n(position.val, 3, pose.values + 9);
     return pose;
 }
 
 inline Camera_<double, 2, 2> cameraOf(const scene::PinholeCamera& camera) {
     const cv::Matx33d& k = camera.intrinsic;
     Camera_<double, 2, 2> result{{k(0, 0), k(1, 1), k(0, 2), k(1, 2)}};
-    for (std::size_t i = 0; i < 5; ++i) result.values[4 + i] = camera.distortion[i];
+    std::copy_n(camera.distortion.begin(), 5, result.values + 4);
     return result;
 }
 
-/// The rig with its left camera moved to some place in the host's world, as a host would hand it over.
-inline void calibrate(CircleMarkerExtractor& extractor, const scene::Rig& rig) {
+/// An extractor that knows the rig, wherever in the host's world its left camera is.
+inline CircleMarkerExtractor calibrated(const scene::Rig& rig) {
+    CircleMarkerExtractor extractor;
     extractor.transform_kestruneData2cvMat({poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)}, rig.left.size.width,
                                            rig.left.size.height, cv::CALIB_ZERO_DISPARITY);
+    return extractor;
 }
 
 /// The rectified cameras as cameras of their own: what a host sees that works in rectified images.
 inline scene::Rig rectifiedRig(const CircleMarkerExtractor& e, const scene::Rig& rig) {
-    scene::Rig result = rig;
-    const auto rectify = [](scene::PinholeCamera& camera, const cv::Mat& projection, const cv::Mat& rectification) {
-        const cv::Matx33d turn(rectification);
-        camera.intrinsic = cv::Matx33d(projection.colRange(0, 3).clone().ptr<double>());
-        camera.distortion = {};
-        camera.rotation = turn * camera.rotation;
-        camera.translation = turn * camera.translation;
+    const auto rectified = [](const scene::PinholeCamera& camera, const cv::Mat& projection, const cv::Mat& rectification) {
+        const cv::Matx33d turn(rectification), intrinsic(projection.colRange(0, 3).clone().ptr<double>());
+        return scene::PinholeCamera{intrinsic, {}, turn * camera.rotation, turn * camera.translation, camera.size};
     };
-    rectify(result.left, e.leftProjection, e.leftRectification);
-    rectify(result.right, e.rightProjection, e.rightRectification);
-    return result;
+    return {rectified(rig.left, e.leftProjection, e.leftRectification), rectified(rig.right, e.rightProjection, e.rightRectification)};
 }
 
 /// An upright pair whose right camera stands above the left one.
@@ -52,23 +48,26 @@ inline scene::Rig verticalRig() {
     return rig;
 }
 
+struct ExactCorners {
+    std::vector<Corner> left, right;
+    std::vector<scene::Disc> seen;
+};
+
 /// Exact corners, conics included, of the discs that lie before both cameras, also where their image ends: rectified
 /// centres may lie beside the image.
-inline void exactCorners(const scene::Rig& rig, const std::vector<scene::Disc>& discs, std::vector<Corner>& left, std::vector<Corner>& right,
-                         std::vector<scene::Disc>& seen) {
+inline ExactCorners exactCorners(const scene::Rig& rig, const std::vector<scene::Disc>& discs) {
+    ExactCorners result;
     for (const scene::Disc& disc : discs) {
         const scene::EllipseTruth truth[2] = {scene::projectDisc(rig.left, disc), scene::projectDisc(rig.right, disc)};
         if (!(truth[0].minorHalfAxis > 0 && truth[1].minorHalfAxis > 0)) continue;
-        seen.push_back(disc);
+        result.seen.push_back(disc);
         for (int eye = 0; eye < 2; ++eye) {
-            Corner corner;
-            corner.x = truth[eye].centre.x;
-            corner.y = truth[eye].centre.y;
-            corner.conic = truth[eye].conic;
-            corner.conicValid = true;
-            (eye == 0 ? left : right).push_back(corner);
+            Corner& corner = (eye == 0 ? result.left : result.right).emplace_back();
+            corner.x = truth[eye].centre.x, corner.y = truth[eye].centre.y;
+            corner.conic = truth[eye].conic, corner.conicValid = true;
         }
     }
+    return result;
 }
 
 }  // namespace kestrune::test
