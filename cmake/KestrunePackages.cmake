@@ -15,10 +15,9 @@ if(KESTRUNE_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
-set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)  # on the very version, as the three come from one build
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)  # on the very version, as both come from one build
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
@@ -47,7 +46,6 @@ This package has the headers, the CMake package and the pkg-config file.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kestrune-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION graphics)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/plugins/MarkerExtractor)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "finds circular markers in camera images - program\n${text}
 
 This package has the program kestrune-measure and settings to start from.")

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "calibration.h"
 #include "settings.h"
 
 namespace kestrune::host {
@@ -18,16 +19,48 @@ constexpr int kPartlyFailed = 1;   ///< an image could not be handled, or the de
 constexpr int kInterrupted = 130;  ///< ended by Ctrl-C, with what was done written
 constexpr int kWrongInput = 2;     ///< command line, settings, calibration or an output file; nothing was extracted
 
-struct ExtractOptions {
-    std::vector<std::string> images;
+/// How the images of one eye are taken and searched.
+struct SearchOptions {
     std::string settings;
     std::optional<Path> path;
     bool invert = false;
     int eye = 0;
-    std::string calibration, csv, overlay;  ///< file names, empty: not asked for
+    std::string calibration;  ///< empty: none
+};
+
+/// That eye's camera; empty where no calibration was named. Complains of one that the settings make no use of.
+///
+/// @throws InputError  where the calibration is broken, or missing and needed.
+Camera loadCamera(const SearchOptions& options, const Settings& settings);
+
+struct ExtractOptions : SearchOptions {
+    std::vector<std::string> images;
+    std::string csv, overlay;  ///< file names, empty: not asked for
 };
 
 int runExtract(const ExtractOptions& options);
+
+struct ExplainOptions : SearchOptions {
+    std::string image;
+    std::string csv, out;  ///< file names, empty: not asked for
+};
+
+int runExplain(const ExplainOptions& options);
+
+struct DepthOptions : SearchOptions {
+    std::string image, depth, csv;  ///< file names
+    double depthScale = 1;          ///< unit of the result for each unit of the depth image
+};
+
+int runDepth(const DepthOptions& options);
+
+struct MatchOptions {
+    std::string left, right;       ///< tables of markers
+    std::string calibration, csv;  ///< file names
+    std::string fundamental;       ///< file name, empty: that of the calibration
+};
+
+int runMatch(const MatchOptions& options);
 
 struct StereoOptions {
     std::vector<std::string> left, right;  ///< images, paired in this order

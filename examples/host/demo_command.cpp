@@ -113,8 +113,8 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
 
     const std::vector<Mark> marks = marksAgainstTruth(markers, exposure.markers, eye, score, undistorted);
     Legend legend = foundLegend(marks);
-    legend.emplace_back(MarkKind::missed, score.missed.size());
-    legend.emplace_back(MarkKind::wrong, score.falseOnes.size());
+    legend.push_back({MarkKind::missed, score.missed.size()});
+    legend.push_back({MarkKind::wrong, score.falseOnes.size()});
     writePicture(overlay.string(),
                  drawOverlay(imageBehind(image, calibration[eye], settings), marks,
                              fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)), legend));

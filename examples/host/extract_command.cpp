@@ -45,24 +45,13 @@ struct Run {
         : settings(loadSettings(options.settings, options.path)),
           overlays(options.overlay, options.images.size() > 1),
           eye(options.eye),
-          invert(options.invert) {
-        if (!options.calibration.empty()) {
-            camera = loadCalibration(options.calibration, eye)[static_cast<std::size_t>(eye)];
-            if (!deliversUndistorted(settings)) explainUnusedCalibration(options);
-        } else if (deliversUndistorted(settings)) {
-            throw InputError(options.settings, "field 'skipUndistort' false needs --calibration");
-        }
+          invert(options.invert),
+          camera(loadCamera(options, settings)) {
         if (!options.csv.empty()) {
             csv.open(options.csv);
             if (!csv) throw InputError(options.csv, "cannot be written");
             writeCsvHeader(csv);
         }
-    }
-
-    void explainUnusedCalibration(const ExtractOptions& options) const {
-        complain(settings.path == Path::fast
-                     ? options.calibration + ": not used, path fast measures in the image as it is"
-                     : options.settings + ": field 'skipUndistort' true, so " + options.calibration + " is not used");
     }
 
     /// The line to print about the image.
@@ -98,6 +87,21 @@ struct Run {
 };
 
 }  // namespace
+
+Camera loadCamera(const SearchOptions& options, const Settings& settings) {
+    if (options.calibration.empty()) {
+        if (deliversUndistorted(settings))
+            throw InputError(options.settings, "field 'skipUndistort' false needs --calibration");
+        return {};
+    }
+    const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    if (!canUndistort(settings.path))
+        complain(fmt::format("{}: not used, path {} measures in the image as it is", options.calibration,
+                             nameOf(settings.path)));
+    else if (!deliversUndistorted(settings))
+        complain(options.settings + ": field 'skipUndistort' true, so " + options.calibration + " is not used");
+    return camera;
+}
 
 int runExtract(const ExtractOptions& options) {
     Run run(options);

@@ -20,6 +20,9 @@ constexpr int kSmallestSide = 240, kLargestSide = 8192;
 constexpr const char* kExtractNotes =
     "CSV: one row a marker; x, y, half axes and fitError in px, angle of the major axis in degrees, area in px^2 (the\n"
     "product of the full axes; with path fast the contour's area); a field that the path does not measure is empty.\n"
+    "Path hand takes strong edges only, with thresholds of its own, and ids are places in its list. Paths fast and "
+    "hand\n"
+    "measure in the image as it is.\n"
     "Path complex finds bright and dark markers at once and tells them apart: polarity is bright or dark, as the "
     "image\n"
     "is searched, so after --invert. Overlays draw dark ones dashed.\n"
@@ -31,28 +34,110 @@ constexpr const char* kExtractNotes =
     "overlay is drawn on the undistorted image.\n"
     "Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.";
 
-void addExtract(CLI::App& app, ExtractOptions& options) {
-    static const std::map<std::string, Path> kPaths = {
-        {"simple", Path::simple}, {"radial", Path::radial}, {"fast", Path::fast}, {"complex", Path::complex}};
+/// The options of every command that searches the images of one eye.
+void addSearch(CLI::App* command, SearchOptions& options) {
+    static const std::map<std::string, Path> kPaths = {{"simple", Path::simple},
+                                                       {"radial", Path::radial},
+                                                       {"fast", Path::fast},
+                                                       {"complex", Path::complex},
+                                                       {"hand", Path::hand}};
     static const std::map<std::string, int> kEyes = {{"left", 0}, {"right", 1}};
-    CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
-    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
     command->add_option("--settings", options.settings, "YAML file with every setting")->required();
     command
-        ->add_option("--path", options.path,
-                     "simple (sub-pixel contours), radial, fast or complex (edge-based); without it, the settings "
-                     "decide")
+        ->add_option(
+            "--path", options.path,
+            "simple (sub-pixel contours), radial, fast, complex (edge-based) or hand (strong edges); without it, "
+            "the settings decide")
         ->transform(CLI::CheckedTransformer(kPaths))
-        ->option_text("simple|radial|fast|complex");
+        ->option_text("simple|radial|fast|complex|hand");
     command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
     command->add_option("--eye", options.eye, "whose calibration counts; left without it")
         ->transform(CLI::CheckedTransformer(kEyes))
         ->option_text("left|right");
     command->add_option("--calibration", options.calibration, "YAML file with M1, D1 (left) and M2, D2 (right)");
+}
+
+void addExtract(CLI::App& app, ExtractOptions& options) {
+    CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
+    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
+    addSearch(command, options);
     command->add_option("--csv", options.csv, "write the markers as a table");
     command->add_option("--overlay", options.overlay, "draw the markers; of several images, as FILE-<image>.png")
         ->option_text("FILE.png");
     command->footer(kExtractNotes);
+}
+
+constexpr const char* kExplainNotes =
+    "Lists every candidate that the front end of the path delivered: place and size of its contour in pixels of the "
+    "full\n"
+    "image as it was taken, and either the marker that it is, under its id as extract gives it, or the gate that "
+    "refused\n"
+    "it, the value measured and what the settings want. Values are those of the gate: path simple with scale above 1\n"
+    "measures in the reduced image. Of a gate that refused more than 200, the table and the labels of the picture "
+    "tell\n"
+    "only the count; the CSV lists all, with the last fitted ellipse where there is one, in the pixels of extract.\n"
+    "Picture: markers green with their id, all else in the colour of its gate with # and its number in the table.\n"
+    "What the front end never delivered is not listed: no edge, no contour, no candidate. Paths fast and hand keep no\n"
+    "account.\n"
+    "Exit code: 0, 1 if the image could not be handled, 2 if nothing was begun.";
+
+void addExplain(CLI::App& app, ExplainOptions& options) {
+    CLI::App* command = app.add_subcommand("explain", "Tell of every candidate why it is a marker or not");
+    command->add_option("IMAGE", options.image, "8-bit image, grey or colour")->required();
+    addSearch(command, options);
+    command->add_option("--out", options.out, "draw the candidates")->option_text("FILE.png");
+    command->add_option("--csv", options.csv, "write all candidates as a table");
+    command->footer(kExplainNotes);
+}
+
+constexpr const char* kDepthNotes =
+    "Depth is interpolated between the four pixels about each centre, and the point is the one at that depth behind "
+    "the\n"
+    "centre, in the camera's frame (x right, y down, z away). DEPTH is of the size of IMAGE and in the same pixels, "
+    "those\n"
+    "of the camera matrix without lens distortion: with skipUndistort false the centres are, though IMAGE is not.\n"
+    "32-bit float TIFF or EXR, or 16-bit PNG; 0, negative and not finite values are no depth. A marker is dropped "
+    "where\n"
+    "one of the four pixels has none or is missing.\n"
+    "CSV: one row for each marker that is left, with its id as extract gives it.\n"
+    "Exit code: 0, 1 if an image could not be handled, 2 if nothing was begun.";
+
+void addDepth(CLI::App& app, DepthOptions& options) {
+    CLI::App* command = app.add_subcommand("depth", "Place the markers of an image in space by a depth image");
+    command->add_option("IMAGE", options.image, "8-bit image, grey or colour")->required();
+    command->add_option("DEPTH", options.depth, "z of each pixel, 0 where there is none")->required();
+    addSearch(command, options);
+    command->get_option("--calibration")->required();
+    command->add_option("--csv", options.csv, "write the points as a table")->required();
+    command
+        ->add_option("--depth-scale", options.depthScale,
+                     "multiplies the depth image: 0.001 makes metres of whole millimetres; 1 without it")
+        ->check(CLI::PositiveNumber);
+    command->footer(kDepthNotes);
+}
+
+constexpr const char* kMatchNotes =
+    "Lists: CSV with a header row that names x and y, as extract writes them for one image each; ids are those of the\n"
+    "column id or, without one, row numbers from 0. Coordinates are pixels without lens distortion (extract with\n"
+    "skipUndistort false). A marker's partner lies within 1.5 px of its epipolar line. Those that are each other's "
+    "only\n"
+    "candidate stand first in the result; the others are settled by their distances to these, and can be wrong.\n"
+    "CSV: one row a pair, with ids, pixels and the point in the left camera's frame (x right, y down, z away), in the\n"
+    "unit of the calibration's positions.\n"
+    "Exit code: 0 if there are pairs, 1 if there are none, 2 if nothing was begun.";
+
+void addMatch(CLI::App& app, MatchOptions& options) {
+    CLI::App* command =
+        app.add_subcommand("match", "Pair two lists of markers by epipolar lines and place them in space");
+    command->add_option("LEFT", options.left, "markers of the left eye, CSV")->required();
+    command->add_option("RIGHT", options.right, "those of the right eye")->required();
+    command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
+        ->required();
+    command->add_option("--fundamental", options.fundamental,
+                        "YAML file with a 3 by 3 matrix F, x'^T F x = 0 for x left and x' right; without it, that of "
+                        "the calibration");
+    command->add_option("--csv", options.csv, "write the pairs as a table")->required();
+    command->footer(kMatchNotes);
 }
 
 constexpr const char* kStereoNotes =
@@ -126,6 +211,12 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     ExtractOptions extract;
     addExtract(app, extract);
+    ExplainOptions explain;
+    addExplain(app, explain);
+    DepthOptions depth;
+    addDepth(app, depth);
+    MatchOptions match;
+    addMatch(app, match);
     StereoOptions stereo;
     addStereo(app, stereo);
     DemoOptions demo;
@@ -139,6 +230,9 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? kSuccess : kWrongInput;
     }
     if (app.got_subcommand("extract")) return runExtract(extract);
+    if (app.got_subcommand("explain")) return runExplain(explain);
+    if (app.got_subcommand("depth")) return runDepth(depth);
+    if (app.got_subcommand("match")) return runMatch(match);
     if (app.got_subcommand("stereo")) return runStereo(stereo);
     if (app.got_subcommand("demo")) return runDemo(demo);
     return runSettings(files);

@@ -14,39 +14,26 @@ namespace {
 
 constexpr double kNotMeasured = std::numeric_limits<double>::quiet_NaN();
 
-/// Maps the pixels of an image reduced by `cv::resize` back to those of the full image. The two agree at the outer
-/// edges of the image, not at the centres of the first pixels.
-struct Enlargement {
-    double x = 1, y = 1;
-
-    cv::Point2d point(cv::Point2d p) const { return {(p.x + 0.5) * x - 0.5, (p.y + 0.5) * y - 0.5}; }
-
-    /// Both factors differ only by the columns or rows that the division cut off.
-    double length(double l) const { return l * std::sqrt(x * y); }
-
-    /// The matrix of the camera that takes the reduced image.
-    cv::Mat reduced(const cv::Mat& matrix) const {
-        cv::Mat small = matrix.clone();
-        small.row(0) /= x;
-        small.row(1) /= y;
-        small.at<double>(0, 2) = (matrix.at<double>(0, 2) + 0.5) / x - 0.5;
-        small.at<double>(1, 2) = (matrix.at<double>(1, 2) + 0.5) / y - 0.5;
-        return small;
-    }
-};
-
-/// The sub-pixel path alone answers in pixels of the reduced image.
-Enlargement enlargementOf(const cv::Mat& image, const Settings& settings) {
-    const int scale = settings.configs.scale;
-    const int columns = image.cols / scale, rows = image.rows / scale;
-    if (settings.path != Path::simple || columns == 0 || rows == 0) return {};
-    return {static_cast<double>(image.cols) / columns, static_cast<double>(image.rows) / rows};
+/// The matrix of the camera that takes the reduced image.
+cv::Mat reduced(const cv::Mat& matrix, const Enlargement& enlarge) {
+    cv::Mat small = matrix.clone();
+    small.row(0) /= enlarge.x;
+    small.row(1) /= enlarge.y;
+    small.at<double>(0, 2) = (matrix.at<double>(0, 2) + 0.5) / enlarge.x - 0.5;
+    small.at<double>(1, 2) = (matrix.at<double>(1, 2) + 0.5) / enlarge.y - 0.5;
+    return small;
 }
 
 Marker makeMarker(int id, const Corner& corner) {
     return {id,           {corner.x, corner.y}, kNotMeasured,        kNotMeasured,
             kNotMeasured, corner.area,          corner.eccentricity, kNotMeasured,
             kNotMeasured, kNotMeasured,         Polarity::unknown};
+}
+
+void setRim(Marker& marker, const Rim& rim) {
+    marker.majorHalfAxis = rim.majorHalfAxis;
+    marker.minorHalfAxis = rim.minorHalfAxis;
+    marker.angle = rim.angle;
 }
 
 /// What the edge-based path leaves to be read off the ellipse and the image.
@@ -71,13 +58,26 @@ std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& im
     return markers;
 }
 
+std::vector<Marker> findByHand(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
+                               const CicrleConfigs& configs) {
+    cv::Mat colour = image;  // the only kind that the path takes
+    if (image.channels() == 1) cv::cvtColor(image, colour, cv::COLOR_GRAY2BGR);
+    std::vector<Corner> corners;
+    extractor.CircleExtractSimpleForHand(colour, corners, eye, configs);
+    std::vector<Marker> markers;
+    for (const Corner& corner : corners) {
+        markers.push_back(makeMarker(static_cast<int>(markers.size()), corner));
+        // The record tells no axes, but the contour that they were fitted to.
+        setRim(markers.back(), rimOf(cv::fitEllipse(corner.contour), {}));
+        markers.back().fitError = corner.fitError;
+    }
+    return markers;
+}
+
 std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                                    const Camera& camera, const Settings& settings) {
     const Enlargement enlarge = enlargementOf(image, settings);
-    if (deliversUndistorted(settings)) {
-        (eye == 0 ? extractor.leftIntrinsic : extractor.rightIntrinsic) = enlarge.reduced(camera.matrix);
-        (eye == 0 ? extractor.leftDistortion : extractor.rightDistortion) = camera.distortion;
-    }
+    setCamera(extractor, eye, camera, enlarge, settings);
     const bool complex = settings.path == Path::complex;
     std::vector<Corner> corners;
     if (complex)
@@ -89,12 +89,9 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
     for (std::size_t i = 0; i < corners.size(); ++i) {
         const Corner& corner = corners[i];
         const cv::RotatedRect& rect = extractor.markerRects[i];
-        const bool wide = rect.size.width >= rect.size.height;
         Marker marker = makeMarker(corner.id, corner);
-        marker.centre = enlarge.point(marker.centre);
-        marker.majorHalfAxis = enlarge.length(0.5 * std::max(rect.size.width, rect.size.height));
-        marker.minorHalfAxis = enlarge.length(0.5 * std::min(rect.size.width, rect.size.height));
-        marker.angle = std::fmod(rect.angle + (wide ? 360.0 : 450.0), 180.0);
+        setRim(marker, rimOf(rect, enlarge));
+        marker.centre = enlarge.point({corner.x, corner.y});
         marker.area *= enlarge.x * enlarge.y;
         if (!complex) marker.circularity = corner.circularity;
         if (settings.path == Path::simple) marker.fitError = enlarge.length(corner.fitError);
@@ -107,13 +104,43 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
 
 }  // namespace
 
+bool canUndistort(Path path) {
+    return path != Path::fast && path != Path::hand;
+}
+
 bool deliversUndistorted(const Settings& settings) {
-    return settings.path != Path::fast && !settings.configs.skipUndistort;
+    return canUndistort(settings.path) && !settings.configs.skipUndistort;
+}
+
+double Enlargement::length(double l) const {
+    return l * std::sqrt(x * y);
+}
+
+Enlargement enlargementOf(const cv::Mat& image, const Settings& settings) {
+    const int scale = settings.configs.scale;
+    const int columns = image.cols / scale, rows = image.rows / scale;
+    if (settings.path != Path::simple || columns == 0 || rows == 0) return {};
+    return {static_cast<double>(image.cols) / columns, static_cast<double>(image.rows) / rows};
+}
+
+void setCamera(CircleMarkerExtractor& extractor, int eye, const Camera& camera, const Enlargement& enlarge,
+               const Settings& settings) {
+    if (!deliversUndistorted(settings)) return;
+    (eye == 0 ? extractor.leftIntrinsic : extractor.rightIntrinsic) = reduced(camera.matrix, enlarge);
+    (eye == 0 ? extractor.leftDistortion : extractor.rightDistortion) = camera.distortion;
+}
+
+Rim rimOf(const cv::RotatedRect& ellipse, const Enlargement& enlarge) {
+    const bool wide = ellipse.size.width >= ellipse.size.height;
+    return {enlarge.point(ellipse.center), enlarge.length(0.5 * std::max(ellipse.size.width, ellipse.size.height)),
+            enlarge.length(0.5 * std::min(ellipse.size.width, ellipse.size.height)),
+            std::fmod(ellipse.angle + (wide ? 360.0 : 450.0), 180.0)};
 }
 
 std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
                                 const Settings& settings) {
     if (settings.path == Path::fast) return findFast(extractor, image, eye, settings.configs);
+    if (settings.path == Path::hand) return findByHand(extractor, image, eye, settings.configs);
     return findByContours(extractor, image, eye, camera, settings);
 }
 

@@ -25,14 +25,43 @@ struct Marker {
     double angle;          ///< of the major axis to the x axis, degrees in [0, 180); not from the fast path
     double area;           ///< px^2: product of the full axes, from the fast path the contour's area
     double eccentricity;   ///< from the fast path only with `enableEccentricityFilter`
-    double circularity;    ///< not from the fast and the edge-based path
-    double fitError;       ///< px; simple path only
+    double circularity;    ///< simple and radial path only
+    double fitError;       ///< px; simple and hand path only
     double fitResidual;    ///< radial and edge-based path only
     Polarity polarity;     ///< edge-based path only; the others take one kind of marker
 };
 
+/// False for a path that measures in the image as it is, whatever the settings say.
+bool canUndistort(Path path);
+
 /// True where the markers' coordinates are those of an image without lens distortion.
 bool deliversUndistorted(const Settings& settings);
+
+/// Maps the pixels of an image reduced by `cv::resize` back to those of the full image. The two agree at the outer
+/// edges of the image, not at the centres of the first pixels.
+struct Enlargement {
+    double x = 1, y = 1;
+
+    cv::Point2d point(cv::Point2d p) const { return {(p.x + 0.5) * x - 0.5, (p.y + 0.5) * y - 0.5}; }
+
+    /// Both factors differ only by the columns or rows that the division cut off.
+    double length(double l) const;
+};
+
+/// From the pixels in which the path answers to those of the image: the sub-pixel path alone answers in pixels of the
+/// reduced image.
+Enlargement enlargementOf(const cv::Mat& image, const Settings& settings);
+
+/// Gives the extractor what the path needs to take the lens's distortion out; nothing where it need not.
+void setCamera(CircleMarkerExtractor& extractor, int eye, const Camera& camera, const Enlargement& enlarge,
+               const Settings& settings);
+
+/// A fitted ellipse as this program shows it.
+struct Rim {
+    cv::Point2d centre;                          ///< px of the full image
+    double majorHalfAxis, minorHalfAxis, angle;  ///< px; degrees in [0, 180)
+};
+Rim rimOf(const cv::RotatedRect& ellipse, const Enlargement& enlarge);
 
 /// Extracts the markers of one image and maps them to full-image pixels.
 ///

@@ -40,6 +40,8 @@ constexpr int kLabelGap = 3;
 constexpr double kSmallestArm = 4, kLargestArm = 12;
 // Degrees from one dash to the next, two thirds of them drawn.
 constexpr int kDashStep = 30, kDash = 20;
+// Points of an outline farther apart than this, in pixels of the image, are no neighbours on one contour.
+constexpr double kLargestStep = 3;
 
 const cv::Scalar kDark(16, 16, 16);
 const cv::Scalar kBanner(48, 40, 36);
@@ -52,7 +54,7 @@ struct Style {
 };
 
 const Style& styleOf(MarkKind kind) {
-    static const std::array<Style, 7> kStyles = {
+    static const std::array<Style, 8> kStyles = {
         Style{"found", {120, 255, 60}, {255, 80, 255}},
         Style{"missed", {0, 170, 255}, {0, 170, 255}},
         Style{"false", {60, 60, 255}, {60, 60, 255}},
@@ -60,6 +62,7 @@ const Style& styleOf(MarkKind kind) {
         Style{"without a partner", {160, 160, 160}, {160, 160, 160}},
         Style{"bright", {120, 255, 60}, {255, 80, 255}},
         Style{"dark", {255, 220, 60}, {255, 80, 255}},
+        Style{"refused", {160, 160, 160}, {160, 160, 160}},
     };
     return kStyles[static_cast<std::size_t>(kind)];
 }
@@ -73,11 +76,13 @@ cv::Point fixedPoint(cv::Point2d p) {
     return {cvRound(p.x * kOne), cvRound(p.y * kOne)};
 }
 
-/// The enlargement at which nine of ten marks are legible, as far as the picture's size allows.
+/// The enlargement at which nine of ten marks are legible, as far as the picture's size allows. What was refused need
+/// not be: much of it is specks.
 int zoomFor(cv::Size size, const std::vector<Mark>& marks) {
     std::vector<double> radii;
     radii.reserve(marks.size());
-    for (const Mark& mark : marks) radii.push_back(std::max(mark.minorHalfAxis, 1.0));
+    for (const Mark& mark : marks)
+        if (mark.kind != MarkKind::refused) radii.push_back(std::max(mark.minorHalfAxis, 1.0));
     int zoom = (kLeastWidth + size.width - 1) / size.width;
     if (!radii.empty()) {
         const auto tenth = radii.begin() + static_cast<std::ptrdiff_t>(radii.size() / 10);
@@ -87,8 +92,12 @@ int zoomFor(cv::Size size, const std::vector<Mark>& marks) {
     return std::clamp(zoom, 1, std::max(1, kLargestSide / std::max(size.width, size.height)));
 }
 
+cv::Point2d enlarged(cv::Point2d p, int zoom) {
+    return {(p.x + 0.5) * zoom - 0.5, (p.y + 0.5) * zoom - 0.5};
+}
+
 Mark enlarged(Mark mark, int zoom) {
-    mark.centre = {(mark.centre.x + 0.5) * zoom - 0.5, (mark.centre.y + 0.5) * zoom - 0.5};
+    mark.centre = enlarged(mark.centre, zoom);
     mark.majorHalfAxis *= zoom;
     mark.minorHalfAxis *= zoom;
     return mark;
@@ -101,7 +110,24 @@ void drawTwice(const cv::Scalar& colour, int thickness, const Draw& draw) {
     draw(colour, thickness);
 }
 
-void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle) {
+/// Straight lines between neighbours, the last point and the first being such, and a dot for each point without one.
+void drawOutline(cv::Mat& canvas, const Mark& mark, int zoom, int thickness) {
+    drawTwice(colourOf(mark), thickness, [&](const cv::Scalar& colour, int width) {
+        for (std::size_t i = 0; i < mark.outline.size(); ++i) {
+            const cv::Point2d from = mark.outline[i], to = mark.outline[(i + 1) % mark.outline.size()];
+            const cv::Point start = fixedPoint(enlarged(from, zoom));
+            const bool near = cv::norm(to - from) <= kLargestStep;
+            cv::line(canvas, start, near ? fixedPoint(enlarged(to, zoom)) : start, colour, width, cv::LINE_AA,
+                     kFractionBits);
+        }
+    });
+}
+
+void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle, int zoom = 1) {
+    if (!mark.outline.empty()) {
+        drawOutline(canvas, mark, zoom, std::max(1, markStyle.rim - (mark.kind == MarkKind::refused ? 1 : 0)));
+        return;
+    }
     const Style& style = styleOf(mark.kind);
     const bool good = mark.kind != MarkKind::missed && mark.kind != MarkKind::wrong && mark.kind != MarkKind::unmatched;
     const int thickness = good && mark.minorHalfAxis < kThinRadius ? markStyle.rim / 2 : markStyle.rim;
@@ -180,24 +206,55 @@ double bannerScale(int width) {
     return std::max(1.0, static_cast<double>(width) / kWidthPerBanner);
 }
 
-void drawBanner(cv::Mat banner, const std::string& title, const Legend& legend) {
-    banner.setTo(kBanner);
-    const double scale = bannerScale(banner.cols);
-    const int middle = banner.rows / 2, thickness = cvRound(2 * scale);
-    int x = middle;
-    const auto write = [&](const std::string& text) {
+/// A text of the banner and where it stands.
+struct BannerItem {
+    std::string text;
+    const LegendEntry* entry = nullptr;  ///< whose sign stands before the text; none before the title
+    int x = 0, line = 0;
+};
+
+/// The title and the legend, from left to right in as many lines as they need.
+std::vector<BannerItem> layOutBanner(int width, const std::string& title, const Legend& legend) {
+    std::vector<BannerItem> items = {{title}};
+    for (const LegendEntry& entry : legend) {
+        const std::string name = entry.name.empty() ? styleOf(entry.kind).name : entry.name;
+        items.push_back({fmt::format("{} {}", entry.count, name), &entry});
+    }
+    const double scale = bannerScale(width);
+    const int gap = cvRound(kBannerHeight * scale) / 2;
+    int x = gap, line = 0;
+    for (BannerItem& item : items) {
         int baseline = 0;
-        const cv::Size size = cv::getTextSize(text, kFont, kBannerTextScale * scale, thickness, &baseline);
-        cv::putText(banner, text, {x, middle + size.height / 2}, kFont, kBannerTextScale * scale, kBannerText,
+        const int sign = item.entry == nullptr ? 0 : cvRound(3 * kLegibleRadius * scale);
+        const int needed =
+            sign + cv::getTextSize(item.text, kFont, kBannerTextScale * scale, cvRound(2 * scale), &baseline).width;
+        if (x > gap && x + needed + gap > width) {
+            x = gap;
+            ++line;
+        }
+        item.x = x;
+        item.line = line;
+        x += needed + gap;
+    }
+    return items;
+}
+
+void drawBanner(cv::Mat banner, const std::vector<BannerItem>& items) {
+    banner.setTo(kBanner);
+    const double scale = bannerScale(banner.cols), swatch = kLegibleRadius * scale;
+    const int height = banner.rows / (items.back().line + 1), thickness = cvRound(2 * scale);
+    for (const BannerItem& item : items) {
+        const int middle = item.line * height + height / 2;
+        int x = item.x, baseline = 0;
+        if (item.entry != nullptr) {
+            drawMark(banner,
+                     {item.entry->kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0, item.entry->colour},
+                     {});
+            x += cvRound(3 * swatch);
+        }
+        const cv::Size size = cv::getTextSize(item.text, kFont, kBannerTextScale * scale, thickness, &baseline);
+        cv::putText(banner, item.text, {x, middle + size.height / 2}, kFont, kBannerTextScale * scale, kBannerText,
                     thickness, cv::LINE_AA);
-        x += size.width + middle;
-    };
-    write(title);
-    for (const auto& [kind, count] : legend) {
-        const double swatch = kLegibleRadius * scale;
-        drawMark(banner, {kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0}, {});
-        x += cvRound(3 * swatch);
-        write(fmt::format("{} {}", count, styleOf(kind).name));
     }
 }
 
@@ -230,15 +287,19 @@ Legend foundLegend(const std::vector<Mark>& marks) {
     Legend legend;
     for (const MarkKind kind : {MarkKind::bright, MarkKind::dark, MarkKind::found}) {
         const auto count = static_cast<std::size_t>(std::ranges::count(marks, kind, &Mark::kind));
-        if (count > 0 || (kind == MarkKind::found && legend.empty())) legend.emplace_back(kind, count);
+        if (count > 0 || (kind == MarkKind::found && legend.empty())) legend.push_back({kind, count});
     }
     return legend;
 }
 
 cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
-                    const Legend& legend, const MarkStyle& style) {
+                    const Legend& legend, const MarkStyle& markStyle) {
     const int zoom = zoomFor(image.size(), marks);
-    const int bannerHeight = cvRound(kBannerHeight * bannerScale(image.cols * zoom));
+    const double growth = markStyle.growing ? bannerScale(image.cols * zoom) : 1;
+    const MarkStyle style{std::max(1, cvRound(markStyle.rim * growth)), markStyle.leastText * growth,
+                          std::max(1, cvRound(markStyle.text * growth))};
+    const std::vector<BannerItem> banner = layOutBanner(image.cols * zoom, title, legend);
+    const int bannerHeight = cvRound(kBannerHeight * bannerScale(image.cols * zoom)) * (banner.back().line + 1);
     cv::Mat picture(image.rows * zoom + bannerHeight, image.cols * zoom, CV_8UC3);
     cv::Mat colour;
     if (image.channels() == 1)
@@ -251,9 +312,12 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
     std::vector<Mark> large;
     large.reserve(marks.size());
     for (const Mark& mark : marks) large.push_back(enlarged(mark, zoom));
-    for (const Mark& mark : large) drawMark(canvas, mark, style);
+    for (const bool above : {false, true}) {
+        for (const Mark& mark : large)
+            if (above == (mark.kind != MarkKind::refused)) drawMark(canvas, mark, style, zoom);
+    }
     drawLabels(canvas, large, style);
-    drawBanner(picture.rowRange(0, bannerHeight), title, legend);
+    drawBanner(picture.rowRange(0, bannerHeight), banner);
     return picture;
 }
 

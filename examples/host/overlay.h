@@ -7,7 +7,6 @@
 #include <opencv2/core.hpp>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "markers.h"
@@ -22,6 +21,7 @@ enum class MarkKind {
     unmatched,  ///< a detection without a partner in the other eye
     bright,     ///< found, and brighter than its ground
     dark,       ///< found, and darker than its ground: drawn dashed
+    refused,    ///< a candidate that is no marker: drawn below the others
 };
 
 /// An ellipse to draw, in pixels of the image.
@@ -34,10 +34,18 @@ struct Mark {
     double angle;                        ///< of the major axis to the x axis, degrees
     std::optional<cv::Scalar> colour{};  ///< BGR, in place of that of the kind
     bool dashed = false;                 ///< whatever the kind
+    /// Drawn in place of the ellipse, which still says how large the mark is: lines between points that are near.
+    std::vector<cv::Point2f> outline{};
 };
 
 /// What the banner tells of each kind.
-using Legend = std::vector<std::pair<MarkKind, std::size_t>>;
+struct LegendEntry {
+    MarkKind kind;
+    std::size_t count;
+    std::string name{};                  ///< in place of that of the kind
+    std::optional<cv::Scalar> colour{};  ///< BGR, in place of that of the kind
+};
+using Legend = std::vector<LegendEntry>;
 
 /// How many of the marks are found, by polarity where that is known.
 Legend foundLegend(const std::vector<Mark>& marks);
@@ -53,6 +61,7 @@ struct MarkStyle {
     int rim = 2;             ///< width of an ellipse, px of the picture
     double leastText = 0.5;  ///< scale of the smallest label
     int text = 1;            ///< width of its strokes, px
+    bool growing = false;    ///< all three grow with the picture, like the banner
 };
 
 /// Draws the marks on an enlarged copy of `image` (`CV_8UC1` or `CV_8UC3`) under a banner with `title` and `legend`.

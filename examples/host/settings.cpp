@@ -44,21 +44,24 @@ using C = CicrleConfigs;
 
 // In the order of the record. Reading, checking and the documentation all go through this one table.
 const std::array kFields = {
-    Field{"enableAreaFilter", &C::enableAreaFilter, 0, 0, "fast: apply the area gate (simple and radial always do)"},
+    Field{"enableAreaFilter", &C::enableAreaFilter, 0, 0,
+          "fast: apply the area gate (simple, radial and hand always do)"},
     Field{"minArea", &C::minArea, 0, kLargest, "not edge-based: least contour area, px^2"},
     Field{"maxArea", &C::maxArea, 0, kLargest, "not edge-based: largest contour area, px^2"},
     Field{"minContourSize", &C::minContourSize, 0, 1e9,
           "simple: least contour length, px; radial: least blob area in the reduced image, px^2"},
-    Field{"enableCircularityFilter", &C::enableCircularityFilter, 0, 0, "not edge-based: apply the circularity gate"},
-    Field{"minCircularity", &C::minCircularity, 0, 10, "not edge-based: least 4 pi area / perimeter^2"},
-    Field{"maxCircularity", &C::maxCircularity, 0, 10, "not edge-based: 4 pi area / perimeter^2 stays below this"},
-    Field{"enableConvexityFilter", &C::enableConvexityFilter, 0, 0, "not edge-based: apply the hull gate"},
-    Field{"maxConvexRatio", &C::maxConvexRatio, 0, 10, "not edge-based: largest contour area / hull area"},
-    Field{"minConvexRatio", &C::minConvexRatio, 0, 10, "not edge-based: least contour area / hull area"},
+    Field{"enableCircularityFilter", &C::enableCircularityFilter, 0, 0,
+          "simple, radial, fast: apply the circularity gate"},
+    Field{"minCircularity", &C::minCircularity, 0, 10, "simple, radial, fast: least 4 pi area / perimeter^2"},
+    Field{"maxCircularity", &C::maxCircularity, 0, 10,
+          "simple, radial, fast: 4 pi area / perimeter^2 stays below this"},
+    Field{"enableConvexityFilter", &C::enableConvexityFilter, 0, 0, "simple, radial, fast: apply the hull gate"},
+    Field{"maxConvexRatio", &C::maxConvexRatio, 0, 10, "simple, radial, fast: largest contour area / hull area"},
+    Field{"minConvexRatio", &C::minConvexRatio, 0, 10, "simple, radial, fast: least contour area / hull area"},
     Field{"enableEccentricityFilter", &C::enableEccentricityFilter, 0, 0,
-          "fast: apply the eccentricity gate (simple and radial always do)"},
+          "fast: apply the eccentricity gate (simple, radial and hand always do)"},
     Field{"maxEccentricity", &C::maxEccentricity, 0, 1, "not edge-based: largest sqrt(a^2 - b^2) / a"},
-    Field{"maxFitError", &C::maxFitError, 0, kLargest, "simple: largest RMS distance from the ellipse, px"},
+    Field{"maxFitError", &C::maxFitError, 0, kLargest, "simple, hand: largest RMS distance from the ellipse, px"},
     Field{"maxPointError", &C::maxPointError, 0, kLargest,
           "simple: a larger RMS passes if no point is farther away than this, px"},
     Field{"markerName", &C::markerName, 0, 0, "name of the kind of marker, free text"},
@@ -111,16 +114,16 @@ const std::array kFields = {
 /// What the range of one field cannot say.
 struct Rule {
     std::array<const char*, 2> fields;  ///< the second may be null
-    std::array<bool, 4> paths;          ///< where it counts, by `Path`
+    std::array<bool, 5> paths;          ///< where it counts, by `Path`
     bool (*holds)(const CicrleConfigs&);
     const char* wanted;
 };
 
-constexpr std::array<bool, 4> kEverywhere{true, true, true, true};
-constexpr std::array<bool, 4> kOnlySimple{true, false, false, false};
-constexpr std::array<bool, 4> kOnlyRadial{false, true, false, false};
-constexpr std::array<bool, 4> kOnlyComplex{false, false, false, true};
-constexpr std::array<bool, 4> kAdaptive{false, true, false, true};  ///< those with an adaptive threshold
+constexpr std::array<bool, 5> kEverywhere{true, true, true, true, true};
+constexpr std::array<bool, 5> kOnlySimple{true, false, false, false, false};
+constexpr std::array<bool, 5> kOnlyRadial{false, true, false, false, false};
+constexpr std::array<bool, 5> kOnlyComplex{false, false, false, true, false};
+constexpr std::array<bool, 5> kAdaptive{false, true, false, true, false};  ///< those with an adaptive threshold
 
 constexpr std::array kRules = {
     Rule{{"minArea", "maxArea"}, kEverywhere, [](const C& c) { return c.minArea <= c.maxArea; }, "wanted: min <= max"},
@@ -331,7 +334,7 @@ std::string joinLines(const std::vector<std::string>& lines) {
 }  // namespace
 
 const char* nameOf(Path path) {
-    static constexpr std::array kNames = {"simple", "radial", "fast", "complex"};
+    static constexpr std::array kNames = {"simple", "radial", "fast", "complex", "hand"};
     return kNames[static_cast<std::size_t>(path)];
 }
 

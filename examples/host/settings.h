@@ -19,6 +19,7 @@ enum class Path {
     radial,   ///< radial contours
     fast,     ///< fixed threshold
     complex,  ///< edge-based: markers brighter and darker than their ground at once
+    hand,     ///< edges with fixed thresholds
 };
 
 const char* nameOf(Path path);

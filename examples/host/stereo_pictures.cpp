@@ -80,12 +80,12 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
     Legend legend = {{MarkKind::paired, result.markers.size() - wrong.size()}};
     const auto dark =
         std::ranges::count_if(result.markers, [](const auto& m) { return m.polarity[0] == Polarity::dark; });
-    if (dark > 0) legend.emplace_back(MarkKind::dark, static_cast<std::size_t>(dark));
+    if (dark > 0) legend.push_back({MarkKind::dark, static_cast<std::size_t>(dark)});
     if (againstTruth) {
-        legend.emplace_back(MarkKind::missed, missed[0].size());
-        legend.emplace_back(MarkKind::wrong, wrong.size());
+        legend.push_back({MarkKind::missed, missed[0].size()});
+        legend.push_back({MarkKind::wrong, wrong.size()});
     }
-    legend.emplace_back(MarkKind::unmatched, result.unmatched[0].size() + result.unmatched[1].size());
+    legend.push_back({MarkKind::unmatched, result.unmatched[0].size() + result.unmatched[1].size()});
     return drawOverlay(both, marks, title, legend, kPairStyle);
 }
 

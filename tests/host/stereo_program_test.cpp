@@ -98,6 +98,82 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     EXPECT_EQ(part["exposures"].size(), readRows(at + "t.csv").size());
 }
 
+/// Points in space to two lists in different orders, back to pairs and points; and lists that are none.
+TEST(HostStereo, MatchesProjectedLists) {
+    const std::string at = testing::TempDir() + "kestrune-match-test-";
+    const scene::Rig rig = scene::makeVergedRig({800, 640});
+    writeCalibration(at + "rig.yaml",
+                     {{test::poseOf(rig.left), test::poseOf(rig.right)}, {test::cameraOf(rig.left), test::cameraOf(rig.right)}, {800, 640}, 0});
+    const std::vector<scene::Disc> discs = scene::makeCurvedObject(rig, 30, 2, 3, 200, 7);
+    std::string lists[2] = {"image,id,x,y\r\n", "y,note,x\n"};
+    for (std::size_t k = 0; k < discs.size(); ++k) {
+        std::ostringstream rows[2];
+        for (int eye = 0; eye < 2; ++eye) {
+            scene::PinholeCamera camera = eye == 0 ? rig.left : rig.right;
+            camera.distortion = {};
+            const std::size_t index = eye == 0 ? k : discs.size() - 1 - k;
+            const cv::Point2d p = scene::projectPoint(camera, discs[index].centre);
+            rows[eye].precision(12);
+            if (eye == 0)
+                rows[0] << "\"a,b\"," << 100 + index << ',' << p.x << ", " << p.y << "\r\n";
+            else
+                rows[1] << p.y << ",\"say \"\"x\"\"\"," << p.x << "\n\n";
+            lists[eye] += rows[eye].str();
+        }
+    }
+    std::ofstream(at + "l.csv") << lists[0];
+    std::ofstream(at + "r.csv") << lists[1];
+    // [T]x R between two cameras whose first is the world, of any scale.
+    const cv::Vec3d t = rig.right.translation;
+    const cv::Matx33d f = -7 * (rig.right.intrinsic.inv().t() * cv::Matx33d(0, -t[2], t[1], t[2], 0, -t[0], -t[1], t[0], 0) * rig.right.rotation *
+                                rig.left.intrinsic.inv());
+    cv::FileStorage(at + "f.yaml", cv::FileStorage::WRITE).write("F", cv::Mat(f));
+    const std::string common = "match " + at + "l.csv " + at + "r.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv";
+    for (const std::string& fundamental : {std::string(), " --fundamental " + at + "f.yaml"}) {
+        const auto [code, output] = measure(common + fundamental);
+        EXPECT_EQ(code, 0) << output;
+        std::istringstream rows(readText(at + "p.csv"));
+        std::string row;
+        std::getline(rows, row);
+        std::size_t count = 0;
+        for (; std::getline(rows, row); ++count) {
+            std::replace(row.begin(), row.end(), ',', ' ');
+            double v[10] = {};
+            std::istringstream fields(row);
+            for (double& value : v) fields >> value;
+            EXPECT_TRUE(fields && fields.eof()) << row;
+            EXPECT_EQ(v[1] - 100, static_cast<double>(discs.size()) - 1 - v[2]) << row;
+            EXPECT_LT(cv::norm(cv::Vec3d(v[7], v[8], v[9]) - discs[static_cast<std::size_t>(v[1] - 100)].centre), 1e-4) << row;
+        }
+        EXPECT_EQ(count, discs.size()) << output;
+    }
+    struct Case {
+        const char* list;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"a,b\n1,2\n", "bad.csv: line 1: the header names no column 'x'"},
+        {"x,y\n1,2\n3;4\n", "bad.csv: line 3: 1 fields, the header names 2"},
+        {"x,y\n1,2\n1,2,3\n", "line 3: 3 fields"},
+        {"x,y\n\n1,2e\n", "line 3: field 'y': '2e' is no finite number"},
+        {"x,y\nnan,\n", "bad.csv: line 2: field 'y': '' is no finite number"},
+        {"x,y,id\n1,2,0.5\n", "line 2: field 'id': '0.5' is no whole number"},
+        {"x,y,image\n1,2,a\n1,2,b\n", "line 3: image 'b' after 'a'"},
+        {"x,y\n1,\"2\n", "line 2: a quote is not closed"},
+        {"\n", "holds no header row"},
+    };
+    for (const Case& c : cases) {
+        std::ofstream(at + "bad.csv") << c.list;
+        const auto [code, output] = measure("match " + at + "l.csv " + at + "bad.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv");
+        EXPECT_EQ(code, 2) << c.list;
+        EXPECT_NE(output.find(c.expected), std::string::npos) << output;
+    }
+    std::ofstream(at + "none.csv") << "x,y\n";
+    EXPECT_EQ(measure("match " + at + "l.csv " + at + "none.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv").first, 1);
+    const auto [code, output] = measure(common + " --fundamental " + at + "rig.yaml");
+    EXPECT_TRUE(code == 2 && output.find("field 'F' is missing") != std::string::npos) << output;
+}
+
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
 /// Loads the fields as a file; what is wrong with it, or nothing.

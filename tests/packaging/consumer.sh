@@ -22,6 +22,7 @@ fi
     -DREQUIRED_VERSION="$version"
 "$cmake" --build "$work/build"
 [[ $("$work/build/host") == "$expected" ]]
+"$work/build/every_operation"
 if "$cmake" -S "$host" -B "$work/refused" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DREQUIRED_VERSION="${version%%.*}.99"
 then
     exit 1  # a host that asks for a later version took this one

@@ -38,7 +38,7 @@ inspect "$runtime" 'libopencv-core[0-9]+[a-z0-9]* libopencv-calib3d[0-9]+[a-z0-9
 inspect libkestrune-markerextractor-dev "$runtime.exactly libopencv-dev.*libopencv-dev libeigen3-dev" \
     "$library" "${headers[@]}" usr/lib/pkgconfig/kestrune_MarkerExtractor.pc \
     "$config"{Config,ConfigVersion,Targets,Targets-release}.cmake
-inspect kestrune-tools "$runtime.exactly libopencv-core[0-9]+[a-z0-9]* libopencv-imgcodecs[0-9]+[a-z0-9]*" \
+inspect kestrune-tools "libopencv-core[0-9]+[a-z0-9]* libopencv-calib3d[0-9]+[a-z0-9]* libopencv-imgcodecs[0-9]+[a-z0-9]*" \
     usr/bin/kestrune-measure "${settings[@]}"
 
 control() { dpkg-deb --info "$work/packages/${runtime}_${version}_$arch.deb" "$1"; }

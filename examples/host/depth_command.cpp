@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <opencv2/imgcodecs.hpp>
+
+#include "commands.h"
+#include "csv.h"
+#include "inputs.h"
+#include "markers.h"
+
+namespace kestrune::host {
+namespace {
+
+/// The depth image as the library takes it: `CV_32FC1`, 0 where nothing was measured. Cameras say that in other ways as
+/// well, and any other value would count as a depth.
+cv::Mat readDepth(const std::string& file, double scale, cv::Size size) {
+    // Off unless asked for, since the format's reader was unsafe with files of strangers. Who names one asks for it.
+    if (std::filesystem::path(file).extension() == ".exr") ::setenv("OPENCV_IO_ENABLE_OPENEXR", "1", 0);
+    cv::Mat depth;
+    try {
+        depth = cv::imread(file, cv::IMREAD_UNCHANGED);
+    } catch (const cv::Exception& error) {
+        throw InputError(file, plainText(error));
+    }
+    if (depth.empty()) throw InputError(file, "cannot be read as an image");
+    if (depth.type() != CV_32FC1 && depth.type() != CV_16UC1)
+        throw InputError(file, fmt::format("is of type {}; a depth image is 32-bit float or 16-bit, of one channel",
+                                           cv::typeToString(depth.type())));
+    if (depth.size() != size)
+        throw InputError(
+            file, fmt::format("is {} by {}, the image {} by {}", depth.cols, depth.rows, size.width, size.height));
+    depth.convertTo(depth, CV_32F, scale);
+    for (auto it = depth.begin<float>(); it != depth.end<float>(); ++it)
+        if (!(*it > 0) || std::isinf(*it)) *it = 0;
+    return depth;
+}
+
+/// The markers' centres, with their ids in `matchIndex`, which no operation touches.
+std::vector<Corner> cornersOf(const std::vector<Marker>& markers) {
+    std::vector<Corner> corners(markers.size());
+    for (std::size_t i = 0; i < markers.size(); ++i) {
+        corners[i].matchIndex = markers[i].id;
+        corners[i].x = markers[i].centre.x;
+        corners[i].y = markers[i].centre.y;
+    }
+    return corners;
+}
+
+}  // namespace
+
+int runDepth(const DepthOptions& options) {
+    const Settings settings = loadSettings(options.settings, options.path);
+    const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    std::ofstream csv(options.csv);
+    if (!csv) throw InputError(options.csv, "cannot be written");
+    csv << "id,x,y,X,Y,Z\n";
+    try {
+        const cv::Mat image = readImage(options.image, options.invert);
+        cv::Mat depth = readDepth(options.depth, options.depthScale, image.size());
+        CircleMarkerExtractor extractor;
+        std::vector<Corner> corners = cornersOf(findMarkers(extractor, image, options.eye, camera, settings));
+        const std::size_t found = corners.size();
+        extractor.DetectFeaturePointsAndInterpolate_binocular(corners, depth, camera.matrix);
+        for (const Corner& c : corners) {
+            csv << c.matchIndex;
+            for (const double value : {c.x, c.y, c.position[0], c.position[1], c.position[2]})
+                csv << ',' << csvField(value);
+            csv << '\n';
+        }
+        fmt::print("{}: {} markers, {} with a depth, {} dropped\n", options.image, found, corners.size(),
+                   found - corners.size());
+    } catch (const InputError& error) {
+        complain(error.what());
+        return kPartlyFailed;
+    } catch (const std::exception& error) {
+        complain(options.image + ": " + plainText(error));
+        return kPartlyFailed;
+    }
+    const bool csvLost = !csv.flush();
+    if (csvLost) complain(options.csv + ": could not be written to its end");
+    return csvLost ? kPartlyFailed : kSuccess;
+}
+
+}  // namespace kestrune::host

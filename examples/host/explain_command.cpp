@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "commands.h"
+#include "explanation.h"
+#include "inputs.h"
+#include "overlay.h"
+
+namespace kestrune::host {
+
+int runExplain(const ExplainOptions& options) {
+    namespace fs = std::filesystem;
+    const Settings settings = loadSettings(options.settings, options.path);
+    requireExplainable(settings.path);
+    const Camera camera = loadCamera(options, settings);
+    if (!options.out.empty() && fs::path(options.out).extension() != ".png")
+        throw InputError(options.out, "a picture is written as .png");
+    std::ofstream csv;
+    if (!options.csv.empty()) {
+        csv.open(options.csv);
+        if (!csv) throw InputError(options.csv, "cannot be written");
+    }
+    try {
+        const cv::Mat image = readImage(options.image, options.invert);
+        CircleMarkerExtractor extractor;
+        const std::vector<Candidate> candidates = explainMarkers(extractor, image, options.eye, camera, settings);
+        if (csv.is_open()) writeExplanationCsv(csv, options.image, candidates);
+        const std::string title =
+            fmt::format("{}   path {}", fs::path(options.image).filename().string(), nameOf(settings.path));
+        fmt::print("{}\n{}", title, explanationTable(candidates));
+        if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title));
+    } catch (const InputError& error) {
+        complain(error.what());
+        return kPartlyFailed;
+    } catch (const std::exception& error) {
+        complain(options.image + ": " + plainText(error));
+        return kPartlyFailed;
+    }
+    const bool csvLost = csv.is_open() && !csv.flush();
+    if (csvLost) complain(options.csv + ": could not be written to its end");
+    return csvLost ? kPartlyFailed : kSuccess;
+}
+
+}  // namespace kestrune::host

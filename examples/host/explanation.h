@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Why was this no marker? Every candidate that the front end of a path delivered, with the gate that refused it, as a
+// table, as CSV and as a picture.
+#pragma once
+
+#include <kestrune/MarkerExtractor.h>
+
+#include <iosfwd>
+#include <opencv2/core.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "markers.h"
+
+namespace kestrune::host {
+
+struct Candidate {
+    int number;                        ///< place among all that were delivered
+    std::vector<cv::Point2f> contour;  ///< px of the full image, with the lens's distortion
+    cv::Rect2d box;                    ///< about the contour
+    std::optional<Rim> rim;            ///< last fit, as `findMarkers` shows it; none for a candidate refused before
+    std::string gate;                  ///< empty: a marker
+    double measured;                   ///< in the units of the settings; NaN where the gate measures nothing
+    std::string wanted;                ///< what the gate asks for, with the settings' names
+    int marker;                        ///< id of the marker that it is, or that took its place; -1: none
+};
+
+/// What became of the candidates, alike ones together.
+struct GateCount {
+    std::string gate;  ///< empty: markers
+    std::size_t count;
+    double least, largest;  ///< measured; NaN where the gate measures nothing
+    std::string wanted;
+};
+
+/// The candidates of one image in the order of the front end; the markers among them are those of `findMarkers`.
+///
+/// @throws InputError     for a path that delivers no candidates.
+/// @throws cv::Exception  from the library.
+std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
+                                      const Camera& camera, const Settings& settings);
+
+/// @throws InputError  unless the path can be explained.
+void requireExplainable(Path path);
+
+/// The markers first, if only to say that there are none, then the gates, those that refused most before the others.
+std::vector<GateCount> countGates(const std::vector<Candidate>& candidates);
+
+/// All candidates but those of gates that refused more than a reader can look at; then the counts.
+std::string explanationTable(const std::vector<Candidate>& candidates);
+
+/// All candidates.
+void writeExplanationCsv(std::ostream& stream, const std::string& image, const std::vector<Candidate>& candidates);
+
+/// The image as it was taken with the contours of all candidates. Markers are labelled with their id, what was refused
+/// with # and its number, but for gates that refused more than could be read, and for
+/// contours that coincide with a marker's.
+cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title);
+
+}  // namespace kestrune::host

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <fstream>
+
+#include "calibration.h"
+#include "commands.h"
+#include "corner_list.h"
+#include "csv.h"
+#include "inputs.h"
+
+namespace kestrune::host {
+namespace {
+
+/// The rig through the library's intake. Lists tell no image size, and the matching has no use for one: only the
+/// rectification depends on it.
+CircleMarkerExtractor loadRig(const std::string& file) {
+    StereoCalibration calibration = loadStereoCalibration(file);
+    if (calibration.size.empty()) calibration.size = {1, 1};
+    try {
+        return calibratedExtractor(calibration);
+    } catch (const cv::Exception& error) {
+        throw InputError(file, plainText(error));
+    }
+}
+
+cv::Mat loadFundamental(const std::string& file, CircleMarkerExtractor& rig) {
+    cv::Mat fundamental;
+    if (file.empty()) {
+        rig.CalcFoundationMat(rig.rotation, rig.translation, rig.leftIntrinsic, rig.rightIntrinsic, fundamental);
+        return fundamental;
+    }
+    const cv::FileStorage storage = parseYaml(file, readText(file));
+    try {
+        if (storage["F"].isMap()) storage["F"] >> fundamental;
+    } catch (const cv::Exception& error) {
+        throw InputError(file, "field 'F': " + plainText(error));
+    }
+    if (fundamental.size() != cv::Size(3, 3) || fundamental.channels() != 1)
+        throw InputError(file, "field 'F' is missing or is no matrix of 3 by 3");
+    fundamental.convertTo(fundamental, CV_64F);
+    if (!cv::checkRange(fundamental) || cv::countNonZero(fundamental) == 0)
+        throw InputError(file, "field 'F' is all 0 or holds a value that is no finite number");
+    return fundamental;
+}
+
+}  // namespace
+
+int runMatch(const MatchOptions& options) {
+    std::vector<Corner> left = readCorners(options.left), right = readCorners(options.right);
+    CircleMarkerExtractor rig = loadRig(options.calibration);
+    const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
+    std::ofstream csv(options.csv);
+    if (!csv) throw InputError(options.csv, "cannot be written");
+    cv::Mat relativePose;
+    cv::hconcat(rig.rotation, rig.translation, relativePose);
+
+    std::vector<Point3_<double>> points;
+    const auto pairs =
+        getStereoMarker3dPoints(left, right, relativePose, rig.leftIntrinsic, rig.rightIntrinsic, fundamental, points);
+    csv << "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z\n";
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        const Corner& a = left[static_cast<std::size_t>(pairs[k].first)];
+        const Corner& b = right[static_cast<std::size_t>(pairs[k].second)];
+        csv << k << ',' << a.matchIndex << ',' << b.matchIndex;
+        for (const double value : {a.x, a.y, b.x, b.y, points[k].x, points[k].y, points[k].z})
+            csv << ',' << csvField(value);
+        csv << '\n';
+    }
+    fmt::print("{} pairs of {} left and {} right markers\n", pairs.size(), left.size(), right.size());
+    const bool csvLost = !csv.flush();
+    if (csvLost) complain(options.csv + ": could not be written to its end");
+    return pairs.empty() || csvLost ? kPartlyFailed : kSuccess;
+}
+
+}  // namespace kestrune::host
