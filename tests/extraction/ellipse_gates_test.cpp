@@ -139,8 +139,8 @@ TEST(EllipseFitError, IsTheDistanceForACircleAndKeepsItsFarSideFactor) {
 
 TEST(AdmitMarker, SettlesRepetitions) {
     const std::tuple<const char*, double, double, double, std::size_t, double> cases[] = {
-        {"far away", 12, 0.9, 0.1, 2, 100},          {"at the half axis", 10, 0.9, 0.1, 2, 100}, {"near, rounder and better", 2, 0.9, 0.1, 1, 102},
-        {"near, only rounder", 2, 0.9, 0.3, 1, 100}, {"near, only better", 2, 0.7, 0.1, 1, 100}, {"the same centre", 0, 0.9, 0.1, 2, 100}};
+        {"far away", 12, 0.9, 0.1, 2, 100},          {"at the half axis", 10, 0.9, 0.1, 2, 100}, {"near, rounder and better", 8, 0.9, 0.1, 1, 108},
+        {"near, only rounder", 8, 0.9, 0.3, 1, 100}, {"near, only better", 8, 0.7, 0.1, 1, 100}, {"the same centre", 0, 0.9, 0.1, 2, 100}};
     for (const auto& [what, shift, roundness, error, count, keptX] : cases) {
         std::vector<Corner> corners;
         MarkerList markers{corners, {}, 0};

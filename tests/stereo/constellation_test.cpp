@@ -135,14 +135,14 @@ Scene makeScene(unsigned seed, int n, bool isGrid, double rivals, double truthSh
     for (int i = n - 1; i > 0; --i) std::swap(image[i], image[generator() % (i + 1)]);
     Records left(n), right(n);
     Pairs truth;
-    for (int i = 0, side = std::max(1, static_cast<int>(std::sqrt(n))); i < n; ++i) {
-        const double x = isGrid ? 60 * (i % side) : uniform(0, size), y = isGrid ? 60 * (i / side) : uniform(0, size / 6);
+    for (int i = 0, row = 0, side = std::max(1, static_cast<int>(std::sqrt(n))); i < n; row = ++i / side) {
+        const double x = isGrid ? 60 * (i % side) : uniform(0, size), y = isGrid ? 60 * row : uniform(0, size / 6);
         left[i] = at(x, y);
         right[image[i]] = isGrid ? at(x - 99, y) : at(.98 * x + .01 * y + uniform(-.3, .3), y + uniform(-.3, .3));
     }
     const auto link = [&](int i, int j) { left[i].matches.push_back(j), right[j].matches.push_back(i); };
     for (int i = 0; i < n; ++i) {
-        for (double more = uniform(0, 2 * rivals); more >= 1; --more) link(i, static_cast<int>(generator() % n));
+        for (int more = static_cast<int>(uniform(0, 2 * rivals)); more > 0; --more) link(i, static_cast<int>(generator() % n));
         if (uniform(0, 1) < truthShare) link(i, image[i]), truth.emplace_back(i, image[i]);
     }
     return {left, right, truth};

@@ -32,6 +32,19 @@ std::array<double, 6> conicOf(const cv::RotatedRect& rect) {
     return {A, B, C, D, E, F};
 }
 
+template <typename Point>
+double residualOf(const std::array<double, 6>& conic, const std::vector<Point>& points) {
+    const auto& [A, B, C, D, E, F] = conic;
+    double sum = 0;
+    for (const Point& point : points) {
+        const double x = point.x;
+        const double y = point.y;
+        const double value = A * x * x + B * x * y + C * y * y + D * x + E * y + F;
+        sum += value * value;
+    }
+    return std::sqrt(sum / static_cast<double>(points.size()));
+}
+
 }  // namespace
 
 void fitConicFromEllipse(EllipseRecord& record, const cv::RotatedRect& rect, double residual,
@@ -43,20 +56,19 @@ void fitConicFromEllipse(EllipseRecord& record, const cv::RotatedRect& rect, dou
     record.scatter.resize(0, 0);
     if (points.empty()) return;
 
-    const auto& [A, B, C, D, E, F] = record.conic;
+    record.fitResidual = residualOf(record.conic, points);
     Eigen::MatrixXd design(static_cast<Eigen::Index>(points.size()), 6);
-    double sum = 0;
     Eigen::Index row = 0;
     for (const cv::Point2f& point : points) {
-        const double x = point.x;
-        const double y = point.y;
-        const double value = A * x * x + B * x * y + C * y * y + D * x + E * y + F;
-        sum += value * value;
         // The products of the first three columns are rounded to single precision first.
-        design.row(row++) << point.x * point.x, point.y * point.x, point.y * point.y, x, y, 1.0;
+        design.row(row++) << point.x * point.x, point.y * point.x, point.y * point.y, point.x, point.y, 1.0;
     }
-    record.fitResidual = std::sqrt(sum / static_cast<double>(points.size()));
     record.scatter.noalias() = design.transpose() * design;
+}
+
+void fitConicToPixels(EllipseRecord& record, const cv::RotatedRect& rect, const std::vector<cv::Point>& pixels) {
+    fitConicFromEllipse(record, rect, 0, {});
+    record.fitResidual = residualOf(record.conic, pixels);
 }
 
 }  // namespace kestrune

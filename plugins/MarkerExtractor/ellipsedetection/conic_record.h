@@ -30,6 +30,11 @@ struct EllipseRecord {
 void fitConicFromEllipse(EllipseRecord& record, const cv::RotatedRect& rect, double residual,
                          const std::vector<cv::Point2f>& points);
 
+/// The same for whole pixels, without `scatter`: of the first ellipse of a candidate nobody asks for it.
+///
+/// @param pixels  not empty.
+void fitConicToPixels(EllipseRecord& record, const cv::RotatedRect& rect, const std::vector<cv::Point>& pixels);
+
 /// An ellipse and on which side of its rim the image is brighter.
 struct PolarEllipse {
     EllipseRecord record;

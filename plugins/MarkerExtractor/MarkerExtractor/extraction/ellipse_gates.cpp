@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
@@ -144,28 +143,11 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
         candidate.x = candidate.y = 0;  // travels along with the contour and is replaced by the fit
         undistortCorner(candidate, lens.intrinsic, lens.distortion);
     }
-    if (configs.useRadialContours) {
-        verdict.rect = cv::fitEllipseDirect(candidate.contour);
-        fillConic(candidate, verdict.rect);
-    } else {
-        verdict.rect = cv::fitEllipse(candidate.contour);
-    }
-    if (!isFinite(verdict.rect)) {
-        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
-        return verdict;
-    }
-    const HalfAxes axes(verdict.rect);
-    verdict.halfAxis = static_cast<float>(axes.a);
-    candidate.x = verdict.rect.center.x;
-    candidate.y = verdict.rect.center.y;
-    candidate.area = area;
-
-    candidate.eccentricity = axes.eccentricity();
-    if (candidate.eccentricity > configs.maxEccentricity) {
-        writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
-        refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
-        return verdict;
-    }
+    const cv::RotatedRect rect =
+        configs.useRadialContours ? cv::fitEllipseDirect(candidate.contour) : cv::fitEllipse(candidate.contour);
+    if (configs.useRadialContours) fillConic(candidate, rect);
+    if (!passesEllipse(verdict, rect, area, configs)) return verdict;
+    const HalfAxes axes(rect);
     candidate.circularity = area * kFourPi / (perimeter * perimeter);
     if (configs.enableCircularityFilter &&
         (configs.minCircularity > candidate.circularity || candidate.circularity >= configs.maxCircularity)) {

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <limits>
 #include <opencv2/core.hpp>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
@@ -32,6 +33,27 @@ void writeReason(char (&text)[N], const char* format, double value) {
 inline void refuse(GateVerdict& verdict, Gate gate, double measured) {
     verdict.refusedBy = gate;
     verdict.measured = measured;
+}
+
+/// Takes over the fitted ellipse and the contour's area, and asks whether the ellipse is finite and not too long.
+inline bool passesEllipse(GateVerdict& verdict, const cv::RotatedRect& rect, double area,
+                          const CicrleConfigs& configs) {
+    Corner& candidate = verdict.candidate;
+    verdict.rect = rect;
+    if (!isFinite(rect)) {
+        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
+        return false;
+    }
+    const HalfAxes axes(rect);
+    verdict.halfAxis = static_cast<float>(axes.a);
+    candidate.x = rect.center.x;
+    candidate.y = rect.center.y;
+    candidate.area = area;
+    candidate.eccentricity = axes.eccentricity();
+    if (!(candidate.eccentricity > configs.maxEccentricity)) return true;
+    writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
+    refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
+    return false;
 }
 
 }  // namespace kestrune

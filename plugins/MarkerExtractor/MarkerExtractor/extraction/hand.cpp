@@ -2,7 +2,6 @@
 #include "MarkerExtractor/extraction/hand.h"
 
 #include <cmath>
-#include <limits>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/gate_parts.h"
@@ -77,23 +76,8 @@ GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const Cicrle
     }
 
     candidate.contour.assign(contour.begin(), contour.end());
-    verdict.rect = cv::fitEllipse(contour);
-    if (!isFinite(verdict.rect)) {
-        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
-        return verdict;
-    }
-    const HalfAxes axes(verdict.rect);
-    verdict.halfAxis = static_cast<float>(axes.a);
-    candidate.x = verdict.rect.center.x;
-    candidate.y = verdict.rect.center.y;
-    candidate.area = area;
     candidate.compactness = compactness;
-    candidate.eccentricity = axes.eccentricity();
-    if (candidate.eccentricity > configs.maxEccentricity) {
-        writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
-        refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
-        return verdict;
-    }
+    if (!passesEllipse(verdict, cv::fitEllipse(contour), area, configs)) return verdict;
     ellipseFitError(verdict.rect, contour, candidate.fitError, configs.maxPointError);
     if (candidate.fitError > configs.maxFitError) {
         writeReason(candidate.fitText, "fit_error:%.2f", candidate.fitError);

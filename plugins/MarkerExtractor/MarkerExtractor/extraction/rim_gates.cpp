@@ -167,8 +167,7 @@ RimGate firstStage(const std::vector<cv::Point>& contour, const RimImages& image
     if (!isInImage(rect.center, images.blur16U.size())) return refuse(verdict, RimGate::kPlace, rect.center.x);
 
     EllipseRecord& record = verdict.ellipse.record;
-    scratch.points.assign(contour.begin(), contour.end());
-    fitConicFromEllipse(record, rect, 0, scratch.points);
+    fitConicToPixels(record, rect, contour);
     if (!(shorter / longer > configs.minAxisRatio)) return refuse(verdict, RimGate::kAxisRatio, shorter / longer);
     if (!(configs.maxFitResidual * kLooseResidual > record.fitResidual)) {
         return refuse(verdict, RimGate::kResidual, record.fitResidual);
@@ -223,7 +222,6 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
 }  // namespace
 
 RimScratch::RimScratch() {
-    points.reserve(kUsualLength);
     hull.reserve(kUsualLength);
     keys.reserve(kUsualLength);
 }

@@ -53,7 +53,6 @@ struct RimVerdict {
 /// Lists whose storage goes from candidate to candidate.
 struct RimScratch {
     RimScratch();
-    std::vector<cv::Point2f> points;
     std::vector<cv::Point> hull;
     std::vector<std::uint64_t> keys;
 };

@@ -169,7 +169,7 @@ class CircleMarkerExtractor {
     ///
     /// Read docs/eccentricity.md first: the cone is that of the ellipse moved to the principal point, its mixed
     /// coefficient is not halved, and the eigenvectors are laid out by rows, all three kept on purpose. The result is
-    /// not the true displacement, and where the ellipse is turned, rounding decides between two values.
+    /// not the true displacement, and for most discs rounding decides between two values.
     ///
     /// Formula: S. J. Ahn, H.-J. Warnecke, R. Kotowski, "Systematic geometric image measurement errors of circular
     /// object targets: mathematical formulation and correction", Photogrammetric Record 16 (93), 1999.
