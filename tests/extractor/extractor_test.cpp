@@ -129,7 +129,8 @@ TEST(Logging, WritesWholeLinesOnStandardOutput) {
         for (int i = 0; i < 50; ++i) Message("f.cpp", 1, "native", 3).text << text;
     };
     EXPECT_EQ(warningsOf([&report] {
-                  std::array<std::jthread, 4>{std::jthread(report), std::jthread(report), std::jthread(report), std::jthread(report)};
+                  std::vector<std::jthread> threads;
+                  for (int i = 0; i < 4; ++i) threads.emplace_back(report);
               }),
               expected);
 }
