@@ -238,7 +238,9 @@ TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
         find_edge_mask_nms(w.grad, w.dx, w.dy, marks, strong, weak, 0.5f * t, t, 0.95f);
         std::vector<uchar> linked(static_cast<std::size_t>(cv::connectedComponents(marks, labels, 8)), 0);
         for (const int i : strong) linked[static_cast<std::size_t>(labels.at<int>(i / image.cols, i % image.cols))] = 255;
-        marks.forEach<uchar>([&](uchar& m, const int* at) { m = linked[static_cast<std::size_t>(labels.at<int>(at[0], at[1]))]; });
+        for (int i = 0; i < image.rows * image.cols; ++i) {
+            marks.at<uchar>(i / image.cols, i % image.cols) = linked[static_cast<std::size_t>(labels.at<int>(i / image.cols, i % image.cols))];
+        }
         cv::ximgproc::thinning(marks, expected, cv::ximgproc::THINNING_ZHANGSUEN);
         ASSERT_TRUE(sameBits(window.mask, expected)) << round;
         const int inside = box.empty() ? 0 : cv::countNonZero(expected(box));

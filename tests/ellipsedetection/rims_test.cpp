@@ -61,7 +61,9 @@ TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
 
 cv::Mat ridge(cv::Size size, const std::function<double(int, int)>& height) {
     cv::Mat image(size, CV_32FC1);
-    image.forEach<float>([&height](float& value, const int* at) { value = static_cast<float>(height(at[1], at[0])); });
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) image.at<float>(y, x) = static_cast<float>(height(x, y));
+    }
     return image;
 }
 
