@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <opencv2/imgproc.hpp>
 
-#include "canny/fast_gaussian.h"
 #include "checks/settings_check.h"
 #include "ellipsedetection/contour_tree.h"
 #include "ellipsedetection/window_edges.h"
