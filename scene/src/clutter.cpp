@@ -60,14 +60,19 @@ std::vector<cv::Point2d> bracket(double leg, double width) {
     return {{0, 0}, {leg, 0}, {leg, width}, {width, width}, {width, leg}, {0, leg}};
 }
 
-/// One shape about (0, 0). `unit` scales all but the finest with the image, px.
+/// One shape about (0, 0). `unit` scales all but the finest with the image, px. Each draw is a statement of its own:
+/// compilers draw the arguments of one call in orders of their own, and one seed is to be one scene everywhere.
 std::vector<cv::Point2d> shape(int kind, double unit, cv::RNG& rng) {
     const double width = unit * rng.uniform(0.5, 1.5);
     switch (kind) {
-        case 0:
-            return rectangle(unit * rng.uniform(5.0, 20.0), rng.uniform(1.0, 2.5));  // scratch
-        case 1:
-            return rectangle(rng.uniform(1.0, 3.0), rng.uniform(1.0, 3.0));  // speck
+        case 0: {
+            const double thickness = rng.uniform(1.0, 2.5);
+            return rectangle(unit * rng.uniform(5.0, 20.0), thickness);  // scratch
+        }
+        case 1: {
+            const double height = rng.uniform(1.0, 3.0);
+            return rectangle(rng.uniform(1.0, 3.0), height);  // speck
+        }
         case 2:
             return rectangle(width * rng.uniform(3.2, 7.0), width);  // bar
         case 3:
@@ -79,7 +84,8 @@ std::vector<cv::Point2d> shape(int kind, double unit, cv::RNG& rng) {
 
 void place(std::vector<cv::Point2d>& outline, cv::Size size, cv::RNG& rng) {
     const double angle = rng.uniform(0.0, 2 * CV_PI), c = std::cos(angle), s = std::sin(angle);
-    const cv::Point2d at(rng.uniform(0.0, size.width - 1.0), rng.uniform(0.0, size.height - 1.0));
+    const double y = rng.uniform(0.0, size.height - 1.0), x = rng.uniform(0.0, size.width - 1.0);
+    const cv::Point2d at(x, y);
     for (cv::Point2d& p : outline) p = {at.x + c * p.x - s * p.y, at.y + s * p.x + c * p.y};
 }
 

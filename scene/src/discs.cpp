@@ -200,7 +200,8 @@ std::vector<Disc> makeScatteredDiscs(const Rig& rig, int count, double minRadius
 
     std::vector<Disc> discs;
     for (const cv::Point2d& cell : evenly(cells, count)) {
-        const cv::Point2d pixel(cell.x + rng.uniform(-1.0, 1.0) * jitter.x, cell.y + rng.uniform(-1.0, 1.0) * jitter.y);
+        const double down = rng.uniform(-1.0, 1.0), across = rng.uniform(-1.0, 1.0);  // in one order on all compilers
+        const cv::Point2d pixel(cell.x + across * jitter.x, cell.y + down * jitter.y);
         const double radiusPx = minRadiusPx + rng.uniform(0.0, 1.0) * (maxRadiusPx - minRadiusPx);
         const double surface = relief.at(pixel), perPixel = surface / rig.left.intrinsic(0, 0);
         const double depth = surface + rng.uniform(-1.0, 1.0) * kScatterRoughness * radiusPx * perPixel;

@@ -122,6 +122,15 @@ TEST(ReadyScenes, ShowDiscsInTheirPlacesApartAndClear) {
     }
 }
 
+/// One seed is one scene on every compiler: the draws of one statement must not be left to its order.
+TEST(ReadyScenes, AreTheSameOnEveryCompiler) {
+    const Rig rig = makeVergedRig({640, 512});
+    const auto discs = makeScatteredDiscs(rig, 12, 6, 12, 30, 200, 5);
+    const Exposure seen = render(rig, discs, makeClutter(rig, discs, 20, 9), {40, 0, 0, 1});
+    EXPECT_NEAR(cv::norm(seen.markers[3].eye[0].distortedCentre), 515.060338, 1e-5);
+    EXPECT_NEAR(cv::sum(seen.image[0])[0], 13810146, 20);  // a few pixels may round the other way
+}
+
 TEST(Score, PairsNearestFirst) {
     std::vector<MarkerTruth> truth(4);  // at x = 0, 10, 20 and, out of view, 30
     for (int i = 0; i < 4; ++i) truth[i].eye[1] = {i < 3, {10.0 * i, 0}, {10.0 * i, 100}, {}, 0, 0, 0, {}};
