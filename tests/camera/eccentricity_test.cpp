@@ -4,15 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <limits>
+#include <opencv2/imgproc.hpp>
 
+#include "kestrune/MarkerExtractor.h"
 #include "kestrune_scene/scene.h"
-#include "support/configs.h"
+#include "support/calls.h"
 
 namespace kestrune {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+using test::kInf;
+using test::kNaN;
 constexpr double kDegree = CV_PI / 180, kF = 7000, kZ = 900;  // px, mm
 
 /// Ellipse whose half axes have these inverse squares.
@@ -143,7 +145,7 @@ TEST(Eccentricity, AnswersBadInput) {
     double x = 7, y = 7, norm = 7;
     const auto run = [&](cv::Mat image, cv::Mat position) {
         cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
-        return test::refusal([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
+        return test::refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
     };
     for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(1, 1, CV_64FC3),
                                cv::Mat(3, cube, CV_64FC1)}) {

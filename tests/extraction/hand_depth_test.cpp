@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "MarkerExtractor/extraction/hand.h"
+#include "support/calls.h"
 #include "support/configs.h"
 
 namespace kestrune {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+using test::kInf;
+using test::kNaN;
 
 CicrleConfigs handConfigs() {
     CicrleConfigs c{};
@@ -99,7 +99,7 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;
     const auto run = [&](cv::Mat image) {
-        return test::refusal([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
+        return test::refused([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
     };
     const int cube[] = {3, 9, 9};
     for (const cv::Mat& bad : {cv::Mat(9, 9, CV_8UC2), cv::Mat(9, 9, CV_16UC3), cv::Mat(9, 9, CV_32FC1), cv::Mat(3, cube, CV_8UC3)})
@@ -139,7 +139,7 @@ TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
 TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
     std::vector<Corner> corners = cornersAt({{5, 5}, {kNaN, 5}}), nothing;
     const auto run = [](std::vector<Corner>& list, cv::Mat depth, const cv::Mat& camera) {
-        return test::refusal([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
+        return test::refused([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
     };
     const cv::Mat depth(20, 20, CV_32FC1, cv::Scalar(2)), camera = cv::Mat::eye(3, 3, CV_64F);
     const int cube[] = {20, 20, 20};

@@ -4,18 +4,18 @@
 
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <numeric>
 
-#include "support/configs.h"
+#include "support/calls.h"
 #include "support/rigs.h"
 
 namespace kestrune {
 namespace {
 
-using Pairs = std::vector<std::pair<int, int>>;
+using test::kInf;
+using test::kNaN;
+using test::Pairs;
 using Places = std::vector<cv::Point2d>;
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
 
 /// Unit cameras side by side: epipolar lines are rows, and a point lies in front if it is farther left in the right image.
 struct Rows {
@@ -33,7 +33,7 @@ struct Rows {
     Pairs match() {
         Pairs pairs;
         testing::internal::CaptureStdout();
-        refused = test::refusal([&] { pairs = getStereoMarker3dPoints(left, right, pose, leftCamera, rightCamera, fundamental, points); });
+        refused = test::refused([&] { pairs = getStereoMarker3dPoints(left, right, pose, leftCamera, rightCamera, fundamental, points); });
         log = testing::internal::GetCapturedStdout();
         return pairs;
     }

@@ -45,15 +45,4 @@ inline cv::Mat discImage(cv::Size size, cv::Point2d centre, double radius, doubl
     return image;
 }
 
-/// The argument that a call is refused for, "OpenCV" for an exception of OpenCV's own, nothing if it goes through.
-template <typename Call>
-std::string refusal(const Call& call) {
-    try {
-        call();
-    } catch (const cv::Exception& e) {
-        return e.code == cv::Error::StsBadArg ? e.err.substr(0, e.err.find(':')) : "OpenCV";
-    }
-    return "";
-}
-
 }  // namespace kestrune::test

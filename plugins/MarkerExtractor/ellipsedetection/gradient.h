@@ -13,6 +13,10 @@
 
 namespace kestrune {
 
+// What a mask of edges holds, besides 0.
+constexpr uchar kStrongEdge = 255;
+constexpr uchar kWeakEdge = 127;
+
 /// Central differences and their magnitude, in units of `blur16U`. The outermost ring of the three images is not
 /// written.
 ///
@@ -36,8 +40,8 @@ void calc_gradient(const cv::Mat& blur16U, cv::Mat& img_grad, cv::Mat& img_dx, c
 /// @throws cv::Exception `cv::Error::StsAssert` for another type.
 float calc_stable_edge_threshold(const cv::Mat& img_grad, float min, float max, float percentile);
 
-/// Marks the pixels whose magnitude is a maximum along the gradient: 255 above `high`, 127 above `low`. Two pixels at
-/// each border are never marked.
+/// Marks the pixels whose magnitude is a maximum along the gradient: strong above `high`, weak above `low`. Two pixels
+/// at each border are never marked.
 ///
 /// A magnitude equal to `low` is dropped in grouped columns and goes on in the leftover ones. The neighbours'
 /// magnitudes are mixed with the weights of a linear interpolation exchanged: the axial neighbour gets min(|dx|, |dy|)

@@ -12,12 +12,12 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "ellipsedetection/gradient.h"
+
 namespace kestrune::plain {
 
 constexpr int kGroup = 8;   ///< columns that are taken together
 constexpr int kBins = 256;  ///< of the histogram of magnitudes
-constexpr uchar kStrongEdge = 255;
-constexpr uchar kWeakEdge = 127;
 
 /// A gradient without a component above this has no direction. Differences of `blur16U` come in halves, so that it
 /// passes all but 0.

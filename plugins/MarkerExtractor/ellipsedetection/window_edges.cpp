@@ -7,7 +7,6 @@
 
 #include "canny/fast_gaussian.h"
 #include "ellipsedetection/gradient.h"
-#include "ellipsedetection/gradient_plain.h"
 
 namespace kestrune {
 
@@ -27,13 +26,13 @@ void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& 
         strong.pop_back();
         for (const int step : neighbours) {
             uchar& state = states[index + step];
-            if (state != plain::kWeakEdge) continue;
-            state = plain::kStrongEdge;
+            if (state != kWeakEdge) continue;
+            state = kStrongEdge;
             strong.push_back(index + step);
         }
     }
     for (const int index : weak) {
-        if (states[index] == plain::kWeakEdge) states[index] = 0;
+        if (states[index] == kWeakEdge) states[index] = 0;
     }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the gates of the paths with ellipses share.
+// What the gates of all paths with ellipses share.
 #pragma once
 
 #include <algorithm>
@@ -30,9 +30,11 @@ void writeReason(char (&text)[N], const char* format, double value) {
     std::snprintf(text, N, format, value);
 }
 
-inline void refuse(GateVerdict& verdict, Gate gate, double measured) {
+template <typename Verdict, typename GateName>
+GateName refuse(Verdict& verdict, GateName gate, double measured) {
     verdict.refusedBy = gate;
     verdict.measured = measured;
+    return gate;
 }
 
 /// Takes over the fitted ellipse and the contour's area, and asks whether the ellipse is finite and not too long.

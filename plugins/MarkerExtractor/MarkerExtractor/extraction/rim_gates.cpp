@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
+#include "MarkerExtractor/extraction/gate_parts.h"
 
 namespace kestrune {
 
@@ -31,12 +31,6 @@ constexpr float kLeastAreaFactor = 4.0f;
 constexpr double kInside = -1e-6;  ///< largest value of the conic at a point that counts as inside
 
 using Conic = std::array<double, 6>;
-
-template <typename Verdict>
-RimGate refuse(Verdict& verdict, RimGate gate, double measured) {
-    verdict.measured = measured;
-    return gate;
-}
 
 /// Range of the number of pixels on a rim, in single precision like the settings.
 struct LengthGate {
@@ -213,7 +207,7 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
     marker.x = rect.center.x;
     marker.y = rect.center.y;
     if (!(marker.fitResidual <= configs.maxFitResidual)) {  // also one that is not a number, of an axis of length 0
-        std::snprintf(marker.fitText, sizeof marker.fitText, "fit_residual:%.2f", marker.fitResidual);
+        writeReason(marker.fitText, "fit_residual:%.2f", marker.fitResidual);
         return refuse(verdict, RimGate::kFinalResidual, marker.fitResidual);
     }
     return RimGate::kNone;
@@ -229,14 +223,14 @@ RimScratch::RimScratch() {
 RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& images, const CicrleConfigs& configs,
                     RimScratch& scratch) {
     RimVerdict verdict;
-    verdict.refusedBy = firstStage(contour, images, configs, scratch, verdict);
+    firstStage(contour, images, configs, scratch, verdict);
     return verdict;
 }
 
 MarkerVerdict measureRim(const std::vector<cv::Point>& points, const RimImages& images, const CicrleConfigs& configs,
                          const LensModel& lens) {
     MarkerVerdict verdict;
-    verdict.refusedBy = secondStage(points, images, configs, lens, verdict);
+    secondStage(points, images, configs, lens, verdict);
     return verdict;
 }
 
