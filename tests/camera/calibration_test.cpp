@@ -190,8 +190,10 @@ TEST(StereoRectifyCorners, CarriesConicsAsTheRectifiedCameraSeesThem) {
     rectify(left, target, cv::Mat::zeros(3, 3, CV_64F));
     EXPECT_TRUE(target[0].x == 0 && target[0].ellipse.size.width == 0);
     target.clear();
-    EXPECT_THROW(rectify(left, target, cv::Mat()), cv::Exception);
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(cv::Mat::eye(3, 3, CV_32F))}) EXPECT_THROW(rectify(left, target, bad), cv::Exception);
     EXPECT_TRUE(target.empty());
+    rectify({left[1]}, target, cv::Mat::eye(3, 3, CV_32F));  // there is no conic to carry over
+    EXPECT_EQ(target.size(), 1U);
 }
 
 }  // namespace kestrune::test::calibration

@@ -4,18 +4,19 @@
 #include <functional>
 #include <limits>
 
+#include "support/calls.h"
 #include "support/configs.h"
 
 namespace kestrune {
 namespace {
 
 using Change = std::function<void(CicrleConfigs&)>;
-constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInf = std::numeric_limits<double>::infinity();
+using test::kInf;
+using test::kNaN;
 
 /// Runs a call that must be refused: code, name of the setting in the text, and nothing written.
-void expectRefused(const cv::Mat& image, const CicrleConfigs& configs, const std::string& name, std::size_t before = 0) {
-    CircleMarkerExtractor extractor;
+void expectRefused(const cv::Mat& image, const CicrleConfigs& configs, const std::string& name, std::size_t before = 0,
+                   CircleMarkerExtractor extractor = {}) {
     extractor.markerRects.resize(2);
     std::vector<Corner> corners(before);
     try {
@@ -46,14 +47,14 @@ TEST(BadInput, SettingsThatAPathCannotWorkWithAreNamed) {
         {kAll, "aperture", [](auto& c) { c.aperture = -3; }},
         {kAll, "aperture", [](auto& c) { c.aperture = std::numeric_limits<int>::max(); }},
         {kBlobs, "aperture", [](auto& c) { c.aperture = 1; }},
-        {kAll, "sigma", [](auto& c) { c.sigma = kNan; }},
+        {kAll, "sigma", [](auto& c) { c.sigma = kNaN; }},
         {kAll, "sigma", [](auto& c) { c.sigma = kInf; }},
         {kAll, "sigma", [](auto& c) { c.sigma = 1e300; }},
         {kAll, "sigma", [](auto& c) { c.sigma = -1; }},
         {kSubpixel, "sigma", [](auto& c) { c.sigma = 1.0 / 6; }},
         {kSubpixel, "sigma", [](auto& c) { c.sigma = 0; }},
-        {kRim, "minDiameter", [](auto& c) { c.minDiameter = static_cast<float>(kNan); }},
-        {kRim, "maxDiameter", [](auto& c) { c.maxDiameter = static_cast<float>(kNan); }},
+        {kRim, "minDiameter", [](auto& c) { c.minDiameter = static_cast<float>(kNaN); }},
+        {kRim, "maxDiameter", [](auto& c) { c.maxDiameter = static_cast<float>(kNaN); }},
     };
     const std::pair<Paths, CicrleConfigs> paths[] = {
         {kSubpixel, test::discConfigs(false)}, {kRadial, test::discConfigs(true)}, {kRim, test::rimConfigs()}};
@@ -73,6 +74,12 @@ TEST(BadInput, SettingsThatAPathCannotWorkWithAreNamed) {
     for (const auto& [path, configs] : paths) {
         expectRefused(cv::Mat(3, cube, CV_8UC1, cv::Scalar(1)), configs, "image");
         expectRefused(image, configs, "corners", 1);
+        if (path != kRadial) continue;
+        CircleMarkerExtractor filled[2];
+        filled[0].rayDirections = {{1, 0}, {0, -1.01f}};
+        filled[1].probeDirections = {{NAN, 1}};
+        expectRefused(image, configs, "rayDirections", 0, filled[0]);
+        expectRefused(image, configs, "probeDirections", 0, filled[1]);
     }
 }
 
@@ -116,10 +123,10 @@ TEST(BadInput, TinyImagesAndExtremeSettingsAreSound) {
          }},
         {"no numbers",
          [](auto& c) {
-             c.minArea = c.maxArea = c.maxEccentricity = c.maxFitError = c.maxPointError = kNan;
-             c.minRayRatio = c.maxFitResidual = static_cast<float>(kNan);
+             c.minArea = c.maxArea = c.maxEccentricity = c.maxFitError = c.maxPointError = kNaN;
+             c.minRayRatio = c.maxFitResidual = static_cast<float>(kNaN);
              c.enableCircularityFilter = c.enableConvexityFilter = true;
-             c.minCircularity = c.maxCircularity = c.minConvexRatio = c.maxConvexRatio = kNan;
+             c.minCircularity = c.maxCircularity = c.minConvexRatio = c.maxConvexRatio = kNaN;
          }},
         {"infinite",
          [](auto& c) {

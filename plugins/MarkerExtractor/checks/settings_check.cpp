@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <locale>
 #include <sstream>
 
 namespace kestrune {
@@ -23,9 +24,12 @@ constexpr double kLargestBlurSigma = 4095.0;  ///< same bound as for the apertur
 
 constexpr int kLargestThresholdC = 256;  ///< grey levels; OpenCV negates the number in an `int`
 
+constexpr double kLargestDirection = 1.000001;  ///< a cosine and a sine, each rounded to single precision
+
 template <typename T>
 std::string withValue(const T& value, const std::string& complaint) {
     std::ostringstream text;
+    text.imbue(std::locale::classic());
     text << value << ' ' << complaint;
     return text.str();
 }
@@ -98,6 +102,13 @@ void requireBlurSigma(double sigma) {
     if (!std::isfinite(sigma)) refuseSetting("sigma", withValue(sigma, "is not finite"));
     if (sigma < 0.0) refuseSetting("sigma", withValue(sigma, "is below 0"));
     if (sigma > kLargestBlurSigma) refuseSetting("sigma", withValue(sigma, "is above 4095"));
+}
+
+void requireUnitVectors(const std::vector<cv::Point2f>& directions, const char* name) {
+    for (const cv::Point2f& direction : directions) {
+        const double length = cv::norm(direction);
+        if (!(length <= kLargestDirection)) refuseSetting(name, withValue(length, "is the length of one; 1 is needed"));
+    }
 }
 
 double usableThresholdC(int thresholdC) {

@@ -45,6 +45,10 @@ void requireEdgeSigma(double sigma);
 /// radial contours follow the aperture and smooths nothing on the edge-based path.
 void requireBlurSigma(double sigma);
 
+/// Directions that a host may have filled in: none longer than 1, for the searches along them check no more than that
+/// steps of that length stay on the image.
+void requireUnitVectors(const std::vector<cv::Point2f>& directions, const char* name);
+
 /// The constant of an adaptive threshold, within what OpenCV can negate. Beyond 256 grey levels no, or every, pixel
 /// passes anyway.
 double usableThresholdC(int thresholdC);

@@ -46,8 +46,11 @@ cv::Mat translationOf(const HostPose& pose) {
     return t;
 }
 
-bool allFinite(const double* values, int count) {
-    return std::all_of(values, values + count, [](double v) { return std::isfinite(v); });
+void requireFinite(const double* values, int count, const char* list, std::size_t index) {
+    const double* const bad = std::find_if_not(values, values + count, [](double v) { return std::isfinite(v); });
+    if (bad == values + count) return;
+    refuseSetting(cv::format("%s[%zu]", list, index),
+                  cv::format("value %td is %f; all must be finite", bad - values, *bad));
 }
 
 /// Size and numbers of a complete intake, before the first member is replaced.
@@ -55,13 +58,8 @@ void checkIntake(const std::vector<HostPose>& poses, const std::vector<HostCamer
     if (width < 1) refuseSetting("width", std::to_string(width) + " is below 1");
     if (height < 1) refuseSetting("height", std::to_string(height) + " is below 1");
     for (std::size_t k = 0; k < 2; ++k) {
-        const int index = static_cast<int>(k);
-        if (!allFinite(cameras[k].values, kUsedCameraValues)) {
-            refuseSetting(cv::format("cameras[%d]", index), "holds a value that is not finite");
-        }
-        if (!allFinite(poses[k].values, 12)) {
-            refuseSetting(cv::format("poses[%d]", index), "holds a value that is not finite");
-        }
+        requireFinite(cameras[k].values, kUsedCameraValues, "cameras", k);
+        requireFinite(poses[k].values, 12, "poses", k);
     }
 }
 
@@ -204,7 +202,8 @@ void CircleMarkerExtractor::CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K
     // The cross-product matrix of -T. An epipolar constraint is zero with either sign, and stored matrices have this
     // one.
     const cv::Mat cross = (cv::Mat_<double>(3, 3) << 0, t2, -t1, -t2, 0, t0, t1, -t0, 0);
-    F = backRightTransposed * cross * R * backLeft;
+    const cv::Mat fundamentalMatrix = backRightTransposed * cross * R * backLeft;
+    F = fundamentalMatrix;  // a new matrix: F's old pixels may be those of an input or of a copied extractor
 }
 
 bool CircleMarkerExtractor::SetStereorectifyParam(std::vector<cv::Mat> matrices) {

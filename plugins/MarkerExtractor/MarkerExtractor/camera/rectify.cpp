@@ -2,6 +2,7 @@
 #include "MarkerExtractor/camera/rectify.h"
 
 #include <Eigen/LU>
+#include <algorithm>
 #include <cmath>
 #include <opencv2/calib3d.hpp>
 
@@ -72,7 +73,9 @@ void CircleMarkerExtractor::StereoRectifyCorners(const std::vector<Corner>& sour
                                                  const cv::Mat& cameraMatrix, const cv::Mat& distCoeffs,
                                                  const cv::Mat& rectification, const cv::Mat& projection,
                                                  const cv::Mat& homography) {
-    requireMatrix(homography, 3, 3, "homography");
+    if (std::any_of(source.begin(), source.end(), [](const Corner& corner) { return corner.conicValid; })) {
+        requireMatrix(homography, 3, 3, "homography");
+    }
     const cv::Mat back = homography.inv(cv::DECOMP_LU);
     if (&target != &source) target = source;
     for (std::size_t i = 0; i < source.size(); ++i) {

@@ -29,7 +29,8 @@ double areaOf(const std::vector<cv::Point2f>& contour) {
 }
 
 bool passesArea(double area, const CicrleConfigs& configs, bool isFullSize) {
-    const double judged = isFullSize ? area : area * configs.scale * configs.scale;
+    const double scale = configs.scale;
+    const double judged = isFullSize ? area : area * (scale * scale);
     return !(configs.minArea > judged || judged > configs.maxArea);
 }
 

@@ -73,7 +73,7 @@ void medianFilterRadii(std::vector<float>& radii, int halfWindow);
 /// there are none. Radii that are marked off become -1.
 void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWindow);
 
-/// The whole front end. The five image buffers come from the caller and are written in place.
+/// The whole front end. The four image buffers come from the caller and are written in place.
 ///
 /// @param image             `CV_8UC1`, `fullImage` reduced by `scale`.
 /// @param fullImage         `CV_8UC1`.

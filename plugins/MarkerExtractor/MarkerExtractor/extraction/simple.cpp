@@ -29,13 +29,16 @@ void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
 }
 
 /// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
-void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CicrleConfigs& configs) {
+void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CircleMarkerExtractor& extractor,
+               const CicrleConfigs& configs) {
     requireGreyOrColourImage(image);
     requireEmptyList(corners);
     requireScale(configs.scale, image.size());
     if (configs.useRadialContours) {
         requireAperture(configs.aperture, kLeastThresholdBlock);
         requireBlurSigma(configs.sigma);
+        requireUnitVectors(extractor.rayDirections, "rayDirections");
+        requireUnitVectors(extractor.probeDirections, "probeDirections");
     } else {
         requireAperture(configs.aperture, 1);
         requireEdgeSigma(configs.sigma);
@@ -62,7 +65,7 @@ void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarke
 
 std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
                                             CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
-    checkCall(image, corners, configs);
+    checkCall(image, corners, extractor, configs);
     const cv::Mat gray = greyOf(image, extractor);
     const cv::Mat working = reducedImage(gray, configs.scale, extractor);
     std::vector<SubpixelContour> contours;

@@ -156,6 +156,7 @@ class CircleMarkerExtractor {
     /// @param rectification  3 by 3: R1 or R2 of `cv::stereoRectify`.
     /// @param projection     3 by 4: P1 or P2.
     /// @param homography     3 by 3, `CV_64F`: undistorted to rectified px. A singular one maps conics to nothing.
+    ///                       Without a conic among `source` it only has to be a square matrix.
     /// @throws cv::Exception from `cv::undistortPoints`, with `target` partly written, and for a `homography` of wrong
     ///                       size or type, before anything is written.
     KESTRUNE_API void StereoRectifyCorners(const std::vector<Corner>& source, std::vector<Corner>& target,
@@ -280,8 +281,8 @@ class CircleMarkerExtractor {
     std::vector<std::int32_t> scratchLabels;   ///< connected components of the reduced image
     std::vector<float> scratchFloatA;          ///< carried, not used
     std::vector<float> scratchFloatB;          ///< carried, not used
-    std::vector<cv::Point2f> rayDirections;    ///< 72 unit vectors (cos, sin), built by the first radial call
-    std::vector<cv::Point2f> probeDirections;  ///< 24 unit vectors, built by the first radial call
+    std::vector<cv::Point2f> rayDirections;    ///< 72 unit vectors (cos, sin), built by the first radial call if empty
+    std::vector<cv::Point2f> probeDirections;  ///< 24 unit vectors, built by the first radial call if empty
     std::vector<std::uint16_t> scratchBlur16;  ///< edges: smoothed image
     std::vector<float> scratchGrad;            ///< edges: length of the gradient
     std::vector<float> scratchDx;              ///< edges: the gradient's column part
