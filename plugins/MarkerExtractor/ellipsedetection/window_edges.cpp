@@ -14,25 +14,30 @@ namespace {
 
 /// Weak pixels that hang together with a strong one become strong; the others are no edge.
 ///
-/// @param mask  without gaps between the rows, so that an index is a place. No pixel of its outer two rows and columns
-/// is
-///              marked, so that no neighbour is beyond an end.
+/// @param mask  no pixel of its outer two rows and columns is marked, so that no neighbour is beyond an end.
 void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& weak) {
     const int cols = mask.cols;
-    const std::array<int, 8> neighbours = {-cols - 1, -cols, -cols + 1, -1, 1, cols - 1, cols, cols + 1};
-    uchar* const states = mask.data;
+    const auto stride = static_cast<int>(mask.step1());
+    const auto stateOf = [&mask, cols, stride](int index) { return mask.data + index / cols * stride + index % cols; };
+    const auto ringOf = [](int width) {
+        return std::array<int, 8>{-width - 1, -width, -width + 1, -1, 1, width - 1, width, width + 1};
+    };
+    const std::array<int, 8> places = ringOf(stride);
+    const std::array<int, 8> indices = ringOf(cols);
     while (!strong.empty()) {
         const int index = strong.back();
+        uchar* const centre = stateOf(index);
         strong.pop_back();
-        for (const int step : neighbours) {
-            uchar& state = states[index + step];
+        for (std::size_t k = 0; k < places.size(); ++k) {
+            uchar& state = centre[places[k]];
             if (state != kWeakEdge) continue;
             state = kStrongEdge;
-            strong.push_back(index + step);
+            strong.push_back(index + indices[k]);
         }
     }
     for (const int index : weak) {
-        if (states[index] == kWeakEdge) states[index] = 0;
+        uchar& state = *stateOf(index);
+        if (state == kWeakEdge) state = 0;
     }
 }
 
@@ -41,23 +46,22 @@ void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& 
 cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
                    WindowScratch& scratch) {
     window.mask.setTo(0);
-    scratch.marks.assign(source.total(), 0);
-    cv::Mat marks(source.size(), CV_8UC1, scratch.marks.data());
     fastGaussianApprox(source, window.blur16U, sigma);
     float min = 0, max = 0;
     calc_gradient(window.blur16U, window.grad, window.dx, window.dy, min, max);
     const float threshold = calc_stable_edge_threshold(window.grad, min, max, percentile);
-    find_edge_mask_nms(window.grad, window.dx, window.dy, marks, scratch.strong, scratch.weak, threshold * 0.5f,
+    find_edge_mask_nms(window.grad, window.dx, window.dy, window.mask, scratch.strong, scratch.weak, threshold * 0.5f,
                        threshold, nmsFactor);
-    if (scratch.strong.empty()) return {};  // nothing for the weak ones to hang together with
-    linkEdges(marks, scratch.strong, scratch.weak);
+    const bool hasEdges = !scratch.strong.empty();
+    linkEdges(window.mask, scratch.strong, scratch.weak);
+    if (!hasEdges) return {};
 
     // Thinning takes its time by the pixel, and nothing comes of pixels without an edge: the edges' box is thinned,
     // with the empty frame around it that makes its border like any other place.
-    const cv::Rect edges = cv::boundingRect(marks);
+    const cv::Rect edges = cv::boundingRect(window.mask);
     const cv::Rect box(edges.x - 1, edges.y - 1, edges.width + 2, edges.height + 2);
     cv::Mat thin;
-    cv::ximgproc::thinning(marks(box), thin, cv::ximgproc::THINNING_ZHANGSUEN);
+    cv::ximgproc::thinning(window.mask(box), thin, cv::ximgproc::THINNING_ZHANGSUEN);
     thin.copyTo(window.mask(box));
     return box;
 }

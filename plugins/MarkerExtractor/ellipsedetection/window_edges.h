@@ -14,7 +14,6 @@ struct EdgeWindow {
 /// Lists and images whose storage goes from window to window.
 struct WindowScratch {
     std::vector<int> strong, weak;
-    std::vector<uchar> marks;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Vec4i> hierarchy;
 };
