@@ -14,7 +14,6 @@ namespace kestrune::host {
 int runExplain(const ExplainOptions& options) {
     namespace fs = std::filesystem;
     const Settings settings = loadSettings(options.settings, options.path);
-    requireExplainable(settings.path);
     const Camera camera = loadCamera(options, settings);
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");

@@ -46,8 +46,9 @@ cv::Scalar colourOf(const std::string& gate) {
         GateColour{"gradient", {255, 90, 255}},     GateColour{"convexity", {60, 235, 255}},
         GateColour{"hull", {255, 255, 255}},        GateColour{"fit error", {255, 235, 70}},
         GateColour{"fit residual", {255, 235, 70}}, GateColour{"perimeter", {180, 140, 255}},
-        GateColour{"contrast", {180, 140, 255}},    GateColour{"repetition", {255, 110, 110}},
-        GateColour{"merged", {255, 110, 110}},      GateColour{"nested", {150, 200, 255}},
+        GateColour{"contrast", {180, 140, 255}},    GateColour{"compactness", {255, 90, 255}},
+        GateColour{"repetition", {255, 110, 110}},  GateColour{"merged", {255, 110, 110}},
+        GateColour{"nested", {150, 200, 255}},
     };
     const auto* const found = std::ranges::find(kColours, gate, &GateColour::gate);
     return found == kColours.end() ? cv::Scalar(190, 190, 190) : found->colour;
@@ -88,6 +89,14 @@ bool liesOnMarker(const Candidate& candidate, const std::vector<Candidate>& cand
     });
 }
 
+std::vector<ExplainedCandidate> explained(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
+                                          const Settings& settings) {
+    const cv::Mat taken = asTaken(image, settings.path);
+    if (settings.path == Path::fast) return explainFast(taken, settings.configs);
+    if (settings.path == Path::hand) return explainHand(taken, settings.configs);
+    return explainExtraction(taken, extractor, eye, settings.configs);
+}
+
 /// A line without the blanks behind its last field.
 std::string trimmed(std::string line) {
     return line.erase(line.find_last_not_of(' ') + 1) + '\n';
@@ -103,24 +112,17 @@ std::set<std::string> crowdedGates(const std::vector<GateCount>& counts) {
 
 }  // namespace
 
-void requireExplainable(Path path) {
-    if (path == Path::simple || path == Path::radial || path == Path::complex) return;
-    throw InputError(fmt::format("path {}", nameOf(path)),
-                     "keeps no account of its candidates; explain takes simple, radial or complex");
-}
-
 std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                                       const Camera& camera, const Settings& settings) {
-    requireExplainable(settings.path);
     const Enlargement enlarge = enlargementOf(image, settings);
     setCamera(extractor, eye, camera, enlarge, settings);
     std::vector<Candidate> candidates;
-    for (ExplainedCandidate& explained : explainExtraction(image, extractor, eye, settings.configs)) {
-        for (cv::Point2f& p : explained.contour) p = enlarge.point(p);
-        const cv::Rect2d box = boxOf(explained.contour);
-        candidates.push_back({static_cast<int>(candidates.size()), std::move(explained.contour), box,
-                              fittedRim(explained.ellipse, enlarge), std::move(explained.gate), explained.measured,
-                              std::move(explained.wanted), explained.marker});
+    for (ExplainedCandidate& one : explained(extractor, image, eye, settings)) {
+        for (cv::Point2f& p : one.contour) p = enlarge.point(p);
+        const cv::Rect2d box = boxOf(one.contour);
+        candidates.push_back({static_cast<int>(candidates.size()), std::move(one.contour), box,
+                              fittedRim(one.ellipse, enlarge), std::move(one.gate), one.measured, std::move(one.wanted),
+                              one.marker});
         if (candidates.back().gate.empty()) candidates.back().measured = kNoNumber;
     }
     return candidates;

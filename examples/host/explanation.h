@@ -37,13 +37,9 @@ struct GateCount {
 
 /// The candidates of one image in the order of the front end; the markers among them are those of `findMarkers`.
 ///
-/// @throws InputError     for a path that delivers no candidates.
 /// @throws cv::Exception  from the library.
 std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                                       const Camera& camera, const Settings& settings);
-
-/// @throws InputError  unless the path can be explained.
-void requireExplainable(Path path);
 
 /// The markers first, if only to say that there are none, then the gates, those that refused most before the others.
 std::vector<GateCount> countGates(const std::vector<Candidate>& candidates);

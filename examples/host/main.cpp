@@ -77,8 +77,7 @@ constexpr const char* kExplainNotes =
     "tell\n"
     "only the count; the CSV lists all, with the last fitted ellipse where there is one, in the pixels of extract.\n"
     "Picture: markers green with their id, all else in the colour of its gate with # and its number in the table.\n"
-    "What the front end never delivered is not listed: no edge, no contour, no candidate. Paths fast and hand keep no\n"
-    "account.\n"
+    "What the front end never delivered is not listed: no edge, no contour, no candidate.\n"
     "Exit code: 0, 1 if the image could not be handled, 2 if nothing was begun.";
 
 void addExplain(CLI::App& app, ExplainOptions& options) {

@@ -46,10 +46,8 @@ void addFromEllipse(Marker& marker, const cv::Mat& image, const cv::RotatedRect&
 
 std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                              const CicrleConfigs& configs) {
-    cv::Mat grey = image;
-    if (image.channels() == 3) cv::cvtColor(image, grey, cv::COLOR_BGR2GRAY);
     std::vector<Corner> corners;
-    extractor.extractMarkPointsFast(grey, corners, eye, configs);
+    extractor.extractMarkPointsFast(asTaken(image, Path::fast), corners, eye, configs);
     std::vector<Marker> markers;
     for (const Corner& corner : corners) {
         markers.push_back(makeMarker(static_cast<int>(markers.size()), corner));
@@ -60,8 +58,7 @@ std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& im
 
 std::vector<Marker> findByHand(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                                const CicrleConfigs& configs) {
-    cv::Mat colour = image;  // the only kind that the path takes
-    if (image.channels() == 1) cv::cvtColor(image, colour, cv::COLOR_GRAY2BGR);
+    cv::Mat colour = asTaken(image, Path::hand);
     std::vector<Corner> corners;
     extractor.CircleExtractSimpleForHand(colour, corners, eye, configs);
     std::vector<Marker> markers;
@@ -106,6 +103,13 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
 
 bool canUndistort(Path path) {
     return path != Path::fast && path != Path::hand;
+}
+
+cv::Mat asTaken(const cv::Mat& image, Path path) {
+    cv::Mat converted = image;
+    if (path == Path::fast && image.channels() == 3) cv::cvtColor(image, converted, cv::COLOR_BGR2GRAY);
+    if (path == Path::hand && image.channels() == 1) cv::cvtColor(image, converted, cv::COLOR_GRAY2BGR);
+    return converted;
 }
 
 bool deliversUndistorted(const Settings& settings) {

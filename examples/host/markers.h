@@ -34,6 +34,9 @@ struct Marker {
 /// False for a path that measures in the image as it is, whatever the settings say.
 bool canUndistort(Path path);
 
+/// The image as the path takes it: path fast in grey, path hand in colour, the others as it is.
+cv::Mat asTaken(const cv::Mat& image, Path path);
+
 /// True where the markers' coordinates are those of an image without lens distortion.
 bool deliversUndistorted(const Settings& settings);
 

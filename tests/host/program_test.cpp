@@ -69,8 +69,6 @@ TEST(HostProgram, DemoThenExtract) {
         {"extract" + image + radial + " --invert", 0, ": 0 markers"},
         {"extract " + at + "demo/mixed-left.png --path complex --csv " + at + "m.csv --settings " + kReady + "mixed-complex.yaml", 0, ": 12 markers"},
         {"explain" + image + radial + " --csv " + at + "e.csv --out " + at + "e.png", 0, "\n    12  marker\n"},
-        {"explain" + image + radial + " --path fast", 2, "path fast: keeps no account"},
-        {"explain" + image + radial + " --path hand", 2, "path hand: keeps no account"},
         {"explain" + image + radial + " --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
         {"explain " + at + "broken.png" + radial, 1, "broken.png: cannot be read as an image"},
         {"extract" + image + radial + " --path hand", 0, ": 0 markers"},  // they stand out too little for it
@@ -149,19 +147,22 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlane) {
 /// Markers explained are those found, and what was refused is refused is the disc that is seen askew, for what is true of it.
 TEST(HostExplanation, AgreesWithTheExtractionAndTheScene) {
     const scene::Rig rig = scene::makeVergedRig({1001, 803});
-    std::vector<scene::Disc> discs = scene::makeScatteredDiscs(rig, 12, 14, 20, 20, 200, 5);
+    std::vector<scene::Disc> discs = scene::makeScatteredDiscs(rig, 12, 14, 20, 20, 250, 5);
     const double across = std::sin(0.9) * std::sqrt(0.5);
     discs[5].normal = {-across, across, -std::cos(0.9)};  // along a diagonal, since a flat box would be no candidate of path complex
-    const scene::Exposure exposure = scene::render(rig, discs, {}, {});
+    const scene::Exposure exposure = scene::render(rig, discs, {}, {.background = 10});  // path hand takes no less
     const scene::EllipseTruth& askew = exposure.markers[5].eye[1];
     const double ratio = askew.minorHalfAxis / askew.majorHalfAxis;
     const Camera camera{cv::Mat(rig.right.intrinsic), cv::Mat(rig.right.distortion, true)};
-    for (const auto& [name, scale] :
-         {std::pair("bright-subpixel.yaml", 1), {"bright-subpixel.yaml", 3}, {"bright-radial.yaml", 2}, {"bright-complex.yaml", 2}}) {
-        SCOPED_TRACE(testing::Message() << name << " at scale " << scale);
-        Settings settings = loadSettings(kReady + name, {});
+    const std::tuple<const char*, Path, int> ways[] = {{"bright-subpixel.yaml", Path::simple, 1}, {"bright-subpixel.yaml", Path::simple, 3},
+                                                       {"bright-radial.yaml", Path::radial, 2},   {"bright-complex.yaml", Path::complex, 2},
+                                                       {"bright-fast.yaml", Path::fast, 1},       {"bright-subpixel.yaml", Path::hand, 1}};
+    for (const auto& [name, path, scale] : ways) {
+        SCOPED_TRACE(testing::Message() << nameOf(path) << " at scale " << scale);
+        Settings settings = loadSettings(kReady + name, path);
         settings.configs.scale = scale;
         settings.configs.maxEccentricity = 0.8;
+        settings.configs.minCircularity = 0.6;  // asked before the eccentricity by path fast
         settings.configs.minAxisRatio = 0.7F;
         settings.configs.skipUndistort = false;
         CircleMarkerExtractor extractor;
@@ -182,7 +183,7 @@ TEST(HostExplanation, AgreesWithTheExtractionAndTheScene) {
             const Marker& marker = markers.at(static_cast<std::size_t>(c.marker));
             ++seen[static_cast<std::size_t>(c.marker)];
             EXPECT_LT(cv::norm(c.rim->centre - marker.centre), 1e-4);
-            EXPECT_EQ(c.rim->majorHalfAxis, marker.majorHalfAxis);
+            EXPECT_TRUE(c.rim->majorHalfAxis == marker.majorHalfAxis || path == Path::fast);
             EXPECT_LT(cv::norm(middle - marker.centre), 12) << "but for the lens";
         }
         EXPECT_EQ(seen, std::vector<int>(markers.size(), 1));

@@ -7,9 +7,12 @@
 #include <sstream>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "MarkerExtractor/extraction/fast.h"
 #include "MarkerExtractor/extraction/front_ends.h"
+#include "MarkerExtractor/extraction/hand.h"
 #include "MarkerExtractor/extraction/rim_gates.h"
 #include "MarkerExtractor/extraction/working_images.h"
+#include "checks/settings_check.h"
 
 namespace kestrune {
 
@@ -36,6 +39,8 @@ GateText describe(Gate gate, const CicrleConfigs& c) {
     switch (gate) {
         case Gate::kArea:
             return {"area", text("minArea ", c.minArea, " to maxArea ", c.maxArea)};
+        case Gate::kCompactness:
+            return {"compactness", "perimeter squared over area, 4 pi to 8 pi"};
         case Gate::kFit:
             return {"fit", "a finite ellipse"};
         case Gate::kEccentricity:
@@ -105,36 +110,56 @@ void yieldTo(ExplainedCandidate& candidate, const char* gate, const char* wanted
     candidate.marker = marker;
 }
 
-Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor, int cameraIndex,
-                         const CicrleConfigs& configs) {
-    std::vector<Corner> corners;
-    MarkerList markers{corners, {}, 0};
+/// Gates and then admission, one contour after the other.
+template <typename Points, typename Judge, typename Admit>
+Candidates explainInTurn(const std::vector<std::vector<Points>>& contours, const CicrleConfigs& configs,
+                         const char* repeats, const Judge& judge, const Admit& admit) {
     std::vector<std::size_t> holders;  // of each marker: the candidate that it is
     Candidates candidates;
-    const LensModel lens = lensOf(extractor, cameraIndex);
-    for (const SubpixelContour& contour : simpleContours(image, corners, extractor, configs)) {
+    for (const std::vector<Points>& contour : contours) {
         ExplainedCandidate& candidate = candidates.emplace_back();
-        candidate.contour = contour.points;
-        GateVerdict verdict = judgeContour(contour.points, configs, lens, kContoursAreFullSize);
+        candidate.contour.assign(contour.begin(), contour.end());
+        auto verdict = judge(contour);
         candidate.ellipse = verdict.rect;
         if (!verdict.accepted()) {
             setGate(candidate, verdict.refusedBy, verdict.measured, configs);
             continue;
         }
-        const Admission admission = admitMarker(verdict, markers);
+        const Admission admission = admit(verdict);
         candidate.marker = admission.id;
-        constexpr const char* kRepeats = "the rounder and better fit of two that share a centre";
         if (admission.outcome == Admission::kDropped) {
-            yieldTo(candidate, "repetition", kRepeats, admission.id);
+            yieldTo(candidate, "repetition", repeats, admission.id);
         } else if (admission.outcome == Admission::kReplaced) {
             std::size_t& holder = holders[static_cast<std::size_t>(admission.id)];
-            yieldTo(candidates[holder], "repetition", kRepeats, admission.id);
+            yieldTo(candidates[holder], "repetition", repeats, admission.id);
             holder = candidates.size() - 1;
         } else {
             holders.push_back(candidates.size() - 1);
         }
     }
     return candidates;
+}
+
+/// For a gate that asks for something else on one path.
+void replaceWanted(Candidates& candidates, const char* gate, const std::string& wanted) {
+    for (ExplainedCandidate& candidate : candidates) {
+        if (candidate.gate == gate) candidate.wanted = wanted;
+    }
+}
+
+Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor, int cameraIndex,
+                         const CicrleConfigs& configs) {
+    std::vector<Corner> corners;
+    MarkerList markers{corners, {}, 0};
+    const LensModel lens = lensOf(extractor, cameraIndex);
+    std::vector<std::vector<cv::Point2f>> contours;
+    for (SubpixelContour& contour : simpleContours(image, corners, extractor, configs)) {
+        contours.push_back(std::move(contour.points));
+    }
+    return explainInTurn(
+        contours, configs, "the rounder and better fit of two that share a centre",
+        [&](const auto& contour) { return judgeContour(contour, configs, lens, kContoursAreFullSize); },
+        [&](GateVerdict& verdict) { return admitMarker(verdict, markers); });
 }
 
 /// First stage and merging: fills `kept` with the candidates whose rims go on, in the order of the merged list.
@@ -206,6 +231,32 @@ std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMa
     if (image.empty()) return {};
     return configs.useComplexExtract ? explainRims(image, extractor, cameraIndex, configs)
                                      : explainSimple(image, extractor, cameraIndex, configs);
+}
+
+std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs) {
+    if (image.empty()) return {};
+    requireByteImage(image);
+    std::vector<Corner> corners;
+    Candidates candidates = explainInTurn(
+        handContours(image), configs, "the smaller of two that share a centre",
+        [&](const auto& contour) { return judgeHandContour(contour, configs); },
+        [&](const GateVerdict& verdict) { return admitHandMarker(verdict, corners); });
+    replaceWanted(candidates, "fit error", text("maxFitError ", configs.maxFitError));
+    return candidates;
+}
+
+std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs) {
+    if (image.empty()) return {};
+    requireGreyImage(image);
+    std::vector<cv::Point> hull;
+    std::int32_t next = 0;
+    Candidates candidates = explainInTurn(
+        fastContours(image), configs, "", [&](const auto& contour) { return judgeFastContour(contour, configs, hull); },
+        [&](const FastVerdict&) {
+            return Admission{Admission::kAdded, next++};
+        });
+    replaceWanted(candidates, "area", text("minArea ", configs.minArea, " to below maxArea ", configs.maxArea));
+    return candidates;
 }
 
 }  // namespace kestrune

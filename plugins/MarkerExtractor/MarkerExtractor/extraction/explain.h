@@ -32,4 +32,9 @@ struct ExplainedCandidate {
 std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMarkerExtractor& extractor,
                                                   int cameraIndex, const CicrleConfigs& configs);
 
+/// The same of `CircleExtractSimpleForHand` and of `extractMarkPointsFast`, called with an empty list: ids are places
+/// in it.
+std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs);
+std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs);
+
 }  // namespace kestrune

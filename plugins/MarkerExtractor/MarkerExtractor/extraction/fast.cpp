@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/fast.h"
+
 #include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
+#include "MarkerExtractor/extraction/gate_parts.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -16,21 +19,14 @@ constexpr double kFourPi = 12.566370614359172;
 
 using PixelContour = std::vector<cv::Point>;
 
-bool passesArea(double area, const CicrleConfigs& configs) {
-    // The upper bound is exclusive on this path and inclusive on the others.
-    return !(configs.minArea > area || area >= configs.maxArea);
-}
-
-bool passesCircularity(const PixelContour& contour, double area, const CicrleConfigs& configs) {
+double circularityOf(const PixelContour& contour, double area) {
     const double perimeter = cv::arcLength(contour, true);
-    const double circularity = area * kFourPi / (perimeter * perimeter);
-    return !(configs.minCircularity > circularity || circularity >= configs.maxCircularity);
+    return area * kFourPi / (perimeter * perimeter);
 }
 
-bool passesConvexity(const PixelContour& contour, double area, PixelContour& hull, const CicrleConfigs& configs) {
+double convexityOf(const PixelContour& contour, double area, PixelContour& hull) {
     cv::convexHull(contour, hull, false, true);
-    const double ratio = area / cv::contourArea(hull, false);
-    return !(configs.minConvexRatio > ratio || ratio > configs.maxConvexRatio);
+    return area / cv::contourArea(hull, false);
 }
 
 double eccentricityOf(const cv::RotatedRect& rect) {
@@ -39,38 +35,66 @@ double eccentricityOf(const cv::RotatedRect& rect) {
     return std::sqrt(major * major - minor * minor) / major;
 }
 
+/// Area, circularity and convexity, which need no ellipse.
+Gate judgeOutline(const PixelContour& contour, const CicrleConfigs& configs, PixelContour& hull, FastVerdict& verdict) {
+    const double area = verdict.area;
+    // The upper bound is exclusive on this path and inclusive on the others.
+    if (configs.enableAreaFilter && (configs.minArea > area || area >= configs.maxArea)) {
+        return refuse(verdict, Gate::kArea, area);
+    }
+    if (configs.enableCircularityFilter) {
+        const double circularity = circularityOf(contour, area);
+        if (configs.minCircularity > circularity || circularity >= configs.maxCircularity) {
+            return refuse(verdict, Gate::kCircularity, circularity);
+        }
+    }
+    if (configs.enableConvexityFilter) {
+        const double ratio = convexityOf(contour, area, hull);
+        if (configs.minConvexRatio > ratio || ratio > configs.maxConvexRatio) {
+            return refuse(verdict, Gate::kConvexity, ratio);
+        }
+    }
+    return Gate::kNone;
+}
+
 }  // namespace
+
+std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image) {
+    cv::Mat binary;
+    cv::threshold(image, binary, kThreshold, kForeground, cv::THRESH_BINARY);
+    std::vector<PixelContour> contours;
+    cv::findContours(binary, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+    return contours;
+}
+
+FastVerdict judgeFastContour(const PixelContour& contour, const CicrleConfigs& configs, PixelContour& hull) {
+    const cv::Mat points(contour, false);  // a header over the points
+    FastVerdict verdict;
+    verdict.area = cv::moments(points, false).m00;
+    if (judgeOutline(contour, configs, hull, verdict) != Gate::kNone) return verdict;
+    verdict.rect = cv::fitEllipse(points);
+    if (configs.enableEccentricityFilter) {
+        verdict.eccentricity = eccentricityOf(verdict.rect);
+        if (verdict.eccentricity > configs.maxEccentricity) {
+            refuse(verdict, Gate::kEccentricity, verdict.eccentricity);
+        }
+    }
+    return verdict;
+}
 
 bool CircleMarkerExtractor::extractMarkPointsFast(const cv::Mat& image, std::vector<Corner>& corners,
                                                   int /*cameraIndex*/, const CicrleConfigs& configs) {
     if (image.empty()) return false;
     requireGreyImage(image);
-
-    cv::Mat binary;
-    cv::threshold(image, binary, kThreshold, kForeground, cv::THRESH_BINARY);
-    std::vector<PixelContour> contours;
-    cv::findContours(binary, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
-
     PixelContour hull;
-    for (const PixelContour& contour : contours) {
-        const cv::Mat points(contour, false);  // a header over the points
-        const double area = cv::moments(points, false).m00;
-        if (configs.enableAreaFilter && !passesArea(area, configs)) continue;
-        if (configs.enableCircularityFilter && !passesCircularity(contour, area, configs)) continue;
-        if (configs.enableConvexityFilter && !passesConvexity(contour, area, hull, configs)) continue;
-
-        const cv::RotatedRect rect = cv::fitEllipse(points);
-        double eccentricity = 0;
-        if (configs.enableEccentricityFilter) {
-            eccentricity = eccentricityOf(rect);
-            if (eccentricity > configs.maxEccentricity) continue;
-        }
-
+    for (const PixelContour& contour : fastContours(image)) {
+        const FastVerdict verdict = judgeFastContour(contour, configs, hull);
+        if (!verdict.accepted()) continue;
         Corner corner;
-        corner.x = rect.center.x;
-        corner.y = rect.center.y;
-        corner.area = area;
-        corner.eccentricity = eccentricity;
+        corner.x = verdict.rect.center.x;
+        corner.y = verdict.rect.center.y;
+        corner.area = verdict.area;
+        corner.eccentricity = verdict.eccentricity;
         corners.push_back(corner);
     }
     return !corners.empty();

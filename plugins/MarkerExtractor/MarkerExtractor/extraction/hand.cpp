@@ -25,7 +25,9 @@ constexpr double kLargestCompactness = 25.132741228718345;
 
 using PixelContour = std::vector<cv::Point>;
 
-std::vector<PixelContour> outerContours(const cv::Mat& image) {
+}  // namespace
+
+std::vector<std::vector<cv::Point>> handContours(const cv::Mat& image) {
     cv::Mat edges;
     cv::Canny(image, edges, kEdgeLow, kEdgeHigh, kEdgeAperture, true);
     std::vector<PixelContour> contours;
@@ -40,22 +42,6 @@ std::vector<PixelContour> outerContours(const cv::Mat& image) {
     }
     return outer;
 }
-
-/// Adds an accepted candidate unless its centre lies within its own smaller half axis of a marker's. Of the two the one
-/// with the smaller ellipse stays: the inner edge of a ring. Exactly equal centres count as two markers.
-void admit(const GateVerdict& verdict, std::vector<Corner>& corners) {
-    const Corner& candidate = verdict.candidate;
-    const double reach = HalfAxes(verdict.rect).b;
-    for (Corner& known : corners) {
-        const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
-        if (!(distance > 0 && reach > distance)) continue;
-        if (known.area > candidate.area) known = candidate;
-        return;
-    }
-    corners.push_back(candidate);
-}
-
-}  // namespace
 
 GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs) {
     GateVerdict verdict;
@@ -88,6 +74,21 @@ GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const Cicrle
     return verdict;
 }
 
+Admission admitHandMarker(const GateVerdict& verdict, std::vector<Corner>& corners) {
+    const Corner& candidate = verdict.candidate;
+    const double reach = HalfAxes(verdict.rect).b;
+    for (std::size_t k = 0; k < corners.size(); ++k) {
+        Corner& known = corners[k];
+        const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
+        if (!(distance > 0 && reach > distance)) continue;
+        const bool isSmaller = known.area > candidate.area;
+        if (isSmaller) known = candidate;
+        return {isSmaller ? Admission::kReplaced : Admission::kDropped, static_cast<std::int32_t>(k)};
+    }
+    corners.push_back(candidate);
+    return {Admission::kAdded, static_cast<std::int32_t>(corners.size() - 1)};
+}
+
 bool CircleMarkerExtractor::CircleExtractSimpleForHand(cv::Mat& image, std::vector<Corner>& corners,
                                                        int /*cameraIndex*/, const CicrleConfigs& configs) {
     if (image.empty()) return false;
@@ -97,9 +98,9 @@ bool CircleMarkerExtractor::CircleExtractSimpleForHand(cv::Mat& image, std::vect
     cv::Mat grayCopy = image.clone();
     cv::Mat blurred;
     cv::medianBlur(image, blurred, kMedianSide);
-    for (const PixelContour& contour : outerContours(image)) {
+    for (const PixelContour& contour : handContours(image)) {
         const GateVerdict verdict = judgeHandContour(contour, configs);
-        if (verdict.accepted()) admit(verdict, corners);
+        if (verdict.accepted()) admitHandMarker(verdict, corners);
     }
     if (corners.empty()) return false;
     cv::cvtColor(image, grayCopy, cv::COLOR_BGR2GRAY, 0);
