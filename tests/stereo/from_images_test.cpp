@@ -125,9 +125,17 @@ TEST(StereoFromImages, SaysWhatFailed) {
             broken.*member = cv::Mat::eye(2, 2, CV_32F);
             Outcome o;
             EXPECT_THROW(getStereoMarker3dPoints(left, right, broken, o.points, o.left, o.right, configsOf(path)), cv::Exception);
-            EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3 && broken.markerRects.empty()) << "before any work";
+            EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3) << "before a result is written";
+            EXPECT_EQ(o.run(blank, blank, broken, configsOf(path)), noLeft + noRight + none) << "is not read then";
         }
     }
+    E single = whole;
+    for (auto member : {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification,
+                        &E::leftHomography, &E::rightHomography})
+        (single.*member).convertTo(single.*member, CV_32F);
+    Outcome o;
+    EXPECT_EQ(o.run(left, right, single, configsOf(kRows)), "");
+    EXPECT_GE(o.pairs.size(), 22U);
 }
 
 }  // namespace kestrune::test::from_images

@@ -205,6 +205,12 @@ void requireConicCalibration(const CircleMarkerExtractor& extractor, bool corner
         requireMatrix(extractor.fundamental, 3, 3, "fundamental");
     }
     requireMatrixOfEitherPrecision(extractor.disparityToDepth, 4, 4, "disparityToDepth");
+    // Members that a host has filled itself, all four, are left alone by `SetTriangulationIntrinsicMatrix`.
+    const Eigen::MatrixXd &A = extractor.triangulationA, &B = extractor.triangulationB;
+    if (A.size() == 0 || B.size() == 0 || extractor.triangulationC.size() == 0 || extractor.triangulationD.size() == 0)
+        return;
+    if (A.rows() != 3 || A.cols() != 3) refuseSetting("triangulationA", "is not 3 x 3");
+    if (B.rows() != 3 || B.cols() != 3) refuseSetting("triangulationB", "is not 3 x 3");
 }
 
 void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners,
@@ -225,12 +231,6 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
     extractor.SetTriangulationIntrinsicMatrix(
         configs.cornersRectified ? extractor.leftProjection : extractor.leftIntrinsic,
         configs.cornersRectified ? extractor.rightProjection : extractor.rightIntrinsic);
-    // Members that a host may have filled itself, in which case the call above left them alone.
-    for (const Eigen::MatrixXd* camera : {&extractor.triangulationA, &extractor.triangulationB}) {
-        if (camera->rows() != 3 || camera->cols() != 3) {
-            refuseSetting(camera == &extractor.triangulationA ? "triangulationA" : "triangulationB", "is not 3 x 3");
-        }
-    }
     pairs = rectifiedCandidatePairs(frame.leftRectified, frame.rightRectified, extractor.disparityToDepth, points,
                                     configs.maxRowDifference, configs.minDepth, configs.maxDepth);
     if (pairs.empty()) return;

@@ -28,21 +28,23 @@ bool carriesConics(const CicrleConfigs& configs) {
     return configs.useComplexExtract || configs.useRadialContours;
 }
 
-/// What the chosen branch reads, before an image is looked at.
+/// What the chosen branch reads. In single precision will do where only OpenCV reads it, since
+/// `SetStereorectifyParam` takes either.
 void checkCalibration(const CircleMarkerExtractor& e, const CicrleConfigs& configs) {
-    requireMatrix(e.leftRectification, 3, 3, "leftRectification");
     if (carriesConics(configs)) {
+        requireMatrix(e.leftRectification, 3, 3, "leftRectification");
         requireConicCalibration(e, configs.cornersRectified);
         return;
     }
-    requireMatrix(e.leftProjection, 3, 4, "leftProjection");
-    requireMatrix(e.rightProjection, 3, 4, "rightProjection");
+    requireMatrixOfEitherPrecision(e.leftRectification, 3, 3, "leftRectification");
+    requireMatrixOfEitherPrecision(e.leftProjection, 3, 4, "leftProjection");
+    requireMatrixOfEitherPrecision(e.rightProjection, 3, 4, "rightProjection");
     if (configs.cornersRectified) return;
-    requireMatrix(e.leftIntrinsic, 3, 3, "leftIntrinsic");
-    requireMatrix(e.rightIntrinsic, 3, 3, "rightIntrinsic");
-    requireMatrix(e.rightRectification, 3, 3, "rightRectification");
-    requireMatrix(e.leftHomography, 3, 3, "leftHomography");
-    requireMatrix(e.rightHomography, 3, 3, "rightHomography");
+    requireMatrixOfEitherPrecision(e.leftIntrinsic, 3, 3, "leftIntrinsic");
+    requireMatrixOfEitherPrecision(e.rightIntrinsic, 3, 3, "rightIntrinsic");
+    requireMatrixOfEitherPrecision(e.rightRectification, 3, 3, "rightRectification");
+    requireMatrixOfEitherPrecision(e.leftHomography, 3, 3, "leftHomography");
+    requireMatrixOfEitherPrecision(e.rightHomography, 3, 3, "rightHomography");
 }
 
 Points rotated(const Points& points, const cv::Matx33d& rotation) {
@@ -135,13 +137,16 @@ std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& le
                                                                std::vector<cv::RotatedRect>& rightRects,
                                                                const CicrleConfigs& configs) {
     if (isIncomplete(leftImage, rightImage, extractor)) return {};
-    checkCalibration(extractor, configs);
     Exposure exposure;
     const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);
-    leftRects = extractor.markerRects;
+    std::vector<cv::RotatedRect> foundLeft = extractor.markerRects;
     const bool rightFound = ExtractCircleMarker(rightImage, extractor, exposure.right, 1, configs);
+    const bool found = leftFound && rightFound;
+    // Without markers nothing more of the calibration is read, and its gaps are no reason to hide what the eyes saw.
+    if (found) checkCalibration(extractor, configs);
+    leftRects = std::move(foundLeft);
     rightRects = extractor.markerRects;
-    if (!leftFound || !rightFound) {
+    if (!found) {
         reportWarning(report_sites::kNoMarkersInOneFrame);
         return {};
     }

@@ -324,8 +324,9 @@ KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtracto
 ///                    Empty, with a warning on standard output that tells why, if an eye shows no marker or the
 ///                    constellation gave no point; empty and silent if an image or a calibration member is missing, or
 ///                    if the conic branch matched nothing.
-/// @throws cv::Exception for settings, images or calibration members that cannot be worked with; std::runtime_error
-///                    "Eigen decomposition failed." for a conic that is not finite.
+/// @throws cv::Exception for settings and images that cannot be worked with, and, once both eyes show markers, for
+///                    calibration members, before a result is written; std::runtime_error "Eigen decomposition
+///                    failed." for a conic that is not finite.
 KESTRUNE_API std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(
     const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
     std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
