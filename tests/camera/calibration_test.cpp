@@ -70,27 +70,27 @@ TEST(CalibrationIntake, AgreesWithProjectionsOfSpace) {
 }
 
 TEST(CalibrationIntake, RefusesWhatItCannotUse) {
-    CircleMarkerExtractor e;
-    EXPECT_THROW(takeIn(e, {kAtOrigin, kAtOrigin}, {kCamera}), std::out_of_range);
-    EXPECT_TRUE(e.leftIntrinsic.empty());
-    EXPECT_THROW(takeIn(e, {kAtOrigin}, {kCamera, kCamera}), std::out_of_range);
-    EXPECT_EQ(refused([&e] { takeIn(e, {kAtOrigin}, {kCamera, kCamera}); }), "invalid vector subscript");
-    EXPECT_TRUE(e.leftIntrinsic.at<double>(1, 1) == 810 && e.rotation.empty());
-    // Two cameras in one place: all that needs no baseline is there, and OpenCV refuses the rest.
-    EXPECT_THROW(takeIn(e, {kAtOrigin, kAtOrigin}, {kCamera, kCamera}), cv::Exception);
-    EXPECT_TRUE(cv::countNonZero(e.fundamental) == 0 && e.fundamental.size() == cv::Size(3, 3));
-
+    const Pose right = placedAt(1, 0), nowhere = placedAt(0, INFINITY);
     Camera noNumber = kCamera;
-    noNumber.values[8] = std::nan("");
-    const auto refusedOf = [](const Pose& pose, const Camera& camera, int width, int height) {
-        CircleMarkerExtractor fresh;
-        std::string name = refused([&] { takeIn(fresh, {kAtOrigin, pose}, {kCamera, camera}, width, height); });
-        return fresh.leftIntrinsic.empty() ? name : name + ", too late";
-    };
-    EXPECT_EQ(refusedOf(placedAt(1, 0), noNumber, 640, 480), "cameras[1]");
-    EXPECT_EQ(refusedOf(placedAt(0, INFINITY), kCamera, 640, 480), "poses[1]");
-    EXPECT_EQ(refusedOf(placedAt(1, 0), kCamera, 0, 480), "width");
-    EXPECT_EQ(refusedOf(placedAt(1, 0), kCamera, 640, -1), "height");
+    noNumber.values[8] = kNaN;
+    // Poses, cameras, size; what is refused, and how much is there by then: the cameras, the turn between them. Two
+    // cameras in one place have all that needs no baseline, and OpenCV refuses the rest.
+    const std::tuple<std::vector<Pose>, std::vector<Camera>, cv::Size, std::string, bool, bool> cases[] = {
+        {{kAtOrigin, right}, {kCamera}, {640, 480}, "invalid vector subscript", false, false},
+        {{kAtOrigin}, {kCamera, kCamera}, {640, 480}, "invalid vector subscript", true, false},
+        {{kAtOrigin, kAtOrigin}, {kCamera, kCamera}, {640, 480}, "OpenCV", true, true},
+        {{kAtOrigin, right}, {kCamera, noNumber}, {640, 480}, "cameras[1]", false, false},
+        {{kAtOrigin, nowhere}, {kCamera, kCamera}, {640, 480}, "poses[1]", false, false},
+        {{kAtOrigin, right}, {kCamera, kCamera}, {0, 480}, "width", false, false},
+        {{kAtOrigin, right}, {kCamera, kCamera}, {640, -1}, "height", false, false}};
+    CircleMarkerExtractor e;
+    for (const auto& [poses, cameras, size, name, hasCameras, hasTurn] : cases) {
+        e = {};
+        EXPECT_EQ(refused([&, &p = poses, &c = cameras, &s = size] { takeIn(e, p, c, s.width, s.height); }), name);
+        EXPECT_TRUE(!e.leftIntrinsic.empty() == hasCameras && !e.rotation.empty() == hasTurn) << name;
+        EXPECT_TRUE(!hasTurn || (e.fundamental.size() == cv::Size(3, 3) && cv::countNonZero(e.fundamental) == 0));
+    }
+    EXPECT_THROW(takeIn(e, {kAtOrigin}, {kCamera, kCamera}), std::out_of_range);
 
     cv::Mat I = cv::Mat::eye(3, 3, CV_64F), T = (cv::Mat_<double>(3, 1) << 1, 2, 3), single = cv::Mat::eye(3, 3, CV_32F), F;
     EXPECT_THROW(e.CalcFoundationMat(I, T, single, I, F), cv::Exception);
@@ -136,21 +136,20 @@ TEST(SetTriangulationIntrinsicMatrix, MapsConicsOfTheNormalisedPlaneToPixels) {
     EXPECT_EQ(e.triangulationB(0, 2), 620) << "the first call decides";
 }
 
-const auto ellipseOf = [](const std::array<double, 6>& q, double f = 1) {
-    return conicToEllipse(f * q[0], f * q[1], f * q[2], f * q[3], f * q[4], f * q[5]);
-};
-
 TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
-    const double a = 20, b = 12, x = 400, y = 300;
-    for (const double degrees : {0.0, 25.0, 90.0, 140.0}) {
-        const double c = std::cos(degrees * CV_PI / 180), s = std::sin(degrees * CV_PI / 180);
-        const double A = c * c / a / a + s * s / b / b, B = 2 * s * c * (1 / a / a - 1 / b / b), C = s * s / a / a + c * c / b / b;
+    const auto ellipseOf = [](const std::array<double, 6>& q, double f = 1) {
+        return conicToEllipse(f * q[0], f * q[1], f * q[2], f * q[3], f * q[4], f * q[5]);
+    };
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    for (const scene::Disc& disc : scene::makeScatteredDiscs(rig, 20, 10, 20, 50, 200, 5)) {
+        const scene::EllipseTruth truth = scene::projectDisc(rig.left, disc);
         for (const double sign : {1.0, -7.0}) {
-            const EllipseParams e = ellipseOf({A, B, C, -2 * A * x - B * y, -B * x - 2 * C * y, A * x * x + B * x * y + C * y * y - 1}, sign);
+            const EllipseParams e = ellipseOf(truth.conic, sign);
             // The width lies along the angle; which axis that is, is the conic's business.
             const cv::Vec4d actual(e.centerX, e.centerY, std::max(e.width, e.height), std::min(e.width, e.height));
-            EXPECT_LT(cv::norm(actual, cv::Vec4d(x, y, 2 * a, 2 * b), cv::NORM_INF), 1e-3) << degrees << " " << sign;
-            EXPECT_NEAR(std::remainder(e.angle + (e.width > e.height ? 0 : 90) - degrees, 180), 0, 1e-3) << degrees << " " << sign;
+            const cv::Vec4d expected(truth.centre.x, truth.centre.y, 2 * truth.majorHalfAxis, 2 * truth.minorHalfAxis);
+            EXPECT_LT(cv::norm(actual, expected, cv::NORM_INF), 1e-2) << sign;
+            EXPECT_NEAR(std::remainder(e.angle + (e.width > e.height ? 0 : 90) - truth.angle * 180 / CV_PI, 180), 0, 1e-3) << sign;
         }
     }
     const std::tuple<std::array<double, 6>, float, float> cases[] = {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/camera/eccentricity.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <opencv2/imgproc.hpp>
 
@@ -10,11 +8,8 @@
 #include "kestrune_scene/scene.h"
 #include "support/calls.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::eccentricity {
 
-using test::kInf;
-using test::kNaN;
 constexpr double kDegree = CV_PI / 180, kF = 7000, kZ = 900;  // px, mm
 
 /// Ellipse whose half axes have these inverse squares.
@@ -145,7 +140,7 @@ TEST(Eccentricity, AnswersBadInput) {
     double x = 7, y = 7, norm = 7;
     const auto run = [&](cv::Mat image, cv::Mat position) {
         cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
-        return test::refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
+        return refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
     };
     for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(1, 1, CV_64FC3),
                                cv::Mat(3, cube, CV_64FC1)}) {
@@ -155,5 +150,4 @@ TEST(Eccentricity, AnswersBadInput) {
     EXPECT_TRUE(x == 7 && y == 7 && norm == 7);
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::eccentricity
