@@ -11,60 +11,57 @@ namespace kestrune::host::program_test {
 
 /// One demonstration's exposure is the input of all that follows.
 TEST(HostProgram, DemoThenExtract) {
-    const std::string at = ownDirectory();
-    expectOutcome("demo --size 800x640 --markers 12 --seed 3 --out " + at + "demo", 0, "");
+    enterOwnDirectory();
+    expectOutcome("demo --size 800x640 --markers 12 --seed 3 --out demo", 0, "");
     for (const char* picture : {"left-radial", "right-radial", "left-simple", "right-simple", "left-fast", "right-fast", "left-complex",
                                 "right-complex", "mixed-left-complex", "mixed-right-complex"}) {
-        EXPECT_GT(readImage(at + "demo/" + picture + ".png", false).cols, 800) << picture;
+        EXPECT_GT(readImage(std::string("demo/") + picture + ".png", false).cols, 800) << picture;
     }
 
-    const std::string image = " " + at + "demo/left.png";
-    std::ofstream(at + "broken.png") << "no picture";
+    std::ofstream("broken.png") << "no picture";
     cv::Mat deep;
-    readImage(at + "demo/left.png", false).convertTo(deep, CV_16U, 256);
-    cv::imwrite(at + "deep.png", deep);
-    const std::string radial = " --settings " + kReady + "bright-radial.yaml";
-    const std::string subpixel = " --settings " + kReady + "bright-subpixel.yaml";
-    const std::tuple<std::string, int, std::string> cases[] = {
+    readImage("demo/left.png", false).convertTo(deep, CV_16U, 256);
+    cv::imwrite("deep.png", deep);
+    const std::tuple<const char*, int, const char*> cases[] = {
         {"", 2, "subcommand is required"},
-        {"extract" + image, 2, "--settings is required"},
-        {"extract" + image + radial + " --path round", 2, "--path"},
-        {"extract" + image + radial + " --eye 5", 2, "--eye"},
-        {"extract" + image + " --settings none.yaml", 2, "none.yaml: cannot be read"},
-        {"extract" + image + radial + " --overlay picture.jpg", 2, "picture.jpg: an overlay is written as .png"},
-        {"extract" + image + radial + " --csv " + at + "no/where.csv", 2, "where.csv: cannot be written"},
-        {"extract" + image + radial + " --calibration " + kReady + "bright-radial.yaml", 2, "field 'M1' is missing"},
-        {"extract" + image + radial + " --calibration " + at + "demo/calibration.yaml", 0, "is not used"},
-        {"extract " + at + "broken.png" + image + radial, 1, "broken.png: cannot be read as an image"},
-        {"extract " + at + "broken.png" + image + radial, 1, "left.png: 12 markers"},
-        {"extract " + at + "deep.png" + radial, 1, "deep.png: "},
-        {"extract" + image + subpixel, 0, ": 12 markers"},
-        {"extract" + image + radial + " --invert", 0, ": 0 markers"},
-        {"extract " + at + "demo/mixed-left.png --path complex --csv " + at + "m.csv --settings " + kReady + "mixed-complex.yaml", 0, ": 12 markers"},
-        {"explain" + image + radial + " --csv " + at + "e.csv --out " + at + "e.png", 0, "\n    12  marker\n"},
-        {"explain" + image + radial + " --path fast", 2, "path fast: keeps no account"},
-        {"explain" + image + radial + " --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
-        {"explain " + at + "broken.png" + radial, 1, "broken.png: cannot be read as an image"},
-        {"extract" + image + radial + " --path hand", 0, ": 0 markers"},  // they stand out too little for it
-        {"depth" + image + image + radial + " --csv " + at + "d.csv", 2, "--calibration is required"},
-        {"depth" + image + " " + at + "deep.png" + radial + " --depth-scale -1 --csv " + at + "d.csv --calibration " + at + "demo/calibration.yaml",
-         2, "--depth-scale"},
-        {"depth" + image + image + radial + " --csv " + at + "d.csv --calibration " + at + "demo/calibration.yaml", 1, "left.png: is of type CV_8UC"},
-        {"settings " + kReady + "bright-radial.yaml none.yaml", 2, "good for path radial"},
-        {"demo --size 10x10 --out " + at + "small", 2, "10x10"},
-        {"extract" + image + image + " --path fast --csv " + at + "t.csv --overlay " + at + "o.png --settings " + kReady + "bright-fast.yaml", 0,
-         "o-left-2.png"},
+        {"extract demo/left.png", 2, "--settings is required"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --path round", 2, "--path"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --eye 5", 2, "--eye"},
+        {"extract demo/left.png --settings none.yaml", 2, "none.yaml: cannot be read"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --overlay picture.jpg", 2, "picture.jpg: an overlay is written as .png"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --csv no/where.csv", 2, "where.csv: cannot be written"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --calibration ready/bright-radial.yaml", 2, "field 'M1' is missing"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml", 0, "is not used"},
+        {"extract broken.png demo/left.png --settings ready/bright-radial.yaml", 1, "broken.png: cannot be read as an image"},
+        {"extract broken.png demo/left.png --settings ready/bright-radial.yaml", 1, "left.png: 12 markers"},
+        {"extract deep.png --settings ready/bright-radial.yaml", 1, "deep.png: "},
+        {"extract demo/left.png --settings ready/bright-subpixel.yaml", 0, ": 12 markers"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --invert", 0, ": 0 markers"},
+        {"extract demo/mixed-left.png --path complex --csv m.csv --settings ready/mixed-complex.yaml", 0, ": 12 markers"},
+        {"explain demo/left.png --settings ready/bright-radial.yaml --csv e.csv --out e.png", 0, "\n    12  marker\n"},
+        {"explain demo/left.png --settings ready/bright-radial.yaml --path fast", 2, "path fast: keeps no account"},
+        {"explain demo/left.png --settings ready/bright-radial.yaml --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
+        {"explain broken.png --settings ready/bright-radial.yaml", 1, "broken.png: cannot be read as an image"},
+        {"extract demo/left.png --settings ready/bright-radial.yaml --path hand", 0, ": 0 markers"},  // they stand out too little for it
+        {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv", 2, "--calibration is required"},
+        {"depth demo/left.png deep.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml --csv d.csv --depth-scale -1", 2,
+         "--depth-scale"},
+        {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv --calibration demo/calibration.yaml", 1,
+         "left.png: is of type CV_8UC"},
+        {"settings ready/bright-radial.yaml none.yaml", 2, "good for path radial"},
+        {"demo --size 10x10 --out small", 2, "10x10"},
+        {"extract demo/left.png demo/left.png --path fast --csv t.csv --overlay o.png --settings ready/bright-fast.yaml", 0, "o-left-2.png"},
     };
     for (const auto& [arguments, code, expected] : cases) expectOutcome(arguments, code, expected);
     // The last case's table: both images, thirteen fields a row, and those empty that this path does not measure.
-    const std::string csv = readText(at + "t.csv");
+    const std::string csv = readText("t.csv");
     EXPECT_TRUE(csv.starts_with("image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity\n"));
     EXPECT_EQ(std::ranges::count(csv, '\n'), 25);
     EXPECT_EQ(std::ranges::count(csv, ','), 25 * 12);
     EXPECT_EQ(csv.substr(csv.size() - 5), ",,,,\n");
-    EXPECT_TRUE(std::filesystem::exists(at + "o-left.png") && std::filesystem::exists(at + "o-left-2.png"));
+    EXPECT_TRUE(std::filesystem::exists("o-left.png") && std::filesystem::exists("o-left-2.png"));
     // Every other marker of that scene is dark.
-    std::istringstream rows(readText(at + "m.csv"));
+    std::istringstream rows(readText("m.csv"));
     std::map<std::string, int> ends;
     for (std::string row; std::getline(rows, row);) ++ends[row.substr(row.rfind(','))];
     EXPECT_EQ(ends, (std::map<std::string, int>{{",polarity", 1}, {",bright", 6}, {",dark", 6}}));
@@ -72,24 +69,23 @@ TEST(HostProgram, DemoThenExtract) {
 
 /// Depths of a plate parallel to the image, of both kinds of file, one with a hole of each kind.
 TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
-    const std::string at = ownDirectory();
+    enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({800, 640});
     const scene::Exposure exposure = scene::render(rig, scene::makeScatteredDiscs(rig, 12, 10, 20, 20, 200, 4), {}, {});
-    writeCalibration(at + "rig.yaml", rig);
-    cv::imwrite(at + "left.png", exposure.image[0]);
+    writeCalibration("rig.yaml", rig);
+    cv::imwrite("left.png", exposure.image[0]);
     CircleMarkerExtractor extractor;
-    const std::vector<Marker> markers = findMarkers(extractor, exposure.image[0], 0, {}, loadSettings(kReady + "bright-radial.yaml", {}));
+    const std::vector<Marker> markers = findMarkers(extractor, exposure.image[0], 0, {}, loadSettings("ready/bright-radial.yaml", {}));
     ASSERT_GE(markers.size(), 10u);
     cv::Mat plate(640, 800, CV_32FC1, cv::Scalar(1000));
     int hole = 0;
     for (const double value : {0.0, -3.0, test::kNaN, test::kInf}) plate.at<float>(markers[2 * hole++].centre) = static_cast<float>(value);
-    cv::imwrite(at + "plate.tiff", plate);
-    cv::imwrite(at + "plate.png", cv::Mat(640, 800, CV_16UC1, cv::Scalar(8000)));
+    cv::imwrite("plate.tiff", plate);
+    cv::imwrite("plate.png", cv::Mat(640, 800, CV_16UC1, cv::Scalar(8000)));
     for (const auto& [arguments, dropped] : {std::pair("plate.tiff --depth-scale 1", 4u), {"plate.png --depth-scale 0.125", 0u}}) {
-        expectOutcome("depth " + at + "left.png " + at + arguments + " --settings " + kReady + "bright-radial.yaml --calibration " + at +
-                          "rig.yaml --csv " + at + "points.csv",
-                      0, std::to_string(dropped) + " dropped");
-        const std::vector<Row> rows = rowsOf(at + "points.csv", "id,x,y,X,Y,Z");
+        const std::string rest = " --settings ready/bright-radial.yaml --calibration rig.yaml --csv points.csv";
+        expectOutcome(std::string("depth left.png ") + arguments + rest, 0, std::to_string(dropped) + " dropped");
+        const std::vector<Row> rows = rowsOf("points.csv", "id,x,y,X,Y,Z");
         EXPECT_EQ(rows.size(), markers.size() - dropped);
         for (const auto& [id, v] : rows) {
             EXPECT_EQ(cv::Point2d(v[0], v[1]), markers[std::stoul(id)].centre);
@@ -118,7 +114,7 @@ TEST(HostMarkers, AreTrueAndAccountedForAtEveryScale) {
         {"bright-radial.yaml", {}, 3, 0.18, 1.5},         {"bright-complex.yaml", {}, 2, 0.03, 0.3}};
     for (const auto& [name, path, scale, worstRms, worstAxis] : cases) {
         SCOPED_TRACE(testing::Message() << name << " at scale " << scale);
-        Settings settings = loadSettings(kReady + name, path);
+        Settings settings = loadSettings("ready/" + name, path);
         settings.configs.scale = scale, settings.configs.skipUndistort = false;
         settings.configs.maxEccentricity = 0.8, settings.configs.minAxisRatio = 0.7F;
         CircleMarkerExtractor extractor;

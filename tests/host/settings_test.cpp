@@ -5,23 +5,18 @@
 
 namespace kestrune::host::settings_test {
 
-/// The line of `field` becomes `line`, or goes.
-std::string withLine(std::string text, const std::string& field, const std::string& line) {
-    const auto start = ("\n" + text).find("\n" + field);
-    return text.replace(start, text.find('\n', start) - start, line);
-}
-
 TEST(HostSettings, ReadyFilesLoadForThePathOfTheirName) {
+    enterOwnDirectory();
     int files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(kReady)) {
+    for (const auto& entry : std::filesystem::directory_iterator("ready")) {
         const std::string name = entry.path().stem();
         const Path expected = name.ends_with("complex") ? Path::complex : name.ends_with("radial") ? Path::radial : Path::simple;
         EXPECT_EQ(loadSettings(entry.path(), {}).path, expected) << name;
         ++files;
     }
     EXPECT_GE(files, 12);
-    EXPECT_FALSE(loadSettings(kReady + "bright-radial.yaml", Path::simple).configs.useRadialContours);
-    const CicrleConfigs told = loadSettings(kReady + "bright-complex.yaml", Path::radial).configs;
+    EXPECT_FALSE(loadSettings("ready/bright-radial.yaml", Path::simple).configs.useRadialContours);
+    const CicrleConfigs told = loadSettings("ready/bright-complex.yaml", Path::radial).configs;
     EXPECT_TRUE(told.useRadialContours && !told.useComplexExtract);
 }
 
@@ -64,7 +59,8 @@ TEST(HostSettings, BrokenFilesNameFieldAndValue) {
         {"sigma", "sigma: [1", "is no readable YAML: line "},
         {"%YAML", "", "the first line must be %YAML:1.0"},
     };
-    const std::string good = readText(kReady + "bright-radial.yaml");
+    enterOwnDirectory();
+    const std::string good = readText("ready/bright-radial.yaml");
     for (const auto& c : cases) {
         expectComplaint(
             withLine(good, c.field, c.line), [&c](const auto& file) { loadSettings(file, c.path); }, c.expected);
@@ -73,7 +69,7 @@ TEST(HostSettings, BrokenFilesNameFieldAndValue) {
     const auto load = [](const std::string& file) { loadSettings(file, {}); };
     const std::string many = expectComplaint(withLine(withLine(good, "scale", "scale: 0"), "sigma", ""), load, "field 'sigma' is missing");
     EXPECT_EQ(std::ranges::count(many, '\n'), 1) << many;
-    for (const char* file : {"no-such-file.yaml", KESTRUNE_SETTINGS_DIR}) EXPECT_THROW(load(file), InputError);
+    for (const char* file : {"no-such-file.yaml", "ready"}) EXPECT_THROW(load(file), InputError);
 }
 
 }  // namespace kestrune::host::settings_test

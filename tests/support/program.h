@@ -16,18 +16,15 @@
 
 namespace kestrune::host {
 
-const std::string kReady = KESTRUNE_SETTINGS_DIR "/";
-
-/// Where the running test keeps its files: tests may run side by side.
-inline std::string ownPath() {
-    return testing::TempDir() + "kestrune-" + testing::UnitTest::GetInstance()->current_test_info()->name();
-}
-
-/// An empty directory of the running test, with a slash behind.
-inline std::string ownDirectory() {
-    std::filesystem::remove_all(ownPath());
-    std::filesystem::create_directories(ownPath());
-    return ownPath() + "/";
+/// Gives the running test an empty directory to work in, with the ready settings under "ready": tests may run side by side.
+inline void enterOwnDirectory() {
+    namespace fs = std::filesystem;
+    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+    const fs::path directory = testing::TempDir() + "kestrune-" + test->test_suite_name() + "-" + test->name();
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    fs::current_path(directory);
+    fs::create_directory_symlink(KESTRUNE_SETTINGS_DIR, "ready");
 }
 
 inline void writeCalibration(const std::string& file, const scene::Rig& rig) {
@@ -53,14 +50,19 @@ inline void expectOutcome(const std::string& arguments, int expectedCode, const 
     EXPECT_EQ(output.find('\r'), std::string::npos) << "a progress bar where no terminal is";
 }
 
+/// `line` in place of the one that begins with `start`, or nothing.
+inline std::string withLine(std::string text, const std::string& start, const std::string& line) {
+    const auto at = ("\n" + text).find("\n" + start);
+    return text.replace(at, text.find('\n', at) - at, line);
+}
+
 /// A loader must complain of this in a file of this text, or take it where nothing is expected. Gives all that it says.
 template <typename Load>
 std::string expectComplaint(const std::string& text, const Load& load, const std::string& expected) {
-    const std::string file = ownPath() + ".yaml";
-    std::ofstream(file) << text;
-    const std::string what = test::refused([&] { load(file); });
+    std::ofstream("given.yaml") << text;
+    const std::string what = test::refused([&] { load("given.yaml"); });
     EXPECT_EQ(what.empty(), expected.empty()) << expected << "\n" << what;
-    EXPECT_TRUE(what.empty() || what.starts_with(file)) << what;
+    EXPECT_TRUE(what.empty() || what.starts_with("given.yaml: ")) << what;
     EXPECT_NE(what.find(expected), std::string::npos) << expected << "\n" << what;
     return what;
 }
