@@ -25,10 +25,11 @@ TEST(CalibrationIntake, AgreesWithProjectionsOfSpaceAndLeavesThatOfACopyAlone) {
     const cv::Vec3d shift(30, -20, 70);
     CircleMarkerExtractor extractor;
     std::vector<std::pair<scene::Rig, CircleMarkerExtractor>> copies;
-    for (scene::Rig rig : {scene::makeVergedRig({1280, 1024}), verticalRig()}) {
+    for (const cv::Matx33d& roll : {cv::Matx33d::eye(), cv::Matx33d(0, -1, 0, 1, 0, 0, 0, 0, 1)}) {  // side by side, one above the other
+        scene::Rig rig = scene::makeVergedRig({1280, 1024});
         for (scene::PinholeCamera* camera : {&rig.left, &rig.right}) {  // seen from a world of another orientation
-            camera->translation += camera->rotation * shift;
-            camera->rotation = camera->rotation * turn;
+            camera->translation = roll * (camera->translation + camera->rotation * shift);
+            camera->rotation = roll * camera->rotation * turn;
         }
         for (int run = 0; run < 2; ++run, std::swap(rig.left, rig.right)) {
             takeIn(extractor, {poseOf(rig.left), poseOf(rig.right), kAtOrigin}, {cameraOf(rig.left), cameraOf(rig.right)}, 1280, 1024);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/camera/eccentricity.h"
 
-#include <cstdio>
 #include <opencv2/imgproc.hpp>
 
 #include "kestrune/MarkerExtractor.h"
@@ -81,8 +80,7 @@ TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
 
     cv::RNG rng(1);
     int vectors = 0, lengths = 0, unsure = 0;
-    constexpr int kDiscs = 2000;
-    for (int k = 0; k < kDiscs; ++k) {
+    for (int k = 0; k < 2000; ++k) {
         const double tilt = rng.uniform(2.0, 60.0), azimuth = rng.uniform(0.0, 360.0), R = rng.uniform(0.5, 6.0);
         const cv::Point2d place(rng.uniform(-135.0, 135.0), rng.uniform(-135.0, 135.0));
         const auto [truth, e] = caseOf(tilt, azimuth, place, R);
@@ -92,9 +90,7 @@ TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
         for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).result.norm / e.norm - 1) > 1e-3;
         unsure += changed;
     }
-    std::printf("of %d discs: %d displacements within 10 %%, %d lengths within a factor of 2, %d changed by rounding\n", kDiscs, vectors, lengths,
-                unsure);
-    EXPECT_TRUE(vectors < kDiscs / 200 && lengths < kDiscs / 3 && unsure > kDiscs / 2);
+    EXPECT_TRUE(vectors < 10 && lengths < 600 && unsure > 1500) << vectors << ' ' << lengths << ' ' << unsure;
 }
 
 TEST(Eccentricity, WritesTheResultsAndTheNormal) {

@@ -40,6 +40,7 @@ TEST(HostProgram, DemoThenExtract) {
         {"extract demo/mixed-left.png --path complex --csv m.csv --settings ready/mixed-complex.yaml", 0, ": 12 markers"},
         {"explain demo/left.png --settings ready/bright-radial.yaml --csv e.csv --out e.png", 0, "\n    12  marker\n"},
         {"explain demo/left.png --settings ready/bright-radial.yaml --path fast", 2, "path fast: keeps no account"},
+        {"explain demo/left.png --settings ready/bright-radial.yaml --path hand", 2, "path hand: keeps no account"},
         {"explain demo/left.png --settings ready/bright-radial.yaml --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
         {"explain broken.png --settings ready/bright-radial.yaml", 1, "broken.png: cannot be read as an image"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --path hand", 0, ": 0 markers"},  // they stand out too little for it

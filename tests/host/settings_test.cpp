@@ -45,6 +45,7 @@ TEST(HostSettings, BrokenFilesNameFieldAndValue) {
         {"useThreads", "useThreads: yes", "field 'useThreads': 'yes' is not true or false"},
         {"useThreads", "useThreads: 1", ""},
         {"useComplexExtract", "useComplexExtract: true", ""},
+        {"aperture", "aperture: 1", "field 'aperture' 1: paths", Path::complex},
         {"sigma", "sigma: 0", "field 'sigma' 0: path complex", Path::complex},
         {"minDiameter", "minDiameter: 0", "field 'minDiameter' 0: path complex", Path::complex},
         {"minDiameter", "minDiameter: 0", "", Path::radial},

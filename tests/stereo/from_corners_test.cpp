@@ -36,40 +36,37 @@ TEST(FromCorners, PairsByItsRulesWhicheverEyeIsShorter) {
     // Three sure pairs stand before the markers of each case. Lists in which both eyes have as many are not turned round:
     // the search is from the left eye then.
     const Places sure = {{100, 100}, {200, 200}, {150, 300}}, shifted = {{80, 100}, {180, 200}, {130, 300}};
-    const struct {
-        const char* what;
-        Places a, b;
-        Pairs pairs;  ///< counted behind the sure ones
-    } cases[] = {{"sure ones alone", {}, {}, {}},
-                 {"1.5 px is too far", {{50, 50}}, {{40, 51.5}}, {}},
-                 {"less is not", {{50, 50}}, {{40, 51.499}}, {{0, 0}}},
-                 {"a sure pair behind the cameras", {{50, 50}}, {{60, 50}}, {{0, 0}}},
-                 {"two on one", {{50, 0}, {90, 1}}, {{40, 0}, {0, 40}}, {}},
-                 {"distances to the sure ones decide", {{50, 0}}, {{10, 0}, {29, 0}}, {{0, 1}}},
-                 {"one candidate in front", {{50, 0}}, {{60, 0}, {10, 0}}, {{0, 1}}},
-                 {"none in front", {{50, 0}}, {{60, 0}, {70, 0}}, {}},
-                 {"position among the kept read among all", {{50, 0}}, {{60, 0}, {10, 0}, {30, 0}}, {{0, 1}}},
-                 {"the same at the first place", {{50, 0}}, {{60, 0}, {30, 0}, {10, 0}}, {{0, 0}}},
-                 {"identical candidates: the first", {{50, 0}}, {{30, 0}, {30, 0}}, {{0, 0}}},
-                 {"identical markers share one", {{50, 0}, {50, 0}}, {{10, 0}, {30, 0}, {5, 90}}, {{0, 1}, {1, 1}}},
-                 {"centres that are nowhere", {{kNaN, 0}, {50, kInf}}, {{kNaN, 0}, {-kInf, 0}, {1e300, 1e300}}, {}}};
-    for (const auto& c : cases) {
+    const std::tuple<const char*, Places, Places, Pairs> cases[] = {
+        // pairs counted behind the sure ones
+        {"sure ones alone", {}, {}, {}},
+        {"1.5 px is too far", {{50, 50}}, {{40, 51.5}}, {}},
+        {"less is not", {{50, 50}}, {{40, 51.499}}, {{0, 0}}},
+        {"a sure pair behind the cameras", {{50, 50}}, {{60, 50}}, {{0, 0}}},
+        {"two on one", {{50, 0}, {90, 1}}, {{40, 0}, {0, 40}}, {}},
+        {"distances to the sure ones decide", {{50, 0}}, {{10, 0}, {29, 0}}, {{0, 1}}},
+        {"one candidate in front", {{50, 0}}, {{60, 0}, {10, 0}}, {{0, 1}}},
+        {"none in front", {{50, 0}}, {{60, 0}, {70, 0}}, {}},
+        {"position among the kept read among all", {{50, 0}}, {{60, 0}, {10, 0}, {30, 0}}, {{0, 1}}},
+        {"the same at the first place", {{50, 0}}, {{60, 0}, {30, 0}, {10, 0}}, {{0, 0}}},
+        {"identical candidates: the first", {{50, 0}}, {{30, 0}, {30, 0}}, {{0, 0}}},
+        {"identical markers share one", {{50, 0}, {50, 0}}, {{10, 0}, {30, 0}, {5, 90}}, {{0, 1}, {1, 1}}},
+        {"centres that are nowhere", {{kNaN, 0}, {50, kInf}}, {{kNaN, 0}, {-kInf, 0}, {1e300, 1e300}}, {}}};
+    for (const auto& [what, moreA, moreB, pairs] : cases) {
         for (const bool turned : {false, true}) {
             Places a = sure, b = shifted;
-            a.insert(a.end(), c.a.begin(), c.a.end()), b.insert(b.end(), c.b.begin(), c.b.end());
+            a.insert(a.end(), moreA.begin(), moreA.end()), b.insert(b.end(), moreB.begin(), moreB.end());
             if (turned && a.size() == b.size()) continue;
             Rows rows(turned ? b : a, turned ? a : b);
             if (turned) rows.pose.at<double>(0, 3) = 1;
             Pairs expected = {{0, 0}, {1, 1}, {2, 2}};
-            for (const auto& [i, j] : c.pairs) expected.emplace_back(turned ? 3 + j : 3 + i, turned ? 3 + i : 3 + j);
-            ASSERT_EQ(rows.match(), expected) << c.what << turned;
-            ASSERT_TRUE(rows.log.empty() && rows.refusal.empty() && rows.points.size() == expected.size()) << c.what;
+            for (const auto& [i, j] : pairs) expected.emplace_back(turned ? 3 + j : 3 + i, turned ? 3 + i : 3 + j);
+            ASSERT_EQ(rows.match(), expected) << what << turned;
+            ASSERT_TRUE(rows.log.empty() && rows.refusal.empty() && rows.points.size() == expected.size()) << what;
             for (std::size_t m = 0; m < expected.size(); ++m) {
-                const Corner &l = rows.left[static_cast<std::size_t>(expected[m].first)],
-                             &r = rows.right[static_cast<std::size_t>(expected[m].second)];
+                const Corner &l = rows.left[expected[m].first], &r = rows.right[expected[m].second];
                 const double z = (turned ? -1 : 1) / (l.x - r.x);
                 EXPECT_TRUE(l.matched && r.matched && l.position == Eigen::Vector3d(&rows.points[m].x));
-                EXPECT_TRUE(l.y != r.y || (l.position - Eigen::Vector3d(l.x * z, l.y * z, z)).norm() < 1e-6) << c.what << m;
+                EXPECT_TRUE(l.y != r.y || (l.position - Eigen::Vector3d(l.x * z, l.y * z, z)).norm() < 1e-6) << what << m;
                 EXPECT_LT((r.position - l.position - Eigen::Vector3d(turned ? 1 : -1, 0, 0)).norm(), 1e-9) << "each eye in its own frame";
             }
         }
