@@ -214,6 +214,8 @@ TEST(PruneInconsistentPairs, TheWorseOfTwoThatContradictGoes) {
         {"length alone is none", {{0, 0}, {100, 0}}, {{0, 0}, {180, 0}}, {0, 1}, 0.1},
         {"length and half the angle", {{0, 0}, {10, 0}, {900, 0}}, {{0, 0}, {18, 1.2}, {900, 0}}, {0, 2}, 0.1},
         {"half the angle alone", {{0, 0}, {10, 0}, {900, 0}}, {{0, 0}, {10, 0.7}, {900, 0}}, {0, 1, 2}, 0.1},
+        {"0.09 rad weigh more than 12 % of length", {{0, 0}, {10, 0}, {900, 0}}, {{-122.7, 0}, {13.6, -80}, {900, 0}}, {0, 2}, 0.1},
+        {"and less than 20 %", {{0, 0}, {10, 0}, {900, 0}}, {{-225, 0}, {13.6, -80}, {900, 0}}, {1, 2}, 0.1},
         {"to the other side", {{0, 0}, {10, 2}, {900, 0}}, {{0, 0}, {10, -2}, {900, 0}}, {0, 2}, 0.5},
         {"on the same side", {{0, 0}, {10, 2}, {900, 0}}, {{0, 0}, {10, 6}, {900, 0}}, {0, 1, 2}, 0.5}};
     for (const auto& [what, left, right, kept, angleTolerance] : cases) {
