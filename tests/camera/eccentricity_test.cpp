@@ -47,13 +47,8 @@ TEST(Eccentricity, FollowsItsOwnLayout) {
     }
 }
 
-struct Case {
-    cv::Point2d truth;
-    Eccentricity result;
-};
-
 /// What plain geometry and the operation say of a disc whose normal is tilted from the optical axis.
-Case caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
+std::pair<cv::Point2d, Eccentricity> caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
     scene::PinholeCamera camera;
     camera.intrinsic = cv::Matx33d(kF, 0, 0, 0, kF, 0, 0, 0, 1);
     const double s = std::sin(tilt * kDegree);
@@ -69,14 +64,14 @@ Case caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
 TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
     for (const double tilt : {5, 20, 40}) {
         for (const double R : {1.0, 2.5, 5.0}) {
-            for (const double x : {0, 80}) EXPECT_LT(caseOf(tilt, 0, {x, 0}, R).result.norm, 1e-9) << "tilted about the columns: nothing";
+            for (const double x : {0, 80}) EXPECT_LT(caseOf(tilt, 0, {x, 0}, R).second.norm, 1e-9) << "tilted about the columns: nothing";
             const auto [truth, e] = caseOf(tilt, 90, {0, 0}, R);
             EXPECT_NEAR(e.norm / cv::norm(truth) * std::sin(tilt * kDegree) * std::pow(std::cos(tilt * kDegree), 3), 1, 2e-3)
                 << "3 to 12 times too long";
         }
     }
-    const Case frontal = caseOf(0, 0, {0, 0}, 2.5);
-    EXPECT_TRUE(cv::norm(frontal.truth) < 1e-9 && std::isnan(frontal.result.norm));
+    const auto [none, frontal] = caseOf(0, 0, {0, 0}, 2.5);
+    EXPECT_TRUE(cv::norm(none) < 1e-9 && std::isnan(frontal.norm));
 
     cv::RNG rng(1);
     int vectors = 0, lengths = 0, unsure = 0;
@@ -87,7 +82,7 @@ TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
         vectors += cv::norm(cv::Point2d(e.x, e.y) - truth) < 0.1 * cv::norm(truth);
         lengths += e.norm > 0.5 * cv::norm(truth) && e.norm < 2 * cv::norm(truth);
         bool changed = false;
-        for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).result.norm / e.norm - 1) > 1e-3;
+        for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).second.norm / e.norm - 1) > 1e-3;
         unsure += changed;
     }
     EXPECT_TRUE(vectors < 10 && lengths < 600 && unsure > 1500) << vectors << ' ' << lengths << ' ' << unsure;

@@ -112,8 +112,9 @@ TEST(FromCorners, MatchesNoisyMarkersForAnyNumberOfThreads) {
         std::size_t all = 0, wrong = 0;
         for (unsigned seed = 1; seed <= 40; ++seed) {
             // True ellipse centres with 0.1 px of noise in each coordinate; the right list in another order.
-            auto [left, right, discs] = exactCorners(rig, scene::makeCurvedObject(rig, 60, 1.5, 2.5, 190, seed));
-            ASSERT_EQ(discs.size(), 60u);
+            ExactCorners exact = exactCorners(rig, scene::makeCurvedObject(rig, 60, 1.5, 2.5, 190, seed));
+            ASSERT_EQ(exact.seen.size(), 60u);
+            std::vector<Corner>&left = exact.left, &right = exact.right;
             for (int k = 0; k < 60; ++k) left[k].id = right[k].id = k;
             std::shuffle(right.begin(), right.end(), std::mt19937(seed));
             cv::RNG rng(seed);
@@ -134,7 +135,7 @@ TEST(FromCorners, MatchesNoisyMarkersForAnyNumberOfThreads) {
                 const int id = left[pairs[m].first].id;
                 const bool isWrong = id != right[pairs[m].second].id;
                 wrong += isWrong;
-                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - discs[id].centre) < 0.4) << seed;
+                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - exact.seen[id].centre) < 0.4) << seed;
             }
         }
         EXPECT_TRUE(all > (missing > 0 ? 1850 : 2350) && wrong <= (missing > 0 ? 10 : 0)) << all << ' ' << wrong;
