@@ -85,6 +85,8 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     Corner hyperbola = right, broken = right, level = right;
     hyperbola.conic[0] = -hyperbola.conic[0], broken.conic[2] = NAN, level.y = left.y;
     const CicrleConfigs configs = stereoConfigs(), anySize = stereoConfigs(false, {});
+    CicrleConfigs unlike = anySize, anyDepth = stereoConfigs(true, {});
+    unlike.minRadiusRatio = 1.01f, anyDepth.minRadiusRatio = 0, anyDepth.minDepth = -1e9, anyDepth.maxDepth = 1e9;
     const std::tuple<const char*, std::vector<Corner>, std::vector<Corner>, CicrleConfigs, Pairs> cases[] = {
         {"one each", {left}, {right}, configs, {{0, 0}}},
         {"a rival before", {left}, {rival, right}, configs, {{0, 1}}},
@@ -95,12 +97,10 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
         {"a score that is no number leaves no centres", {leftSmall}, {hyperbola}, anySize, {}},
         {"no nominal radius", {leftSmall}, {small}, configs, {}},
         {"any radius will do", {leftSmall}, {small}, anySize, {{0, 0}}},
+        {"no two radii are like enough", {leftSmall}, {small}, unlike, {}},
         {"nobody", {}, {right}, configs, {}}};
     for (const auto& [what, l, r, c, pairs] : cases) EXPECT_EQ(Matched(l, r, e, c).pairs, pairs) << what;
 
-    CicrleConfigs unlike = anySize, anyDepth = stereoConfigs(true, {});
-    unlike.minRadiusRatio = 1.01f, anyDepth.minRadiusRatio = 0, anyDepth.minDepth = -1e9, anyDepth.maxDepth = 1e9;
-    EXPECT_TRUE(Matched({leftSmall}, {small}, e, unlike).pairs.empty());
     EXPECT_THROW(Matched({leftSmall}, {broken}, e, anySize), std::runtime_error);
     std::vector<cv::Point2f> centres(7);  // emptied first
     EXPECT_TRUE(solveCirclePose(e.triangulationA, {5, 8, 900}, left, centres).normals.size() == 2 && centres.size() == 2);
