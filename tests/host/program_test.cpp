@@ -99,6 +99,7 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
 /// Whatever the scale, markers are those of the full image, with the lens taken out. The account names each of them once,
 /// and refuses the disc that is seen askew for what is true of it.
 TEST(HostMarkers, AreTrueAndAccountedForAtEveryScale) {
+    enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({1001, 803});  // no multiple of 2 or 3
     std::vector<scene::Disc> discs = scene::makeScatteredDiscs(rig, 20, 24, 30, 30, 250, 5);
     const double across = std::sin(0.9) * std::sqrt(0.5);
