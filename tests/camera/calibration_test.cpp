@@ -19,50 +19,39 @@ void takeIn(CircleMarkerExtractor& e, const std::vector<Pose>& poses, const std:
 /// Of a homogeneous point from one on the image.
 const auto distance = [](const cv::Vec3d& h, const cv::Point2d& p) { return std::hypot(h[0] / h[2] - p.x, h[1] / h[2] - p.y); };
 
-TEST(CalibrationIntake, PlacesTheBaselineAndLeavesThatOfACopyAlone) {
-    // Where the right camera stands, row and value of the baseline.
-    const std::tuple<double, double, int, double> cases[] = {{100, 0, 0, -100}, {-100, 0, 0, 100}, {0, 50, 1, -50}, {0, -50, 1, 50}};
-    CircleMarkerExtractor e;
-    std::vector<CircleMarkerExtractor> copies;
-    for (const auto& [x, y, row, baseline] : cases) {
-        takeIn(e, {kAtOrigin, placedAt(x, y), kAtOrigin}, {kCamera, kCamera});
-        copies.push_back(e);
-    }
-    for (std::size_t k = 0; k < copies.size(); ++k) {
-        const auto& [x, y, row, baseline] = cases[k];
-        const cv::Mat T = (cv::Mat_<double>(3, 1) << -x, -y, 0);
-        cv::Mat expected = cv::Mat::eye(3, 4, CV_64F);
-        expected.at<double>(row, 3) = baseline;
-        EXPECT_LT(cv::norm(copies[k].rightTriangulation, expected), 1e-9) << k;
-        EXPECT_LT(cv::norm(copies[k].translation, T) + cv::norm(copies[k].leftTriangulation.col(3), T), 1e-12) << k;
-        EXPECT_GT(copies[k].rightProjection.at<double>(row, 3) * baseline, 0) << k;
-        EXPECT_TRUE(copies[k].imageWidth == 640 && copies[k].scratchLabels.size() == 640u * 480u && copies[k].leftMapX.type() == CV_32FC1);
-    }
-}
-
-TEST(CalibrationIntake, AgreesWithProjectionsOfSpace) {
-    cv::Matx33d turned;
-    cv::Rodrigues(cv::Vec3d(0.4, -0.3, 1.1), turned);
-    for (scene::Rig rig : {scene::makeVergedRig({1280, 1024}), verticalRig()}) {
-        // The same rig seen from a world of another orientation: nothing but the poses may change.
-        scene::Rig moved = rig;
-        for (scene::PinholeCamera* camera : {&moved.left, &moved.right}) {
-            camera->translation += camera->rotation * cv::Vec3d(30, -20, 70);
-            camera->rotation = camera->rotation * turned;
+TEST(CalibrationIntake, AgreesWithProjectionsOfSpaceAndLeavesThatOfACopyAlone) {
+    cv::Matx33d turn;
+    cv::Rodrigues(cv::Vec3d(0.4, -0.3, 1.1), turn);
+    const cv::Vec3d shift(30, -20, 70);
+    CircleMarkerExtractor extractor;
+    std::vector<std::pair<scene::Rig, CircleMarkerExtractor>> copies;
+    for (const cv::Matx33d& roll : {cv::Matx33d::eye(), cv::Matx33d(0, -1, 0, 1, 0, 0, 0, 0, 1)}) {  // side by side, one above the other
+        scene::Rig rig = scene::makeVergedRig({1280, 1024});
+        for (scene::PinholeCamera* camera : {&rig.left, &rig.right}) {  // seen from a world of another orientation
+            camera->translation = roll * (camera->translation + camera->rotation * shift);
+            camera->rotation = roll * camera->rotation * turn;
         }
-        const CircleMarkerExtractor e = calibrated(moved);
-        EXPECT_LT(cv::norm(cv::Mat(rig.right.rotation), e.rotation), 1e-9);
-        EXPECT_LT(cv::norm(cv::Mat(rig.right.translation), e.translation), 1e-6);
-
+        for (int run = 0; run < 2; ++run, std::swap(rig.left, rig.right)) {
+            takeIn(extractor, {poseOf(rig.left), poseOf(rig.right), kAtOrigin}, {cameraOf(rig.left), cameraOf(rig.right)}, 1280, 1024);
+            copies.emplace_back(rig, extractor);
+        }
+    }
+    for (auto& [rig, e] : copies) {
+        EXPECT_TRUE(e.imageWidth == 1280 && e.scratchLabels.size() == 1280u * 1024u && e.leftMapX.type() == CV_32FC1);
+        EXPECT_EQ(cv::norm(e.leftTriangulation.colRange(0, 3), e.rotation) + cv::norm(e.leftTriangulation.col(3), e.translation), 0);
         rig.left.distortion = rig.right.distortion = {};
         const scene::Rig rectified = rectifiedRig(e, rig);
+        cv::Mat baseline = cv::Mat::eye(3, 4, CV_64F);
+        cv::Mat(rectified.right.translation - rectified.left.translation).copyTo(baseline.col(3));
+        EXPECT_LT(cv::norm(e.rightTriangulation, baseline), 1e-9);
         const cv::Matx33d F(e.fundamental);
         const cv::Matx34d P(cv::Mat(e.rightIntrinsic * e.leftTriangulation).ptr<double>());
-        for (const cv::Vec3d& x : {cv::Vec3d(10, 20, 900), cv::Vec3d(-90, 60, 1000), cv::Vec3d(80, -70, 820)}) {
+        for (const cv::Vec3d& place : {cv::Vec3d(10, 20, 900), cv::Vec3d(-90, 60, 1000), cv::Vec3d(80, -70, 820)}) {
+            const cv::Vec3d x = turn.t() * (place - shift), inLeft = rig.left.rotation * x + rig.left.translation;
             const cv::Point2d left = scene::projectPoint(rig.left, x), right = scene::projectPoint(rig.right, x);
             const cv::Vec3d l(left.x, left.y, 1), r(right.x, right.y, 1);
             EXPECT_NEAR(r.dot(F * l) / cv::norm(F * l), 0, 1e-6);
-            EXPECT_LT(distance(P * cv::Vec4d(x[0], x[1], x[2], 1), right), 1e-6);
+            EXPECT_LT(distance(P * cv::Vec4d(inLeft[0], inLeft[1], inLeft[2], 1), right), 1e-6);
             EXPECT_LT(distance(cv::Matx33d(e.leftHomography) * l, scene::projectPoint(rectified.left, x)), 1e-6);
             EXPECT_LT(distance(cv::Matx33d(e.rightHomography) * r, scene::projectPoint(rectified.right, x)), 1e-6);
         }
@@ -70,27 +59,27 @@ TEST(CalibrationIntake, AgreesWithProjectionsOfSpace) {
 }
 
 TEST(CalibrationIntake, RefusesWhatItCannotUse) {
-    CircleMarkerExtractor e;
-    EXPECT_THROW(takeIn(e, {kAtOrigin, kAtOrigin}, {kCamera}), std::out_of_range);
-    EXPECT_TRUE(e.leftIntrinsic.empty());
-    EXPECT_THROW(takeIn(e, {kAtOrigin}, {kCamera, kCamera}), std::out_of_range);
-    EXPECT_EQ(refused([&e] { takeIn(e, {kAtOrigin}, {kCamera, kCamera}); }), "invalid vector subscript");
-    EXPECT_TRUE(e.leftIntrinsic.at<double>(1, 1) == 810 && e.rotation.empty());
-    // Two cameras in one place: all that needs no baseline is there, and OpenCV refuses the rest.
-    EXPECT_THROW(takeIn(e, {kAtOrigin, kAtOrigin}, {kCamera, kCamera}), cv::Exception);
-    EXPECT_TRUE(cv::countNonZero(e.fundamental) == 0 && e.fundamental.size() == cv::Size(3, 3));
-
+    const Pose right = placedAt(1, 0), nowhere = placedAt(0, INFINITY);
     Camera noNumber = kCamera;
-    noNumber.values[8] = std::nan("");
-    const auto refusedOf = [](const Pose& pose, const Camera& camera, int width, int height) {
-        CircleMarkerExtractor fresh;
-        std::string name = refused([&] { takeIn(fresh, {kAtOrigin, pose}, {kCamera, camera}, width, height); });
-        return fresh.leftIntrinsic.empty() ? name : name + ", too late";
-    };
-    EXPECT_EQ(refusedOf(placedAt(1, 0), noNumber, 640, 480), "cameras[1]");
-    EXPECT_EQ(refusedOf(placedAt(0, INFINITY), kCamera, 640, 480), "poses[1]");
-    EXPECT_EQ(refusedOf(placedAt(1, 0), kCamera, 0, 480), "width");
-    EXPECT_EQ(refusedOf(placedAt(1, 0), kCamera, 640, -1), "height");
+    noNumber.values[8] = kNaN;
+    // Poses, cameras, size; what is refused, and how much is there by then: the cameras, the turn between them. Two
+    // cameras in one place have all that needs no baseline, and OpenCV refuses the rest.
+    const std::tuple<std::vector<Pose>, std::vector<Camera>, cv::Size, std::string, bool, bool> cases[] = {
+        {{kAtOrigin, right}, {kCamera}, {640, 480}, "invalid vector subscript", false, false},
+        {{kAtOrigin}, {kCamera, kCamera}, {640, 480}, "invalid vector subscript", true, false},
+        {{kAtOrigin, kAtOrigin}, {kCamera, kCamera}, {640, 480}, "OpenCV", true, true},
+        {{kAtOrigin, right}, {kCamera, noNumber}, {640, 480}, "cameras[1]", false, false},
+        {{kAtOrigin, nowhere}, {kCamera, kCamera}, {640, 480}, "poses[1]", false, false},
+        {{kAtOrigin, right}, {kCamera, kCamera}, {0, 480}, "width", false, false},
+        {{kAtOrigin, right}, {kCamera, kCamera}, {640, -1}, "height", false, false}};
+    CircleMarkerExtractor e;
+    for (const auto& [poses, cameras, size, name, hasCameras, hasTurn] : cases) {
+        e = {};
+        EXPECT_EQ(refused([&, &p = poses, &c = cameras, &s = size] { takeIn(e, p, c, s.width, s.height); }), name);
+        EXPECT_TRUE(!e.leftIntrinsic.empty() == hasCameras && !e.rotation.empty() == hasTurn) << name;
+        EXPECT_TRUE(!hasTurn || (e.fundamental.size() == cv::Size(3, 3) && cv::countNonZero(e.fundamental) == 0));
+    }
+    EXPECT_THROW(takeIn(e, {kAtOrigin}, {kCamera, kCamera}), std::out_of_range);
 
     cv::Mat I = cv::Mat::eye(3, 3, CV_64F), T = (cv::Mat_<double>(3, 1) << 1, 2, 3), single = cv::Mat::eye(3, 3, CV_32F), F;
     EXPECT_THROW(e.CalcFoundationMat(I, T, single, I, F), cv::Exception);
@@ -136,21 +125,20 @@ TEST(SetTriangulationIntrinsicMatrix, MapsConicsOfTheNormalisedPlaneToPixels) {
     EXPECT_EQ(e.triangulationB(0, 2), 620) << "the first call decides";
 }
 
-const auto ellipseOf = [](const std::array<double, 6>& q, double f = 1) {
-    return conicToEllipse(f * q[0], f * q[1], f * q[2], f * q[3], f * q[4], f * q[5]);
-};
-
 TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
-    const double a = 20, b = 12, x = 400, y = 300;
-    for (const double degrees : {0.0, 25.0, 90.0, 140.0}) {
-        const double c = std::cos(degrees * CV_PI / 180), s = std::sin(degrees * CV_PI / 180);
-        const double A = c * c / a / a + s * s / b / b, B = 2 * s * c * (1 / a / a - 1 / b / b), C = s * s / a / a + c * c / b / b;
+    const auto ellipseOf = [](const std::array<double, 6>& q, double f = 1) {
+        return conicToEllipse(f * q[0], f * q[1], f * q[2], f * q[3], f * q[4], f * q[5]);
+    };
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    for (const scene::Disc& disc : scene::makeScatteredDiscs(rig, 20, 10, 20, 50, 200, 5)) {
+        const scene::EllipseTruth truth = scene::projectDisc(rig.left, disc);
         for (const double sign : {1.0, -7.0}) {
-            const EllipseParams e = ellipseOf({A, B, C, -2 * A * x - B * y, -B * x - 2 * C * y, A * x * x + B * x * y + C * y * y - 1}, sign);
+            const EllipseParams e = ellipseOf(truth.conic, sign);
             // The width lies along the angle; which axis that is, is the conic's business.
             const cv::Vec4d actual(e.centerX, e.centerY, std::max(e.width, e.height), std::min(e.width, e.height));
-            EXPECT_LT(cv::norm(actual, cv::Vec4d(x, y, 2 * a, 2 * b), cv::NORM_INF), 1e-3) << degrees << " " << sign;
-            EXPECT_NEAR(std::remainder(e.angle + (e.width > e.height ? 0 : 90) - degrees, 180), 0, 1e-3) << degrees << " " << sign;
+            const cv::Vec4d expected(truth.centre.x, truth.centre.y, 2 * truth.majorHalfAxis, 2 * truth.minorHalfAxis);
+            EXPECT_LT(cv::norm(actual, expected, cv::NORM_INF), 1e-2) << sign;
+            EXPECT_NEAR(std::remainder(e.angle + (e.width > e.height ? 0 : 90) - truth.angle * 180 / CV_PI, 180), 0, 1e-3) << sign;
         }
     }
     const std::tuple<std::array<double, 6>, float, float> cases[] = {

@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/camera/eccentricity.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <opencv2/imgproc.hpp>
 
 #include "kestrune/MarkerExtractor.h"
 #include "kestrune_scene/scene.h"
 #include "support/calls.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::eccentricity {
 
-using test::kInf;
-using test::kNaN;
 constexpr double kDegree = CV_PI / 180, kF = 7000, kZ = 900;  // px, mm
 
 /// Ellipse whose half axes have these inverse squares.
@@ -53,13 +47,8 @@ TEST(Eccentricity, FollowsItsOwnLayout) {
     }
 }
 
-struct Case {
-    cv::Point2d truth;
-    Eccentricity result;
-};
-
 /// What plain geometry and the operation say of a disc whose normal is tilted from the optical axis.
-Case caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
+std::pair<cv::Point2d, Eccentricity> caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
     scene::PinholeCamera camera;
     camera.intrinsic = cv::Matx33d(kF, 0, 0, 0, kF, 0, 0, 0, 1);
     const double s = std::sin(tilt * kDegree);
@@ -75,31 +64,28 @@ Case caseOf(double tilt, double azimuth, cv::Point2d place, double R) {
 TEST(Eccentricity, DiffersFromTheTrueDisplacementAsDocumented) {
     for (const double tilt : {5, 20, 40}) {
         for (const double R : {1.0, 2.5, 5.0}) {
-            for (const double x : {0, 80}) EXPECT_LT(caseOf(tilt, 0, {x, 0}, R).result.norm, 1e-9) << "tilted about the columns: nothing";
+            for (const double x : {0, 80}) EXPECT_LT(caseOf(tilt, 0, {x, 0}, R).second.norm, 1e-9) << "tilted about the columns: nothing";
             const auto [truth, e] = caseOf(tilt, 90, {0, 0}, R);
             EXPECT_NEAR(e.norm / cv::norm(truth) * std::sin(tilt * kDegree) * std::pow(std::cos(tilt * kDegree), 3), 1, 2e-3)
                 << "3 to 12 times too long";
         }
     }
-    const Case frontal = caseOf(0, 0, {0, 0}, 2.5);
-    EXPECT_TRUE(cv::norm(frontal.truth) < 1e-9 && std::isnan(frontal.result.norm));
+    const auto [none, frontal] = caseOf(0, 0, {0, 0}, 2.5);
+    EXPECT_TRUE(cv::norm(none) < 1e-9 && std::isnan(frontal.norm));
 
     cv::RNG rng(1);
     int vectors = 0, lengths = 0, unsure = 0;
-    constexpr int kDiscs = 2000;
-    for (int k = 0; k < kDiscs; ++k) {
+    for (int k = 0; k < 2000; ++k) {
         const double tilt = rng.uniform(2.0, 60.0), azimuth = rng.uniform(0.0, 360.0), R = rng.uniform(0.5, 6.0);
         const cv::Point2d place(rng.uniform(-135.0, 135.0), rng.uniform(-135.0, 135.0));
         const auto [truth, e] = caseOf(tilt, azimuth, place, R);
         vectors += cv::norm(cv::Point2d(e.x, e.y) - truth) < 0.1 * cv::norm(truth);
         lengths += e.norm > 0.5 * cv::norm(truth) && e.norm < 2 * cv::norm(truth);
         bool changed = false;
-        for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).result.norm / e.norm - 1) > 1e-3;
+        for (int j = 1; j <= 8; ++j) changed |= std::abs(caseOf(tilt, azimuth, place * (1 + 1e-13 * j), R).second.norm / e.norm - 1) > 1e-3;
         unsure += changed;
     }
-    std::printf("of %d discs: %d displacements within 10 %%, %d lengths within a factor of 2, %d changed by rounding\n", kDiscs, vectors, lengths,
-                unsure);
-    EXPECT_TRUE(vectors < kDiscs / 200 && lengths < kDiscs / 3 && unsure > kDiscs / 2);
+    EXPECT_TRUE(vectors < 10 && lengths < 600 && unsure > 1500) << vectors << ' ' << lengths << ' ' << unsure;
 }
 
 TEST(Eccentricity, WritesTheResultsAndTheNormal) {
@@ -145,7 +131,7 @@ TEST(Eccentricity, AnswersBadInput) {
     double x = 7, y = 7, norm = 7;
     const auto run = [&](cv::Mat image, cv::Mat position) {
         cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
-        return test::refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
+        return refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
     };
     for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(1, 1, CV_64FC3),
                                cv::Mat(3, cube, CV_64FC1)}) {
@@ -155,5 +141,4 @@ TEST(Eccentricity, AnswersBadInput) {
     EXPECT_TRUE(x == 7 && y == 7 && norm == 7);
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::eccentricity

@@ -1,40 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The stereo command from outside, and the calibration files it starts from.
-#include <gtest/gtest.h>
-
 #include <kestrune_scene/stereo_score.h>
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
-#include <sstream>
 
-#include "calibration.h"
-#include "inputs.h"
 #include "support/program.h"
-#include "support/rigs.h"
 
-namespace kestrune::host {
-namespace {
+namespace kestrune::host::stereo_program_test {
 
-namespace fs = std::filesystem;
-
-std::map<std::string, std::vector<scene::MeasuredMarker>> readRows(const std::string& file) {
+std::map<std::string, std::vector<scene::MeasuredMarker>> readExposures(const std::string& file) {
     std::map<std::string, std::vector<scene::MeasuredMarker>> exposures;
-    std::istringstream rows(readText(file));
-    std::string row, name;
-    std::getline(rows, row);
-    while (std::getline(rows, row)) {
-        std::replace(row.begin(), row.end(), ',', ' ');
-        std::istringstream fields(row);
-        double v[12] = {};
-        fields >> name;
-        for (double& value : v) fields >> value;
-        EXPECT_TRUE(fields && fields.eof()) << row;
-        EXPECT_EQ(v[0], static_cast<double>(exposures[name].size())) << row;
+    for (const auto& [name, v] : rowsOf(file, "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius")) {
+        EXPECT_EQ(v[0], static_cast<double>(exposures[name].size())) << name;
         exposures[name].push_back({{cv::Point2d(v[1], v[2]), {v[3], v[4]}}, {v[5], v[6], v[7]}, {v[8], v[9], v[10]}, v[11]});
     }
     return exposures;
@@ -42,116 +21,87 @@ std::map<std::string, std::vector<scene::MeasuredMarker>> readRows(const std::st
 
 /// Two exposures and between them one that is dark in one eye; then many of them, interrupted.
 TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
-    const std::string at = testing::TempDir() + "kestrune-stereo-test/";
-    fs::remove_all(at);
-    fs::create_directories(at);
+    enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({800, 640});
-    StereoCalibration calibration{
-        {test::poseOf(rig.left), test::poseOf(rig.right)}, {test::cameraOf(rig.left), test::cameraOf(rig.right)}, {800, 640}, 0};
-    writeCalibration(at + "rig.yaml", calibration);
+    writeCalibration("rig.yaml", rig);
     std::map<std::string, scene::Exposure> truth;
-    for (const auto& [name, seed] : {std::pair("a", 1u), {"c", 2u}}) {
+    for (const auto& [name, seed] : {std::pair(std::string("a"), 1u), {"c", 2u}}) {
         truth[name] = scene::render(rig, scene::makeCurvedObject(rig, 14, 5, 8, 200, seed), {}, {.seed = seed});
-        cv::imwrite(at + name + ".png", truth[name].image[0]);
-        cv::imwrite(at + name + "-right.png", truth[name].image[1]);
+        cv::imwrite(name + ".png", truth[name].image[0]);
+        cv::imwrite(name + "-right.png", truth[name].image[1]);
     }
-    cv::imwrite(at + "dark.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
-    std::string text = readText(KESTRUNE_SETTINGS_DIR "/bright-radial.yaml");
-    std::ofstream(at + "settings.yaml") << text.replace(text.find("[ 1.5, 2.5 ]"), 12, "[ 5, 8 ]");
+    cv::imwrite("dark.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
+    std::string text = readText("ready/bright-radial.yaml");
+    std::ofstream("settings.yaml") << text.replace(text.find("[ 1.5, 2.5 ]"), 12, "[ 5, 8 ]");
 
-    const std::string common = "stereo --settings " + at + "settings.yaml --calibration " + at + "rig.yaml --csv " + at + "t.csv --json " + at +
-                               "t.json --ply " + at + "t.ply";
-    const std::string files =
-        " --left " + at + "a.png " + at + "dark.png " + at + "c.png --right " + at + "a-right.png " + at + "c-right.png " + at + "c-right.png";
-    const auto [code, output] = measure(common + files + " --jobs 3 --overlay " + at + "pictures");
-    EXPECT_EQ(code, 1) << output;
-    EXPECT_NE(output.find("dark.png, " + at + "c-right.png): no markers in the left eye"), std::string::npos) << output;
+    const std::string common = "stereo --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
+    expectOutcome(common + "--left a.png dark.png c.png --right a-right.png c-right.png c-right.png --jobs 3 --overlay pictures", 1,
+                  "dark.png, c-right.png): no markers in the left eye");
     std::size_t points = 0;
-    const auto rows = readRows(at + "t.csv");
-    ASSERT_EQ(rows.size(), 2u) << output;
+    const auto rows = readExposures("t.csv");
+    ASSERT_EQ(rows.size(), 2u);
     for (const auto& [name, measured] : rows) {
         const scene::StereoScore score = scene::scoreStereo(truth[name], measured, scene::PixelMeaning::projectedCentre, 2);
         EXPECT_TRUE(score.missed.empty() && score.wrong.empty()) << name << ": " << score.missed.size() << " missed";
         EXPECT_TRUE(score.pointRms < 2 * score.impliedRms && score.pointRms < 0.1 && score.normalRms < 4) << score.pointRms;
         points += measured.size();
-        EXPECT_GT(readImage(at + "pictures/" + name + ".png", false).cols + readImage(at + "pictures/" + name + "-3d.png", false).cols, 3200);
+        EXPECT_GT(readImage("pictures/" + name + ".png", false).cols + readImage("pictures/" + name + "-3d.png", false).cols, 3200);
     }
-    const std::string csv = readText(at + "t.csv"), ply = readText(at + "t.ply");
+    const std::string csv = readText("t.csv"), ply = readText("t.ply");
     EXPECT_LT(csv.rfind("\na,"), csv.find("\nc,"));
     EXPECT_NE(ply.find("element vertex " + std::to_string(points) + "\n"), std::string::npos);
     EXPECT_EQ(static_cast<std::size_t>(std::count(ply.begin() + static_cast<long>(ply.find("end_header\n")), ply.end(), '\n')), points + 1);
-    const auto json = nlohmann::json::parse(readText(at + "t.json"));
+    const auto json = nlohmann::json::parse(readText("t.json"));
     EXPECT_TRUE(json["complete"] && json["exposures"].size() == 3);
     EXPECT_EQ(json["exposures"][1]["error"], "no markers in the left eye");
     EXPECT_EQ(json["exposures"][0]["markers"].size() + json["exposures"][2]["markers"].size(), points);
     EXPECT_EQ(json["exposures"][2]["markers"][3]["radius"], rows.at("c")[3].radius);
 
-    EXPECT_EQ(measure(common + " --left " + at + "a.png --right " + at + "a-right.png " + at + "a-right.png").first, 2);
-    EXPECT_EQ(measure(common + " --path simple --left " + at + "a.png --right " + at + "a-right.png").first, 2) << "at scale 2";
+    expectOutcome(common + "--left a.png --right a-right.png a-right.png", 2, "1 left and 2 right images are no pairs");
+    expectOutcome(common + "--left a.png --right a-right.png --path simple", 2, "path simple measures in the reduced image");
     const auto [interrupted, told] =
-        shell("cd " + at + "; " KESTRUNE_MEASURE " " + common +
-              " --left $(yes a.png | head -2000) --right $(yes a-right.png | head -2000) > told & for i in $(seq 1000); do grep -qs a-2, " + at +
-              "t.csv && break; sleep 0.05; done; kill -INT $!; wait $!");
+        shell(KESTRUNE_MEASURE " " + common +
+              "--left $(yes a.png | head -2000) --right $(yes a-right.png | head -2000) > told & for i in $(seq 1000); do grep -qs a-2, t.csv && "
+              "break; sleep 0.05; done; kill -INT $!; wait $!");
     EXPECT_EQ(interrupted, 130) << told;
-    const auto part = nlohmann::json::parse(readText(at + "t.json"));
+    const auto part = nlohmann::json::parse(readText("t.json"));
     EXPECT_FALSE(part["complete"]);
-    EXPECT_EQ(part["exposures"].size(), readRows(at + "t.csv").size());
+    EXPECT_EQ(part["exposures"].size(), readExposures("t.csv").size());
 }
 
 /// Points in space to two lists in different orders, back to pairs and points; and lists that are none.
 TEST(HostStereo, MatchesProjectedLists) {
-    const std::string at = testing::TempDir() + "kestrune-match-test-";
-    const scene::Rig rig = scene::makeVergedRig({800, 640});
-    writeCalibration(at + "rig.yaml",
-                     {{test::poseOf(rig.left), test::poseOf(rig.right)}, {test::cameraOf(rig.left), test::cameraOf(rig.right)}, {800, 640}, 0});
+    enterOwnDirectory();
+    scene::Rig rig = scene::makeVergedRig({800, 640});
+    writeCalibration("rig.yaml", rig);
+    rig.left.distortion = rig.right.distortion = {};
     const std::vector<scene::Disc> discs = scene::makeCurvedObject(rig, 30, 2, 3, 200, 7);
-    std::string lists[2] = {"image,id,x,y\r\n", "y,note,x\n"};
+    std::ofstream left("l.csv"), right("r.csv");
+    left.precision(12), right.precision(12);
+    left << "image,id,x,y\r\n", right << "y,note,x\n";
     for (std::size_t k = 0; k < discs.size(); ++k) {
-        std::ostringstream rows[2];
-        for (int eye = 0; eye < 2; ++eye) {
-            scene::PinholeCamera camera = eye == 0 ? rig.left : rig.right;
-            camera.distortion = {};
-            const std::size_t index = eye == 0 ? k : discs.size() - 1 - k;
-            const cv::Point2d p = scene::projectPoint(camera, discs[index].centre);
-            rows[eye].precision(12);
-            if (eye == 0)
-                rows[0] << "\"a,b\"," << 100 + index << ',' << p.x << ", " << p.y << "\r\n";
-            else
-                rows[1] << p.y << ",\"say \"\"x\"\"\"," << p.x << "\n\n";
-            lists[eye] += rows[eye].str();
-        }
+        const cv::Point2d l = scene::projectPoint(rig.left, discs[k].centre);
+        const cv::Point2d r = scene::projectPoint(rig.right, discs[discs.size() - 1 - k].centre);
+        left << "\"a,b\"," << 100 + k << ',' << l.x << ", " << l.y << "\r\n";
+        right << r.y << ",\"say \"\"x\"\"\"," << r.x << "\n\n";
     }
-    std::ofstream(at + "l.csv") << lists[0];
-    std::ofstream(at + "r.csv") << lists[1];
+    left.close(), right.close();
     // [T]x R between two cameras whose first is the world, of any scale.
     const cv::Vec3d t = rig.right.translation;
     const cv::Matx33d f = -7 * (rig.right.intrinsic.inv().t() * cv::Matx33d(0, -t[2], t[1], t[2], 0, -t[0], -t[1], t[0], 0) * rig.right.rotation *
                                 rig.left.intrinsic.inv());
-    cv::FileStorage(at + "f.yaml", cv::FileStorage::WRITE).write("F", cv::Mat(f));
-    const std::string common = "match " + at + "l.csv " + at + "r.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv";
-    for (const std::string& fundamental : {std::string(), " --fundamental " + at + "f.yaml"}) {
-        const auto [code, output] = measure(common + fundamental);
-        EXPECT_EQ(code, 0) << output;
-        std::istringstream rows(readText(at + "p.csv"));
-        std::string row;
-        std::getline(rows, row);
-        std::size_t count = 0;
-        for (; std::getline(rows, row); ++count) {
-            std::replace(row.begin(), row.end(), ',', ' ');
-            double v[10] = {};
-            std::istringstream fields(row);
-            for (double& value : v) fields >> value;
-            EXPECT_TRUE(fields && fields.eof()) << row;
-            EXPECT_EQ(v[1] - 100, static_cast<double>(discs.size()) - 1 - v[2]) << row;
-            EXPECT_LT(cv::norm(cv::Vec3d(v[7], v[8], v[9]) - discs[static_cast<std::size_t>(v[1] - 100)].centre), 1e-4) << row;
+    cv::FileStorage("f.yaml", cv::FileStorage::WRITE).write("F", cv::Mat(f));
+    const std::string match = "match l.csv r.csv --calibration rig.yaml --csv p.csv";
+    for (const char* fundamental : {"", " --fundamental f.yaml"}) {
+        expectOutcome(match + fundamental, 0, "30 pairs of 30 left and 30 right markers");
+        const std::vector<Row> rows = rowsOf("p.csv", "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z");
+        EXPECT_EQ(rows.size(), discs.size());
+        for (const auto& [pair, v] : rows) {
+            EXPECT_EQ(v[0] - 100, static_cast<double>(discs.size()) - 1 - v[1]) << pair;
+            EXPECT_LT(cv::norm(cv::Vec3d(v[6], v[7], v[8]) - discs.at(static_cast<std::size_t>(v[0] - 100)).centre), 1e-4) << pair;
         }
-        EXPECT_EQ(count, discs.size()) << output;
     }
-    struct Case {
-        const char* list;
-        const char* expected;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> lists[] = {
         {"a,b\n1,2\n", "bad.csv: line 1: the header names no column 'x'"},
         {"x,y\n1,2\n3;4\n", "bad.csv: line 3: 1 fields, the header names 2"},
         {"x,y\n1,2\n1,2,3\n", "line 3: 3 fields"},
@@ -162,103 +112,81 @@ TEST(HostStereo, MatchesProjectedLists) {
         {"x,y\n1,\"2\n", "line 2: a quote is not closed"},
         {"\n", "holds no header row"},
     };
-    for (const Case& c : cases) {
-        std::ofstream(at + "bad.csv") << c.list;
-        const auto [code, output] = measure("match " + at + "l.csv " + at + "bad.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv");
-        EXPECT_EQ(code, 2) << c.list;
-        EXPECT_NE(output.find(c.expected), std::string::npos) << output;
+    for (const auto& [list, expected] : lists) {
+        std::ofstream("bad.csv") << list;
+        expectOutcome("match l.csv bad.csv --calibration rig.yaml --csv p.csv", 2, expected);
     }
-    std::ofstream(at + "none.csv") << "x,y\n";
-    EXPECT_EQ(measure("match " + at + "l.csv " + at + "none.csv --calibration " + at + "rig.yaml --csv " + at + "p.csv").first, 1);
-    const auto [code, output] = measure(common + " --fundamental " + at + "rig.yaml");
-    EXPECT_TRUE(code == 2 && output.find("field 'F' is missing") != std::string::npos) << output;
-}
-
-using Fields = std::vector<std::pair<std::string, std::string>>;
-
-/// Loads the fields as a file; what is wrong with it, or nothing.
-std::string load(const Fields& fields, StereoCalibration& calibration) {
-    const std::string file = testing::TempDir() + "kestrune-rig.yaml";
-    std::string text = "%YAML:1.0\n---\n";
-    for (const auto& [name, value] : fields) text += value.empty() ? "" : name + ": " + value + "\n";
-    std::ofstream(file) << text;
-    try {
-        calibration = loadStereoCalibration(file);
-    } catch (const InputError& error) {
-        EXPECT_TRUE(std::string(error.what()).starts_with(file)) << error.what();
-        return error.what();
-    }
-    return "";
+    std::ofstream("none.csv") << "x,y\n";
+    expectOutcome("match l.csv none.csv --calibration rig.yaml --csv p.csv", 1, "0 pairs");
+    expectOutcome(match + " --fundamental rig.yaml", 2, "field 'F' is missing");
 }
 
 TEST(HostCalibration, BothFormsAgreeAndBrokenFilesNameTheField) {
+    enterOwnDirectory();
     const std::string camera = "{ fx: 900, fy: 910, cx: 320, cy: 240, distortion: [ -0.1, 0.02, 1e-3, 2e-3, 0.5 ] }";
     const std::string eye = "{ rotation: [ 1, 0, 0, 0, 1, 0, 0, 0, 1 ], position: [ 0, 0, 0 ] }";
-    const Fields records = {{"image_width", "640"},
-                            {"image_height", "480"},
-                            {"cameras", "{ left: " + camera + ", right: " + camera + " }"},
-                            {"poses", "{ left: " + eye + ", right: { rotation: [ 0.8, 0, -0.6, 0, 1, 0, 0.6, 0, 0.8 ], position: [ 100, 2, 3 ] } }"}};
-    const auto matrix = [](int rows, int cols, const std::string& data) {
-        return "!!opencv-matrix\n   rows: " + std::to_string(rows) + "\n   cols: " + std::to_string(cols) + "\n   dt: d\n   data: [ " + data + " ]";
+    const std::string records = "%YAML:1.0\n---\nimage_width: 640\nimage_height: 480\ncameras: { left: " + camera + ", right: " + camera +
+                                " }\nposes: { left: " + eye +
+                                ", right: { rotation: [ 0.8, 0, -0.6, 0, 1, 0, 0.6, 0, 0.8 ], position: [ 100, 2, 3 ] } }\n";
+    const std::string matrices = R"(%YAML:1.0
+---
+imageSize: [ 640, 480 ]
+M1: !!opencv-matrix { rows: 3, cols: 3, dt: d, data: [ 900., 0., 320., 0., 910., 240., 0., 0., 1. ] }
+D1: !!opencv-matrix { rows: 1, cols: 5, dt: d, data: [ -0.1, 0.02, 1e-3, 2e-3, 0.5 ] }
+M2: !!opencv-matrix { rows: 3, cols: 3, dt: d, data: [ 900., 0., 320., 0., 910., 240., 0., 0., 1. ] }
+D2: !!opencv-matrix { rows: 1, cols: 5, dt: d, data: [ -0.1, 0.02, 1e-3, 2e-3, 0.5 ] }
+R: !!opencv-matrix { rows: 3, cols: 3, dt: d, data: [ 0.8, 0., -0.6, 0., 1., 0., 0.6, 0., 0.8 ] }
+T: !!opencv-matrix { rows: 3, cols: 1, dt: d, data: [ -78.2, -2., -62.4 ] }
+)";
+    StereoCalibration read;
+    const auto expectLoaded = [&read](const std::string& text, const std::string& expected) {
+        expectComplaint(
+            text, [&read](const std::string& file) { read = loadStereoCalibration(file); }, expected);
+        return read;
     };
-    const std::string m = matrix(3, 3, "900., 0., 320., 0., 910., 240., 0., 0., 1."), d = matrix(1, 5, "-0.1, 0.02, 1e-3, 2e-3, 0.5");
-    const Fields matrices = {{"imageSize", "[ 640, 480 ]"},
-                             {"M1", m},
-                             {"D1", d},
-                             {"M2", m},
-                             {"D2", d},
-                             {"R", matrix(3, 3, "0.8, 0., -0.6, 0., 1., 0., 0.6, 0., 0.8")},
-                             {"T", matrix(3, 1, "-78.2, -2., -62.4")}};
-    StereoCalibration a, b, none;
-    ASSERT_EQ(load(records, a) + load(matrices, b), "");
+    const StereoCalibration a = expectLoaded(records, ""), b = expectLoaded(matrices, "");
     for (std::size_t e = 0; e < 2; ++e) {
         for (int k = 0; k < 12; ++k) EXPECT_NEAR(a.poses[e].values[k], b.poses[e].values[k], 1e-12) << k;
-        for (int k = 0; k < 9; ++k) EXPECT_EQ(a.cameras[e].values[k], b.cameras[e].values[k]) << k;
+        EXPECT_TRUE(std::equal(a.cameras[e].values, a.cameras[e].values + 9, b.cameras[e].values));
     }
     EXPECT_EQ(a.poses[1].values[9], 100);
     EXPECT_TRUE(a.size == cv::Size(640, 480) && b.size == a.size && a.rectifyFlags == 1024);
 
-    struct Case {
-        const Fields& form;
-        std::string field, from, to;  ///< in the value of `field`, `from` becomes `to`; without `from`, all of it
-        std::string expected;         ///< empty: nothing is wrong
-    };
-    const Case cases[] = {
+    const struct {
+        const std::string& form;
+        std::string field, from, to, expected;  ///< in the line of `field`, `from` becomes `to`; without `from`, all of it
+    } cases[] = {
         {records, "cameras", "fx: 900", "fx: 0", "'cameras.left.fx': focal length 0 must be above 0"},
         {records, "cameras", "fy: 910", "fz: 910", "'cameras.left.fy' is missing"},
         {records, "cameras", "-0.1, ", "", ""},
         {records, "cameras", "-0.1, 0.02, ", "", "'cameras.left.distortion' is no list"},
-        {records, "cameras", "", "", "'cameras.right.cy' is missing"},
+        {records, "cameras", "", "cameras: 7", "'cameras.right.cy' is missing"},
         {records, "poses", "-0.6", "0.6", "'poses.right.rotation' is no rotation"},
         {records, "poses", "0, 0, 1 ], p", "0, 0, -1 ], p", "'poses.left.rotation' is a reflection"},
         {records, "poses", "100", ".Nan", "'poses.right.position' holds a value"},
         {records, "poses", "100, 2, 3", "0, 0, 0", "'poses': both cameras stand in one place"},
-        {records, "poses", "", "7", "'poses.left.rotation' is missing"},
+        {records, "poses", "", "poses: 7", "'poses.left.rotation' is missing"},
         {records, "image_height", "", "", "'image_height' is missing"},
-        {records, "image_width", "", "-5", "'image_width': -5 is no number of pixels"},
+        {records, "image_width", "", "image_width: -5", "'image_width': -5 is no number of pixels"},
         {matrices, "imageSize", "", "", ""},
         {matrices, "M2", "910.", "-910.", "'M2': focal length -910"},
         {matrices, "M1", "900., 0.", "900., 2.", "'M1' is no camera matrix"},
-        {matrices, "D2", "", matrix(1, 8, "0, 0, 0, 0, 0, 0, 0, 0."), ""},
-        {matrices, "D2", "", matrix(1, 8, "0, 0, 0, 0, 0, 0.5, 0, 0."), "'D2': coefficient 6 is 0.5"},
-        {matrices, "D1", "", matrix(2, 3, "0, 0, 0, 0, 0, 0."), "'D1' is 2 by 3"},
+        {matrices, "D2", "", "D2: !!opencv-matrix { rows: 1, cols: 8, dt: d, data: [ 0, 0, 0, 0, 0, 0, 0, 0. ] }", ""},
+        {matrices, "D2", "", "D2: !!opencv-matrix { rows: 1, cols: 8, dt: d, data: [ 0, 0, 0, 0, 0, 0.5, 0, 0. ] }", "'D2': coefficient 6 is 0.5"},
+        {matrices, "D1", "", "D1: !!opencv-matrix { rows: 2, cols: 3, dt: d, data: [ 0, 0, 0, 0, 0, 0. ] }", "'D1' is 2 by 3"},
         {matrices, "R", "", "", "'R' is missing"},
         {matrices, "R", "0.8, 0., -0.6", "0.81, 0., -0.6", "'R' is no rotation"},
-        {matrices, "T", "", matrix(2, 1, "1., 2."), "'T' is 2 by 1, not 3 by 1"},
+        {matrices, "T", "", "T: !!opencv-matrix { rows: 2, cols: 1, dt: d, data: [ 1., 2. ] }", "'T' is 2 by 1, not 3 by 1"},
         {matrices, "T", "-78.2, -2., -62.4", "0., 0., 0.", "'T': both cameras"},
-        {matrices, "imageSize", "", "[ 640 ]", "'imageSize' is no list of numbers of 2"},
+        {matrices, "imageSize", "", "imageSize: [ 640 ]", "'imageSize' is no list of numbers of 2"},
     };
-    for (const Case& c : cases) {
-        Fields fields = c.form;
-        std::string& value = std::ranges::find(fields, c.field, &Fields::value_type::first)->second;
-        value = c.from.empty() ? c.to : value.replace(value.find(c.from), c.from.size(), c.to);
-        const std::string what = load(fields, none);
-        EXPECT_TRUE(c.expected.empty() ? what.empty() : what.find(c.expected) != std::string::npos) << c.field << " " << c.to << "\n" << what;
+    for (const auto& c : cases) {
+        std::string text = c.form;
+        const auto start = text.find("\n" + c.field + ":");
+        if (!c.from.empty()) text.replace(text.find(c.from, start), c.from.size(), c.to);
+        expectLoaded(c.from.empty() ? withLine(text, c.field + ":", c.to) : text, c.expected);
     }
-    Fields both = records;
-    both.push_back(matrices[1]);
-    EXPECT_NE(load(both, none).find("'M1' beside"), std::string::npos);
+    expectLoaded(records + "M1: 7\n", "'M1' beside");
 }
 
-}  // namespace
-}  // namespace kestrune::host
+}  // namespace kestrune::host::stereo_program_test

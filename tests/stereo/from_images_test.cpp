@@ -54,10 +54,9 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
         if (path == kRims) images[0] = 255 - images[0], images[1] = 255 - images[1];  // dark discs
         Outcome o;
         EXPECT_EQ(o.run(images[0], images[1], extractor, c), "");
-        EXPECT_GE(o.pairs.size(), cornersRectified ? 10u
-                                  : path == kRims  ? 24u
-                                                   : 22u)
-            << run;  // by their rows, markers whose parallax stands out are dropped
+        // By their rows, markers whose parallax stands out are dropped.
+        const std::size_t least = cornersRectified ? 10 : path == kRims ? 24 : 22;
+        EXPECT_GE(o.pairs.size(), least) << run;
         EXPECT_TRUE(cornersRectified || (o.left.size() == 24 && o.right.size() == 24));
         ASSERT_EQ(o.points.size(), o.pairs.size());
         std::ptrdiff_t lastLeft = -1;
@@ -119,23 +118,22 @@ TEST(StereoFromImages, SaysWhatFailed) {
         EXPECT_EQ(o.run(left, right, e, configsOf(kRadial)), "");
         EXPECT_TRUE(o.pairs.empty() && o.points.size() == 1);
     }
-    for (const Path path : {kRadial, kRows}) {
-        for (auto member : {&E::leftRectification, path == kRadial ? &E::fundamental : &E::leftHomography}) {
-            E broken = whole;
-            broken.*member = cv::Mat::eye(2, 2, CV_32F);
-            Outcome o;
-            EXPECT_THROW(getStereoMarker3dPoints(left, right, broken, o.points, o.left, o.right, configsOf(path)), cv::Exception);
-            EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3) << "before a result is written";
-            EXPECT_EQ(o.run(blank, blank, broken, configsOf(path)), noLeft + noRight + none) << "is not read then";
-        }
+    for (const auto& [path, member] :
+         {std::pair(kRadial, &E::leftRectification), {kRadial, &E::fundamental}, {kRows, &E::leftRectification}, {kRows, &E::leftHomography}}) {
+        e = whole;
+        e.*member = cv::Mat::eye(2, 2, CV_32F);
+        Outcome o;
+        EXPECT_THROW(getStereoMarker3dPoints(left, right, e, o.points, o.left, o.right, configsOf(path)), cv::Exception);
+        EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3) << "before a result is written";
+        EXPECT_EQ(o.run(blank, blank, e, configsOf(path)), noLeft + noRight + none) << "is not read then";
     }
-    E single = whole;
+    e = whole;
     for (auto member : {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification,
                         &E::leftHomography, &E::rightHomography})
-        (single.*member).convertTo(single.*member, CV_32F);
-    Outcome o;
-    EXPECT_EQ(o.run(left, right, single, configsOf(kRows)), "");
-    EXPECT_GE(o.pairs.size(), 22U);
+        (e.*member).convertTo(e.*member, CV_32F);
+    Outcome single;
+    EXPECT_EQ(single.run(left, right, e, configsOf(kRows)), "");
+    EXPECT_GE(single.pairs.size(), 22U);
 }
 
 }  // namespace kestrune::test::from_images

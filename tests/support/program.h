@@ -5,10 +5,32 @@
 
 #include <array>
 #include <cstdio>
-#include <string>
-#include <utility>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "calibration.h"
+#include "inputs.h"
+#include "support/calls.h"
+#include "support/rigs.h"
 
 namespace kestrune::host {
+
+/// Gives the running test an empty directory to work in, with the ready settings under "ready": tests may run side by side.
+inline void enterOwnDirectory() {
+    namespace fs = std::filesystem;
+    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+    const fs::path directory = testing::TempDir() + "kestrune-" + test->test_suite_name() + "-" + test->name();
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    fs::current_path(directory);
+    fs::create_directory_symlink(KESTRUNE_SETTINGS_DIR, "ready");
+}
+
+inline void writeCalibration(const std::string& file, const scene::Rig& rig) {
+    using namespace test;
+    writeCalibration(file, {{poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)}, rig.left.size, 0});
+}
 
 /// Exit code of a shell command and what came out of both streams.
 inline std::pair<int, std::string> shell(const std::string& command) {
@@ -20,8 +42,53 @@ inline std::pair<int, std::string> shell(const std::string& command) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
-inline std::pair<int, std::string> measure(const std::string& arguments) {
-    return shell(KESTRUNE_MEASURE " " + arguments);
+/// Runs the program, which must end with this code and say this.
+inline void expectOutcome(const std::string& arguments, int expectedCode, const std::string& expected) {
+    const auto [code, output] = shell(KESTRUNE_MEASURE " " + arguments);
+    EXPECT_EQ(code, expectedCode) << arguments << "\n" << output;
+    EXPECT_NE(output.find(expected), std::string::npos) << arguments << "\n" << output;
+    EXPECT_EQ(output.find('\r'), std::string::npos) << "a progress bar where no terminal is";
+}
+
+/// `line` in place of the one that begins with `start`, or nothing.
+inline std::string withLine(std::string text, const std::string& start, const std::string& line) {
+    const auto at = ("\n" + text).find("\n" + start);
+    return text.replace(at, text.find('\n', at) - at, line);
+}
+
+/// A loader must complain of this in a file of this text, or take it where nothing is expected. Gives all that it says.
+template <typename Load>
+std::string expectComplaint(const std::string& text, const Load& load, const std::string& expected) {
+    std::ofstream("given.yaml") << text;
+    const std::string what = test::refused([&] { load("given.yaml"); });
+    EXPECT_EQ(what.empty(), expected.empty()) << expected << "\n" << what;
+    EXPECT_TRUE(what.empty() || what.starts_with("given.yaml: ")) << what;
+    EXPECT_NE(what.find(expected), std::string::npos) << expected << "\n" << what;
+    return what;
+}
+
+struct Row {
+    std::string first;
+    std::vector<double> values;
+};
+
+/// The rows of a CSV file with this header, which holds numbers but for the first field of a row.
+inline std::vector<Row> rowsOf(const std::string& file, const std::string& header) {
+    std::vector<Row> rows;
+    std::istringstream text(readText(file));
+    std::string line;
+    std::getline(text, line);
+    EXPECT_EQ(line, header);
+    while (std::getline(text, line)) {
+        std::replace(line.begin(), line.end(), ',', ' ');
+        std::istringstream fields(line);
+        auto& [first, values] = rows.emplace_back();
+        fields >> first;
+        for (double value = 0; fields >> value;) values.push_back(value);
+        EXPECT_TRUE(fields.eof() && std::ranges::count(header, ',') == std::ssize(values)) << line;
+        values.resize(std::ranges::count(header, ','));
+    }
+    return rows;
 }
 
 }  // namespace kestrune::host

@@ -40,14 +40,6 @@ inline scene::Rig rectifiedRig(const CircleMarkerExtractor& e, const scene::Rig&
     return {rectified(rig.left, e.leftProjection, e.leftRectification), rectified(rig.right, e.rightProjection, e.rightRectification)};
 }
 
-/// An upright pair whose right camera stands above the left one.
-inline scene::Rig verticalRig() {
-    scene::Rig rig = scene::makeVergedRig({1280, 1024});
-    cv::Rodrigues(cv::Vec3d(0.21, 0.01, 0.02), rig.right.rotation);
-    rig.right.translation = -(rig.right.rotation * cv::Vec3d(5, -200, 8));
-    return rig;
-}
-
 struct ExactCorners {
     std::vector<Corner> left, right;
     std::vector<scene::Disc> seen;
