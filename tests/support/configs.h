@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -26,6 +28,40 @@ inline CicrleConfigs rimConfigs() {
     c.maxFitResidual = 0.2f, c.minDiameter = 5, c.maxDiameter = 200, c.minAxisRatio = 0.4f, c.nmsFactor = 0.95f, c.edgePercentile = 0.8f;
     return c;
 }
+
+/// The settings of each path; its number is its place here.
+inline std::vector<CicrleConfigs> configsOfPaths() {
+    return {discConfigs(false), discConfigs(true), rimConfigs()};
+}
+
+inline bool same(const cv::RotatedRect& a, const cv::RotatedRect& b) {
+    return a.center == b.center && a.size == b.size && a.angle == b.angle;
+}
+
+/// What a path finds. Whatever it is, the parts of the result agree, and an exception of OpenCV's leaves none behind.
+struct Found {
+    CircleMarkerExtractor extractor;
+    std::vector<Corner> corners;
+
+    Found(const cv::Mat& image, const CicrleConfigs& configs) {
+        bool result = false;
+        try {
+            result = configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, 0, configs)
+                                               : extractor.CircleExtractSimple(image, corners, 0, configs);
+            EXPECT_EQ(result, !corners.empty());
+        } catch (const cv::Exception& e) {
+            EXPECT_FALSE(configs.useComplexExtract) << e.what();
+        }
+        EXPECT_EQ(extractor.markerName, result ? configs.markerName : "");
+        EXPECT_EQ(extractor.markerRects.size(), result ? corners.size() : 0);
+        for (std::size_t k = 0; k < extractor.markerRects.size(); ++k) {
+            const Corner& c = corners[k];
+            EXPECT_EQ(c.id, static_cast<int>(k));
+            const bool hasRim = c.conicValid && c.scatter.rows() == 6 && same(c.ellipse, extractor.markerRects[k]);
+            EXPECT_TRUE(hasRim || !configs.useComplexExtract);
+        }
+    }
+};
 
 /// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
 inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
