@@ -12,8 +12,7 @@
 #include "ellipsedetection/gradient_plain.h"
 #include "ellipsedetection/window_edges.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::gradient {
 
 /// A window of a larger image, so that rows are not contiguous, or an image of its own.
 cv::Mat place(cv::Size size, int type, bool isWindow, double fill = 0) {
@@ -213,5 +212,4 @@ TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
     }
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::gradient

@@ -8,8 +8,7 @@
 #include "ellipsedetection/ellipse_candidates.h"
 #include "support/configs.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::rims {
 
 TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
     using Given = std::tuple<float, float, float, double, bool>;  // x, width, height, residual, bright
@@ -138,7 +137,7 @@ TEST(Rims, CandidatesLieOnTheRimInPixelsOfTheFullImage) {
     for (const double inside : {200.0, 20.0}) {
         for (const int scale : {1, 2}) {
             for (const cv::Point2d centre : {cv::Point2d(83.3, 60.8), cv::Point2d(14.2, 13.6)}) {
-                const auto candidates = found(test::discImage({160, 120}, centre, 12, inside, 110), scale);
+                const auto candidates = found(discImage({160, 120}, centre, 12, inside, 110), scale);
                 ASSERT_GE(candidates.size(), 1u) << inside << ' ' << scale << ' ' << centre;
                 for (const auto& contour : candidates) {
                     for (const cv::Point& p : contour) EXPECT_NEAR(cv::norm(cv::Point2d(p) - centre), 12, 1.6);
@@ -150,10 +149,9 @@ TEST(Rims, CandidatesLieOnTheRimInPixelsOfTheFullImage) {
     EXPECT_TRUE(found(arc).empty());
     cv::ellipse(arc, {80, 60}, {20, 20}, 0, 0, 300, 200, 3, cv::LINE_AA);
     for (const auto& contour : found(arc)) EXPECT_LT(cv::contourArea(contour), 900) << "the edge runs around the stroke, not around a disc";
-    const cv::Mat disc = test::discImage({160, 120}, {80, 60}, 12);
+    const cv::Mat disc = discImage({160, 120}, {80, 60}, 12);
     EXPECT_TRUE(found(disc, 1, 1.01f).empty()) << "no box is rounder than a square";
     EXPECT_TRUE(found(disc, 1, 0.5f, 30).empty() && found(disc, 1, 0.5f, 6, 20).empty()) << "diameters";
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::rims

@@ -5,11 +5,7 @@
 #include "support/calls.h"
 #include "support/configs.h"
 
-namespace kestrune {
-namespace {
-
-using test::kInf;
-using test::kNaN;
+namespace kestrune::test::hand_depth {
 
 CicrleConfigs handConfigs() {
     CicrleConfigs c{};
@@ -26,7 +22,7 @@ std::vector<Corner> cornersAt(const std::vector<cv::Point2d>& centres) {
 /// White and black discs by turns, on black.
 cv::Mat drawn(const std::vector<cv::Vec3d>& discs, int channels = 3) {
     cv::Mat image(120, 160, CV_8UC1, cv::Scalar(0)), result;
-    for (std::size_t k = 0; k < discs.size(); ++k) test::addDisc(image, {discs[k][0], discs[k][1]}, discs[k][2], k % 2 ? 0 : 255, k % 2 ? 255 : 0);
+    for (std::size_t k = 0; k < discs.size(); ++k) addDisc(image, {discs[k][0], discs[k][1]}, discs[k][2], k % 2 ? 0 : 255, k % 2 ? 255 : 0);
     cv::merge(std::vector<cv::Mat>(static_cast<std::size_t>(channels), image), result);
     return result;
 }
@@ -99,7 +95,7 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;
     const auto run = [&](cv::Mat image) {
-        return test::refused([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
+        return refused([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
     };
     const int cube[] = {3, 9, 9};
     for (const cv::Mat& bad : {cv::Mat(9, 9, CV_8UC2), cv::Mat(9, 9, CV_16UC3), cv::Mat(9, 9, CV_32FC1), cv::Mat(3, cube, CV_8UC3)})
@@ -139,7 +135,7 @@ TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
 TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
     std::vector<Corner> corners = cornersAt({{5, 5}, {kNaN, 5}}), nothing;
     const auto run = [](std::vector<Corner>& list, cv::Mat depth, const cv::Mat& camera) {
-        return test::refused([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
+        return refused([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
     };
     const cv::Mat depth(20, 20, CV_32FC1, cv::Scalar(2)), camera = cv::Mat::eye(3, 3, CV_64F);
     const int cube[] = {20, 20, 20};
@@ -153,5 +149,4 @@ TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
     EXPECT_TRUE(corners.empty());
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::hand_depth

@@ -119,10 +119,11 @@ TEST(DetectRadialContours, AcceptsBrightRoundBlobsOnly) {
         {"a blob at the border", border, 1, false, 0.6f, {}},
         {"the same, without asking for rays: a blob without points", border, 1, false, 0.0f, {0}},
         {"surroundings off the image: dropped only if detected again", border, 2, true, 0.0f, {}},
+        {"nothing at full size where the reduced image shows a disc", grey, 2, true, 0.0f, {}},
         {"nothing", grey, 1, false, 0.6f, {}}};
     for (const auto& [what, image, scale, refine, ratio, pointCounts] : cases) {
         cv::Mat working, blurred, binary, fullBinary, labels;
-        cv::resize(image, working, image.size() / scale);
+        cv::resize(refine && image.data == grey.data ? disc : image, working, image.size() / scale);
         std::vector<SubpixelContour> contours(3);  // emptied first
         detectRadialContours(working, image, blurred, binary, fullBinary, labels, 1.0, 31, contours, directionTable(72), directionTable(24), 12, -8,
                              scale, refine, ratio, 25);

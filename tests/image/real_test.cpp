@@ -11,8 +11,7 @@
 #include "kestrune/MarkerExtractor.h"
 #include "settings.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::real {
 
 struct Front {
     host::Path path;
@@ -84,5 +83,4 @@ INSTANTIATE_TEST_SUITE_P(Fronts, RealImages,
                                          Front{host::Path::complex, "complex"}),
                          [](const auto& front) { return std::string(front.param.name); });
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::real

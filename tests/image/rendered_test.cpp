@@ -8,8 +8,7 @@
 #include "settings.h"
 #include "support/rigs.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::rendered {
 
 struct Front {
     host::Path path;
@@ -27,7 +26,7 @@ struct RenderedMarkers : testing::TestWithParam<Front> {
 
 TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
     const scene::Rig rig = scene::makeVergedRig({2448, 2048});
-    CircleMarkerExtractor extractor = test::calibrated(rig);
+    CircleMarkerExtractor extractor = calibrated(rig);
     std::size_t truth = 0, found = 0;
     std::printf("%-24s radius  contrast  markers  found  false  centre RMS px  max px\n", front.settings);
     for (const double contrast : {60.0, front.mixed ? 100.0 : 140.0}) {
@@ -61,7 +60,7 @@ TEST_P(RenderedMarkers, GiveTheSameBitsOnEveryRunAndOnACopy) {
     const cv::Mat image = scene::render(rig, discs, scene::makeClutter(rig, discs, 60, 4), {}).image[1];
     for (const bool threads : {false, true}) {
         configs.useThreads = threads;
-        CircleMarkerExtractor first = test::calibrated(rig);
+        CircleMarkerExtractor first = calibrated(rig);
         std::vector<Corner> expected;
         ASSERT_TRUE(ExtractCircleMarker(image, first, expected, 1, configs));
         for (int run = 0; run < 4; ++run) {
@@ -85,5 +84,4 @@ INSTANTIATE_TEST_SUITE_P(Fronts, RenderedMarkers,
                                          Front{host::Path::complex, "mixed-complex.yaml", 0.05, true}),
                          [](const auto& front) { return std::string(host::nameOf(front.param.path)); });
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::rendered
