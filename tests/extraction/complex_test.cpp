@@ -45,19 +45,18 @@ TEST(ComplexPath, BrightAndDarkDiscsAreMeasuredAndARingHasTwoRims) {
 
 /// The working images of one disc with a rim at radius 15, bright inside by `step` grey levels.
 RimImages discImages(double step) {
-    RimImages images{cv::Mat(80, 90, CV_16UC1), cv::Mat(80, 90, CV_32FC1, cv::Scalar(0)), cv::Mat(80, 90, CV_32FC1, cv::Scalar(0)),
-                     cv::Mat(80, 90, CV_32FC1, cv::Scalar(0))};
+    cv::Mat_<std::uint16_t> blur(80, 90);
+    cv::Mat_<float> grad(80, 90), dx(80, 90), dy(80, 90);
     for (int y = 0; y < 80; ++y) {
         for (int x = 0; x < 90; ++x) {
-            const double r = std::hypot(x - 45.0, y - 40.0), profile = std::exp(-0.5 * (r - 15) * (r - 15));
-            images.blur16U.at<std::uint16_t>(y, x) =
-                cv::saturate_cast<std::uint16_t>(256 * (100 + step * 0.5 * std::erfc((r - 15) / std::sqrt(2.0))));
-            images.grad.at<float>(y, x) = static_cast<float>(std::abs(step) * profile);
-            images.dx.at<float>(y, x) = static_cast<float>(-step * profile * (x - 45) / std::max(r, 1.0));
-            images.dy.at<float>(y, x) = static_cast<float>(-step * profile * (y - 40) / std::max(r, 1.0));
+            const double r = std::hypot(x - 45, y - 40), slope = step * std::exp(-0.5 * (r - 15) * (r - 15));
+            blur(y, x) = cv::saturate_cast<std::uint16_t>(256 * (100 + step * 0.5 * std::erfc((r - 15) / std::sqrt(2.0))));
+            grad(y, x) = static_cast<float>(std::abs(slope));
+            dx(y, x) = static_cast<float>(-slope * (x - 45) / std::max(r, 1.0));
+            dy(y, x) = static_cast<float>(-slope * (y - 40) / std::max(r, 1.0));
         }
     }
-    return images;
+    return {blur, grad, dx, dy};
 }
 
 std::vector<cv::Point> circlePixels(double radius, int count = 90, double from = 0, double to = 2 * CV_PI) {

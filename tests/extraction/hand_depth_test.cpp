@@ -110,10 +110,10 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
 
 TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
     // Depth is linear over the image, so that the interpolation is exact, but for one hole at (30, 12).
-    cv::Mat large(44, 60, CV_32FC1, cv::Scalar(9)), depth = large(cv::Rect(5, 2, 50, 40));
-    for (int y = 0; y < 40; ++y) {
-        for (int x = 0; x < 50; ++x) depth.at<float>(y, x) = static_cast<float>(x == 30 && y == 12 ? 0 : 2 + 0.5 * x + 0.25 * y);
-    }
+    const auto depthAt = [](double x, double y) { return 2 + 0.5 * x + 0.25 * y; };
+    cv::Mat_<float> large(44, 60, 9.0f), depth = large(cv::Rect(5, 2, 50, 40));
+    depth.forEach([&](float& z, const int* at) { z = static_cast<float>(depthAt(at[1], at[0])); });
+    depth(12, 30) = 0;
     const std::vector<cv::Point2d> kept = {{10.5, 20.5}, {10, 20}, {0.25, 0.75}, {49, 39}, {31.25, 12.5}, {29, 12}, {17.125, 33.375}};
     std::vector<cv::Point2d> all = {{0, 5.5},   {5.5, 0},   {-0.5, 5},  {49.001, 39}, {49, 39.5},  {29.5, 11.5},      {30, 12}, {30.5, 12.5},
                                     {kNaN, 20}, {20, kNaN}, {kInf, 20}, {20, -kInf},  {1e300, 20}, {2147483648.5, 9}, {31, 12}, {20, -1e300}};
@@ -124,7 +124,7 @@ TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
     ASSERT_EQ(corners.size(), kept.size());
     for (std::size_t k = 0; k < kept.size(); ++k) {
         const auto [x, y] = kept[k];
-        const double z = 2 + 0.5 * x + 0.25 * y;
+        const double z = depthAt(x, y);
         const Corner& c = corners[k];
         EXPECT_TRUE(c.x == x && c.y == y && c.matched && c.id == static_cast<int>(k)) << "in order, and the ids close up";
         EXPECT_LT((c.position - Eigen::Vector3d((x - 24.25) * z / 800, (y - 19.5) * z / 750, z)).norm(), 3e-6) << x << ' ' << y;

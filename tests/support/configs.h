@@ -65,14 +65,11 @@ struct Found {
 
 /// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
 inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
-    for (int y = 0; y < image.rows; ++y) {
-        for (int x = 0; x < image.cols; ++x) {
-            const double distance = std::hypot(x - centre.x, y - centre.y);
-            if (distance > radius + 4) continue;
-            const double share = 0.5 * std::erfc((distance - radius) / 1.2);
-            image.at<uchar>(y, x) = cv::saturate_cast<uchar>(outside + share * (inside - outside));
-        }
-    }
+    image.forEach<uchar>([=](uchar& grey, const int* at) {
+        const double distance = std::hypot(at[1] - centre.x, at[0] - centre.y);
+        const double share = 0.5 * std::erfc((distance - radius) / 1.2);
+        if (distance <= radius + 4) grey = cv::saturate_cast<uchar>(outside + share * (inside - outside));
+    });
 }
 
 inline cv::Mat discImage(cv::Size size, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
