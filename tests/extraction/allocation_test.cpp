@@ -78,7 +78,6 @@ TEST(Allocation, LaterCallsOfTheRadialAndTheEdgeBasedPathAllocateNoImage) {
                 const int first = largeAllocationsOf([&] { ExtractCircleMarker(image, extractor, corners, 0, configs); });
                 const int second = largeAllocationsOf([&] { ExtractCircleMarker(image, extractor, again, 0, configs); });
                 ASSERT_GE(corners.size(), 30u);
-                EXPECT_EQ(corners.size(), again.size());
 
                 cv::Mat grey8(grey.size(), CV_8UC1), blurred(grey.size(), CV_8UC1), stats, centroids;
                 cv::Mat working(grey.size() / configs.scale, CV_8UC1), binary(working.size(), CV_8UC1), labels(working.size(), CV_32SC1);

@@ -27,13 +27,11 @@ cv::Mat drawn(const std::vector<cv::Vec3d>& discs, int channels = 3) {
     return result;
 }
 
-/// The outline has whole pixels: perimeter and area are exact.
+/// An outline through whole pixels: perimeter and area are exact.
 std::vector<cv::Point> rectangle(int w, int h) {
-    std::vector<cv::Point> result;
-    for (int k = 0; k < 2 * (w + h); ++k) {
-        result.emplace_back(k < w + h ? std::min(k, w) : std::max(0, 2 * w + h - k), k < w + h ? std::max(0, k - w) : std::min(h, 2 * (w + h) - k));
-    }
-    return result;
+    std::vector<std::vector<cv::Point>> outlines;
+    cv::findContours(cv::Mat(h + 1, w + 1, CV_8UC1, cv::Scalar(255)), outlines, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+    return outlines[0];
 }
 
 TEST(HandPath, RefusesInOrderWithBothEndsInside) {
