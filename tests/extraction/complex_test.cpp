@@ -128,6 +128,7 @@ TEST(ComplexPath, TheSecondStageMeasuresAndHoldsTheAreaToFourTimesTheSquare) {
         {"no least diameter", circle, images, &C::minDiameter, 0, RimGate::kNone},
         {"not round enough", circle, images, &C::minAxisRatio, 1, RimGate::kFinalAxisRatio},
         {"residual", circle, images, &C::maxFitResidual, 1e-6f, RimGate::kFinalResidual},
+        {"no bound of the residual", circle, images, &C::maxFitResidual, NAN, RimGate::kFinalResidual},
         {"four points are left", fourInside, images, nullptr, 0, RimGate::kPoints},
         {"none is left", noneInside, images, nullptr, 0, RimGate::kPoints},
         {"a gradient that is not finite", circle, notFinite, nullptr, 0, RimGate::kPoints}};
