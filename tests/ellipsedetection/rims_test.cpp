@@ -46,12 +46,6 @@ TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
     }
 }
 
-cv::Mat ridge(cv::Size size, cv::Point2d origin, const std::function<double(double, double)>& height) {
-    cv::Mat_<float> image(size);
-    image.forEach([&](float& value, const int* at) { value = static_cast<float>(height(at[1] - origin.x, at[0] - origin.y)); });
-    return image;
-}
-
 std::vector<cv::Point2f> refined(const std::vector<cv::Point>& contour, const cv::Mat& magnitude) {
     return refineContourOnGradient(contour, magnitude.ptr<float>(), magnitude.rows, magnitude.cols);
 }
@@ -60,14 +54,13 @@ TEST(Rims, PointsMoveToTheRidgeOfTheMagnitude) {
     // On a circle's ridge every point comes to lie on the circle.
     const double radius = 12.3;
     const cv::Point2d centre(20.4, 19.7);
-    const cv::Mat magnitude =
-        ridge({42, 40}, centre, [&](double x, double y) { return 1000 * std::exp(-std::pow((std::hypot(x, y) - radius) / 4, 2) / 2); });
+    const auto height = [&](int x, int y) { return 1000 * std::exp(-std::pow((std::hypot(x - centre.x, y - centre.y) - radius) / 4, 2) / 2); };
     std::vector<cv::Point> contour;
     for (int k = 0; k < 71; ++k) {
         const double a = 2 * std::numbers::pi * k / 71;
         contour.emplace_back(cvRound(centre.x + radius * std::cos(a)), cvRound(centre.y + radius * std::sin(a)));
     }
-    const auto moved = refined(contour, magnitude);
+    const auto moved = refined(contour, imageOf<float>({42, 40}, height));
     ASSERT_EQ(moved.size(), contour.size());
     for (const cv::Point2f& p : moved) EXPECT_NEAR(std::hypot(p.x - centre.x, p.y - centre.y), radius, 0.035);
 
@@ -84,8 +77,9 @@ TEST(Rims, PointsMoveToTheRidgeOfTheMagnitude) {
         {"a saddle", [](double x, double y) { return x * x - 3 * y * y + x * y + 2 * y; }, {-0.0396099, 0.3217555}},
         // gxx -2, gyy 6, gxy 1: the larger eigenvalue is 2 + sqrt(17), u = 4 - sqrt(17) < 0 takes the bound: n = (0, -1).
         {"a valley along x, which takes the bound", [](double x, double y) { return -x * x + 3 * y * y + x * y + 3 * y; }, {0, -0.5}}};
-    for (const auto& [what, height, shift] : cases) {
-        const auto at = refined({{10, 10}}, ridge({21, 21}, {10, 10}, height));
+    for (const auto& [what, ridge, shift] : cases) {
+        const auto heightAt = [&ridge = ridge](int x, int y) { return ridge(x - 10, y - 10); };
+        const auto at = refined({{10, 10}}, imageOf<float>({21, 21}, heightAt));
         ASSERT_EQ(at.size(), 1u);
         EXPECT_LT(cv::norm(cv::Point2d(at[0]) - cv::Point2d(10, 10) - shift), 1e-4) << what;
     }

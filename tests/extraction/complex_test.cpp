@@ -48,18 +48,13 @@ TEST(ComplexPath, BrightAndDarkDiscsAreMeasuredAndARingHasTwoRims) {
 
 /// The working images of one disc with a rim at radius 15, bright inside by `step` grey levels.
 RimImages discImages(double step) {
-    cv::Mat_<std::uint16_t> blur(80, 90);
-    cv::Mat_<float> grad(80, 90), dx(80, 90), dy(80, 90);
-    for (int y = 0; y < 80; ++y) {
-        for (int x = 0; x < 90; ++x) {
-            const double r = std::hypot(x - 45, y - 40), slope = step * std::exp(-0.5 * (r - 15) * (r - 15));
-            blur(y, x) = cv::saturate_cast<std::uint16_t>(256 * (100 + step * 0.5 * std::erfc((r - 15) / std::sqrt(2.0))));
-            grad(y, x) = static_cast<float>(std::abs(slope));
-            dx(y, x) = static_cast<float>(-slope * (x - 45) / std::max(r, 1.0));
-            dy(y, x) = static_cast<float>(-slope * (y - 40) / std::max(r, 1.0));
-        }
-    }
-    return {blur, grad, dx, dy};
+    const cv::Size size(90, 80);
+    const auto radius = [](int x, int y) { return std::hypot(x - 45, y - 40); };
+    const auto grey = [&](int x, int y) { return 256 * (100 + step * 0.5 * std::erfc((radius(x, y) - 15) / std::sqrt(2.0))); };
+    const auto slope = [&](int x, int y) { return step * std::exp(-0.5 * std::pow(radius(x, y) - 15, 2)); };
+    return {imageOf<std::uint16_t>(size, grey), imageOf<float>(size, [&](int x, int y) { return std::abs(slope(x, y)); }),
+            imageOf<float>(size, [&](int x, int y) { return -slope(x, y) * (x - 45) / std::max(radius(x, y), 1.0); }),
+            imageOf<float>(size, [&](int x, int y) { return -slope(x, y) * (y - 40) / std::max(radius(x, y), 1.0); })};
 }
 
 std::vector<cv::Point> circlePixels(double radius, int count = 90, double from = 0, double to = 2 * CV_PI) {

@@ -109,9 +109,8 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
 TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
     // Depth is linear over the image, so that the interpolation is exact, but for one hole at (30, 12).
     const auto depthAt = [](double x, double y) { return 2 + 0.5 * x + 0.25 * y; };
-    cv::Mat_<float> large(44, 60, 9.0f), depth = large(cv::Rect(5, 2, 50, 40));
-    depth.forEach([&](float& z, const int* at) { z = static_cast<float>(depthAt(at[1], at[0])); });
-    depth(12, 30) = 0;
+    cv::Mat large = imageOf<float>({60, 44}, [&](int x, int y) { return depthAt(x - 5, y - 2); }), depth = large(cv::Rect(5, 2, 50, 40));
+    depth.at<float>(12, 30) = 0;
     const std::vector<cv::Point2d> kept = {{10.5, 20.5}, {10, 20}, {0.25, 0.75}, {49, 39}, {31.25, 12.5}, {29, 12}, {17.125, 33.375}};
     std::vector<cv::Point2d> all = {{0, 5.5},   {5.5, 0},   {-0.5, 5},  {49.001, 39}, {49, 39.5},  {29.5, 11.5},      {30, 12}, {30.5, 12.5},
                                     {kNaN, 20}, {20, kNaN}, {kInf, 20}, {20, -kInf},  {1e300, 20}, {2147483648.5, 9}, {31, 12}, {20, -1e300}};

@@ -42,8 +42,7 @@ TEST(RadiusPasses, MatchTablesWorkedOutByHand) {
 }
 
 TEST(Sampling, CountsPixelCentresAndEndsAtTheOutermostOnes) {
-    cv::Mat ramp(20, 20, CV_8UC1);
-    for (int k = 0; k < 400; ++k) ramp.at<uchar>(k / 20, k % 20) = static_cast<uchar>(10 * (k % 20));
+    const cv::Mat ramp = imageOf<uchar>({20, 20}, [](int x, int) { return 10 * x; });
     // The neighbours on the circle count; cut by the corner; between four pixels; off the image.
     const std::tuple<cv::Point2f, float, float, int> discs[] = {
         {{10, 10}, 1, 100, 5}, {{10, 10}, 1.5f, 100, 9}, {{0, 0}, 1, 10.0f / 3, 3}, {{10.5f, 10.5f}, 0.5f, 0, 0}, {{40, 40}, 3, 0, 0}};

@@ -63,12 +63,22 @@ struct Found {
     }
 };
 
+/// An image whose pixel at `x` and `y` is what the function says of them.
+template <typename Pixel, typename Function>
+cv::Mat_<Pixel> imageOf(cv::Size size, const Function& function) {
+    cv::Mat_<Pixel> image(size);
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) image(y, x) = cv::saturate_cast<Pixel>(function(x, y));
+    }
+    return image;
+}
+
 /// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
 inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
-    image.forEach<uchar>([=](uchar& grey, const int* at) {
-        const double distance = std::hypot(at[1] - centre.x, at[0] - centre.y);
+    image = imageOf<uchar>(image.size(), [=](int x, int y) {
+        const double distance = std::hypot(x - centre.x, y - centre.y);
         const double share = 0.5 * std::erfc((distance - radius) / 1.2);
-        if (distance <= radius + 4) grey = cv::saturate_cast<uchar>(outside + share * (inside - outside));
+        return distance > radius + 4 ? image.at<uchar>(y, x) : outside + share * (inside - outside);
     });
 }
 
