@@ -121,10 +121,10 @@ TEST(RefineContours, FindsTheTopOfAParabolicRidge) {
         {"a valley stays on its pixel", 3.25, 700, true, {3, 3}, {3, 3}, CV_PI / 2}};
     for (const auto& [what, top, curvature, vertical, pixel, expected, direction] : cases) {
         const auto heightAt = [top = top, curvature = curvature](int place) { return 16000 + curvature * std::pow(place - top, 2); };
-        cv::Mat dx = cv::Mat::zeros(7, 7, CV_16SC1), dy = dx.clone();
-        for (int k = 0; k < 49; ++k) (vertical ? dx : dy).at<short>(k / 7, k % 7) = cv::saturate_cast<short>(heightAt(vertical ? k % 7 : k / 7));
+        const cv::Mat flat = cv::Mat::zeros(7, 7, CV_16SC1);
+        const cv::Mat ridge = imageOf<short>({7, 7}, [&, vertical = vertical](int x, int y) { return heightAt(vertical ? x : y); });
         std::vector<SubpixelContour> contours;
-        refineContours(dx, dy, {{pixel}}, contours);
+        refineContours(vertical ? ridge : flat, vertical ? flat : ridge, {{pixel}}, contours);
         ASSERT_EQ(contours.size(), 1u);
         EXPECT_LT(cv::norm(contours[0].points[0] - expected), 1e-3) << what;
         EXPECT_NEAR(contours[0].direction[0], direction, 1e-6) << what;

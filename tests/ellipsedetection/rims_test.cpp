@@ -8,20 +8,11 @@
 #include "ellipsedetection/ellipse_candidates.h"
 #include "support/configs.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::rims {
 
 TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
-    struct Given {
-        float x, width, height;
-        double residual;
-        bool bright;
-    };
-    const struct {
-        const char* what;
-        std::vector<Given> given;
-        std::vector<int> kept;  // indices, in the order of the result
-    } cases[] = {
+    using Given = std::tuple<float, float, float, double, bool>;  // x, width, height, residual, bright
+    const std::tuple<const char*, std::vector<Given>, std::vector<std::size_t>> cases[] = {
         {"nothing", {}, {}},
         {"concentric, the larger fits better", {{50, 24, 24, 0.1, true}, {50, 20, 20, 0.2, true}}, {0}},
         {"concentric, the smaller fits better", {{50, 24, 24, 0.2, true}, {50, 20, 20, 0.1, true}}, {1}},
@@ -34,37 +25,25 @@ TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
         {"width off by 0.43, height alike: the root mean square is 0.303", {{50, 20, 20, 0.1, true}, {50, 35, 20, 0.2, true}}, {0, 1}},
         {"width off by 0.41: 0.29", {{50, 20, 20, 0.1, true}, {50, 34, 20, 0.2, true}}, {0}},
         {"no width", {{50, 0, 20, 0.1, true}, {50, 0, 20, 0.2, true}}, {0, 1}},
-        {"the first like one stands for all", {{50, 20, 20, 0.3, true}, {50, 24, 24, 0.2, true}, {50, 29, 29, 0.1, true}}, {2}},
-    };
-    for (const auto& c : cases) {
+        {"the first like one stands for all", {{50, 20, 20, 0.3, true}, {50, 24, 24, 0.2, true}, {50, 29, 29, 0.1, true}}, {2}}};
+    for (const auto& [what, given, kept] : cases) {
         std::vector<PolarEllipse> ellipses, merged(3);
-        std::vector<std::vector<cv::Point>> contours, mergedContours(3);
-        for (const Given& g : c.given) {
-            EllipseRecord record{
-                cv::RotatedRect({g.x, 40}, {g.width, g.height}, 0), g.residual, true, {}, Eigen::MatrixXd::Constant(1, 1, g.residual)};
-            ellipses.push_back({record, g.bright});
+        std::vector<std::vector<cv::Point>> contours, mergedContours(3), expectedContours;
+        for (const auto& [x, width, height, residual, bright] : given) {
+            const cv::RotatedRect rect({x, 40}, {width, height}, 0);
+            ellipses.push_back({EllipseRecord{rect, residual, true, {}, Eigen::MatrixXd::Constant(1, 1, residual)}, bright});
             contours.push_back({cv::Point(static_cast<int>(contours.size()), 0)});
         }
         mergeSimilarEllipses(ellipses, contours, merged, mergedContours, 0.3, 0.3);
-        std::vector<int> kept;
-        for (const auto& contour : mergedContours) kept.push_back(contour[0].x);
-        EXPECT_EQ(kept, c.kept) << c.what;
-        ASSERT_EQ(merged.size(), c.kept.size()) << c.what;
-        for (std::size_t k = 0; k < merged.size(); ++k) {
-            const PolarEllipse& expected = ellipses[static_cast<std::size_t>(c.kept[k])];
-            EXPECT_EQ(merged[k].record.fitResidual, expected.record.fitResidual) << c.what;
-            EXPECT_EQ(merged[k].record.scatter, expected.record.scatter) << c.what;
-            EXPECT_EQ(merged[k].brightInside, expected.brightInside) << c.what;
+        for (const std::size_t k : kept) expectedContours.push_back(contours[k]);
+        EXPECT_EQ(mergedContours, expectedContours) << what;
+        ASSERT_EQ(merged.size(), kept.size()) << what;
+        for (std::size_t k = 0; k < kept.size(); ++k) {
+            const PolarEllipse &a = merged[k], &b = ellipses[kept[k]];
+            EXPECT_EQ(std::pair(a.record.fitResidual, a.brightInside), std::pair(b.record.fitResidual, b.brightInside)) << what;
+            EXPECT_EQ(a.record.scatter, b.record.scatter) << what;
         }
     }
-}
-
-cv::Mat ridge(cv::Size size, const std::function<double(int, int)>& height) {
-    cv::Mat image(size, CV_32FC1);
-    for (int y = 0; y < size.height; ++y) {
-        for (int x = 0; x < size.width; ++x) image.at<float>(y, x) = static_cast<float>(height(x, y));
-    }
-    return image;
 }
 
 std::vector<cv::Point2f> refined(const std::vector<cv::Point>& contour, const cv::Mat& magnitude) {
@@ -75,43 +54,34 @@ TEST(Rims, PointsMoveToTheRidgeOfTheMagnitude) {
     // On a circle's ridge every point comes to lie on the circle.
     const double radius = 12.3;
     const cv::Point2d centre(20.4, 19.7);
-    const cv::Mat magnitude =
-        ridge({42, 40}, [&](int x, int y) { return 1000 * std::exp(-0.5 * std::pow((std::hypot(x - centre.x, y - centre.y) - radius) / 4, 2)); });
+    const auto height = [&](int x, int y) { return 1000 * std::exp(-std::pow((std::hypot(x - centre.x, y - centre.y) - radius) / 4, 2) / 2); };
     std::vector<cv::Point> contour;
     for (int k = 0; k < 71; ++k) {
         const double a = 2 * std::numbers::pi * k / 71;
         contour.emplace_back(cvRound(centre.x + radius * std::cos(a)), cvRound(centre.y + radius * std::sin(a)));
     }
-    const auto moved = refined(contour, magnitude);
+    const auto moved = refined(contour, imageOf<float>({42, 40}, height));
     ASSERT_EQ(moved.size(), contour.size());
     for (const cv::Point2f& p : moved) EXPECT_NEAR(std::hypot(p.x - centre.x, p.y - centre.y), radius, 0.035);
 
-    const struct {
-        const char* what;
-        std::function<double(int, int)> height;
-        cv::Point2f shift;
-    } cases[] = {
-        {"a ridge along y, 0.3 px to the right", [](int x, int) { return 100 - 4 * (x - 10.3) * (x - 10.3); }, {0.3f, 0}},
-        {"one that is 1.5 px away", [](int x, int) { return 100 - 4 * (x - 11.5) * (x - 11.5); }, {1.5f, 0}},
-        {"one that is farther away", [](int x, int) { return 100 - 4 * (x - 11.6) * (x - 11.6); }, {0, 0}},
-        {"a valley, which counts as well", [](int x, int) { return 4 * (x - 10.3) * (x - 10.3); }, {0.3f, 0}},
-        {"a ridge along x exactly: without a mixed derivative n stays along x", [](int, int y) { return 100 - 4 * (y - 10.3) * (y - 10.3); }, {0, 0}},
-        {"a diagonal ridge", [](int x, int y) { return 100 - 4 * (x + y - 20.4) * (x + y - 20.4); }, {0.2f, 0.2f}},
-        {"flat", [](int, int) { return 5.0; }, {0, 0}},
+    // The magnitude, at x and y from the point; where the point goes.
+    const std::tuple<const char*, std::function<double(double, double)>, cv::Point2d> cases[] = {
+        {"a ridge along y, 0.3 px to the right", [](double x, double) { return 100 - 4 * std::pow(x - 0.3, 2); }, {0.3, 0}},
+        {"one that is 1.5 px away", [](double x, double) { return 100 - 4 * std::pow(x - 1.5, 2); }, {1.5, 0}},
+        {"one that is farther away", [](double x, double) { return 100 - 4 * std::pow(x - 1.6, 2); }, {0, 0}},
+        {"a valley, which counts as well", [](double x, double) { return 4 * std::pow(x - 0.3, 2); }, {0.3, 0}},
+        {"a ridge along x: without a mixed derivative n stays along x", [](double, double y) { return 100 - 4 * std::pow(y - 0.3, 2); }, {0, 0}},
+        {"a diagonal ridge", [](double x, double y) { return 100 - 4 * std::pow(x + y - 0.4, 2); }, {0.2, 0.2}},
+        {"flat", [](double, double) { return 5; }, {0, 0}},
         // gxx 2, gyy -6, gxy 1: the larger eigenvalue is -2 - sqrt(17), u = -4 + sqrt(17) > 0, plain Steger.
-        {"a saddle",
-         [](int x, int y) { return (x - 10) * (x - 10) - 3 * (y - 10) * (y - 10) + (x - 10) * (y - 10) + 2 * (y - 10); },
-         {-0.0396099f, 0.3217555f}},
+        {"a saddle", [](double x, double y) { return x * x - 3 * y * y + x * y + 2 * y; }, {-0.0396099, 0.3217555}},
         // gxx -2, gyy 6, gxy 1: the larger eigenvalue is 2 + sqrt(17), u = 4 - sqrt(17) < 0 takes the bound: n = (0, -1).
-        {"a valley along x, which takes the bound",
-         [](int x, int y) { return -(x - 10) * (x - 10) + 3 * (y - 10) * (y - 10) + (x - 10) * (y - 10) + 3 * (y - 10); },
-         {0, -0.5f}},
-    };
-    for (const auto& c : cases) {
-        const auto at = refined({{10, 10}}, ridge({21, 21}, c.height));
+        {"a valley along x, which takes the bound", [](double x, double y) { return -x * x + 3 * y * y + x * y + 3 * y; }, {0, -0.5}}};
+    for (const auto& [what, ridge, shift] : cases) {
+        const auto heightAt = [&ridge = ridge](int x, int y) { return ridge(x - 10, y - 10); };
+        const auto at = refined({{10, 10}}, imageOf<float>({21, 21}, heightAt));
         ASSERT_EQ(at.size(), 1u);
-        EXPECT_NEAR(at[0].x - 10, c.shift.x, 1e-4) << c.what;
-        EXPECT_NEAR(at[0].y - 10, c.shift.y, 1e-4) << c.what;
+        EXPECT_LT(cv::norm(cv::Point2d(at[0]) - cv::Point2d(10, 10) - shift), 1e-4) << what;
     }
     const cv::Mat flat(20, 30, CV_32FC1, cv::Scalar(1));
     const std::vector<cv::Point2f> inner = refined({{1, 9}, {2, 2}, {9, 1}, {28, 9}, {27, 17}, {9, 18}, {-4, 9}, {9, 99}}, flat);
@@ -123,14 +93,9 @@ TEST(Rims, NestingTellsAClosedLineFromAnOpenOne) {
     const std::vector<cv::Vec4i> pair = {{-1, -1, 1, -1}, {-1, -1, -1, 0}};
     const std::vector<cv::Vec4i> twoHoles = {{-1, -1, 1, -1}, {2, -1, -1, 0}, {-1, 1, -1, 0}};
     const std::vector<cv::Vec4i> deep = {{-1, -1, 1, -1}, {-1, -1, 2, 0}, {-1, -1, 3, 1}, {-1, -1, -1, 2}};
-    const struct {
-        const char* what;
-        const std::vector<cv::Vec4i>& tree;
-        std::vector<double> areas;
-        int index;
-        bool expected;
-    } cases[] = {
-        {"alone", {{{-1, -1, -1, -1}}}, {900}, 0, false},
+    const std::vector<cv::Vec4i> alone = {{-1, -1, -1, -1}};
+    const std::tuple<const char*, const std::vector<cv::Vec4i>&, std::vector<double>, int, bool> cases[] = {
+        {"alone", alone, {900}, 0, false},
         {"outline with half its area in the hole", pair, {-100, 50}, 0, true},
         {"less than half", pair, {-100, 49.9}, 0, false},
         {"more than all", pair, {-100, 500}, 0, true},
@@ -143,77 +108,32 @@ TEST(Rims, NestingTellsAClosedLineFromAnOpenOne) {
         {"less than a quarter", deep, {400, 90, 80, 19.9}, 2, false},
         {"nested hole: a quarter", deep, {400, 90, 80, 20}, 3, true},
         {"hole with an outline in it: its parent's place does not count", deep, {400, 90, 22.5, 20}, 1, true},
-        {"nothing in nothing", pair, {0, 0}, 0, true},
-    };
-    for (const auto& c : cases) EXPECT_EQ(isNestedLikeARim(c.index, c.areas, c.tree), c.expected) << c.what;
+        {"nothing in nothing", pair, {0, 0}, 0, true}};
+    for (const auto& [what, tree, areas, index, expected] : cases) EXPECT_EQ(isNestedLikeARim(index, areas, tree), expected) << what;
 
     const std::vector<cv::Point> notched{{0, 0}, {10, 0}, {10, 10}, {5, 5}, {0, 10}};
     EXPECT_EQ(signedAreas({notched, notched, {{1, 1}, {5, 5}}}, {{-1, -1, 1, -1}, {-1, -1, -1, 0}, {-1, -1, -1, -1}}),
               (std::vector<double>{75, 100, 0}));
 }
 
-struct Finder {
-    cv::Mat blur, grad, dx, dy, binary, mask, labels;
-    int aperture = 11, thresholdC = -5, minDiameter = 6, maxDiameter = 200;
-    float sigma = 1, axisRatio = 0.5f;
-
-    std::vector<std::vector<cv::Point>> operator()(const cv::Mat& full, int scale = 1) {
-        cv::Mat reduced = full;
-        if (scale > 1) cv::resize(full, reduced, full.size() / scale, 0, 0, cv::INTER_LINEAR);
+TEST(Rims, CandidatesAreLinesAroundDiscsWithinTheBounds) {
+    const auto found = [](const cv::Mat& image, float axisRatio, int minDiameter, int maxDiameter) {
+        cv::Mat blur, grad, dx, dy, binary, mask, labels;
         std::vector<std::vector<cv::Point>> candidates(1);
-        detectEllipseCandidates(reduced, full, blur, grad, dx, dy, binary, mask, labels, candidates, sigma, aperture, thresholdC, scale, 0.8f, 0.95f,
-                                axisRatio, minDiameter, maxDiameter);
+        detectEllipseCandidates(image, image, blur, grad, dx, dy, binary, mask, labels, candidates, 1, 11, -5, 1, 0.8f, 0.95f, axisRatio, minDiameter,
+                                maxDiameter);
         EXPECT_TRUE(candidates[0].empty()) << "appended to";
         candidates.erase(candidates.begin());
         return candidates;
-    }
-};
-
-TEST(Rims, CandidatesLieOnTheRimInPixelsOfTheFullImage) {
-    for (const double inside : {200.0, 20.0}) {
-        for (const int scale : {1, 2}) {
-            for (const cv::Point2d centre : {cv::Point2d(83.3, 60.8), cv::Point2d(14.2, 13.6)}) {
-                Finder find;
-                if (scale == 2) find.aperture = 7;
-                const auto candidates = find(test::discImage({160, 120}, centre, 12, inside, 110), scale);
-                ASSERT_GE(candidates.size(), 1u) << inside << ' ' << scale << ' ' << centre;
-                for (const auto& contour : candidates) {
-                    for (const cv::Point& p : contour) EXPECT_NEAR(cv::norm(cv::Point2d(p) - centre), 12, 1.6);
-                }
-            }
-        }
-    }
+    };
     cv::Mat arc(120, 160, CV_8UC1, cv::Scalar(40));
+    EXPECT_TRUE(found(arc, 0.5f, 6, 200).empty());
     cv::ellipse(arc, {80, 60}, {20, 20}, 0, 0, 300, 200, 3, cv::LINE_AA);
-    Finder find;
-    EXPECT_TRUE(find(cv::Mat(120, 160, CV_8UC1, cv::Scalar(9))).empty());
-    for (const auto& contour : find(arc)) EXPECT_LT(cv::contourArea(contour), 900) << "the edge runs around the stroke, not around a disc";
-    const cv::Mat disc = test::discImage({160, 120}, {80, 60}, 12);
-    find.axisRatio = 1.01f;
-    EXPECT_TRUE(find(disc).empty()) << "no box is rounder than a square";
-    find.axisRatio = 0.5f;
-    find.minDiameter = 30;
-    EXPECT_TRUE(find(disc).empty());
-    find.minDiameter = 6;
-    find.maxDiameter = 20;
-    EXPECT_TRUE(find(disc).empty());
+    for (const auto& contour : found(arc, 0.5f, 6, 200)) EXPECT_LT(cv::contourArea(contour), 900) << "around the stroke, not around a disc";
+    const cv::Mat disc = discImage({160, 120}, {80, 60}, 12);
+    EXPECT_FALSE(found(disc, 0.5f, 6, 200).empty());
+    EXPECT_TRUE(found(disc, 1.01f, 6, 200).empty()) << "no box is rounder than a square";
+    EXPECT_TRUE(found(disc, 0.5f, 30, 200).empty() && found(disc, 0.5f, 6, 20).empty()) << "diameters";
 }
 
-TEST(Rims, CandidatesDoNotDependOnWhatWasThereBefore) {
-    cv::Mat image = test::discImage({200, 160}, {60, 60}, 14, 180, 90);
-    test::addDisc(image, {92, 62}, 12, 30, 90);  // windows overlap
-    test::addDisc(image, {150, 110}, 20, 160, 90);
-    Finder fresh, used;
-    const auto expected = fresh(image);
-    EXPECT_GE(expected.size(), 3u);
-    cv::RNG rng(2);
-    for (int round = 0; round < 3; ++round) {
-        for (cv::Mat* working : {&used.blur, &used.grad, &used.dx, &used.dy, &used.mask}) {
-            if (!working->empty()) rng.fill(*working, cv::RNG::UNIFORM, 0, 255);
-        }
-        EXPECT_EQ(used(image), expected) << round;
-    }
-}
-
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::rims

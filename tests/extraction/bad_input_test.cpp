@@ -1,119 +1,78 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <limits>
 
 #include "support/calls.h"
 #include "support/configs.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::bad_input {
 
-using Change = std::function<void(CicrleConfigs&)>;
-using test::kInf;
-using test::kNaN;
+constexpr int kLeastInt = std::numeric_limits<int>::min(), kLargestInt = std::numeric_limits<int>::max();
+constexpr auto kNaNf = static_cast<float>(kNaN), kInff = static_cast<float>(kInf);
 
-/// Runs a call that must be refused: code, name of the setting in the text, and nothing written.
+/// A refused call names the setting and writes nothing.
 void expectRefused(const cv::Mat& image, const CicrleConfigs& configs, const std::string& name, std::size_t before = 0,
                    CircleMarkerExtractor extractor = {}) {
     extractor.markerRects.resize(2);
     std::vector<Corner> corners(before);
-    try {
-        ExtractCircleMarker(image, extractor, corners, 0, configs);
-        ADD_FAILURE() << name << " was not refused";
-    } catch (const cv::Exception& e) {
-        EXPECT_EQ(e.code, cv::Error::StsBadArg) << e.what();
-        EXPECT_NE(e.err.find(name + ": "), std::string::npos) << e.what();
-    }
-    EXPECT_EQ(corners.size(), before);
-    EXPECT_EQ(extractor.markerRects.size(), 2u) << "untouched";
-    EXPECT_TRUE(extractor.scratchBlurFull.empty() && extractor.scratchGrad.empty()) << "untouched";
+    EXPECT_EQ(refused([&] { ExtractCircleMarker(image, extractor, corners, 0, configs); }), name);
+    EXPECT_TRUE(corners.size() == before && extractor.markerRects.size() == 2) << name;
+    EXPECT_TRUE(extractor.scratchBlurFull.empty() && extractor.scratchGrad.empty()) << name;
 }
 
 TEST(BadInput, SettingsThatAPathCannotWorkWithAreNamed) {
-    const cv::Mat image = test::discImage({60, 50}, {30, 25}, 8);
+    const cv::Mat image = discImage({60, 50}, {30, 25}, 8);
     enum Paths { kSubpixel = 1, kRadial = 2, kRim = 4, kBlobs = 6, kAll = 7 };
-    const struct {
-        Paths paths;
-        const char* name;
-        Change change;
-    } cases[] = {
-        {kAll, "scale", [](auto& c) { c.scale = 0; }},
-        {kAll, "scale", [](auto& c) { c.scale = -2; }},
-        {kAll, "scale", [](auto& c) { c.scale = 51; }},
-        {kAll, "aperture", [](auto& c) { c.aperture = 4; }},
-        {kAll, "aperture", [](auto& c) { c.aperture = 0; }},
-        {kAll, "aperture", [](auto& c) { c.aperture = -3; }},
-        {kAll, "aperture", [](auto& c) { c.aperture = std::numeric_limits<int>::max(); }},
-        {kBlobs, "aperture", [](auto& c) { c.aperture = 1; }},
-        {kAll, "sigma", [](auto& c) { c.sigma = kNaN; }},
-        {kAll, "sigma", [](auto& c) { c.sigma = kInf; }},
-        {kAll, "sigma", [](auto& c) { c.sigma = 1e300; }},
-        {kAll, "sigma", [](auto& c) { c.sigma = -1; }},
-        {kSubpixel, "sigma", [](auto& c) { c.sigma = 1.0 / 6; }},
-        {kSubpixel, "sigma", [](auto& c) { c.sigma = 0; }},
-        {kRim, "minDiameter", [](auto& c) { c.minDiameter = static_cast<float>(kNaN); }},
-        {kRim, "maxDiameter", [](auto& c) { c.maxDiameter = static_cast<float>(kNaN); }},
-    };
-    const std::pair<Paths, CicrleConfigs> paths[] = {
-        {kSubpixel, test::discConfigs(false)}, {kRadial, test::discConfigs(true)}, {kRim, test::rimConfigs()}};
-    for (const auto& c : cases) {
-        for (auto [path, configs] : paths) {
-            if ((c.paths & path) == 0) continue;
-            c.change(configs);
-            expectRefused(image, configs, c.name);
-        }
-    }
-    for (const int type : {CV_8UC4, CV_8UC2, CV_16UC1, CV_16UC3, CV_32FC1, CV_8SC1}) {
-        for (const auto& [path, configs] : paths) expectRefused(cv::Mat(20, 20, type, cv::Scalar(1)), configs, "image");
-        std::vector<Corner> corners;
-        EXPECT_THROW(CircleMarkerExtractor().extractMarkPointsFast(cv::Mat(20, 20, type, cv::Scalar(1)), corners, 0, {}), cv::Exception);
-    }
+    using Set = void (*)(CicrleConfigs&, double);
+    const Set scale = [](auto& c, double value) { c.scale = static_cast<int>(value); };
+    const Set aperture = [](auto& c, double value) { c.aperture = static_cast<int>(value); };
+    const Set sigma = [](auto& c, double value) { c.sigma = value; };
+    const std::tuple<Paths, const char*, Set, std::vector<double>> cases[] = {
+        {kAll, "scale", scale, {0, -2, 51}},
+        {kAll, "aperture", aperture, {4, 0, -3, kLargestInt}},
+        {kBlobs, "aperture", aperture, {1}},
+        {kAll, "sigma", sigma, {kNaN, kInf, 1e300, -1}},
+        {kSubpixel, "sigma", sigma, {1.0 / 6, 0}},
+        {kRim, "minDiameter", [](auto& c, double value) { c.minDiameter = static_cast<float>(value); }, {kNaN}},
+        {kRim, "maxDiameter", [](auto& c, double value) { c.maxDiameter = static_cast<float>(value); }, {kNaN}}};
     const int cube[] = {4, 4, 4};
-    for (const auto& [path, configs] : paths) {
-        expectRefused(cv::Mat(3, cube, CV_8UC1, cv::Scalar(1)), configs, "image");
-        expectRefused(image, configs, "corners", 1);
-        if (path != kRadial) continue;
-        CircleMarkerExtractor filled[2];
-        filled[0].rayDirections = {{1, 0}, {0, -1.01f}};
-        filled[1].probeDirections = {{NAN, 1}};
-        expectRefused(image, configs, "rayDirections", 0, filled[0]);
-        expectRefused(image, configs, "probeDirections", 0, filled[1]);
+    std::vector<cv::Mat> wrongImages = {cv::Mat(3, cube, CV_8UC1, cv::Scalar(1))};
+    for (const int type : {CV_8UC4, CV_8UC2, CV_16UC1, CV_16UC3, CV_32FC1, CV_8SC1}) {
+        wrongImages.emplace_back(20, 20, type, cv::Scalar(1));
+        std::vector<Corner> corners;
+        EXPECT_THROW(CircleMarkerExtractor().extractMarkPointsFast(wrongImages.back(), corners, 0, {}), cv::Exception);
     }
-}
-
-/// No crash, no read out of bounds, and either a consistent result or OpenCV's exception.
-void expectSound(const cv::Mat& image, const CicrleConfigs& configs, const std::string& what) {
-    CircleMarkerExtractor extractor;
-    std::vector<Corner> corners;
-    try {
-        const bool found = extractor.CircleExtractSimple(image, corners, 0, configs);
-        EXPECT_EQ(found, !corners.empty()) << what;
-        EXPECT_EQ(extractor.markerRects.size(), corners.size()) << what;
-    } catch (const cv::Exception& e) {
-        EXPECT_TRUE(extractor.markerRects.empty()) << what << e.what();
+    for (int path = 0; path < 3; ++path) {
+        const CicrleConfigs sound = configsOfPaths()[static_cast<std::size_t>(path)];
+        for (const auto& [paths, name, set, values] : cases) {
+            for (const double value : (paths & 1 << path) != 0 ? values : std::vector<double>()) {
+                CicrleConfigs configs = sound;
+                set(configs, value);
+                expectRefused(image, configs, name);
+            }
+        }
+        for (const cv::Mat& wrong : wrongImages) expectRefused(wrong, sound, "image");
+        expectRefused(image, sound, "corners", 1);
     }
-    for (std::size_t k = 0; k < corners.size(); ++k) EXPECT_EQ(corners[k].id, static_cast<int>(k)) << what;
+    CircleMarkerExtractor rays, probes;
+    rays.rayDirections = {{1, 0}, {0, -1.01f}};
+    probes.probeDirections = {{kNaNf, 1}};
+    expectRefused(image, discConfigs(true), "rayDirections", 0, rays);
+    expectRefused(image, discConfigs(true), "probeDirections", 0, probes);
 }
 
 TEST(BadInput, TinyImagesAndExtremeSettingsAreSound) {
-    const cv::Size sizes[] = {{1, 1}, {3, 3}, {1, 90}, {90, 1}, {2, 50}, {60, 50}};
-    const struct {
-        const char* what;
-        Change change;
-    } changes[] = {
+    const std::pair<const char*, void (*)(CicrleConfigs&)> changes[] = {
         {"as they are", [](auto&) {}},
         {"threads", [](auto& c) { c.useThreads = true; }},
+        {"no smoothing", [](auto& c) { c.sigma = 0; }},
         {"everything passes",
          [](auto& c) {
-             c.cannyLow = c.cannyHigh = -5;
-             c.minContourSize = -1;
-             c.minArea = -1;
-             c.contrast = -400;
+             c.cannyLow = c.cannyHigh = c.minContourSize = c.contrast = -400;
+             c.minArea = c.minDiameter = c.minAxisRatio = -1;
+             c.maxArea = c.maxEccentricity = c.maxFitError = c.maxFitResidual = c.maxDiameter = kInff;
              c.thresholdC = 255;
-             c.minRayRatio = 0;
-             c.maxEccentricity = c.maxFitError = kInf;
+             c.minRayRatio = c.nmsFactor = 0;
+             c.edgePercentile = 1;
          }},
         {"rays without a fine edge",
          [](auto& c) {
@@ -123,44 +82,35 @@ TEST(BadInput, TinyImagesAndExtremeSettingsAreSound) {
          }},
         {"no numbers",
          [](auto& c) {
-             c.minArea = c.maxArea = c.maxEccentricity = c.maxFitError = c.maxPointError = kNaN;
-             c.minRayRatio = c.maxFitResidual = static_cast<float>(kNaN);
              c.enableCircularityFilter = c.enableConvexityFilter = true;
+             c.minArea = c.maxArea = c.maxEccentricity = c.maxFitError = c.maxPointError = kNaN;
              c.minCircularity = c.maxCircularity = c.minConvexRatio = c.maxConvexRatio = kNaN;
+             c.minRayRatio = c.maxFitResidual = kNaNf;
          }},
-        {"infinite",
-         [](auto& c) {
-             c.minArea = -kInf;
-             c.maxArea = kInf;
-             c.minRayRatio = -static_cast<float>(kInf);
-         }},
-        {"largest numbers", [](auto& c) { c.cannyHigh = c.thresholdC = c.contrast = c.minContourSize = std::numeric_limits<int>::max(); }},
-        {"smallest numbers", [](auto& c) { c.cannyLow = c.thresholdC = c.contrast = c.minContourSize = std::numeric_limits<int>::min(); }},
-        {"a wide kernel",
-         [](auto& c) {
-             c.sigma = 40;
-             c.aperture = 151;
-         }},
+        {"infinite", [](auto& c) { c.minArea = c.minRayRatio = -kInff; }},
+        {"largest numbers", [](auto& c) { c.cannyHigh = c.thresholdC = c.contrast = c.minContourSize = kLargestInt; }},
+        {"smallest numbers", [](auto& c) { c.cannyLow = c.thresholdC = c.contrast = c.minContourSize = kLeastInt; }},
+        {"a wide kernel", [](auto& c) { c.sigma = 40; }},
+        {"a wide block", [](auto& c) { c.aperture = 151; }},
     };
     cv::RNG rng(3);
-    for (const cv::Size size : sizes) {
+    for (const cv::Size size : {cv::Size(1, 1), {3, 3}, {1, 90}, {90, 1}, {2, 50}, {60, 50}}) {
         cv::Mat noise(size, CV_8UC1), colour;
         rng.fill(noise, cv::RNG::UNIFORM, 0, 256);
         cv::cvtColor(noise, colour, cv::COLOR_GRAY2BGR);
-        const cv::Mat images[] = {noise, colour, test::discImage(size, {size.width / 2.0, size.height / 2.0}, 8), test::discImage(size, {2, 3}, 8),
+        const cv::Mat images[] = {noise, colour, discImage(size, {size.width / 2.0, size.height / 2.0}, 8), discImage(size, {2, 3}, 8),
                                   cv::Mat(size, CV_8UC1, cv::Scalar(255))};
-        for (const auto& change : changes) {
-            for (const bool radial : {false, true}) {
-                for (const int scale : {1, 2, 3}) {
-                    CicrleConfigs configs = test::discConfigs(radial);
-                    change.change(configs);
-                    configs.scale = scale;
-                    configs.refineAtFullSize = true;
+        for (const auto& [what, change] : changes) {
+            SCOPED_TRACE(what);
+            for (CicrleConfigs configs : configsOfPaths()) {
+                change(configs);
+                configs.refineAtFullSize = true;
+                for (configs.scale = 1; configs.scale <= 3; ++configs.scale) {
                     for (const cv::Mat& image : images) {
-                        if (std::min(size.width, size.height) < scale) {
-                            expectRefused(image, configs, "scale");
+                        if (std::min(size.width, size.height) >= configs.scale) {
+                            Found(image, configs);
                         } else {
-                            expectSound(image, configs, change.what);
+                            expectRefused(image, configs, "scale");
                         }
                     }
                 }
@@ -170,26 +120,23 @@ TEST(BadInput, TinyImagesAndExtremeSettingsAreSound) {
 }
 
 TEST(BadInput, EmptyImagesGiveFalseAndLeaveTheListAlone) {
-    CircleMarkerExtractor extractor;
-    for (const bool radial : {false, true}) {
+    for (const CicrleConfigs& configs : configsOfPaths()) {
+        CircleMarkerExtractor extractor;
         std::vector<Corner> corners(2);
         extractor.markerRects.resize(3);
-        EXPECT_FALSE(extractor.CircleExtractSimple(cv::Mat(), corners, 0, test::discConfigs(radial)));
+        EXPECT_FALSE(ExtractCircleMarker(cv::Mat(), extractor, corners, 0, configs));
         EXPECT_TRUE(extractor.markerRects.empty());
-        extractor.markerRects.resize(3);
-        EXPECT_FALSE(extractor.CircleExtractComplex(cv::Mat(), corners, 0, test::rimConfigs()));
-        EXPECT_TRUE(extractor.markerRects.empty());
-        EXPECT_FALSE(extractor.extractMarkPointsFast(cv::Mat(), corners, 0, test::discConfigs(radial)));
+        EXPECT_FALSE(extractor.extractMarkPointsFast(cv::Mat(), corners, 0, configs));
         EXPECT_EQ(corners.size(), 2u);
     }
 }
 
-TEST(BadInput, ContoursTooShortForAFitEndTheCallAsOpenCvDoes) {
+TEST(BadInput, ContoursWithoutAFitAndLensesWithoutCalibrationEndTheCallAsOpenCvDoes) {
     CircleMarkerExtractor extractor;
     // A blob at the border has no rays. The area gate refuses it; without that gate the fit has nothing to work on.
-    CicrleConfigs configs = test::discConfigs(true);
+    CicrleConfigs configs = discConfigs(true);
     configs.minRayRatio = 0;
-    const cv::Mat border = test::discImage({80, 60}, {12, 30}, 10);
+    const cv::Mat border = discImage({80, 60}, {12, 30}, 10);
     std::vector<Corner> corners;
     EXPECT_FALSE(extractor.CircleExtractSimple(border, corners, 0, configs));
     configs.minArea = 0;
@@ -198,7 +145,10 @@ TEST(BadInput, ContoursTooShortForAFitEndTheCallAsOpenCvDoes) {
     EXPECT_EQ(extractor.markerRects.size(), 1u) << "keeps its old value";
 
     // One pixel, met by the fast path after a disc (contours come from the bottom up).
-    cv::Mat image = test::discImage({80, 60}, {40, 40}, 8);
+    cv::Mat image = discImage({80, 60}, {40, 40}, 8);
+    configs.skipUndistort = false;
+    EXPECT_THROW(extractor.CircleExtractSimple(image, corners, 0, configs), cv::Exception);
+    configs.skipUndistort = true;
     image.at<uchar>(5, 5) = 255;
     EXPECT_THROW(extractor.extractMarkPointsFast(image, corners, 0, {}), cv::Exception);
     EXPECT_EQ(corners.size(), 1u) << "keeps what was found before";
@@ -208,30 +158,4 @@ TEST(BadInput, ContoursTooShortForAFitEndTheCallAsOpenCvDoes) {
     EXPECT_EQ(corners.size(), 2u) << "appended";
 }
 
-TEST(BadInput, UndistortingWithoutCalibrationIsOpenCvsException) {
-    CicrleConfigs configs = test::discConfigs(true);
-    configs.skipUndistort = false;
-    CircleMarkerExtractor extractor;
-    std::vector<Corner> corners;
-    EXPECT_THROW(extractor.CircleExtractSimple(test::discImage({80, 60}, {40, 30}, 8), corners, 0, configs), cv::Exception);
-}
-
-TEST(BadInput, FullSizeDetectionThatFindsOnlyBackgroundDropsTheBlob) {
-    // A checkerboard patch: reduced, it is a bright grey square; at full size no pixel of it exceeds its surroundings by C.
-    cv::Mat image(120, 160, CV_8UC1, cv::Scalar(40));
-    for (int y = 0; y < 24; ++y) {
-        for (int x = 0; x < 24; ++x) image.at<uchar>(48 + y, 64 + x) = (x + y) % 2 == 0 ? 110 : 50;
-    }
-    CicrleConfigs configs = test::discConfigs(true);
-    configs.scale = 2;
-    configs.refineAtFullSize = true;
-    configs.thresholdC = -1;
-    configs.minRayRatio = 0;
-    for (const int c : {-1, -20, -35, -45, -60}) {
-        configs.thresholdC = c;
-        expectSound(image, configs, "checkerboard " + std::to_string(c));
-    }
-}
-
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::bad_input

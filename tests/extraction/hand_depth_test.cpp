@@ -5,11 +5,7 @@
 #include "support/calls.h"
 #include "support/configs.h"
 
-namespace kestrune {
-namespace {
-
-using test::kInf;
-using test::kNaN;
+namespace kestrune::test::hand_depth {
 
 CicrleConfigs handConfigs() {
     CicrleConfigs c{};
@@ -26,18 +22,16 @@ std::vector<Corner> cornersAt(const std::vector<cv::Point2d>& centres) {
 /// White and black discs by turns, on black.
 cv::Mat drawn(const std::vector<cv::Vec3d>& discs, int channels = 3) {
     cv::Mat image(120, 160, CV_8UC1, cv::Scalar(0)), result;
-    for (std::size_t k = 0; k < discs.size(); ++k) test::addDisc(image, {discs[k][0], discs[k][1]}, discs[k][2], k % 2 ? 0 : 255, k % 2 ? 255 : 0);
+    for (std::size_t k = 0; k < discs.size(); ++k) addDisc(image, {discs[k][0], discs[k][1]}, discs[k][2], k % 2 ? 0 : 255, k % 2 ? 255 : 0);
     cv::merge(std::vector<cv::Mat>(static_cast<std::size_t>(channels), image), result);
     return result;
 }
 
-/// The outline has whole pixels: perimeter and area are exact.
+/// An outline through whole pixels: perimeter and area are exact.
 std::vector<cv::Point> rectangle(int w, int h) {
-    std::vector<cv::Point> result;
-    for (int k = 0; k < 2 * (w + h); ++k) {
-        result.emplace_back(k < w + h ? std::min(k, w) : std::max(0, 2 * w + h - k), k < w + h ? std::max(0, k - w) : std::min(h, 2 * (w + h) - k));
-    }
-    return result;
+    std::vector<std::vector<cv::Point>> outlines;
+    cv::findContours(cv::Mat(h + 1, w + 1, CV_8UC1, cv::Scalar(255)), outlines, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+    return outlines[0];
 }
 
 TEST(HandPath, RefusesInOrderWithBothEndsInside) {
@@ -99,7 +93,7 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;
     const auto run = [&](cv::Mat image) {
-        return test::refused([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
+        return refused([&] { EXPECT_FALSE(extractor.CircleExtractSimpleForHand(image, corners, 0, handConfigs())); });
     };
     const int cube[] = {3, 9, 9};
     for (const cv::Mat& bad : {cv::Mat(9, 9, CV_8UC2), cv::Mat(9, 9, CV_16UC3), cv::Mat(9, 9, CV_32FC1), cv::Mat(3, cube, CV_8UC3)})
@@ -114,10 +108,9 @@ TEST(HandPath, AnswersImagesItCannotWorkWith) {
 
 TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
     // Depth is linear over the image, so that the interpolation is exact, but for one hole at (30, 12).
-    cv::Mat large(44, 60, CV_32FC1, cv::Scalar(9)), depth = large(cv::Rect(5, 2, 50, 40));
-    for (int y = 0; y < 40; ++y) {
-        for (int x = 0; x < 50; ++x) depth.at<float>(y, x) = static_cast<float>(x == 30 && y == 12 ? 0 : 2 + 0.5 * x + 0.25 * y);
-    }
+    const auto depthAt = [](double x, double y) { return 2 + 0.5 * x + 0.25 * y; };
+    cv::Mat large = imageOf<float>({60, 44}, [&](int x, int y) { return depthAt(x - 5, y - 2); }), depth = large(cv::Rect(5, 2, 50, 40));
+    depth.at<float>(12, 30) = 0;
     const std::vector<cv::Point2d> kept = {{10.5, 20.5}, {10, 20}, {0.25, 0.75}, {49, 39}, {31.25, 12.5}, {29, 12}, {17.125, 33.375}};
     std::vector<cv::Point2d> all = {{0, 5.5},   {5.5, 0},   {-0.5, 5},  {49.001, 39}, {49, 39.5},  {29.5, 11.5},      {30, 12}, {30.5, 12.5},
                                     {kNaN, 20}, {20, kNaN}, {kInf, 20}, {20, -kInf},  {1e300, 20}, {2147483648.5, 9}, {31, 12}, {20, -1e300}};
@@ -128,7 +121,7 @@ TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
     ASSERT_EQ(corners.size(), kept.size());
     for (std::size_t k = 0; k < kept.size(); ++k) {
         const auto [x, y] = kept[k];
-        const double z = 2 + 0.5 * x + 0.25 * y;
+        const double z = depthAt(x, y);
         const Corner& c = corners[k];
         EXPECT_TRUE(c.x == x && c.y == y && c.matched && c.id == static_cast<int>(k)) << "in order, and the ids close up";
         EXPECT_LT((c.position - Eigen::Vector3d((x - 24.25) * z / 800, (y - 19.5) * z / 750, z)).norm(), 3e-6) << x << ' ' << y;
@@ -139,7 +132,7 @@ TEST(DepthSampling, PlacesMarkersAndDropsThoseWithoutDepth) {
 TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
     std::vector<Corner> corners = cornersAt({{5, 5}, {kNaN, 5}}), nothing;
     const auto run = [](std::vector<Corner>& list, cv::Mat depth, const cv::Mat& camera) {
-        return test::refused([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
+        return refused([&] { CircleMarkerExtractor().DetectFeaturePointsAndInterpolate_binocular(list, depth, camera); });
     };
     const cv::Mat depth(20, 20, CV_32FC1, cv::Scalar(2)), camera = cv::Mat::eye(3, 3, CV_64F);
     const int cube[] = {20, 20, 20};
@@ -153,5 +146,4 @@ TEST(DepthSampling, RefusesMatricesBeforeItReadsThem) {
     EXPECT_TRUE(corners.empty());
 }
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::hand_depth

@@ -42,8 +42,7 @@ TEST(RadiusPasses, MatchTablesWorkedOutByHand) {
 }
 
 TEST(Sampling, CountsPixelCentresAndEndsAtTheOutermostOnes) {
-    cv::Mat ramp(20, 20, CV_8UC1);
-    for (int k = 0; k < 400; ++k) ramp.at<uchar>(k / 20, k % 20) = static_cast<uchar>(10 * (k % 20));
+    const cv::Mat ramp = imageOf<uchar>({20, 20}, [](int x, int) { return 10 * x; });
     // The neighbours on the circle count; cut by the corner; between four pixels; off the image.
     const std::tuple<cv::Point2f, float, float, int> discs[] = {
         {{10, 10}, 1, 100, 5}, {{10, 10}, 1.5f, 100, 9}, {{0, 0}, 1, 10.0f / 3, 3}, {{10.5f, 10.5f}, 0.5f, 0, 0}, {{40, 40}, 3, 0, 0}};
@@ -108,23 +107,24 @@ TEST(DetectRadialContours, AcceptsBrightRoundBlobsOnly) {
     const cv::Mat border = discImage(grey.size(), {18, 60}, 14), dark = discImage(grey.size(), {80, 60}, 14, 40, 200);
     cv::Mat line = grey.clone(), bar = grey.clone();
     line(cv::Rect(20, 60, 100, 3)).setTo(200), bar(cv::Rect(60, 60, 31, 10)).setTo(200);
-    // Image, reduction, detection again, least share of rays, points of each accepted blob.
-    const std::tuple<const char*, cv::Mat, int, bool, float, std::vector<std::size_t>> cases[] = {
-        {"a disc", disc, 1, false, 0.6f, {72}},
-        {"a disc, reduced", disc, 2, false, 0.6f, {72}},
-        {"a disc, reduced and detected again", disc, 2, true, 0.6f, {72}},
-        {"a dark disc", dark, 1, false, 0.6f, {}},
-        {"a thin bar: too small before it is too long", line, 1, false, 0.0f, {}},
-        {"a bar of ratio above 3", bar, 1, false, 0.0f, {}},
-        {"a blob at the border", border, 1, false, 0.6f, {}},
-        {"the same, without asking for rays: a blob without points", border, 1, false, 0.0f, {0}},
-        {"surroundings off the image: dropped only if detected again", border, 2, true, 0.0f, {}},
-        {"nothing", grey, 1, false, 0.6f, {}}};
-    for (const auto& [what, image, scale, refine, ratio, pointCounts] : cases) {
+    // Full image, image to be reduced, reduction, detection again, least share of rays, points of each accepted blob.
+    const std::tuple<const char*, cv::Mat, cv::Mat, int, bool, float, std::vector<std::size_t>> cases[] = {
+        {"a disc", disc, disc, 1, false, 0.6f, {72}},
+        {"a disc, reduced", disc, disc, 2, false, 0.6f, {72}},
+        {"a disc, reduced and detected again", disc, disc, 2, true, 0.6f, {72}},
+        {"a dark disc", dark, dark, 1, false, 0.6f, {}},
+        {"a thin bar: too small before it is too long", line, line, 1, false, 0.0f, {}},
+        {"a bar of ratio above 3", bar, bar, 1, false, 0.0f, {}},
+        {"a blob at the border", border, border, 1, false, 0.6f, {}},
+        {"the same, without asking for rays: a blob without points", border, border, 1, false, 0.0f, {0}},
+        {"surroundings off the image: dropped only if detected again", border, border, 2, true, 0.0f, {}},
+        {"nothing bright when detected again", grey, disc, 2, true, 0.0f, {}},
+        {"nothing", grey, grey, 1, false, 0.6f, {}}};
+    for (const auto& [what, full, image, scale, refine, ratio, pointCounts] : cases) {
         cv::Mat working, blurred, binary, fullBinary, labels;
         cv::resize(image, working, image.size() / scale);
         std::vector<SubpixelContour> contours(3);  // emptied first
-        detectRadialContours(working, image, blurred, binary, fullBinary, labels, 1.0, 31, contours, directionTable(72), directionTable(24), 12, -8,
+        detectRadialContours(working, full, blurred, binary, fullBinary, labels, 1.0, 31, contours, directionTable(72), directionTable(24), 12, -8,
                              scale, refine, ratio, 25);
         std::vector<std::size_t> counts;
         for (const SubpixelContour& contour : contours) counts.push_back(contour.points.size());

@@ -11,8 +11,7 @@
 #include "kestrune/MarkerExtractor.h"
 #include "settings.h"
 
-namespace kestrune {
-namespace {
+namespace kestrune::test::real {
 
 struct Front {
     host::Path path;
@@ -25,11 +24,14 @@ class RealImages : public testing::TestWithParam<Front> {
     void SetUp() override {
         if (!std::filesystem::exists(folder())) GTEST_SKIP() << "no real images at " << folder();
     }
-    static CicrleConfigs settings(const std::string& kind) {
+    static std::vector<Corner> markersIn(const cv::Mat& image, const std::string& kind) {
         const std::string file = std::string(KESTRUNE_SETTINGS_DIR) + "/" + kind + "-" + GetParam().name + ".yaml";
         CicrleConfigs configs = host::loadSettings(file, GetParam().path).configs;
         configs.skipUndistort = true;
-        return configs;
+        CircleMarkerExtractor extractor;
+        std::vector<Corner> corners;
+        ExtractCircleMarker(image, extractor, corners, 0, configs);
+        return corners;
     }
 };
 
@@ -37,51 +39,42 @@ class RealImages : public testing::TestWithParam<Front> {
 /// that a ten by ten grid allows. `cv::findCirclesGrid` orders it; here its corners' homography does.
 void expectTenByTenGrid(const std::vector<Corner>& corners, const std::string& name) {
     ASSERT_EQ(corners.size(), 100u) << name;
-    std::vector<cv::Point2f> points, hull;
+    std::vector<cv::Point2f> points, places;
     for (const Corner& c : corners) points.emplace_back(static_cast<float>(c.x), static_cast<float>(c.y));
     const auto extreme = [&points](float sx, float sy) {
-        return *std::max_element(points.begin(), points.end(),
-                                 [=](const auto& a, const auto& b) { return sx * a.x + sy * a.y < sx * b.x + sy * b.y; });
+        return *std::ranges::max_element(points, {}, [=](cv::Point2f p) { return sx * p.x + sy * p.y; });
     };
     const std::vector<cv::Point2f> grid{{0, 0}, {9, 0}, {9, 9}, {0, 9}};
     const std::vector<cv::Point2f> image{extreme(-1, -1), extreme(1, -1), extreme(1, 1), extreme(-1, 1)};
-    std::vector<cv::Point2f> places;
     cv::perspectiveTransform(points, places, cv::getPerspectiveTransform(image, grid));
-    std::vector<int> taken(100, 0);
+    cv::Mat taken = cv::Mat::zeros(10, 10, CV_8UC1);
     for (const cv::Point2f& p : places) {
-        const int column = cvRound(p.x), row = cvRound(p.y);
-        EXPECT_LT(std::hypot(p.x - static_cast<float>(column), p.y - static_cast<float>(row)), 0.1) << name;
-        if (column >= 0 && column < 10 && row >= 0 && row < 10) ++taken[10 * static_cast<std::size_t>(row) + static_cast<std::size_t>(column)];
+        const cv::Point place(p);  // rounded
+        EXPECT_LT(cv::norm(p - cv::Point2f(place)), 0.1) << name;
+        if (cv::Rect({}, taken.size()).contains(place)) taken.at<uchar>(place) = 1;
     }
-    EXPECT_EQ(std::count(taken.begin(), taken.end(), 1), 100) << name;
+    EXPECT_EQ(cv::countNonZero(taken), 100) << name;
 }
 
 TEST_P(RealImages, AllDotsOfTheGridAndNothingElse) {
-    const CicrleConfigs configs = settings("dot-grid");
     int images = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder() / "dot-grid-stereo")) {
         if (entry.path().extension() != ".png") continue;
         cv::Mat image = cv::imread(entry.path(), cv::IMREAD_GRAYSCALE);
-        if (!configs.useComplexExtract) image = 255 - image;  // the dots are dark
-        CircleMarkerExtractor extractor;
-        std::vector<Corner> corners;
-        ExtractCircleMarker(image, extractor, corners, 0, configs);
-        expectTenByTenGrid(corners, entry.path().filename());
+        if (GetParam().path != host::Path::complex) image = 255 - image;  // the dots are dark
+        expectTenByTenGrid(markersIn(image, "dot-grid"), entry.path().filename());
         ++images;
     }
     EXPECT_EQ(images, 10);
 }
 
 TEST_P(RealImages, HardNegativesAreReported) {
-    const CicrleConfigs configs = settings("bright");
     for (const char* name : {"building.jpg", "left01.jpg"}) {
         const cv::Mat image = cv::imread(folder() / "no-markers" / name, cv::IMREAD_GRAYSCALE);
         ASSERT_FALSE(image.empty());
-        CircleMarkerExtractor extractor;
-        std::vector<Corner> corners;
-        ExtractCircleMarker(image, extractor, corners, 0, configs);
-        std::printf("%s, %s: %zu false\n", GetParam().name, name, corners.size());
-        EXPECT_LE(corners.size(), 25u) << name << ": hints at a gate that has gone";
+        const std::size_t count = markersIn(image, "bright").size();
+        std::printf("%s, %s: %zu false\n", GetParam().name, name, count);
+        EXPECT_LE(count, 25u) << name << ": hints at a gate that has gone";
     }
 }
 
@@ -90,5 +83,4 @@ INSTANTIATE_TEST_SUITE_P(Fronts, RealImages,
                                          Front{host::Path::complex, "complex"}),
                          [](const auto& front) { return std::string(front.param.name); });
 
-}  // namespace
-}  // namespace kestrune
+}  // namespace kestrune::test::real

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -27,16 +29,57 @@ inline CicrleConfigs rimConfigs() {
     return c;
 }
 
-/// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
-inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
-    for (int y = 0; y < image.rows; ++y) {
-        for (int x = 0; x < image.cols; ++x) {
-            const double distance = std::hypot(x - centre.x, y - centre.y);
-            if (distance > radius + 4) continue;
-            const double share = 0.5 * std::erfc((distance - radius) / 1.2);
-            image.at<uchar>(y, x) = cv::saturate_cast<uchar>(outside + share * (inside - outside));
+/// The settings of each path; its number is its place here.
+inline std::vector<CicrleConfigs> configsOfPaths() {
+    return {discConfigs(false), discConfigs(true), rimConfigs()};
+}
+
+inline bool same(const cv::RotatedRect& a, const cv::RotatedRect& b) {
+    return a.center == b.center && a.size == b.size && a.angle == b.angle;
+}
+
+/// What a path finds. Whatever it is, the parts of the result agree, and an exception of OpenCV's leaves none behind.
+struct Found {
+    CircleMarkerExtractor extractor;
+    std::vector<Corner> corners;
+
+    Found(const cv::Mat& image, const CicrleConfigs& configs) {
+        bool result = false;
+        try {
+            result = configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, 0, configs)
+                                               : extractor.CircleExtractSimple(image, corners, 0, configs);
+            EXPECT_EQ(result, !corners.empty());
+        } catch (const cv::Exception& e) {
+            EXPECT_FALSE(configs.useComplexExtract) << e.what();
+        }
+        EXPECT_EQ(extractor.markerName, result ? configs.markerName : "");
+        EXPECT_EQ(extractor.markerRects.size(), result ? corners.size() : 0);
+        for (std::size_t k = 0; k < extractor.markerRects.size(); ++k) {
+            const Corner& c = corners[k];
+            EXPECT_EQ(c.id, static_cast<int>(k));
+            const bool hasRim = c.conicValid && c.scatter.rows() == 6 && same(c.ellipse, extractor.markerRects[k]);
+            EXPECT_TRUE(hasRim || !configs.useComplexExtract);
         }
     }
+};
+
+/// An image whose pixel at `x` and `y` is what the function says of them.
+template <typename Pixel, typename Function>
+cv::Mat_<Pixel> imageOf(cv::Size size, const Function& function) {
+    cv::Mat_<Pixel> image(size);
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) image(y, x) = cv::saturate_cast<Pixel>(function(x, y));
+    }
+    return image;
+}
+
+/// A bright disc with a smooth rim: the grey value falls over about 2 px around the radius.
+inline void addDisc(cv::Mat& image, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {
+    image = imageOf<uchar>(image.size(), [=](int x, int y) {
+        const double distance = std::hypot(x - centre.x, y - centre.y);
+        const double share = 0.5 * std::erfc((distance - radius) / 1.2);
+        return distance > radius + 4 ? image.at<uchar>(y, x) : outside + share * (inside - outside);
+    });
 }
 
 inline cv::Mat discImage(cv::Size size, cv::Point2d centre, double radius, double inside = 200, double outside = 40) {

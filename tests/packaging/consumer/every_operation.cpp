@@ -62,9 +62,8 @@ int main() {
     expect(e.CircleExtractComplex(left, rims, 0, configs) && rims.size() == 2, "CircleExtractComplex");
     expect(ExtractCircleMarker(right, e, door, 1, configs) && door.size() == 2, "ExtractCircleMarker");
     expect(e.extractMarkPointsFast(left, fast, 0, configs) && fast.size() == 2, "extractMarkPointsFast");
-    const cv::Mat planes[] = {left, left, left};
     cv::Mat colour;
-    cv::merge(planes, 3, colour);
+    cv::merge(std::vector<cv::Mat>(3, left), colour);
     expect(e.CircleExtractSimpleForHand(colour, hand, 0, configs) && hand.size() == 2, "CircleExtractSimpleForHand");
 
     e.UndistortCorners(fast, e.leftIntrinsic, e.leftDistortion);
