@@ -7,7 +7,7 @@
 # usage: consumer.sh CMAKE COMPILER PKG_CONFIG VERSION SOURCE_TREE BUILD_TREE WORK_FOLDER
 set -euxo pipefail
 cmake=$1 compiler=$2 pkg_config=$3 version=$4 source=$5 build=$6 work=$7
-host=$source/tests/packaging/consumer
+example=$source/examples/minimal host=$source/tests/packaging/consumer
 expected='marker 0 at 150.3 99.7'
 
 rm -rf "$work"
@@ -18,10 +18,13 @@ if grep --recursive --fixed-strings --files-with-matches -e "$source" -e "$build
     exit 1  # a path of this machine
 fi
 
+"$cmake" -S "$example" -B "$work/minimal" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Wconversion -Werror"
+"$cmake" --build "$work/minimal"
+[[ $("$work/minimal/minimal") == "$expected" ]]
 "$cmake" -S "$host" -B "$work/build" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$prefix" \
     -DREQUIRED_VERSION="$version"
 "$cmake" --build "$work/build"
-[[ $("$work/build/host") == "$expected" ]]
 "$work/build/every_operation"
 if "$cmake" -S "$host" -B "$work/refused" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DREQUIRED_VERSION="${version%%.*}.99"
 then
@@ -38,6 +41,6 @@ fi
 for linking in --shared --static; do
     flags=()
     eval "flags=($("$pkg_config" "$linking" --cflags --libs kestrune_MarkerExtractor))"  # they quote spaces for a shell
-    "$compiler" -std=c++17 -Wall -Wextra -Werror "$host/main.cpp" "${flags[@]}" -o "$work/host"
+    "$compiler" -std=c++17 -Wall -Wextra -Werror "$example/main.cpp" "${flags[@]}" -o "$work/host"
     [[ $(LD_LIBRARY_PATH=$libdir "$work/host") == "$expected" ]]
 done
