@@ -84,8 +84,10 @@ TEST(CalibrationIntake, RefusesWhatItCannotUse) {
     cv::Mat I = cv::Mat::eye(3, 3, CV_64F), T = (cv::Mat_<double>(3, 1) << 1, 2, 3), single = cv::Mat::eye(3, 3, CV_32F), F;
     EXPECT_THROW(e.CalcFoundationMat(I, T, single, I, F), cv::Exception);
     EXPECT_THROW(e.CalcFoundationMat(I, F, I, I, F), cv::Exception);
+    F = I;  // shares its pixels
     e.CalcFoundationMat(I, T, I, I, F);
     EXPECT_EQ(cv::Matx33d(F), cv::Matx33d(0, 3, -2, -3, 0, 1, 2, -1, 0)) << "the cross product with -T";
+    EXPECT_EQ(cv::Matx33d(I), cv::Matx33d::eye());
     EXPECT_THROW(e.SetTriangulationIntrinsicMatrix(I, cv::Mat()), cv::Exception);
     EXPECT_THROW(e.SetTriangulationIntrinsicMatrix(single, I), cv::Exception);
     EXPECT_EQ(e.triangulationA.size(), 0) << "untouched";

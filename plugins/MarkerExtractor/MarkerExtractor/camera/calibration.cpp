@@ -149,7 +149,6 @@ void CircleMarkerExtractor::transform_kestruneData2cvMat(const std::vector<HostP
     const cv::Mat T = translationOf(poses[1]) - R * translationOf(poses[0]);
     rotation = R;
     translation = T;
-    fundamental = cv::Mat();
     CalcFoundationMat(rotation, translation, leftIntrinsic, rightIntrinsic, fundamental);
 
     const cv::Size size(width, height);

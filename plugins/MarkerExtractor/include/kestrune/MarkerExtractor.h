@@ -220,7 +220,7 @@ class CircleMarkerExtractor {
     ///
     /// @param R,T    a point X in left camera coordinates is R X + T in right ones. 3 by 3; three elements.
     /// @param K1,K2  3 by 3 camera matrices, left and right.
-    /// @param F      result, 3 by 3 `CV_64F`.
+    /// @param F      result, 3 by 3 `CV_64F`, with pixels of its own.
     /// @throws cv::Exception for a matrix of wrong size or type (`CV_64F` is needed).
     KESTRUNE_API void CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K1, cv::Mat& K2, cv::Mat& F);
 
