@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <opencv2/core.hpp>
 #include <optional>
 #include <string>
@@ -88,5 +89,8 @@ int runSettings(const std::vector<std::string>& files);
 
 /// Prints a line on standard error with the program's name before it.
 void complain(const std::string& text);
+
+/// Whether all that went to the table is in its file, or none was opened. Complains of one that is cut off.
+bool isWhole(std::ofstream& table, const std::string& file);
 
 }  // namespace kestrune::host

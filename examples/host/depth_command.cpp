@@ -54,8 +54,7 @@ std::vector<Corner> cornersOf(const std::vector<Marker>& markers) {
 int runDepth(const DepthOptions& options) {
     const Settings settings = loadSettings(options.settings, options.path);
     const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
-    std::ofstream csv(options.csv);
-    if (!csv) throw InputError(options.csv, "cannot be written");
+    std::ofstream csv = openOutput(options.csv);
     csv << "id,x,y,X,Y,Z\n";
     try {
         const cv::Mat image = readImage(options.image, options.invert);
@@ -72,16 +71,11 @@ int runDepth(const DepthOptions& options) {
         }
         fmt::print("{}: {} markers, {} with a depth, {} dropped\n", options.image, found, corners.size(),
                    found - corners.size());
-    } catch (const InputError& error) {
-        complain(error.what());
-        return kPartlyFailed;
     } catch (const std::exception& error) {
-        complain(options.image + ": " + plainText(error));
+        complain(plainText(error, options.image));
         return kPartlyFailed;
     }
-    const bool csvLost = !csv.flush();
-    if (csvLost) complain(options.csv + ": could not be written to its end");
-    return csvLost ? kPartlyFailed : kSuccess;
+    return isWhole(csv, options.csv) ? kSuccess : kPartlyFailed;
 }
 
 }  // namespace kestrune::host

@@ -18,10 +18,7 @@ int runExplain(const ExplainOptions& options) {
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");
     std::ofstream csv;
-    if (!options.csv.empty()) {
-        csv.open(options.csv);
-        if (!csv) throw InputError(options.csv, "cannot be written");
-    }
+    if (!options.csv.empty()) csv = openOutput(options.csv);
     try {
         const cv::Mat image = readImage(options.image, options.invert);
         CircleMarkerExtractor extractor;
@@ -31,16 +28,11 @@ int runExplain(const ExplainOptions& options) {
             fmt::format("{}   path {}", fs::path(options.image).filename().string(), nameOf(settings.path));
         fmt::print("{}\n{}", title, explanationTable(candidates));
         if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title));
-    } catch (const InputError& error) {
-        complain(error.what());
-        return kPartlyFailed;
     } catch (const std::exception& error) {
-        complain(options.image + ": " + plainText(error));
+        complain(plainText(error, options.image));
         return kPartlyFailed;
     }
-    const bool csvLost = csv.is_open() && !csv.flush();
-    if (csvLost) complain(options.csv + ": could not be written to its end");
-    return csvLost ? kPartlyFailed : kSuccess;
+    return isWhole(csv, options.csv) ? kSuccess : kPartlyFailed;
 }
 
 }  // namespace kestrune::host

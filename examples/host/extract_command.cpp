@@ -48,8 +48,7 @@ struct Run {
           invert(options.invert),
           camera(loadCamera(options, settings)) {
         if (!options.csv.empty()) {
-            csv.open(options.csv);
-            if (!csv) throw InputError(options.csv, "cannot be written");
+            csv = openOutput(options.csv);
             writeCsvHeader(csv);
         }
     }
@@ -94,7 +93,7 @@ Camera loadCamera(const SearchOptions& options, const Settings& settings) {
             throw InputError(options.settings, "field 'skipUndistort' false needs --calibration");
         return {};
     }
-    const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
     if (!canUndistort(settings.path))
         complain(fmt::format("{}: not used, path {} measures in the image as it is", options.calibration,
                              nameOf(settings.path)));
@@ -114,20 +113,14 @@ int runExtract(const ExtractOptions& options) {
             progress.clear();
             fmt::print("{}\n", line);
             std::fflush(stdout);
-        } catch (const InputError& error) {
-            progress.clear();
-            complain(error.what());
-            ++failed;
         } catch (const std::exception& error) {
             progress.clear();
-            complain(file + ": " + plainText(error));
+            complain(plainText(error, file));
             ++failed;
         }
     }
     if (failed > 0) complain(fmt::format("{} of {} images failed", failed, options.images.size()));
-    const bool csvLost = run.csv.is_open() && !run.csv.flush();
-    if (csvLost) complain(options.csv + ": could not be written to its end");
-    return failed == 0 && !csvLost ? kSuccess : kPartlyFailed;
+    return isWhole(run.csv, options.csv) && failed == 0 ? kSuccess : kPartlyFailed;
 }
 
 }  // namespace kestrune::host

@@ -46,4 +46,15 @@ std::string plainText(const std::exception& error) {
     return fromOpenCv != nullptr ? fromOpenCv->err : error.what();
 }
 
+std::string plainText(const std::exception& error, const std::string& file) {
+    if (dynamic_cast<const InputError*>(&error) != nullptr) return error.what();  // which may name another file
+    return file + ": " + plainText(error);
+}
+
+std::ofstream openOutput(const std::string& file) {
+    std::ofstream stream(file, std::ios::binary);
+    if (!stream) throw InputError(file, "cannot be written");
+    return stream;
+}
+
 }  // namespace kestrune::host

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files that a run starts from: text and images. Whatever is wrong is told with the file's name.
+// The files that a run starts from, text and images, and those that it writes. Whatever is wrong is told with the
+// file's name.
 #pragma once
 
+#include <fstream>
 #include <opencv2/core.hpp>
 #include <opencv2/core/persistence.hpp>
 #include <stdexcept>
@@ -34,5 +36,13 @@ cv::Mat readImage(const std::string& file, bool invert);
 
 /// The text of an exception for a person: without the source lines that OpenCV puts around its own.
 std::string plainText(const std::exception& error);
+
+/// The same of an exception that came up over a file, with the file's name before it.
+std::string plainText(const std::exception& error, const std::string& file);
+
+/// A file to write to.
+///
+/// @throws InputError  where it cannot be written.
+std::ofstream openOutput(const std::string& file);
 
 }  // namespace kestrune::host

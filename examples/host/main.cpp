@@ -257,6 +257,12 @@ void complain(const std::string& text) {
     fmt::print(stderr, "kestrune-measure: {}\n", text);
 }
 
+bool isWhole(std::ofstream& table, const std::string& file) {
+    if (!table.is_open() || table.flush()) return true;
+    complain(file + ": could not be written to its end");
+    return false;
+}
+
 }  // namespace kestrune::host
 
 int main(int argc, char** argv) {

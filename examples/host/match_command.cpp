@@ -50,8 +50,7 @@ int runMatch(const MatchOptions& options) {
     std::vector<Corner> left = readCorners(options.left), right = readCorners(options.right);
     CircleMarkerExtractor rig = loadRig(options.calibration);
     const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
-    std::ofstream csv(options.csv);
-    if (!csv) throw InputError(options.csv, "cannot be written");
+    std::ofstream csv = openOutput(options.csv);
     cv::Mat relativePose;
     cv::hconcat(rig.rotation, rig.translation, relativePose);
 
@@ -68,9 +67,7 @@ int runMatch(const MatchOptions& options) {
         csv << '\n';
     }
     fmt::print("{} pairs of {} left and {} right markers\n", pairs.size(), left.size(), right.size());
-    const bool csvLost = !csv.flush();
-    if (csvLost) complain(options.csv + ": could not be written to its end");
-    return pairs.empty() || csvLost ? kPartlyFailed : kSuccess;
+    return isWhole(csv, options.csv) && !pairs.empty() ? kSuccess : kPartlyFailed;
 }
 
 }  // namespace kestrune::host

@@ -15,9 +15,7 @@ namespace {
 using nlohmann::json;
 
 void open(std::ofstream& stream, const std::string& file) {
-    if (file.empty()) return;
-    stream.open(file, std::ios::binary);
-    if (!stream) throw InputError(file, "cannot be written");
+    if (!file.empty()) stream = openOutput(file);
 }
 
 /// File names may hold any bytes; what is no UTF-8 is replaced.

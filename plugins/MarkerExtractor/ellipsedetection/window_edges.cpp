@@ -52,13 +52,12 @@ cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float
     const float threshold = calc_stable_edge_threshold(window.grad, min, max, percentile);
     find_edge_mask_nms(window.grad, window.dx, window.dy, window.mask, scratch.strong, scratch.weak, threshold * 0.5f,
                        threshold, nmsFactor);
-    const bool hasEdges = !scratch.strong.empty();
     linkEdges(window.mask, scratch.strong, scratch.weak);
-    if (!hasEdges) return {};
 
     // Thinning takes its time by the pixel, and nothing comes of pixels without an edge: the edges' box is thinned,
     // with the empty frame around it that makes its border like any other place.
     const cv::Rect edges = cv::boundingRect(window.mask);
+    if (edges.empty()) return {};
     const cv::Rect box(edges.x - 1, edges.y - 1, edges.width + 2, edges.height + 2);
     cv::Mat thin;
     cv::ximgproc::thinning(window.mask(box), thin, cv::ximgproc::THINNING_ZHANGSUEN);

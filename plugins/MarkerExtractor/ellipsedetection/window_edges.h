@@ -11,7 +11,7 @@ struct EdgeWindow {
     cv::Mat blur16U, grad, dx, dy, mask;
 };
 
-/// Lists and images whose storage goes from window to window.
+/// Lists whose storage goes from window to window.
 struct WindowScratch {
     std::vector<int> strong, weak;
     std::vector<std::vector<cv::Point>> contours;

@@ -94,9 +94,7 @@ GateText describe(RimGate gate, const CicrleConfigs& c) {
     }
 }
 
-template <typename AnyGate>
-void setGate(ExplainedCandidate& candidate, AnyGate gate, double measured, const CicrleConfigs& configs) {
-    const GateText gateText = describe(gate, configs);
+void setGate(ExplainedCandidate& candidate, const GateText& gateText, double measured) {
     candidate.gate = gateText.name;
     candidate.wanted = gateText.wanted;
     candidate.measured = measured;
@@ -111,18 +109,21 @@ void yieldTo(ExplainedCandidate& candidate, const char* gate, const char* wanted
 }
 
 /// Gates and then admission, one contour after the other.
-template <typename Points, typename Judge, typename Admit>
-Candidates explainInTurn(const std::vector<std::vector<Points>>& contours, const CicrleConfigs& configs,
-                         const char* repeats, const Judge& judge, const Admit& admit) {
+///
+/// @param describeGate  what a gate asks for on this path.
+/// @param repeats       which of two repetitions stays.
+template <typename Point, typename Judge, typename Admit, typename Describe>
+Candidates explainInTurn(const std::vector<std::vector<Point>>& contours, const Judge& judge, const Admit& admit,
+                         const Describe& describeGate, const char* repeats) {
     std::vector<std::size_t> holders;  // of each marker: the candidate that it is
     Candidates candidates;
-    for (const std::vector<Points>& contour : contours) {
+    for (const std::vector<Point>& contour : contours) {
         ExplainedCandidate& candidate = candidates.emplace_back();
         candidate.contour.assign(contour.begin(), contour.end());
         auto verdict = judge(contour);
         candidate.ellipse = verdict.rect;
         if (!verdict.accepted()) {
-            setGate(candidate, verdict.refusedBy, verdict.measured, configs);
+            setGate(candidate, describeGate(verdict.refusedBy), verdict.measured);
             continue;
         }
         const Admission admission = admit(verdict);
@@ -140,13 +141,6 @@ Candidates explainInTurn(const std::vector<std::vector<Points>>& contours, const
     return candidates;
 }
 
-/// For a gate that asks for something else on one path.
-void replaceWanted(Candidates& candidates, const char* gate, const std::string& wanted) {
-    for (ExplainedCandidate& candidate : candidates) {
-        if (candidate.gate == gate) candidate.wanted = wanted;
-    }
-}
-
 Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor, int cameraIndex,
                          const CicrleConfigs& configs) {
     std::vector<Corner> corners;
@@ -157,9 +151,9 @@ Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor,
         contours.push_back(std::move(contour.points));
     }
     return explainInTurn(
-        contours, configs, "the rounder and better fit of two that share a centre",
-        [&](const auto& contour) { return judgeContour(contour, configs, lens, kContoursAreFullSize); },
-        [&](GateVerdict& verdict) { return admitMarker(verdict, markers); });
+        contours, [&](const auto& contour) { return judgeContour(contour, configs, lens, kContoursAreFullSize); },
+        [&](GateVerdict& verdict) { return admitMarker(verdict, markers); },
+        [&](Gate gate) { return describe(gate, configs); }, "the rounder and better fit of two that share a centre");
 }
 
 /// First stage and merging: fills `kept` with the candidates whose rims go on, in the order of the merged list.
@@ -176,7 +170,7 @@ void explainFirstStage(const std::vector<std::vector<cv::Point>>& contours, cons
         RimVerdict verdict = judgeRim(contour, images, configs, scratch);
         candidate.ellipse = verdict.ellipse.record.ellipse;
         if (!verdict.accepted()) {
-            setGate(candidate, verdict.refusedBy, verdict.measured, configs);
+            setGate(candidate, describe(verdict.refusedBy, configs), verdict.measured);
             continue;
         }
         passed.push_back(candidates.size() - 1);
@@ -209,7 +203,7 @@ Candidates explainRims(const cv::Mat& image, CircleMarkerExtractor& extractor, i
         MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lensOf(extractor, cameraIndex));
         candidate.ellipse = verdict.marker.ellipse;
         if (!verdict.accepted()) {
-            setGate(candidate, verdict.refusedBy, verdict.measured, configs);
+            setGate(candidate, describe(verdict.refusedBy, configs), verdict.measured);
             continue;
         }
         verdict.marker.id = static_cast<std::int32_t>(kept[k]);  // until the markers that stand are known
@@ -237,12 +231,15 @@ std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleCo
     if (image.empty()) return {};
     requireByteImage(image);
     std::vector<Corner> corners;
-    Candidates candidates = explainInTurn(
-        handContours(image), configs, "the smaller of two that share a centre",
-        [&](const auto& contour) { return judgeHandContour(contour, configs); },
-        [&](const GateVerdict& verdict) { return admitHandMarker(verdict, corners); });
-    replaceWanted(candidates, "fit error", text("maxFitError ", configs.maxFitError));
-    return candidates;
+    return explainInTurn(
+        handContours(image), [&](const auto& contour) { return judgeHandContour(contour, configs); },
+        [&](const GateVerdict& verdict) { return admitHandMarker(verdict, corners); },
+        [&](Gate gate) {
+            // The whole contour decides here, whatever its worst point.
+            if (gate == Gate::kFitError) return GateText{"fit error", text("maxFitError ", configs.maxFitError)};
+            return describe(gate, configs);
+        },
+        "the smaller of two that share a centre");
 }
 
 std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs) {
@@ -250,13 +247,17 @@ std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleCo
     requireGreyImage(image);
     std::vector<cv::Point> hull;
     std::int32_t next = 0;
-    Candidates candidates = explainInTurn(
-        fastContours(image), configs, "", [&](const auto& contour) { return judgeFastContour(contour, configs, hull); },
+    return explainInTurn(
+        fastContours(image), [&](const auto& contour) { return judgeFastContour(contour, configs, hull); },
         [&](const FastVerdict&) {
             return Admission{Admission::kAdded, next++};
-        });
-    replaceWanted(candidates, "area", text("minArea ", configs.minArea, " to below maxArea ", configs.maxArea));
-    return candidates;
+        },
+        [&](Gate gate) {
+            if (gate == Gate::kArea)
+                return GateText{"area", text("minArea ", configs.minArea, " to below maxArea ", configs.maxArea)};
+            return describe(gate, configs);
+        },
+        "");
 }
 
 }  // namespace kestrune
