@@ -54,7 +54,8 @@ std::vector<Corner> cornersOf(const std::vector<Marker>& markers) {
 int runDepth(const DepthOptions& options) {
     const Settings settings = loadSettings(options.settings, options.path);
     const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
-    std::ofstream csv = openOutput(options.csv);
+    std::ofstream csv;
+    openOutput(csv, options.csv);
     csv << "id,x,y,X,Y,Z\n";
     try {
         const cv::Mat image = readImage(options.image, options.invert);

@@ -18,7 +18,7 @@ int runExplain(const ExplainOptions& options) {
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");
     std::ofstream csv;
-    if (!options.csv.empty()) csv = openOutput(options.csv);
+    if (!options.csv.empty()) openOutput(csv, options.csv);
     try {
         const cv::Mat image = readImage(options.image, options.invert);
         CircleMarkerExtractor extractor;

@@ -48,7 +48,7 @@ struct Run {
           invert(options.invert),
           camera(loadCamera(options, settings)) {
         if (!options.csv.empty()) {
-            csv = openOutput(options.csv);
+            openOutput(csv, options.csv);
             writeCsvHeader(csv);
         }
     }

@@ -51,10 +51,9 @@ std::string plainText(const std::exception& error, const std::string& file) {
     return file + ": " + plainText(error);
 }
 
-std::ofstream openOutput(const std::string& file) {
-    std::ofstream stream(file, std::ios::binary);
+void openOutput(std::ofstream& stream, const std::string& file) {
+    stream.open(file, std::ios::binary);
     if (!stream) throw InputError(file, "cannot be written");
-    return stream;
 }
 
 }  // namespace kestrune::host

@@ -40,9 +40,9 @@ std::string plainText(const std::exception& error);
 /// The same of an exception that came up over a file, with the file's name before it.
 std::string plainText(const std::exception& error, const std::string& file);
 
-/// A file to write to.
+/// Opens a file to write to.
 ///
 /// @throws InputError  where it cannot be written.
-std::ofstream openOutput(const std::string& file);
+void openOutput(std::ofstream& stream, const std::string& file);
 
 }  // namespace kestrune::host

@@ -50,7 +50,8 @@ int runMatch(const MatchOptions& options) {
     std::vector<Corner> left = readCorners(options.left), right = readCorners(options.right);
     CircleMarkerExtractor rig = loadRig(options.calibration);
     const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
-    std::ofstream csv = openOutput(options.csv);
+    std::ofstream csv;
+    openOutput(csv, options.csv);
     cv::Mat relativePose;
     cv::hconcat(rig.rotation, rig.translation, relativePose);
 

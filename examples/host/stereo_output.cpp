@@ -15,7 +15,7 @@ namespace {
 using nlohmann::json;
 
 void open(std::ofstream& stream, const std::string& file) {
-    if (!file.empty()) stream = openOutput(file);
+    if (!file.empty()) openOutput(stream, file);
 }
 
 /// File names may hold any bytes; what is no UTF-8 is replaced.
