@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Makes the pictures of the settings guide: one scene, one setting, and what is found with too low, a good and too
-// high a value. usage: kestrune_guide_pictures FOLDER
+// Makes the pictures of the guides: for the settings one scene, one setting, and what is found with too low, a good and
+// too high a value; for the README two of a demonstration, made smaller.
+// usage: kestrune_guide_pictures FOLDER [FOLDER_OF_DEMO]
 #include <fmt/format.h>
 #include <kestrune_scene/scene.h>
 
@@ -21,10 +22,14 @@
 namespace kestrune::host {
 namespace {
 
-constexpr int kPanelWidth = 300;  ///< px; three side by side fit a page
-constexpr int kPanelGap = 6;
-constexpr int kCaptionHeight = 24;
-constexpr int kColourStep = 16;  ///< the noise of the scenes would make the files four times as large
+constexpr int kPanelWidth = 480;  ///< px; three side by side are legible where a page shows them at two thirds
+constexpr int kPanelGap = 8;
+constexpr int kCaptionHeight = 40;
+constexpr double kCaptionText = 0.8;
+constexpr int kZoom = 2;           ///< of the panels as they are drawn
+constexpr int kDemoWidth = 1200;   ///< px
+constexpr int kColourStep = 16;    ///< the noise of the scenes would make the files four times as large
+constexpr MarkStyle kStyle{3, 0};  ///< ids do not matter here
 
 const cv::Size kImageSize(320, 240);
 constexpr double kFocal = 2000, kDistance = 1000;  ///< px, mm
@@ -88,13 +93,13 @@ cv::Mat contrastsAndStains() {
 }
 
 cv::Mat noisyNeighbours() {
-    Stage stage(50, 7);
+    Stage stage(56, 7);
     const double radii[] = {8, 12, 17, 20, 24};
     for (int k = 0; k < 5; ++k) {
-        stage.disc({22.0 + 60 * k, 42}, 9.5, 170);
-        stage.disc({42.0 + 60 * k + k, 42}, 9.5, 170);
-        stage.disc({30.0 + 62 * k, 100}, radii[k], 110);
-        stage.disc({30.0 + 62 * k, 180}, radii[k], 180, 10 + 8 * k, 30 * k);
+        stage.disc({22.0 + 60 * k, 42}, 9.5, 176);
+        stage.disc({42.0 + 60 * k + k, 42}, 9.5, 176);
+        stage.disc({30.0 + 62 * k, 100}, radii[k], 116);
+        stage.disc({30.0 + 62 * k, 180}, radii[k], 186, 10 + 8 * k, 30 * k);
     }
     return stage.image();
 }
@@ -174,6 +179,27 @@ const Picture kPictures[] = {
      {0.01, 0.06, 1}},
 };
 
+cv::Mat shrunk(const cv::Mat& picture, int width) {
+    cv::Mat small;
+    cv::resize(picture, small, {width, picture.rows * width / picture.cols}, 0, 0, cv::INTER_AREA);
+    return small;
+}
+
+/// The colours of an image with noise, rounded to steps.
+cv::Mat inSteps(cv::Mat picture) {
+    picture.forEach<cv::Vec3b>([](cv::Vec3b& pixel, const int*) {
+        for (uchar& part : pixel.val)
+            part = cv::saturate_cast<uchar>((part + kColourStep / 2) / kColourStep * kColourStep);
+    });
+    return picture;
+}
+
+std::string countsOf(const std::vector<Mark>& marks) {
+    const auto dark = std::ranges::count(marks, MarkKind::dark, &Mark::kind);
+    if (dark == 0) return fmt::format("{} found", marks.size());
+    return fmt::format("{} bright, {} dark", marks.size() - static_cast<std::size_t>(dark), dark);
+}
+
 /// One value: what is found with it under a caption.
 cv::Mat panelOf(const Picture& picture, const cv::Mat& image, double value) {
     Settings settings = loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + picture.settings, {});
@@ -182,48 +208,47 @@ cv::Mat panelOf(const Picture& picture, const cv::Mat& image, double value) {
     picture.set(settings.configs, value);
     CircleMarkerExtractor extractor;
     std::vector<Mark> marks;
-    for (const Marker& marker : findMarkers(extractor, image, 0, {}, settings))
+    for (const Marker& marker : findMarkers(extractor, image, 0, {}, settings)) {
         marks.push_back(markOf(marker, foundKind(marker.polarity)));
-    const cv::Mat overlay =
-        drawOverlay(image, marks, fmt::format("path {}", nameOf(settings.path)), foundLegend(marks));
-
-    cv::Mat small, panel;
-    cv::resize(overlay, small, {kPanelWidth, overlay.rows * kPanelWidth / overlay.cols}, 0, 0, cv::INTER_AREA);
-    small.forEach<cv::Vec3b>([](cv::Vec3b& pixel, const int*) {
-        for (uchar& part : pixel.val) part = static_cast<uchar>(part / kColourStep * kColourStep);
-    });
-    cv::copyMakeBorder(small, panel, kCaptionHeight, 0, 0, kPanelGap, cv::BORDER_CONSTANT, cv::Scalar::all(255));
-    cv::putText(panel, fmt::format("{} {:g}", picture.field, value), {4, kCaptionHeight - 7}, cv::FONT_HERSHEY_SIMPLEX,
-                0.6, cv::Scalar::all(0), 1, cv::LINE_AA);
+        marks.back().label.clear();
+    }
+    cv::Mat panel = inSteps(shrunk(drawMarks(image, marks, kZoom, kStyle), kPanelWidth));
+    cv::copyMakeBorder(panel, panel, kCaptionHeight, 0, 0, kPanelGap, cv::BORDER_CONSTANT, cv::Scalar::all(255));
+    cv::putText(panel, fmt::format("{} {:g}: {}", picture.field, value, countsOf(marks)), {4, kCaptionHeight - 12},
+                cv::FONT_HERSHEY_SIMPLEX, kCaptionText, cv::Scalar::all(0), 2, cv::LINE_AA);
     return panel;
 }
 
-int makeAll(const std::string& folder) {
+void makeSettingsPictures(const std::string& folder) {
     for (const Picture& picture : kPictures) {
         const cv::Mat image = picture.scene();
         std::vector<cv::Mat> panels;
         for (const double value : picture.values) panels.push_back(panelOf(picture, image, value));
-        int height = 0;  // the banner does not grow quite as the picture does
-        for (const cv::Mat& panel : panels) height = std::max(height, panel.rows);
-        for (cv::Mat& panel : panels)
-            cv::copyMakeBorder(panel, panel, 0, height - panel.rows, 0, 0, cv::BORDER_CONSTANT, cv::Scalar::all(255));
         cv::Mat row;
         cv::hconcat(panels, row);
-        writePicture(folder + "/" + picture.file, row);
+        writePicture(folder + "/" + picture.file, row.colRange(0, row.cols - kPanelGap));
     }
-    return 0;
+}
+
+/// @param demo  where `kestrune-measure demo --out` put its pictures.
+void makeDemoPictures(const std::string& folder, const std::string& demo) {
+    writePicture(folder + "/demo.png", inSteps(shrunk(readImage(demo + "/left-radial.png", false), kDemoWidth)));
+    writePicture(folder + "/stereo-3d.png",
+                 inSteps(shrunk(readImage(demo + "/stereo-conic-3d.png", false), kDemoWidth)));
 }
 
 }  // namespace
 }  // namespace kestrune::host
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fputs("usage: kestrune_guide_pictures FOLDER\n", stderr);
+    if (argc != 2 && argc != 3) {
+        std::fputs("usage: kestrune_guide_pictures FOLDER [FOLDER_OF_DEMO]\n", stderr);
         return 2;
     }
     try {
-        return kestrune::host::makeAll(argv[1]);
+        kestrune::host::makeSettingsPictures(argv[1]);
+        if (argc == 3) kestrune::host::makeDemoPictures(argv[1], argv[2]);
+        return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;

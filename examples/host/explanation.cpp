@@ -28,8 +28,8 @@ constexpr const char* kColumns =
 
 // Two contours whose boxes differ less than this are one to the eye.
 constexpr double kTwinPx = 2;
-// The eye looks for the one candidate among many in a picture that is shrunk to a screen.
-constexpr MarkStyle kStyle{1, 0.5, 1, true};
+// Outlines are many and lie close together.
+constexpr MarkStyle kStyle{1, 0.5};
 
 struct GateColour {
     const char* gate;

@@ -21,16 +21,19 @@ constexpr double kLegibleRadius = 16;
 constexpr double kThinRadius = 9;
 // Below this width the banner's text has no room.
 constexpr int kLeastWidth = 900;
-// Above this side viewers become slow and files unhandy.
-constexpr int kLargestSide = 5200;
+// Beyond twice its size a picture shows no more of the image, and beyond this side viewers become slow.
+constexpr int kLargestZoom = 2, kLargestSide = 5200;
+// What a screen shows of a picture's width. In a wider one lines and letters grow, to be read where the whole is
+// shrunk.
+constexpr double kScreenWidth = 1500;
+// Rims grow less than letters: they must show, and leave the image's own rim to be seen.
+constexpr double kRimGrowth = 0.6;
 // The image steps back a little behind what is drawn on it.
 constexpr double kImageBrightness = 0.85;
 // Fractional bits of the drawing coordinates: a 16th of a pixel is finer than the eye.
 constexpr int kFractionBits = 4;
 
 constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
-// The banner grows with the picture, so that it can be read where the whole picture is shrunk to a screen.
-constexpr int kWidthPerBanner = 1500;
 constexpr int kBannerHeight = 56;
 constexpr double kBannerTextScale = 0.8;
 // A label grows with its marker, within what is legible and what leaves room for the neighbours.
@@ -89,7 +92,16 @@ int zoomFor(cv::Size size, const std::vector<Mark>& marks) {
         std::nth_element(radii.begin(), tenth, radii.end());
         zoom = std::max(zoom, cvRound(kLegibleRadius / *tenth));
     }
-    return std::clamp(zoom, 1, std::max(1, kLargestSide / std::max(size.width, size.height)));
+    return std::clamp(zoom, 1, std::clamp(kLargestSide / std::max(size.width, size.height), 1, kLargestZoom));
+}
+
+/// How many times as large as on a screen lines and letters are drawn on a picture of this width.
+double growthFor(int width) {
+    return std::max(1.0, width / kScreenWidth);
+}
+
+int grown(double width, double growth) {
+    return std::max(1, cvRound(width * growth));
 }
 
 cv::Point2d enlarged(cv::Point2d p, int zoom) {
@@ -106,7 +118,7 @@ Mark enlarged(Mark mark, int zoom) {
 /// Every stroke is drawn twice, broad and dark below bright, so that it shows on any ground.
 template <typename Draw>
 void drawTwice(const cv::Scalar& colour, int thickness, const Draw& draw) {
-    draw(kDark, thickness + 2);
+    draw(kDark, thickness + 2 * std::max(1, thickness / 2));
     draw(colour, thickness);
 }
 
@@ -123,14 +135,14 @@ void drawOutline(cv::Mat& canvas, const Mark& mark, int zoom, int thickness) {
     });
 }
 
-void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle, int zoom = 1) {
+void drawMark(cv::Mat& canvas, const Mark& mark, int rim, double growth, int zoom = 1) {
     if (!mark.outline.empty()) {
-        drawOutline(canvas, mark, zoom, std::max(1, markStyle.rim - (mark.kind == MarkKind::refused ? 1 : 0)));
+        drawOutline(canvas, mark, zoom, std::max(1, rim - (mark.kind == MarkKind::refused ? 1 : 0)));
         return;
     }
     const Style& style = styleOf(mark.kind);
     const bool good = mark.kind != MarkKind::missed && mark.kind != MarkKind::wrong && mark.kind != MarkKind::unmatched;
-    const int thickness = good && mark.minorHalfAxis < kThinRadius ? markStyle.rim / 2 : markStyle.rim;
+    const int thickness = good && mark.minorHalfAxis < kThinRadius ? std::max(1, rim / 2) : rim;
     const cv::Point centre = fixedPoint(mark.centre);
     const cv::Point axes = fixedPoint({mark.majorHalfAxis, mark.minorHalfAxis});
     drawTwice(colourOf(mark), thickness, [&](const cv::Scalar& colour, int width) {
@@ -140,8 +152,8 @@ void drawMark(cv::Mat& canvas, const Mark& mark, const MarkStyle& markStyle, int
                         width, cv::LINE_AA, kFractionBits);
         }
     });
-    const double arm = std::clamp(0.45 * mark.minorHalfAxis, kSmallestArm, kLargestArm);
-    drawTwice(style.cross, 1, [&](const cv::Scalar& colour, int width) {
+    const double arm = std::clamp(0.45 * mark.minorHalfAxis, kSmallestArm, kLargestArm * growth);
+    drawTwice(style.cross, grown(0.7, growth), [&](const cv::Scalar& colour, int width) {
         for (const cv::Point2d d : {cv::Point2d(arm, 0), cv::Point2d(0, arm)}) {
             cv::line(canvas, fixedPoint(mark.centre - d), fixedPoint(mark.centre + d), colour, width, cv::LINE_AA,
                      kFractionBits);
@@ -184,26 +196,23 @@ cv::Rect placeLabel(const cv::Rect& box, cv::Size size, const std::vector<cv::Re
     return best;
 }
 
-void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks, const MarkStyle& style) {
+void drawLabels(cv::Mat& canvas, const std::vector<Mark>& marks, double leastText, double growth) {
+    const int stroke = grown(1, growth);
     std::vector<cv::Rect> taken;
     taken.reserve(2 * marks.size());
     for (const Mark& mark : marks) taken.push_back(boxOf(mark));
     for (std::size_t i = 0; i < marks.size(); ++i) {
-        const double scale = std::clamp(marks[i].minorHalfAxis / kRadiusPerTextScale, style.leastText,
-                                        std::max(style.leastText, kLargestTextScale));
+        if (marks[i].label.empty()) continue;
+        const double scale = std::clamp(marks[i].minorHalfAxis / kRadiusPerTextScale, leastText * growth,
+                                        std::max(leastText, kLargestTextScale) * growth);
         int baseline = 0;
-        const cv::Size size = cv::getTextSize(marks[i].label, kFont, scale, style.text, &baseline);
+        const cv::Size size = cv::getTextSize(marks[i].label, kFont, scale, stroke, &baseline);
         const cv::Rect place = placeLabel(taken[i], size, taken, {{0, 0}, canvas.size()});
         taken.push_back(place);
-        drawTwice(colourOf(marks[i]), style.text, [&](const cv::Scalar& colour, int width) {
+        drawTwice(colourOf(marks[i]), stroke, [&](const cv::Scalar& colour, int width) {
             cv::putText(canvas, marks[i].label, {place.x, place.br().y}, kFont, scale, colour, width, cv::LINE_AA);
         });
     }
-}
-
-/// How many times its least size the banner is drawn.
-double bannerScale(int width) {
-    return std::max(1.0, static_cast<double>(width) / kWidthPerBanner);
 }
 
 /// A text of the banner and where it stands.
@@ -214,20 +223,38 @@ struct BannerItem {
 };
 
 /// The title and the legend, from left to right in as many lines as they need.
-std::vector<BannerItem> layOutBanner(int width, const std::string& title, const Legend& legend) {
-    std::vector<BannerItem> items = {{title}};
+struct Banner {
+    double scale;
+    std::vector<BannerItem> items;
+
+    int lineHeight() const { return cvRound(kBannerHeight * scale); }
+    int height() const { return lineHeight() * (items.back().line + 1); }
+    int signWidth(const BannerItem& item) const {
+        return item.entry != nullptr ? cvRound(3 * kLegibleRadius * scale) : 0;
+    }
+
+    cv::Size textSize(const BannerItem& item) const {
+        int baseline = 0;
+        return cv::getTextSize(item.text, kFont, kBannerTextScale * scale, grown(2, scale), &baseline);
+    }
+};
+
+/// A long file name makes the letters smaller: nothing is cut off.
+Banner layOutBanner(int width, const std::string& title, const Legend& legend) {
+    Banner banner{growthFor(width), {{title}}};
     for (const LegendEntry& entry : legend) {
         const std::string name = entry.name.empty() ? styleOf(entry.kind).name : entry.name;
-        items.push_back({fmt::format("{} {}", entry.count, name), &entry});
+        banner.items.push_back({fmt::format("{} {}", entry.count, name), &entry});
     }
-    const double scale = bannerScale(width);
-    const int gap = cvRound(kBannerHeight * scale) / 2;
+    int widest = 0;
+    for (const BannerItem& item : banner.items)
+        widest = std::max(widest, banner.signWidth(item) + banner.textSize(item).width + banner.lineHeight());
+    banner.scale *= std::min(1.0, static_cast<double>(width) / widest);
+
+    const int gap = banner.lineHeight() / 2;
     int x = gap, line = 0;
-    for (BannerItem& item : items) {
-        int baseline = 0;
-        const int sign = item.entry == nullptr ? 0 : cvRound(3 * kLegibleRadius * scale);
-        const int needed =
-            sign + cv::getTextSize(item.text, kFont, kBannerTextScale * scale, cvRound(2 * scale), &baseline).width;
+    for (BannerItem& item : banner.items) {
+        const int needed = banner.signWidth(item) + banner.textSize(item).width;
         if (x > gap && x + needed + gap > width) {
             x = gap;
             ++line;
@@ -236,25 +263,23 @@ std::vector<BannerItem> layOutBanner(int width, const std::string& title, const 
         item.line = line;
         x += needed + gap;
     }
-    return items;
+    return banner;
 }
 
-void drawBanner(cv::Mat banner, const std::vector<BannerItem>& items) {
-    banner.setTo(kBanner);
-    const double scale = bannerScale(banner.cols), swatch = kLegibleRadius * scale;
-    const int height = banner.rows / (items.back().line + 1), thickness = cvRound(2 * scale);
-    for (const BannerItem& item : items) {
-        const int middle = item.line * height + height / 2;
-        int x = item.x, baseline = 0;
+void drawBanner(cv::Mat canvas, const Banner& banner) {
+    canvas.setTo(kBanner);
+    const double swatch = kLegibleRadius * banner.scale;
+    for (const BannerItem& item : banner.items) {
+        const int middle = item.line * banner.lineHeight() + banner.lineHeight() / 2;
         if (item.entry != nullptr) {
-            drawMark(banner,
-                     {item.entry->kind, "", cv::Point2d(x + swatch, middle), swatch, swatch, 0, item.entry->colour},
-                     {});
-            x += cvRound(3 * swatch);
+            drawMark(
+                canvas,
+                {item.entry->kind, "", cv::Point2d(item.x + swatch, middle), swatch, swatch, 0, item.entry->colour},
+                grown(2, banner.scale), banner.scale);
         }
-        const cv::Size size = cv::getTextSize(item.text, kFont, kBannerTextScale * scale, thickness, &baseline);
-        cv::putText(banner, item.text, {x, middle + size.height / 2}, kFont, kBannerTextScale * scale, kBannerText,
-                    thickness, cv::LINE_AA);
+        const cv::Point place(item.x + banner.signWidth(item), middle + banner.textSize(item).height / 2);
+        cv::putText(canvas, item.text, place, kFont, kBannerTextScale * banner.scale, kBannerText,
+                    grown(2, banner.scale), cv::LINE_AA);
     }
 }
 
@@ -292,32 +317,30 @@ Legend foundLegend(const std::vector<Mark>& marks) {
     return legend;
 }
 
-cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
-                    const Legend& legend, const MarkStyle& markStyle) {
-    const int zoom = zoomFor(image.size(), marks);
-    const double growth = markStyle.growing ? bannerScale(image.cols * zoom) : 1;
-    const MarkStyle style{std::max(1, cvRound(markStyle.rim * growth)), markStyle.leastText * growth,
-                          std::max(1, cvRound(markStyle.text * growth))};
-    const std::vector<BannerItem> banner = layOutBanner(image.cols * zoom, title, legend);
-    const int bannerHeight = cvRound(kBannerHeight * bannerScale(image.cols * zoom)) * (banner.back().line + 1);
-    cv::Mat picture(image.rows * zoom + bannerHeight, image.cols * zoom, CV_8UC3);
-    cv::Mat colour;
-    if (image.channels() == 1)
-        cv::cvtColor(image, colour, cv::COLOR_GRAY2BGR);
-    else
-        colour = image;
-    cv::Mat canvas = picture.rowRange(bannerHeight, picture.rows);
-    cv::resize(colour * kImageBrightness, canvas, canvas.size(), 0, 0, cv::INTER_CUBIC);
-
+cv::Mat drawMarks(const cv::Mat& image, const std::vector<Mark>& marks, int zoom, const MarkStyle& style) {
+    cv::Mat colour = image, canvas;
+    if (image.channels() == 1) cv::cvtColor(image, colour, cv::COLOR_GRAY2BGR);
+    cv::resize(colour * kImageBrightness, canvas, image.size() * zoom, 0, 0, cv::INTER_CUBIC);
+    const double growth = growthFor(canvas.cols);
+    const int rim = std::max(style.rim, cvRound(style.rim * kRimGrowth * growth));
     std::vector<Mark> large;
     large.reserve(marks.size());
     for (const Mark& mark : marks) large.push_back(enlarged(mark, zoom));
     for (const bool above : {false, true}) {
         for (const Mark& mark : large)
-            if (above == (mark.kind != MarkKind::refused)) drawMark(canvas, mark, style, zoom);
+            if (above == (mark.kind != MarkKind::refused)) drawMark(canvas, mark, rim, growth, zoom);
     }
-    drawLabels(canvas, large, style);
-    drawBanner(picture.rowRange(0, bannerHeight), banner);
+    drawLabels(canvas, large, style.leastText, growth);
+    return canvas;
+}
+
+cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
+                    const Legend& legend, const MarkStyle& style) {
+    const cv::Mat canvas = drawMarks(image, marks, zoomFor(image.size(), marks), style);
+    const Banner banner = layOutBanner(canvas.cols, title, legend);
+    cv::Mat picture;
+    cv::copyMakeBorder(canvas, picture, banner.height(), 0, 0, 0, cv::BORDER_CONSTANT);
+    drawBanner(picture.rowRange(0, banner.height()), banner);
     return picture;
 }
 

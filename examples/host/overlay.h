@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A picture for a person: the image, enlarged until its smallest markers can be judged by eye, with what was found on
-// it.
+// A picture for a person: the image, at most twice as large, with what was found on it. Lines and letters grow with the
+// picture, so that both show where the whole of it is shrunk to a screen.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -56,15 +56,16 @@ Mark markOf(const Marker& marker, MarkKind kind);
 /// `found`, or what is known better where the path takes both kinds.
 MarkKind foundKind(Polarity polarity);
 
-/// How marks are drawn where the usual way is too small for the picture's purpose.
+/// How marks are drawn on a picture that is no wider than a screen.
 struct MarkStyle {
-    int rim = 2;             ///< width of an ellipse, px of the picture
+    int rim = 2;             ///< width of an ellipse, px
     double leastText = 0.5;  ///< scale of the smallest label
-    int text = 1;            ///< width of its strokes, px
-    bool growing = false;    ///< all three grow with the picture, like the banner
 };
 
-/// Draws the marks on an enlarged copy of `image` (`CV_8UC1` or `CV_8UC3`) under a banner with `title` and `legend`.
+/// The image (`CV_8UC1` or `CV_8UC3`) `zoom` times as large, a little darker, with the marks on it.
+cv::Mat drawMarks(const cv::Mat& image, const std::vector<Mark>& marks, int zoom, const MarkStyle& style = {});
+
+/// The same, enlarged at most twice so that the marks can be judged by eye, under a banner with `title` and `legend`.
 cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
                     const Legend& legend, const MarkStyle& style = {});
 

@@ -16,9 +16,6 @@ constexpr int kHues = 12, kHueStep = 5;
 constexpr double kHueRange = 180;  // of OpenCV's 8-bit hues
 constexpr double kSaturation = 150;
 
-// Two images fill the picture's width: what tells the pairs apart must still show when it is shrunk to a screen.
-constexpr MarkStyle kPairStyle{4, 1.2, 2};
-
 cv::Scalar pairColour(std::size_t index) {
     const double hue = kHueRange / kHues * static_cast<double>(index * kHueStep % kHues);
     cv::Mat pixel(1, 1, CV_8UC3, cv::Scalar(hue, kSaturation, 255));
@@ -86,7 +83,7 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
         legend.push_back({MarkKind::wrong, wrong.size()});
     }
     legend.push_back({MarkKind::unmatched, result.unmatched[0].size() + result.unmatched[1].size()});
-    return drawOverlay(both, marks, title, legend, kPairStyle);
+    return drawOverlay(both, marks, title, legend);
 }
 
 }  // namespace kestrune::host

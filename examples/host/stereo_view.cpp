@@ -160,15 +160,15 @@ void drawBox(Canvas& canvas, const Box& box, const std::string& unit) {
     canvas.fill({{a[0], b[1], a[2]}, {b[0], b[1], a[2]}, {b[0], b[1], b[2]}, {a[0], b[1], b[2]}}, kFloor);
     for (const double x : ticksOf(a[0], b[0], step)) {
         canvas.outline({{x, b[1], a[2]}, {x, b[1], b[2]}, {x, a[1], b[2]}}, kGrid, 1, false);
-        canvas.text(fmt::format("{:g}", x), canvas.at({x, b[1], a[2]}) + cv::Point2d(-4, 10), {1, 0}, 0.55);
+        canvas.text(fmt::format("{:g}", x), canvas.at({x, b[1], a[2]}) + cv::Point2d(-4, 10), {1, 0}, 0.65);
     }
     for (const double y : ticksOf(a[1], b[1], step)) {
         canvas.outline({{a[0], y, a[2]}, {a[0], y, b[2]}, {b[0], y, b[2]}}, kGrid, 1, false);
-        canvas.text(fmt::format("{:g}", y), canvas.at({a[0], y, a[2]}) + cv::Point2d(-12, 0), {1, 0.5}, 0.55);
+        canvas.text(fmt::format("{:g}", y), canvas.at({a[0], y, a[2]}) + cv::Point2d(-12, 0), {1, 0.5}, 0.65);
     }
     for (const double z : ticksOf(a[2], b[2], step)) {
         canvas.outline({{a[0], a[1], z}, {a[0], b[1], z}, {b[0], b[1], z}}, kGrid, 1, false);
-        canvas.text(fmt::format("{:g}", z), canvas.at({b[0], b[1], z}) + cv::Point2d(10, 10), {0, 0}, 0.55);
+        canvas.text(fmt::format("{:g}", z), canvas.at({b[0], b[1], z}) + cv::Point2d(10, 10), {0, 0}, 0.65);
     }
     canvas.outline({{a[0], a[1], a[2]}, {a[0], b[1], a[2]}, {b[0], b[1], a[2]}, {b[0], b[1], b[2]}}, kInk, 2, false);
     const cv::Vec3d middle = (a + b) * 0.5;
@@ -191,7 +191,7 @@ void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, doub
         if (known) canvas.outline({disc.centre, disc.centre + disc.normal * (kNeedle * disc.radius)}, kInk, 2, false);
     }
     for (const ViewDisc& disc : discs)
-        canvas.text(disc.label, canvas.at(disc.centre) + cv::Point2d(0, 19), {0.5, 0}, 0.45);
+        canvas.text(disc.label, canvas.at(disc.centre) + cv::Point2d(0, 19), {0.5, 0}, 0.55);
 }
 
 void drawBar(Canvas& canvas, double largest, const std::string& name) {
@@ -203,7 +203,7 @@ void drawBar(Canvas& canvas, double largest, const std::string& name) {
     canvas.text(name, {kBar.x + kBar.width / 2.0, kBar.y - 16.0}, {0.5, 1}, 0.7, 2);
     for (const double tick : ticksOf(0, largest * (1 + 1e-9), niceStep(largest, kTicks))) {
         const cv::Point2d at(kBar.x + kBar.width + 10, kBar.y + kBar.height * (1 - tick / largest));
-        canvas.text(fmt::format("{:g}", tick), at, {0, 0.5}, 0.6);
+        canvas.text(fmt::format("{:g}", tick), at, {0, 0.5}, 0.7);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "explanation.h"
+#include "overlay.h"
 #include "support/program.h"
 
 namespace kestrune::host::program_test {
@@ -166,6 +167,19 @@ TEST(HostExplanation, CountsWhatIsTooMuchToList) {
     const std::string table = explanationTable(many);
     EXPECT_LT(std::ranges::count(table, '\n'), 8) << table;
     for (const char* line : {"   201  area", "marker 0\n"}) EXPECT_NE(table.find(line), std::string::npos) << table;
+}
+
+/// At most twice the image, however small the markers, and no name so long that the banner cuts it off.
+TEST(HostOverlay, IsAtMostTwiceTheImageUnderAWholeBanner) {
+    for (const int width : {100, 640, 2448}) {
+        const cv::Mat image(80, width, CV_8UC1, cv::Scalar(90));
+        const std::vector<Mark> marks(9, {MarkKind::found, "", {40, 40}, 2, 2, 0});
+        const cv::Mat picture = drawOverlay(image, marks, std::string(60, 'W'), {{MarkKind::found, 9}});
+        EXPECT_EQ(picture.cols, 2 * width);
+        const cv::Mat banner = picture.rowRange(0, picture.rows - 2 * image.rows);
+        cv::Mat margin = banner.colRange(picture.cols - 3, picture.cols).clone();
+        EXPECT_EQ(cv::norm(margin, cv::Mat(margin.size(), CV_8UC3, margin.at<cv::Vec3b>(0, 2)), cv::NORM_INF), 0) << width;
+    }
 }
 
 }  // namespace kestrune::host::program_test
