@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <omp.h>
-
 #include <cstring>
 #include <random>
 
 #include "support/calls.h"
 #include "support/rigs.h"
+#include "support/teams.h"
 
 namespace kestrune::test::from_corners {
 
@@ -107,7 +106,7 @@ TEST(FromCorners, AnswersBadInput) {
 TEST(FromCorners, MatchesNoisyMarkersForAnyNumberOfThreads) {
     const scene::Rig rig = scene::makeVergedRig({2448, 2048});
     CircleMarkerExtractor e = calibrated(rig);
-    const int threads = omp_get_max_threads();
+    const SharedLoops shared;
     for (const double missing : {0.0, 0.1}) {
         std::size_t all = 0, wrong = 0;
         for (unsigned seed = 1; seed <= 40; ++seed) {
@@ -140,7 +139,6 @@ TEST(FromCorners, MatchesNoisyMarkersForAnyNumberOfThreads) {
         }
         EXPECT_TRUE(all > (missing > 0 ? 1850 : 2350) && wrong <= (missing > 0 ? 10 : 0)) << all << ' ' << wrong;
     }
-    omp_set_num_threads(threads);
 }
 
 }  // namespace kestrune::test::from_corners

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/stereo/rectified_match.h"
 
-#include <omp.h>
-
 #include <cstring>
 #include <opencv2/imgproc.hpp>
 
 #include "kestrune/MarkerExtractor/stereo.h"
 #include "support/calls.h"
+#include "support/teams.h"
 
 namespace kestrune::test::rectified_match {
 
@@ -158,7 +157,7 @@ struct Exposure {
 
 TEST(RectifiedMatch, PlacesDiscsInSpaceForAnyNumberOfThreads) {
     const cv::Matx33d turn(0.36, 0.48, -0.8, -0.8, 0.6, 0, 0.48, 0.64, 0.6);
-    const int threads = omp_get_max_threads();
+    const SharedLoops shared;
     std::vector<Point3_<double>> reference[16];
     for (int run = 0; run < 64; ++run) {  // the eight gates, two markers (left to the fallback) and forty, four numbers of threads
         const int count = run & 8 ? 40 : 2;
@@ -173,7 +172,6 @@ TEST(RectifiedMatch, PlacesDiscsInSpaceForAnyNumberOfThreads) {
         if (run < 16) reference[run] = e.points;
         EXPECT_EQ(std::memcmp(e.points.data(), reference[run % 16].data(), sizeof(e.points[0]) * e.points.size()), 0) << run;
     }
-    omp_set_num_threads(threads);
 }
 
 TEST(RectifiedMatch, KeepsWhatIsBeyondDoubtWithoutAConstellation) {
@@ -214,8 +212,6 @@ TEST(RectifiedMatch, AnswersBadInput) {
          {[](E& e) { e.radii.insert(e.radii.begin(), kNaN), e.radii.push_back(0); },
           [](E& e) { cv::Mat(e.leftProjection).convertTo(e.leftProjection, CV_32F); }}},
         {"rotation", {[](E& e) { e.rotation.convertTo(e.rotation, CV_32F); }}}};
-    const int threads = omp_get_max_threads();
-    omp_set_num_threads(1);  // on a busy machine a team takes far longer to gather than two markers to match
     for (const auto& [expected, changes] : cases) {
         for (std::size_t run = 0; run < 8 * changes.size(); ++run) {
             Exposure e(2);
@@ -236,7 +232,6 @@ TEST(RectifiedMatch, AnswersBadInput) {
         a.rotation = bad.cols == 4 ? bad.colRange(0, 3) : bad, b.leftProjection = bad, c.rightProjection = bad;
         EXPECT_EQ(a.outcome(0) + b.outcome(0) + c.outcome(0), "rotationleftProjectionrightProjection") << bad.size();
     }
-    omp_set_num_threads(threads);
 }
 
 }  // namespace kestrune::test::rectified_match

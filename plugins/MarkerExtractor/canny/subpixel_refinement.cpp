@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
 #include <cmath>
 
 #include "canny/subpixel_contours.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -9,9 +11,9 @@ namespace {
 
 constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
 constexpr double kTwoPi = 6.283185307179586;
-/// Points of a contour from which a second thread pays: below it, waking the threads costs more than the fits do, and
-/// on a busy machine the wait for the slowest of them many times more.
-constexpr int kParallelPoints = 2048;
+/// Points of one contour that make one item of the loop over all contours, and a bound of the time for one, ns.
+constexpr std::size_t kBlock = 512;
+constexpr std::int64_t kPointTime = 500;
 constexpr double kLargestOffset = 0.5;  ///< px; beyond it another pixel is the nearest one to the line
 
 /// Second-order surface a0 + a1 x + a2 y + a3 x^2 + a4 x y + a5 y^2 through nine magnitudes.
@@ -99,20 +101,27 @@ void refinePoint(const cv::Mat& dx, const cv::Mat& dy, const cv::Point& pixel, c
 
 void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
                     std::vector<SubpixelContour>& contours) {
+    struct Block {
+        std::size_t contour, first;
+    };
+    std::vector<Block> blocks;
     contours.resize(pixelContours.size());
     for (std::size_t c = 0; c < pixelContours.size(); ++c) {
+        const std::size_t count = pixelContours[c].size();
+        contours[c].points.resize(count);
+        contours[c].response.resize(count);
+        contours[c].direction.resize(count);
+        for (std::size_t first = 0; first < count; first += kBlock) blocks.push_back({c, first});
+    }
+    // One loop over all contours: most of them are too short to be worth one each.
+    forEachInParallel(static_cast<int>(blocks.size()), kPointTime * static_cast<std::int64_t>(kBlock), [&](int b) {
+        const auto [c, first] = blocks[static_cast<std::size_t>(b)];
         const std::vector<cv::Point>& pixels = pixelContours[c];
         SubpixelContour& contour = contours[c];
-        contour.points.resize(pixels.size());
-        contour.response.resize(pixels.size());
-        contour.direction.resize(pixels.size());
-        const int count = static_cast<int>(pixels.size());
-#pragma omp parallel for schedule(static) if (count >= kParallelPoints)
-        for (int i = 0; i < count; ++i) {
-            const auto k = static_cast<std::size_t>(i);
+        for (std::size_t k = first; k < std::min(pixels.size(), first + kBlock); ++k) {
             refinePoint(dx, dy, pixels[k], contour.points[k], contour.response[k], contour.direction[k]);
         }
-    }
+    });
 }
 
 }  // namespace kestrune

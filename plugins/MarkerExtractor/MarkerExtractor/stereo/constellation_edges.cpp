@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "MarkerExtractor/stereo/constellation_internal.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -15,8 +16,8 @@ constexpr double kShort = 2.0;
 constexpr double kAlongRows = 0.003;
 /// How many edges are passed over in the time that it takes to look one up by its ends.
 constexpr std::size_t kJoinCost = 4;
-/// Edges whose ranges take longer to look up, over a millisecond, than to wake threads that share the work.
-constexpr std::int32_t kWorthThreads = 20'000;
+/// Bound of the time to look up the range of an edge, ns.
+constexpr std::int64_t kLookUpTime = 1'000;
 
 bool isShorter(const MarkerEdge& a, const MarkerEdge& b) {
     return a.length < b.length || (std::isnan(b.length) && !std::isnan(a.length));
@@ -117,12 +118,11 @@ void Constellation::findRanges(double edgeLengthTolerance) {
     const auto n = static_cast<std::int32_t>(left.edges.size());
     ranges.assign(n, {0, 0});
     if (n == 0 || right.edges.empty()) return;
-#pragma omp parallel for if (n >= kWorthThreads)
-    for (std::int32_t e = 0; e < n; ++e) {
+    forEachInParallel(n, kLookUpTime, [&](int e) {
         const double length = left.edges[e].length;
         ranges[e] = {firstNotShorter(right.edges, (1 - edgeLengthTolerance) * length),
                      firstNotShorter(right.edges, (1 + edgeLengthTolerance) * length)};
-    }
+    });
 }
 
 bool Constellation::canCorrespond(const EdgeShape& leftEdge, const EdgeShape& rightEdge) const {

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 
 #include "MarkerExtractor/stereo/constellation_internal.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune::constellation {
 
@@ -20,10 +19,8 @@ constexpr int kConfirmations = 6;
 /// Hypotheses that are collected before they are scored. Enough to keep many threads busy, and little to throw away
 /// when the search ends with the first of them.
 constexpr std::size_t kBatch = 256;
-/// Least work, in markers and candidates gone through, that is handed to several threads: some 0.2 ms. To wake threads
-/// for less takes longer than it saves, above all on a busy machine, and a search in vain has tens of thousands of
-/// small batches.
-constexpr std::int64_t kWorthThreads = 50'000;
+/// Bound of the time that a marker or candidate takes in the score of a hypothesis, ns: two directions of it.
+constexpr std::int64_t kScoreTime = 100;
 
 cv::Point2d meanOf(cv::Point2d a, cv::Point2d b, cv::Point2d c) {
     return {(a.x + b.x + c.x) / 3, (a.y + b.y + c.y) / 3};
@@ -85,16 +82,6 @@ void InOrderFold::submit(int item, std::vector<CompactPair>& pairs, double error
     lastNeeded_.store(last, std::memory_order_relaxed);
 }
 
-void InOrderFold::fail(std::exception_ptr failure) {
-    const std::lock_guard lock(mutex_);
-    if (!failure_) failure_ = std::move(failure);
-    lastNeeded_.store(-1, std::memory_order_relaxed);
-}
-
-void InOrderFold::rethrowFailure() const {
-    if (failure_) std::rethrow_exception(failure_);
-}
-
 void PolarView::lookFrom(cv::Point2d centre) {
     centre_ = centre;
     for (std::size_t i = 0; i < markers_.size(); ++i) radii_[i] = distanceOf(centre, markers_[i]);
@@ -114,11 +101,12 @@ HypothesisSearch::Workspace::Workspace(const Constellation& constellation)
 HypothesisSearch::HypothesisSearch(const Constellation& constellation, int required, int patience)
     : constellation_(constellation),
       fold_(required, patience),
-      workOfScore_(
-          static_cast<std::int64_t>(constellation.left.candidateCount() + constellation.right.centres.size())) {
+      scoreTime_(kScoreTime *
+                 static_cast<std::int64_t>(constellation.left.centres.size() + constellation.left.candidateCount() +
+                                           constellation.right.centres.size() + constellation.right.candidateCount())) {
     firsts_.reserve(constellation.right.edges.size());
     seconds_.reserve(constellation.right.edges.size());
-    const int threads = omp_get_max_threads();
+    const int threads = largestTeam();
     workspaces_.reserve(threads);
     for (int i = 0; i < threads; ++i) workspaces_.emplace_back(constellation);
 }
@@ -160,22 +148,16 @@ void HypothesisSearch::collectTriangles(const Triangle& triangle, int k) {
 bool HypothesisSearch::scoreBatch(cv::Point2d leftCentroid) {
     const int items = static_cast<int>(centroids_.size());
     fold_.beginBatch(items);
-#pragma omp parallel for schedule(dynamic, 1) if (items * workOfScore_ >= kWorthThreads)
-    for (int item = 0; item < items; ++item) {
-        if (!fold_.isNeeded(item)) continue;
-        try {
-            Workspace& work = workspaces_[omp_get_thread_num()];
-            if (work.roundOfLeft != round_) work.left.lookFrom(leftCentroid);
-            work.roundOfLeft = round_;
-            work.right.lookFrom(centroids_[item]);
-            const double error = score(work);
-            if (work.pairs.size() < kLeastPairs) work.pairs.clear();
-            fold_.submit(item, work.pairs, error);
-        } catch (...) {
-            fold_.fail(std::current_exception());  // must not leave the region
-        }
-    }
-    fold_.rethrowFailure();
+    forEachInParallel(items, scoreTime_, [&](int item, int thread) {
+        if (!fold_.isNeeded(item)) return;
+        Workspace& work = workspaces_[thread];
+        if (work.roundOfLeft != round_) work.left.lookFrom(leftCentroid);
+        work.roundOfLeft = round_;
+        work.right.lookFrom(centroids_[item]);
+        const double error = score(work);
+        if (work.pairs.size() < kLeastPairs) work.pairs.clear();
+        fold_.submit(item, work.pairs, error);
+    });
     centroids_.clear();
     return fold_.succeeded();
 }

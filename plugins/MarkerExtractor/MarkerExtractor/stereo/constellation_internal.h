@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <limits>
 #include <mutex>
 #include <span>
@@ -118,9 +117,6 @@ class InOrderFold {
     /// Hands in an item's outcome; every item that is needed is handed in once.
     /// @param pairs  taken over, empty for a hypothesis that does not stand
     void submit(int item, std::vector<CompactPair>& pairs, double error);
-    /// Ends the batch; `rethrowFailure` then hands the exception to the caller, once the threads are back.
-    void fail(std::exception_ptr failure);
-    void rethrowFailure() const;
 
     bool succeeded() const { return succeeded_; }
     std::vector<CompactPair>& best() { return best_; }
@@ -146,7 +142,6 @@ class InOrderFold {
     int items_ = 0, next_ = 0, lastSubmitted_ = 0;
     int validKnown_ = 0, bestKnown_ = 0;
     std::atomic<int> lastNeeded_{0};
-    std::exception_ptr failure_;
     std::mutex mutex_;
 };
 
@@ -199,7 +194,7 @@ class HypothesisSearch {
     const Constellation& constellation_;
     InOrderFold fold_;
     std::int64_t round_ = 0;
-    std::int64_t workOfScore_;  ///< markers and candidates that a hypothesis goes through
+    std::int64_t scoreTime_;  ///< bound of the time that a hypothesis takes, ns
     std::vector<std::int32_t> firsts_, seconds_;
     std::vector<cv::Point2d> centroids_;  ///< of the right triangles of a batch
     std::vector<Workspace> workspaces_;

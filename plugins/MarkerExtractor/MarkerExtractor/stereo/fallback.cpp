@@ -6,8 +6,8 @@
 #include <iterator>
 #include <numeric>
 
-#include "MarkerExtractor/stereo/parallel_loop.h"
 #include "MarkerExtractor/stereo/rectified_match.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -15,6 +15,8 @@ namespace {
 
 /// Candidates of one nominal radius that may stay. With no more than these a record is not trimmed.
 constexpr std::ptrdiff_t kKeptCandidates = 2;
+/// Bound of the time that one candidate of a record takes to sort, ns.
+constexpr std::int64_t kCandidateTime = 500;
 
 /// Surplus candidates of one record: where they stand in its own lists, and the partners they stand for.
 struct Surplus {
@@ -111,7 +113,8 @@ void trimCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<Mar
         return k < leftCount ? leftRecords[k] : rightRecords[k - leftCount];
     };
     std::vector<Surplus> surplus(count);
-    forEachInParallel(static_cast<int>(count), [&](int k) {
+    const auto mostCandidates = static_cast<std::int64_t>(std::max(leftCount, rightRecords.size()));
+    forEachInParallel(static_cast<int>(count), kCandidateTime * mostCandidates, [&](int k) {
         const auto index = static_cast<std::size_t>(k);
         surplus[index] = trimByRadius(record(index), nominalRadii, tolerance);
     });

@@ -5,9 +5,9 @@
 
 #include "MarkerExtractor/camera/calibration_check.h"
 #include "MarkerExtractor/stereo/constellation.h"
-#include "MarkerExtractor/stereo/parallel_loop.h"
 #include "kestrune/MarkerExtractor/stereo.h"
 #include "logging/report_sites.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -19,6 +19,8 @@ using Pixels = std::vector<cv::Point2d>;
 /// A marker nearer than this to the epipolar line of another may be the same, px, exclusive: room for the error of the
 /// centres and of the calibration.
 constexpr double kBand = 1.5;
+/// Bound of the time to test one marker against one epipolar line, ns.
+constexpr std::int64_t kTestTime = 20;
 
 /// What `cv::computeCorrespondEpilines` calls the image that its points are of.
 enum WhichImage { kLeftImage = 1, kRightImage = 2 };
@@ -63,7 +65,7 @@ void findCandidates(Search& search, const cv::Mat& fundamental) {
     for (int i = 0; i < countA; ++i) points.push_back(search.a.pixel(i));
     std::vector<cv::Vec3d> lines;
     cv::computeCorrespondEpilines(points, search.imageOfA, fundamental, lines);
-    forEachInParallel(countA, [&](int i) {
+    forEachInParallel(countA, kTestTime * countB, [&](int i) {
         const cv::Vec3d& line = lines[static_cast<std::size_t>(i)];
         for (int j = 0; j < countB; ++j) {
             const cv::Point2d p = search.b.pixel(j);

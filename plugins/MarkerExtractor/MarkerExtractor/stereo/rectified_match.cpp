@@ -4,13 +4,22 @@
 #include <algorithm>
 
 #include "MarkerExtractor/camera/calibration_check.h"
-#include "MarkerExtractor/stereo/parallel_loop.h"
 #include "kestrune/MarkerExtractor/stereo.h"
 #include "logging/report_sites.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
 namespace {
+
+// Bounds of the time that a point of a contour takes to sort, and a pair to test with all its triangulations, ns.
+constexpr std::int64_t kPointTime = 500, kPairTime = 20'000;
+
+std::size_t longestContour(const std::vector<Corner>& corners) {
+    std::size_t longest = 0;
+    for (const Corner& corner : corners) longest = std::max(longest, corner.contour.size());
+    return longest;
+}
 
 MarkerMatchRecord prepareRecord(const Corner& corner) {
     return {corner.x, corner.y, {}, samplePoints(corner), {}, {}, corner.area};
@@ -27,7 +36,8 @@ void addCandidate(MarkerMatchRecord& record, int partner, const PairCandidate& c
 void findCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<MarkerMatchRecord>& rightRecords,
                     const PairTest& test) {
     std::vector<std::vector<PairCandidate>> found(leftRecords.size());
-    forEachInParallel(static_cast<int>(leftRecords.size()), [&](int i) {
+    const auto pairTime = kPairTime * static_cast<std::int64_t>(rightRecords.size());
+    forEachInParallel(static_cast<int>(leftRecords.size()), pairTime, [&](int i) {
         const MarkerMatchRecord& left = leftRecords[static_cast<std::size_t>(i)];
         if (left.samples.empty()) return;
         for (std::size_t j = 0; j < rightRecords.size(); ++j) {
@@ -72,7 +82,9 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
     const std::size_t leftCount = leftCorners.size();
     std::vector<MarkerMatchRecord> leftRecords(leftCount);
     std::vector<MarkerMatchRecord> rightRecords(rightCorners.size());
-    forEachInParallel(static_cast<int>(leftCount + rightCorners.size()), [&](int k) {
+    const std::size_t longest = std::max(longestContour(leftCorners), longestContour(rightCorners));
+    const auto recordTime = kPointTime * static_cast<std::int64_t>(longest + 1);
+    forEachInParallel(static_cast<int>(leftCount + rightCorners.size()), recordTime, [&](int k) {
         const auto i = static_cast<std::size_t>(k);
         if (i < leftCount) {
             leftRecords[i] = prepareRecord(leftCorners[i]);
