@@ -278,6 +278,8 @@ Calibration loadCalibration(const std::string& file, int eye) {
     for (std::size_t i = 0; i < 2; ++i) {
         if (reader.hasCamera(i) || static_cast<int>(i) == eye) calibration[i] = reader.camera(i);
     }
+    const cv::Size size = reader.imageSize();
+    for (Camera& camera : calibration) camera.size = size;
     reader.finish();
     return calibration;
 }

@@ -15,6 +15,7 @@ namespace kestrune::host {
 /// One eye's camera matrix and distortion coefficients, `CV_64F`; both empty where no calibration is known.
 struct Camera {
     cv::Mat matrix, distortion;
+    cv::Size size{};  ///< of the images, px; empty where the file does not tell
 };
 
 /// Left and right.

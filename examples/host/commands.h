@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "calibration.h"
+#include "pixels.h"
 #include "settings.h"
 
 namespace kestrune::host {
@@ -59,6 +60,7 @@ struct MatchOptions {
     std::string left, right;       ///< tables of markers
     std::string calibration, csv;  ///< file names
     std::string fundamental;       ///< file name, empty: that of the calibration
+    std::optional<Pixels> pixels;  ///< of tables that do not tell
 };
 
 int runMatch(const MatchOptions& options);

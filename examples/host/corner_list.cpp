@@ -52,9 +52,9 @@ std::optional<Number> numberIn(const std::string& text) {
 
 class Reader {
   public:
-    explicit Reader(const std::string& file) : file_(file) {}
+    Reader(const std::string& file, std::optional<Pixels> pixels) : file_(file), pixels_(pixels) {}
 
-    std::vector<Corner> read() {
+    CornerList read() {
         std::istringstream lines(readText(file_));
         for (std::string line; std::getline(lines, line);) {
             ++line_;
@@ -70,7 +70,7 @@ class Reader {
         }
         if (header_.empty() && problems_.empty()) problem("holds no header row");
         finish();
-        return std::move(corners_);
+        return {std::move(corners_), pixels_.value_or(Pixels::undistorted)};
     }
 
   private:
@@ -90,10 +90,25 @@ class Reader {
         return static_cast<std::size_t>(std::ranges::find(header_, name) - header_.begin());
     }
 
+    bool has(const char* name) const { return column(name) < header_.size(); }
+
+    void readPixels(const std::string& name) {
+        const std::optional<Pixels> pixels = pixelsNamed(name);
+        if (!pixels)
+            problem(fmt::format("field 'pixels': '{}' is none of {}", name, namesOfPixels()));
+        else if (pixels_ && *pixels != *pixels_)
+            problem(fmt::format("pixels '{}', where {} '{}'", name,
+                                corners_.empty() ? "--pixels says" : "earlier rows or --pixels say", nameOf(*pixels_)));
+        else
+            pixels_ = pixels;
+    }
+
     void readHeader(const Fields& fields) {
         header_ = fields;
         for (const char* name : {"x", "y"})
-            if (column(name) == header_.size()) problem(fmt::format("the header names no column '{}'", name));
+            if (!has(name)) problem(fmt::format("the header names no column '{}'", name));
+        if (!has("pixels") && !pixels_)
+            problem("the header names no column 'pixels': --pixels must say whether x and y are undistorted");
         // Without its columns no row can be read, and each would say so.
         if (problemCount_ > 0) finish();
     }
@@ -114,9 +129,10 @@ class Reader {
         Corner corner;
         corner.x = fieldOf<double>(fields, "x", "finite");
         corner.y = fieldOf<double>(fields, "y", "finite");
-        corner.matchIndex =
-            column("id") == header_.size() ? static_cast<int>(corners_.size()) : fieldOf<int>(fields, "id", "whole");
-        if (const std::size_t at = column("image"); at < header_.size()) {
+        corner.matchIndex = has("id") ? fieldOf<int>(fields, "id", "whole") : static_cast<int>(corners_.size());
+        if (has("pixels")) readPixels(fields[column("pixels")]);
+        if (has("image")) {
+            const std::size_t at = column("image");
             if (corners_.empty()) image_ = fields[at];
             if (fields[at] != image_)
                 problem(fmt::format("image '{}' after '{}': one image at a time", fields[at], image_));
@@ -127,13 +143,14 @@ class Reader {
     std::string file_, problems_, image_;
     std::size_t line_ = 0, problemCount_ = 0;
     Fields header_;
+    std::optional<Pixels> pixels_;
     std::vector<Corner> corners_;
 };
 
 }  // namespace
 
-std::vector<Corner> readCorners(const std::string& file) {
-    return Reader(file).read();
+CornerList readCorners(const std::string& file, std::optional<Pixels> pixels) {
+    return Reader(file, pixels).read();
 }
 
 }  // namespace kestrune::host

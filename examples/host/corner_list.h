@@ -5,20 +5,28 @@
 
 #include <kestrune/MarkerExtractor.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "pixels.h"
+
 namespace kestrune::host {
+
+struct CornerList {
+    std::vector<Corner> corners;
+    Pixels pixels;  ///< of `x` and `y`
+};
 
 /// The markers of one image. Of each, `x` and `y` are set, and `matchIndex` holds its id: the column `id`, or without
 /// one the number of its row from 0.
 ///
-/// Read are the columns named x, y and id of a CSV with a header row; the others may hold anything. Empty lines are
-/// skipped.
+/// Read are the columns named x, y, id, image and pixels of a CSV with a header row; the others may hold anything.
+/// Empty lines are skipped.
 ///
-/// @throws InputError  with a line for each bad row, and for rows of more than one image (column `image`), since
-/// markers
-///                     are numbered and matched by image.
-std::vector<Corner> readCorners(const std::string& file);
+/// @param pixels  what the coordinates are, where the table does not say it; where it does, it must say the same.
+/// @throws InputError  with a line for each bad row, for rows of more than one image, since markers are numbered and
+///                     matched by image, and where nothing or more than one thing is said about the pixels.
+CornerList readCorners(const std::string& file, std::optional<Pixels> pixels);
 
 }  // namespace kestrune::host

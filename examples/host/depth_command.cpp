@@ -49,16 +49,36 @@ std::vector<Corner> cornersOf(const std::vector<Marker>& markers) {
     return corners;
 }
 
+/// The centres are both looked up in the depth image and sent out as rays of the camera matrix, which holds where
+/// nothing is left of the lens in them.
+void requireUndistorted(const DepthOptions& options, const Settings& settings, const Camera& camera) {
+    if (settings.configs.cornersRectified && hasDistortion(camera.distortion))
+        throw InputError(options.settings, "field 'cornersRectified' true, but " + options.calibration +
+                                               " has distortion: it is not that of a rectified image");
+    if (deliversUndistorted(settings) || !hasDistortion(camera.distortion)) return;
+    const std::string why =
+        canUndistort(settings.path)
+            ? "field 'skipUndistort' true leaves the lens in the pixels; depth needs false"
+            : fmt::format("path {} leaves the lens in the pixels; depth needs another", nameOf(settings.path));
+    throw InputError(options.settings, why +
+                                           ", or for an image that is free of distortion already a calibration that "
+                                           "has none");
+}
+
 }  // namespace
 
 int runDepth(const DepthOptions& options) {
     const Settings settings = loadSettings(options.settings, options.path);
     const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    requireUndistorted(options, settings, camera);
     std::ofstream csv;
     openOutput(csv, options.csv);
     csv << "id,x,y,X,Y,Z\n";
     try {
         const cv::Mat image = readImage(options.image, options.invert);
+        const std::string assumed =
+            CalibratedSize(options.calibration, camera.size, true).require(options.image, image.size());
+        if (!assumed.empty()) complain(assumed);
         cv::Mat depth = readDepth(options.depth, options.depthScale, image.size());
         CircleMarkerExtractor extractor;
         std::vector<Corner> corners = cornersOf(findMarkers(extractor, image, options.eye, camera, settings));

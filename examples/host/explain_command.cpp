@@ -21,6 +21,9 @@ int runExplain(const ExplainOptions& options) {
     if (!options.csv.empty()) openOutput(csv, options.csv);
     try {
         const cv::Mat image = readImage(options.image, options.invert);
+        CalibratedSize calibratedSize(options.calibration, camera.size, deliversUndistorted(settings));
+        const std::string assumed = calibratedSize.require(options.image, image.size());
+        if (!assumed.empty()) complain(assumed);
         CircleMarkerExtractor extractor;
         const std::vector<Candidate> candidates = explainMarkers(extractor, image, options.eye, camera, settings);
         if (csv.is_open()) writeExplanationCsv(csv, options.image, candidates);

@@ -46,18 +46,20 @@ struct Run {
           overlays(options.overlay, options.images.size() > 1),
           eye(options.eye),
           invert(options.invert),
-          camera(loadCamera(options, settings)) {
+          camera(loadCamera(options, settings)),
+          calibratedSize(options.calibration, camera.size, deliversUndistorted(settings)) {
         if (!options.csv.empty()) {
             openOutput(csv, options.csv);
             writeCsvHeader(csv);
         }
     }
 
-    /// The line to print about the image.
+    /// The line to print about the image. `assumed` tells what had to be, if anything.
     std::string handle(const std::string& file) {
         const cv::Mat image = readImage(file, invert);
+        assumed = calibratedSize.require(file, image.size());
         const std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings);
-        if (csv.is_open()) writeCsvRows(csv, file, markers);
+        if (csv.is_open()) writeCsvRows(csv, file, markers, pixelsOf(settings, camera));
         std::string line = fmt::format("{}: {} markers", file, markers.size());
         if (overlays.wanted()) {
             const std::string overlay = overlays.nextFor(file);
@@ -81,6 +83,8 @@ struct Run {
     int eye;
     bool invert;
     Camera camera;
+    CalibratedSize calibratedSize;
+    std::string assumed;
     CircleMarkerExtractor extractor;
     std::ofstream csv;
 };
@@ -88,6 +92,10 @@ struct Run {
 }  // namespace
 
 Camera loadCamera(const SearchOptions& options, const Settings& settings) {
+    if (deliversUndistorted(settings) && settings.configs.cornersRectified)
+        throw InputError(options.settings,
+                         "field 'cornersRectified' true, so that the image has no distortion, and 'skipUndistort' "
+                         "false, which would take it out once more");
     if (options.calibration.empty()) {
         if (deliversUndistorted(settings))
             throw InputError(options.settings, "field 'skipUndistort' false needs --calibration");
@@ -111,6 +119,7 @@ int runExtract(const ExtractOptions& options) {
         try {
             const std::string line = run.handle(file);
             progress.clear();
+            if (!run.assumed.empty()) complain(run.assumed);
             fmt::print("{}\n", line);
             std::fflush(stdout);
         } catch (const std::exception& error) {

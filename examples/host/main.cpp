@@ -31,7 +31,10 @@ constexpr const char* kExtractNotes =
     "measures in the reduced image: its results are mapped back by (x + 0.5) s - 0.5 with s = full / reduced size.\n"
     "With skipUndistort false in the settings, --calibration is needed, coordinates are free of lens distortion, and "
     "the\n"
-    "overlay is drawn on the undistorted image.\n"
+    "overlay is drawn on the undistorted image. An image of another size than the calibration's is refused.\n"
+    "The column pixels says which pixels a row is in: undistorted, distorted (as the image was taken) or rectified "
+    "(so\n"
+    "taken, with cornersRectified).\n"
     "Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.";
 
 /// The options of every command that searches the images of one eye.
@@ -95,6 +98,7 @@ constexpr const char* kDepthNotes =
     "centre, in the camera's frame (x right, y down, z away). DEPTH is of the size of IMAGE and in the same pixels, "
     "those\n"
     "of the camera matrix without lens distortion: with skipUndistort false the centres are, though IMAGE is not.\n"
+    "Settings that leave distortion in the centres are refused, unless the calibration has none.\n"
     "32-bit float TIFF or EXR, or 16-bit PNG; 0, negative and not finite values are no depth. A marker is dropped "
     "where\n"
     "one of the four pixels has none or is missing.\n"
@@ -118,9 +122,11 @@ void addDepth(CLI::App& app, DepthOptions& options) {
 constexpr const char* kMatchNotes =
     "Lists: CSV with a header row that names x and y, as extract writes them for one image each; ids are those of the\n"
     "column id or, without one, row numbers from 0. Coordinates are pixels without lens distortion (extract with\n"
-    "skipUndistort false). A marker's partner lies within 1.5 px of its epipolar line. Those that are each other's "
-    "only\n"
-    "candidate stand first in the result; the others are settled by their distances to these, and can be wrong.\n"
+    "skipUndistort false), as the column pixels or --pixels must say: 'distorted' will do where the calibration has\n"
+    "no distortion, 'rectified' never.\n"
+    "A marker's partner lies within 1.5 px of its epipolar line. Those that are each other's only candidate stand "
+    "first\n"
+    "in the result; the others are settled by their distances to these, and can be wrong.\n"
     "CSV: one row a pair, with ids, pixels and the point in the left camera's frame (x right, y down, z away), in the\n"
     "unit of the calibration's positions.\n"
     "Exit code: 0 if there are pairs, 1 if there are none, 2 if nothing was begun.";
@@ -135,6 +141,11 @@ void addMatch(CLI::App& app, MatchOptions& options) {
     command->add_option("--fundamental", options.fundamental,
                         "YAML file with a 3 by 3 matrix F, x'^T F x = 0 for x left and x' right; without it, that of "
                         "the calibration");
+    static const std::map<std::string, Pixels> kPixels = {
+        {"undistorted", Pixels::undistorted}, {"distorted", Pixels::distorted}, {"rectified", Pixels::rectified}};
+    command->add_option("--pixels", options.pixels, "what x and y are in tables that have no column 'pixels'")
+        ->transform(CLI::CheckedTransformer(kPixels))
+        ->option_text("undistorted|distorted|rectified");
     command->add_option("--csv", options.csv, "write the pairs as a table")->required();
     command->footer(kMatchNotes);
 }

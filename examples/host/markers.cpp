@@ -101,19 +101,11 @@ std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::M
 
 }  // namespace
 
-bool canUndistort(Path path) {
-    return path != Path::fast && path != Path::hand;
-}
-
 cv::Mat asTaken(const cv::Mat& image, Path path) {
     cv::Mat converted = image;
     if (path == Path::fast && image.channels() == 3) cv::cvtColor(image, converted, cv::COLOR_BGR2GRAY);
     if (path == Path::hand && image.channels() == 1) cv::cvtColor(image, converted, cv::COLOR_GRAY2BGR);
     return converted;
-}
-
-bool deliversUndistorted(const Settings& settings) {
-    return canUndistort(settings.path) && !settings.configs.skipUndistort;
 }
 
 double Enlargement::length(double l) const {
@@ -156,17 +148,17 @@ cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& 
 }
 
 void writeCsvHeader(std::ostream& stream) {
-    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity\n";
+    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity,pixels\n";
 }
 
-void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers) {
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels) {
     for (const Marker& m : markers) {
         stream << csvField(image) << ',' << m.id;
         for (const double value : {m.centre.x, m.centre.y, m.majorHalfAxis, m.minorHalfAxis, m.angle, m.area,
                                    m.eccentricity, m.circularity, m.fitError, m.fitResidual}) {
             stream << ',' << csvField(value);
         }
-        stream << ',' << nameOf(m.polarity) << '\n';
+        stream << ',' << nameOf(m.polarity) << ',' << nameOf(pixels) << '\n';
     }
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "calibration.h"
+#include "pixels.h"
 #include "polarity.h"
 #include "settings.h"
 
@@ -31,14 +32,8 @@ struct Marker {
     Polarity polarity;     ///< edge-based path only; the others take one kind of marker
 };
 
-/// False for a path that measures in the image as it is, whatever the settings say.
-bool canUndistort(Path path);
-
 /// The image as the path takes it: path fast in grey, path hand in colour, the others as it is.
 cv::Mat asTaken(const cv::Mat& image, Path path);
-
-/// True where the markers' coordinates are those of an image without lens distortion.
-bool deliversUndistorted(const Settings& settings);
 
 /// Maps the pixels of an image reduced by `cv::resize` back to those of the full image. The two agree at the outer
 /// edges of the image, not at the centres of the first pixels.
@@ -82,6 +77,6 @@ void writeCsvHeader(std::ostream& stream);
 
 /// Writes one row for each marker: shortest decimals that give the same numbers again, nothing where nothing was
 /// measured.
-void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers);
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels);
 
 }  // namespace kestrune::host

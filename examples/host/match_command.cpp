@@ -12,10 +12,25 @@
 namespace kestrune::host {
 namespace {
 
+using HostCamera = Camera_<double, 2, 2>;
+
+/// The markers of one eye, in pixels that the epipolar lines are drawn in.
+std::vector<Corner> loadList(const std::string& file, const MatchOptions& options, const HostCamera& camera) {
+    CornerList list = readCorners(file, options.pixels);
+    if (list.pixels == Pixels::rectified)
+        throw InputError(file, "is of rectified pixels; match needs those of the cameras, without distortion");
+    if (list.pixels == Pixels::distorted && hasDistortion(asMatrices(camera).distortion))
+        throw InputError(file,
+                         fmt::format("is of distorted pixels, and {} has distortion; match needs markers of extract "
+                                     "with skipUndistort false, or for images that are free of distortion already "
+                                     "a calibration that has none",
+                                     options.calibration));
+    return std::move(list.corners);
+}
+
 /// The rig through the library's intake. Lists tell no image size, and the matching has no use for one: only the
 /// rectification depends on it.
-CircleMarkerExtractor loadRig(const std::string& file) {
-    StereoCalibration calibration = loadStereoCalibration(file);
+CircleMarkerExtractor takeIn(StereoCalibration calibration, const std::string& file) {
     if (calibration.size.empty()) calibration.size = {1, 1};
     try {
         return calibratedExtractor(calibration);
@@ -47,8 +62,10 @@ cv::Mat loadFundamental(const std::string& file, CircleMarkerExtractor& rig) {
 }  // namespace
 
 int runMatch(const MatchOptions& options) {
-    std::vector<Corner> left = readCorners(options.left), right = readCorners(options.right);
-    CircleMarkerExtractor rig = loadRig(options.calibration);
+    const StereoCalibration calibration = loadStereoCalibration(options.calibration);
+    std::vector<Corner> left = loadList(options.left, options, calibration.cameras[0]);
+    std::vector<Corner> right = loadList(options.right, options, calibration.cameras[1]);
+    CircleMarkerExtractor rig = takeIn(calibration, options.calibration);
     const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
     std::ofstream csv;
     openOutput(csv, options.csv);

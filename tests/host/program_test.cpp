@@ -47,25 +47,23 @@ TEST(HostProgram, DemoThenExtract) {
         {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv", 2, "--calibration is required"},
         {"depth demo/left.png deep.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml --csv d.csv --depth-scale -1", 2,
          "--depth-scale"},
-        {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv --calibration demo/calibration.yaml", 1,
-         "left.png: is of type CV_8UC"},
         {"settings ready/bright-radial.yaml none.yaml", 2, "good for path radial"},
         {"demo --size 10x10 --out small", 2, "10x10"},
         {"extract demo/left.png demo/left.png --path fast --csv t.csv --overlay o.png --settings ready/bright-fast.yaml", 0, "o-left-2.png"},
     };
     for (const auto& [arguments, code, expected] : cases) expectOutcome(arguments, code, expected);
-    // The last case's table: both images, thirteen fields a row, and those empty that this path does not measure.
+    // The last case's table: both images, fourteen fields a row, and those empty that this path does not measure.
     const std::string csv = readText("t.csv");
-    EXPECT_TRUE(csv.starts_with("image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity\n"));
+    EXPECT_TRUE(csv.starts_with("image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity,pixels\n"));
     EXPECT_EQ(std::ranges::count(csv, '\n'), 25);
-    EXPECT_EQ(std::ranges::count(csv, ','), 25 * 12);
-    EXPECT_EQ(csv.substr(csv.size() - 5), ",,,,\n");
+    EXPECT_EQ(std::ranges::count(csv, ','), 25 * 13);
+    EXPECT_EQ(csv.substr(csv.size() - 14), ",,,,distorted\n");
     EXPECT_TRUE(std::filesystem::exists("o-left.png") && std::filesystem::exists("o-left-2.png"));
     // Every other marker of that scene is dark.
     std::istringstream rows(readText("m.csv"));
     std::map<std::string, int> ends;
-    for (std::string row; std::getline(rows, row);) ++ends[row.substr(row.rfind(','))];
-    EXPECT_EQ(ends, (std::map<std::string, int>{{",polarity", 1}, {",bright", 6}, {",dark", 6}}));
+    for (std::string row; std::getline(rows, row);) ++ends[row.substr(row.rfind(',', row.rfind(',') - 1))];
+    EXPECT_EQ(ends, (std::map<std::string, int>{{",polarity,pixels", 1}, {",bright,distorted", 6}, {",dark,distorted", 6}}));
 }
 
 /// Depths of a plate parallel to the image, of both kinds of file, one with a hole of each kind.
@@ -76,7 +74,9 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
     writeCalibration("rig.yaml", rig);
     cv::imwrite("left.png", exposure.image[0]);
     CircleMarkerExtractor extractor;
-    const std::vector<Marker> markers = findMarkers(extractor, exposure.image[0], 0, {}, loadSettings("ready/bright-radial.yaml", {}));
+    std::ofstream("free.yaml") << withLine(readText("ready/bright-radial.yaml"), "skipUndistort", "skipUndistort: false");
+    const std::vector<Marker> markers =
+        findMarkers(extractor, exposure.image[0], 0, loadCalibration("rig.yaml", 0)[0], loadSettings("free.yaml", {}));
     ASSERT_GE(markers.size(), 10u);
     cv::Mat plate(640, 800, CV_32FC1, cv::Scalar(1000));
     int hole = 0;
@@ -84,7 +84,7 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
     cv::imwrite("plate.tiff", plate);
     cv::imwrite("plate.png", cv::Mat(640, 800, CV_16UC1, cv::Scalar(8000)));
     for (const auto& [arguments, dropped] : {std::pair("plate.tiff --depth-scale 1", 4u), {"plate.png --depth-scale 0.125", 0u}}) {
-        const std::string rest = " --settings ready/bright-radial.yaml --calibration rig.yaml --csv points.csv";
+        const std::string rest = " --settings free.yaml --calibration rig.yaml --csv points.csv";
         expectOutcome(std::string("depth left.png ") + arguments + rest, 0, std::to_string(dropped) + " dropped");
         const std::vector<Row> rows = rowsOf("points.csv", "id,x,y,X,Y,Z");
         EXPECT_EQ(rows.size(), markers.size() - dropped);
@@ -93,6 +93,55 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
             const cv::Vec3d expected = 1000 * (rig.left.intrinsic.inv() * cv::Vec3d(v[0], v[1], 1));
             EXPECT_LT(cv::norm(cv::Vec3d(v[2], v[3], v[4]) - expected, cv::NORM_INF), 1e-3);
         }
+    }
+}
+
+/// What of an image, a calibration and settings does not belong together is refused, and what is assumed is said.
+TEST(HostProgram, HoldsPixelsToTheirCalibration) {
+    enterOwnDirectory();
+    const scene::Rig rig = scene::makeVergedRig({400, 320});
+    writeCalibration("rig.yaml", rig);
+    const std::string ready = readText("ready/bright-radial.yaml"), calibration = readText("rig.yaml");
+    const auto without = [](const std::string& text, const char* name, const char* value) {
+        return withLine(text, name, std::string(name) + ": " + value);
+    };
+    std::ofstream("free.yaml") << without(ready, "skipUndistort", "false");
+    std::ofstream("twice.yaml") << without(without(ready, "skipUndistort", "false"), "cornersRectified", "true");
+    std::ofstream("rectified.yaml") << without(ready, "cornersRectified", "true");
+    std::ofstream("unsized.yaml") << withLine(withLine(calibration, "image_width", ""), "image_height", "");
+    scene::Rig plain = rig;
+    plain.left.distortion = plain.right.distortion = {};
+    writeCalibration("plain.yaml", plain);
+    const scene::Exposure exposure = scene::render(plain, scene::makeScatteredDiscs(plain, 3, 10, 12, 20, 200, 4), {}, {});
+    cv::imwrite("a.png", exposure.image[0]);
+    cv::imwrite("other.png", cv::Mat(300, 400, CV_8UC1, cv::Scalar(0)));
+    cv::imwrite("z.png", cv::Mat(320, 400, CV_16UC1, cv::Scalar(8000)));
+    cv::imwrite("otherZ.png", cv::Mat(300, 400, CV_16UC1, cv::Scalar(8000)));
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"extract a.png other.png --settings free.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px, the calibration is for 400 x 320"},
+        {"extract other.png --settings ready/bright-radial.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px"},
+        {"extract a.png other.png --settings free.yaml --calibration unsized.yaml", 1, "other.png: is 400 x 300 px"},
+        {"extract a.png --settings free.yaml --calibration unsized.yaml", 0,
+         "unsized.yaml: tells no image size; taken to be for 400 x 320 px, as a.png"},
+        {"explain other.png --settings free.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px"},
+        {"explain a.png --settings free.yaml --calibration unsized.yaml", 0, "unsized.yaml: tells no image size"},
+        {"depth other.png otherZ.png --settings free.yaml --calibration rig.yaml --csv d.csv", 1, "other.png: is 400 x 300 px"},
+        {"depth a.png z.png --settings free.yaml --calibration unsized.yaml --csv d.csv", 0, "unsized.yaml: tells no image size"},
+        {"depth a.png z.png --settings ready/bright-radial.yaml --calibration rig.yaml --csv d.csv", 2, "field 'skipUndistort' true leaves the lens"},
+        {"depth a.png z.png --settings free.yaml --path fast --calibration rig.yaml --csv d.csv", 2, "path fast leaves the lens"},
+        {"depth a.png z.png --settings rectified.yaml --calibration rig.yaml --csv d.csv", 2, "'cornersRectified' true, but rig.yaml has distortion"},
+        {"depth a.png z.png --settings ready/bright-radial.yaml --calibration plain.yaml --csv d.csv", 0, "3 with a depth"},
+        {"depth a.png a.png --settings free.yaml --calibration rig.yaml --csv d.csv", 1, "a.png: is of type CV_8UC"},
+        {"extract a.png --settings twice.yaml --calibration rig.yaml", 2, "field 'cornersRectified' true"},
+    };
+    for (const auto& [arguments, code, expected] : cases) expectOutcome(arguments, code, expected);
+    for (const auto& [settings, pixels] : {std::pair("free.yaml --calibration rig.yaml", "undistorted"),
+                                           {"rectified.yaml", "rectified"},
+                                           {"ready/bright-radial.yaml", "distorted"},
+                                           {"ready/bright-radial.yaml --calibration plain.yaml", "undistorted"}}) {
+        expectOutcome(std::string("extract a.png --csv t.csv --settings ") + settings, 0, ": 3 markers");
+        const std::string csv = readText("t.csv");
+        EXPECT_EQ(csv.substr(csv.rfind(',') + 1), std::string(pixels) + "\n") << settings;
     }
 }
 

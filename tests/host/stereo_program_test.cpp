@@ -78,11 +78,11 @@ TEST(HostStereo, MatchesProjectedLists) {
     const std::vector<scene::Disc> discs = scene::makeCurvedObject(rig, 30, 2, 3, 200, 7);
     std::ofstream left("l.csv"), right("r.csv");
     left.precision(12), right.precision(12);
-    left << "image,id,x,y\r\n", right << "y,note,x\n";
+    left << "image,id,x,y,pixels\r\n", right << "y,note,x\n";
     for (std::size_t k = 0; k < discs.size(); ++k) {
         const cv::Point2d l = scene::projectPoint(rig.left, discs[k].centre);
         const cv::Point2d r = scene::projectPoint(rig.right, discs[discs.size() - 1 - k].centre);
-        left << "\"a,b\"," << 100 + k << ',' << l.x << ", " << l.y << "\r\n";
+        left << "\"a,b\"," << 100 + k << ',' << l.x << ", " << l.y << ",undistorted\r\n";
         right << r.y << ",\"say \"\"x\"\"\"," << r.x << "\n\n";
     }
     left.close(), right.close();
@@ -91,7 +91,7 @@ TEST(HostStereo, MatchesProjectedLists) {
     const cv::Matx33d f = -7 * (rig.right.intrinsic.inv().t() * cv::Matx33d(0, -t[2], t[1], t[2], 0, -t[0], -t[1], t[0], 0) * rig.right.rotation *
                                 rig.left.intrinsic.inv());
     cv::FileStorage("f.yaml", cv::FileStorage::WRITE).write("F", cv::Mat(f));
-    const std::string match = "match l.csv r.csv --calibration rig.yaml --csv p.csv";
+    const std::string match = "match l.csv r.csv --calibration rig.yaml --csv p.csv --pixels undistorted";
     for (const char* fundamental : {"", " --fundamental f.yaml"}) {
         expectOutcome(match + fundamental, 0, "30 pairs of 30 left and 30 right markers");
         const std::vector<Row> rows = rowsOf("p.csv", "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z");
@@ -101,23 +101,31 @@ TEST(HostStereo, MatchesProjectedLists) {
             EXPECT_LT(cv::norm(cv::Vec3d(v[6], v[7], v[8]) - discs.at(static_cast<std::size_t>(v[0] - 100)).centre), 1e-4) << pair;
         }
     }
-    const std::pair<const char*, const char*> lists[] = {
-        {"a,b\n1,2\n", "bad.csv: line 1: the header names no column 'x'"},
-        {"x,y\n1,2\n3;4\n", "bad.csv: line 3: 1 fields, the header names 2"},
-        {"x,y\n1,2\n1,2,3\n", "line 3: 3 fields"},
-        {"x,y\n\n1,2e\n", "line 3: field 'y': '2e' is no finite number"},
-        {"x,y\nnan,\n", "bad.csv: line 2: field 'y': '' is no finite number"},
-        {"x,y,id\n1,2,0.5\n", "line 2: field 'id': '0.5' is no whole number"},
-        {"x,y,image\n1,2,a\n1,2,b\n", "line 3: image 'b' after 'a'"},
-        {"x,y\n1,\"2\n", "line 2: a quote is not closed"},
-        {"\n", "holds no header row"},
+    writeCalibration("plain.yaml", rig);
+    const std::string undistorted = " rig.yaml --pixels undistorted";
+    const std::tuple<const char*, std::string, int, const char*> lists[] = {
+        {"a,b\n1,2\n", undistorted, 2, "bad.csv: line 1: the header names no column 'x'"},
+        {"x,y\n1,2\n3;4\n", undistorted, 2, "bad.csv: line 3: 1 fields, the header names 2"},
+        {"x,y\n1,2\n1,2,3\n", undistorted, 2, "line 3: 3 fields"},
+        {"x,y\n\n1,2e\n", undistorted, 2, "line 3: field 'y': '2e' is no finite number"},
+        {"x,y\nnan,\n", undistorted, 2, "bad.csv: line 2: field 'y': '' is no finite number"},
+        {"x,y,id\n1,2,0.5\n", undistorted, 2, "line 2: field 'id': '0.5' is no whole number"},
+        {"x,y,image\n1,2,a\n1,2,b\n", undistorted, 2, "line 3: image 'b' after 'a'"},
+        {"x,y\n1,\"2\n", undistorted, 2, "line 2: a quote is not closed"},
+        {"\n", undistorted, 2, "holds no header row"},
+        {"x,y\n1,2\n", " rig.yaml", 2, "line 1: the header names no column 'pixels'"},
+        {"x,y,pixels\n1,2,raw\n", " rig.yaml", 2, "line 2: field 'pixels': 'raw' is none of undistorted, distorted, rectified"},
+        {"x,y,pixels\n1,2,undistorted\n1,2,distorted\n", " rig.yaml", 2, "line 3: pixels 'distorted', where"},
+        {"x,y,pixels\n1,2,distorted\n", undistorted, 2, "line 2: pixels 'distorted', where --pixels says 'undistorted'"},
+        {"x,y,pixels\n1,2,distorted\n", " rig.yaml", 2, "bad.csv: is of distorted pixels, and rig.yaml has distortion"},
+        {"x,y,pixels\n1,2,rectified\n", " plain.yaml", 2, "bad.csv: is of rectified pixels"},
+        {"x,y,pixels\n1,2,distorted\n", " plain.yaml", 1, "0 pairs"},
+        {"x,y,pixels\n", " rig.yaml", 1, "0 pairs of 30 left and 0 right"},
     };
-    for (const auto& [list, expected] : lists) {
+    for (const auto& [list, options, code, expected] : lists) {
         std::ofstream("bad.csv") << list;
-        expectOutcome("match l.csv bad.csv --calibration rig.yaml --csv p.csv", 2, expected);
+        expectOutcome("match l.csv bad.csv --csv p.csv --calibration" + options, code, expected);
     }
-    std::ofstream("none.csv") << "x,y\n";
-    expectOutcome("match l.csv none.csv --calibration rig.yaml --csv p.csv", 1, "0 pairs");
     expectOutcome(match + " --fundamental rig.yaml", 2, "field 'F' is missing");
 }
 
