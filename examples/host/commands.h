@@ -13,6 +13,7 @@
 #include "calibration.h"
 #include "pixels.h"
 #include "settings.h"
+#include "stereo_quality.h"
 
 namespace kestrune::host {
 
@@ -71,6 +72,7 @@ struct StereoOptions {
     std::optional<Path> path;
     bool invert = false;
     int jobs = 0;                         ///< exposures at a time; 0: one for each hardware thread
+    double minShare = kLeastShare;        ///< of the poorer eye's markers that must be paired
     std::string csv, ply, json, overlay;  ///< file names and a folder, empty: not asked for
 };
 

@@ -67,7 +67,7 @@ Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene:
     Settings settings = stereoSettings(loadSettings(file, branch.path), file);
     for (double& radius : settings.configs.markerRadii) radius *= sizeFactor(exposure.rig.left.size);
     Outcome outcome;
-    outcome.result = measureExposure(extractor, exposure.image, settings);
+    outcome.result = measureExposure(extractor, exposure.image, settings, 0);
     std::vector<scene::MeasuredMarker> measured;
     for (const StereoMarker& m : outcome.result.markers) measured.push_back({m.pixel, m.point, m.normal, m.radius});
     outcome.score = scene::scoreStereo(exposure, measured, branch.meaning, kMatchDistancePx);

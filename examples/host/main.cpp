@@ -159,7 +159,13 @@ constexpr const char* kStereoNotes =
     "the\n"
     "circles in space that the ellipses imply and know normals and radii; path simple matches by size and by the\n"
     "constellation. Polarities are not matched: with path complex they are told for the left eye.\n"
-    "CSV: one row a marker, in the order of the exposures. JSON: one record an exposure, failed ones with the reason.\n"
+    "Every exposure tells its markers of each eye, pairs and unmatched, every marker its row residual (left minus "
+    "right\n"
+    "row of the rectified eyes) and the distance of its reprojected point from the pixels of each eye, px.\n"
+    "With fewer pairs than --min-share asks for, an exposure counts as failed: exchanged eyes and the calibration of\n"
+    "another rig leave a few pairs by chance.\n"
+    "CSV: one row a marker, in the order of the exposures; a failed one has one row with its counts and the error.\n"
+    "JSON: one record an exposure, failed ones with the error, and their pairs as rejected in place of markers.\n"
     "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's.\n"
     "Ctrl-C ends after the exposures under way and writes what is done; a second one kills.\n"
     "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun, 130 after Ctrl-C.";
@@ -181,6 +187,10 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
     command->add_option("--jobs", options.jobs, "exposures at a time; without it, one for each hardware thread")
         ->check(CLI::Range(1, 1024));
+    command
+        ->add_option("--min-share", options.minShare,
+                     "share of the poorer eye's markers that must be paired, or the exposure counts as failed; 0: any")
+        ->capture_default_str();
     command->add_option("--csv", options.csv, "write the markers as a table");
     command->add_option("--ply", options.ply, "write the points as a cloud");
     command->add_option("--json", options.json, "write everything, failures included");

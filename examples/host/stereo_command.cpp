@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <numeric>
 #include <set>
 #include <thread>
 
@@ -82,6 +83,7 @@ struct Run {
         : settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
           calibration(loadStereoCalibration(options.calibration)),
           invert(options.invert),
+          minShare(options.minShare),
           overlays(options.overlay) {
         if (calibration.size.empty()) calibration.size = sizeOfImages(options);
         if (!options.overlay.empty()) fs::create_directories(overlays);
@@ -92,7 +94,7 @@ struct Run {
         std::string* problem = &measured.result.failure;
         try {
             const auto images = readExposure(names.left, names.right, invert, calibration.size);
-            measured.result = measureExposure(extractor, images, settings);
+            measured.result = measureExposure(extractor, images, settings, minShare);
             problem = &measured.lostPicture;  // the points stay
             if (!overlays.empty()) draw(names.name, images, measured.result);
         } catch (const std::exception& error) {
@@ -101,13 +103,24 @@ struct Run {
         return measured;
     }
 
+    std::string pictureTitle(const std::string& name, const StereoResult& result) const {
+        return fmt::format("{}   path {}{}", name, nameOf(settings.path), result.failure.empty() ? "" : "   FAILED");
+    }
+
+    /// Pairs to draw as false: all of an exposure that failed.
+    static std::vector<int> untrusted(const StereoResult& result) {
+        std::vector<int> pairs(result.failure.empty() ? 0 : result.markers.size());
+        std::iota(pairs.begin(), pairs.end(), 0);
+        return pairs;
+    }
+
     void draw(const std::string& name, const std::array<cv::Mat, 2>& images, const StereoResult& result) const {
         std::array<cv::Mat, 2> behind;
         for (std::size_t eye = 0; eye < 2; ++eye)
             behind[eye] = imageBehind(images[eye], asMatrices(calibration.cameras[eye]), settings);
         writePicture((overlays / (name + ".png")).string(),
-                     drawPairs(behind, result, fmt::format("{}   path {}", name, nameOf(settings.path))));
-        if (result.markers.empty()) return;
+                     drawPairs(behind, result, pictureTitle(name, result), {}, untrusted(result)));
+        if (!result.failure.empty()) return;
         std::vector<ViewDisc> discs;
         double nearest = result.markers[0].point[2];
         for (const StereoMarker& m : result.markers) nearest = std::min(nearest, m.point[2]);
@@ -120,8 +133,18 @@ struct Run {
     Settings settings;
     StereoCalibration calibration;
     bool invert;
+    double minShare;
     fs::path overlays;
 };
+
+std::string summaryOf(const StereoResult& result) {
+    const Residuals rms = rootMeanSquares(result);
+    return fmt::format(
+        "{} pairs of {} left and {} right markers, {} and {} unmatched; RMS rows {:.3f}, reprojection {:.3f} and "
+        "{:.3f} px",
+        result.markers.size(), result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size(),
+        rms.row, rms.eye[0], rms.eye[1]);
+}
 
 std::size_t workerCount(int jobs) {
     return jobs > 0 ? static_cast<std::size_t>(jobs) : std::max(1U, std::thread::hardware_concurrency());
@@ -130,6 +153,8 @@ std::size_t workerCount(int jobs) {
 }  // namespace
 
 int runStereo(const StereoOptions& options) {
+    if (!(options.minShare >= 0 && options.minShare <= 1))
+        throw InputError("--min-share", fmt::format("{} is no share of 0 to 1", options.minShare));
     const std::vector<ExposureNames> names = nameExposures(options);
     const Run run(options);
     StereoOutput output({options.csv, options.ply, options.json},
@@ -153,7 +178,7 @@ int runStereo(const StereoOptions& options) {
         output.add(exposure, result);
         progress.clear();
         if (result.failure.empty()) {
-            fmt::print("{}: {} pairs\n", exposure.name, result.markers.size());
+            fmt::print("{}: {}\n", exposure.name, summaryOf(result));
             std::fflush(stdout);
         } else {
             complain(fmt::format("{} ({}, {}): {}", exposure.name, exposure.left, exposure.right, result.failure));

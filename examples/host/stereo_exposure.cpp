@@ -40,12 +40,6 @@ cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleC
     return configs.outputRectified ? rectification : rectification.t();
 }
 
-std::string explain(const Rects& left, const Rects& right) {
-    if (left.empty() && right.empty()) return "no markers in either eye";
-    if (left.empty() || right.empty()) return fmt::format("no markers in the {} eye", left.empty() ? "left" : "right");
-    return fmt::format("no match among {} markers in the left and {} in the right eye", left.size(), right.size());
-}
-
 }  // namespace
 
 Settings stereoSettings(Settings settings, const std::string& file) {
@@ -80,12 +74,12 @@ bool matchesConics(Path path) {
 }
 
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings) {
+                             const Settings& settings, double minShare) {
     StereoResult result;
     std::vector<Point3_<double>> points;
     const std::vector<Pair> pairs = getStereoMarker3dPoints(images[0], images[1], extractor, points,
                                                             result.unmatched[0], result.unmatched[1], settings.configs);
-    if (pairs.empty()) result.failure = explain(result.unmatched[0], result.unmatched[1]);
+    result.found = {result.unmatched[0].size(), result.unmatched[1].size()};
     const bool conic = matchesConics(settings.path);
     const cv::Matx33d turn = normalRotation(extractor, settings.configs);
     Calibration lenses;
@@ -101,6 +95,7 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
                             {points[k].x, points[k].y, points[k].z},
                             {kUnknown, kUnknown, kUnknown},
                             kUnknown};
+        marker.residuals = residualsOf(extractor, settings.configs, marker.pixel, marker.point);
         if (conic) {
             marker.normal = turn * cv::Vec3d(left.normal.data());
             marker.radius = left.markerRadius;
@@ -111,6 +106,7 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
         }
         result.markers.push_back(marker);
     }
+    result.failure = objectionTo(result, minShare);
     return result;
 }
 

@@ -12,6 +12,7 @@
 
 #include "polarity.h"
 #include "settings.h"
+#include "stereo_quality.h"
 
 namespace kestrune::host {
 
@@ -26,12 +27,15 @@ struct StereoMarker {
     cv::Vec3d point;
     cv::Vec3d normal;  ///< unit, towards the cameras; not on path simple
     double radius;     ///< not on path simple
+    Residuals residuals{};
 };
 
 struct StereoResult {
     std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
     std::array<std::vector<cv::RotatedRect>, 2> unmatched;  ///< ellipses of the other detections of each eye
-    std::string failure;                                    ///< why there are no markers; empty if there are some
+    std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
+    /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
+    std::string failure;
 };
 
 /// The settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
@@ -50,8 +54,9 @@ std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& 
 bool matchesConics(Path path);
 
 /// @param extractor  calibrated; its scratch storage is used.
+/// @param minShare   see `objectionTo`.
 /// @throws cv::Exception, std::runtime_error  from the library.
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings);
+                             const Settings& settings, double minShare);
 
 }  // namespace kestrune::host

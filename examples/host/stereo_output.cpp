@@ -14,6 +14,9 @@ namespace {
 
 using nlohmann::json;
 
+/// Fields of a row that tell of one marker, after the exposure's name.
+constexpr int kMarkerFields = 15;
+
 void open(std::ofstream& stream, const std::string& file) {
     if (!file.empty()) openOutput(stream, file);
 }
@@ -39,7 +42,9 @@ StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, bool 
     open(ply_, files.ply);
     open(json_, files.json);
     if (csv_.is_open()) {
-        csv_ << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius\n";
+        csv_ << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,"
+                "rowResidual,leftResidual,rightResidual,leftMarkers,rightMarkers,pairs,leftUnmatched,rightUnmatched,"
+                "error\n";
         csv_.flush();
     }
     if (json_.is_open()) {
@@ -62,43 +67,53 @@ void StereoOutput::add(const ExposureNames& names, const StereoResult& result) {
 }
 
 void StereoOutput::addRows(const std::string& exposure, const StereoResult& result) {
-    int pair = 0;
-    for (const StereoMarker& m : result.markers) {
-        csv_ << csvField(exposure) << ',' << pair++;
-        for (const double value : {m.pixel[0].x, m.pixel[0].y, m.pixel[1].x, m.pixel[1].y, m.point[0], m.point[1],
-                                   m.point[2], m.normal[0], m.normal[1], m.normal[2], m.radius}) {
+    const std::string counts =
+        fmt::format(",{},{},{},{},{},{}\n", result.found[0], result.found[1], result.markers.size(),
+                    result.unmatched[0].size(), result.unmatched[1].size(), csvField(result.failure));
+    if (!result.failure.empty()) csv_ << csvField(exposure) << std::string(kMarkerFields, ',') << counts;
+    for (std::size_t pair = 0; result.failure.empty() && pair < result.markers.size(); ++pair) {
+        const StereoMarker& m = result.markers[pair];
+        csv_ << csvField(exposure) << ',' << pair;
+        for (const double value :
+             {m.pixel[0].x, m.pixel[0].y, m.pixel[1].x, m.pixel[1].y, m.point[0], m.point[1], m.point[2], m.normal[0],
+              m.normal[1], m.normal[2], m.radius, m.residuals.row, m.residuals.eye[0], m.residuals.eye[1]}) {
             csv_ << ',' << csvField(value);
         }
-        csv_ << '\n';
+        csv_ << counts;
     }
     csv_.flush();  // what is done stays, however the run ends
 }
 
 void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& result) {
-    json record = {{"name", names.name}, {"left", names.left}, {"right", names.right}};
-    if (result.failure.empty()) {
-        json markers = json::array();
-        for (const StereoMarker& m : result.markers) {
-            json marker = {{"pair", markers.size()},
-                           {"left", listOf(m.pixel[0])},
-                           {"right", listOf(m.pixel[1])},
-                           {"point", listOf(m.point)}};
-            if (withNormals_) {
-                marker["normal"] = listOf(m.normal);
-                marker["radius"] = m.radius;
-            }
-            if (m.polarity[0] != Polarity::unknown) marker["polarity"] = nameOf(m.polarity[0]);
-            markers.push_back(std::move(marker));
+    json record = {{"name", names.name},
+                   {"left", names.left},
+                   {"right", names.right},
+                   {"found", result.found},
+                   {"pairs", result.markers.size()},
+                   {"unmatched", {result.unmatched[0].size(), result.unmatched[1].size()}}};
+    if (!result.failure.empty()) record["error"] = result.failure;
+    json markers = json::array();
+    for (const StereoMarker& m : result.markers) {
+        json marker = {{"pair", markers.size()},
+                       {"left", listOf(m.pixel[0])},
+                       {"right", listOf(m.pixel[1])},
+                       {"point", listOf(m.point)}};
+        if (withNormals_) {
+            marker["normal"] = listOf(m.normal);
+            marker["radius"] = m.radius;
         }
-        record["markers"] = std::move(markers);
-    } else {
-        record["error"] = result.failure;
+        marker["rowResidual"] = m.residuals.row;
+        marker["residuals"] = m.residuals.eye;
+        if (m.polarity[0] != Polarity::unknown) marker["polarity"] = nameOf(m.polarity[0]);
+        markers.push_back(std::move(marker));
     }
+    record[result.failure.empty() ? "markers" : "rejected"] = std::move(markers);
     json_ << (exposures_ == 0 ? "\n" : ",\n") << dump(record);
     json_.flush();
 }
 
 void StereoOutput::addVertices(const StereoResult& result) {
+    if (!result.failure.empty()) return;
     int pair = 0;
     for (const StereoMarker& m : result.markers) {
         vertices_ += fmt::format("{} {} {}", m.point[0], m.point[1], m.point[2]);

@@ -31,7 +31,8 @@ class StereoOutput {
     /// Opens the files and writes what stands before the first exposure. @throws InputError
     StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals);
 
-    /// Appends an exposure; a failed one stands in the JSON alone, with its reason.
+    /// Appends an exposure. Of a failed one the tables tell the reason and the counts; its pairs, if there are any,
+    /// stand in the JSON alone, under a name of their own.
     void add(const ExposureNames& names, const StereoResult& result);
 
     /// Completes the files. @return  those that could not be written to their end.

@@ -10,9 +10,14 @@
 
 namespace kestrune::host::stereo_program_test {
 
+constexpr const char* kColumns =
+    "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,rowResidual,leftResidual,rightResidual,leftMarkers,"
+    "rightMarkers,pairs,leftUnmatched,rightUnmatched,error";
+
 std::map<std::string, std::vector<scene::MeasuredMarker>> readExposures(const std::string& file) {
     std::map<std::string, std::vector<scene::MeasuredMarker>> exposures;
-    for (const auto& [name, v] : rowsOf(file, "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius")) {
+    for (const auto& [name, v] : rowsOf(file, kColumns)) {
+        if (std::isnan(v[0])) continue;  // a failed one
         EXPECT_EQ(v[0], static_cast<double>(exposures[name].size())) << name;
         exposures[name].push_back({{cv::Point2d(v[1], v[2]), {v[3], v[4]}}, {v[5], v[6], v[7]}, {v[8], v[9], v[10]}, v[11]});
     }
@@ -54,6 +59,7 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     const auto json = nlohmann::json::parse(readText("t.json"));
     EXPECT_TRUE(json["complete"] && json["exposures"].size() == 3);
     EXPECT_EQ(json["exposures"][1]["error"], "no markers in the left eye");
+    EXPECT_EQ(json["exposures"][1]["found"], (nlohmann::json{0, 14}));
     EXPECT_EQ(json["exposures"][0]["markers"].size() + json["exposures"][2]["markers"].size(), points);
     EXPECT_EQ(json["exposures"][2]["markers"][3]["radius"], rows.at("c")[3].radius);
 
@@ -67,6 +73,55 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     const auto part = nlohmann::json::parse(readText("t.json"));
     EXPECT_FALSE(part["complete"]);
     EXPECT_EQ(part["exposures"].size(), readExposures("t.csv").size());
+}
+
+/// A dense object, whose markers have many others in their rows: taken right, with the eyes exchanged, and with one eye's
+/// image for both.
+TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
+    enterOwnDirectory();
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    writeCalibration("rig.yaml", rig);
+    const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {});
+    cv::imwrite("l.png", exposure.image[0]), cv::imwrite("r.png", exposure.image[1]);
+    scene::Rig ideal = rig;
+    ideal.left.distortion = ideal.right.distortion = {};
+    const CircleMarkerExtractor e = test::calibrated(rig);
+    for (const char* ready : {"ready/bright-radial.yaml", "ready/bright-subpixel.yaml"}) {
+        for (const char* rectified : {"false", "true"}) {
+            std::ofstream("settings.yaml") << withLine(withLine(readText(ready), "markerRadii", "markerRadii: [ 3, 4.5 ]"), "outputRectified",
+                                                       std::string("outputRectified: ") + rectified);
+            const std::string stereo = "stereo --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
+            expectOutcome(stereo + "--left l.png --right r.png", 0, "60 pairs of 60 left and 60 right markers, 0 and 0 unmatched; RMS rows 0.0");
+            for (const auto& [name, v] : rowsOf("t.csv", kColumns)) {
+                const cv::Point2d pixel[2] = {{v[1], v[2]}, {v[3], v[4]}};
+                cv::Vec3d point(v[5], v[6], v[7]);
+                if (rectified[0] == 't') point = cv::Matx33d(e.leftRectification).t() * point;
+                cv::Point2d rows[2];
+                for (int eye = 0; eye < 2; ++eye) {
+                    const scene::PinholeCamera& camera = eye ? ideal.right : ideal.left;
+                    EXPECT_NEAR(v[13 + eye], cv::norm(scene::projectPoint(camera, point) - pixel[eye]), 1e-7);
+                    std::vector<cv::Point2d> moved;
+                    cv::undistortPoints(std::vector{pixel[eye]}, moved, camera.intrinsic, cv::Mat(), eye ? e.rightRectification : e.leftRectification,
+                                        eye ? e.rightProjection : e.leftProjection);
+                    rows[eye] = moved[0];
+                }
+                EXPECT_NEAR(v[12], rows[0].y - rows[1].y, 1e-7);
+                EXPECT_TRUE(v[14] > 0 && v[14] < 0.1 && v[15] == 60 && v[16] == 60 && v[17] == 60 && v[18] == 0 && v[19] == 0);
+            }
+            if (rectified[0] == 't') continue;
+            for (const char* images : {"--left r.png --right l.png", "--left l.png --right l.png", "--left r.png --right r.png"}) {
+                expectOutcome(stereo + images, 1, " of 60 markers paired");
+                const auto [none, failed] = std::pair(readText("t.ply"), rowsOf("t.csv", kColumns));
+                EXPECT_NE(none.find("element vertex 0\n"), std::string::npos);
+                ASSERT_EQ(failed.size(), 1u);
+                EXPECT_TRUE(std::isnan(failed[0].values[5]) && failed[0].values[15] == 60 && failed[0].values[18] == 60 - failed[0].values[17]);
+                const auto record = nlohmann::json::parse(readText("t.json"))["exposures"][0];
+                EXPECT_TRUE(!record.contains("markers") && record["rejected"].size() == record["pairs"]) << record;
+                expectOutcome(stereo + images + " --min-share 0", record["pairs"] == 0, "");
+            }
+        }
+    }
+    expectOutcome("stereo --settings settings.yaml --calibration rig.yaml --left l.png --right r.png --min-share nan", 2, "--min-share");
 }
 
 /// Points in space to two lists in different orders, back to pairs and points; and lists that are none.

@@ -72,7 +72,8 @@ struct Row {
     std::vector<double> values;
 };
 
-/// The rows of a CSV file with this header, which holds numbers but for the first field of a row.
+/// The rows of a CSV file with this header, which holds numbers but for the first field of a row. Whatever else is no number
+/// is NaN; only the last field may stand in quotes.
 inline std::vector<Row> rowsOf(const std::string& file, const std::string& header) {
     std::vector<Row> rows;
     std::istringstream text(readText(file));
@@ -80,12 +81,17 @@ inline std::vector<Row> rowsOf(const std::string& file, const std::string& heade
     std::getline(text, line);
     EXPECT_EQ(line, header);
     while (std::getline(text, line)) {
-        std::replace(line.begin(), line.end(), ',', ' ');
+        line.resize(std::min(line.size(), line.find('"')));
         std::istringstream fields(line);
         auto& [first, values] = rows.emplace_back();
-        fields >> first;
-        for (double value = 0; fields >> value;) values.push_back(value);
-        EXPECT_TRUE(fields.eof() && std::ranges::count(header, ',') == std::ssize(values)) << line;
+        std::getline(fields, first, ',');
+        for (std::string field; std::getline(fields, field, ',');) {
+            char* end = nullptr;
+            const double value = std::strtod(field.c_str(), &end);
+            values.push_back(end == field.c_str() || *end != 0 ? NAN : value);
+        }
+        if (line.ends_with(',')) values.push_back(NAN);
+        EXPECT_EQ(std::ranges::count(header, ','), std::ssize(values)) << line;
         values.resize(std::ranges::count(header, ','));
     }
     return rows;
