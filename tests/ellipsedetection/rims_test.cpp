@@ -109,7 +109,7 @@ TEST(Rims, NestingTellsAClosedLineFromAnOpenOne) {
         {"nested hole: a quarter", deep, {400, 90, 80, 20}, 3, true},
         {"hole with an outline in it: its parent's place does not count", deep, {400, 90, 22.5, 20}, 1, true},
         {"nothing in nothing", pair, {0, 0}, 0, true}};
-    for (const auto& [what, tree, areas, index, expected] : cases) EXPECT_EQ(isNestedLikeARim(index, areas, tree), expected) << what;
+    for (const auto& [what, tree, areas, index, expected] : cases) EXPECT_EQ(nestingOf(index, areas, tree).isRim(), expected) << what;
 
     const std::vector<cv::Point> notched{{0, 0}, {10, 0}, {10, 10}, {5, 5}, {0, 10}};
     EXPECT_EQ(signedAreas({notched, notched, {{1, 1}, {5, 5}}}, {{-1, -1, 1, -1}, {-1, -1, -1, 0}, {-1, -1, -1, -1}}),

@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 #include <thread>
 
+#include "canny/weak_edges.h"
 #include "checks/settings_check.h"
 
 namespace kestrune {
@@ -90,6 +91,43 @@ bool isLong(const std::vector<cv::Point>& contour, int minLength) {
     return static_cast<std::ptrdiff_t>(contour.size()) >= minLength;
 }
 
+/// Links of a contour in its tree.
+enum Link { kNext = 0, kPrevious = 1, kFirstChild = 2, kParent = 3 };
+
+/// What became of the contours that were not selected.
+void noteContours(const std::vector<std::vector<cv::Point>>& contours, const std::vector<cv::Vec4i>& hierarchy,
+                  int minLength, const std::vector<int>& selected, Drops& drops) {
+    for (std::size_t c = 0; c < contours.size(); ++c) {
+        if (std::binary_search(selected.begin(), selected.end(), static_cast<int>(c))) continue;
+        const cv::Vec4i& links = hierarchy[c];
+        Drop drop;
+        if (!isLong(contours[c], minLength)) {
+            drop = below<double>(DropCause::kLength, static_cast<double>(contours[c].size()), minLength);
+        } else if (links[kParent] == -1) {
+            if (links[kFirstChild] != -1) continue;  // the outer side of a loop, whose inner one is judged
+            drop.cause = DropCause::kOpenContour;
+            drop.measured = static_cast<double>(contours[c].size());
+        } else {
+            std::size_t longest = 0;
+            for (int child = links[kFirstChild]; child != -1; child = hierarchy[static_cast<std::size_t>(child)][kNext])
+                longest = std::max(longest, contours[static_cast<std::size_t>(child)].size());
+            drop = above<double>(DropCause::kFrame, static_cast<double>(longest), minLength - 1);
+        }
+        note(&drops, Met::kContour, drop, cv::boundingRect(contours[c]));
+    }
+}
+
+/// Lines that would be edges if one of their pixels reached the upper threshold, as long as a contour must be.
+void noteWeakEdges(const EdgeImages& images, const EdgeSettings& settings, int minLength, Drops& drops) {
+    cv::Mat all, dx, dy, heights;
+    suppressAndLinkEdges(images.blurred, images.dx, images.dy, settings.lowScaled, settings.lowScaled, all);
+    images.dx.convertTo(dx, CV_32F, 1 / kDerivativeGain);
+    images.dy.convertTo(dy, CV_32F, 1 / kDerivativeGain);
+    cv::magnitude(dx, dy, heights);
+    noteWeakEdges(all, images.edges, heights, below(DropCause::kWeakEdge, 0.0, settings.highScaled / kDerivativeGain),
+                  minLength, drops);
+}
+
 }  // namespace
 
 cv::Mat makeEdgeDerivativeKernel(double sigma) {
@@ -127,7 +165,6 @@ std::vector<EdgeStrip> cutIntoStrips(int columns, unsigned concurrency) {
 
 std::vector<int> selectInnerContours(const std::vector<std::vector<cv::Point>>& pixelContours,
                                      const std::vector<cv::Vec4i>& hierarchy, int minLength) {
-    enum Link { kNext = 0, kPrevious = 1, kFirstChild = 2, kParent = 3 };
     const auto linkOf = [&hierarchy](int contour, Link link) {
         return hierarchy[static_cast<std::size_t>(contour)][link];
     };
@@ -155,16 +192,21 @@ std::vector<int> selectInnerContours(const std::vector<std::vector<cv::Point>>& 
 
 void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned aperture, int low, int high,
                             std::vector<SubpixelContour>& contours, int minLength, int retrievalMode, bool threaded) {
+    detectSubpixelContours(image, {sigma, aperture, low, high, minLength, retrievalMode, threaded}, contours, nullptr);
+}
+
+void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given, std::vector<SubpixelContour>& contours,
+                            Drops* drops) {
     requireGreyImage(image);
-    requireAperture(aperture, 1);
-    const EdgeSettings settings = {sigma, static_cast<int>(aperture), scaledThreshold(low), scaledThreshold(high),
-                                   makeEdgeDerivativeKernel(sigma)};
+    requireAperture(given.aperture, 1);
+    const EdgeSettings settings = {given.sigma, static_cast<int>(given.aperture), scaledThreshold(given.low),
+                                   scaledThreshold(given.high), makeEdgeDerivativeKernel(given.sigma)};
     EdgeImages images;
     images.blurred.create(image.size(), CV_8UC1);
     images.dx.create(image.size(), CV_16SC1);
     images.dy.create(image.size(), CV_16SC1);
     images.edges = cv::Mat::zeros(image.size(), CV_8UC1);
-    if (threaded) {
+    if (given.threaded) {
         runThreaded(image, settings, images);
     } else {
         smooth(image, settings, images.blurred);
@@ -173,10 +215,15 @@ void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned apertur
 
     std::vector<std::vector<cv::Point>> pixelContours;
     std::vector<cv::Vec4i> hierarchy;
-    cv::findContours(images.edges, pixelContours, hierarchy, retrievalMode, cv::CHAIN_APPROX_NONE);
+    cv::findContours(images.edges, pixelContours, hierarchy, given.retrievalMode, cv::CHAIN_APPROX_NONE);
 
+    const std::vector<int> selected = selectInnerContours(pixelContours, hierarchy, given.minLength);
+    if (drops != nullptr) {
+        noteContours(pixelContours, hierarchy, given.minLength, selected, *drops);
+        noteWeakEdges(images, settings, given.minLength, *drops);
+    }
     std::vector<std::vector<cv::Point>> inner;
-    for (const int c : selectInnerContours(pixelContours, hierarchy, minLength)) {
+    for (const int c : selected) {
         inner.push_back(std::move(pixelContours[static_cast<std::size_t>(c)]));
     }
     refineContours(images.dx, images.dy, inner, contours);

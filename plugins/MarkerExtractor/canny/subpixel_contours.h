@@ -7,6 +7,8 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "checks/drops.h"
+
 namespace kestrune {
 
 /// One contour: three arrays of equal length in contour order. Radial contours fill `points` only.
@@ -88,5 +90,20 @@ void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std:
 /// @throws std::system_error if a thread cannot be started, after those that run have ended.
 void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned aperture, int low, int high,
                             std::vector<SubpixelContour>& contours, int minLength, int retrievalMode, bool threaded);
+
+/// The settings of a call, as above.
+struct SubpixelSettings {
+    double sigma;
+    unsigned aperture;
+    int low, high, minLength, retrievalMode;
+    bool threaded;
+};
+
+/// The same, and what was dropped.
+///
+/// @param drops  appended to: contours that are no inner side of a loop (the outer side of one that is kept does not
+///               count), and lines of pixels above `low` none of which reaches `high`. May be null.
+void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given, std::vector<SubpixelContour>& contours,
+                            Drops* drops);
 
 }  // namespace kestrune

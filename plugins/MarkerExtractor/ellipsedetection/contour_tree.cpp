@@ -2,6 +2,7 @@
 #include "ellipsedetection/contour_tree.h"
 
 #include <cmath>
+#include <limits>
 #include <opencv2/imgproc.hpp>
 
 namespace kestrune {
@@ -52,19 +53,20 @@ std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& conto
     return areas;
 }
 
-bool isNestedLikeARim(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy) {
+Nesting nestingOf(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy) {
     const cv::Vec4i& links = hierarchy[static_cast<std::size_t>(index)];
     const int parent = links[kParent];
     if (links[kChild] >= 0) {
         // No bound from above here: what an outline of no area holds is settled by the gates that follow.
         const auto share =
             static_cast<float>(std::abs(areaOfChildren(links[kChild], areas, hierarchy) / at(areas, index)));
-        return !((parent < 0 ? kLeastShareOutermost : kLeastShareNested) > share);
+        return {false, share, parent < 0 ? kLeastShareOutermost : kLeastShareNested,
+                std::numeric_limits<float>::infinity()};
     }
-    if (parent < 0) return false;
+    if (parent < 0) return {true, 0, kLeastShareOutermost, kLargestShare};
     const auto share = static_cast<float>(std::abs(at(areas, index) / at(areas, parent)));
     const bool isOutermost = hierarchy[static_cast<std::size_t>(parent)][kParent] < 0;
-    return !((isOutermost ? kLeastShareOutermost : kLeastShareNested) > share || share > kLargestShare);
+    return {false, share, isOutermost ? kLeastShareOutermost : kLeastShareNested, kLargestShare};
 }
 
 }  // namespace kestrune

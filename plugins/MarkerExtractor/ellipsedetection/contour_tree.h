@@ -13,8 +13,16 @@ namespace kestrune {
 std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,
                                 const std::vector<cv::Vec4i>& hierarchy);
 
-/// Whether a contour is the outer or the inner side of a closed line: one whose children have a good share of its area,
-/// or a child without children that has a good share of its parent's. An open line has no child and is neither.
-bool isNestedLikeARim(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy);
+/// How a contour lies in the tree: the share of the inner in the outer area, and its bounds.
+struct Nesting {
+    bool isOpen;  ///< an open line has no child, and no parent of its own
+    float share, least, largest;
+
+    bool isRim() const { return !isOpen && !(least > share || share > largest); }
+};
+
+/// A rim is the outer or the inner side of a closed line: a contour whose children have a good share of its area, or a
+/// child without children that has a good share of its parent's.
+Nesting nestingOf(int index, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy);
 
 }  // namespace kestrune

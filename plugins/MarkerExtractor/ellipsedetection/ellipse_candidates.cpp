@@ -34,18 +34,29 @@ struct SizeGate {
     int minDiameter, maxDiameter;
     float minAxisRatio;
 
-    bool passes(int width, int height, std::int64_t pixels) const {
-        if (pixels < minPixels || pixels > maxPixels) return false;
+    Drop judge(int width, int height, std::int64_t pixels) const {
+        if (pixels < minPixels) return below(DropCause::kPixels, pixels, minPixels);
+        if (pixels > maxPixels) return above(DropCause::kPixels, pixels, maxPixels);
         const int longer = std::max(width, height);
         const int shorter = std::min(width, height);
-        if (longer > maxDiameter || shorter < minDiameter) return false;
-        if (minAxisRatio > static_cast<float>(shorter) / static_cast<float>(longer)) return false;
-        return !(kLeastPerimeterShare > static_cast<float>(pixels) / static_cast<float>(2 * (width + height)));
+        if (longer > maxDiameter) return above(DropCause::kLongerSide, longer, maxDiameter);
+        if (shorter < minDiameter) return below(DropCause::kShorterSide, shorter, minDiameter);
+        const float ratio = static_cast<float>(shorter) / static_cast<float>(longer);
+        if (minAxisRatio > ratio) return below(DropCause::kBoxRatio, ratio, minAxisRatio);
+        const float share = static_cast<float>(pixels) / static_cast<float>(2 * (width + height));
+        if (kLeastPerimeterShare > share) {
+            return below<double>(DropCause::kPerimeterShare, share, kLeastPerimeterShare);
+        }
+        return {};
     }
 };
 
-bool fillsItsBox(int width, int height, int area) {
-    return !(kLeastFill > static_cast<float>(area / (width * kPi * height * 0.25)));
+Drop judgeBlob(int width, int height, int area, const SizeGate& gate) {
+    const Drop drop = gate.judge(width, height, area);
+    if (drop) return drop;
+    const auto fill = static_cast<float>(area / (width * kPi * height * 0.25));
+    if (kLeastFill > fill) return below<double>(DropCause::kFill, fill, kLeastFill);
+    return {};
 }
 
 /// Where the blob with these statistics is to be looked at in the full image.
@@ -55,17 +66,45 @@ cv::Rect windowOf(const int* stats, int scale, int margin, const cv::Size& fullS
            cv::Rect({}, fullSize);
 }
 
-void appendSurvivors(std::vector<std::vector<cv::Point>>& contours, const std::vector<cv::Vec4i>& hierarchy,
-                     const SizeGate& gate, cv::Point origin, std::vector<std::vector<cv::Point>>& candidates) {
+Drop dropOf(const Nesting& nesting, std::size_t pixels) {
+    Drop drop = below(DropCause::kNesting, nesting.share, nesting.least);
+    drop.largest = nesting.largest;
+    if (!nesting.isOpen) return drop;
+    drop = {};
+    drop.cause = DropCause::kOpenLine;
+    drop.measured = static_cast<double>(pixels);
+    return drop;
+}
+
+Drop nothingFound(std::size_t longest) {
+    Drop drop;
+    drop.cause = DropCause::kNoRim;
+    drop.measured = static_cast<double>(longest);
+    return drop;
+}
+
+/// @return pixels of the longest line.
+std::size_t appendSurvivors(std::vector<std::vector<cv::Point>>& contours, const std::vector<cv::Vec4i>& hierarchy,
+                            const SizeGate& gate, cv::Point origin, std::vector<std::vector<cv::Point>>& candidates,
+                            Drops* drops) {
     const std::vector<double> areas = signedAreas(contours, hierarchy);
+    std::size_t longest = 0;
     for (std::size_t k = 0; k < contours.size(); ++k) {
-        if (!isNestedLikeARim(static_cast<int>(k), areas, hierarchy)) continue;
         std::vector<cv::Point>& contour = contours[k];
+        longest = std::max(longest, contour.size());
+        const Nesting nesting = nestingOf(static_cast<int>(k), areas, hierarchy);
+        if (!nesting.isRim() && drops == nullptr) continue;
         const cv::Rect box = cv::boundingRect(contour);
-        if (!gate.passes(box.width, box.height, static_cast<std::int64_t>(contour.size()))) continue;
+        const Drop drop = nesting.isRim() ? gate.judge(box.width, box.height, static_cast<std::int64_t>(contour.size()))
+                                          : dropOf(nesting, contour.size());
+        if (drop) {
+            note(drops, Met::kContour, drop, box + origin);
+            continue;
+        }
         for (cv::Point& point : contour) point += origin;
         candidates.push_back(std::move(contour));
     }
+    return longest;
 }
 
 }  // namespace
@@ -75,37 +114,56 @@ void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv:
                              std::vector<std::vector<cv::Point>>& candidates, float sigma, int aperture, int thresholdC,
                              int scale, float edgePercentile, float nmsFactor, float minAxisRatio, int minDiameter,
                              int maxDiameter) {
-    requireGreyImage(image);
-    requireGreyImage(fullImage);
-    requireAperture(aperture, kLeastThresholdBlock);
-    requireBlurSigma(sigma);
-    requireScale(scale, fullImage.size());
-    const int margin = static_cast<int>(std::ceil(3.0 * sigma)) + kExtraMargin;
-    const SizeGate gate = {kPixelsPerDiameter * minDiameter, kPixelsPerDiameter * maxDiameter, minDiameter, maxDiameter,
-                           minAxisRatio};
-    blur16U.create(fullImage.size(), CV_16UC1);
-    edge_mask.create(fullImage.size(), CV_8UC1);
-    for (cv::Mat* gradient : {&img_grad, &img_dx, &img_dy}) gradient->create(fullImage.size(), CV_32FC1);
+    detectEllipseCandidates(
+        {image, fullImage, blur16U, img_grad, img_dx, img_dy, binary, edge_mask, labels},
+        {sigma, aperture, thresholdC, scale, edgePercentile, nmsFactor, minAxisRatio, minDiameter, maxDiameter},
+        candidates, nullptr);
+}
 
-    cv::adaptiveThreshold(image, binary, 255.0, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, aperture,
-                          usableThresholdC(thresholdC));
+void detectEllipseCandidates(const CandidateImages& images, const CandidateSettings& settings,
+                             std::vector<std::vector<cv::Point>>& candidates, Drops* drops) {
+    const cv::Mat& fullImage = images.fullImage;
+    requireGreyImage(images.image);
+    requireGreyImage(fullImage);
+    requireAperture(settings.aperture, kLeastThresholdBlock);
+    requireBlurSigma(settings.sigma);
+    requireScale(settings.scale, fullImage.size());
+    const int margin = static_cast<int>(std::ceil(3.0 * settings.sigma)) + kExtraMargin;
+    const SizeGate gate = {kPixelsPerDiameter * settings.minDiameter, kPixelsPerDiameter * settings.maxDiameter,
+                           settings.minDiameter, settings.maxDiameter, settings.minAxisRatio};
+    images.blur16U.create(fullImage.size(), CV_16UC1);
+    images.edgeMask.create(fullImage.size(), CV_8UC1);
+    for (cv::Mat* gradient : {&images.grad, &images.dx, &images.dy}) gradient->create(fullImage.size(), CV_32FC1);
+
+    cv::adaptiveThreshold(images.image, images.binary, 255.0, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY,
+                          settings.aperture, usableThresholdC(settings.thresholdC));
     cv::Mat stats, centroids;
-    const int count = cv::connectedComponentsWithStats(binary, labels, stats, centroids, kConnectivity, CV_32S);
+    const int count =
+        cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kConnectivity, CV_32S);
 
     WindowScratch scratch;
     for (int label = 1; label < count; ++label) {  // 0 is the background
         const int* const blob = stats.ptr<int>(label);
-        const int width = blob[cv::CC_STAT_WIDTH];
-        const int height = blob[cv::CC_STAT_HEIGHT];
-        const int area = blob[cv::CC_STAT_AREA];
-        if (!gate.passes(width, height, area) || !fillsItsBox(width, height, area)) continue;
-        const cv::Rect rect = windowOf(blob, scale, margin, fullImage.size());
-        EdgeWindow window = {blur16U(rect), img_grad(rect), img_dx(rect), img_dy(rect), edge_mask(rect)};
-        const cv::Rect box = thinEdges(fullImage(rect), window, sigma, edgePercentile, nmsFactor, scratch);
-        if (box.empty()) continue;
-        cv::findContours(window.mask(box), scratch.contours, scratch.hierarchy, cv::RETR_TREE, cv::CHAIN_APPROX_NONE,
-                         cv::Point(0, 0));
-        appendSurvivors(scratch.contours, scratch.hierarchy, gate, rect.tl() + box.tl(), candidates);
+        const cv::Rect blobBox = windowOf(blob, settings.scale, 0, fullImage.size());
+        const Drop drop = judgeBlob(blob[cv::CC_STAT_WIDTH], blob[cv::CC_STAT_HEIGHT], blob[cv::CC_STAT_AREA], gate);
+        if (drop) {
+            note(drops, Met::kBlob, drop, blobBox);
+            continue;
+        }
+        const cv::Rect rect = windowOf(blob, settings.scale, margin, fullImage.size());
+        EdgeWindow window = {images.blur16U(rect), images.grad(rect), images.dx(rect), images.dy(rect),
+                             images.edgeMask(rect)};
+        const cv::Rect box =
+            thinEdges(fullImage(rect), window, settings.sigma, settings.edgePercentile, settings.nmsFactor, scratch);
+        const std::size_t before = candidates.size();
+        std::size_t longest = 0;
+        if (!box.empty()) {
+            cv::findContours(window.mask(box), scratch.contours, scratch.hierarchy, cv::RETR_TREE,
+                             cv::CHAIN_APPROX_NONE, cv::Point(0, 0));
+            longest =
+                appendSurvivors(scratch.contours, scratch.hierarchy, gate, rect.tl() + box.tl(), candidates, drops);
+        }
+        if (candidates.size() == before) note(drops, Met::kBlob, nothingFound(longest), blobBox);
     }
 }
 

@@ -4,6 +4,8 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "checks/drops.h"
+
 namespace kestrune {
 
 /// Finds pixel contours that may be the rims of round markers, bright or dark. A search for blobs in the reduced image
@@ -37,5 +39,31 @@ void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv:
                              std::vector<std::vector<cv::Point>>& candidates, float sigma, int aperture, int thresholdC,
                              int scale, float edgePercentile, float nmsFactor, float minAxisRatio, int minDiameter,
                              int maxDiameter);
+
+/// The images of a call and its settings, as above.
+struct CandidateImages {
+    const cv::Mat& image;
+    const cv::Mat& fullImage;
+    cv::Mat& blur16U;
+    cv::Mat& grad;
+    cv::Mat& dx;
+    cv::Mat& dy;
+    cv::Mat& binary;
+    cv::Mat& edgeMask;
+    cv::Mat& labels;
+};
+struct CandidateSettings {
+    float sigma;
+    int aperture, thresholdC, scale;
+    float edgePercentile, nmsFactor, minAxisRatio;
+    int minDiameter, maxDiameter;
+};
+
+/// The same, and what was dropped.
+///
+/// @param drops  appended to: every blob that no candidate came of, and the lines in the windows of the others that are
+///               none; boxes in pixels of `fullImage`. May be null.
+void detectEllipseCandidates(const CandidateImages& images, const CandidateSettings& settings,
+                             std::vector<std::vector<cv::Point>>& candidates, Drops* drops);
 
 }  // namespace kestrune

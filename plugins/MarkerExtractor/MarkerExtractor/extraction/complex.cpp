@@ -54,7 +54,7 @@ RimMarkers measureRims(const std::vector<std::vector<cv::Point>>& candidates, co
 }  // namespace
 
 RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners, CircleMarkerExtractor& extractor,
-                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates) {
+                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates, Drops* drops) {
     checkCall(image, corners, configs);
     const cv::Mat grey = greyOf(image, extractor);
     const cv::Size size = grey.size();
@@ -69,10 +69,11 @@ RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners
     cv::Mat edgeMask = wrapScratch(extractor.scratchEdgeMask, size, CV_8UC1);
     cv::Mat binary = wrapScratch(extractor.scratchBinary, reduced.size(), CV_8UC1);
     cv::Mat labels = wrapScratch(extractor.scratchLabels, reduced.size(), CV_32SC1);
-    detectEllipseCandidates(reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels,
-                            candidates, static_cast<float>(configs.sigma), configs.aperture, configs.thresholdC,
-                            configs.scale, configs.edgePercentile, configs.nmsFactor, configs.minAxisRatio,
-                            wholePixels(configs.minDiameter), wholePixels(configs.maxDiameter));
+    detectEllipseCandidates(
+        {reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels},
+        {static_cast<float>(configs.sigma), configs.aperture, configs.thresholdC, configs.scale, configs.edgePercentile,
+         configs.nmsFactor, configs.minAxisRatio, wholePixels(configs.minDiameter), wholePixels(configs.maxDiameter)},
+        candidates, drops);
     return images;
 }
 
@@ -83,7 +84,7 @@ bool CircleMarkerExtractor::CircleExtractComplex(const cv::Mat& image, std::vect
         return false;
     }
     std::vector<std::vector<cv::Point>> candidates;
-    const RimImages images = rimCandidates(image, corners, *this, configs, candidates);
+    const RimImages images = rimCandidates(image, corners, *this, configs, candidates, nullptr);
     RimMarkers markers = measureRims(candidates, images, configs, lensOf(*this, cameraIndex));
 
     // Nothing of the result is written before all of it is there.

@@ -142,12 +142,12 @@ Candidates explainInTurn(const std::vector<std::vector<Point>>& contours, const 
 }
 
 Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor, int cameraIndex,
-                         const CicrleConfigs& configs) {
+                         const CicrleConfigs& configs, Drops* drops) {
     std::vector<Corner> corners;
     MarkerList markers{corners, {}, 0};
     const LensModel lens = lensOf(extractor, cameraIndex);
     std::vector<std::vector<cv::Point2f>> contours;
-    for (SubpixelContour& contour : simpleContours(image, corners, extractor, configs)) {
+    for (SubpixelContour& contour : simpleContours(image, corners, extractor, configs, drops)) {
         contours.push_back(std::move(contour.points));
     }
     return explainInTurn(
@@ -189,9 +189,9 @@ void explainFirstStage(const std::vector<std::vector<cv::Point>>& contours, cons
 }
 
 Candidates explainRims(const cv::Mat& image, CircleMarkerExtractor& extractor, int cameraIndex,
-                       const CicrleConfigs& configs) {
+                       const CicrleConfigs& configs, Drops* drops) {
     std::vector<std::vector<cv::Point>> contours, mergedRims;
-    const RimImages images = rimCandidates(image, {}, extractor, configs, contours);
+    const RimImages images = rimCandidates(image, {}, extractor, configs, contours, drops);
     Candidates candidates;
     std::vector<PolarEllipse> merged;
     std::vector<std::size_t> kept;
@@ -221,15 +221,16 @@ Candidates explainRims(const cv::Mat& image, CircleMarkerExtractor& extractor, i
 }  // namespace
 
 std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMarkerExtractor& extractor,
-                                                  int cameraIndex, const CicrleConfigs& configs) {
+                                                  int cameraIndex, const CicrleConfigs& configs, Drops* drops) {
     if (image.empty()) return {};
-    return configs.useComplexExtract ? explainRims(image, extractor, cameraIndex, configs)
-                                     : explainSimple(image, extractor, cameraIndex, configs);
+    return configs.useComplexExtract ? explainRims(image, extractor, cameraIndex, configs, drops)
+                                     : explainSimple(image, extractor, cameraIndex, configs, drops);
 }
 
-std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs) {
+std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops) {
     if (image.empty()) return {};
     requireByteImage(image);
+    if (drops != nullptr) noteHandDrops(image, *drops);
     std::vector<Corner> corners;
     return explainInTurn(
         handContours(image), [&](const auto& contour) { return judgeHandContour(contour, configs); },
@@ -242,9 +243,10 @@ std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleCo
         "the smaller of two that share a centre");
 }
 
-std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs) {
+std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops) {
     if (image.empty()) return {};
     requireGreyImage(image);
+    if (drops != nullptr) noteFastDrops(image, configs, *drops);
     std::vector<cv::Point> hull;
     std::int32_t next = 0;
     return explainInTurn(

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "checks/drops.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
@@ -24,17 +25,27 @@ struct ExplainedCandidate {
 };
 
 /// Takes the path of `ExtractCircleMarker` and tells about every candidate, in the order of the front end. The markers
-/// among them are those that the path finds. What the radial front end drops for want of a rim, and the edge-based one
-/// for being no closed line, was no candidate.
+/// among them are those that the path finds.
 ///
 /// @param extractor  for its calibration and scratch storage.
+/// @param drops      appended to, if not null: what the front end met and did not deliver.
 /// @throws cv::Exception as the path does.
 std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMarkerExtractor& extractor,
-                                                  int cameraIndex, const CicrleConfigs& configs);
+                                                  int cameraIndex, const CicrleConfigs& configs,
+                                                  Drops* drops = nullptr);
 
 /// The same of `CircleExtractSimpleForHand` and of `extractMarkPointsFast`, called with an empty list: ids are places
 /// in it.
-std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs);
-std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs);
+std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops = nullptr);
+std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops = nullptr);
+
+/// A drop in words.
+struct DropText {
+    std::string name;    ///< what was met, and the gate
+    std::string wanted;  ///< what the front end asks for, with the settings' names
+};
+
+/// @param configs  those of the call that noted it.
+DropText describe(const Drop& drop, const CicrleConfigs& configs);
 
 }  // namespace kestrune

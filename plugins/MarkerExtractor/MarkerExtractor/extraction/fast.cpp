@@ -2,6 +2,7 @@
 #include "MarkerExtractor/extraction/fast.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
@@ -15,6 +16,9 @@ namespace {
 
 constexpr double kThreshold = 100;   ///< grey level above which a pixel belongs to a marker
 constexpr double kForeground = 250;  ///< its value in the binary image; any value but 0 traces alike
+constexpr std::size_t kLeastFitPoints = 5;
+/// What else to look for shapes at, the nearest first.
+constexpr std::array<double, 10> kOtherThresholds = {80, 120, 60, 140, 40, 160, 180, 20, 200, 220};
 constexpr double kFourPi = 12.566370614359172;
 
 using PixelContour = std::vector<cv::Point>;
@@ -57,14 +61,61 @@ Gate judgeOutline(const PixelContour& contour, const CicrleConfigs& configs, Pix
     return Gate::kNone;
 }
 
-}  // namespace
-
-std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image) {
+std::vector<PixelContour> contoursAbove(const cv::Mat& image, double threshold) {
     cv::Mat binary;
-    cv::threshold(image, binary, kThreshold, kForeground, cv::THRESH_BINARY);
+    cv::threshold(image, binary, threshold, kForeground, cv::THRESH_BINARY);
     std::vector<PixelContour> contours;
     cv::findContours(binary, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
     return contours;
+}
+
+/// What the gates take at a threshold.
+std::vector<cv::RotatedRect> shapesAbove(const cv::Mat& image, double threshold, const CicrleConfigs& configs) {
+    std::vector<cv::RotatedRect> shapes;
+    PixelContour hull;
+    for (const PixelContour& contour : contoursAbove(image, threshold)) {
+        if (contour.size() < kLeastFitPoints) continue;
+        const FastVerdict verdict = judgeFastContour(contour, configs, hull);
+        if (verdict.accepted() && isFinite(verdict.rect)) shapes.push_back(verdict.rect);
+    }
+    return shapes;
+}
+
+}  // namespace
+
+std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image) {
+    return contoursAbove(image, kThreshold);
+}
+
+void noteFastDrops(const cv::Mat& image, const CicrleConfigs& configs, Drops& drops) {
+    cv::Mat binary;
+    std::vector<PixelContour> contours;
+    std::vector<cv::Vec4i> tree;
+    cv::threshold(image, binary, kThreshold, kForeground, cv::THRESH_BINARY);
+    cv::findContours(binary, contours, tree, cv::RETR_TREE, cv::CHAIN_APPROX_NONE);
+    const auto parentOf = [&tree](int k) { return k < 0 ? -1 : tree[static_cast<std::size_t>(k)][3]; };
+    for (std::size_t k = 0; k < contours.size(); ++k) {
+        int depth = 0;
+        for (int parent = tree[k][3]; parent >= 0; parent = parentOf(parent)) ++depth;
+        if (depth == 0 || depth % 2 == 1) continue;  // outermost, or a hole
+        Drop drop = above(DropCause::kInside, cv::contourArea(contours[k]), 0.0);
+        note(&drops, Met::kBlob, drop, cv::boundingRect(contours[k]));
+    }
+
+    std::vector<cv::RotatedRect> known = shapesAbove(image, kThreshold, configs);
+    for (const double threshold : kOtherThresholds) {
+        for (const cv::RotatedRect& shape : shapesAbove(image, threshold, configs)) {
+            const bool isKnown = std::any_of(known.begin(), known.end(), [&shape](const cv::RotatedRect& other) {
+                return cv::norm(shape.center - other.center) < 0.5 * std::max(other.size.width, other.size.height);
+            });
+            if (isKnown) continue;
+            known.push_back(shape);
+            note(&drops, Met::kBlob,
+                 threshold < kThreshold ? below(DropCause::kGreyLevel, threshold, kThreshold)
+                                        : above(DropCause::kGreyLevel, threshold, kThreshold),
+                 shape.boundingRect());
+        }
+    }
 }
 
 FastVerdict judgeFastContour(const PixelContour& contour, const CicrleConfigs& configs, PixelContour& hull) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "checks/drops.h"
 
 namespace kestrune {
 
@@ -31,5 +32,9 @@ std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image);
 /// @throws cv::Exception from the fit, for a contour of fewer than five points that came past the first three gates.
 FastVerdict judgeFastContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs,
                              std::vector<cv::Point>& hull);
+
+/// Notes the shapes that lie inside others, and those that the gates would take if the threshold were another one, with
+/// the nearest that shows them.
+void noteFastDrops(const cv::Mat& image, const CicrleConfigs& configs, Drops& drops);
 
 }  // namespace kestrune

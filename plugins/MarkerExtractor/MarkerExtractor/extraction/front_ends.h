@@ -22,11 +22,13 @@ constexpr double kRimMergeTolerance = 0.3;
 /// Contours of the simple path, radial or sub-pixel by `configs.useRadialContours`.
 ///
 /// @param corners  the path's result list, which must be empty.
+/// @param drops    appended to, if not null: what the front end met and did not deliver.
 std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
-                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs);
+                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs,
+                                            Drops* drops);
 
 /// Candidates of the edge-based path and the images that its gates read, which lie in the extractor's scratch storage.
 RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners, CircleMarkerExtractor& extractor,
-                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates);
+                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates, Drops* drops);
 
 }  // namespace kestrune

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/gate_parts.h"
+#include "canny/weak_edges.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -17,6 +18,8 @@ namespace {
 constexpr double kEdgeLow = 200;
 constexpr double kEdgeHigh = 500;
 constexpr int kEdgeAperture = 3;
+constexpr double kSobelGain = 4;  ///< of a sharp step of one grey level
+constexpr int kLeastLine = 5;     ///< pixels: no ellipse goes through fewer
 constexpr int kMedianSide = 3;
 
 // Perimeter squared over area, both ends included: from a circle to twice that, which lets squares pass.
@@ -41,6 +44,22 @@ std::vector<std::vector<cv::Point>> handContours(const cv::Mat& image) {
         outer.push_back(contours[static_cast<std::size_t>(index)]);
     }
     return outer;
+}
+
+void noteHandDrops(const cv::Mat& image, Drops& drops) {
+    cv::Mat edges, all;
+    cv::Canny(image, edges, kEdgeLow, kEdgeHigh, kEdgeAperture, true);
+    cv::Canny(image, all, kEdgeLow, kEdgeLow, kEdgeAperture, true);
+    cv::Mat heights = cv::Mat::zeros(image.size(), CV_32FC1);
+    for (int channel = 0; channel < image.channels(); ++channel) {  // the detector, too, takes the strongest of each
+        cv::Mat plane, dx, dy, magnitude;
+        cv::extractChannel(image, plane, channel);
+        cv::Sobel(plane, dx, CV_32F, 1, 0, kEdgeAperture, 1 / kSobelGain, 0, cv::BORDER_REPLICATE);
+        cv::Sobel(plane, dy, CV_32F, 0, 1, kEdgeAperture, 1 / kSobelGain, 0, cv::BORDER_REPLICATE);
+        cv::magnitude(dx, dy, magnitude);
+        cv::max(heights, magnitude, heights);
+    }
+    noteWeakEdges(all, edges, heights, below(DropCause::kWeakStep, 0.0, kEdgeHigh / kSobelGain), kLeastLine, drops);
 }
 
 GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "checks/drops.h"
 
 namespace kestrune {
 
@@ -12,6 +13,9 @@ namespace kestrune {
 ///
 /// @param image  `CV_8U` with 1, 3 or 4 channels.
 std::vector<std::vector<cv::Point>> handContours(const cv::Mat& image);
+
+/// Notes the lines of pixels above the lower threshold of an edge none of which reaches the upper one.
+void noteHandDrops(const cv::Mat& image, Drops& drops);
 
 /// Gates of `CircleExtractSimpleForHand`, in the order area, compactness, fit, eccentricity, fit error. "Fit" refuses
 /// an ellipse that is not finite. Unlike on the default path the fit error alone decides: that every point keeps to

@@ -33,15 +33,14 @@ struct BlobAtFullSize {
     int shortSide;
 };
 
-/// What all blobs of a call share.
-struct RadialSettings {
-    int margin, aperture, minArea, scale, contrast;
-    double thresholdC;
-};
+/// Px that a blob's surroundings need at full size.
+int marginOf(const RadialSettings& settings) {
+    return static_cast<int>(std::ceil(3.0 * settings.sigma)) + 3;
+}
 
 void thresholdBright(const cv::Mat& image, cv::Mat& binary, const RadialSettings& settings) {
     cv::adaptiveThreshold(image, binary, 255.0, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, settings.aperture,
-                          settings.thresholdC);
+                          usableThresholdC(settings.thresholdC));
 }
 
 Blob readBlob(const cv::Mat& stats, const cv::Mat& centroids, int label) {
@@ -53,13 +52,17 @@ Blob readBlob(const cv::Mat& stats, const cv::Mat& centroids, int label) {
 }
 
 /// Cheap gates first: size, elongation, brightness against the ring around it, and the same along single directions.
-bool looksLikeMarker(const cv::Mat& image, const Blob& blob, const std::vector<cv::Point2f>& probeDirections,
-                     const RadialSettings& settings) {
-    if (blob.area < settings.minArea) return false;
-    if (blob.width < kLeastBoxSide || blob.height < kLeastBoxSide) return false;
+Drop judgeBlob(const cv::Mat& image, const Blob& blob, const std::vector<cv::Point2f>& probeDirections,
+               const RadialSettings& settings) {
+    if (blob.area < settings.minArea) return below(DropCause::kArea, blob.area, settings.minArea);
+    if (blob.width < kLeastBoxSide || blob.height < kLeastBoxSide) {
+        return below(DropCause::kSide, std::min(blob.width, blob.height), kLeastBoxSide);
+    }
     const auto longer = static_cast<float>(std::max(blob.width, blob.height));
     const auto shorter = static_cast<float>(std::min(blob.width, blob.height));
-    if (longer / shorter > kLargestBoxRatio) return false;
+    if (longer / shorter > kLargestBoxRatio) {
+        return above<double>(DropCause::kElongation, longer / shorter, kLargestBoxRatio);
+    }
 
     const float r1 = static_cast<float>(blob.width + blob.height) * 0.25f;
     const float r2 = r1 * kRingFactor;
@@ -67,9 +70,13 @@ bool looksLikeMarker(const cv::Mat& image, const Blob& blob, const std::vector<c
     const auto [meanOut, countOut] = meanInDisc(image, blob.centre, r2);
     const float ringMean = (static_cast<float>(countOut) * meanOut - static_cast<float>(countIn) * meanIn) /
                            static_cast<float>(countOut - countIn);
-    if (static_cast<float>(settings.contrast) > meanIn - ringMean) return false;
-    return !(probeRadialContrast(image, blob.centre, r1, r2, settings.contrast, probeDirections, kProbesPerSide) <
-             kLeastProbeRatio);
+    if (static_cast<float>(settings.contrast) > meanIn - ringMean) {
+        return below<double>(DropCause::kRingContrast, meanIn - ringMean, settings.contrast);
+    }
+    const float bearing =
+        probeRadialContrast(image, blob.centre, r1, r2, settings.contrast, probeDirections, kProbesPerSide);
+    if (bearing < kLeastProbeRatio) return below<double>(DropCause::kProbeContrast, bearing, kLeastProbeRatio);
+    return {};
 }
 
 double diagonalOf(int width, int height) {
@@ -83,21 +90,26 @@ BlobAtFullSize multiplyUp(const Blob& blob, int scale) {
             std::min(blob.width, blob.height) * scale};
 }
 
-/// The largest bright component near the blob at full size; none where its surroundings leave the image or hold nothing
-/// but background.
+/// The largest bright component near the blob at full size; none, and why, where its surroundings leave the image or
+/// hold nothing but background.
 std::optional<BlobAtFullSize> detectAgain(const cv::Mat& fullImage, cv::Mat& fullBinary, const Blob& blob,
-                                          const RadialSettings& settings) {
-    const cv::Rect rect(blob.left * settings.scale - settings.margin, blob.top * settings.scale - settings.margin,
-                        blob.width * settings.scale + 2 * settings.margin,
-                        blob.height * settings.scale + 2 * settings.margin);
+                                          const RadialSettings& settings, Drop& drop) {
+    const int scale = settings.scale, margin = marginOf(settings);
+    const cv::Rect rect(blob.left * scale - margin, blob.top * scale - margin, blob.width * scale + 2 * margin,
+                        blob.height * scale + 2 * margin);
     if (rect.x < 0 || rect.y < 0 || rect.x + rect.width > fullImage.cols || rect.y + rect.height > fullImage.rows) {
+        drop = above(DropCause::kWindow,
+                     std::max({-rect.x, -rect.y, rect.br().x - fullImage.cols, rect.br().y - fullImage.rows}), 0);
         return std::nullopt;
     }
     cv::Mat window = fullBinary(rect);
     thresholdBright(fullImage(rect), window, settings);
     cv::Mat labels, stats, centroids;
     const int count = cv::connectedComponentsWithStats(window, labels, stats, centroids, kConnectivity, CV_32S);
-    if (count < 2) return std::nullopt;
+    if (count < 2) {
+        drop.cause = DropCause::kNotFoundAgain;
+        return std::nullopt;
+    }
 
     cv::Point largest;
     cv::minMaxLoc(stats.col(stats.cols - 1).rowRange(1, count), nullptr, nullptr, nullptr, &largest);
@@ -106,6 +118,33 @@ std::optional<BlobAtFullSize> detectAgain(const cv::Mat& fullImage, cv::Mat& ful
     return BlobAtFullSize{
         cv::Point2f(static_cast<float>(rect.x + centroid[0]), static_cast<float>(rect.y + centroid[1])),
         diagonalOf(again.width, again.height), std::min(again.width, again.height)};
+}
+
+struct Directions {
+    const std::vector<cv::Point2f>& rays;
+    const std::vector<cv::Point2f>& probes;
+};
+
+/// The points of a blob's rim, or why it has none.
+Drop measureBlob(const RadialImages& images, const Blob& blob, const RadialSettings& settings,
+                 const Directions& directions, std::vector<cv::Point2f>& points) {
+    Drop drop = judgeBlob(images.image, blob, directions.probes, settings);
+    if (drop) return drop;
+    const std::optional<BlobAtFullSize> full =
+        settings.scale == 1 || !settings.refineAtFullSize
+            ? multiplyUp(blob, settings.scale)
+            : detectAgain(images.fullImage, images.fullBinary, blob, settings, drop);
+    if (!full) return drop;
+    const float rIn = static_cast<float>(full->shortSide) * 0.25f * 0.75f;
+    const auto rOut = static_cast<float>(full->diagonal * 0.5 * 1.25);
+    const float least = settings.minRayRatio;
+    const RaySearch search = searchRadialEdges(images.blurredFull, full->centre, rIn, rOut, points, directions.rays,
+                                               settings.contrast / 2, least);
+    const float share = static_cast<float>(points.size()) / static_cast<float>(directions.rays.size());
+    if (!(least > share)) return {};
+    if (search.beyond > 0) return above(DropCause::kBorder, search.beyond, 0.0);
+    return least > search.bearing ? below(DropCause::kRays, search.bearing, least)
+                                  : below(DropCause::kUnevenRays, share, least);
 }
 
 }  // namespace
@@ -162,34 +201,41 @@ void detectRadialContours(const cv::Mat& image, const cv::Mat& fullImage, cv::Ma
                           std::vector<SubpixelContour>& contours, const std::vector<cv::Point2f>& rayDirections,
                           const std::vector<cv::Point2f>& probeDirections, int minArea, int thresholdC, int scale,
                           bool refineAtFullSize, float minRayRatio, int contrast) {
-    requireGreyImage(image);
-    requireGreyImage(fullImage);
-    requireAperture(aperture, kLeastThresholdBlock);
-    requireBlurSigma(sigma);
-    requireScale(scale, fullImage.size());
-    const RadialSettings settings = {
-        static_cast<int>(std::ceil(3.0 * sigma)) + 3, aperture, minArea, scale, contrast, usableThresholdC(thresholdC)};
+    detectRadialContours({image, fullImage, blurredFull, binary, fullBinary, labels},
+                         {sigma, aperture, minArea, thresholdC, scale, refineAtFullSize, minRayRatio, contrast},
+                         rayDirections, probeDirections, contours, nullptr);
+}
+
+void detectRadialContours(const RadialImages& images, const RadialSettings& settings,
+                          const std::vector<cv::Point2f>& rayDirections,
+                          const std::vector<cv::Point2f>& probeDirections, std::vector<SubpixelContour>& contours,
+                          Drops* drops) {
+    requireGreyImage(images.image);
+    requireGreyImage(images.fullImage);
+    requireAperture(settings.aperture, kLeastThresholdBlock);
+    requireBlurSigma(settings.sigma);
+    requireScale(settings.scale, images.fullImage.size());
     contours.clear();
-    fullBinary.create(fullImage.size(), CV_8UC1);
-    cv::GaussianBlur(fullImage, blurredFull, cv::Size(aperture, aperture), sigma, sigma, cv::BORDER_REFLECT_101);
-    thresholdBright(image, binary, settings);
+    images.fullBinary.create(images.fullImage.size(), CV_8UC1);
+    cv::GaussianBlur(images.fullImage, images.blurredFull, cv::Size(settings.aperture, settings.aperture),
+                     settings.sigma, settings.sigma, cv::BORDER_REFLECT_101);
+    thresholdBright(images.image, images.binary, settings);
     cv::Mat stats, centroids;
-    const int count = cv::connectedComponentsWithStats(binary, labels, stats, centroids, kConnectivity, CV_32S);
+    const int count =
+        cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kConnectivity, CV_32S);
 
     std::vector<cv::Point2f> points;
     points.reserve(rayDirections.size());
     for (int label = 1; label < count; ++label) {  // 0 is the background
         const Blob blob = readBlob(stats, centroids, label);
-        if (!looksLikeMarker(image, blob, probeDirections, settings)) continue;
-        const std::optional<BlobAtFullSize> full = scale == 1 || !refineAtFullSize
-                                                       ? multiplyUp(blob, scale)
-                                                       : detectAgain(fullImage, fullBinary, blob, settings);
-        if (!full) continue;
-        const float rIn = static_cast<float>(full->shortSide) * 0.25f * 0.75f;
-        const auto rOut = static_cast<float>(full->diagonal * 0.5 * 1.25);
-        searchRadialEdges(blurredFull, full->centre, rIn, rOut, points, rayDirections, contrast / 2, minRayRatio);
-        if (minRayRatio > static_cast<float>(points.size()) / static_cast<float>(rayDirections.size())) continue;
-        contours.emplace_back().points = points;
+        const Drop drop = measureBlob(images, blob, settings, {rayDirections, probeDirections}, points);
+        if (drop) {
+            const int scale = settings.scale;
+            note(drops, Met::kBlob, drop,
+                 cv::Rect(blob.left * scale, blob.top * scale, blob.width * scale, blob.height * scale));
+        } else {
+            contours.emplace_back().points = points;
+        }
     }
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "canny/subpixel_contours.h"
+#include "checks/drops.h"
 
 namespace kestrune {
 
@@ -47,6 +48,12 @@ std::pair<float, int> meanInDisc(const cv::Mat& image, cv::Point2f centre, float
 float probeRadialContrast(const cv::Mat& image, cv::Point2f centre, float r1, float r2, int contrast,
                           const std::vector<cv::Point2f>& directions, int n);
 
+/// What a ray search met.
+struct RaySearch {
+    double beyond;  ///< px by which the outer circle and 3 px leave the image; 0 or less where they do not
+    float bearing;  ///< share of the rays that bear an edge
+};
+
 /// Casts one ray along each direction and finds on it the point of steepest fall: coarsely in steps of 3 px between
 /// `rIn` and `rOut`, then in steps of 1 px, then by a parabola through three differences. The radii are then median
 /// filtered, freed of outliers and smoothed around the circle.
@@ -59,9 +66,9 @@ float probeRadialContrast(const cv::Mat& image, cv::Point2f centre, float r1, fl
 ///                       border or too few rays bear an edge.
 /// @param dropThreshold  least coarse fall, grey levels, inclusive.
 /// @param minRayRatio    least share of rays with an edge, inclusive.
-void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
-                       std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions, int dropThreshold,
-                       float minRayRatio);
+RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
+                            std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
+                            int dropThreshold, float minRayRatio);
 
 /// Replaces each radius by the upper median of the positive radii up to `halfWindow` places away on the circle, itself
 /// included; by -1 if there are fewer than three. A ray without an edge (-1) can gain a radius from its neighbours.
@@ -98,5 +105,30 @@ void detectRadialContours(const cv::Mat& image, const cv::Mat& fullImage, cv::Ma
                           std::vector<SubpixelContour>& contours, const std::vector<cv::Point2f>& rayDirections,
                           const std::vector<cv::Point2f>& probeDirections, int minArea, int thresholdC, int scale,
                           bool refineAtFullSize, float minRayRatio, int contrast);
+
+/// The images of a call and its settings, as above.
+struct RadialImages {
+    const cv::Mat& image;
+    const cv::Mat& fullImage;
+    cv::Mat& blurredFull;
+    cv::Mat& binary;
+    cv::Mat& fullBinary;
+    cv::Mat& labels;
+};
+struct RadialSettings {
+    double sigma;
+    int aperture, minArea, thresholdC, scale;
+    bool refineAtFullSize;
+    float minRayRatio;
+    int contrast;
+};
+
+/// The same, and what was dropped.
+///
+/// @param drops  appended to: every blob that is no candidate, boxes in pixels of `fullImage`; may be null.
+void detectRadialContours(const RadialImages& images, const RadialSettings& settings,
+                          const std::vector<cv::Point2f>& rayDirections,
+                          const std::vector<cv::Point2f>& probeDirections, std::vector<SubpixelContour>& contours,
+                          Drops* drops);
 
 }  // namespace kestrune

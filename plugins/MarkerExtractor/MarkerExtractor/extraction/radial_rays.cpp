@@ -32,6 +32,13 @@ struct RayPlan {
     float coarseRadius(int i) const { return kCoarseStep * static_cast<float>(i) + start; }
 };
 
+/// How far the outer circle and a step leave the image, px.
+double reachBeyond(const cv::Mat& image, cv::Point2f centre, float rOut) {
+    const double room = std::min({static_cast<double>(centre.x), static_cast<double>(centre.y),
+                                  image.cols - 1.0 - centre.x, image.rows - 1.0 - centre.y});
+    return static_cast<double>(rOut) + kCoarseStep - room;
+}
+
 bool staysOnImage(const cv::Mat& image, cv::Point2f centre, float rOut) {
     // In this form a centre or radius that is not a number stays outside.
     return centre.x - rOut - kCoarseStep >= 0 && centre.y - rOut - kCoarseStep >= 0 &&
@@ -169,13 +176,13 @@ void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWi
     }
 }
 
-void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
-                       std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions, int dropThreshold,
-                       float minRayRatio) {
+RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
+                            std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
+                            int dropThreshold, float minRayRatio) {
     points.clear();
-    if (!staysOnImage(image, centre, rOut)) return;
+    if (!staysOnImage(image, centre, rOut)) return {reachBeyond(image, centre, rOut), 0};
     const float start = std::max(kLeastStart, rIn - kCoarseStep);
-    if (!(rOut + kCoarseStep >= start)) return;  // no room for a sample
+    if (!(rOut + kCoarseStep >= start)) return {};  // no room for a sample
     const int steps = static_cast<int>(std::floor((rOut + kCoarseStep - start) / kCoarseStep));
     const RayPlan plan = {image, centre, start, steps};
 
@@ -191,7 +198,8 @@ void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, floa
         radii[ray] = *radius;
         ++found;
     }
-    if (minRayRatio > static_cast<float>(found) / static_cast<float>(directions.size())) return;
+    const float bearing = static_cast<float>(found) / static_cast<float>(directions.size());
+    if (minRayRatio > bearing) return {0, bearing};
 
     medianFilterRadii(radii, kHalfWindow);
     rejectAndSmoothRadii(radii, kRadiusTolerance, kHalfWindow);
@@ -200,6 +208,7 @@ void searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, floa
         if (radius >= 0)
             points.emplace_back(radius * directions[ray].x + centre.x, radius * directions[ray].y + centre.y);
     }
+    return {0, bearing};
 }
 
 }  // namespace kestrune

@@ -46,7 +46,7 @@ void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const C
 }
 
 void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarkerExtractor& extractor,
-                        const CicrleConfigs& configs, std::vector<SubpixelContour>& contours) {
+                        const CicrleConfigs& configs, std::vector<SubpixelContour>& contours, Drops* drops) {
     fillDirections(extractor.rayDirections, kRays);
     fillDirections(extractor.probeDirections, kProbes);
     cv::Mat blurredFull = wrapScratch(extractor.scratchBlurFull, gray.size(), CV_8UC1);
@@ -55,26 +55,29 @@ void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarke
     cv::Mat labels = wrapScratch(extractor.scratchLabels, working.size(), CV_32SC1);
     // The size limit is an area here and is not divided by `scale`; the other front end takes it as a length and
     // divided.
-    detectRadialContours(working, gray, blurredFull, binary, fullBinary, labels, configs.sigma, configs.aperture,
-                         contours, extractor.rayDirections, extractor.probeDirections, configs.minContourSize,
-                         configs.thresholdC, configs.scale, configs.refineAtFullSize, configs.minRayRatio,
-                         configs.contrast);
+    detectRadialContours({working, gray, blurredFull, binary, fullBinary, labels},
+                         {configs.sigma, configs.aperture, configs.minContourSize, configs.thresholdC, configs.scale,
+                          configs.refineAtFullSize, configs.minRayRatio, configs.contrast},
+                         extractor.rayDirections, extractor.probeDirections, contours, drops);
 }
 
 }  // namespace
 
 std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
-                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs,
+                                            Drops* drops) {
     checkCall(image, corners, extractor, configs);
     const cv::Mat gray = greyOf(image, extractor);
     const cv::Mat working = reducedImage(gray, configs.scale, extractor);
     std::vector<SubpixelContour> contours;
     if (configs.useRadialContours) {
-        findRadialContours(gray, working, extractor, configs, contours);
+        findRadialContours(gray, working, extractor, configs, contours, drops);
     } else {
-        detectSubpixelContours(working, configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow,
-                               configs.cannyHigh, contours, configs.minContourSize / configs.scale, cv::RETR_TREE,
-                               configs.useThreads);
+        detectSubpixelContours(
+            working,
+            {configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow, configs.cannyHigh,
+             configs.minContourSize / configs.scale, cv::RETR_TREE, configs.useThreads},
+            contours, drops);
     }
     return contours;
 }
@@ -85,7 +88,7 @@ bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vecto
         markerRects.clear();
         return false;
     }
-    const std::vector<SubpixelContour> contours = simpleContours(image, corners, *this, configs);
+    const std::vector<SubpixelContour> contours = simpleContours(image, corners, *this, configs, nullptr);
     const LensModel lens = lensOf(*this, cameraIndex);
     MarkerList markers{corners, {}, 0};
     for (const SubpixelContour& contour : contours) {
