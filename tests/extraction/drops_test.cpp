@@ -45,7 +45,7 @@ TEST(Drops, EachCauseIsToldWithWhatWasMeasuredAndTheSettingsName) {
         {kRadial, speck, [](C& c) { c.minContourSize = 1; }, DropCause::kSide, 1, 3, "4 or more"},
         {kRadial, bar, [](C&) {}, DropCause::kElongation, 4, 8, "3 times"},
         {kRadial, disc, [](C& c) { c.contrast = 220; }, DropCause::kRingContrast, 60, 160, "contrast 220"},
-        {kRadial, half, [](C& c) { c.contrast = 115, c.thresholdC = -40; }, DropCause::kProbeContrast, 0.3, 0.79, "contrast 115"},
+        {kRadial, half, [](C& c) { c.contrast = 112, c.thresholdC = -40; }, DropCause::kProbeContrast, 0.3, 0.79, "contrast 112"},
         {kRadial, edge, [](C&) {}, DropCause::kBorder, 0.1, 20, "on the image"},
         {kRadial, edge, [](C& c) { c.scale = 2, c.refineAtFullSize = true; }, DropCause::kWindow, 1, 20, "refineAtFullSize"},
         {kEdgeBased, disc, [](C& c) { c.minDiameter = 190; }, DropCause::kPixels, 50, 759, "minDiameter 190"},
