@@ -190,6 +190,31 @@ void byCentres(const DigestScene& scene, Digest& digest) {
     digest.addAll(points), digest.addAll(left), digest.addAll(right);
 }
 
+/// Calibration members, markers carried into the rectified image, and the displacement of their centres.
+void camera(const DigestScene& scene, Digest& digest) {
+    CircleMarkerExtractor e = scene.calibrated;
+    for (const cv::Mat& member : {e.rotation, e.translation, e.fundamental, e.leftProjection, e.rightProjection,
+                                  e.leftRectification, e.rightRectification, e.disparityToDepth, e.leftTriangulation,
+                                  e.rightTriangulation, e.leftHomography, e.rightHomography})
+        for (const double value : cv::Mat_<double>(member)) digest.add(value);
+    for (const bool radial : {true, false}) {
+        std::vector<Corner> corners, rectified;
+        ExtractCircleMarker(scene.left, e, corners, 0, settings(radial, !radial, 1));
+        e.StereoRectifyCorners(corners, rectified, e.leftIntrinsic, e.leftDistortion, e.leftRectification,
+                               e.leftProjection, e.leftHomography);
+        digest.addAll(rectified);
+        for (Corner& corner : corners) {
+            cv::Mat none, position = (cv::Mat_<double>(3, 1) << corner.x - 300, corner.y - 200, -900);
+            double x = 0, y = 0, norm = 0;
+            e.correctedEccentricityAhn(none, position, corner.ellipse, x, y, norm, 1800, 4);
+            digest.add(x), digest.add(y), digest.add(norm);
+        }
+    }
+    e.SetTriangulationIntrinsicMatrix(e.leftIntrinsic, e.rightIntrinsic);
+    for (const Eigen::MatrixXd& m : {e.triangulationA, e.triangulationB, e.triangulationC, e.triangulationD})
+        for (Eigen::Index k = 0; k < m.size(); ++k) digest.add(m.data()[k]);
+}
+
 void depth(const DigestScene& scene, Digest& digest) {
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;
@@ -242,6 +267,7 @@ std::vector<std::pair<std::string, Operation>> operations() {
     list.emplace_back("stereo by centres", byCentres);
     list.emplace_back("fast and hand", plainPaths);
     list.emplace_back("depth", depth);
+    list.emplace_back("camera", camera);
     return list;
 }
 
