@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <limits>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/persistence.hpp>
 #include <vector>
 
 #include "inputs.h"
+#include "output_file.h"
 
 namespace kestrune::host {
 namespace {
@@ -305,9 +305,8 @@ void writeCalibration(const std::string& file, const StereoCalibration& calibrat
         storage << fmt::format("M{}", eye + 1) << camera.matrix << fmt::format("D{}", eye + 1) << camera.distortion;
     }
     storage << "R" << cv::Mat(turn(1) * turn(0).t()) << "T" << cv::Mat(turn(1) * (place(0) - place(1)));
-    std::ofstream stream(file, std::ios::binary);
-    stream << storage.releaseAndGetString();
-    if (!stream.flush()) throw InputError(file, "cannot be written");
+    const std::string text = storage.releaseAndGetString();
+    writeWhole(file, text.data(), text.size());
 }
 
 Camera asMatrices(const Camera_<double, 2, 2>& camera) {

@@ -38,7 +38,7 @@ struct StereoCalibration {
 /// @throws InputError  with a line for each field that is missing or wrong.
 StereoCalibration loadStereoCalibration(const std::string& file);
 
-/// Writes the rig in the form of OpenCV's stereo calibration. @throws InputError
+/// Writes the rig in the form of OpenCV's stereo calibration. @throws InputError, OutputError
 void writeCalibration(const std::string& file, const StereoCalibration& calibration);
 
 /// The camera in OpenCV's terms.

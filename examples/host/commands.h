@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <opencv2/core.hpp>
 #include <optional>
 #include <string>
@@ -12,15 +11,16 @@
 
 #include "calibration.h"
 #include "pixels.h"
+#include "run_files.h"
 #include "settings.h"
 #include "stereo_quality.h"
+#include "terminal.h"
 
 namespace kestrune::host {
 
 constexpr int kSuccess = 0;
-constexpr int kPartlyFailed = 1;   ///< an image could not be handled, or the demonstration missed its truth
-constexpr int kInterrupted = 130;  ///< ended by Ctrl-C, with what was done written
-constexpr int kWrongInput = 2;     ///< command line, settings, calibration or an output file; nothing was extracted
+constexpr int kPartlyFailed = 1;  ///< an image could not be handled, or the demonstration missed its truth
+constexpr int kWrongInput = 2;    ///< command line, settings, calibration or an output file; nothing was extracted
 
 /// How the images of one eye are taken and searched.
 struct SearchOptions {
@@ -29,6 +29,9 @@ struct SearchOptions {
     bool invert = false;
     int eye = 0;
     std::string calibration;  ///< empty: none
+
+    /// Names the files to the run's check.
+    void addTo(RunFiles& files) const;
 };
 
 /// That eye's camera; empty where no calibration was named. Complains of one that the settings make no use of.
@@ -90,11 +93,5 @@ int runDemo(const DemoOptions& options);
 
 /// Checks the files, or lists the fields where there are none.
 int runSettings(const std::vector<std::string>& files);
-
-/// Prints a line on standard error with the program's name before it.
-void complain(const std::string& text);
-
-/// Whether all that went to the table is in its file, or none was opened. Complains of one that is cut off.
-bool isWhole(std::ofstream& table, const std::string& file);
 
 }  // namespace kestrune::host

@@ -92,6 +92,10 @@ std::vector<Mark> marksAgainstTruth(const std::vector<Marker>& markers, const st
     return marks;
 }
 
+std::string overlayName(const Act& act, std::size_t eye, Path path) {
+    return fmt::format("{}{}-{}.png", act.prefix, kEyeNames[eye], nameOf(path));
+}
+
 struct Round {
     std::string row;
     bool perfect;
@@ -140,7 +144,8 @@ scene::Exposure renderScene(const DemoOptions& options, const Act& act) {
 }
 
 /// The first part: every path that can on both eyes of scattered markers.
-bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& folder, const fs::path& out) {
+bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& folder, const fs::path& out,
+                    const InterruptWatch& watch) {
     std::vector<Settings> contestants;
     contestants.reserve(act.contestants.size());
     for (const Contestant& contestant : act.contestants) contestants.push_back(demoSettings(folder, contestant));
@@ -158,8 +163,8 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
     Progress progress(contestants.size() * 2);
     for (const Settings& settings : contestants) {
         for (std::size_t eye = 0; eye < 2; ++eye) {
-            const fs::path overlay =
-                out / fmt::format("{}{}-{}.png", act.prefix, kEyeNames[eye], nameOf(settings.path));
+            if (watch.asked()) break;
+            const fs::path overlay = out / overlayName(act, eye, settings.path);
             progress.show(rows.size(), overlay.string());
             const Round round = play(settings, eye, exposure, calibration, overlay);
             rows.push_back(round.row);
@@ -169,18 +174,33 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
     }
     progress.clear();
 
-    fmt::print("rendered: {} x {} px, {} {}, seed {}\n\n", exposure.rig.left.size.width, exposure.rig.left.size.height,
-               exposure.markers.size(), act.markers, options.seed);
-    fmt::print("path     eye      truth  found  missed  false   centre RMS px   max px\n");
-    for (const std::string& row : rows) fmt::print("{}\n", row);
-    fmt::print(
+    say(fmt::format("rendered: {} x {} px, {} {}, seed {}\n\n", exposure.rig.left.size.width,
+                    exposure.rig.left.size.height, exposure.markers.size(), act.markers, options.seed));
+    say("path     eye      truth  found  missed  false   centre RMS px   max px\n");
+    for (const std::string& row : rows) say(row + "\n");
+    say(fmt::format(
         "\n(with the lens taken out, but for path fast)\nexposure and calibration: {0}/{1}left.png {0}/{1}right.png "
         "{0}/calibration.yaml\npictures to look at:\n",
-        out.string(), act.prefix);
-    for (const std::string& overlay : overlays) fmt::print("  {}\n", overlay);
-    fmt::print("\n");
-    std::fflush(stdout);
+        out.string(), act.prefix));
+    for (const std::string& overlay : overlays) say("  " + overlay + "\n");
+    say("\n");
     return perfect;
+}
+
+void nameFiles(const fs::path& folder, const fs::path& out) {
+    RunFiles files;
+    const auto writes = [&](const std::string& name) { files.writes("--out", (out / name).string()); };
+    writes("calibration.yaml");
+    for (const Act& act : kActs) {
+        for (std::size_t eye = 0; eye < 2; ++eye) {
+            writes(fmt::format("{}{}.png", act.prefix, kEyeNames[eye]));
+            for (const Contestant& contestant : act.contestants) writes(overlayName(act, eye, contestant.path));
+        }
+        for (const Contestant& contestant : act.contestants)
+            files.reads("--settings", (folder / contestant.file).string());
+    }
+    nameStereoFiles(files, folder, out);
+    files.check();
 }
 
 }  // namespace
@@ -188,11 +208,14 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
 int runDemo(const DemoOptions& options) {
     const fs::path folder = options.settings.empty() ? readySettings() : fs::path(options.settings);
     const fs::path out = options.out;
+    const InterruptWatch watch;
+    nameFiles(folder, out);
     fs::create_directories(out);
-    bool extracted = true;
-    for (const Act& act : kActs) extracted = demoExtraction(options, act, folder, out) && extracted;
-    const bool measured = demoStereo(options, folder, out);
-    return extracted && measured ? kSuccess : kPartlyFailed;
+    bool perfect = true;
+    for (const Act& act : kActs)
+        if (!watch.asked()) perfect = demoExtraction(options, act, folder, out, watch) && perfect;
+    if (!watch.asked()) perfect = demoStereo(options, folder, out, watch) && perfect;
+    return watch.exitCode(perfect ? kSuccess : kPartlyFailed, "the demonstration is not complete");
 }
 
 }  // namespace kestrune::host

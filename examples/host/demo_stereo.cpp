@@ -128,14 +128,13 @@ void printTable(const std::vector<Outcome>& outcomes) {
         {"radius error mean, mm", [&](const Outcome& o) { return number(o.score.radiusMean, "{:+.4f}"); }},
         {"radius error RMS, mm", [&](const Outcome& o) { return number(o.score.radiusRms, "{:.4f}"); }},
     };
-    fmt::print("{:<34}", "branch");
-    for (const Branch& branch : kBranches) fmt::print("{:>15}", branch.name);
-    fmt::print("\n");
+    std::string table = fmt::format("{:<34}", "branch");
+    for (std::size_t i = 0; i < outcomes.size(); ++i) table += fmt::format("{:>15}", kBranches[i].name);
     for (const auto& [name, figure] : rows) {
-        fmt::print("{:<34}", name);
-        for (const Outcome& outcome : outcomes) fmt::print("{:>15}", figure(outcome));
-        fmt::print("\n");
+        table += fmt::format("\n{:<34}", name);
+        for (const Outcome& outcome : outcomes) table += fmt::format("{:>15}", figure(outcome));
     }
+    say(table + "\n");
 }
 
 }  // namespace
@@ -156,7 +155,18 @@ StereoCalibration calibrationOf(const scene::Rig& rig) {
     return calibration;
 }
 
-bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::path& out) {
+void nameStereoFiles(RunFiles& files, const fs::path& settings, const fs::path& out) {
+    for (const char* name : {"stereo-left.png", "stereo-right.png", "stereo-calibration.yaml"})
+        files.writes("--out", (out / name).string());
+    for (const Branch& branch : kBranches) {
+        files.reads("--settings", (settings / branch.file).string());
+        for (const char* ending : {"", "-3d"})
+            files.writes("--out", (out / fmt::format("stereo-{}{}.png", branch.name, ending)).string());
+    }
+}
+
+bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::path& out,
+                const InterruptWatch& watch) {
     const cv::Size size = options.size.empty() ? kDefaultSize : options.size;
     Progress progress(kBranches.size() + 1);
     progress.show(0, "rendering");
@@ -168,29 +178,31 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
 
     std::vector<Outcome> outcomes;
     for (const Branch& branch : kBranches) {
+        if (watch.asked()) break;
         progress.show(outcomes.size() + 1, branch.name);
         outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration)));
         drawBranch(branch, exposure, calibration, outcomes.back(), out);
     }
     progress.clear();
+    if (outcomes.empty()) return false;
 
-    fmt::print(
+    say(fmt::format(
         "stereo: 2 x {} x {} px, {} markers of radius {:.3g} and {:.3g} mm on a curved object, {:.0f} mm across\n\n",
         size.width, size.height, exposure.markers.size(), kRadiiMm[0] * sizeFactor(size),
-        kRadiiMm[1] * sizeFactor(size), outcomes[0].score.objectSize);
+        kRadiiMm[1] * sizeFactor(size), outcomes[0].score.objectSize));
     printTable(outcomes);
-    fmt::print(
+    say(fmt::format(
         "\n(centre errors with the lens taken out; the conic branches measure the image of the disc's centre, the\n"
         "constellation branch the centre of its image)\n"
         "exposure and calibration: {0}/stereo-left.png {0}/stereo-right.png {0}/stereo-calibration.yaml\n"
         "pictures to look at:\n",
-        out.string());
-    for (const Branch& branch : kBranches)
-        fmt::print("  {0}/stereo-{1}.png\n  {0}/stereo-{1}-3d.png\n", out.string(), branch.name);
+        out.string()));
+    for (std::size_t i = 0; i < outcomes.size(); ++i)
+        say(fmt::format("  {0}/stereo-{1}.png\n  {0}/stereo-{1}-3d.png\n", out.string(), kBranches[i].name));
 
-    return std::ranges::all_of(outcomes, [](const Outcome& o) {
-        return o.score.missed.empty() && o.score.wrong.empty() && !o.score.matches.empty();
-    });
+    return outcomes.size() == kBranches.size() && std::ranges::all_of(outcomes, [](const Outcome& o) {
+               return o.score.missed.empty() && o.score.wrong.empty() && !o.score.matches.empty();
+           });
 }
 
 }  // namespace kestrune::host

@@ -6,6 +6,7 @@
 
 #include "calibration.h"
 #include "commands.h"
+#include "interrupt.h"
 
 namespace kestrune::host {
 
@@ -16,7 +17,12 @@ StereoCalibration calibrationOf(const scene::Rig& rig);
 /// prints the errors against the truth and writes the pictures.
 ///
 /// @param settings  folder of the bright-*.yaml files.
+/// @param watch     asked to end, it finishes the way under way.
 /// @return          whether both ways gave every pair and none that is wrong.
-bool demoStereo(const DemoOptions& options, const std::filesystem::path& settings, const std::filesystem::path& out);
+bool demoStereo(const DemoOptions& options, const std::filesystem::path& settings, const std::filesystem::path& out,
+                const InterruptWatch& watch);
+
+/// Names the files of that part to the check of the run.
+void nameStereoFiles(RunFiles& files, const std::filesystem::path& settings, const std::filesystem::path& out);
 
 }  // namespace kestrune::host

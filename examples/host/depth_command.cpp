@@ -3,13 +3,14 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 
 #include "commands.h"
 #include "csv.h"
 #include "inputs.h"
+#include "interrupt.h"
 #include "markers.h"
+#include "output_file.h"
 
 namespace kestrune::host {
 namespace {
@@ -68,35 +69,47 @@ void requireUndistorted(const DepthOptions& options, const Settings& settings, c
 }  // namespace
 
 int runDepth(const DepthOptions& options) {
+    const InterruptWatch watch;
+    RunFiles files;
+    files.reads("IMAGE", options.image);
+    files.reads("DEPTH", options.depth);
+    options.addTo(files);
+    files.writesTable("--csv", options.csv);
+    files.check();
     const Settings settings = loadSettings(options.settings, options.path);
     const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
     requireUndistorted(options, settings, camera);
-    std::ofstream csv;
-    openOutput(csv, options.csv);
-    csv << "id,x,y,X,Y,Z\n";
+    OutputFile csv;
+    csv.open(options.csv);
+    csv.stream() << "id,x,y,X,Y,Z\n";
+    csv.flush();
     try {
         const cv::Mat image = readImage(options.image, options.invert);
         const std::string assumed =
             CalibratedSize(options.calibration, camera.size, true).require(options.image, image.size());
         if (!assumed.empty()) complain(assumed);
         cv::Mat depth = readDepth(options.depth, options.depthScale, image.size());
+        if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
         CircleMarkerExtractor extractor;
         std::vector<Corner> corners = cornersOf(findMarkers(extractor, image, options.eye, camera, settings));
         const std::size_t found = corners.size();
         extractor.DetectFeaturePointsAndInterpolate_binocular(corners, depth, camera.matrix);
         for (const Corner& c : corners) {
-            csv << c.matchIndex;
+            csv.stream() << c.matchIndex;
             for (const double value : {c.x, c.y, c.position[0], c.position[1], c.position[2]})
-                csv << ',' << csvField(value);
-            csv << '\n';
+                csv.stream() << ',' << csvField(value);
+            csv.stream() << '\n';
         }
-        fmt::print("{}: {} markers, {} with a depth, {} dropped\n", options.image, found, corners.size(),
-                   found - corners.size());
+        csv.commitTable();
+        say(fmt::format("{}: {} markers, {} with a depth, {} dropped\n", options.image, found, corners.size(),
+                        found - corners.size()));
+    } catch (const OutputError&) {
+        throw;
     } catch (const std::exception& error) {
         complain(plainText(error, options.image));
         return kPartlyFailed;
     }
-    return isWhole(csv, options.csv) ? kSuccess : kPartlyFailed;
+    return watch.exitCode(kSuccess, "but all is done");
 }
 
 }  // namespace kestrune::host

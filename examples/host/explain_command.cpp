@@ -2,40 +2,52 @@
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "commands.h"
 #include "explanation.h"
 #include "inputs.h"
+#include "interrupt.h"
+#include "output_file.h"
 #include "overlay.h"
 
 namespace kestrune::host {
 
 int runExplain(const ExplainOptions& options) {
     namespace fs = std::filesystem;
+    const InterruptWatch watch;
+    RunFiles files;
+    files.reads("IMAGE", options.image);
+    options.addTo(files);
+    files.writesTable("--csv", options.csv);
+    files.writes("--out", options.out);
+    files.check();
     const Settings settings = loadSettings(options.settings, options.path);
     const Camera camera = loadCamera(options, settings);
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");
-    std::ofstream csv;
-    if (!options.csv.empty()) openOutput(csv, options.csv);
+    OutputFile csv;
+    csv.open(options.csv);
     try {
         const cv::Mat image = readImage(options.image, options.invert);
         CalibratedSize calibratedSize(options.calibration, camera.size, deliversUndistorted(settings));
         const std::string assumed = calibratedSize.require(options.image, image.size());
         if (!assumed.empty()) complain(assumed);
+        if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
         CircleMarkerExtractor extractor;
         const std::vector<Candidate> candidates = explainMarkers(extractor, image, options.eye, camera, settings);
-        if (csv.is_open()) writeExplanationCsv(csv, options.image, candidates);
+        if (csv.isOpen()) writeExplanationCsv(csv.stream(), options.image, candidates);
         const std::string title =
             fmt::format("{}   path {}", fs::path(options.image).filename().string(), nameOf(settings.path));
-        fmt::print("{}\n{}", title, explanationTable(candidates));
+        csv.commitTable();
+        say(fmt::format("{}\n{}", title, explanationTable(candidates)));
         if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title));
+    } catch (const OutputError&) {
+        throw;
     } catch (const std::exception& error) {
         complain(plainText(error, options.image));
         return kPartlyFailed;
     }
-    return isWhole(csv, options.csv) ? kSuccess : kPartlyFailed;
+    return watch.exitCode(kSuccess, "but all is done");
 }
 
 }  // namespace kestrune::host

@@ -2,12 +2,13 @@
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <fstream>
-#include <set>
+#include <utility>
 
 #include "commands.h"
 #include "inputs.h"
+#include "interrupt.h"
 #include "markers.h"
+#include "output_file.h"
 #include "overlay.h"
 #include "progress.h"
 
@@ -16,57 +17,58 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Gives each image of a run its own overlay file.
-class OverlayNames {
-  public:
-    OverlayNames(const std::string& file, bool many) : base_(file), many_(many) {
-        if (!file.empty() && base_.extension() != ".png") throw InputError(file, "an overlay is written as .png");
+/// The overlay of each image, none where none is asked for; checks all files of the run.
+std::vector<std::string> nameFiles(const ExtractOptions& options) {
+    RunFiles files;
+    files.reads("IMAGE", options.images);
+    options.addTo(files);
+    files.writesTable("--csv", options.csv);
+    std::vector<std::string> overlays;
+    if (!options.overlay.empty()) {
+        const fs::path base = options.overlay;
+        if (base.extension() != ".png") throw InputError(options.overlay, "an overlay is written as .png");
+        if (options.images.size() == 1) {
+            overlays = {options.overlay};
+            files.writes("--overlay", options.overlay);
+        }
+        for (std::size_t i = overlays.size(); i < options.images.size(); ++i) {
+            const std::string stem = base.stem().string() + "-" + fs::path(options.images[i]).stem().string();
+            const std::string name = files.claim("--overlay", base.parent_path(), stem, {".png"});
+            overlays.push_back((base.parent_path() / (name + ".png")).string());
+        }
     }
-
-    bool wanted() const { return !base_.empty(); }
-
-    std::string nextFor(const std::string& image) {
-        if (!many_) return base_.string();
-        const std::string stem = base_.stem().string() + "-" + fs::path(image).stem().string();
-        std::string name = stem;
-        for (int n = 2; !used_.insert(name).second; ++n) name = fmt::format("{}-{}", stem, n);
-        return (base_.parent_path() / (name + ".png")).string();
-    }
-
-  private:
-    fs::path base_;
-    bool many_;
-    std::set<std::string> used_;
-};
+    files.check();
+    return overlays;
+}
 
 /// What all images of a run share, checked before the first is opened.
 struct Run {
     explicit Run(const ExtractOptions& options)
-        : settings(loadSettings(options.settings, options.path)),
-          overlays(options.overlay, options.images.size() > 1),
+        : overlays(nameFiles(options)),
+          settings(loadSettings(options.settings, options.path)),
           eye(options.eye),
           invert(options.invert),
           camera(loadCamera(options, settings)),
           calibratedSize(options.calibration, camera.size, deliversUndistorted(settings)) {
-        if (!options.csv.empty()) {
-            openOutput(csv, options.csv);
-            writeCsvHeader(csv);
-        }
+        csv.open(options.csv);
+        if (csv.isOpen()) writeCsvHeader(csv.stream());
+        csv.flush();
     }
 
-    /// The line to print about the image. `assumed` tells what had to be, if anything.
-    std::string handle(const std::string& file) {
+    /// The line to print about an image. `assumed` tells what had to be, if anything.
+    std::string handle(const std::string& file, std::size_t index) {
         const cv::Mat image = readImage(file, invert);
+        ++read;
         assumed = calibratedSize.require(file, image.size());
         const std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings);
-        if (csv.is_open()) writeCsvRows(csv, file, markers, pixelsOf(settings, camera));
+        if (csv.isOpen()) writeCsvRows(csv.stream(), file, markers, pixelsOf(settings, camera));
+        csv.flush();
         std::string line = fmt::format("{}: {} markers", file, markers.size());
-        if (overlays.wanted()) {
-            const std::string overlay = overlays.nextFor(file);
-            writePicture(overlay, draw(file, image, markers));
-            line += ", overlay " + overlay;
+        if (!overlays.empty()) {
+            writePicture(overlays[index], draw(file, image, markers));
+            line += ", overlay " + overlays[index];
         }
-        return line;
+        return line + "\n";
     }
 
     cv::Mat draw(const std::string& file, const cv::Mat& image, const std::vector<Marker>& markers) const {
@@ -78,18 +80,35 @@ struct Run {
         return drawOverlay(imageBehind(image, camera, settings), marks, title, foundLegend(marks));
     }
 
+    std::vector<std::string> overlays;  ///< first, since naming them checks all files
     Settings settings;
-    OverlayNames overlays;
     int eye;
     bool invert;
     Camera camera;
     CalibratedSize calibratedSize;
     std::string assumed;
     CircleMarkerExtractor extractor;
-    std::ofstream csv;
+    OutputFile csv;
+    std::size_t read = 0;  ///< images that could be read
 };
 
+/// Puts the table in its place; one of no image at all would only hide what an earlier run left there.
+void finishTable(Run& run, const ExtractOptions& options, std::size_t done) {
+    if (!run.csv.isOpen()) return;
+    if (run.read == 0) {
+        complain(options.csv + ": not written, since no image was read");
+        return;
+    }
+    const std::size_t all = options.images.size();
+    run.csv.commitTable(done < all ? fmt::format("{} of {} images", done, all) : "");
+}
+
 }  // namespace
+
+void SearchOptions::addTo(RunFiles& files) const {
+    files.reads("--settings", settings);
+    files.reads("--calibration", calibration);
+}
 
 Camera loadCamera(const SearchOptions& options, const Settings& settings) {
     if (deliversUndistorted(settings) && settings.configs.cornersRectified)
@@ -111,25 +130,40 @@ Camera loadCamera(const SearchOptions& options, const Settings& settings) {
 }
 
 int runExtract(const ExtractOptions& options) {
+    const InterruptWatch watch;
     Run run(options);
+    const std::size_t all = options.images.size();
     std::size_t done = 0, failed = 0;
-    Progress progress(options.images.size());
-    for (const std::string& file : options.images) {
-        progress.show(done++, file);
+    std::string lost;  // why an output could not be written
+    Progress progress(all);
+    while (done < all && lost.empty() && !watch.asked()) {
+        const std::string& file = options.images[done];
+        progress.show(done, file);
+        std::string line, problem;
         try {
-            const std::string line = run.handle(file);
-            progress.clear();
-            if (!run.assumed.empty()) complain(run.assumed);
-            fmt::print("{}\n", line);
-            std::fflush(stdout);
+            line = run.handle(file, done);
+        } catch (const OutputError& error) {
+            lost = problem = error.what();
         } catch (const std::exception& error) {
-            progress.clear();
-            complain(plainText(error, file));
-            ++failed;
+            problem = plainText(error, file);
         }
+        ++done;
+        progress.clear();
+        if (!run.assumed.empty()) complain(std::exchange(run.assumed, {}));
+        say(line);
+        if (problem.empty()) continue;
+        complain(problem);
+        ++failed;
     }
-    if (failed > 0) complain(fmt::format("{} of {} images failed", failed, options.images.size()));
-    return isWhole(run.csv, options.csv) && failed == 0 ? kSuccess : kPartlyFailed;
+    try {
+        finishTable(run, options, done);
+    } catch (const OutputError& error) {
+        if (error.what() != lost) complain(error.what());
+        lost = error.what();
+    }
+    if (failed > 0) complain(fmt::format("{} of {} images failed", failed, all));
+    return watch.exitCode(failed == 0 && lost.empty() ? kSuccess : kPartlyFailed,
+                          fmt::format("{} of {} images are done", done, all));
 }
 
 }  // namespace kestrune::host

@@ -51,9 +51,4 @@ std::string plainText(const std::exception& error, const std::string& file) {
     return file + ": " + plainText(error);
 }
 
-void openOutput(std::ofstream& stream, const std::string& file) {
-    stream.open(file, std::ios::binary);
-    if (!stream) throw InputError(file, "cannot be written");
-}
-
 }  // namespace kestrune::host

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files that a run starts from, text and images, and those that it writes. Whatever is wrong is told with the
-// file's name.
+// The files that a run starts from, text and images. Whatever is wrong is told with the file's name.
 #pragma once
 
-#include <fstream>
 #include <opencv2/core.hpp>
 #include <opencv2/core/persistence.hpp>
 #include <stdexcept>
@@ -16,6 +14,7 @@ namespace kestrune::host {
 class InputError : public std::runtime_error {
   public:
     InputError(const std::string& file, const std::string& problem) : std::runtime_error(file + ": " + problem) {}
+    explicit InputError(const std::string& text) : std::runtime_error(text) {}
 };
 
 /// @throws InputError  for a file that cannot be read or is empty.
@@ -39,10 +38,5 @@ std::string plainText(const std::exception& error);
 
 /// The same of an exception that came up over a file, with the file's name before it.
 std::string plainText(const std::exception& error, const std::string& file);
-
-/// Opens a file to write to.
-///
-/// @throws InputError  where it cannot be written.
-void openOutput(std::ofstream& stream, const std::string& file);
 
 }  // namespace kestrune::host

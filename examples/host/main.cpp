@@ -4,18 +4,32 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <opencv2/core/utils/logger.hpp>
 
 #include "commands.h"
 #include "inputs.h"
+#include "output_file.h"
 
 namespace kestrune::host {
 namespace {
 
 // The scene needs room for a few markers, and the renderer memory for its accumulators.
 constexpr int kSmallestSide = 240, kLargestSide = 8192;
+
+// Below the notes of every command that writes.
+constexpr const char* kFileNotes =
+    "\nFiles: no output may be an input or another output. Each is written beside its place, as FILE.*.part, and takes "
+    "the\n"
+    "place when it is whole: an earlier one survives what fails. Nothing is written when no image could be read, and a "
+    "write\n"
+    "that fails ends the run. Ctrl-C or SIGTERM ends it after what is under way and writes what is done (exit code 130 "
+    "or\n"
+    "143); a CSV that lacks images then has FILE.incomplete beside it until it is written in full, JSON says "
+    "complete:\n"
+    "false, PLY has a comment. A second one kills.";
 
 constexpr const char* kExtractNotes =
     "CSV: one row a marker; x, y, half axes and fitError in px, angle of the major axis in degrees, area in px^2 (the\n"
@@ -65,9 +79,13 @@ void addExtract(CLI::App& app, ExtractOptions& options) {
     command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
     addSearch(command, options);
     command->add_option("--csv", options.csv, "write the markers as a table");
-    command->add_option("--overlay", options.overlay, "draw the markers; of several images, as FILE-<image>.png")
+    command
+        ->add_option(
+            "--overlay", options.overlay,
+            "draw the markers; of several images, as FILE-<image>.png, or FILE-<image>-overlay.png where one has that "
+            "name")
         ->option_text("FILE.png");
-    command->footer(kExtractNotes);
+    command->footer(std::string(kExtractNotes) + kFileNotes);
 }
 
 constexpr const char* kExplainNotes =
@@ -89,7 +107,7 @@ void addExplain(CLI::App& app, ExplainOptions& options) {
     addSearch(command, options);
     command->add_option("--out", options.out, "draw the candidates")->option_text("FILE.png");
     command->add_option("--csv", options.csv, "write all candidates as a table");
-    command->footer(kExplainNotes);
+    command->footer(std::string(kExplainNotes) + kFileNotes);
 }
 
 constexpr const char* kDepthNotes =
@@ -116,7 +134,7 @@ void addDepth(CLI::App& app, DepthOptions& options) {
         ->add_option("--depth-scale", options.depthScale,
                      "multiplies the depth image: 0.001 makes metres of whole millimetres; 1 without it")
         ->check(CLI::PositiveNumber);
-    command->footer(kDepthNotes);
+    command->footer(std::string(kDepthNotes) + kFileNotes);
 }
 
 constexpr const char* kMatchNotes =
@@ -147,7 +165,7 @@ void addMatch(CLI::App& app, MatchOptions& options) {
         ->transform(CLI::CheckedTransformer(kPixels))
         ->option_text("undistorted|distorted|rectified");
     command->add_option("--csv", options.csv, "write the pairs as a table")->required();
-    command->footer(kMatchNotes);
+    command->footer(std::string(kMatchNotes) + kFileNotes);
 }
 
 constexpr const char* kStereoNotes =
@@ -166,9 +184,10 @@ constexpr const char* kStereoNotes =
     "another rig leave a few pairs by chance.\n"
     "CSV: one row a marker, in the order of the exposures; a failed one has one row with its counts and the error.\n"
     "JSON: one record an exposure, failed ones with the error, and their pairs as rejected in place of markers.\n"
-    "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's.\n"
-    "Ctrl-C ends after the exposures under way and writes what is done; a second one kills.\n"
-    "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun, 130 after Ctrl-C.";
+    "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's, "
+    "or\n"
+    "NAME-overlay where an image of the run has such a name.\n"
+    "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun.";
 
 void addStereo(CLI::App& app, StereoOptions& options) {
     static const std::map<std::string, Path> kPaths = {
@@ -196,7 +215,7 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     command->add_option("--json", options.json, "write everything, failures included");
     command->add_option("--overlay", options.overlay, "folder for pictures of both eyes and of the points")
         ->option_text("DIR");
-    command->footer(kStereoNotes);
+    command->footer(std::string(kStereoNotes) + kFileNotes);
 }
 
 void addDemo(CLI::App& app, DemoOptions& options) {
@@ -223,7 +242,9 @@ void addDemo(CLI::App& app, DemoOptions& options) {
         ->capture_default_str();
     command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
     command->add_option("--settings", options.settings, "folder of the ready settings");
-    command->footer("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.");
+    command->footer(
+        std::string("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.") +
+        kFileNotes);
 }
 
 int run(int argc, char** argv) {
@@ -261,11 +282,11 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int runSettings(const std::vector<std::string>& files) {
-    if (files.empty()) fmt::print("{}", describeSettings());
+    if (files.empty()) say(describeSettings());
     int code = kSuccess;
     for (const std::string& file : files) {
         try {
-            fmt::print("{}: good for path {}\n", file, nameOf(loadSettings(file, {}).path));
+            say(fmt::format("{}: good for path {}\n", file, nameOf(loadSettings(file, {}).path)));
         } catch (const std::runtime_error& error) {
             complain(error.what());
             code = kWrongInput;
@@ -274,25 +295,23 @@ int runSettings(const std::vector<std::string>& files) {
     return code;
 }
 
-void complain(const std::string& text) {
-    fmt::print(stderr, "kestrune-measure: {}\n", text);
-}
-
-bool isWhole(std::ofstream& table, const std::string& file) {
-    if (!table.is_open() || table.flush()) return true;
-    complain(file + ": could not be written to its end");
-    return false;
-}
-
 }  // namespace kestrune::host
 
 int main(int argc, char** argv) {
     // Its reports about unreadable files would stand beside ours.
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+    // A limit on file sizes and a reader that left are told as what they are to a write: an error.
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+    using namespace kestrune::host;
+    int code = kWrongInput;
     try {
-        return kestrune::host::run(argc, argv);
+        code = run(argc, argv);
+    } catch (const OutputError& error) {
+        complain(error.what());
+        code = kPartlyFailed;
     } catch (const std::exception& error) {
-        kestrune::host::complain(kestrune::host::plainText(error));
-        return kestrune::host::kWrongInput;
+        complain(plainText(error));
     }
+    return saidAll() || code != kSuccess ? code : kPartlyFailed;
 }

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <fstream>
-
 #include "calibration.h"
 #include "commands.h"
 #include "corner_list.h"
 #include "csv.h"
 #include "inputs.h"
+#include "interrupt.h"
+#include "output_file.h"
 
 namespace kestrune::host {
 namespace {
@@ -62,30 +62,41 @@ cv::Mat loadFundamental(const std::string& file, CircleMarkerExtractor& rig) {
 }  // namespace
 
 int runMatch(const MatchOptions& options) {
+    const InterruptWatch watch;
+    RunFiles files;
+    files.reads("LEFT", options.left);
+    files.reads("RIGHT", options.right);
+    files.reads("--calibration", options.calibration);
+    files.reads("--fundamental", options.fundamental);
+    files.writesTable("--csv", options.csv);
+    files.check();
     const StereoCalibration calibration = loadStereoCalibration(options.calibration);
     std::vector<Corner> left = loadList(options.left, options, calibration.cameras[0]);
     std::vector<Corner> right = loadList(options.right, options, calibration.cameras[1]);
     CircleMarkerExtractor rig = takeIn(calibration, options.calibration);
     const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
-    std::ofstream csv;
-    openOutput(csv, options.csv);
+    OutputFile csv;
+    csv.open(options.csv);
+    csv.stream() << "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z\n";
+    csv.flush();
+    if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
     cv::Mat relativePose;
     cv::hconcat(rig.rotation, rig.translation, relativePose);
 
     std::vector<Point3_<double>> points;
     const auto pairs =
         getStereoMarker3dPoints(left, right, relativePose, rig.leftIntrinsic, rig.rightIntrinsic, fundamental, points);
-    csv << "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z\n";
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         const Corner& a = left[static_cast<std::size_t>(pairs[k].first)];
         const Corner& b = right[static_cast<std::size_t>(pairs[k].second)];
-        csv << k << ',' << a.matchIndex << ',' << b.matchIndex;
+        csv.stream() << k << ',' << a.matchIndex << ',' << b.matchIndex;
         for (const double value : {a.x, a.y, b.x, b.y, points[k].x, points[k].y, points[k].z})
-            csv << ',' << csvField(value);
-        csv << '\n';
+            csv.stream() << ',' << csvField(value);
+        csv.stream() << '\n';
     }
-    fmt::print("{} pairs of {} left and {} right markers\n", pairs.size(), left.size(), right.size());
-    return isWhole(csv, options.csv) && !pairs.empty() ? kSuccess : kPartlyFailed;
+    csv.commitTable();
+    say(fmt::format("{} pairs of {} left and {} right markers\n", pairs.size(), left.size(), right.size()));
+    return watch.exitCode(pairs.empty() ? kPartlyFailed : kSuccess, "but all is done");
 }
 
 }  // namespace kestrune::host

@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "inputs.h"
+#include "output_file.h"
 
 namespace kestrune::host {
 namespace {
@@ -345,13 +347,13 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
 }
 
 void writePicture(const std::string& file, const cv::Mat& picture) {
-    bool written = false;
+    std::vector<uchar> bytes;
     try {
-        written = cv::imwrite(file, picture);
+        cv::imencode(std::filesystem::path(file).extension().string(), picture, bytes);
     } catch (const cv::Exception& error) {
         throw InputError(file, plainText(error));
     }
-    if (!written) throw InputError(file, "cannot be written");
+    writeWhole(file, bytes.data(), bytes.size());
 }
 
 }  // namespace kestrune::host

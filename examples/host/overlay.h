@@ -69,7 +69,7 @@ cv::Mat drawMarks(const cv::Mat& image, const std::vector<Mark>& marks, int zoom
 cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
                     const Legend& legend, const MarkStyle& style = {});
 
-/// Writes a picture in the format of the file's extension. @throws InputError
+/// Writes a picture in the format of the file's extension. @throws InputError, OutputError
 void writePicture(const std::string& file, const cv::Mat& picture);
 
 }  // namespace kestrune::host

@@ -35,14 +35,15 @@ void Progress::show(std::size_t done, const std::string& current) {
         left =
             plainDuration(elapsed.count() * static_cast<double>(total_ - done) / static_cast<double>(done)) + " left ";
     }
-    fmt::print(stderr, "\r\033[K[{:#<{}}{:.<{}}] {}/{} {}{}", "", filled, "", kBarWidth - filled, done, total_, left,
-               name);
+    const std::string bar = fmt::format("\r\033[K[{:#<{}}{:.<{}}] {}/{} {}{}", "", filled, "", kBarWidth - filled, done,
+                                        total_, left, name);
+    std::fputs(bar.c_str(), stderr);
     std::fflush(stderr);
 }
 
 void Progress::clear() {
     if (!visible_) return;
-    fmt::print(stderr, "\r\033[K");
+    std::fputs("\r\033[K", stderr);
     std::fflush(stderr);
 }
 

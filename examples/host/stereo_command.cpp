@@ -2,18 +2,20 @@
 #include <fmt/format.h>
 #include <omp.h>
 
-#include <atomic>
-#include <csignal>
+#include <algorithm>
 #include <filesystem>
 #include <numeric>
+#include <optional>
 #include <set>
 #include <thread>
 
 #include "calibration.h"
 #include "commands.h"
 #include "inputs.h"
+#include "interrupt.h"
 #include "markers.h"
 #include "ordered_pool.h"
+#include "output_file.h"
 #include "progress.h"
 #include "stereo_output.h"
 #include "stereo_pictures.h"
@@ -22,27 +24,6 @@ namespace kestrune::host {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::atomic<bool> interrupted = false;
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may write nothing else");
-
-/// While it lives, the first interrupt asks the run to end; the second one kills as ever.
-class InterruptWatch {
-  public:
-    InterruptWatch() {
-        interrupted = false;
-        struct sigaction action {};
-        action.sa_handler = [](int) { interrupted = true; };
-        action.sa_flags = SA_RESETHAND | SA_RESTART;
-        sigaction(SIGINT, &action, &before_);
-    }
-    InterruptWatch(const InterruptWatch&) = delete;
-    InterruptWatch& operator=(const InterruptWatch&) = delete;
-    ~InterruptWatch() { sigaction(SIGINT, &before_, nullptr); }
-
-  private:
-    struct sigaction before_ {};
-};
 
 /// Names the exposures after their left images, each once.
 std::vector<ExposureNames> nameExposures(const StereoOptions& options) {
@@ -61,6 +42,25 @@ std::vector<ExposureNames> nameExposures(const StereoOptions& options) {
     return names;
 }
 
+/// Names the pictures of each exposure, none where none are asked for; checks all files of the run.
+std::vector<std::string> namePictures(const StereoOptions& options, const std::vector<ExposureNames>& names) {
+    RunFiles files;
+    files.reads("--left", options.left);
+    files.reads("--right", options.right);
+    files.reads("--settings", options.settings);
+    files.reads("--calibration", options.calibration);
+    files.writesTable("--csv", options.csv);
+    files.writes("--ply", options.ply);
+    files.writes("--json", options.json);
+    std::vector<std::string> pictures;
+    if (!options.overlay.empty()) {
+        for (const ExposureNames& exposure : names)
+            pictures.push_back(files.claim("--overlay", options.overlay, exposure.name, {".png", "-3d.png"}));
+    }
+    files.check();
+    return pictures;
+}
+
 /// That of the first image which can be read.
 cv::Size sizeOfImages(const StereoOptions& options) {
     for (const std::string& file : options.left) {
@@ -74,13 +74,16 @@ cv::Size sizeOfImages(const StereoOptions& options) {
 
 struct Measured {
     StereoResult result;
-    std::string lostPicture;  ///< why there is no picture of it; empty if there is one or none was asked for
+    std::string lostPicture;          ///< why there is no picture of it; empty if there is one or none was asked for
+    bool unreadable = false;          ///< an image could not be read
+    std::optional<OutputError> lost;  ///< why its pictures could not be written
 };
 
 /// What all exposures share, checked before the first is opened.
 struct Run {
-    explicit Run(const StereoOptions& options)
-        : settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
+    Run(const StereoOptions& options, const std::vector<ExposureNames>& names)
+        : pictures(namePictures(options, names)),
+          settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
           calibration(loadStereoCalibration(options.calibration)),
           invert(options.invert),
           minShare(options.minShare),
@@ -89,14 +92,18 @@ struct Run {
         if (!options.overlay.empty()) fs::create_directories(overlays);
     }
 
-    Measured measure(const ExposureNames& names, CircleMarkerExtractor& extractor) const {
+    Measured measure(const ExposureNames& names, std::size_t index, CircleMarkerExtractor& extractor) const {
         Measured measured;
         std::string* problem = &measured.result.failure;
+        measured.unreadable = true;
         try {
             const auto images = readExposure(names.left, names.right, invert, calibration.size);
+            measured.unreadable = false;
             measured.result = measureExposure(extractor, images, settings, minShare);
             problem = &measured.lostPicture;  // the points stay
-            if (!overlays.empty()) draw(names.name, images, measured.result);
+            if (!overlays.empty()) draw(names.name, pictures[index], images, measured.result);
+        } catch (const OutputError& error) {
+            measured.lost = error;
         } catch (const std::exception& error) {
             *problem = plainText(error);
         }
@@ -114,11 +121,12 @@ struct Run {
         return pairs;
     }
 
-    void draw(const std::string& name, const std::array<cv::Mat, 2>& images, const StereoResult& result) const {
+    void draw(const std::string& name, const std::string& picture, const std::array<cv::Mat, 2>& images,
+              const StereoResult& result) const {
         std::array<cv::Mat, 2> behind;
         for (std::size_t eye = 0; eye < 2; ++eye)
             behind[eye] = imageBehind(images[eye], asMatrices(calibration.cameras[eye]), settings);
-        writePicture((overlays / (name + ".png")).string(),
+        writePicture((overlays / (picture + ".png")).string(),
                      drawPairs(behind, result, pictureTitle(name, result), {}, untrusted(result)));
         if (!result.failure.empty()) return;
         std::vector<ViewDisc> discs;
@@ -126,10 +134,11 @@ struct Run {
         for (const StereoMarker& m : result.markers) nearest = std::min(nearest, m.point[2]);
         for (const StereoMarker& m : result.markers)
             discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
-        writePicture((overlays / (name + "-3d.png")).string(),
+        writePicture((overlays / (picture + "-3d.png")).string(),
                      drawView(discs, {name + "   markers in space", "behind the nearest", ""}));
     }
 
+    std::vector<std::string> pictures;  ///< first, since naming them checks all files
     Settings settings;
     StereoCalibration calibration;
     bool invert;
@@ -155,8 +164,9 @@ std::size_t workerCount(int jobs) {
 int runStereo(const StereoOptions& options) {
     if (!(options.minShare >= 0 && options.minShare <= 1))
         throw InputError("--min-share", fmt::format("{} is no share of 0 to 1", options.minShare));
+    const InterruptWatch watch;
     const std::vector<ExposureNames> names = nameExposures(options);
-    const Run run(options);
+    const Run run(options, names);
     StereoOutput output({options.csv, options.ply, options.json},
                         {options.calibration, options.settings, nameOf(run.settings.path),
                          run.settings.configs.outputRectified ? "rectified left" : "left camera"},
@@ -165,38 +175,47 @@ int runStereo(const StereoOptions& options) {
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());
     std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));
     Progress progress(names.size());
-    std::size_t failed = 0;
-    const InterruptWatch watch;
+    std::size_t done = 0, read = 0, failed = 0;
     const auto work = [&](std::size_t index, std::size_t worker) {
         // One thread an exposure; the parallel loops of the matching would only get in each other's way.
         if (workers > 1) omp_set_num_threads(1);
-        return run.measure(names[index], extractors[worker]);
+        return run.measure(names[index], index, extractors[worker]);
     };
     const auto deliver = [&](std::size_t index, const Measured& measured) {
         const ExposureNames& exposure = names[index];
         const StereoResult& result = measured.result;
-        output.add(exposure, result);
+        ++done;
+        read += measured.unreadable ? 0 : 1;
         progress.clear();
-        if (result.failure.empty()) {
-            fmt::print("{}: {}\n", exposure.name, summaryOf(result));
-            std::fflush(stdout);
-        } else {
+        if (result.failure.empty())
+            say(fmt::format("{}: {}\n", exposure.name, summaryOf(result)));
+        else
             complain(fmt::format("{} ({}, {}): {}", exposure.name, exposure.left, exposure.right, result.failure));
-        }
         if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
         if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
+        output.add(exposure, result);
+        if (measured.lost) throw OutputError(*measured.lost);
     };
-    const std::size_t done = inOrder<Measured>(
-        names.size(), workers, interrupted, work, deliver,
-        [&](std::size_t finished) { progress.show(finished, names[std::min(finished, names.size() - 1)].name); });
+    std::set<std::string> lost;  // why outputs could not be written
+    try {
+        inOrder<Measured>(names.size(), workers, watch.asked(), work, deliver, [&](std::size_t finished) {
+            progress.show(finished, names[std::min(finished, names.size() - 1)].name);
+        });
+    } catch (const OutputError& error) {
+        lost.insert(error.what());
+    }
     progress.clear();
 
-    const std::vector<std::string> lost = output.close(done < names.size());
-    for (const std::string& file : lost) complain(file + ": could not be written to its end");
-    if (done < names.size()) complain(fmt::format("interrupted: {} of {} exposures are done", done, names.size()));
+    const std::string held =
+        done < names.size() || !lost.empty() ? fmt::format("{} of {} exposures", done, names.size()) : "";
+    if (read > 0)
+        lost.merge(output.close(held));
+    else if (!(options.csv + options.ply + options.json).empty())
+        complain("no table is written, since no exposure was read");
+    for (const std::string& reason : lost) complain(reason);
     if (failed > 0) complain(fmt::format("{} of {} exposures failed", failed, names.size()));
-    if (done < names.size()) return kInterrupted;
-    return failed == 0 && lost.empty() ? kSuccess : kPartlyFailed;
+    return watch.exitCode(failed == 0 && lost.empty() ? kSuccess : kPartlyFailed,
+                          fmt::format("{} of {} exposures are done", done, names.size()));
 }
 
 }  // namespace kestrune::host

@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include "csv.h"
-#include "inputs.h"
 
 namespace kestrune::host {
 namespace {
@@ -16,10 +15,6 @@ using nlohmann::json;
 
 /// Fields of a row that tell of one marker, after the exposure's name.
 constexpr int kMarkerFields = 15;
-
-void open(std::ofstream& stream, const std::string& file) {
-    if (!file.empty()) openOutput(stream, file);
-}
 
 /// File names may hold any bytes; what is no UTF-8 is replaced.
 std::string dump(const json& value) {
@@ -37,32 +32,33 @@ json listOf(const cv::Vec3d& v) {
 }  // namespace
 
 StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals)
-    : files_(files), withNormals_(withNormals) {
-    open(csv_, files.csv);
-    open(ply_, files.ply);
-    open(json_, files.json);
-    if (csv_.is_open()) {
-        csv_ << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,"
-                "rowResidual,leftResidual,rightResidual,leftMarkers,rightMarkers,pairs,leftUnmatched,rightUnmatched,"
-                "error\n";
+    : withNormals_(withNormals) {
+    csv_.open(files.csv);
+    ply_.open(files.ply);
+    json_.open(files.json);
+    if (csv_.isOpen()) {
+        csv_.stream() << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,"
+                         "rowResidual,leftResidual,rightResidual,leftMarkers,rightMarkers,pairs,leftUnmatched,"
+                         "rightUnmatched,error\n";
         csv_.flush();
     }
-    if (json_.is_open()) {
-        json_ << "{\n";
+    if (json_.isOpen()) {
+        json_.stream() << "{\n";
         for (const auto& [key, value] : {std::pair("calibration", run.calibration),
                                          {"settings", run.settings},
                                          {"path", run.path},
                                          {"frame", run.frame}}) {
-            json_ << dump(key) << ": " << dump(value) << ",\n";
+            json_.stream() << dump(key) << ": " << dump(value) << ",\n";
         }
-        json_ << "\"exposures\": [";
+        json_.stream() << "\"exposures\": [";
+        json_.flush();
     }
 }
 
 void StereoOutput::add(const ExposureNames& names, const StereoResult& result) {
-    if (csv_.is_open()) addRows(names.name, result);
-    if (json_.is_open()) addRecord(names, result);
-    if (ply_.is_open()) addVertices(result);
+    if (csv_.isOpen()) addRows(names.name, result);
+    if (json_.isOpen()) addRecord(names, result);
+    if (ply_.isOpen()) addVertices(result);
     ++exposures_;
 }
 
@@ -70,18 +66,18 @@ void StereoOutput::addRows(const std::string& exposure, const StereoResult& resu
     const std::string counts =
         fmt::format(",{},{},{},{},{},{}\n", result.found[0], result.found[1], result.markers.size(),
                     result.unmatched[0].size(), result.unmatched[1].size(), csvField(result.failure));
-    if (!result.failure.empty()) csv_ << csvField(exposure) << std::string(kMarkerFields, ',') << counts;
+    if (!result.failure.empty()) csv_.stream() << csvField(exposure) << std::string(kMarkerFields, ',') << counts;
     for (std::size_t pair = 0; result.failure.empty() && pair < result.markers.size(); ++pair) {
         const StereoMarker& m = result.markers[pair];
-        csv_ << csvField(exposure) << ',' << pair;
+        csv_.stream() << csvField(exposure) << ',' << pair;
         for (const double value :
              {m.pixel[0].x, m.pixel[0].y, m.pixel[1].x, m.pixel[1].y, m.point[0], m.point[1], m.point[2], m.normal[0],
               m.normal[1], m.normal[2], m.radius, m.residuals.row, m.residuals.eye[0], m.residuals.eye[1]}) {
-            csv_ << ',' << csvField(value);
+            csv_.stream() << ',' << csvField(value);
         }
-        csv_ << counts;
+        csv_.stream() << counts;
     }
-    csv_.flush();  // what is done stays, however the run ends
+    csv_.flush();  // a full disk is noticed here
 }
 
 void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& result) {
@@ -108,7 +104,7 @@ void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& res
         markers.push_back(std::move(marker));
     }
     record[result.failure.empty() ? "markers" : "rejected"] = std::move(markers);
-    json_ << (exposures_ == 0 ? "\n" : ",\n") << dump(record);
+    json_.stream() << (exposures_ == 0 ? "\n" : ",\n") << dump(record);
     json_.flush();
 }
 
@@ -123,23 +119,34 @@ void StereoOutput::addVertices(const StereoResult& result) {
     }
 }
 
-void StereoOutput::writePly() {
-    ply_ << "ply\nformat ascii 1.0\nelement vertex " << vertexCount_ << '\n';
-    for (const char* name : {"x", "y", "z"}) ply_ << "property double " << name << '\n';
+void StereoOutput::writePly(const std::string& held) {
+    ply_.stream() << "ply\nformat ascii 1.0\n";
+    if (!held.empty()) ply_.stream() << "comment not complete: " << held << '\n';
+    ply_.stream() << "element vertex " << vertexCount_ << '\n';
+    for (const char* name : {"x", "y", "z"}) ply_.stream() << "property double " << name << '\n';
     if (withNormals_)
-        for (const char* name : {"nx", "ny", "nz", "radius"}) ply_ << "property double " << name << '\n';
-    ply_ << "property int exposure\nproperty int pair\nend_header\n" << vertices_;
+        for (const char* name : {"nx", "ny", "nz", "radius"}) ply_.stream() << "property double " << name << '\n';
+    ply_.stream() << "property int exposure\nproperty int pair\nend_header\n" << vertices_;
 }
 
-std::vector<std::string> StereoOutput::close(bool interrupted) {
-    if (json_.is_open()) json_ << "\n],\n\"complete\": " << (interrupted ? "false" : "true") << "\n}\n";
-    if (ply_.is_open()) writePly();
-    std::vector<std::string> lost;
-    for (const auto& [stream, file] : {std::pair(&csv_, &files_.csv), {&ply_, &files_.ply}, {&json_, &files_.json}}) {
-        if (!stream->is_open()) continue;
-        stream->close();
-        if (stream->fail()) lost.push_back(*file);
-    }
+std::set<std::string> StereoOutput::close(const std::string& held) {
+    std::set<std::string> lost;
+    const auto attempt = [&](const auto& finish) {
+        try {
+            finish();
+        } catch (const std::runtime_error& error) {
+            lost.insert(error.what());
+        }
+    };
+    attempt([&] { csv_.commitTable(held); });
+    attempt([&] {
+        if (json_.isOpen()) json_.stream() << "\n],\n\"complete\": " << (held.empty() ? "true" : "false") << "\n}\n";
+        json_.commit();
+    });
+    attempt([&] {
+        if (ply_.isOpen()) writePly(held);
+        ply_.commit();
+    });
     return lost;
 }
 

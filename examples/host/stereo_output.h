@@ -5,10 +5,10 @@
 #pragma once
 
 #include <cstddef>
-#include <fstream>
+#include <set>
 #include <string>
-#include <vector>
 
+#include "output_file.h"
 #include "stereo_exposure.h"
 
 namespace kestrune::host {
@@ -28,25 +28,27 @@ struct ExposureNames {
 
 class StereoOutput {
   public:
-    /// Opens the files and writes what stands before the first exposure. @throws InputError
+    /// Opens the files and writes what stands before the first exposure. @throws InputError, OutputError
     StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals);
 
     /// Appends an exposure. Of a failed one the tables tell the reason and the counts; its pairs, if there are any,
-    /// stand in the JSON alone, under a name of their own.
+    /// stand in the JSON alone, under a name of their own. @throws OutputError
     void add(const ExposureNames& names, const StereoResult& result);
 
-    /// Completes the files. @return  those that could not be written to their end.
-    std::vector<std::string> close(bool interrupted);
+    /// Completes the files and puts them in their places.
+    ///
+    /// @param held  what incomplete ones hold; empty: they are complete.
+    /// @return      why some could not be written.
+    std::set<std::string> close(const std::string& held);
 
   private:
     void addRows(const std::string& exposure, const StereoResult& result);
     void addRecord(const ExposureNames& names, const StereoResult& result);
     void addVertices(const StereoResult& result);
-    void writePly();
+    void writePly(const std::string& held);
 
-    StereoFiles files_;
     bool withNormals_;
-    std::ofstream csv_, ply_, json_;
+    OutputFile csv_, ply_, json_;
     std::string vertices_;
     std::size_t exposures_ = 0, vertexCount_ = 0;
 };

@@ -67,7 +67,7 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     expectOutcome(common + "--left a.png --right a-right.png --path simple", 2, "path simple measures in the reduced image");
     const auto [interrupted, told] =
         shell(KESTRUNE_MEASURE " " + common +
-              "--left $(yes a.png | head -2000) --right $(yes a-right.png | head -2000) > told & for i in $(seq 1000); do grep -qs a-2, t.csv && "
+              "--left $(yes a.png | head -2000) --right $(yes a-right.png | head -2000) > told & for i in $(seq 1000); do grep -qs a-2: told && "
               "break; sleep 0.05; done; kill -INT $!; wait $!");
     EXPECT_EQ(interrupted, 130) << told;
     const auto part = nlohmann::json::parse(readText("t.json"));
