@@ -153,6 +153,24 @@ TEST(Gradient, BoxesHaveTheWidthsOfTheSigmaAndSeeNothingAroundAWindow) {
     }
 }
 
+TEST(Gradient, AWindowIsSmoothedAsAPartOfItsImage) {
+    cv::RNG rng(8);
+    for (const int type : {CV_8UC1, CV_16UC1}) {
+        cv::Mat image(97, 203, type), whole, part;
+        rng.fill(image, cv::RNG::UNIFORM, 0, type == CV_8UC1 ? 256 : 65536);
+        for (const float sigma : {0.0f, 1.0f, 2.0f, 3.4f, 5.0f, 9.0f}) {
+            fastGaussianApprox(image, whole, sigma);
+            for (int round = 0; round < 60; ++round) {
+                const cv::Point from(rng.uniform(0, 203), rng.uniform(0, 97)), to(rng.uniform(0, 203), rng.uniform(0, 97));
+                const cv::Rect window(from, to + cv::Point(from.x == to.x, from.y == to.y));
+                std::vector<std::uint16_t> storage(static_cast<std::size_t>(rng.uniform(0, 203 * 97)), 7777);
+                fastGaussianOfWindow(image, window, part, sigma, storage);
+                ASSERT_TRUE(sameBits(part, whole(window))) << sigma << ' ' << window;
+            }
+        }
+    }
+}
+
 TEST(Gradient, WrongTypesRaiseTheAssertionOfTheRoutine) {
     const cv::Mat bytes(9, 9, CV_8UC1, cv::Scalar(1)), floats(9, 9, CV_32FC1, cv::Scalar(1)), narrow(9, 8, CV_32FC1), pairs(9, 9, CV_8UC2);
     cv::Mat a, b, c, mask;
@@ -189,9 +207,10 @@ TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
         }
         Edges e(image.size(), true);
         EdgeWindow window = {place(image.size(), CV_16UC1, true), e.grad, e.dx, e.dy, place(image.size(), CV_8UC1, true, 127)};
-        WindowScratch scratch;
+        std::vector<std::uint16_t> smoothing;
+        WindowScratch scratch(smoothing);
         const float percentile = rng.uniform(0.5f, 1.0f);
-        const cv::Rect box = thinEdges(image, window, 1, percentile, 0.95f, scratch);
+        const cv::Rect box = thinEdges(image, cv::Rect({}, image.size()), window, 1, percentile, 0.95f, scratch);
         // The same by labels: strong and weak pixels in one component with a strong one, thinned as a whole.
         cv::Mat blur, marks = cv::Mat::zeros(image.size(), CV_8UC1), labels, expected;
         Edges w(image.size(), false);

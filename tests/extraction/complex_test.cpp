@@ -46,12 +46,22 @@ TEST(ComplexPath, BrightAndDarkDiscsAreMeasuredAndARingHasTwoRims) {
     }
 }
 
-/// The working images of one disc with a rim at radius 15, bright inside by `step` grey levels.
-RimImages discImages(double step) {
+TEST(ComplexPath, ADiscBesideAnotherIsMeasuredAsIfItWereAlone) {
+    cv::Mat image = discImage({160, 100}, {50.3, 50.2}, 15);
+    addDisc(image, {90.3, 50.2}, 15);
+    CicrleConfigs configs = rimConfigs();
+    configs.sigma = 2;
+    const Found found(image, configs);
+    ASSERT_EQ(found.corners.size(), 2u);
+    for (const Corner& c : found.corners) EXPECT_LT(std::hypot(c.x - (c.x < 70 ? 50.3 : 90.3), c.y - 50.2), 0.01);
+}
+
+/// The working images of one disc with a rim at radius `rim`, bright inside by `step` grey levels.
+RimImages discImages(double step, double rim = 15) {
     const cv::Size size(90, 80);
     const auto radius = [](int x, int y) { return std::hypot(x - 45, y - 40); };
-    const auto grey = [&](int x, int y) { return 256 * (100 + step * 0.5 * std::erfc((radius(x, y) - 15) / std::sqrt(2.0))); };
-    const auto slope = [&](int x, int y) { return step * std::exp(-0.5 * std::pow(radius(x, y) - 15, 2)); };
+    const auto grey = [&](int x, int y) { return 256 * (100 + step * 0.5 * std::erfc((radius(x, y) - rim) / std::sqrt(2.0))); };
+    const auto slope = [&](int x, int y) { return step * std::exp(-0.5 * std::pow(radius(x, y) - rim, 2)); };
     return {imageOf<std::uint16_t>(size, grey), imageOf<float>(size, [&](int x, int y) { return std::abs(slope(x, y)); }),
             imageOf<float>(size, [&](int x, int y) { return -slope(x, y) * (x - 45) / std::max(radius(x, y), 1.0); }),
             imageOf<float>(size, [&](int x, int y) { return -slope(x, y) * (y - 40) / std::max(radius(x, y), 1.0); })};
@@ -138,6 +148,15 @@ TEST(ComplexPath, TheSecondStageMeasuresAndHoldsTheAreaToFourTimesTheSquare) {
         EXPECT_LT(std::hypot(verdict.marker.x - 45, verdict.marker.y - 40), 0.01) << what;
         EXPECT_NEAR(verdict.marker.ellipse.size.width, 30, 0.1) << what;
     }
+}
+
+TEST(ComplexPath, TheLastFitDoesNotSeeTheOrderOfThePoints) {
+    const RimImages images = discImages(60, 25);
+    std::vector<cv::Point> points = circlePixels(25, 160), byRows = points;
+    std::ranges::sort(byRows, {}, [](cv::Point p) { return std::pair(p.y, p.x); });
+    const Corner expected = measureRim(points, images, rimConfigs(), {}).marker, actual = measureRim(byRows, images, rimConfigs(), {}).marker;
+    EXPECT_TRUE(same(actual.ellipse, expected.ellipse));
+    EXPECT_EQ(actual.contour, refineContourOnGradient(byRows, images.grad.ptr<float>(), 80, 90));
 }
 
 TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesTheBetterFit) {

@@ -114,8 +114,9 @@ void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv:
                              std::vector<std::vector<cv::Point>>& candidates, float sigma, int aperture, int thresholdC,
                              int scale, float edgePercentile, float nmsFactor, float minAxisRatio, int minDiameter,
                              int maxDiameter) {
+    std::vector<std::uint16_t> smoothing;
     detectEllipseCandidates(
-        {image, fullImage, blur16U, img_grad, img_dx, img_dy, binary, edge_mask, labels},
+        {image, fullImage, blur16U, img_grad, img_dx, img_dy, binary, edge_mask, labels, smoothing},
         {sigma, aperture, thresholdC, scale, edgePercentile, nmsFactor, minAxisRatio, minDiameter, maxDiameter},
         candidates, nullptr);
 }
@@ -141,7 +142,7 @@ void detectEllipseCandidates(const CandidateImages& images, const CandidateSetti
     const int count =
         cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kConnectivity, CV_32S);
 
-    WindowScratch scratch;
+    WindowScratch scratch(images.smoothing);
     for (int label = 1; label < count; ++label) {  // 0 is the background
         const int* const blob = stats.ptr<int>(label);
         const cv::Rect blobBox = windowOf(blob, settings.scale, 0, fullImage.size());
@@ -154,7 +155,7 @@ void detectEllipseCandidates(const CandidateImages& images, const CandidateSetti
         EdgeWindow window = {images.blur16U(rect), images.grad(rect), images.dx(rect), images.dy(rect),
                              images.edgeMask(rect)};
         const cv::Rect box =
-            thinEdges(fullImage(rect), window, settings.sigma, settings.edgePercentile, settings.nmsFactor, scratch);
+            thinEdges(fullImage, rect, window, settings.sigma, settings.edgePercentile, settings.nmsFactor, scratch);
         const std::size_t before = candidates.size();
         std::size_t longest = 0;
         if (!box.empty()) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -51,6 +52,7 @@ struct CandidateImages {
     cv::Mat& binary;
     cv::Mat& edgeMask;
     cv::Mat& labels;
+    std::vector<std::uint16_t>& smoothing;  ///< scratch of `fastGaussianOfWindow`
 };
 struct CandidateSettings {
     float sigma;

@@ -43,10 +43,10 @@ void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& 
 
 }  // namespace
 
-cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
-                   WindowScratch& scratch) {
+cv::Rect thinEdges(const cv::Mat& image, const cv::Rect& place, EdgeWindow& window, float sigma, float percentile,
+                   float nmsFactor, WindowScratch& scratch) {
     window.mask.setTo(0);
-    fastGaussianApprox(source, window.blur16U, sigma);
+    fastGaussianOfWindow(image, place, window.blur16U, sigma, scratch.smoothing);
     float min = 0, max = 0;
     calc_gradient(window.blur16U, window.grad, window.dx, window.dy, min, max);
     const float threshold = calc_stable_edge_threshold(window.grad, min, max, percentile);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -13,6 +14,8 @@ struct EdgeWindow {
 
 /// Lists whose storage goes from window to window.
 struct WindowScratch {
+    explicit WindowScratch(std::vector<std::uint16_t>& smooth) : smoothing(smooth) {}
+    std::vector<std::uint16_t>& smoothing;  ///< of `fastGaussianOfWindow`
     std::vector<int> strong, weak;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Vec4i> hierarchy;
@@ -21,10 +24,11 @@ struct WindowScratch {
 /// Edges of a window, one pixel wide: smoothing, gradient, a threshold at `percentile` of the window's magnitudes with
 /// hysteresis down to half of it, non-maximum suppression, and thinning after Zhang and Suen.
 ///
-/// @param source  `CV_8UC1`: the window of the image.
+/// @param image   `CV_8UC1`, the whole of it: what lies around the window is smoothed into it.
+/// @param place   of the window in the image.
 /// @param window  results; `mask` is 255 on edges and 0 elsewhere.
 /// @return        box of the window outside of which there is no edge, one pixel wider than need be; empty for none.
-cv::Rect thinEdges(const cv::Mat& source, EdgeWindow& window, float sigma, float percentile, float nmsFactor,
-                   WindowScratch& scratch);
+cv::Rect thinEdges(const cv::Mat& image, const cv::Rect& place, EdgeWindow& window, float sigma, float percentile,
+                   float nmsFactor, WindowScratch& scratch);
 
 }  // namespace kestrune

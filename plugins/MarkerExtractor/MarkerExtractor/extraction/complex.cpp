@@ -66,11 +66,13 @@ RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners
     RimImages images = {
         wrapScratch(extractor.scratchBlur16, size, CV_16UC1), wrapScratch(extractor.scratchGrad, size, CV_32FC1),
         wrapScratch(extractor.scratchDx, size, CV_32FC1), wrapScratch(extractor.scratchDy, size, CV_32FC1)};
+    extractor.scratchSmoothing.resize(extractor.scratchBlur16.size());
     cv::Mat edgeMask = wrapScratch(extractor.scratchEdgeMask, size, CV_8UC1);
     cv::Mat binary = wrapScratch(extractor.scratchBinary, reduced.size(), CV_8UC1);
     cv::Mat labels = wrapScratch(extractor.scratchLabels, reduced.size(), CV_32SC1);
     detectEllipseCandidates(
-        {reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels},
+        {reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels,
+         extractor.scratchSmoothing},
         {static_cast<float>(configs.sigma), configs.aperture, configs.thresholdC, configs.scale, configs.edgePercentile,
          configs.nmsFactor, configs.minAxisRatio, wholePixels(configs.minDiameter), wholePixels(configs.maxDiameter)},
         candidates, drops);

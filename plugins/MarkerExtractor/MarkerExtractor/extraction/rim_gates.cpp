@@ -129,6 +129,24 @@ bool allFinite(const std::vector<cv::Point2f>& points) {
                        [](const cv::Point2f& point) { return std::isfinite(point.x) && std::isfinite(point.y); });
 }
 
+/// The points in the order of their angle about their mean, equal angles as they come. Where a determinant comes out
+/// small, the fit displaces each point by an amount that follows from its index, so that rows of points, as the
+/// distinct pixels of a rim are, would be displaced row by row: an error of the axes that moves the centre as well.
+/// Around the rim the displacements cancel.
+std::vector<cv::Point2f> aroundTheirMean(const std::vector<cv::Point2f>& points) {
+    cv::Point2d mean(0, 0);
+    for (const cv::Point2f& point : points) mean += cv::Point2d(point);
+    mean /= static_cast<double>(points.size());
+    std::vector<std::pair<double, cv::Point2f>> order;
+    order.reserve(points.size());
+    for (const cv::Point2f& point : points) order.emplace_back(std::atan2(point.y - mean.y, point.x - mean.x), point);
+    std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<cv::Point2f> sorted;
+    sorted.reserve(points.size());
+    for (const auto& [angle, point] : order) sorted.push_back(point);
+    return sorted;
+}
+
 std::array<cv::Point2f, 4> extremesOf(const std::vector<cv::Point2f>& contour) {
     const auto byX =
         std::minmax_element(contour.begin(), contour.end(), [](const auto& a, const auto& b) { return a.x < b.x; });
@@ -195,7 +213,7 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
         return refuse(verdict, RimGate::kPoints, static_cast<double>(marker.contour.size()));
     }
 
-    const cv::RotatedRect rect = cv::fitEllipseDirect(marker.contour);
+    const cv::RotatedRect rect = cv::fitEllipseDirect(aroundTheirMean(marker.contour));
     fillConic(marker, rect);
     const auto [shorter, longer] = std::minmax(rect.size.width, rect.size.height);
     const float least = configs.minDiameter;

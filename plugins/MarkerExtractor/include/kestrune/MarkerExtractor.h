@@ -289,6 +289,7 @@ class CircleMarkerExtractor {
     std::vector<float> scratchDy;              ///< edges: the gradient's row part
     std::vector<uchar> scratchGray;            ///< grey image of a colour input
     std::vector<uchar> scratchWorking;         ///< reduced image
+    std::vector<std::uint16_t> scratchSmoothing;  ///< edges: a window with what its smoothing reaches
 };
 
 /// The front door: extracts the markers of one eye and writes one warning line on standard output if there are none.
