@@ -122,6 +122,15 @@ std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::P
                                                          const cv::Mat& disparityToDepth,
                                                          std::vector<Point3_<double>>& points, double maxRowDifference,
                                                          double minDepth, double maxDepth) {
+    return rectifiedCandidatePairs(left, right, disparityToDepth, points, maxRowDifference, minDepth, maxDepth,
+                                   nullptr);
+}
+
+std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::Point2f>& left,
+                                                         const std::vector<cv::Point2f>& right,
+                                                         const cv::Mat& disparityToDepth,
+                                                         std::vector<Point3_<double>>& points, double maxRowDifference,
+                                                         double minDepth, double maxDepth, PairVerdicts* verdicts) {
     requireMatrixOfEitherPrecision(disparityToDepth, 4, 4, "disparityToDepth");
     const DisparityMap map(disparityToDepth);
     points.clear();
@@ -141,9 +150,13 @@ std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::P
         for (auto j = first; j != last; ++j) {
             const float disparity = x - right[static_cast<std::size_t>(*j)].x;
             const double w = disparity * map.q32 + map.q33;  // in single precision, then widened
-            if (std::abs(w) < kLeastDisparityWeight) continue;
-            const double depth = map.q23 / w;
-            if (!(depth > minDepth && depth < maxDepth)) continue;
+            const bool parallel = std::abs(w) < kLeastDisparityWeight;
+            const double depth = parallel ? std::numeric_limits<double>::infinity() : map.q23 / w;
+            const bool inRange = !parallel && depth > minDepth && depth < maxDepth;
+            if (verdicts != nullptr)
+                verdicts->push_back(
+                    {static_cast<int>(i), *j, inRange ? PairGate::none : PairGate::depth, depth, minDepth, maxDepth});
+            if (!inRange) continue;
             points.push_back({(x + map.q03) / w, (y + map.q13) / w, depth});
             pairs.emplace_back(static_cast<int>(i), *j);
         }

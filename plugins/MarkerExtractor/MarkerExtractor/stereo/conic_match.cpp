@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <opencv2/calib3d.hpp>
 
 #include "MarkerExtractor/camera/calibration_check.h"
@@ -181,6 +182,90 @@ class Competition {
     std::vector<std::vector<cv::Point2f>> leftCentres_, rightCentres_;
 };
 
+/// The radius that keeps a candidate from the nominal one that it comes nearest to.
+PairVerdict radiusVerdict(const Candidate& c, const CicrleConfigs& configs) {
+    PairVerdict verdict{kNobody, kNobody, PairGate::radius};
+    double nearest = std::numeric_limits<double>::infinity();
+    for (const double nominal : configs.markerRadii) {
+        const double left = std::abs(c.leftRadius / nominal - 1), right = std::abs(c.rightRadius / nominal - 1);
+        if (!(std::max(left, right) < nearest)) continue;
+        nearest = std::max(left, right);
+        verdict.measured = left > right ? c.leftRadius : c.rightRadius;
+        verdict.least = nominal * (1 - configs.sizeTolerance);
+        verdict.largest = nominal * (1 + configs.sizeTolerance);
+    }
+    return verdict;
+}
+
+/// Turns the verdicts of candidates, which are pairs until something speaks against them. Without a list it does
+/// nothing.
+class CandidateVerdicts {
+  public:
+    CandidateVerdicts(PairVerdicts* verdicts, const std::vector<std::pair<int, int>>& pairs)
+        : verdicts_(verdicts), pairs_(pairs) {
+        if (verdicts_ == nullptr) return;
+        for (std::size_t v = 0; v < verdicts_->size(); ++v)
+            if ((*verdicts_)[v].gate == PairGate::none) places_.push_back(v);
+    }
+
+    bool wanted() const { return verdicts_ != nullptr; }
+
+    void turn(std::size_t k, const PairVerdict& verdict) {
+        if (!wanted()) return;
+        PairVerdict& mine = (*verdicts_)[places_[k]];
+        mine = verdict;
+        mine.left = pairs_[k].first;
+        mine.right = pairs_[k].second;
+    }
+
+    /// What a candidate competes with.
+    void setScore(std::size_t k, double score) {
+        if (wanted()) turn(k, {kNobody, kNobody, PairGate::score, score});
+    }
+
+    /// Once all scores are set: gives each the score that it had to beat, and the pairs that stay their good name.
+    void settle(const std::vector<std::size_t>& kept, std::size_t leftCount, std::size_t rightCount) {
+        if (!wanted()) return;
+        std::vector<double> left(leftCount, 0), right(rightCount, 0);
+        for (const std::size_t place : places_) {
+            const PairVerdict& v = (*verdicts_)[place];
+            if (v.gate != PairGate::score) continue;
+            for (double* best : {&left[static_cast<std::size_t>(v.left)], &right[static_cast<std::size_t>(v.right)]})
+                *best = std::fmax(*best, v.measured);
+        }
+        for (const std::size_t place : places_) {
+            PairVerdict& v = (*verdicts_)[place];
+            if (v.gate == PairGate::score)
+                v.least = std::max(left[static_cast<std::size_t>(v.left)], right[static_cast<std::size_t>(v.right)]);
+        }
+        for (const std::size_t k : kept) (*verdicts_)[places_[k]].gate = PairGate::none;
+    }
+
+  private:
+    PairVerdicts* verdicts_;
+    const std::vector<std::pair<int, int>>& pairs_;
+    std::vector<std::size_t> places_;  ///< of the candidates among the verdicts
+};
+
+std::vector<double> rowsOf(const std::vector<cv::Point2f>& points) {
+    std::vector<double> rows;
+    for (const cv::Point2f& p : points) rows.push_back(p.y);
+    return rows;
+}
+
+/// Candidates to results; the points stand in their new places already.
+void keepOnly(const std::vector<std::size_t>& kept, ConicMatches& matches) {
+    for (std::size_t n = 0; n < kept.size(); ++n) {
+        matches.pairs[n] = matches.pairs[kept[n]];
+        matches.normals[n] = matches.normals[kept[n]];
+        matches.radii[n] = matches.radii[kept[n]];
+    }
+    matches.pairs.resize(kept.size());
+    matches.points.resize(kept.size());
+    matches.normals.resize(kept.size(), {0, 0, 0});
+    matches.radii.resize(kept.size());
+}
+
 Point3_<double> triangulate(const StereoFrame& frame, cv::Point2f left, cv::Point2f right) {
     cv::Mat x;  // 4 by 1 in single precision, as the points are
     cv::triangulatePoints(frame.leftProjection, frame.rightProjection, std::vector<cv::Point2f>{left},
@@ -217,12 +302,17 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
                        std::vector<std::pair<int, int>>& pairs, std::vector<Point3_<double>>& points,
                        std::vector<Point3_<double>>& normals, std::vector<double>& radii,
                        CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    ConicMatches found = pairConicCorners(leftCorners, rightCorners, extractor, configs, nullptr);
+    pairs = std::move(found.pairs);
+    points = std::move(found.points);
+    normals = std::move(found.normals);
+    radii = std::move(found.radii);
+}
+
+ConicMatches pairConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners,
+                              CircleMarkerExtractor& extractor, const CicrleConfigs& configs, PairVerdicts* verdicts) {
     requireConicCalibration(extractor, configs.cornersRectified);
-    pairs.clear();
-    points.clear();
-    normals.clear();
-    radii.clear();
-    if (leftCorners.empty() || rightCorners.empty()) return;
+    if (leftCorners.empty() || rightCorners.empty()) return {};
 
     const std::vector<cv::Point2f> leftPoints = centresOf(leftCorners);
     const std::vector<cv::Point2f> rightPoints = centresOf(rightCorners);
@@ -231,9 +321,13 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
     extractor.SetTriangulationIntrinsicMatrix(
         configs.cornersRectified ? extractor.leftProjection : extractor.leftIntrinsic,
         configs.cornersRectified ? extractor.rightProjection : extractor.rightIntrinsic);
+    ConicMatches found;
+    auto& [pairs, points, normals, radii] = found;
     pairs = rectifiedCandidatePairs(frame.leftRectified, frame.rightRectified, extractor.disparityToDepth, points,
-                                    configs.maxRowDifference, configs.minDepth, configs.maxDepth);
-    if (pairs.empty()) return;
+                                    configs.maxRowDifference, configs.minDepth, configs.maxDepth, verdicts);
+    if (verdicts != nullptr)
+        addNearestRows(rowsOf(frame.leftRectified), rowsOf(frame.rightRectified), configs.maxRowDifference, *verdicts);
+    if (pairs.empty()) return found;
 
     const cv::Mat normalRotation = frame.pose(kFirstThreeColumns).inv();
     cv::transform(asMat(points), asMat(points), frame.frameRotation.inv());
@@ -243,6 +337,7 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
     radii.resize(pairs.size(), 0);
 
     Competition competition(leftCorners.size(), rightCorners.size());
+    CandidateVerdicts candidateVerdicts(verdicts, pairs);
     std::vector<int> combinations(pairs.size(), kNobody);
     const Eigen::Matrix3d leftCamera = extractor.triangulationA;
     const Eigen::Matrix3d rightCamera = extractor.triangulationB;
@@ -252,7 +347,10 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
             leftCamera, points[k], leftCorners[static_cast<std::size_t>(pairs[k].first)], c.leftCentres);
         CircleSolution right = solveCirclePose(rightCamera, pointsInRight[k],
                                                rightCorners[static_cast<std::size_t>(pairs[k].second)], c.rightCentres);
-        if (left.normals.empty() || right.normals.empty()) continue;
+        if (left.normals.empty() || right.normals.empty()) {
+            candidateVerdicts.turn(k, {kNobody, kNobody, PairGate::circle});
+            continue;
+        }
         cv::transform(right.normals, right.normals, normalRotation);
         c.leftRadius = left.radius;
         c.rightRadius = right.radius;
@@ -262,12 +360,21 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
         c.ratio = std::min(left.radius, right.radius) / std::max(left.radius, right.radius);
 
         double leftDeviation = 0, rightDeviation = 0;
-        if (!fitNominalRadius(c, configs, leftDeviation, rightDeviation)) continue;
-        if (static_cast<double>(configs.minRadiusRatio) > c.ratio) continue;
-        competition.offer(static_cast<int>(k), pairs[k], scoreOf(c, frame.epipolar, leftDeviation, rightDeviation), c);
+        if (!fitNominalRadius(c, configs, leftDeviation, rightDeviation)) {
+            if (candidateVerdicts.wanted()) candidateVerdicts.turn(k, radiusVerdict(c, configs));
+            continue;
+        }
+        const auto leastRatio = static_cast<double>(configs.minRadiusRatio);
+        if (leastRatio > c.ratio) {
+            candidateVerdicts.turn(k, {kNobody, kNobody, PairGate::radiusRatio, c.ratio, leastRatio});
+            continue;
+        }
+        const double score = scoreOf(c, frame.epipolar, leftDeviation, rightDeviation);
+        competition.offer(static_cast<int>(k), pairs[k], score, c);
+        candidateVerdicts.setScore(k, score);
     }
 
-    std::size_t kept = 0;
+    std::vector<std::size_t> kept;
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         cv::Point2f left, right;
         if (combinations[k] == kNobody || !competition.isMutualBest(pairs[k], combinations[k], left, right)) continue;
@@ -277,16 +384,12 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
         leftCorner.y = left.y;
         rightCorner.x = right.x;
         rightCorner.y = right.y;
-        pairs[kept] = pairs[k];
-        points[kept] = triangulate(frame, left, right);
-        normals[kept] = normals[k];
-        radii[kept] = radii[k];
-        ++kept;
+        points[kept.size()] = triangulate(frame, left, right);
+        kept.push_back(k);
     }
-    pairs.resize(kept);
-    points.resize(kept);
-    normals.resize(kept, {0, 0, 0});
-    radii.resize(kept);
+    candidateVerdicts.settle(kept, leftCorners.size(), rightCorners.size());
+    keepOnly(kept, found);
+    return found;
 }
 
 }  // namespace kestrune

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "MarkerExtractor/stereo/pair_verdicts.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
@@ -59,6 +60,13 @@ std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::P
                                                          std::vector<Point3_<double>>& points, double maxRowDifference,
                                                          double minDepth, double maxDepth);
 
+/// The same; what became of each pair in a row band goes to `verdicts`, where one is given.
+std::vector<std::pair<int, int>> rectifiedCandidatePairs(const std::vector<cv::Point2f>& left,
+                                                         const std::vector<cv::Point2f>& right,
+                                                         const cv::Mat& disparityToDepth,
+                                                         std::vector<Point3_<double>>& points, double maxRowDifference,
+                                                         double minDepth, double maxDepth, PairVerdicts* verdicts);
+
 /// The whole matcher. `pairs`, `points`, `normals` and `radii` are replaced and in step; `x` and `y` of the corners
 /// that are matched move to the true centres.
 ///
@@ -77,6 +85,17 @@ void matchConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& ri
                        std::vector<std::pair<int, int>>& pairs, std::vector<Point3_<double>>& points,
                        std::vector<Point3_<double>>& normals, std::vector<double>& radii,
                        CircleMarkerExtractor& extractor, const CicrleConfigs& configs);
+
+/// What `matchConicCorners` delivers, in step.
+struct ConicMatches {
+    std::vector<std::pair<int, int>> pairs;
+    std::vector<Point3_<double>> points, normals;
+    std::vector<double> radii;
+};
+
+/// The same; what became of each pair goes to `verdicts`, where one is given.
+ConicMatches pairConicCorners(std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners,
+                              CircleMarkerExtractor& extractor, const CicrleConfigs& configs, PairVerdicts* verdicts);
 
 /// The calibration members that `matchConicCorners` reads, or the exception that names the first one that is not there.
 void requireConicCalibration(const CircleMarkerExtractor& extractor, bool cornersRectified);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/camera/calibration_check.h"
 #include "MarkerExtractor/stereo/conic_match.h"
+#include "MarkerExtractor/stereo/rectified_match.h"
 #include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
 
@@ -76,7 +77,28 @@ void appendPair(Exposure& exposure, const Pairs& pairs, std::size_t index, const
     result.back().first.id = result.back().second.id = static_cast<std::int32_t>(index);
 }
 
-Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs) {
+PairVerdicts* verdictsOf(ExplainedMatch* explained) {
+    return explained != nullptr ? &explained->verdicts : nullptr;
+}
+
+/// The tests that the settings ask for.
+PairTest pairTestOf(const CircleMarkerExtractor& e, const CicrleConfigs& configs) {
+    return {.leftProjection = e.leftProjection,
+            .rightProjection = e.rightProjection,
+            .fromRectified = {},
+            .radii = configs.markerRadii,
+            .maxRowDifference = configs.maxRowDifference,
+            .minDepth = configs.minDepth,
+            .maxDepth = configs.maxDepth,
+            .radiusScoreGate = configs.radiusScoreGate,
+            .looseSizeGate = configs.looseSizeGate,
+            .plainRowGate = configs.plainRowGate,
+            .sizeTolerance = configs.sizeTolerance,
+            .deviationFactor = configs.deviationFactor};
+}
+
+Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs,
+                          ExplainedMatch* explained) {
     Exposure rectified;
     if (configs.cornersRectified) {
         rectified = exposure;
@@ -87,12 +109,10 @@ Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& 
         e.StereoRectifyCorners(exposure.right, rectified.right, e.rightIntrinsic, noDistortion, e.rightRectification,
                                e.rightProjection, e.rightHomography);
     }
-    cv::Mat identity = cv::Mat::eye(3, 3, CV_64F);
-    const Pairs pairs = getStereoRectifiedMarker3dPoints(
-        rectified.left, rectified.right, configs.markerRadii, points, identity, e.leftProjection, e.rightProjection,
-        configs.maxRowDifference, configs.minDepth, configs.maxDepth, configs.radiusScoreGate, configs.looseSizeGate,
-        configs.sizeTolerance, configs.deviationFactor, configs.plainRowGate, configs.edgeLengthTolerance,
-        configs.edgeAngleTolerance);
+    const Pairs pairs =
+        matchRectifiedCorners(rectified.left, rectified.right, pairTestOf(e, configs), cv::Mat::eye(3, 3, CV_64F),
+                              {configs.edgeLengthTolerance, configs.edgeAngleTolerance}, points, verdictsOf(explained));
+    if (explained != nullptr) explained->pairs = pairs;
 
     const cv::Matx33d backRotation = cv::Matx33d(e.leftRectification).t();
     const Points cameraPoints = rotated(points, backRotation);
@@ -106,11 +126,11 @@ Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& 
     return result;
 }
 
-Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs) {
-    Pairs pairs;
-    Points corePoints, normals;
-    std::vector<double> radii;
-    matchConicCorners(exposure.left, exposure.right, pairs, corePoints, normals, radii, e, configs);
+Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs,
+                   ExplainedMatch* explained) {
+    auto [pairs, corePoints, normals, radii] =
+        pairConicCorners(exposure.left, exposure.right, e, configs, verdictsOf(explained));
+    if (explained != nullptr) explained->pairs = pairs;
     const Points cornerPoints = corePoints;  // the corners' positions never follow the change of frame
     if (!configs.cornersRectified && configs.outputRectified) transformInPlace(corePoints, e.leftRectification);
     if (configs.cornersRectified && !configs.outputRectified) transformInPlace(corePoints, e.leftRectification.inv());
@@ -129,13 +149,9 @@ Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points,
     return result;
 }
 
-}  // namespace
-
-std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
-                                                               CircleMarkerExtractor& extractor, Points& points,
-                                                               std::vector<cv::RotatedRect>& leftRects,
-                                                               std::vector<cv::RotatedRect>& rightRects,
-                                                               const CicrleConfigs& configs) {
+Result measure(const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor, Points& points,
+               std::vector<cv::RotatedRect>& leftRects, std::vector<cv::RotatedRect>& rightRects,
+               const CicrleConfigs& configs, ExplainedMatch* explained) {
     if (isIncomplete(leftImage, rightImage, extractor)) return {};
     Exposure exposure;
     const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);
@@ -151,8 +167,28 @@ std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& le
         return {};
     }
     points.clear();
-    return carriesConics(configs) ? matchConics(exposure, extractor, points, configs)
-                                  : matchConstellation(exposure, extractor, points, configs);
+    return carriesConics(configs) ? matchConics(exposure, extractor, points, configs, explained)
+                                  : matchConstellation(exposure, extractor, points, configs, explained);
+}
+
+}  // namespace
+
+std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
+                                                               CircleMarkerExtractor& extractor, Points& points,
+                                                               std::vector<cv::RotatedRect>& leftRects,
+                                                               std::vector<cv::RotatedRect>& rightRects,
+                                                               const CicrleConfigs& configs) {
+    return measure(leftImage, rightImage, extractor, points, leftRects, rightRects, configs, nullptr);
+}
+
+std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
+                                                                   CircleMarkerExtractor& extractor, Points& points,
+                                                                   std::vector<cv::RotatedRect>& leftRects,
+                                                                   std::vector<cv::RotatedRect>& rightRects,
+                                                                   const CicrleConfigs& configs,
+                                                                   ExplainedMatch& explained) {
+    explained = {};
+    return measure(leftImage, rightImage, extractor, points, leftRects, rightRects, configs, &explained);
 }
 
 }  // namespace kestrune

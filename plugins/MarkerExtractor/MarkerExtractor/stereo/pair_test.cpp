@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <opencv2/calib3d.hpp>
+#include <tuple>
 
 #include "MarkerExtractor/stereo/rectified_match.h"
 
 namespace kestrune {
 
 namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// Row differences of less than this have no sign: about what a contour's top and bottom scatter by.
 constexpr double kRowSlack = 1.0;
@@ -83,12 +87,56 @@ std::array<cv::Vec3d, kSampleCount> triangulate(const MarkerMatchRecord& left, c
     return points;
 }
 
+double rowSlack(const PairTest& test) {
+    return test.looseSizeGate ? std::max(kLooseRowSlack, kLooseRowShare * test.maxRowDifference) : kRowSlack;
+}
+
 bool placesAgree(const MarkerMatchRecord& left, const MarkerMatchRecord& right, const PairTest& test) {
     if (!areasAgree(left.area, right.area, test.sizeTolerance)) return false;
     if (test.plainRowGate) return !(std::abs(left.y - right.y) >= test.maxRowDifference);
-    const double slack =
-        test.looseSizeGate ? std::max(kLooseRowSlack, kLooseRowShare * test.maxRowDifference) : kRowSlack;
-    return rowsAgree(left, right, test.maxRowDifference, slack);
+    return rowsAgree(left, right, test.maxRowDifference, rowSlack(test));
+}
+
+/// Why places do not agree. A marker's rows say more of where its partner is than its area: they are told first.
+PairVerdict judgePlaces(const MarkerMatchRecord& left, const MarkerMatchRecord& right, const PairTest& test) {
+    const double centre = left.y - right.y, band = test.maxRowDifference;
+    const bool inBand = test.plainRowGate ? !(std::abs(centre) >= band) : std::abs(centre) < band;
+    if (!inBand) return {-1, -1, PairGate::rows, std::abs(centre), -kInfinity, band};
+    if (!areasAgree(left.area, right.area, test.sizeTolerance)) {
+        const double ratio = left.area < right.area ? left.area / right.area : right.area / left.area;
+        return {-1, -1, PairGate::area, ratio, 1.0 - std::abs(test.sizeTolerance)};
+    }
+    const double top = std::abs(left.samples[kTop].y - right.samples[kTop].y - centre);
+    const double bottom = std::abs(left.samples[kBottom].y - right.samples[kBottom].y - centre);
+    return {-1, -1, PairGate::rimRows, std::max(top, bottom), -kInfinity, std::min(band, rowSlack(test))};
+}
+
+/// The window of a nominal radius, for a window that has bounds.
+std::pair<double, double> windowOf(const SizeTest& rule, double nominal, double tolerance) {
+    if (rule.window == Window::symmetric) return {nominal - nominal * tolerance, nominal + nominal * tolerance};
+    return {nominal * (1.0 - kToleranceBelow * tolerance), rule.ratioAbove * nominal};
+}
+
+/// Why a size fits no nominal radius: the window or the score of the one that it comes nearest to.
+PairVerdict judgeSize(const MarkerSize& size, const PairTest& test) {
+    const SizeTest& rule = chooseSizeTest(test);
+    const double factor = test.deviationFactor, tolerance = test.sizeTolerance;
+    if (rule.limitsSpread && !(size.spread < factor * tolerance))
+        return {-1, -1, PairGate::spread, size.spread, -kInfinity, factor * tolerance};
+    PairVerdict window{-1, -1, PairGate::radius, size.radius}, score{-1, -1, PairGate::radiusScore};
+    score.largest = factor;
+    double nearest = kInfinity;
+    for (const double nominal : test.radii) {
+        if (!(nominal > 0)) continue;
+        if (insideWindow(rule, size.radius, nominal, tolerance)) {
+            score.measured =
+                std::fmin(score.measured, (std::abs(nominal - size.radius) / nominal + size.spread) / tolerance);
+        } else if (const double off = std::abs(size.radius / nominal - 1); off < nearest) {
+            nearest = off;
+            std::tie(window.least, window.largest) = windowOf(rule, nominal, tolerance);
+        }
+    }
+    return std::isnan(score.measured) ? window : score;
 }
 
 }  // namespace
@@ -140,12 +188,28 @@ bool sizeFits(const MarkerSize& size, const PairTest& test) {
 
 std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
                                                const PairTest& test) {
-    if (!placesAgree(left, right, test)) return std::nullopt;
+    return testCandidatePair(left, right, test, nullptr);
+}
+
+std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
+                                               const PairTest& test, PairVerdict* verdict) {
+    if (!placesAgree(left, right, test)) {
+        if (verdict != nullptr) *verdict = judgePlaces(left, right, test);
+        return std::nullopt;
+    }
     const std::array<cv::Vec3d, kSampleCount> samples = triangulate(left, right, test);
     const double depth = samples[kCentre][2];
-    if (!(depth > 0.0 && depth > test.minDepth && depth < test.maxDepth)) return std::nullopt;
+    if (!(depth > 0.0 && depth > test.minDepth && depth < test.maxDepth)) {
+        if (verdict != nullptr)
+            *verdict = {-1, -1, PairGate::depth, depth, std::max(0.0, test.minDepth), test.maxDepth};
+        return std::nullopt;
+    }
     const MarkerSize size = markerSize(samples);
-    if (!sizeFits(size, test)) return std::nullopt;
+    if (!sizeFits(size, test)) {
+        if (verdict != nullptr) *verdict = judgeSize(size, test);
+        return std::nullopt;
+    }
+    if (verdict != nullptr) *verdict = {-1, -1, PairGate::none};
     const cv::Vec3d point = test.fromRectified * samples[kCentre];
     return PairCandidate{-1, {point[0], point[1], point[2]}, size.radius};
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/constellation.h"
+#include "MarkerExtractor/stereo/pair_verdicts.h"
 #include "kestrune/MarkerExtractor/calibration_records.h"
 #include "kestrune/MarkerExtractor/records.h"
 
@@ -70,6 +71,10 @@ bool sizeFits(const MarkerSize& size, const PairTest& test);
 std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
                                                const PairTest& test);
 
+/// The same; what became of the pair goes to `verdict`, without the indices, where one is given.
+std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, const MarkerMatchRecord& right,
+                                               const PairTest& test, PairVerdict* verdict);
+
 /// Positions of a record's candidates that are surplus, in the order in which they are marked; one may come twice.
 /// Where more than two candidates fit a nominal radius to within `tolerance`, the two about it stay.
 ///
@@ -91,6 +96,20 @@ void trimCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<Mar
 std::vector<std::pair<int, int>> uniquePairs(const std::vector<MarkerMatchRecord>& leftRecords,
                                              const std::vector<MarkerMatchRecord>& rightRecords,
                                              std::vector<Point3_<double>>& points);
+
+/// Tolerances of the search for the constellation.
+struct EdgeTolerances {
+    double length;  ///< ratio
+    double angle;   ///< rad
+};
+
+/// `getStereoRectifiedMarker3dPoints`; what became of each pair goes to `verdicts`, where one is given.
+///
+/// @param test  `fromRectified` is set from `rotation`, `radii` may stand in any order.
+std::vector<std::pair<int, int>> matchRectifiedCorners(const std::vector<Corner>& leftCorners,
+                                                       const std::vector<Corner>& rightCorners, PairTest test,
+                                                       const cv::Mat& rotation, EdgeTolerances tolerances,
+                                                       std::vector<Point3_<double>>& points, PairVerdicts* verdicts);
 
 /// Position of a partner in a record's `matches`, which hold each partner once; the size of the list if it is not
 /// there.
