@@ -53,6 +53,16 @@ struct ExplainOptions : SearchOptions {
 
 int runExplain(const ExplainOptions& options);
 
+struct ExplainStereoOptions {
+    std::string left, right;  ///< images
+    std::string calibration, settings;
+    std::optional<Path> path;
+    bool invert = false;
+    std::string csv, out;  ///< file names, empty: not asked for
+};
+
+int runExplainStereo(const ExplainStereoOptions& options);
+
 struct DepthOptions : SearchOptions {
     std::string image, depth, csv;  ///< file names
     double depthScale = 1;          ///< unit of the result for each unit of the depth image

@@ -110,6 +110,45 @@ void addExplain(CLI::App& app, ExplainOptions& options) {
     command->footer(std::string(kExplainNotes) + kFileNotes);
 }
 
+/// The options of every command that searches the images of both eyes.
+void addStereoSearch(CLI::App* command, std::string& settings, std::optional<Path>& path, bool& invert) {
+    static const std::map<std::string, Path> kPaths = {
+        {"simple", Path::simple}, {"radial", Path::radial}, {"complex", Path::complex}};
+    command->add_option("--settings", settings, "YAML file with every setting")->required();
+    command
+        ->add_option("--path", path,
+                     "simple (sub-pixel contours), radial or complex (edge-based); without it, the settings decide")
+        ->transform(CLI::CheckedTransformer(kPaths))
+        ->option_text("simple|radial|complex");
+    command->add_flag("--invert", invert, "find dark markers: 255 - pixel");
+}
+
+constexpr const char* kExplainStereoNotes =
+    "Lists every marker of both eyes that is in no pair: its number and place (undistorted pixels), its candidate in "
+    "the\n"
+    "other eye that got furthest in the matching, the test that ended this candidate, the value measured and what the\n"
+    "settings want. Tests, as far as the path takes them, in their order: outline, rows, area, rim rows, depth, "
+    "circle,\n"
+    "radius, spread, radius score, radius ratio, score, edge length, edge direction, taken, ambiguous. A marker with "
+    "no\n"
+    "other in its rows shows the one that is nearest in row. Below it, how many markers each test ended and what most\n"
+    "of them measured. Of a test that ended more than 200 only the count is told; the CSV lists all markers.\n"
+    "Picture: both eyes side by side, pairs green with their numbers, others in the colour of their test.\n"
+    "Exit code: 0, 1 if the exposure could not be handled, 2 if nothing was begun.";
+
+void addExplainStereo(CLI::App& app, ExplainStereoOptions& options) {
+    CLI::App* command =
+        app.add_subcommand("explain-stereo", "Tell of every marker of an exposure why it has no partner");
+    command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
+        ->required();
+    command->add_option("--left", options.left, "8-bit image of the left eye")->required();
+    command->add_option("--right", options.right, "that of the right eye")->required();
+    addStereoSearch(command, options.settings, options.path, options.invert);
+    command->add_option("--out", options.out, "draw the markers")->option_text("FILE.png");
+    command->add_option("--csv", options.csv, "write all markers as a table");
+    command->footer(kExplainStereoNotes);
+}
+
 constexpr const char* kDepthNotes =
     "Depth is interpolated between the four pixels about each centre, and the point is the one at that depth behind "
     "the\n"
@@ -181,7 +220,8 @@ constexpr const char* kStereoNotes =
     "right\n"
     "row of the rectified eyes) and the distance of its reprojected point from the pixels of each eye, px.\n"
     "With fewer pairs than --min-share asks for, an exposure counts as failed: exchanged eyes and the calibration of\n"
-    "another rig leave a few pairs by chance.\n"
+    "another rig leave a few pairs by chance. The error names the tests that ended most markers; explain-stereo lists "
+    "all.\n"
     "CSV: one row a marker, in the order of the exposures; a failed one has one row with its counts and the error.\n"
     "JSON: one record an exposure, failed ones with the error, and their pairs as rejected in place of markers.\n"
     "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's, "
@@ -190,20 +230,12 @@ constexpr const char* kStereoNotes =
     "Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun.";
 
 void addStereo(CLI::App& app, StereoOptions& options) {
-    static const std::map<std::string, Path> kPaths = {
-        {"simple", Path::simple}, {"radial", Path::radial}, {"complex", Path::complex}};
     CLI::App* command = app.add_subcommand("stereo", "Measure markers in space from the two images of each exposure");
     command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
         ->required();
     command->add_option("--left", options.left, "8-bit images of the left eye")->required();
     command->add_option("--right", options.right, "those of the right eye")->required();
-    command->add_option("--settings", options.settings, "YAML file with every setting")->required();
-    command
-        ->add_option("--path", options.path,
-                     "simple (sub-pixel contours), radial or complex (edge-based); without it, the settings decide")
-        ->transform(CLI::CheckedTransformer(kPaths))
-        ->option_text("simple|radial|complex");
-    command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
+    addStereoSearch(command, options.settings, options.path, options.invert);
     command->add_option("--jobs", options.jobs, "exposures at a time; without it, one for each hardware thread")
         ->check(CLI::Range(1, 1024));
     command
@@ -254,6 +286,8 @@ int run(int argc, char** argv) {
     addExtract(app, extract);
     ExplainOptions explain;
     addExplain(app, explain);
+    ExplainStereoOptions explainStereo;
+    addExplainStereo(app, explainStereo);
     DepthOptions depth;
     addDepth(app, depth);
     MatchOptions match;
@@ -271,6 +305,7 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? kSuccess : kWrongInput;
     }
     if (app.got_subcommand("extract")) return runExtract(extract);
+    if (app.got_subcommand("explain-stereo")) return runExplainStereo(explainStereo);
     if (app.got_subcommand("explain")) return runExplain(explain);
     if (app.got_subcommand("depth")) return runDepth(depth);
     if (app.got_subcommand("match")) return runMatch(match);

@@ -15,22 +15,9 @@ namespace {
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 using Pair = std::pair<Corner, Corner>;
-using Rects = std::vector<cv::RotatedRect>;
 
 cv::Point2d pixelOf(const Corner& corner) {
     return {corner.x, corner.y};
-}
-
-/// Takes the ellipse of a corner out of the list of its eye. A matched corner's own centre may have moved off that of
-/// its ellipse, but never as far as to another marker's.
-cv::RotatedRect takeRim(const Corner& corner, Rects& rects) {
-    const cv::Point2d centre = corner.conicValid ? cv::Point2d(corner.ellipse.center) : pixelOf(corner);
-    const auto distance = [&](const cv::RotatedRect& r) { return cv::norm(cv::Point2d(r.center) - centre); };
-    const auto nearest = std::ranges::min_element(rects, {}, distance);
-    if (nearest == rects.end()) return {};
-    const cv::RotatedRect rim = *nearest;
-    rects.erase(nearest);
-    return rim;
 }
 
 /// From the frame in which the library leaves normals to that of the points.
@@ -77,9 +64,12 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
                              const Settings& settings, double minShare) {
     StereoResult result;
     std::vector<Point3_<double>> points;
-    const std::vector<Pair> pairs = getStereoMarker3dPoints(images[0], images[1], extractor, points,
-                                                            result.unmatched[0], result.unmatched[1], settings.configs);
-    result.found = {result.unmatched[0].size(), result.unmatched[1].size()};
+    std::array<std::vector<cv::RotatedRect>, 2> rims;
+    ExplainedMatch match;
+    const std::vector<Pair> pairs =
+        explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs, match);
+    result.found = {rims[0].size(), rims[1].size()};
+    for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
     const bool conic = matchesConics(settings.path);
     const cv::Matx33d turn = normalRotation(extractor, settings.configs);
     Calibration lenses;
@@ -89,8 +79,10 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
     }
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         const auto& [left, right] = pairs[k];
+        const auto& [i, j] = match.pairs[k];
         StereoMarker marker{{pixelOf(left), pixelOf(right)},
-                            {takeRim(left, result.unmatched[0]), takeRim(right, result.unmatched[1])},
+                            {rims[0][static_cast<std::size_t>(i)], rims[1][static_cast<std::size_t>(j)]},
+                            {i, j},
                             {},
                             {points[k].x, points[k].y, points[k].z},
                             {kUnknown, kUnknown, kUnknown},
@@ -106,7 +98,7 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
         }
         result.markers.push_back(marker);
     }
-    result.failure = objectionTo(result, minShare);
+    result.failure = objectionTo(result, settings.configs, minShare);
     return result;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "pair_explanation.h"
 #include "polarity.h"
 #include "settings.h"
 #include "stereo_quality.h"
@@ -23,6 +24,7 @@ struct StereoMarker {
     /// radial and complex, the centre of the rim's image on path simple.
     std::array<cv::Point2d, 2> pixel;
     std::array<cv::RotatedRect, 2> rim;  ///< the ellipses in the same pixels
+    std::array<int, 2> number;           ///< places among the markers of each eye
     std::array<Polarity, 2> polarity{};  ///< path complex only
     cv::Vec3d point;
     cv::Vec3d normal;  ///< unit, towards the cameras; not on path simple
@@ -32,7 +34,7 @@ struct StereoMarker {
 
 struct StereoResult {
     std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
-    std::array<std::vector<cv::RotatedRect>, 2> unmatched;  ///< ellipses of the other detections of each eye
+    std::array<std::vector<UnmatchedMarker>, 2> unmatched;  ///< the others of each eye
     std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
     /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
     std::string failure;

@@ -13,6 +13,16 @@
 
 namespace kestrune::host {
 
+/// The images of both eyes in one.
+struct SideBySide {
+    explicit SideBySide(const std::array<cv::Mat, 2>& images);
+
+    Mark mark(std::size_t eye, MarkKind kind, const std::string& label, const cv::RotatedRect& rim) const;
+
+    cv::Mat image;
+    cv::Point2d shift;  ///< of the right eye's pixels
+};
+
 /// Both eyes side by side; the two ellipses of a pair have the same number and colour.
 ///
 /// @param images  those in whose pixels the markers are.

@@ -57,14 +57,18 @@ Residuals rootMeanSquares(const StereoResult& result) {
     return {std::sqrt(sum.row / n), {std::sqrt(sum.eye[0] / n), std::sqrt(sum.eye[1] / n)}};
 }
 
-std::string objectionTo(const StereoResult& result, double minShare) {
+std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs, double minShare) {
     const auto [left, right] = result.found;
     if (left == 0 && right == 0) return "no markers in either eye";
     if (left == 0 || right == 0) return fmt::format("no markers in the {} eye", left == 0 ? "left" : "right");
     const std::size_t poorer = std::min(left, right), pairs = result.markers.size();
-    if (pairs == 0) return fmt::format("no match among {} markers in the left and {} in the right eye", left, right);
-    if (static_cast<double>(pairs) >= minShare * static_cast<double>(poorer)) return {};
-    return fmt::format("{} of {} markers paired; eyes exchanged, or the calibration of another rig?", pairs, poorer);
+    if (pairs > 0 && static_cast<double>(pairs) >= minShare * static_cast<double>(poorer)) return {};
+    const std::string few =
+        pairs > 0 ? fmt::format("{} of {} markers paired", pairs, poorer)
+                  : fmt::format("no match among {} markers in the left and {} in the right eye", left, right);
+    return fmt::format("{}; {}{}", few,
+                       failsBySize(result) ? "" : "eyes exchanged, or the calibration of another rig? ",
+                       chiefObstacle(result, configs));
 }
 
 }  // namespace kestrune::host

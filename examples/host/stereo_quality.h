@@ -35,6 +35,6 @@ constexpr double kLeastShare = 0.5;
 /// What speaks against an exposure as a whole; empty if nothing does.
 ///
 /// @param minShare  0 to 1; 0 takes any number of pairs above none.
-std::string objectionTo(const StereoResult& result, double minShare);
+std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs, double minShare);
 
 }  // namespace kestrune::host

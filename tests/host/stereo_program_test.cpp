@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include "stereo_quality.h"
 #include "support/program.h"
 
 namespace kestrune::host::stereo_program_test {
@@ -110,18 +111,55 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
             }
             if (rectified[0] == 't') continue;
             for (const char* images : {"--left r.png --right l.png", "--left l.png --right l.png", "--left r.png --right r.png"}) {
-                expectOutcome(stereo + images, 1, " of 60 markers paired");
+                expectOutcome(stereo + images, 1, " of 60 markers paired; eyes exchanged, or the calibration of another rig? ");
                 const auto [none, failed] = std::pair(readText("t.ply"), rowsOf("t.csv", kColumns));
                 EXPECT_NE(none.find("element vertex 0\n"), std::string::npos);
                 ASSERT_EQ(failed.size(), 1u);
                 EXPECT_TRUE(std::isnan(failed[0].values[5]) && failed[0].values[15] == 60 && failed[0].values[18] == 60 - failed[0].values[17]);
                 const auto record = nlohmann::json::parse(readText("t.json"))["exposures"][0];
                 EXPECT_TRUE(!record.contains("markers") && record["rejected"].size() == record["pairs"]) << record;
-                expectOutcome(stereo + images + " --min-share 0", record["pairs"] == 0, "");
+                if (images[7] == 'r') expectOutcome(stereo + images + " --min-share 0", record["pairs"] == 0, "");
             }
         }
     }
-    expectOutcome("stereo --settings settings.yaml --calibration rig.yaml --left l.png --right r.png --min-share nan", 2, "--min-share");
+    const std::string images = " --settings settings.yaml --calibration rig.yaml --left l.png --right r.png";
+    expectOutcome("stereo --min-share nan" + images, 2, "--min-share");
+
+    // Radii, least depth, and what is told; explain-stereo has all markers in its table and pictures both eyes.
+    const std::tuple<const char*, const char*, const char*, const char*> obstacles[] = {
+        {"bright-radial", "[ 1.5, 2.5 ]", "600.", "29 of 60 markers paired; 31 of 31 without a partner ended at radius (mostly 4.3"},
+        {"bright-radial", "[ 3, 4.5 ]", "1100.", "of 60 without a partner ended at depth (mostly 90"},
+        {"bright-subpixel", "[ 20 ]", "600.", "60 of 60 without a partner ended at radius (mostly 2.98 to 4.488; markerRadii 20"}};
+    for (const auto& [ready, radii, depth, expected] : obstacles) {
+        std::ofstream("settings.yaml") << withLine(
+            withLine(readText(std::string("ready/") + ready + ".yaml"), "markerRadii", std::string("markerRadii: ") + radii), "minDepth",
+            std::string("minDepth: ") + depth);
+        expectOutcome("explain-stereo --csv e.csv --out e.png" + images, 0, expected);
+        EXPECT_GT(readImage("e.png", false).cols, 2560);
+        const std::string table = readText("e.csv");
+        EXPECT_EQ(std::ranges::count(table, '\n'), 121);
+    }
+}
+
+TEST(HostStereo, ResidualsAreThoseOfTheFrame) {
+    scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    const CircleMarkerExtractor e = test::calibrated(rig);
+    rig.left.distortion = rig.right.distortion = {};
+    const cv::Vec3d point(30, -20, 900);
+    for (const bool corners : {false, true}) {
+        const scene::Rig seen = corners ? test::rectifiedRig(e, rig) : rig;
+        const cv::Point2d left = scene::projectPoint(seen.left, point), right = scene::projectPoint(seen.right, point);
+        for (const bool output : {false, true}) {
+            CicrleConfigs c{};
+            c.cornersRectified = corners, c.outputRectified = output;
+            const cv::Vec3d given = output ? cv::Matx33d(e.leftRectification) * point : point;
+            const Residuals none = residualsOf(e, c, {left, right}, given);
+            const Residuals some = residualsOf(e, c, {left + cv::Point2d(3, 4), right + cv::Point2d(0, -2)}, given);
+            EXPECT_LT(std::abs(none.row) + none.eye[0] + none.eye[1], 1e-8) << corners << output;
+            EXPECT_TRUE(std::abs(some.eye[0] - 5) < 1e-8 && std::abs(some.eye[1] - 2) < 1e-8) << corners << output;
+            EXPECT_NEAR(some.row, 6, corners ? 1e-8 : 0.3);
+        }
+    }
 }
 
 /// Points in space to two lists in different orders, back to pairs and points; and lists that are none.

@@ -110,6 +110,51 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     EXPECT_THROW(Matched({left}, {level}, noBaseline, anyDepth), cv::Exception) << "no epipolar geometry";
 }
 
+TEST(MatchConicCorners, TellsWhatEndedEachPair) {
+    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
+    CircleMarkerExtractor e = calibrated(rig);
+    const auto cornersOf = [&rig](const cv::Vec3d& centre, const cv::Vec3d& normal) {
+        const auto [left, right, seen] = exactCorners(rig, {{centre, cv::normalize(normal), 7, 200}});
+        return std::pair{left.at(0), right.at(0)};
+    };
+    const auto [left, right] = cornersOf({5, 8, 900}, {0, 0, -1});
+    const auto [leftRival, rival] = cornersOf({5, 8, 900}, {0.5, 0.3, -1});
+    const auto [leftBelow, below] = cornersOf({5, 28, 900}, {0, 0, -1});
+    Corner noCircle = right;
+    noCircle.conic[5] += 2;
+    const CicrleConfigs good = stereoConfigs();
+    CicrleConfigs near = good, small = stereoConfigs(false, {6, 4, 9}), unlike = good;
+    near.maxDepth = 800, unlike.minRadiusRatio = 1.5f;
+    using enum PairGate;
+    using Expected = std::vector<std::tuple<int, int, PairGate, double, double>>;  // measured, nearest bound
+    const std::tuple<std::vector<Corner>, std::vector<Corner>, CicrleConfigs, Expected> cases[] = {
+        {{left}, {right}, good, {{0, 0, none, 900, 3000}}},
+        {{left, leftBelow}, {right, rival}, good, {{0, 1, score, 0.99, 1}, {0, 0, none, 1, 1}, {1, 0, rows, 85.5, 2}}},
+        {{left}, {right, below, below}, good, {{0, 0, none, 1, 1}, {0, 1, rows, 85.5, 2}, {0, 2, rows, 85.5, 2}}},
+        {{left}, {right}, near, {{0, 0, depth, 900, 800}}},
+        {{left}, {right}, small, {{0, 0, radius, 7, 6.6}}},
+        {{left}, {noCircle}, good, {{0, 0, circle, kNaN, kInf}}},
+        {{left}, {noCircle}, stereoConfigs(false, {}), {{0, 0, circle, kNaN, kInf}}},
+        {{left}, {right}, unlike, {{0, 0, radiusRatio, 1, 1.5}}}};
+    for (const auto& [l, r, configs, expected] : cases) {
+        std::vector<Corner> leftCorners = l, rightCorners = r;
+        PairVerdicts verdicts;
+        const ConicMatches found = pairConicCorners(leftCorners, rightCorners, e, configs, &verdicts);
+        EXPECT_EQ(found.pairs, Matched(l, r, e, configs).pairs);
+        ASSERT_EQ(verdicts.size(), expected.size());
+        for (std::size_t k = 0; k < expected.size(); ++k) {
+            const PairVerdict& v = verdicts[k];
+            const auto [i, j, gate, measured, bound] = expected[k];
+            EXPECT_TRUE(v.left == i && v.right == j && v.gate == gate) << k << ": " << static_cast<int>(v.gate);
+            if (gate == none) continue;
+            EXPECT_TRUE(gate == circle ? v.excess() == kInf : v.excess() > 0) << v.measured;
+            EXPECT_TRUE(gate == circle || std::abs(v.measured - measured) < 0.02 * measured) << v.measured;
+            const double nearest = v.measured < v.least ? v.least : v.largest;
+            EXPECT_TRUE(nearest == bound || std::abs(nearest - bound) < 0.01 * bound) << nearest;
+        }
+    }
+}
+
 TEST(MatchConicCorners, NamesCalibrationThatIsMissing) {
     using E = CircleMarkerExtractor;
     const E whole = calibrated(scene::makeVergedRig({1280, 1024}));

@@ -191,6 +191,80 @@ TEST(RectifiedMatch, KeepsWhatIsBeyondDoubtWithoutAConstellation) {
     EXPECT_NEAR(e.points[0].x, -21, 1e-8);
 }
 
+/// "left-right gate" of each verdict, and the measured values.
+std::pair<std::string, std::vector<double>> judged(const Exposure& e, int gates, double tolerance = 0.3) {
+    PairTest test{};
+    test.leftProjection = e.leftProjection, test.rightProjection = e.rightProjection, test.radii = e.radii;
+    test.maxRowDifference = 2, test.minDepth = e.minDepth, test.maxDepth = e.maxDepth, test.sizeTolerance = e.tolerance;
+    test.deviationFactor = 2, test.radiusScoreGate = gates & 1, test.looseSizeGate = gates & 2, test.plainRowGate = gates & 4;
+    PairVerdicts verdicts;
+    std::vector<Point3_<double>> points;
+    matchRectifiedCorners(e.left, e.right, test, e.rotation, {tolerance, tolerance}, points, &verdicts);
+    std::string text;
+    std::vector<double> values;
+    for (const PairVerdict& v : verdicts) {
+        text += std::to_string(v.left) + "-" + std::to_string(v.right) + " " + std::to_string(static_cast<int>(v.gate)) + "; ";
+        values.insert(values.end(), {v.measured, v.least, v.largest});
+    }
+    return {text, values};
+}
+
+TEST(RectifiedMatch, TellsWhatEndedEachPair) {
+    using enum PairGate;
+    using E = Exposure;
+    // The first left marker, of radius 5, and its right one, the second; its gate, the measured value and its bounds.
+    const std::tuple<PairGate, int, double, double, double, void (*)(E&)> cases[] = {
+        {none, 4, kNaN, -kInf, kInf, [](E&) {}},
+        {rows, 4, 3, -kInf, 2, [](E& e) { e.right[1].y += 3; }},
+        {area, 4, 0.5, 0.7, kInf, [](E& e) { e.right[1].area = 0.5 * e.left[0].area; }},
+        {rimRows, 0, 1.5, -kInf, 1,
+         [](E& e) {
+             for (cv::Point2f& p : e.right[1].contour) p.y += p.y > e.right[1].y ? 1.5f : -1.5f;
+         }},
+        {depth, 4, 1000, 500, 900, [](E& e) { e.maxDepth = 900; }},
+        {radius, 4, 5, 6.8, 14.4,
+         [](E& e) {
+             e.radii = {1, 8, 20};
+         }},
+        {radius, 0, 5, 5.6, 10.4, [](E& e) { e.radii = {8}; }},
+        {spread, 0, 0.0661, -kInf, 0.002, [](E& e) { e.tolerance = 0.001, e.right[1].area = e.left[0].area; }},
+        {radiusScore, 1, 3.13, -kInf, 2, [](E& e) { e.radii = {40}; }},
+        {outline, 4, kNaN, -kInf, kInf, [](E& e) { e.left[0].contour.clear(); }}};
+    for (const auto& [gate, gates, measured, least, largest, change] : cases) {
+        E e(2);
+        e.rotation = cv::Mat::eye(3, 3, CV_64F);
+        change(e);
+        const auto [text, values] = judged(e, gates);
+        const std::string partner = gate == outline ? "0--1 " : "0-1 ", mine = partner + std::to_string(static_cast<int>(gate)) + "; ";
+        const std::size_t at = text.find(mine);
+        ASSERT_NE(at, std::string::npos) << mine << " in " << text;
+        const auto row = 3 * static_cast<std::size_t>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), ';'));
+        const double got[] = {values[row], values[row + 1], values[row + 2]}, wanted[] = {measured, least, largest};
+        for (int k = 0; k < 3; ++k)
+            EXPECT_TRUE(!std::isfinite(wanted[k]) ? std::isnan(got[k]) == std::isnan(wanted[k])
+                                                  : std::abs(got[k] - wanted[k]) < 0.03 * std::abs(wanted[k]))
+                << mine << k << ": " << got[k];
+    }
+    // Twins of one marker in each eye, without and with a constellation to tell them apart.
+    E pair(2), many(40);
+    for (E* e : {&pair, &many}) {
+        e->right.push_back(e->right.back());
+        for (cv::Point2f& p : e->right.back().contour) p.x += 6;
+        e->right.back().x += 6;
+    }
+    EXPECT_NE(judged(pair, 4).first.find("0-2 14; "), std::string::npos) << judged(pair, 4).first;
+    EXPECT_NE(judged(many, 4).first.find("0-40 13; "), std::string::npos) << judged(many, 4).first;
+    const int threads = omp_get_max_threads();
+    const auto reference = judged(many, 4);
+    for (const int n : {1, 2, 5}) {
+        omp_set_num_threads(n);
+        const auto again = judged(many, 4);
+        EXPECT_TRUE(again.first == reference.first &&
+                    std::memcmp(again.second.data(), reference.second.data(), sizeof(double) * reference.second.size()) == 0);
+    }
+    omp_set_num_threads(threads);
+}
+
 TEST(RectifiedMatch, AnswersBadInput) {
     const std::string lists = "StereoCircleMarkerExtractor: Please check the left eye camera or right eye camera, failed to extract Marker Points.\n";
     const std::string radii = "3184   Wrong Parameter: Please check the radius of circular marker.\n";

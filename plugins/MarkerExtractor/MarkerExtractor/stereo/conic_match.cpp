@@ -82,6 +82,8 @@ struct Candidate {
     int combination;  ///< bit 0: index of the right normal, bit 1: index of the left one
     std::vector<cv::Point2f> leftCentres, rightCentres;
 
+    /// An ellipse without a real point leaves no radius.
+    bool isImaginary() const { return std::isnan(leftRadius) || std::isnan(rightRadius); }
     std::size_t leftNormal() const { return static_cast<std::size_t>(combination >> 1); }
     std::size_t rightNormal() const { return static_cast<std::size_t>(combination & 1); }
 };
@@ -194,6 +196,7 @@ PairVerdict radiusVerdict(const Candidate& c, const CicrleConfigs& configs) {
         verdict.least = nominal * (1 - configs.sizeTolerance);
         verdict.largest = nominal * (1 + configs.sizeTolerance);
     }
+    if (c.isImaginary()) return {kNobody, kNobody, PairGate::circle};
     return verdict;
 }
 
@@ -219,8 +222,10 @@ class CandidateVerdicts {
     }
 
     /// What a candidate competes with.
-    void setScore(std::size_t k, double score) {
-        if (wanted()) turn(k, {kNobody, kNobody, PairGate::score, score});
+    void setScore(std::size_t k, const Candidate& c, double score) {
+        if (!wanted()) return;
+        turn(k, c.isImaginary() ? PairVerdict{kNobody, kNobody, PairGate::circle}
+                                : PairVerdict{kNobody, kNobody, PairGate::score, score});
     }
 
     /// Once all scores are set: gives each the score that it had to beat, and the pairs that stay their good name.
@@ -371,7 +376,7 @@ ConicMatches pairConicCorners(std::vector<Corner>& leftCorners, std::vector<Corn
         }
         const double score = scoreOf(c, frame.epipolar, leftDeviation, rightDeviation);
         competition.offer(static_cast<int>(k), pairs[k], score, c);
-        candidateVerdicts.setScore(k, score);
+        candidateVerdicts.setScore(k, c, score);
     }
 
     std::vector<std::size_t> kept;

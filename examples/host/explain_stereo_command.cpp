@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "commands.h"
+#include "inputs.h"
+#include "interrupt.h"
+#include "markers.h"
+#include "output_file.h"
+#include "overlay.h"
+#include "pair_explanation.h"
+#include "stereo_exposure.h"
+
+namespace kestrune::host {
+
+int runExplainStereo(const ExplainStereoOptions& options) {
+    namespace fs = std::filesystem;
+    const InterruptWatch watch;
+    RunFiles files;
+    files.reads("--left", options.left);
+    files.reads("--right", options.right);
+    files.reads("--calibration", options.calibration);
+    files.reads("--settings", options.settings);
+    files.writesTable("--csv", options.csv);
+    files.writes("--out", options.out);
+    files.check();
+    const Settings settings = stereoSettings(loadSettings(options.settings, options.path), options.settings);
+    StereoCalibration calibration = loadStereoCalibration(options.calibration);
+    if (!options.out.empty() && fs::path(options.out).extension() != ".png")
+        throw InputError(options.out, "a picture is written as .png");
+    OutputFile csv;
+    csv.open(options.csv);
+    try {
+        if (calibration.size.empty()) calibration.size = readImage(options.left, false).size();
+        const auto images = readExposure(options.left, options.right, options.invert, calibration.size);
+        if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
+        CircleMarkerExtractor extractor = calibratedExtractor(calibration);
+        const StereoResult result = measureExposure(extractor, images, settings, kLeastShare);
+        if (csv.isOpen()) writePairExplanationCsv(csv.stream(), result, settings.configs);
+        const std::string title = fmt::format("{}, {}   path {}", fs::path(options.left).filename().string(),
+                                              fs::path(options.right).filename().string(), nameOf(settings.path));
+        csv.commitTable();
+        say(fmt::format("{}\n{}", title, pairExplanationTable(result, settings.configs)));
+        if (!result.failure.empty()) say(fmt::format("\nstereo takes this exposure as failed: {}\n", result.failure));
+        if (!options.out.empty()) {
+            std::array<cv::Mat, 2> behind;
+            for (std::size_t eye = 0; eye < 2; ++eye)
+                behind[eye] = imageBehind(images[eye], asMatrices(calibration.cameras[eye]), settings);
+            writePicture(options.out, drawPairExplanation(behind, result, title));
+        }
+    } catch (const OutputError&) {
+        throw;
+    } catch (const std::exception& error) {
+        complain(plainText(error));
+        return kPartlyFailed;
+    }
+    return watch.exitCode(kSuccess, "but all is done");
+}
+
+}  // namespace kestrune::host
