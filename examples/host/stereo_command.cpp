@@ -147,12 +147,13 @@ struct Run {
 };
 
 std::string summaryOf(const StereoResult& result) {
+    const std::string counts =
+        fmt::format("{} pairs of {} left and {} right markers, {} and {} unmatched", result.markers.size(),
+                    result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size());
+    if (!result.failure.empty()) return counts;
     const Residuals rms = rootMeanSquares(result);
-    return fmt::format(
-        "{} pairs of {} left and {} right markers, {} and {} unmatched; RMS rows {:.3f}, reprojection {:.3f} and "
-        "{:.3f} px",
-        result.markers.size(), result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size(),
-        rms.row, rms.eye[0], rms.eye[1]);
+    return fmt::format("{}; RMS rows {:.3f}, reprojection {:.3f} and {:.3f} px", counts, rms.row, rms.eye[0],
+                       rms.eye[1]);
 }
 
 std::size_t workerCount(int jobs) {
@@ -190,7 +191,8 @@ int runStereo(const StereoOptions& options) {
         if (result.failure.empty())
             say(fmt::format("{}: {}\n", exposure.name, summaryOf(result)));
         else
-            complain(fmt::format("{} ({}, {}): {}", exposure.name, exposure.left, exposure.right, result.failure));
+            complain(fmt::format("{} ({}, {}): {}{}", exposure.name, exposure.left, exposure.right, result.failure,
+                                 result.found[0] + result.found[1] > 0 ? "; " + summaryOf(result) : ""));
         if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
         if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
         output.add(exposure, result);

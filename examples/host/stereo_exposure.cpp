@@ -53,6 +53,8 @@ std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& 
         throw InputError(file, fmt::format("is {} x {} px, the calibration is for {} x {}", images[eye].cols,
                                            images[eye].rows, size.width, size.height));
     }
+    if (images[0].type() == images[1].type() && cv::norm(images[0], images[1], cv::NORM_INF) == 0)
+        throw InputError(right, "shows the same as " + left + ", pixel for pixel: two eyes never do");
     return images;
 }
 

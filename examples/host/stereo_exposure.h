@@ -47,7 +47,7 @@ struct StereoResult {
 /// @throws InputError  for a path or scale that gives no full-size pixels with contours.
 Settings stereoSettings(Settings settings, const std::string& file);
 
-/// Reads both images of an exposure and checks that they have the size of the calibration.
+/// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
 ///
 /// @throws InputError
 std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size);

@@ -83,7 +83,9 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
     writeCalibration("rig.yaml", rig);
     const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {});
+    const scene::Exposure next = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {.seed = 2});
     cv::imwrite("l.png", exposure.image[0]), cv::imwrite("r.png", exposure.image[1]);
+    cv::imwrite("l2.png", next.image[0]), cv::imwrite("r2.png", next.image[1]);
     scene::Rig ideal = rig;
     ideal.left.distortion = ideal.right.distortion = {};
     const CircleMarkerExtractor e = test::calibrated(rig);
@@ -110,7 +112,7 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
                 EXPECT_TRUE(v[14] > 0 && v[14] < 0.1 && v[15] == 60 && v[16] == 60 && v[17] == 60 && v[18] == 0 && v[19] == 0);
             }
             if (rectified[0] == 't') continue;
-            for (const char* images : {"--left r.png --right l.png", "--left l.png --right l.png", "--left r.png --right r.png"}) {
+            for (const char* images : {"--left r.png --right l.png", "--left l.png --right l2.png", "--left r.png --right r2.png"}) {
                 expectOutcome(stereo + images, 1, " of 60 markers paired; eyes exchanged, or the calibration of another rig? ");
                 const auto [none, failed] = std::pair(readText("t.ply"), rowsOf("t.csv", kColumns));
                 EXPECT_NE(none.find("element vertex 0\n"), std::string::npos);
@@ -124,6 +126,7 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
     }
     const std::string images = " --settings settings.yaml --calibration rig.yaml --left l.png --right r.png";
     expectOutcome("stereo --min-share nan" + images, 2, "--min-share");
+    expectOutcome("stereo --calibration rig.yaml --settings settings.yaml --left l.png --right l.png", 1, "l.png: shows the same as l.png");
 
     // Radii, least depth, and what is told; explain-stereo has all markers in its table and pictures both eyes.
     const std::tuple<const char*, const char*, const char*, const char*> obstacles[] = {
