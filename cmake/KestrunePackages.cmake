@@ -1,4 +1,4 @@
-# Debian packages by `cpack`: the library, what another project needs to build with it, and the program.
+# Debian packages by `cpack`: the library, what another project needs to build with it, the program, and the guides.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -10,7 +10,7 @@ set(CPACK_PACKAGE_VENDOR "kestrune")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGE_CONTACT "kestrune developers <maintainers@example.invalid>")
 
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development documentation)
 if(KESTRUNE_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -49,6 +49,20 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "finds circular markers in camera images - program\n${text}
 
 This package has the program kestrune-measure and settings to start from.")
+
+# The guides, with links that hold: README, docs and the examples lie as in the source tree.
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME kestrune-doc)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS kestrune-doc)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS kestrune-doc)
+set(CPACK_COMPONENT_DOCUMENTATION_DESCRIPTION "finds circular markers in camera images - guides and examples\n${text}
+
+This package has the guides to the library and the program, hosts to begin from and settings for them.")
+set(pages ${CMAKE_INSTALL_DATADIR}/doc/kestrune-doc)
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${pages} COMPONENT documentation)
+install(DIRECTORY docs DESTINATION ${pages} COMPONENT documentation PATTERN "*.in" EXCLUDE)
+install(DIRECTORY examples/minimal examples/stereo examples/settings DESTINATION ${pages}/examples COMPONENT documentation)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER ${component} name)

@@ -36,6 +36,19 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 [[ $("$pkg_config" --modversion kestrune_MarkerExtractor) == "$version" ]]
 if [[ -x $prefix/bin/kestrune-measure ]]; then
     "$prefix/bin/kestrune-measure" demo --size 640x480 --markers 6 --out "$work/demo" || (( $? == 1 ))  # 1: missed one
+    # The host with the same settings gives the points that the program gives.
+    "$cmake" -S "$source/examples/stereo" -B "$work/stereo" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Wconversion -Werror"
+    "$cmake" --build "$work/stereo"
+    cd "$work/demo"
+    sed 's/^markerRadii.*/markerRadii: [ ]/' "$prefix/share/kestrune/settings/bright-complex.yaml" >any-size.yaml
+    "$prefix/bin/kestrune-measure" stereo --calibration stereo-calibration.yaml --left stereo-left.png --right stereo-right.png \
+        --settings any-size.yaml --csv points.csv
+    "$work/stereo/stereo" stereo-left.png stereo-right.png stereo-calibration.yaml >points.txt
+    awk -F, 'NR == 1 { for (k = 1; k <= NF; ++k) at[$k] = k; next }
+             { print $at["X"], $at["Y"], $at["Z"], $at["radius"] }' points.csv | paste -d' ' - points.txt | tr -d ':,' |
+        awk '{ split("6 7 8 10", host); for (k in host) if (($k - $host[k])^2 > 1e-6) exit bad = 1 } END { exit bad || NR < 5 }'
+    cd -
 fi
 
 for linking in --shared --static; do

@@ -16,7 +16,8 @@ arch=$(dpkg --print-architecture)
 # inspect PACKAGE 'DEPENDENCY...' FILE...: it needs each of these, and holds these files and the licence but nothing else.
 inspect() {
     local package=$1 needs=$2 root=$work/$1 dependency depends
-    local deb=$work/packages/${package}_${version}_$arch.deb
+    local deb
+    deb=$(echo "$work/packages/${package}_${version}"_*.deb)
     shift 2
     dpkg-deb --extract "$deb" "$root"
     diff --unified <(printf '%s\n' "$@" "usr/share/doc/$package/copyright" | sort) \
@@ -39,7 +40,19 @@ inspect libkestrune-markerextractor-dev "$runtime.exactly libopencv-dev.*libopen
     "$library" "${headers[@]}" usr/lib/pkgconfig/kestrune_MarkerExtractor.pc \
     "$config"{Config,ConfigVersion,Targets,Targets-release}.cmake
 inspect kestrune-tools "libopencv-core[0-9]+[a-z0-9]* libopencv-calib3d[0-9]+[a-z0-9]* libopencv-imgcodecs[0-9]+[a-z0-9]*" \
-    usr/bin/kestrune-measure "${settings[@]}"
+    usr/bin/kestrune-measure usr/share/man/man1/kestrune-measure.1.gz "${settings[@]}"
+mapfile -t pages < <(cd "$source" && find README.md CHANGELOG.md LICENSE docs examples/{minimal,stereo,settings} -type f ! -name '*.in' \
+    -printf 'usr/share/doc/kestrune-doc/%p\n')
+inspect kestrune-doc "" "${pages[@]}"
+
+# Each command of the program has its section, and a link of the guides leads to a file.
+manual=$(zcat "$work/kestrune-tools/usr/share/man/man1/kestrune-measure.1.gz")
+for command in extract explain depth match stereo demo settings; do grep -q "^\.SS $command$" <<<"$manual"; done
+grep -q '^\.B \\-\\-calibration' <<<"$manual"
+cd "$work/kestrune-doc/usr/share/doc/kestrune-doc"
+while IFS=: read -r page link; do
+    [[ -e $(dirname "$page")/$link ]] || { echo "$page: no $link"; exit 1; }
+done < <(grep -roP --include='*.md' '\]\(\K(?!https?:)[\w./-]+(?=[)#])' .)
 
 control() { dpkg-deb --info "$work/packages/${runtime}_${version}_$arch.deb" "$1"; }
 [[ $(control triggers) == 'activate-noawait ldconfig' ]]
