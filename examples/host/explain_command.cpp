@@ -9,6 +9,7 @@
 #include "interrupt.h"
 #include "output_file.h"
 #include "overlay.h"
+#include "refinement.h"
 
 namespace kestrune::host {
 
@@ -40,6 +41,9 @@ int runExplain(const ExplainOptions& options) {
             fmt::format("{}   path {}", fs::path(options.image).filename().string(), nameOf(settings.path));
         csv.commitTable();
         say(fmt::format("{}\n{}", title, explanationTable(candidates)));
+        const std::string doubts = refinementWarning(extractor, image, options.eye, camera, settings,
+                                                     findMarkers(extractor, image, options.eye, camera, settings));
+        if (!doubts.empty()) complain(options.image + ": " + doubts);
         if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title));
     } catch (const OutputError&) {
         throw;

@@ -11,6 +11,7 @@
 #include "output_file.h"
 #include "overlay.h"
 #include "progress.h"
+#include "refinement.h"
 
 namespace kestrune::host {
 namespace {
@@ -61,6 +62,7 @@ struct Run {
         ++read;
         assumed = calibratedSize.require(file, image.size());
         const std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings);
+        doubts = refinementWarning(extractor, image, eye, camera, settings, markers);
         if (csv.isOpen()) writeCsvRows(csv.stream(), file, markers, pixelsOf(settings, camera));
         csv.flush();
         std::string line = fmt::format("{}: {} markers", file, markers.size());
@@ -87,6 +89,7 @@ struct Run {
     Camera camera;
     CalibratedSize calibratedSize;
     std::string assumed;
+    std::string doubts;  ///< what may be wrong with the markers of the image, if anything
     CircleMarkerExtractor extractor;
     OutputFile csv;
     std::size_t read = 0;  ///< images that could be read
@@ -151,6 +154,7 @@ int runExtract(const ExtractOptions& options) {
         progress.clear();
         if (!run.assumed.empty()) complain(std::exchange(run.assumed, {}));
         say(line);
+        if (!run.doubts.empty()) complain(file + ": " + std::exchange(run.doubts, {}));
         if (problem.empty()) continue;
         complain(problem);
         ++failed;

@@ -218,6 +218,23 @@ TEST(HostExplanation, CountsWhatIsTooMuchToList) {
     for (const char* line : {"   201  area", "marker 0\n"}) EXPECT_NE(table.find(line), std::string::npos) << table;
 }
 
+/// Discs of 30 px: noise tears the faint ones, and the program says so, but only where the setting is to blame.
+TEST(HostProgram, WarnsOfCentresThatRefinementSpoilt) {
+    enterOwnDirectory();
+    const scene::Rig rig = scene::makeVergedRig({800, 640});
+    const std::string ready = readText("ready/bright-radial.yaml");
+    std::ofstream("refined.yaml") << withLine(ready, "refineAtFullSize:", "refineAtFullSize: true");
+    for (const auto& [file, grey, noise] : {std::tuple("faint.png", 110, 4), {"strong.png", 190, 2}})
+        cv::imwrite(file, scene::render(rig, scene::makeScatteredDiscs(rig, 12, 30, 30, 20, grey, 4), {}, {50, 0.8, double(noise)}).image[0]);
+    const char* const warning = "refineAtFullSize: against the search without it";
+    for (const char* command : {"extract", "explain"}) {
+        const std::string run = std::string(KESTRUNE_MEASURE) + " " + command + " ";
+        expectOutcome(std::string(command) + " faint.png --settings refined.yaml", 0, warning);
+        for (const char* good : {"strong.png --settings refined.yaml", "faint.png --settings ready/bright-radial.yaml"})
+            EXPECT_EQ(shell(run + good).second.find(warning), std::string::npos) << good;
+    }
+}
+
 /// At most twice the image, however small the markers, and no name so long that the banner cuts it off.
 TEST(HostOverlay, IsAtMostTwiceTheImageUnderAWholeBanner) {
     for (const int width : {100, 640, 2448}) {
