@@ -183,7 +183,9 @@ constexpr const char* kMatchNotes =
     "no distortion, 'rectified' never.\n"
     "A marker's partner lies within 1.5 px of its epipolar line. Those that are each other's only candidate stand "
     "first\n"
-    "in the result; the others are settled by their distances to these, and can be wrong.\n"
+    "in the result; the others are settled by their distances to these. Any pair can be wrong, and of every two "
+    "exposures\n"
+    "about one has such a pair: drop pairs that use a marker twice or whose Z the object cannot have.\n"
     "CSV: one row a pair, with ids, pixels and the point in the left camera's frame (x right, y down, z away), in the\n"
     "unit of the calibration's positions.\n"
     "Exit code: 0 if there are pairs, 1 if there are none, 2 if nothing was begun.";
