@@ -12,6 +12,18 @@
 #include "refinement.h"
 
 namespace kestrune::host {
+namespace {
+
+/// What other settings would find, and a hint.
+std::string whatElse(CircleMarkerExtractor& extractor, const cv::Mat& image, const ExplainOptions& options,
+                     const Camera& camera, const Settings& settings, const std::vector<Marker>& markers) {
+    std::string trials = trialTable(tryOtherSettings(extractor, image, options.eye, camera, settings, markers));
+    if (trials.empty() && markers.empty()) trials = "\nNo other setting that was tried adds a marker.\n";
+    const std::string hint = polarityHint(extractor, image, options.eye, camera, settings, markers, options.invert);
+    return trials + (hint.empty() ? "" : "\n" + hint);
+}
+
+}  // namespace
 
 int runExplain(const ExplainOptions& options) {
     namespace fs = std::filesystem;
@@ -35,16 +47,22 @@ int runExplain(const ExplainOptions& options) {
         if (!assumed.empty()) complain(assumed);
         if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
         CircleMarkerExtractor extractor;
-        const std::vector<Candidate> candidates = explainMarkers(extractor, image, options.eye, camera, settings);
-        if (csv.isOpen()) writeExplanationCsv(csv.stream(), options.image, candidates);
+        std::vector<Dropped> dropped;
+        const std::vector<Candidate> candidates =
+            explainMarkers(extractor, image, options.eye, camera, settings, &dropped);
+        if (csv.isOpen()) {
+            writeExplanationCsv(csv.stream(), options.image, candidates);
+            writeDroppedRows(csv.stream(), options.image, dropped);
+        }
         const std::string title =
             fmt::format("{}   path {}", fs::path(options.image).filename().string(), nameOf(settings.path));
         csv.commitTable();
-        say(fmt::format("{}\n{}", title, explanationTable(candidates)));
-        const std::string doubts = refinementWarning(extractor, image, options.eye, camera, settings,
-                                                     findMarkers(extractor, image, options.eye, camera, settings));
+        say(fmt::format("{}\n{}{}", title, explanationTable(candidates), droppedTable(dropped)));
+        const std::vector<Marker> markers = findMarkers(extractor, image, options.eye, camera, settings);
+        if (!watch.asked()) say(whatElse(extractor, image, options, camera, settings, markers));
+        const std::string doubts = refinementWarning(extractor, image, options.eye, camera, settings, markers);
         if (!doubts.empty()) complain(options.image + ": " + doubts);
-        if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title));
+        if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title, dropped));
     } catch (const OutputError&) {
         throw;
     } catch (const std::exception& error) {

@@ -26,6 +26,9 @@ constexpr double kNoNumber = std::numeric_limits<double>::quiet_NaN();
 constexpr const char* kColumns =
     "image,number,x,y,width,height,ellipseX,ellipseY,major,minor,angle,gate,measured,wanted,marker\n";
 
+// A smaller box is a speck.
+constexpr double kLeastBoxPx = 5;
+const cv::Scalar kDroppedColour(205, 205, 205);
 // Two contours whose boxes differ less than this are one to the eye.
 constexpr double kTwinPx = 2;
 // Outlines are many and lie close together.
@@ -90,11 +93,11 @@ bool liesOnMarker(const Candidate& candidate, const std::vector<Candidate>& cand
 }
 
 std::vector<ExplainedCandidate> explained(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                                          const Settings& settings) {
+                                          const Settings& settings, Drops* drops) {
     const cv::Mat taken = asTaken(image, settings.path);
-    if (settings.path == Path::fast) return explainFast(taken, settings.configs);
-    if (settings.path == Path::hand) return explainHand(taken, settings.configs);
-    return explainExtraction(taken, extractor, eye, settings.configs);
+    if (settings.path == Path::fast) return explainFast(taken, settings.configs, drops);
+    if (settings.path == Path::hand) return explainHand(taken, settings.configs, drops);
+    return explainExtraction(taken, extractor, eye, settings.configs, drops);
 }
 
 /// A line without the blanks behind its last field.
@@ -110,20 +113,48 @@ std::set<std::string> crowdedGates(const std::vector<GateCount>& counts) {
     return crowded;
 }
 
+/// Boxes of what was dropped, but for what is too small to be looked at and for causes that are met everywhere.
+std::vector<Mark> marksOf(const std::vector<Dropped>& dropped) {
+    std::map<std::string, std::size_t> counts;
+    for (const Dropped& d : dropped) ++counts[d.gate];
+    std::vector<Mark> marks;
+    for (const Dropped& d : dropped) {
+        const cv::Rect2d& b = d.box;
+        if (counts[d.gate] > kMostListed || std::min(b.width, b.height) < kLeastBoxPx) continue;
+        Mark mark{MarkKind::refused, "", middleOf(b), 0.5 * b.width, 0.5 * b.height, 0};
+        for (const cv::Point2d& corner : {b.tl(), cv::Point2d(b.br().x, b.y), b.br(), cv::Point2d(b.x, b.br().y)})
+            mark.outline.emplace_back(corner);
+        mark.colour = kDroppedColour;
+        marks.push_back(std::move(mark));
+    }
+    return marks;
+}
+
 }  // namespace
 
 std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                                      const Camera& camera, const Settings& settings) {
+                                      const Camera& camera, const Settings& settings, std::vector<Dropped>* dropped) {
     const Enlargement enlarge = enlargementOf(image, settings);
     setCamera(extractor, eye, camera, enlarge, settings);
     std::vector<Candidate> candidates;
-    for (ExplainedCandidate& one : explained(extractor, image, eye, settings)) {
+    Drops drops;
+    for (ExplainedCandidate& one : explained(extractor, image, eye, settings, dropped == nullptr ? nullptr : &drops)) {
         for (cv::Point2f& p : one.contour) p = enlarge.point(p);
         const cv::Rect2d box = boxOf(one.contour);
         candidates.push_back({static_cast<int>(candidates.size()), std::move(one.contour), box,
                               fittedRim(one.ellipse, enlarge), std::move(one.gate), one.measured, std::move(one.wanted),
                               one.marker});
         if (candidates.back().gate.empty()) candidates.back().measured = kNoNumber;
+    }
+    if (dropped == nullptr) return candidates;
+    for (const Drop& drop : drops) {
+        const DropText text = describe(drop, settings.configs);
+        const cv::Rect2d& box = drop.box;  // of whole pixels, which begin half a pixel before their centres
+        dropped->push_back(
+            {text.name,
+             drop.measured,
+             text.wanted,
+             {box.x * enlarge.x - 0.5, box.y * enlarge.y - 0.5, box.width * enlarge.x, box.height * enlarge.y}});
     }
     return candidates;
 }
@@ -143,6 +174,17 @@ std::vector<GateCount> countGates(const std::vector<Candidate>& candidates) {
     return counts;
 }
 
+std::string countTable(const std::vector<GateCount>& counts, const std::set<std::string>& unlisted) {
+    std::string table = fmt::format("{:>6}  {:<24} {:>22}  {}\n", "count", "gate", "measured", "wanted");
+    for (const GateCount& g : counts) {
+        const std::string range =
+            std::isnan(g.least) ? "" : fmt::format("{} to {}", numberText(g.least), numberText(g.largest));
+        table += trimmed(fmt::format("{:>6}  {:<24} {:>22}  {}{}", g.count, g.gate.empty() ? "marker" : g.gate, range,
+                                     g.wanted, unlisted.contains(g.gate) ? " (not listed above)" : ""));
+    }
+    return table;
+}
+
 std::string explanationTable(const std::vector<Candidate>& candidates) {
     const std::vector<GateCount> counts = countGates(candidates);
     const std::set<std::string> crowded = crowdedGates(counts);
@@ -155,14 +197,7 @@ std::string explanationTable(const std::vector<Candidate>& candidates) {
                                      fmt::format("{:.1f} x {:.1f}", c.box.width, c.box.height), outcomeOf(c),
                                      numberText(c.measured), c.wanted));
     }
-    table += fmt::format("\n{:>6}  {:<24} {:>22}  {}\n", "count", "gate", "measured", "wanted");
-    for (const GateCount& g : counts) {
-        const std::string range =
-            std::isnan(g.least) ? "" : fmt::format("{} to {}", numberText(g.least), numberText(g.largest));
-        table += trimmed(fmt::format("{:>6}  {:<24} {:>22}  {}{}", g.count, g.gate.empty() ? "marker" : g.gate, range,
-                                     g.wanted, crowded.contains(g.gate) ? " (not listed above)" : ""));
-    }
-    return table;
+    return table + '\n' + countTable(counts, crowded);
 }
 
 void writeExplanationCsv(std::ostream& stream, const std::string& image, const std::vector<Candidate>& candidates) {
@@ -180,7 +215,8 @@ void writeExplanationCsv(std::ostream& stream, const std::string& image, const s
     }
 }
 
-cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title) {
+cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title,
+                        const std::vector<Dropped>& dropped) {
     const std::vector<GateCount> counts = countGates(candidates);
     const std::set<std::string> crowded = crowdedGates(counts);
     std::map<std::string, std::size_t> byName;
@@ -191,7 +227,8 @@ cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& cand
         if (!entry.empty() && !g.gate.empty())
             legend.push_back({MarkKind::refused, entry.mapped(), g.gate, colourOf(g.gate)});
     }
-    std::vector<Mark> marks;
+    std::vector<Mark> marks = marksOf(dropped);
+    if (!marks.empty()) legend.push_back({MarkKind::refused, marks.size(), "never candidates", kDroppedColour});
     for (const bool accepted : {true, false}) {  // labels of markers get the better places
         for (const Candidate& c : candidates) {
             if (c.gate.empty() != accepted || c.contour.empty()) continue;

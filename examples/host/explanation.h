@@ -9,9 +9,11 @@
 #include <iosfwd>
 #include <opencv2/core.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "dropped.h"
 #include "markers.h"
 
 namespace kestrune::host {
@@ -37,22 +39,29 @@ struct GateCount {
 
 /// The candidates of one image in the order of the front end; the markers among them are those of `findMarkers`.
 ///
+/// @param dropped  if not null, appended to: what the front end did not deliver.
 /// @throws cv::Exception  from the library.
 std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                                      const Camera& camera, const Settings& settings);
+                                      const Camera& camera, const Settings& settings,
+                                      std::vector<Dropped>* dropped = nullptr);
 
 /// The markers first, if only to say that there are none, then the gates, those that refused most before the others.
 std::vector<GateCount> countGates(const std::vector<Candidate>& candidates);
 
+/// The counts as a table; those that were too many to list are marked.
+std::string countTable(const std::vector<GateCount>& counts, const std::set<std::string>& unlisted = {});
+
 /// All candidates but those of gates that refused more than a reader can look at; then the counts.
 std::string explanationTable(const std::vector<Candidate>& candidates);
 
-/// All candidates.
+/// All candidates; the header row comes first.
 void writeExplanationCsv(std::ostream& stream, const std::string& image, const std::vector<Candidate>& candidates);
 
-/// The image as it was taken with the contours of all candidates. Markers are labelled with their id, what was refused
+/// The image as it was taken with the contours of all candidates, and the boxes of what was dropped before where there
+/// is something to look at. Markers are labelled with their id, what was refused
 /// with # and its number, but for gates that refused more than could be read, and for
 /// contours that coincide with a marker's.
-cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title);
+cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title,
+                        const std::vector<Dropped>& dropped = {});
 
 }  // namespace kestrune::host

@@ -98,7 +98,11 @@ constexpr const char* kExplainNotes =
     "tell\n"
     "only the count; the CSV lists all, with the last fitted ellipse where there is one, in the pixels of extract.\n"
     "Picture: markers green with their id, all else in the colour of its gate with # and its number in the table.\n"
-    "What the front end never delivered is not listed: no edge, no contour, no candidate.\n"
+    "Below the candidates: the blobs, contours and edges that the front end dropped before, by cause, with the range "
+    "of\n"
+    "the values met and the settings that dropped them (in the CSV one by one, without a number; in the picture grey "
+    "boxes,\n"
+    "where a cause has no more than 200); the settings that would add markers, and what else to try.\n"
     "Exit code: 0, 1 if the image could not be handled, 2 if nothing was begun.";
 
 void addExplain(CLI::App& app, ExplainOptions& options) {

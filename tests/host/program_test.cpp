@@ -6,6 +6,7 @@
 
 #include "explanation.h"
 #include "overlay.h"
+#include "support/configs.h"
 #include "support/program.h"
 
 namespace kestrune::host::program_test {
@@ -206,6 +207,40 @@ TEST(HostMarkers, AreTrueAndAccountedForAtEveryScale) {
         writeExplanationCsv(csv, "a", candidates);
         EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(csv.str(), '\n')), candidates.size() + 1);
         EXPECT_GT(drawExplanation(exposure.image[1], candidates, "").rows, 803);
+    }
+}
+
+/// What no candidate came of: the setting that dropped it, the change that would show it, the other polarity.
+TEST(HostExplanation, TellsWhatNeverBecameACandidate) {
+    enterOwnDirectory();
+    const auto write = [](const char* file, double disc, double ground) {
+        cv::Mat image(300, 400, CV_8UC1, cv::Scalar(ground));
+        for (int k = 0; k < 6; ++k) test::addDisc(image, {70.3 + 120 * (k % 3), 80.6 + 130 * (k / 3)}, 12 + 2 * k, disc, ground);
+        cv::imwrite(file, image);
+    };
+    write("bright.png", 200, 60), write("dark.png", 60, 200), write("faint.png", 80, 60), write("fainter.png", 70, 60), write("mid.png", 88, 60);
+    const std::string radial = ".png --settings ready/bright-radial.yaml --csv e.csv --out e.png ";
+    const std::pair<std::string, const char*> cases[] = {
+        {"dark" + radial, "\nnothing bright is round here, but 6 dark shapes are: --invert, or path complex\n"},
+        {"bright" + radial + "--invert", "\nnothing dark is round here, but 6 bright shapes are: leave --invert out, or path complex\n"},
+        {"dark.png --settings ready/bright-fast.yaml --path fast", "but 6 dark shapes are"},
+        {"faint.png --settings ready/bright-fast.yaml --path fast", "\n     6  blob: grey level                       70 to 70"},
+        {"faint.png --settings ready/bright-subpixel.yaml", "\n     6      0  cannyLow 15 instead of 20 and cannyHigh 20 instead of 40\n"},
+        {"fainter" + radial, "\n     6      0  thresholdC -2 instead of -8 and contrast 7 instead of 30\n"},
+        {"mid" + radial, "\n     6      0  thresholdC -6 instead of -8 and contrast 22 instead of 30\n"},
+        {"mid" + radial, "\n     6  blob: no rim  "},
+    };
+    for (const auto& [arguments, expected] : cases) expectOutcome("explain " + arguments, 0, expected);
+    const std::string csv = readText("e.csv");
+    for (const char* part : {"\nmid.png,,70.5,80.5,22,22,,,,,,blob: no rim,23.", "\"contrast 30 or more, of its mean to the ring around it\",\n"})
+        EXPECT_NE(csv.find(part), std::string::npos) << csv;
+    const Settings settings = loadSettings("ready/bright-radial.yaml", {});
+    for (const auto& [file, hinted] : {std::pair("bright.png", false), {"dark.png", true}}) {
+        CircleMarkerExtractor extractor;
+        const cv::Mat image = readImage(file, false);
+        const std::vector<Marker> markers = findMarkers(extractor, image, 0, {}, settings);
+        EXPECT_EQ(!polarityHint(extractor, image, 0, {}, settings, markers, false).empty(), hinted) << file;
+        EXPECT_TRUE(tryOtherSettings(extractor, image, 0, {}, settings, markers).empty()) << file;
     }
 }
 

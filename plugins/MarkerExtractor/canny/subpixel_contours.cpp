@@ -223,6 +223,7 @@ void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given,
         noteWeakEdges(images, settings, given.minLength, *drops);
     }
     std::vector<std::vector<cv::Point>> inner;
+    inner.reserve(selected.size());
     for (const int c : selected) {
         inner.push_back(std::move(pixelContours[static_cast<std::size_t>(c)]));
     }

@@ -2,7 +2,6 @@
 #include "MarkerExtractor/extraction/fast.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
@@ -17,8 +16,7 @@ namespace {
 constexpr double kThreshold = 100;   ///< grey level above which a pixel belongs to a marker
 constexpr double kForeground = 250;  ///< its value in the binary image; any value but 0 traces alike
 constexpr std::size_t kLeastFitPoints = 5;
-/// What else to look for shapes at, the nearest first.
-constexpr std::array<double, 10> kOtherThresholds = {80, 120, 60, 140, 40, 160, 180, 20, 200, 220};
+constexpr int kThresholdStep = 10;  ///< grey levels, of the other thresholds to look for shapes at
 constexpr double kFourPi = 12.566370614359172;
 
 using PixelContour = std::vector<cv::Point>;
@@ -81,6 +79,18 @@ std::vector<cv::RotatedRect> shapesAbove(const cv::Mat& image, double threshold,
     return shapes;
 }
 
+/// The nearest to the path's own first.
+std::vector<double> otherThresholds() {
+    std::vector<double> thresholds;
+    for (int step = 1; step * kThresholdStep < 255 - kThreshold; ++step) {
+        for (const int sign : {-1, 1}) {
+            const double threshold = kThreshold + sign * step * kThresholdStep;
+            if (threshold > 0) thresholds.push_back(threshold);
+        }
+    }
+    return thresholds;
+}
+
 }  // namespace
 
 std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image) {
@@ -103,7 +113,7 @@ void noteFastDrops(const cv::Mat& image, const CicrleConfigs& configs, Drops& dr
     }
 
     std::vector<cv::RotatedRect> known = shapesAbove(image, kThreshold, configs);
-    for (const double threshold : kOtherThresholds) {
+    for (const double threshold : otherThresholds()) {
         for (const cv::RotatedRect& shape : shapesAbove(image, threshold, configs)) {
             const bool isKnown = std::any_of(known.begin(), known.end(), [&shape](const cv::RotatedRect& other) {
                 return cv::norm(shape.center - other.center) < 0.5 * std::max(other.size.width, other.size.height);
