@@ -43,6 +43,7 @@ int runExplainStereo(const ExplainStereoOptions& options) {
         csv.commitTable();
         say(fmt::format("{}\n{}", title, pairExplanationTable(result, settings.configs)));
         if (!result.failure.empty()) say(fmt::format("\nstereo takes this exposure as failed: {}\n", result.failure));
+        if (!result.doubt.empty()) say(fmt::format("\n{}\n", result.doubt));
         if (!options.out.empty()) {
             std::array<cv::Mat, 2> behind;
             for (std::size_t eye = 0; eye < 2; ++eye)

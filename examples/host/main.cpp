@@ -228,6 +228,7 @@ constexpr const char* kStereoNotes =
     "With fewer pairs than --min-share asks for, an exposure counts as failed: exchanged eyes and the calibration of\n"
     "another rig leave a few pairs by chance. The error names the tests that ended most markers; explain-stereo lists "
     "all.\n"
+    "A warning tells of pairs that are far off their rows, as wrong partners in a dense pattern are.\n"
     "CSV: one row a marker, in the order of the exposures; a failed one has one row with its counts and the error.\n"
     "JSON: one record an exposure, failed ones with the error, and their pairs as rejected in place of markers.\n"
     "PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's, "

@@ -193,6 +193,7 @@ int runStereo(const StereoOptions& options) {
         else
             complain(fmt::format("{} ({}, {}): {}{}", exposure.name, exposure.left, exposure.right, result.failure,
                                  result.found[0] + result.found[1] > 0 ? "; " + summaryOf(result) : ""));
+        if (!result.doubt.empty()) complain(fmt::format("{}: {}", exposure.name, result.doubt));
         if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
         if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
         output.add(exposure, result);

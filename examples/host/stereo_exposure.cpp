@@ -101,6 +101,7 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
         result.markers.push_back(marker);
     }
     result.failure = objectionTo(result, settings.configs, minShare);
+    if (result.failure.empty()) result.doubt = doubtAbout(result);
     return result;
 }
 

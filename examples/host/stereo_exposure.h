@@ -38,6 +38,7 @@ struct StereoResult {
     std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
     /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
     std::string failure;
+    std::string doubt;  ///< what to look at in an exposure that gives points; empty: nothing
 };
 
 /// The settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`

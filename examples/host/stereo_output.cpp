@@ -88,6 +88,7 @@ void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& res
                    {"pairs", result.markers.size()},
                    {"unmatched", {result.unmatched[0].size(), result.unmatched[1].size()}}};
     if (!result.failure.empty()) record["error"] = result.failure;
+    if (!result.doubt.empty()) record["warning"] = result.doubt;
     json markers = json::array();
     for (const StereoMarker& m : result.markers) {
         json marker = {{"pair", markers.size()},

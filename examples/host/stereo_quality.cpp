@@ -5,11 +5,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "stereo_exposure.h"
 
 namespace kestrune::host {
 namespace {
+
+// Calibrated rows agree to 0.1 px and better, and a pair that is off by more than a few times what the others are has
+// another reason than the noise of its centres.
+constexpr double kDoubtfulRow = 0.25;
+constexpr double kDoubtfulRatio = 6;
 
 cv::Vec3d ray(const cv::Mat& camera, const cv::Point2d& pixel) {
     return cv::Matx33d(camera).inv() * cv::Vec3d(pixel.x, pixel.y, 1);
@@ -69,6 +75,22 @@ std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs
     return fmt::format("{}; {}{}", few,
                        failsBySize(result) ? "" : "eyes exchanged, or the calibration of another rig? ",
                        chiefObstacle(result, configs));
+}
+
+std::string doubtAbout(const StereoResult& result) {
+    std::vector<double> rows;
+    for (const StereoMarker& m : result.markers) rows.push_back(std::abs(m.residuals.row));
+    if (rows.empty()) return {};
+    std::ranges::sort(rows);
+    const double median = rows[rows.size() / 2], rms = rootMeanSquares(result).row;
+    const auto first = std::ranges::upper_bound(rows, std::max(kDoubtfulRow, kDoubtfulRatio * median));
+    if (first != rows.end())
+        return fmt::format(
+            "{} of {} pairs lie {:.2f} to {:.2f} px off their rows, half of all within {:.3f}: wrong partners?",
+            rows.end() - first, rows.size(), *first, rows.back(), median);
+    if (rms > kDoubtfulRow)
+        return fmt::format("rows disagree by {:.2f} px RMS: a calibration that does not hold, or wrong partners?", rms);
+    return {};
 }
 
 }  // namespace kestrune::host

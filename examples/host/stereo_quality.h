@@ -37,4 +37,9 @@ constexpr double kLeastShare = 0.5;
 /// @param minShare  0 to 1; 0 takes any number of pairs above none.
 std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs, double minShare);
 
+/// What speaks against some pairs of an exposure that is good as a whole, or against its calibration: in a dense
+/// pattern a wrong partner in the right rows still lies farther off its row than a marker's centre is in doubt. Empty:
+/// nothing.
+std::string doubtAbout(const StereoResult& result);
+
 }  // namespace kestrune::host

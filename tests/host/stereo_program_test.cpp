@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
-#include "stereo_quality.h"
+#include "stereo_exposure.h"
 #include "support/program.h"
 
 namespace kestrune::host::stereo_program_test {
@@ -162,6 +162,19 @@ TEST(HostStereo, ResidualsAreThoseOfTheFrame) {
             EXPECT_TRUE(std::abs(some.eye[0] - 5) < 1e-8 && std::abs(some.eye[1] - 2) < 1e-8) << corners << output;
             EXPECT_NEAR(some.row, 6, corners ? 1e-8 : 0.3);
         }
+    }
+}
+
+TEST(HostStereo, DoubtsPairsThatAreOffTheirRows) {
+    const std::pair<std::vector<double>, const char*> cases[] = {{{0.01, -0.02, 0.03, 0.24}, ""},
+                                                                 {{0.01, -0.02, 0.03, -0.26, 1.4}, "2 of 5 pairs lie 0.26 to 1.40 px off"},
+                                                                 {{0.3, -0.5, 0.4, 0.6}, "rows disagree by 0.46 px RMS"},
+                                                                 {{}, ""}};
+    for (const auto& [rows, expected] : cases) {
+        StereoResult result;
+        for (const double row : rows) result.markers.emplace_back().residuals.row = row;
+        const std::string doubt = doubtAbout(result);
+        EXPECT_TRUE(doubt.empty() == (*expected == 0) && doubt.starts_with(expected)) << doubt;
     }
 }
 
