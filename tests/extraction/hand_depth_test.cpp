@@ -54,6 +54,7 @@ TEST(HandPath, RefusesInOrderWithBothEndsInside) {
     EXPECT_STREQ(judgeHandContour(rectangle(50, 10), c).candidate.ratioText, "ratio:28.80");
     EXPECT_EQ(judgeHandContour(rectangle(40, 10), c).refusedBy, Gate::kEccentricity);
     EXPECT_EQ(judgeHandContour(rectangle(20, 20), c).refusedBy, Gate::kFitError) << "the mean error alone decides";
+    EXPECT_EQ(judgeHandContour({{2, 2}, {2, 3}, {3, 3}, {4, 3}, {3, 2}}, c).refusedBy, Gate::kFit) << "an ellipse that is not finite";
     EXPECT_THROW(judgeHandContour({{7, 7}}, c), cv::Exception) << "0 / 0 passes and meets the fit";
 }
 

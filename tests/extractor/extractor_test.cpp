@@ -81,6 +81,7 @@ TEST(FastPath, AppliesItsSwitchesAndBounds) {
     cv::Mat image(60, 120, CV_8UC1, cv::Scalar(100));  // 100 is background, 101 is not
     image(cv::Rect(10, 10, 11, 11)).setTo(101);        // contour through pixel centres: 10 x 10
     image(cv::Rect(50, 10, 41, 11)).setTo(255);        // 40 x 10
+    for (const cv::Point pixel : {cv::Point(2, 42), {3, 42}, {2, 43}, {3, 43}, {4, 43}}) image.at<uchar>(pixel) = 255;  // its ellipse is not finite
     const std::pair<void (*)(CicrleConfigs&), std::multiset<double>> cases[] = {
         {[](auto&) {}, {400, 100}},
         {[](auto& c) { c.enableAreaFilter = true, c.minArea = 100, c.maxArea = 1000; }, {400, 100}},

@@ -83,7 +83,7 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     const auto [leftRival, rival] = cornersOf({0.5, 0.3, -1}, 7);  // in the same place, but its conic agrees less
     const auto [leftSmall, small] = cornersOf({0, 0, -1}, 5.5);
     Corner hyperbola = right, broken = right, level = right;
-    hyperbola.conic[0] = -hyperbola.conic[0], broken.conic[2] = NAN, level.y = left.y;
+    hyperbola.conic[0] = -hyperbola.conic[0], level.y = left.y;
     const CicrleConfigs configs = stereoConfigs(), anySize = stereoConfigs(false, {});
     CicrleConfigs unlike = anySize, anyDepth = stereoConfigs(true, {});
     unlike.minRadiusRatio = 1.01f, anyDepth.minRadiusRatio = 0, anyDepth.minDepth = -1e9, anyDepth.maxDepth = 1e9;
@@ -101,7 +101,20 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
         {"nobody", {}, {right}, configs, {}}};
     for (const auto& [what, l, r, c, pairs] : cases) EXPECT_EQ(Matched(l, r, e, c).pairs, pairs) << what;
 
-    EXPECT_THROW(Matched({leftSmall}, {broken}, e, anySize), std::runtime_error);
+    // Nothing, a line twice, a point, two lines that cross, and two that do not: no marker, but the others stand.
+    using Conic = std::array<double, 6>;
+    for (const Conic& conic : {Conic{}, {1, 0, 0, -10, 0, 25}, {1, 0, 1, -20, -40, 500}, {0, 1, 0, -4, -3, 12}, {1, 0, 0, 0, 0, -1}}) {
+        Corner badLeft = left, badRight = right;
+        badLeft.conic = badRight.conic = conic;
+        EXPECT_EQ(Matched({badLeft, left}, {right, badRight}, e, anySize).pairs, Pairs({{1, 0}})) << conic[0] << conic[1];
+    }
+    for (const double value : {kNaN, kInf, -kInf}) {
+        for (double& coefficient : broken.conic) {
+            const double before = std::exchange(coefficient, value);
+            EXPECT_EQ(refused([&] { Matched({leftSmall}, {broken}, e, anySize); }), "Eigen decomposition failed.") << value;
+            coefficient = before;
+        }
+    }
     std::vector<cv::Point2f> centres(7);  // emptied first
     EXPECT_TRUE(solveCirclePose(e.triangulationA, {5, 8, 900}, left, centres).normals.size() == 2 && centres.size() == 2);
     CircleMarkerExtractor noBaseline = e, odd = e;

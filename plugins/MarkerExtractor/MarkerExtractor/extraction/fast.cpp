@@ -134,6 +134,10 @@ FastVerdict judgeFastContour(const PixelContour& contour, const CicrleConfigs& c
     verdict.area = cv::moments(points, false).m00;
     if (judgeOutline(contour, configs, hull, verdict) != Gate::kNone) return verdict;
     verdict.rect = cv::fitEllipse(points);
+    if (!isFinite(verdict.rect)) {
+        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
+        return verdict;
+    }
     if (configs.enableEccentricityFilter) {
         verdict.eccentricity = eccentricityOf(verdict.rect);
         if (verdict.eccentricity > configs.maxEccentricity) {

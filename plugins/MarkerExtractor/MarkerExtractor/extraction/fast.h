@@ -25,8 +25,9 @@ struct FastVerdict {
 /// @param image  `CV_8UC1`.
 std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image);
 
-/// Runs the gates that are switched on, in the order area, circularity, convexity, eccentricity. Unlike on the other
-/// paths the largest area is out of range.
+/// Runs the gates that are switched on, in the order area, circularity, convexity, fit, eccentricity, of which "fit",
+/// for an ellipse that is not finite, cannot be switched off. Unlike on the other paths the largest area is out of
+/// range.
 ///
 /// @param hull  scratch storage.
 /// @throws cv::Exception from the fit, for a contour of fewer than five points that came past the first three gates.

@@ -19,7 +19,7 @@ void fillConic(Corner& marker, const cv::RotatedRect& rect) {
 
 bool isFinite(const cv::RotatedRect& rect) {
     return std::isfinite(rect.center.x) && std::isfinite(rect.center.y) && std::isfinite(rect.size.width) &&
-           std::isfinite(rect.size.height);
+           std::isfinite(rect.size.height) && std::isfinite(rect.angle);
 }
 
 }  // namespace kestrune

@@ -14,6 +14,7 @@ namespace kestrune {
 
 namespace {
 
+constexpr const char* kNoDecomposition = "Eigen decomposition failed.";
 constexpr double kLeastDisparityWeight = 1e-6;  ///< below it the two rays are parallel
 
 Eigen::Matrix3d conicMatrix(const Corner& corner) {
@@ -31,7 +32,7 @@ struct EigenSystem {
 
 EigenSystem decompose(const Eigen::Matrix3d& matrix) {
     const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(matrix, Eigen::ComputeEigenvectors);
-    if (solver.info() != Eigen::Success) throw std::runtime_error("Eigen decomposition failed.");
+    if (solver.info() != Eigen::Success) throw std::runtime_error(kNoDecomposition);
     std::array<int, 3> order{0, 1, 2};
     std::stable_sort(order.begin(), order.end(),
                      [&solver](int a, int b) { return solver.eigenvalues()[a] < solver.eigenvalues()[b]; });
@@ -86,9 +87,15 @@ CircleSolution solveCirclePose(const Eigen::Matrix3d& camera, const Point3_<doub
                                std::vector<cv::Point2f>& centres) {
     centres.clear();
     const Eigen::Matrix3d conic = conicMatrix(corner);
-    const Eigen::Matrix3d cone = (camera.transpose() * conic * camera).inverse();
+    const Eigen::Matrix3d half = camera.transpose() * conic;
+    const Eigen::Matrix3d whole = half * camera;
+    if (!whole.allFinite()) throw std::runtime_error(kNoDecomposition);
+    // A point, a line twice, two lines, or nothing at all is no marker, and no reason to give up the others. Rounding
+    // may hide it from one determinant, and the inverse has one of its own.
+    const bool isDegenerate = conic.determinant() == 0 || half.determinant() == 0 || whole.determinant() == 0;
+    const Eigen::Matrix3d cone = whole.inverse();
+    if (isDegenerate || !cone.allFinite()) return {std::numeric_limits<double>::quiet_NaN(), {}};
     const EigenSystem system = decompose(cone);
-    if (!cone.allFinite()) return {std::numeric_limits<double>::quiet_NaN(), {}};
     const auto& [e0, e1, e2] = system.value;
     const auto& [u0, u1, u2] = system.vector;
 
@@ -96,7 +103,7 @@ CircleSolution solveCirclePose(const Eigen::Matrix3d& camera, const Point3_<doub
     CircleSolution solution;
     solution.radius = std::sqrt(e2) * p.norm() / std::sqrt(-e0);
     const double s = std::sqrt((e2 - e1) / e1);
-    const Eigen::Matrix3d toCentre = (camera.transpose() * conic).inverse();
+    const Eigen::Matrix3d toCentre = half.inverse();
     for (const double side : {s, -s}) {
         const Eigen::Vector3d normal = facingNormal(u1 + side * u0, u2, p);
         const Eigen::Vector3d h = toCentre * normal;
