@@ -9,9 +9,12 @@ endif()
 # kestrune_target(name): C++20, warnings, sanitizer, and floating point that does not depend on the compiler's mood: no
 # fused multiply-add may be formed behind our back, or two machines would disagree in the last bit. Assertions of OpenCV
 # carry the name of their file: it starts in this tree, so that what is installed does not tell where it was built.
+# Gcc 12 loses a narrowing from double to float and back where it makes vectors of straight-line code, so that a number
+# that is to have single precision keeps double: it makes vectors of loops only.
 function(kestrune_target name)
     target_compile_features(${name} PRIVATE cxx_std_20)
     set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-tree-slp-vectorize>)
     target_compile_options(${name} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
     target_compile_options(${name} PRIVATE -ffp-contract=off -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
                                            -Woverloaded-virtual -Wcast-align -Wunused)

@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Sets everything up, builds a preset and runs every test of it. usage: scripts/test.sh [release|debug|asan|tsan]
+# Sets everything up, builds a preset and runs every test of it. usage: scripts/test.sh [release|debian|debug|asan|tsan]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
 
 case $preset in
-    release | debug | asan) scripts/setup.sh ;;
+    release | debian | debug | asan) scripts/setup.sh ;;
     tsan) scripts/setup.sh tsan ;;
-    *) echo "usage: scripts/test.sh [release|debug|asan|tsan]" >&2; exit 2 ;;
+    *) echo "usage: scripts/test.sh [release|debian|debug|asan|tsan]" >&2; exit 2 ;;
 esac
 
 # The sanitizers reserve fixed places in memory, which kernels with much address randomisation may have taken.
