@@ -1,8 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
+#include <clocale>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <locale>
 #include <set>
 #include <thread>
 
+#include "MarkerExtractor/extraction/ellipse_gates.h"
 #include "logging/logging.h"
 #include "support/calls.h"
 #include "support/configs.h"
@@ -81,7 +88,7 @@ TEST(FastPath, AppliesItsSwitchesAndBounds) {
     cv::Mat image(60, 120, CV_8UC1, cv::Scalar(100));  // 100 is background, 101 is not
     image(cv::Rect(10, 10, 11, 11)).setTo(101);        // contour through pixel centres: 10 x 10
     image(cv::Rect(50, 10, 41, 11)).setTo(255);        // 40 x 10
-    for (const cv::Point pixel : {cv::Point(2, 42), {3, 42}, {2, 43}, {3, 43}, {4, 43}}) image.at<uchar>(pixel) = 255;  // its ellipse is not finite
+    for (const cv::Point pixel : {cv::Point(2, 2), {3, 2}, {2, 3}, {3, 3}, {4, 3}}) image.at<uchar>(pixel) = 255;  // its ellipse is not finite
     const std::pair<void (*)(CicrleConfigs&), std::multiset<double>> cases[] = {
         {[](auto&) {}, {400, 100}},
         {[](auto& c) { c.enableAreaFilter = true, c.minArea = 100, c.maxArea = 1000; }, {400, 100}},
@@ -104,6 +111,67 @@ TEST(FastPath, AppliesItsSwitchesAndBounds) {
         EXPECT_EQ(areas, expected);
         EXPECT_TRUE(extractor.markerRects.empty() && extractor.markerName.empty());
     }
+}
+
+/// Numbers with a comma and groups of three digits, in C, as far as such a locale can be made here, and in C++.
+class CommaLocale {
+  public:
+    CommaLocale() {
+        const std::string directory = testing::TempDir() + "kestrune-locale-" + std::to_string(getpid());
+        std::filesystem::create_directories(directory);
+        const std::string make = "localedef -i de_DE -f UTF-8 " + directory + "/de_DE.UTF-8 > /dev/null 2>&1";
+        setenv("LOCPATH", directory.c_str(), 1);
+        isMade = std::system(make.c_str()) == 0 && std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
+        std::filesystem::remove_all(directory);
+    }
+    ~CommaLocale() {
+        std::locale::global(before_);
+        std::setlocale(LC_ALL, "C");
+        unsetenv("LOCPATH");
+    }
+    bool isMade;
+
+  private:
+    struct Comma : std::numpunct<char> {
+        char do_decimal_point() const override { return ','; }
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    std::locale before_ = std::locale::global(std::locale(std::locale::classic(), new Comma));
+};
+
+TEST(Locale, OfTheProcessHasNoSayInTexts) {
+    const auto texts = [] {
+        std::vector<std::string> result;
+        CicrleConfigs c = discConfigs(false);
+        const auto add = [&result, &c](const cv::Mat& image) {
+            try {
+                std::vector<Corner> corners;
+                CircleMarkerExtractor().CircleExtractSimple(image, corners, 0, c);
+            } catch (const cv::Exception& e) {
+                result.push_back(e.err);
+            }
+        };
+        c.sigma = 0.0625;
+        add(cv::Mat(9, 9, CV_8UC1, cv::Scalar(0)));
+        c.scale = 12345;
+        add(cv::Mat(9, 4321, CV_8UC1, cv::Scalar(0)));
+        c.minArea = 1234567;
+        result.emplace_back(judgeContour({{0, 0}, {1300, 0}, {1300, 1.5}, {0, 1.5}}, c, {}, true).candidate.areaText);
+        cv::Mat image(60, 500, CV_8UC1, cv::Scalar(0)), position = (cv::Mat_<double>(3, 1) << 1, 2, -900);
+        cv::RotatedRect ellipse({160, 20}, {20, 14}, 30);
+        double x = 0;
+        CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, x, x, 1000, 5);
+        result.emplace_back(image.begin<char>(), image.end<char>());
+        return result;
+    };
+    const std::vector<std::string> expected = texts();
+    ASSERT_EQ(expected.size(), 4u);
+    EXPECT_EQ(expected[1], "scale: 12345 leaves nothing of an image of 4321 x 9 pixels");
+    EXPECT_EQ(expected[2], "area:1950.00");
+    const CommaLocale comma;
+    EXPECT_TRUE(texts() == expected);
+    if (!comma.isMade) GTEST_SKIP() << "no locale of C with a comma: only that of C++ was looked at";
 }
 
 TEST(Logging, WritesWholeLinesOnStandardOutput) {

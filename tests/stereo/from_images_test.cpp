@@ -136,4 +136,41 @@ TEST(StereoFromImages, SaysWhatFailed) {
     EXPECT_GE(single.pairs.size(), 22U);
 }
 
+TEST(StereoFromImages, GivesTheRectanglesOfBothEyesAlsoToTheExtractorsOwnList) {
+    CircleMarkerExtractor e = calibrated(exposed().rig);
+    Outcome apart, own;
+    for (const bool leftIsOwn : {true, false}) {
+        apart.run(exposed().image[0], exposed().image[1], e, configsOf(kRims));
+        auto &left = leftIsOwn ? e.markerRects : own.left, &right = leftIsOwn ? own.left : e.markerRects;
+        getStereoMarker3dPoints(exposed().image[0], exposed().image[1], e, own.points, left, right, configsOf(kRims));
+        EXPECT_TRUE(std::ranges::equal(left, apart.left, same) && std::ranges::equal(right, apart.right, same)) << leftIsOwn;
+    }
+}
+
+TEST(StereoFromImages, ARefusedCallChangesNoMemberAndNoResult) {
+    using E = CircleMarkerExtractor;
+    const cv::Mat wide(1024, 1280, CV_16UC1, cv::Scalar(9)), tiny(2, 2, CV_8UC1, cv::Scalar(9)), &right = exposed().image[1];
+    const cv::Mat pairs(1, 5, CV_64FC2, cv::Scalar::all(0));
+    const E whole = calibrated(exposed().rig);
+    const std::tuple<const char*, Path, cv::Mat E::*, cv::Mat, cv::Mat> cases[] = {
+        {"image", kRows, nullptr, {}, wide},
+        {"scale", kRims, nullptr, {}, tiny},
+        {"rightDistortion", kRims, &E::rightDistortion, pairs, right},
+        {"rightDistortion", kRadial, &E::rightDistortion, hollow(1, 5), right},
+        {"leftDistortion", kRows, &E::leftDistortion, pairs, right},
+        {"fundamental", kRadial, &E::fundamental, hollow(3, 3), right},
+        {"leftHomography", kRows, &E::leftHomography, hollow(3, 3), right}};
+    for (const auto& [name, path, member, value, image] : cases) {
+        E e = whole;
+        if (member != nullptr) e.*member = value;
+        e.markerRects.resize(2), e.markerName = "before";
+        CicrleConfigs c = configsOf(path);
+        c.scale = 3;
+        Outcome o;
+        EXPECT_EQ(refused([&, &r = image] { getStereoMarker3dPoints(exposed().image[0], r, e, o.points, o.left, o.right, c); }), name);
+        EXPECT_TRUE(e.markerRects.size() == 2 && e.markerName == "before" && e.rayDirections.empty()) << name;
+        EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3 && o.right.size() == 3) << name;
+    }
+}
+
 }  // namespace kestrune::test::from_images

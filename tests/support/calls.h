@@ -27,6 +27,13 @@ std::string refused(const Call& call) {
     return {};
 }
 
+/// Rows and columns, but no elements.
+inline cv::Mat hollow(int rows, int columns, int type = CV_64FC1) {
+    cv::Mat matrix(rows, columns, type);
+    matrix.data = nullptr;
+    return matrix;
+}
+
 /// The warnings that a call writes on standard output, one a line, from the place that they come from on.
 template <typename Call>
 std::string warningsOf(const Call& call) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/camera/calibration_check.h"
 #include "MarkerExtractor/camera/undistort.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -13,6 +14,9 @@ CircleMarkerExtractor& CircleMarkerExtractor::operator=(const CircleMarkerExtrac
 
 void CircleMarkerExtractor::UndistortCorners(std::vector<Corner>& corners, const cv::Mat& cameraMatrix,
                                              const cv::Mat& distCoeffs) {
+    if (corners.empty()) return;
+    requireData(cameraMatrix, "cameraMatrix");
+    requireDistortion(distCoeffs, "distCoeffs");
     for (Corner& corner : corners) undistortCorner(corner, cameraMatrix, distCoeffs);
 }
 

@@ -1,8 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/front_ends.h"
+#include "MarkerExtractor/extraction/working_images.h"
 #include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
 
 namespace kestrune {
+
+void checkExtraction(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                     const CicrleConfigs& configs) {
+    if (configs.useComplexExtract) {
+        checkRimCall(image, configs);
+    } else {
+        checkSimpleCall(image, extractor, configs);
+    }
+    lensOf(extractor, cameraIndex, configs);
+}
 
 bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
                          int cameraIndex, const CicrleConfigs& configs) {

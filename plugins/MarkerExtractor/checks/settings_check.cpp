@@ -6,6 +6,8 @@
 #include <locale>
 #include <sstream>
 
+#include "checks/fixed_text.h"
+
 namespace kestrune {
 
 namespace {
@@ -75,6 +77,7 @@ void requireScale(int scale, const cv::Size& imageSize) {
     if (scale < 1) refuseSetting("scale", withValue(scale, "is below 1"));
     if (imageSize.width / scale < 1 || imageSize.height / scale < 1) {
         std::ostringstream text;
+        text.imbue(std::locale::classic());
         text << "leaves nothing of an image of " << imageSize.width << " x " << imageSize.height << " pixels";
         refuseSetting("scale", withValue(scale, text.str()));
     }
@@ -92,7 +95,7 @@ void requireEdgeSigma(double sigma) {
     if (!std::isfinite(sigma)) refuseSetting("sigma", withValue(sigma, "is not finite"));
     if (std::nearbyint(3.0 * sigma) < 1.0) {
         refuseSetting("sigma", withValue(sigma, "leaves one tap of the derivative kernel; it must be above " +
-                                                    std::to_string(kOneTapSigma)));
+                                                    fixedText(kOneTapSigma, 6)));
     }
     if (sigma > kLargestEdgeSigma)
         refuseSetting("sigma", withValue(sigma, "gives a derivative kernel of more than 2000 taps, all zero"));

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "MarkerExtractor/camera/calibration_check.h"
+#include "checks/fixed_text.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
@@ -50,7 +51,7 @@ void requireFinite(const double* values, int count, const char* list, std::size_
     const double* const bad = std::find_if_not(values, values + count, [](double v) { return std::isfinite(v); });
     if (bad == values + count) return;
     refuseSetting(cv::format("%s[%zu]", list, index),
-                  cv::format("value %td is %f; all must be finite", bad - values, *bad));
+                  "value " + std::to_string(bad - values) + " is " + fixedText(*bad, 6) + "; all must be finite");
 }
 
 /// Size and numbers of a complete intake, before the first member is replaced.
@@ -190,6 +191,7 @@ void CircleMarkerExtractor::transform_kestruneData2cvMat(const std::vector<HostP
 
 void CircleMarkerExtractor::CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K1, cv::Mat& K2, cv::Mat& F) {
     requireMatrix(R, 3, 3, "R");
+    requireData(T, "T");
     if (T.dims != 2 || T.type() != CV_64FC1 || T.total() != 3) requireMatrix(T, 3, 1, "T");
     requireMatrix(K1, 3, 3, "K1");
     requireMatrix(K2, 3, 3, "K2");
@@ -213,6 +215,7 @@ bool CircleMarkerExtractor::SetStereorectifyParam(std::vector<cv::Mat> matrices)
         reportWarning(report_sites::kTooFewMatrices);
         return false;
     }
+    for (std::size_t k = 0; k < 4; ++k) requireData(matrices[k], cv::format("matrices[%zu]", k));
     if (!hasSize(0, 3, 4)) {
         reportWarning(report_sites::kFirstMatrixSize);
         return false;

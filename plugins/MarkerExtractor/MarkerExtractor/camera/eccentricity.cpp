@@ -14,6 +14,8 @@
 #include <opencv2/imgproc.hpp>
 #include <optional>
 
+#include "MarkerExtractor/camera/calibration_check.h"
+#include "checks/fixed_text.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -115,12 +117,13 @@ void annotate(cv::Mat& image, const cv::Point2f& centre, const cv::Vec3d& normal
     const float x = centre.x + kTextShiftX;
     const float y = centre.y + kTextShiftY;
     if (image.empty() || !(std::abs(x) < kFarthestText && std::abs(y) < kFarthestText)) return;
-    cv::putText(image, cv::format("%f,%f,%f", normal[0], normal[1], normal[2]),
+    cv::putText(image, fixedText(normal[0], 6) + ',' + fixedText(normal[1], 6) + ',' + fixedText(normal[2], 6),
                 cv::Point(static_cast<int>(x), static_cast<int>(y)), cv::FONT_HERSHEY_TRIPLEX, kTextScale,
                 cv::Scalar(0, 0, 255, 0), 1, cv::LINE_8, false);
 }
 
 void requirePosition(const cv::Mat& position) {
+    requireData(position, "position");
     if (position.dims == 2 && position.type() == CV_64FC1 && std::min(position.rows, position.cols) == 1 &&
         position.total() >= 3) {
         return;

@@ -32,6 +32,13 @@ void CircleMarkerExtractor::StereoRectifyCorners(const std::vector<Corner>& sour
                                                  const cv::Mat& homography) {
     const bool hasConic = std::any_of(source.begin(), source.end(), [](const Corner& c) { return c.conicValid; });
     if (hasConic) requireMatrix(homography, 3, 3, "homography");
+    requireData(homography, "homography");
+    if (!source.empty()) {
+        requireDistortion(distCoeffs, "distCoeffs");
+        requireData(cameraMatrix, "cameraMatrix");
+        requireData(rectification, "rectification");  // without data OpenCV takes it for none
+        requireData(projection, "projection");
+    }
     const cv::Mat inverse = homography.inv(cv::DECOMP_LU);
     const cv::Matx33d back = hasConic ? cv::Matx33d(inverse) : cv::Matx33d::zeros();
     if (&target != &source) target = source;

@@ -13,17 +13,6 @@ namespace kestrune {
 
 namespace {
 
-/// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
-void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CicrleConfigs& configs) {
-    requireGreyOrColourImage(image);
-    requireEmptyList(corners);
-    requireScale(configs.scale, image.size());
-    requireAperture(configs.aperture, kLeastThresholdBlock);
-    requireBlurSigma(configs.sigma);
-    if (std::isnan(configs.minDiameter)) refuseSetting("minDiameter", "is not a number");
-    if (std::isnan(configs.maxDiameter)) refuseSetting("maxDiameter", "is not a number");
-}
-
 /// Whole pixels, cut off towards zero. Infinity, for "no bound", becomes a number that no diameter reaches.
 int wholePixels(float diameter) {
     constexpr float kLargest = 1e9f;
@@ -53,9 +42,19 @@ RimMarkers measureRims(const std::vector<std::vector<cv::Point>>& candidates, co
 
 }  // namespace
 
+void checkRimCall(const cv::Mat& image, const CicrleConfigs& configs) {
+    requireGreyOrColourImage(image);
+    requireScale(configs.scale, image.size());
+    requireAperture(configs.aperture, kLeastThresholdBlock);
+    requireBlurSigma(configs.sigma);
+    if (std::isnan(configs.minDiameter)) refuseSetting("minDiameter", "is not a number");
+    if (std::isnan(configs.maxDiameter)) refuseSetting("maxDiameter", "is not a number");
+}
+
 RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners, CircleMarkerExtractor& extractor,
                         const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates, Drops* drops) {
-    checkCall(image, corners, configs);
+    checkRimCall(image, configs);
+    requireEmptyList(corners);
     const cv::Mat grey = greyOf(image, extractor);
     const cv::Size size = grey.size();
     const cv::Mat reduced = reducedImage(grey, configs.scale, extractor);
@@ -85,9 +84,10 @@ bool CircleMarkerExtractor::CircleExtractComplex(const cv::Mat& image, std::vect
         markerRects.clear();
         return false;
     }
+    const LensModel lens = lensOf(*this, cameraIndex, configs);
     std::vector<std::vector<cv::Point>> candidates;
     const RimImages images = rimCandidates(image, corners, *this, configs, candidates, nullptr);
-    RimMarkers markers = measureRims(candidates, images, configs, lensOf(*this, cameraIndex));
+    RimMarkers markers = measureRims(candidates, images, configs, lens);
 
     // Nothing of the result is written before all of it is there.
     if (!markers.corners.empty()) markerName = configs.markerName;

@@ -45,6 +45,7 @@ std::optional<float> depthAt(const cv::Mat& depth, double x, double y) {
 void CircleMarkerExtractor::DetectFeaturePointsAndInterpolate_binocular(std::vector<Corner>& corners, cv::Mat& depth,
                                                                         const cv::Mat& cameraMatrix) {
     if (corners.empty()) return;
+    requireData(depth, "depth");
     if (depth.dims != 2 || depth.type() != CV_32FC1) {
         refuseSetting("depth", std::to_string(depth.dims) + " dimensions of type " + cv::typeToString(depth.type()) +
                                    "; two of CV_32FC1 are needed");

@@ -55,7 +55,7 @@ bool passesFitError(GateVerdict& verdict, const CicrleConfigs& configs) {
     Corner& candidate = verdict.candidate;
     const bool allNear = ellipseFitError(verdict.rect, candidate.contour, candidate.fitError, configs.maxPointError);
     if (!(candidate.fitError > configs.maxFitError) || allNear) return true;
-    writeReason(candidate.fitText, "fit_error:%.2f", candidate.fitError);
+    writeReason(candidate.fitText, "fit_error", candidate.fitError);
     refuse(verdict, Gate::kFitError, candidate.fitError);
     return false;
 }
@@ -64,7 +64,7 @@ bool passesFitError(GateVerdict& verdict, const CicrleConfigs& configs) {
 bool passesConicShape(GateVerdict& verdict, const HalfAxes& axes, double perimeter, const CicrleConfigs& configs) {
     Corner& candidate = verdict.candidate;
     if (candidate.fitResidual > static_cast<double>(configs.maxFitResidual)) {
-        writeReason(candidate.fitText, "fit_residual:%.2f", candidate.fitResidual);
+        writeReason(candidate.fitText, "fit_residual", candidate.fitResidual);
         refuse(verdict, Gate::kFitResidual, candidate.fitResidual);
         return false;
     }
@@ -134,7 +134,7 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
     const double perimeter = perimeterOf(contour);
     const double area = areaOf(contour);
     if (!passesArea(area, configs, isFullSize)) {
-        writeReason(candidate.areaText, "area:%.2f", area);
+        writeReason(candidate.areaText, "area", area);
         refuse(verdict, Gate::kArea, area);
         return verdict;
     }

@@ -145,7 +145,7 @@ Candidates explainSimple(const cv::Mat& image, CircleMarkerExtractor& extractor,
                          const CicrleConfigs& configs, Drops* drops) {
     std::vector<Corner> corners;
     MarkerList markers{corners, {}, 0};
-    const LensModel lens = lensOf(extractor, cameraIndex);
+    const LensModel lens = lensOf(extractor, cameraIndex, configs);
     std::vector<std::vector<cv::Point2f>> contours;
     for (SubpixelContour& contour : simpleContours(image, corners, extractor, configs, drops)) {
         contours.push_back(std::move(contour.points));
@@ -200,7 +200,7 @@ Candidates explainRims(const cv::Mat& image, CircleMarkerExtractor& extractor, i
     RimMarkers markers;
     for (std::size_t k = 0; k < merged.size(); ++k) {
         ExplainedCandidate& candidate = candidates[kept[k]];
-        MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lensOf(extractor, cameraIndex));
+        MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lensOf(extractor, cameraIndex, configs));
         candidate.ellipse = verdict.marker.ellipse;
         if (!verdict.accepted()) {
             setGate(candidate, describe(verdict.refusedBy, configs), verdict.measured);

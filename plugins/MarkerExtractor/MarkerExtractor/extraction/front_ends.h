@@ -19,6 +19,15 @@ constexpr bool kContoursAreFullSize = true;
 /// Two ellipses of one edge: their centres nearer than this share of the axes, their axes alike to this share.
 constexpr double kRimMergeTolerance = 0.3;
 
+/// Everything that can be wrong with the image and the settings of a path, before the first byte of the extractor or of
+/// the result changes.
+void checkSimpleCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, const CicrleConfigs& configs);
+void checkRimCall(const cv::Mat& image, const CicrleConfigs& configs);
+
+/// The same for the path that `ExtractCircleMarker` takes, the lens of the eye included.
+void checkExtraction(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                     const CicrleConfigs& configs);
+
 /// Contours of the simple path, radial or sub-pixel by `configs.useRadialContours`.
 ///
 /// @param corners  the path's result list, which must be empty.

@@ -6,11 +6,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <limits>
 #include <opencv2/core.hpp>
+#include <string>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "checks/fixed_text.h"
 
 namespace kestrune {
 
@@ -25,9 +26,11 @@ struct HalfAxes {
     double a, b;
 };
 
+/// "<name>:<value>" with two decimals, as much of it as there is room for.
 template <std::size_t N>
-void writeReason(char (&text)[N], const char* format, double value) {
-    std::snprintf(text, N, format, value);
+void writeReason(char (&text)[N], const char* name, double value) {
+    const std::string whole = name + (':' + fixedText(value, 2));
+    text[whole.copy(text, N - 1)] = '\0';
 }
 
 template <typename Verdict, typename GateName>
@@ -53,7 +56,7 @@ inline bool passesEllipse(GateVerdict& verdict, const cv::RotatedRect& rect, dou
     candidate.area = area;
     candidate.eccentricity = axes.eccentricity();
     if (!(candidate.eccentricity > configs.maxEccentricity)) return true;
-    writeReason(candidate.eccentricityText, "eccentricity:%.2f", candidate.eccentricity);
+    writeReason(candidate.eccentricityText, "eccentricity", candidate.eccentricity);
     refuse(verdict, Gate::kEccentricity, candidate.eccentricity);
     return false;
 }

@@ -68,14 +68,14 @@ GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const Cicrle
     const double perimeter = cv::arcLength(contour, true);
     const double area = cv::contourArea(contour, false);
     if (configs.minArea > area || area > configs.maxArea) {
-        writeReason(candidate.areaText, "area:%.2f", area);
+        writeReason(candidate.areaText, "area", area);
         refuse(verdict, Gate::kArea, area);
         return verdict;
     }
     // A single point has 0 / 0 here, passes, and ends the call in the fit.
     const double compactness = perimeter * perimeter / area;
     if (compactness < kLeastCompactness || compactness > kLargestCompactness) {
-        writeReason(candidate.ratioText, "ratio:%.2f", compactness);
+        writeReason(candidate.ratioText, "ratio", compactness);
         refuse(verdict, Gate::kCompactness, compactness);
         return verdict;
     }
@@ -85,7 +85,7 @@ GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const Cicrle
     if (!passesEllipse(verdict, cv::fitEllipse(contour), area, configs)) return verdict;
     ellipseFitError(verdict.rect, contour, candidate.fitError, configs.maxPointError);
     if (candidate.fitError > configs.maxFitError) {
-        writeReason(candidate.fitText, "fit_error:%.2f", candidate.fitError);
+        writeReason(candidate.fitText, "fit_error", candidate.fitError);
         refuse(verdict, Gate::kFitError, candidate.fitError);
         return verdict;
     }

@@ -225,7 +225,7 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
     marker.x = rect.center.x;
     marker.y = rect.center.y;
     if (!(marker.fitResidual <= configs.maxFitResidual)) {  // also one that is not a number, of an axis of length 0
-        writeReason(marker.fitText, "fit_residual:%.2f", marker.fitResidual);
+        writeReason(marker.fitText, "fit_residual", marker.fitResidual);
         return refuse(verdict, RimGate::kFinalResidual, marker.fitResidual);
     }
     return RimGate::kNone;

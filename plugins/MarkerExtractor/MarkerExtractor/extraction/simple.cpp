@@ -28,23 +28,6 @@ void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
     }
 }
 
-/// Everything that can be wrong with a call, before the first byte of the extractor or the result changes.
-void checkCall(const cv::Mat& image, const std::vector<Corner>& corners, const CircleMarkerExtractor& extractor,
-               const CicrleConfigs& configs) {
-    requireGreyOrColourImage(image);
-    requireEmptyList(corners);
-    requireScale(configs.scale, image.size());
-    if (configs.useRadialContours) {
-        requireAperture(configs.aperture, kLeastThresholdBlock);
-        requireBlurSigma(configs.sigma);
-        requireUnitVectors(extractor.rayDirections, "rayDirections");
-        requireUnitVectors(extractor.probeDirections, "probeDirections");
-    } else {
-        requireAperture(configs.aperture, 1);
-        requireEdgeSigma(configs.sigma);
-    }
-}
-
 void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarkerExtractor& extractor,
                         const CicrleConfigs& configs, std::vector<SubpixelContour>& contours, Drops* drops) {
     fillDirections(extractor.rayDirections, kRays);
@@ -63,10 +46,25 @@ void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarke
 
 }  // namespace
 
+void checkSimpleCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    requireGreyOrColourImage(image);
+    requireScale(configs.scale, image.size());
+    if (configs.useRadialContours) {
+        requireAperture(configs.aperture, kLeastThresholdBlock);
+        requireBlurSigma(configs.sigma);
+        requireUnitVectors(extractor.rayDirections, "rayDirections");
+        requireUnitVectors(extractor.probeDirections, "probeDirections");
+    } else {
+        requireAperture(configs.aperture, 1);
+        requireEdgeSigma(configs.sigma);
+    }
+}
+
 std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
                                             CircleMarkerExtractor& extractor, const CicrleConfigs& configs,
                                             Drops* drops) {
-    checkCall(image, corners, extractor, configs);
+    checkSimpleCall(image, extractor, configs);
+    requireEmptyList(corners);
     const cv::Mat gray = greyOf(image, extractor);
     const cv::Mat working = reducedImage(gray, configs.scale, extractor);
     std::vector<SubpixelContour> contours;
@@ -88,8 +86,8 @@ bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vecto
         markerRects.clear();
         return false;
     }
+    const LensModel lens = lensOf(*this, cameraIndex, configs);
     const std::vector<SubpixelContour> contours = simpleContours(image, corners, *this, configs, nullptr);
-    const LensModel lens = lensOf(*this, cameraIndex);
     MarkerList markers{corners, {}, 0};
     for (const SubpixelContour& contour : contours) {
         GateVerdict verdict = judgeContour(contour.points, configs, lens, kContoursAreFullSize);

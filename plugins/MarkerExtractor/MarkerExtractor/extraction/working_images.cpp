@@ -3,6 +3,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "MarkerExtractor/camera/calibration_check.h"
+
 namespace kestrune {
 
 cv::Mat greyOf(const cv::Mat& image, CircleMarkerExtractor& extractor) {
@@ -20,9 +22,14 @@ cv::Mat reducedImage(const cv::Mat& grey, int scale, CircleMarkerExtractor& extr
     return reduced;
 }
 
-LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex) {
-    if (cameraIndex == 0) return {extractor.leftIntrinsic, extractor.leftDistortion};
-    return {extractor.rightIntrinsic, extractor.rightDistortion};
+LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs) {
+    const bool isLeft = cameraIndex == 0;
+    LensModel lens = isLeft ? LensModel{extractor.leftIntrinsic, extractor.leftDistortion}
+                            : LensModel{extractor.rightIntrinsic, extractor.rightDistortion};
+    if (configs.skipUndistort) return lens;
+    requireData(lens.intrinsic, isLeft ? "leftIntrinsic" : "rightIntrinsic");
+    requireDistortion(lens.distortion, isLeft ? "leftDistortion" : "rightDistortion");
+    return lens;
 }
 
 }  // namespace kestrune

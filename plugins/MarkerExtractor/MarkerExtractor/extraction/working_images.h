@@ -27,7 +27,8 @@ cv::Mat greyOf(const cv::Mat& image, CircleMarkerExtractor& extractor);
 /// The grey image reduced by a whole number; shares its pixels where that is 1.
 cv::Mat reducedImage(const cv::Mat& grey, int scale, CircleMarkerExtractor& extractor);
 
-/// 0: the left camera; any other index: the right one.
-LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex);
+/// 0: the left camera; any other index: the right one. Refuses, by the member's name, what OpenCV must not be given
+/// where `configs` asks for undistortion; what it refuses itself is left to it and to the first contour.
+LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs);
 
 }  // namespace kestrune

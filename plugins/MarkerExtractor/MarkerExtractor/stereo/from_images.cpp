@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <exception>
+#include <optional>
+
 #include "MarkerExtractor/camera/calibration_check.h"
+#include "MarkerExtractor/extraction/front_ends.h"
 #include "MarkerExtractor/stereo/conic_match.h"
 #include "MarkerExtractor/stereo/rectified_match.h"
 #include "kestrune/MarkerExtractor.h"
@@ -46,6 +50,16 @@ void checkCalibration(const CircleMarkerExtractor& e, const CicrleConfigs& confi
     requireMatrixOfEitherPrecision(e.rightRectification, 3, 3, "rightRectification");
     requireMatrixOfEitherPrecision(e.leftHomography, 3, 3, "leftHomography");
     requireMatrixOfEitherPrecision(e.rightHomography, 3, 3, "rightHomography");
+}
+
+/// The exception for the first member that the chosen branch cannot work with, if there is one.
+std::exception_ptr gapOf(const CircleMarkerExtractor& e, const CicrleConfigs& configs) {
+    try {
+        checkCalibration(e, configs);
+    } catch (const cv::Exception&) {
+        return std::current_exception();
+    }
+    return nullptr;
 }
 
 Points rotated(const Points& points, const cv::Matx33d& rotation) {
@@ -153,15 +167,26 @@ Result measure(const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarker
                std::vector<cv::RotatedRect>& leftRects, std::vector<cv::RotatedRect>& rightRects,
                const CicrleConfigs& configs, ExplainedMatch* explained) {
     if (isIncomplete(leftImage, rightImage, extractor)) return {};
+    checkExtraction(leftImage, extractor, 0, configs);
+    checkExtraction(rightImage, extractor, 1, configs);
+    // Without markers nothing more of the calibration is read, and its gaps are no reason to hide what the eyes saw. A
+    // calibration that is refused in the end is refused to an extractor as it was.
+    const std::exception_ptr gap = gapOf(extractor, configs);
+    std::optional<CircleMarkerExtractor> before;
+    if (gap) before = extractor;
     Exposure exposure;
     const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);
     std::vector<cv::RotatedRect> foundLeft = extractor.markerRects;
     const bool rightFound = ExtractCircleMarker(rightImage, extractor, exposure.right, 1, configs);
     const bool found = leftFound && rightFound;
-    // Without markers nothing more of the calibration is read, and its gaps are no reason to hide what the eyes saw.
-    if (found) checkCalibration(extractor, configs);
+    if (found && gap) {
+        extractor = *before;
+        std::rethrow_exception(gap);
+    }
+    // Either list may be the extractor's own.
+    std::vector<cv::RotatedRect> foundRight = extractor.markerRects;
     leftRects = std::move(foundLeft);
-    rightRects = extractor.markerRects;
+    rightRects = std::move(foundRight);
     if (!found) {
         reportWarning(report_sites::kNoMarkersInOneFrame);
         return {};

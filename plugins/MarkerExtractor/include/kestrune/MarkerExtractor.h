@@ -140,8 +140,9 @@ class CircleMarkerExtractor {
     ///
     /// @param corners       changed in place.
     /// @param cameraMatrix  3 by 3, as `cv::undistortPoints` takes it.
-    /// @param distCoeffs    as `cv::undistortPoints` takes it; may be empty.
-    /// @throws cv::Exception  from `cv::undistortPoints`; records before the offender stay corrected.
+    /// @param distCoeffs    as `cv::undistortPoints` takes it, of one channel; may be empty.
+    /// @throws cv::Exception  for a matrix without data or a `distCoeffs` of several channels, before anything is
+    ///                      written, and from `cv::undistortPoints`; records before the offender stay corrected.
     KESTRUNE_API void UndistortCorners(std::vector<Corner>& corners, const cv::Mat& cameraMatrix,
                                        const cv::Mat& distCoeffs);
 
@@ -152,13 +153,15 @@ class CircleMarkerExtractor {
     /// @param source         undistorted px (or distorted ones, with `distCoeffs`).
     /// @param target         result, replaced; may be the same list as `source`.
     /// @param cameraMatrix   3 by 3.
-    /// @param distCoeffs     as `cv::undistortPoints` takes it; empty for points that are free of distortion.
+    /// @param distCoeffs     as `cv::undistortPoints` takes it, of one channel; empty for points that are free of
+    /// distortion.
     /// @param rectification  3 by 3: R1 or R2 of `cv::stereoRectify`.
     /// @param projection     3 by 4: P1 or P2.
     /// @param homography     3 by 3, `CV_64F`: undistorted to rectified px. A singular one maps conics to nothing.
     ///                       Without a conic among `source` it only has to be a square matrix.
     /// @throws cv::Exception from `cv::undistortPoints`, with `target` partly written, and for a `homography` of wrong
-    ///                       size or type, before anything is written.
+    ///                       size or type, a matrix without data or a `distCoeffs` of several channels, before anything
+    ///                       is written.
     KESTRUNE_API void StereoRectifyCorners(const std::vector<Corner>& source, std::vector<Corner>& target,
                                            const cv::Mat& cameraMatrix, const cv::Mat& distCoeffs,
                                            const cv::Mat& rectification, const cv::Mat& projection,
@@ -230,6 +233,7 @@ class CircleMarkerExtractor {
     ///          `rightIntrinsic`), left and right rectification (3 by 3).
     /// @return  false, with one warning on standard output, for fewer than four matrices or one of the first three of
     ///          wrong size; members before the offender keep their new values.
+    /// @throws cv::Exception for a matrix without data, before anything is written.
     KESTRUNE_API bool SetStereorectifyParam(std::vector<cv::Mat> matrices);
 
     /// Fills `triangulationA`, `triangulationB` (3 by 3 camera matrices) and `triangulationC`, `triangulationD` (6 by 6
@@ -315,7 +319,8 @@ KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtracto
 /// @param extractor   with the calibration intake done. Its scratch storage, `markerRects` and `markerName` change.
 /// @param points      result: one point for each pair, in the unit of the poses, in the left camera frame, or with
 ///                    `configs.outputRectified` in the rectified left frame. Untouched where an eye shows no marker.
-/// @param leftRects   result: ellipses of all markers of the left image, matched or not.
+/// @param leftRects   result: ellipses of all markers of the left image, matched or not. May be the extractor's
+///                    `markerRects`, and so may `rightRects`.
 /// @param rightRects  result: the same of the right image.
 /// @param configs     settings of the extraction and of the match.
 /// @return            the pairs, left first, in ascending order of the left marker: copies of the extracted corners
@@ -325,9 +330,9 @@ KESTRUNE_API bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtracto
 ///                    Empty, with a warning on standard output that tells why, if an eye shows no marker or the
 ///                    constellation gave no point; empty and silent if an image or a calibration member is missing, or
 ///                    if the conic branch matched nothing.
-/// @throws cv::Exception for settings and images that cannot be worked with, and, once both eyes show markers, for
-///                    calibration members, before a result is written; std::runtime_error "Eigen decomposition
-///                    failed." for a conic that is not finite.
+/// @throws cv::Exception for settings, images and lenses of either eye that cannot be worked with, and, where both
+///                    eyes show markers, for calibration members, with no result and no member changed;
+///                    std::runtime_error "Eigen decomposition failed." for a conic that is not finite.
 KESTRUNE_API std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(
     const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
     std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
