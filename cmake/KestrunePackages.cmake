@@ -25,7 +25,7 @@ set(text "The library finds small flat circular markers in the images of a calib
 to a few hundredths of a pixel, and measures them without any code on the marker.")
 
 # The number in the name is that of the soname: a later one with other symbols can stand beside it.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkestrune-markerextractor${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkestrune-markerextractor${kestrune_soversion})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/triggers)

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "inputs.h"
+#include "kestrune/MarkerExtractor/version.h"
 #include "output_file.h"
 
 namespace kestrune::host {
@@ -289,6 +290,9 @@ void addDemo(CLI::App& app, DemoOptions& options) {
 int run(int argc, char** argv) {
     CLI::App app("Finds small flat circular markers in camera images and measures them.", "kestrune-measure");
     app.require_subcommand(1);
+    app.set_version_flag("--version",
+                         fmt::format("kestrune-measure {}.{}.{}", KESTRUNE_MARKEREXTRACTOR_VERSION_MAJOR,
+                                     KESTRUNE_MARKEREXTRACTOR_VERSION_MINOR, KESTRUNE_MARKEREXTRACTOR_VERSION_PATCH));
     ExtractOptions extract;
     addExtract(app, extract);
     ExplainOptions explain;

@@ -227,4 +227,30 @@ TEST(FrontDoor, UndistortsWithTheMatricesOfTheEyeAndWarnsOfTheOneThatFailed) {
     }
 }
 
+/// What a host may have: an object that takes its time to go, after all that was made later.
+struct LastToGo {
+    ~LastToGo() {
+        if (isEnding) std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    bool isEnding = false;
+} lastToGo;
+
+TEST(Logger, ServesWorkersWhileTheProcessEnds) {
+    testing::FLAGS_gtest_death_test_style = "fast";
+    const auto end = [] {
+        if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+        lastToGo.isEnding = true;
+        for (int worker = 0; worker < 2; ++worker) {
+            std::thread([worker] {
+                const CicrleConfigs configs = discConfigs(false);
+                CircleMarkerExtractor extractor;
+                for (std::vector<Corner> corners;;) ExtractCircleMarker({}, extractor, corners, worker, configs);
+            }).detach();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::exit(0);
+    };
+    for (int run = 0; run < 20; ++run) EXPECT_EXIT(end(), testing::ExitedWithCode(0), "") << run;
+}
+
 }  // namespace kestrune::test::extractor

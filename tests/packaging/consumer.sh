@@ -35,6 +35,7 @@ libdir=$(dirname "$(find "$prefix" -name 'libkestrune_MarkerExtractor.so')")
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [[ $("$pkg_config" --modversion kestrune_MarkerExtractor) == "$version" ]]
 if [[ -x $prefix/bin/kestrune-measure ]]; then
+    [[ $("$prefix/bin/kestrune-measure" --version) == "kestrune-measure $version" ]]
     "$prefix/bin/kestrune-measure" demo --size 640x480 --markers 6 --out "$work/demo" || (( $? == 1 ))  # 1: missed one
     # The host with the same settings gives the points that the program gives.
     "$cmake" -S "$source/examples/stereo" -B "$work/stereo" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$prefix" \

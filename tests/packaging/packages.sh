@@ -7,6 +7,7 @@ set -euo pipefail
 export LC_ALL=C
 cpack=$1 version=$2 source=$3 build=$4 work=$5
 soversion=${version%%.*}
+[[ $soversion != 0 ]] || soversion=${version%.*}
 runtime=libkestrune-markerextractor$soversion
 
 rm -rf "$work"

@@ -104,8 +104,9 @@ Logger& loggerInstance() {
             static_cast<void>(sink.release());  // owned by the set from here on
         }
     };
-    static StandardLogger logger;
-    return logger;
+    // Never destroyed: a worker of the host may report while the process ends.
+    static Logger* const logger = new StandardLogger;
+    return *logger;
 }
 
 std::string fileNameOf(const std::string& path) {

@@ -71,7 +71,7 @@ class Message {
     std::stringstream text;
 };
 
-/// The one logger, with one `LogIOSink` on standard output; made by the first report.
+/// The one logger, with one `LogIOSink` on standard output; made by the first report, and there until the process ends.
 Logger& loggerInstance();
 
 /// The part of a path behind its last `/` or `\`; the whole of it where there is none.

@@ -179,7 +179,8 @@ struct CicrleConfigs {
     bool skipUndistort;               ///< simple, edge-based: fit in the image as it is; needs no calibration
     bool cornersRectified;            ///< stereo: the corners are in rectified pixels already
     bool outputRectified;             ///< stereo: leave the points in the rectified left frame
-    bool useThreads;                  ///< sub-pixel contours: one strip of columns for each hardware thread
+    bool useThreads;                  ///< sub-pixel contours: one strip of columns for each hardware thread;
+                                      ///< std::system_error leaves a call that cannot start them
     bool radiusScoreGate;             ///< stereo, handed to the rectified matcher
     bool looseSizeGate;               ///< stereo, handed to the rectified matcher
     bool plainRowGate;                ///< stereo, handed to the rectified matcher

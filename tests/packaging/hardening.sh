@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# How the library and the programs are linked: nothing can be written that the loader has bound, nothing runs from the
+# stack, buffers are guarded. The library calls its own operations directly, stays loaded, and is named by the numbers
+# with which its records may change.  usage: hardening.sh READELF SONAME GUARDS LIBRARY PROGRAM...
+set -euo pipefail
+export LC_ALL=C
+readelf=$1 soname=$2 guards=$3 library=$4
+for file in "${@:4}"; do
+    parts=$("$readelf" --wide --segments --dynamic "$file")
+    for part in ' GNU_RELRO ' 'Flags:.* NOW' ' GNU_STACK .* RW  '; do
+        grep -q "$part" <<<"$parts" || { echo "$file: no$part"; exit 1; }
+    done
+done
+for part in NODELETE "soname: \[$soname\]"; do
+    "$readelf" --wide --dynamic "$library" | grep -q "$part" || { echo "$library: no $part"; exit 1; }
+done
+for guard in $guards; do
+    "$readelf" --wide --dyn-syms "$library" | grep -q "$guard@" || { echo "$library: no $guard"; exit 1; }
+done
+if "$readelf" --wide --relocs "$library" | grep 'N8kestrune'; then exit 1; fi  # bound by name, so that another may take its place
