@@ -13,10 +13,8 @@ for file in "${@:4}"; do
         grep -q "$part" <<<"$parts" || { echo "$file: no$part"; exit 1; }
     done
 done
-for part in NODELETE "soname: \[$soname\]"; do
-    "$readelf" --wide --dynamic "$library" | grep -q "$part" || { echo "$library: no $part"; exit 1; }
-done
-for guard in $guards; do
-    "$readelf" --wide --dyn-syms "$library" | grep -q "$guard@" || { echo "$library: no $guard"; exit 1; }
+entries=$("$readelf" --wide --dynamic --dyn-syms "$library")
+for entry in NODELETE "soname: \[$soname\]" ${guards// /@ }@; do
+    grep -q "$entry" <<<"$entries" || { echo "$library: no $entry"; exit 1; }
 done
 if "$readelf" --wide --relocs "$library" | grep 'N8kestrune'; then exit 1; fi  # bound by name, so that another may take its place
