@@ -7,10 +7,10 @@
 /// @par Failures
 /// There are no error codes: an extraction returns false when it found nothing. `cv::Exception` and
 /// `std::bad_alloc` pass through every call, and `std::system_error` through one with `CicrleConfigs::useThreads` whose
-/// threads cannot be started; OpenCV built with TBB raises `std::runtime_error` where its own cannot. Settings that a path cannot work with raise `cv::Exception` with code
-/// `cv::Error::StsBadArg` and a text that names the setting and its value, before anything is written. The object can be
-/// used again after every exception. What only OpenMP's runtime decides where memory or threads run out stands in
-/// docs/threads.md.
+/// threads cannot be started; OpenCV built with TBB raises `std::runtime_error` where its own cannot. Settings that a
+/// path cannot work with raise `cv::Exception` with code `cv::Error::StsBadArg` and a text that names the setting and
+/// its value, before anything is written. The object can be used again after every exception. What only OpenMP's
+/// runtime decides where memory or threads run out stands in docs/threads.md.
 ///
 /// @par Threads
 /// One extractor serves one thread at a time, because the paths share its scratch storage; a copy shares the
