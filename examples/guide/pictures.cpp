@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "image_file.h"
 #include "inputs.h"
 #include "markers.h"
 #include "overlay.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "calibration.h"
+#include "grey_range.h"
 #include "pixels.h"
 #include "run_files.h"
 #include "settings.h"
@@ -27,6 +28,7 @@ struct SearchOptions {
     std::string settings;
     std::optional<Path> path;
     bool invert = false;
+    std::optional<GreyRange> range;  ///< none: that of the data
     int eye = 0;
     std::string calibration;  ///< empty: none
 
@@ -58,7 +60,8 @@ struct ExplainStereoOptions {
     std::string calibration, settings;
     std::optional<Path> path;
     bool invert = false;
-    std::string csv, out;  ///< file names, empty: not asked for
+    std::optional<GreyRange> range;  ///< none: that of the data
+    std::string csv, out;            ///< file names, empty: not asked for
 };
 
 int runExplainStereo(const ExplainStereoOptions& options);
@@ -84,6 +87,7 @@ struct StereoOptions {
     std::string calibration, settings;
     std::optional<Path> path;
     bool invert = false;
+    std::optional<GreyRange> range;       ///< none: that of the data
     int jobs = 0;                         ///< exposures at a time; 0: one for each hardware thread
     double minShare = kLeastShare;        ///< of the poorer eye's markers that must be paired
     std::string csv, ply, json, overlay;  ///< file names and a folder, empty: not asked for

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <opencv2/imgcodecs.hpp>
-
 #include "commands.h"
 #include "csv.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
@@ -18,15 +15,7 @@ namespace {
 /// The depth image as the library takes it: `CV_32FC1`, 0 where nothing was measured. Cameras say that in other ways as
 /// well, and any other value would count as a depth.
 cv::Mat readDepth(const std::string& file, double scale, cv::Size size) {
-    // Off unless asked for, since the format's reader was unsafe with files of strangers. Who names one asks for it.
-    if (std::filesystem::path(file).extension() == ".exr") ::setenv("OPENCV_IO_ENABLE_OPENEXR", "1", 0);
-    cv::Mat depth;
-    try {
-        depth = cv::imread(file, cv::IMREAD_UNCHANGED);
-    } catch (const cv::Exception& error) {
-        throw InputError(file, plainText(error));
-    }
-    if (depth.empty()) throw InputError(file, "cannot be read as an image");
+    cv::Mat depth = decodeImage(file);
     if (depth.type() != CV_32FC1 && depth.type() != CV_16UC1)
         throw InputError(file, fmt::format("is of type {}; a depth image is 32-bit float or 16-bit, of one channel",
                                            cv::typeToString(depth.type())));
@@ -83,8 +72,9 @@ int runDepth(const DepthOptions& options) {
     csv.open(options.csv);
     csv.stream() << "id,x,y,X,Y,Z\n";
     csv.flush();
+    const std::optional<GreyRange> range = rangeOfRun({options.image}, options.range, watch.asked());
     try {
-        const cv::Mat image = readImage(options.image, options.invert);
+        const cv::Mat image = readImage(options.image, options.invert, range);
         const std::string assumed =
             CalibratedSize(options.calibration, camera.size, true).require(options.image, image.size());
         if (!assumed.empty()) complain(assumed);

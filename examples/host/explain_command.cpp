@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "explanation.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "interrupt.h"
 #include "output_file.h"
@@ -40,8 +41,9 @@ int runExplain(const ExplainOptions& options) {
         throw InputError(options.out, "a picture is written as .png");
     OutputFile csv;
     csv.open(options.csv);
+    const std::optional<GreyRange> range = rangeOfRun({options.image}, options.range, watch.asked());
     try {
-        const cv::Mat image = readImage(options.image, options.invert);
+        const cv::Mat image = readImage(options.image, options.invert, range);
         CalibratedSize calibratedSize(options.calibration, camera.size, deliversUndistorted(settings));
         const std::string assumed = calibratedSize.require(options.image, image.size());
         if (!assumed.empty()) complain(assumed);

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
@@ -31,9 +32,10 @@ int runExplainStereo(const ExplainStereoOptions& options) {
         throw InputError(options.out, "a picture is written as .png");
     OutputFile csv;
     csv.open(options.csv);
+    const auto range = rangeOfRun({options.left, options.right}, options.range, watch.asked());
     try {
-        if (calibration.size.empty()) calibration.size = readImage(options.left, false).size();
-        const auto images = readExposure(options.left, options.right, options.invert, calibration.size);
+        if (calibration.size.empty()) calibration.size = decodeImage(options.left).size();
+        const auto images = readExposure(options.left, options.right, {options.invert, range}, calibration.size);
         if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
         CircleMarkerExtractor extractor = calibratedExtractor(calibration);
         const StereoResult result = measureExposure(extractor, images, settings, kLeastShare);

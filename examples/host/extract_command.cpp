@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "commands.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
@@ -58,7 +59,7 @@ struct Run {
 
     /// The line to print about an image. `assumed` tells what had to be, if anything.
     std::string handle(const std::string& file, std::size_t index) {
-        const cv::Mat image = readImage(file, invert);
+        const cv::Mat image = readImage(file, invert, range);
         ++read;
         assumed = calibratedSize.require(file, image.size());
         const std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings);
@@ -86,6 +87,7 @@ struct Run {
     Settings settings;
     int eye;
     bool invert;
+    std::optional<GreyRange> range;
     Camera camera;
     CalibratedSize calibratedSize;
     std::string assumed;
@@ -135,6 +137,7 @@ Camera loadCamera(const SearchOptions& options, const Settings& settings) {
 int runExtract(const ExtractOptions& options) {
     const InterruptWatch watch;
     Run run(options);
+    run.range = rangeOfRun(options.images, options.range, watch.asked());
     const std::size_t all = options.images.size();
     std::size_t done = 0, failed = 0;
     std::string lost;  // why an output could not be written

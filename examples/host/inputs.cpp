@@ -1,18 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "inputs.h"
 
-#include <fstream>
-#include <opencv2/imgcodecs.hpp>
-#include <sstream>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <system_error>
+#include <vector>
 
 namespace kestrune::host {
 
 std::string readText(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    if (!stream || text.view().empty()) throw InputError(file, "cannot be read, or is empty");
-    return text.str();
+    const auto failed = [&] { return InputError(file, "cannot be read: " + std::generic_category().message(errno)); };
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.c_str(), "rbe"), &std::fclose);
+    if (!stream) throw failed();
+    std::string text;
+    std::vector<char> part(1 << 16);
+    while (const std::size_t n = std::fread(part.data(), 1, part.size(), stream.get())) text.append(part.data(), n);
+    if (std::ferror(stream.get()) != 0) throw failed();  // a folder, for one
+    if (text.empty()) throw InputError(file, "is empty");
+    return text;
 }
 
 cv::FileStorage parseYaml(const std::string& file, const std::string& text) {
@@ -27,18 +33,6 @@ cv::FileStorage parseYaml(const std::string& file, const std::string& text) {
         }
     }
     throw InputError(file, "holds no named fields (the first line must be %YAML:1.0, the second ---)");
-}
-
-cv::Mat readImage(const std::string& file, bool invert) {
-    cv::Mat image;
-    try {
-        image = cv::imread(file, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR | cv::IMREAD_IGNORE_ORIENTATION);
-    } catch (const cv::Exception& error) {
-        throw InputError(file, plainText(error));
-    }
-    if (image.empty()) throw InputError(file, "cannot be read as an image");
-    if (invert) cv::bitwise_not(image, image);
-    return image;
 }
 
 std::string plainText(const std::exception& error) {

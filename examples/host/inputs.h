@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files that a run starts from, text and images. Whatever is wrong is told with the file's name.
+// The texts that a run starts from; for images see image_file.h. Whatever is wrong is told with the file's name.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -17,7 +17,9 @@ class InputError : public std::runtime_error {
     explicit InputError(const std::string& text) : std::runtime_error(text) {}
 };
 
-/// @throws InputError  for a file that cannot be read or is empty.
+/// The bytes of a file, text or not.
+///
+/// @throws InputError  for one that cannot be read, with the system's reason, or that is empty.
 std::string readText(const std::string& file);
 
 /// Parses a YAML text whose top level is a list of named fields.
@@ -25,13 +27,6 @@ std::string readText(const std::string& file);
 /// @param file  for the error's text only.
 /// @throws InputError  with the line where the parser stopped.
 cv::FileStorage parseYaml(const std::string& file, const std::string& text);
-
-/// Reads an image as it was taken: grey stays grey, colour is BGR, transparency is dropped, the bit depth is kept, and
-/// a note to rotate the picture for viewing is ignored, since a calibration belongs to the sensor's rows and columns.
-///
-/// @param invert  dark becomes bright, for markers that are dark on a light ground.
-/// @throws InputError
-cv::Mat readImage(const std::string& file, bool invert);
 
 /// The text of an exception for a person: without the source lines that OpenCV puts around its own.
 std::string plainText(const std::exception& error);

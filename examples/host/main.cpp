@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // kestrune-measure: the example host. Reads images and settings, calls the library, writes tables and pictures.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -32,6 +34,17 @@ constexpr const char* kFileNotes =
     "complete:\n"
     "false, PLY has a comment. A second one kills.";
 
+// And of those that search images.
+constexpr const char* kImageNotes =
+    "\nImages: JPEG, PNG, TIFF, BMP and what else OpenCV reads; one that is damaged or ends early fails. Those of 8 "
+    "bits "
+    "are\n"
+    "taken as they are. Others are mapped to 8 bits, all of a run by one --range: (value - LOW) * 255 / (HIGH - LOW), "
+    "to the\n"
+    "nearest whole number, halves to the even one, 0 below and 255 above; what is no finite number counts as LOW. "
+    "Without\n"
+    "--range, the images are read twice. --invert comes after.";
+
 constexpr const char* kExtractNotes =
     "CSV: one row a marker; x, y, half axes and fitError in px, angle of the major axis in degrees, area in px^2 (the\n"
     "product of the full axes; with path fast the contour's area); a field that the path does not measure is empty.\n"
@@ -52,6 +65,19 @@ constexpr const char* kExtractNotes =
     "taken, with cornersRectified).\n"
     "Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.";
 
+void addRange(CLI::App* command, std::optional<GreyRange>& range) {
+    command
+        ->add_option_function<std::string>(
+            "--range",
+            [&range](const std::string& text) {
+                range = parseRange(text);
+                if (!range)
+                    throw CLI::ValidationError("--range", text + " is no LOW:HIGH of two numbers in that order");
+            },
+            "values of images of more than 8 bits that become 0 and 255; without it, those of the data of all images")
+        ->option_text("LOW:HIGH");
+}
+
 /// The options of every command that searches the images of one eye.
 void addSearch(CLI::App* command, SearchOptions& options) {
     static const std::map<std::string, Path> kPaths = {{"simple", Path::simple},
@@ -68,6 +94,7 @@ void addSearch(CLI::App* command, SearchOptions& options) {
             "the settings decide")
         ->transform(CLI::CheckedTransformer(kPaths))
         ->option_text("simple|radial|fast|complex|hand");
+    addRange(command, options.range);
     command->add_flag("--invert", options.invert, "find dark markers: 255 - pixel");
     command->add_option("--eye", options.eye, "whose calibration counts; left without it")
         ->transform(CLI::CheckedTransformer(kEyes))
@@ -77,7 +104,7 @@ void addSearch(CLI::App* command, SearchOptions& options) {
 
 void addExtract(CLI::App& app, ExtractOptions& options) {
     CLI::App* command = app.add_subcommand("extract", "Find the markers in images");
-    command->add_option("IMAGE", options.images, "8-bit images, grey or colour")->required();
+    command->add_option("IMAGE", options.images, "images, grey or colour")->required();
     addSearch(command, options);
     command->add_option("--csv", options.csv, "write the markers as a table");
     command
@@ -86,7 +113,7 @@ void addExtract(CLI::App& app, ExtractOptions& options) {
             "draw the markers; of several images, as FILE-<image>.png, or FILE-<image>-overlay.png where one has that "
             "name")
         ->option_text("FILE.png");
-    command->footer(std::string(kExtractNotes) + kFileNotes);
+    command->footer(std::string(kExtractNotes) + kImageNotes + kFileNotes);
 }
 
 constexpr const char* kExplainNotes =
@@ -108,15 +135,16 @@ constexpr const char* kExplainNotes =
 
 void addExplain(CLI::App& app, ExplainOptions& options) {
     CLI::App* command = app.add_subcommand("explain", "Tell of every candidate why it is a marker or not");
-    command->add_option("IMAGE", options.image, "8-bit image, grey or colour")->required();
+    command->add_option("IMAGE", options.image, "image, grey or colour")->required();
     addSearch(command, options);
     command->add_option("--out", options.out, "draw the candidates")->option_text("FILE.png");
     command->add_option("--csv", options.csv, "write all candidates as a table");
-    command->footer(std::string(kExplainNotes) + kFileNotes);
+    command->footer(std::string(kExplainNotes) + kImageNotes + kFileNotes);
 }
 
 /// The options of every command that searches the images of both eyes.
-void addStereoSearch(CLI::App* command, std::string& settings, std::optional<Path>& path, bool& invert) {
+void addStereoSearch(CLI::App* command, std::string& settings, std::optional<Path>& path,
+                     std::optional<GreyRange>& range, bool& invert) {
     static const std::map<std::string, Path> kPaths = {
         {"simple", Path::simple}, {"radial", Path::radial}, {"complex", Path::complex}};
     command->add_option("--settings", settings, "YAML file with every setting")->required();
@@ -125,6 +153,7 @@ void addStereoSearch(CLI::App* command, std::string& settings, std::optional<Pat
                      "simple (sub-pixel contours), radial or complex (edge-based); without it, the settings decide")
         ->transform(CLI::CheckedTransformer(kPaths))
         ->option_text("simple|radial|complex");
+    addRange(command, range);
     command->add_flag("--invert", invert, "find dark markers: 255 - pixel");
 }
 
@@ -146,12 +175,12 @@ void addExplainStereo(CLI::App& app, ExplainStereoOptions& options) {
         app.add_subcommand("explain-stereo", "Tell of every marker of an exposure why it has no partner");
     command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
         ->required();
-    command->add_option("--left", options.left, "8-bit image of the left eye")->required();
+    command->add_option("--left", options.left, "image of the left eye")->required();
     command->add_option("--right", options.right, "that of the right eye")->required();
-    addStereoSearch(command, options.settings, options.path, options.invert);
+    addStereoSearch(command, options.settings, options.path, options.range, options.invert);
     command->add_option("--out", options.out, "draw the markers")->option_text("FILE.png");
     command->add_option("--csv", options.csv, "write all markers as a table");
-    command->footer(kExplainStereoNotes);
+    command->footer(std::string(kExplainStereoNotes) + kImageNotes + kFileNotes);
 }
 
 constexpr const char* kDepthNotes =
@@ -169,7 +198,7 @@ constexpr const char* kDepthNotes =
 
 void addDepth(CLI::App& app, DepthOptions& options) {
     CLI::App* command = app.add_subcommand("depth", "Place the markers of an image in space by a depth image");
-    command->add_option("IMAGE", options.image, "8-bit image, grey or colour")->required();
+    command->add_option("IMAGE", options.image, "image, grey or colour")->required();
     command->add_option("DEPTH", options.depth, "z of each pixel, 0 where there is none")->required();
     addSearch(command, options);
     command->get_option("--calibration")->required();
@@ -178,7 +207,7 @@ void addDepth(CLI::App& app, DepthOptions& options) {
         ->add_option("--depth-scale", options.depthScale,
                      "multiplies the depth image: 0.001 makes metres of whole millimetres; 1 without it")
         ->check(CLI::PositiveNumber);
-    command->footer(std::string(kDepthNotes) + kFileNotes);
+    command->footer(std::string(kDepthNotes) + kImageNotes + kFileNotes);
 }
 
 constexpr const char* kMatchNotes =
@@ -241,9 +270,9 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     CLI::App* command = app.add_subcommand("stereo", "Measure markers in space from the two images of each exposure");
     command->add_option("--calibration", options.calibration, "YAML file of the camera pair (see docs/calibration.md)")
         ->required();
-    command->add_option("--left", options.left, "8-bit images of the left eye")->required();
+    command->add_option("--left", options.left, "images of the left eye")->required();
     command->add_option("--right", options.right, "those of the right eye")->required();
-    addStereoSearch(command, options.settings, options.path, options.invert);
+    addStereoSearch(command, options.settings, options.path, options.range, options.invert);
     command->add_option("--jobs", options.jobs, "exposures at a time; without it, one for each hardware thread")
         ->check(CLI::Range(1, 1024));
     command
@@ -255,7 +284,7 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     command->add_option("--json", options.json, "write everything, failures included");
     command->add_option("--overlay", options.overlay, "folder for pictures of both eyes and of the points")
         ->option_text("DIR");
-    command->footer(std::string(kStereoNotes) + kFileNotes);
+    command->footer(std::string(kStereoNotes) + kImageNotes + kFileNotes);
 }
 
 void addDemo(CLI::App& app, DemoOptions& options) {
@@ -346,6 +375,10 @@ int runSettings(const std::vector<std::string>& files) {
 int main(int argc, char** argv) {
     // Its reports about unreadable files would stand beside ours.
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+    // No file that is opened later may get the number of a standard stream that the caller closed, and its lines.
+    int stream = 0;
+    while (stream >= 0 && stream <= STDERR_FILENO) stream = ::open("/dev/null", O_RDWR);  // NOLINT(*-vararg)
+    ::close(stream);
     // A limit on file sizes and a reader that left are told as what they are to a write: an error.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);

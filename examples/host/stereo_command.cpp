@@ -11,6 +11,7 @@
 
 #include "calibration.h"
 #include "commands.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
@@ -65,7 +66,7 @@ std::vector<std::string> namePictures(const StereoOptions& options, const std::v
 cv::Size sizeOfImages(const StereoOptions& options) {
     for (const std::string& file : options.left) {
         try {
-            return readImage(file, false).size();
+            return decodeImage(file).size();
         } catch (const InputError&) {  // its own exposure will report it
         }
     }
@@ -85,7 +86,7 @@ struct Run {
         : pictures(namePictures(options, names)),
           settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
           calibration(loadStereoCalibration(options.calibration)),
-          invert(options.invert),
+          intake{options.invert, {}},
           minShare(options.minShare),
           overlays(options.overlay) {
         if (calibration.size.empty()) calibration.size = sizeOfImages(options);
@@ -97,7 +98,7 @@ struct Run {
         std::string* problem = &measured.result.failure;
         measured.unreadable = true;
         try {
-            const auto images = readExposure(names.left, names.right, invert, calibration.size);
+            const auto images = readExposure(names.left, names.right, intake, calibration.size);
             measured.unreadable = false;
             measured.result = measureExposure(extractor, images, settings, minShare);
             problem = &measured.lostPicture;  // the points stay
@@ -141,7 +142,7 @@ struct Run {
     std::vector<std::string> pictures;  ///< first, since naming them checks all files
     Settings settings;
     StereoCalibration calibration;
-    bool invert;
+    ImageIntake intake;
     double minShare;
     fs::path overlays;
 };
@@ -167,10 +168,13 @@ int runStereo(const StereoOptions& options) {
         throw InputError("--min-share", fmt::format("{} is no share of 0 to 1", options.minShare));
     const InterruptWatch watch;
     const std::vector<ExposureNames> names = nameExposures(options);
-    const Run run(options, names);
+    Run run(options, names);
+    std::vector<std::string> images = options.left;
+    images.insert(images.end(), options.right.begin(), options.right.end());
+    run.intake.range = rangeOfRun(images, options.range, watch.asked());
     StereoOutput output({options.csv, options.ply, options.json},
                         {options.calibration, options.settings, nameOf(run.settings.path),
-                         run.settings.configs.outputRectified ? "rectified left" : "left camera"},
+                         run.settings.configs.outputRectified ? "rectified left" : "left camera", run.intake.range},
                         matchesConics(run.settings.path));
 
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());

@@ -44,11 +44,12 @@ Settings stereoSettings(Settings settings, const std::string& file) {
     return settings;
 }
 
-std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size) {
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
+                                    cv::Size size) {
     std::array<cv::Mat, 2> images;
     for (std::size_t eye = 0; eye < 2; ++eye) {
         const std::string& file = eye == 0 ? left : right;
-        images[eye] = readImage(file, invert);
+        images[eye] = readImage(file, intake.invert, intake.range);
         if (images[eye].size() == size) continue;
         throw InputError(file, fmt::format("is {} x {} px, the calibration is for {} x {}", images[eye].cols,
                                            images[eye].rows, size.width, size.height));

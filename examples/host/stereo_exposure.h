@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "image_file.h"
 #include "pair_explanation.h"
 #include "polarity.h"
 #include "settings.h"
@@ -51,7 +52,8 @@ Settings stereoSettings(Settings settings, const std::string& file);
 /// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
 ///
 /// @throws InputError
-std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, bool invert, cv::Size size);
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
+                                    cv::Size size);
 
 /// True where the markers are matched by their conics, which tells normals and radii.
 bool matchesConics(Path path);

@@ -50,6 +50,7 @@ StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, bool 
                                          {"frame", run.frame}}) {
             json_.stream() << dump(key) << ": " << dump(value) << ",\n";
         }
+        json_.stream() << "\"range\": " << dump(run.range ? json{run.range->low, run.range->high} : json()) << ",\n";
         json_.stream() << "\"exposures\": [";
         json_.flush();
     }

@@ -5,9 +5,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <set>
 #include <string>
 
+#include "grey_range.h"
 #include "output_file.h"
 #include "stereo_exposure.h"
 
@@ -20,6 +22,7 @@ struct StereoFiles {
 /// What all exposures of a run share, for the head of the JSON.
 struct StereoRun {
     std::string calibration, settings, path, frame;
+    std::optional<GreyRange> range;  ///< of the greys, none where all images have 8 bits
 };
 
 struct ExposureNames {

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "calibration.h"
+#include "image_file.h"
 #include "inputs.h"
 #include "support/calls.h"
 #include "support/rigs.h"

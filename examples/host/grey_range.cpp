@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "grey_range.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+#include "image_file.h"
+#include "inputs.h"
+#include "progress.h"
+#include "terminal.h"
+
+namespace kestrune::host {
+namespace {
+
+constexpr int kValues16 = 1 << 16;
+
+/// Images whose values are few enough for a table of all of them are left as they are, the others made double.
+cv::Mat simplified(const cv::Mat& image) {
+    if (image.depth() == CV_16U || image.depth() == CV_32F || image.depth() == CV_64F) return image;
+    cv::Mat wide;
+    image.convertTo(wide, CV_64F);
+    return wide;
+}
+
+template <typename Value, typename Use>
+void forEachRow(const cv::Mat& image, const Use& use) {
+    const int perRow = image.cols * image.channels();
+    for (int y = 0; y < image.rows; ++y) use(y, image.ptr<Value>(y), perRow);
+}
+
+class Mapping {
+  public:
+    explicit Mapping(const GreyRange& range)
+        : low_(range.low), scale_(range.high > range.low ? 255 / (range.high - range.low) : 0) {}
+
+    uchar operator()(double value) const {
+        if (!std::isfinite(value)) return 0;
+        return static_cast<uchar>(std::nearbyint(std::clamp((value - low_) * scale_, 0.0, 255.0)));
+    }
+
+  private:
+    double low_, scale_;
+};
+
+template <typename Value, typename Map>
+void mapRows(const cv::Mat& image, cv::Mat& result, const Map& map) {
+    forEachRow<Value>(
+        image, [&](int y, const Value* from, int n) { std::transform(from, from + n, result.ptr<uchar>(y), map); });
+}
+
+template <typename Value>
+void widen(const cv::Mat& image, double& low, double& high) {
+    forEachRow<Value>(image, [&](int, const Value* row, int n) {
+        for (int x = 0; x < n; ++x) {
+            const double value = row[x];
+            if (!std::isfinite(value)) continue;
+            low = std::min(low, value);
+            high = std::max(high, value);
+        }
+    });
+}
+
+}  // namespace
+
+std::optional<GreyRange> parseRange(const std::string& text) {
+    GreyRange range;
+    char rest = 0;
+    const bool read = std::sscanf(text.c_str(), "%lf:%lf%c", &range.low, &range.high, &rest) == 2;
+    if (!read || !std::isfinite(range.low) || !std::isfinite(range.high) || range.low >= range.high)
+        return std::nullopt;
+    return range;
+}
+
+void RangeOfData::add(const cv::Mat& image) {
+    const cv::Mat simple = simplified(image);
+    if (simple.depth() == CV_16U)
+        widen<ushort>(simple, low_, high_);
+    else if (simple.depth() == CV_32F)
+        widen<float>(simple, low_, high_);
+    else
+        widen<double>(simple, low_, high_);
+}
+
+GreyRange RangeOfData::range() const {
+    return low_ <= high_ ? GreyRange{low_, high_} : GreyRange{};
+}
+
+cv::Mat toEightBits(const cv::Mat& image, const GreyRange& range) {
+    const cv::Mat simple = simplified(image);
+    cv::Mat result(image.size(), CV_8UC(image.channels()));
+    const Mapping mapping(range);
+    if (simple.depth() == CV_16U) {
+        std::vector<uchar> table(kValues16);
+        for (int value = 0; value < kValues16; ++value) table[static_cast<std::size_t>(value)] = mapping(value);
+        mapRows<ushort>(simple, result, [&](ushort value) { return table[value]; });
+    } else if (simple.depth() == CV_32F) {
+        mapRows<float>(simple, result, mapping);
+    } else {
+        mapRows<double>(simple, result, mapping);
+    }
+    return result;
+}
+
+std::optional<GreyRange> rangeOfRun(const std::vector<std::string>& images, const std::optional<GreyRange>& wanted,
+                                    const std::atomic<bool>& stop) {
+    std::vector<std::string> deep;
+    std::ranges::copy_if(images, std::back_inserter(deep), [](const std::string& f) { return !tellsEightBits(f); });
+    RangeOfData data;
+    std::size_t taken = 0;
+    if (!wanted) {
+        Progress progress(deep.size());
+        for (const std::string& file : deep) {
+            if (stop) break;
+            progress.show(static_cast<std::size_t>(&file - deep.data()), file);
+            try {
+                const cv::Mat image = decodeImage(file);
+                if (image.depth() == CV_8U) continue;
+                data.add(image);
+                ++taken;
+            } catch (const std::exception&) {  // told when its turn comes
+            }
+        }
+        if (taken == 0) return std::nullopt;
+    } else if (deep.empty()) {
+        complain("--range is not used: all images have 8 bits");
+        return std::nullopt;
+    }
+    const GreyRange range = wanted ? *wanted : data.range();
+    say(fmt::format("range {}:{} becomes 0:255{}\n", range.low, range.high,
+                    wanted ? "" : fmt::format(", that of the data of {} images of more than 8 bits", taken)));
+    return range;
+}
+
+}  // namespace kestrune::host
