@@ -38,10 +38,9 @@ const pid_t loadedBy = ::getpid();
 /// ends the process where it cannot be.
 [[gnu::tls_model("initial-exec")]] thread_local int triedTeam = 0;
 
-/// Processor time of the calling thread, ns: what other processes took must not make the work look larger.
-std::int64_t spentTime() {
+std::int64_t timeOf(clockid_t clock) {
     timespec now{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    ::clock_gettime(clock, &now);
     return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
@@ -71,6 +70,7 @@ bool canStartThreads(int count) {
 
 /// Whether a region of that many threads may be entered without a risk for the process.
 bool canFormTeam(int threads) {
+    if (::getpid() != loadedBy) return false;  // the threads of a team did not come along with `fork`
     if (!canAllocate(kMemoryOfTeam + kMemoryPerThread * static_cast<std::size_t>(threads))) return false;
     if (triedTeam != threads) {
         if (!canStartThreads(threads - 1 + kSpareThreads)) return false;
@@ -79,18 +79,44 @@ bool canFormTeam(int threads) {
     return true;
 }
 
+/// Judges a loop as it goes on whether the rest of it is worth a team. The time that has passed comes without a system
+/// call, but holds what other processes took. It only arouses a suspicion; the processor time of the calling thread,
+/// from then to the next look, has to confirm it.
+class Judge {
+  public:
+    Judge(int count, std::int64_t worth) : count_(count), worth_(worth) {}
+    /// Looks after 1, 2, 4, ... items. @param item  the items before it have run.
+    bool isRestWorthIt(int item) {
+        if (item < nextLook_) return false;
+        const bool isConfirmed =
+            suspectedAt_ > 0 && isWorthIt(timeOf(CLOCK_THREAD_CPUTIME_ID) - used_, suspectedAt_, item);
+        if (isConfirmed) return true;
+        const std::int64_t passed = timeOf(CLOCK_MONOTONIC) - begin_;
+        suspectedAt_ = passed >= kTrial && isWorthIt(passed, 0, item) ? item : 0;
+        if (suspectedAt_ > 0) used_ = timeOf(CLOCK_THREAD_CPUTIME_ID);
+        // Items may be long: the look that confirms comes soon.
+        nextLook_ = item + std::min(suspectedAt_ > 0 ? (item + kConfirming - 1) / kConfirming : item, count_ - item);
+        return false;
+    }
+
+  private:
+    /// @param time  that items `from` .. `to` - 1 took
+    bool isWorthIt(std::int64_t time, int from, int to) const { return time / (to - from) * (count_ - to) >= worth_; }
+
+    static constexpr int kConfirming = 4;
+    const int count_;
+    const std::int64_t worth_, begin_ = timeOf(CLOCK_MONOTONIC);
+    int nextLook_ = 1, suspectedAt_ = 0;
+    std::int64_t used_ = 0;
+};
+
 /// Runs items from 0 on until the rest of them is worth a team.
 /// @return the first item that has not run.
 int runAlone(int count, std::int64_t worth, LoopBody body) {
-    const std::int64_t begin = spentTime();
-    for (int item = 0, nextLook = 1; item < count;) {
-        body(item++, 0);
-        if (item < nextLook) continue;
-        nextLook = item < count / 2 ? 2 * item : count;
-        const std::int64_t spent = spentTime() - begin;
-        if (spent >= kTrial && spent / item * (count - item) >= worth) return item;
-    }
-    return count;
+    Judge judge(count, worth);
+    int item = 0;
+    while (item < count && !judge.isRestWorthIt(item)) body(item++, 0);
+    return item;
 }
 
 /// Keeps the exception of the lowest item that raised one.
@@ -133,7 +159,7 @@ void runShared(int first, int count, int threads, LoopBody body) {
 }  // namespace
 
 int largestTeam() {
-    if (omp_in_parallel() || ::getpid() != loadedBy) return 1;
+    if (omp_in_parallel()) return 1;
     return std::max(1, std::min(omp_get_max_threads(), omp_get_thread_limit()));
 }
 

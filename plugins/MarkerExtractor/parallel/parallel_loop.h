@@ -34,8 +34,8 @@ class LoopBody {
     void (*call_)(const void*, int, int);
 };
 
-/// Threads that a loop called from here may run on: OpenMP's default number, or 1 within a parallel region of the host,
-/// which has its processors busy already, and in a child made by `fork`, where OpenMP's threads do not exist.
+/// Threads that a loop called from here may run on at most: OpenMP's default number, or 1 within a parallel region of
+/// the host, which has its processors busy already.
 int largestTeam();
 
 /// Runs `body` for the items 0 .. `count` - 1. Each item writes only what belongs to it, so that the outcome depends
@@ -43,8 +43,9 @@ int largestTeam();
 ///
 /// The caller's thread begins. Only if what is left is then seen to be worth it is a parallel region entered, and only
 /// if the threads and the memory that OpenMP needs can be had: its runtime ends the process where they cannot. In every
-/// other case the caller's thread goes on to the end. Before the first region of a thread, and whenever the size of its
-/// team changes, as many threads are started and joined once; if that fails the loop is not shared.
+/// other case, and in a child made by `fork`, where OpenMP's threads do not exist, the caller's thread goes on to the
+/// end. Before the first region of a thread, and whenever the size of its team changes, as many threads are started and
+/// joined once; if that fails the loop is not shared.
 ///
 /// @param mostPerItem  the longest that one item may take, ns, as a bound and not a guess: a loop that stays below
 ///                     `leastSharedWork` by it does not look at the clock.
