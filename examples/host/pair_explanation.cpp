@@ -185,10 +185,10 @@ std::string chiefObstacle(const StereoResult& result, const CicrleConfigs& confi
     return text.empty() ? text : text.substr(1);
 }
 
-bool failsBySize(const StereoResult& result) {
+bool blamesTheRig(const StereoResult& result) {
     const std::vector<GateCount> counts = countGates(ofPoorerEye(result));
-    return !counts.empty() && (counts[0].gate == PairGate::area || counts[0].gate == PairGate::radius ||
-                               counts[0].gate == PairGate::spread || counts[0].gate == PairGate::radiusScore);
+    return !counts.empty() && (counts[0].gate == PairGate::rows || counts[0].gate == PairGate::depth ||
+                               counts[0].gate == PairGate::radiusRatio || counts[0].gate == PairGate::score);
 }
 
 std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs& configs) {

@@ -34,8 +34,9 @@ std::vector<UnmatchedMarker> unmatchedOf(const ExplainedMatch& match, std::size_
 /// What ended most of the poorer eye's markers, and the values met; empty if all are paired.
 std::string chiefObstacle(const StereoResult& result, const CicrleConfigs& configs);
 
-/// Whether markers of another size than the settings name are what it failed for.
-bool failsBySize(const StereoResult& result);
+/// Whether most of the poorer eye's markers ended at a test that a wrong rig fails, and not at one of the markers' size
+/// or of their pattern.
+bool blamesTheRig(const StereoResult& result);
 
 /// All markers without a partner but those of tests that ended more than a reader can look at; then the counts.
 std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs& configs);

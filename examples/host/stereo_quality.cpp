@@ -73,7 +73,7 @@ std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs
         pairs > 0 ? fmt::format("{} of {} markers paired", pairs, poorer)
                   : fmt::format("no match among {} markers in the left and {} in the right eye", left, right);
     return fmt::format("{}; {}{}", few,
-                       failsBySize(result) ? "" : "eyes exchanged, or the calibration of another rig? ",
+                       blamesTheRig(result) ? "eyes exchanged, or the calibration of another rig? " : "",
                        chiefObstacle(result, configs));
 }
 

@@ -48,7 +48,7 @@ inspect kestrune-doc "" "${pages[@]}"
 
 # Each command of the program has its section, and a link of the guides leads to a file.
 manual=$(zcat "$work/kestrune-tools/usr/share/man/man1/kestrune-measure.1.gz")
-for command in extract explain depth match stereo demo settings; do grep -q "^\.SS $command$" <<<"$manual"; done
+for command in extract explain explain-stereo depth match stereo demo settings; do grep -q "^\.SS $command$" <<<"$manual"; done
 grep -q '^\.B \\-\\-calibration' <<<"$manual"
 cd "$work/kestrune-doc/usr/share/doc/kestrune-doc"
 while IFS=: read -r page link; do
