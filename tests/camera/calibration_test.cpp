@@ -69,6 +69,7 @@ TEST(CalibrationIntake, RefusesWhatItCannotUse) {
         {{kAtOrigin}, {kCamera, kCamera}, {640, 480}, "invalid vector subscript", true, false},
         {{kAtOrigin, kAtOrigin}, {kCamera, kCamera}, {640, 480}, "OpenCV", true, true},
         {{kAtOrigin, right}, {kCamera, noNumber}, {640, 480}, "cameras[1]", false, false},
+        {{kAtOrigin}, {kCamera, noNumber}, {640, 480}, "cameras[1]", false, false},
         {{kAtOrigin, nowhere}, {kCamera, kCamera}, {640, 480}, "poses[1]", false, false},
         {{kAtOrigin, right}, {kCamera, kCamera}, {0, 480}, "width", false, false},
         {{kAtOrigin, right}, {kCamera, kCamera}, {640, -1}, "height", false, false}};

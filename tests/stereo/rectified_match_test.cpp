@@ -37,8 +37,8 @@ TEST(RectifiedMatch, TakesSamplesFromTheContour) {
 }
 
 TEST(RectifiedMatch, ComparesAreasAndRows) {
-    const double areas[][4] = {{1, 1, 0.25, 1}, {76, 100, 0.25, 1}, {75, 100, 0.25, 0}, {100, 75, 0.25, 0}, {100, 76, -0.25, 1},
-                               {5, 5, 0, 0},    {0, 0, 0.25, 0},    {kNaN, 5, 0.25, 0}, {5, kNaN, 0.25, 0}, {kInf, kInf, 0.25, 0}};
+    const double areas[][4] = {{1, 1, 0.25, 1}, {76, 100, 0.25, 1}, {75, 100, 0.25, 0}, {100, 75, 0.25, 0},    {100, 76, -0.25, 1}, {5, 5, 0, 0},
+                               {0, 0, 0.25, 0}, {kNaN, 5, 0.25, 0}, {5, kNaN, 0.25, 0}, {kInf, kInf, 0.25, 0}, {5, kInf, 1.5, 0}};
     for (const auto& c : areas) EXPECT_EQ(areasAgree(c[0], c[1], c[2]), c[3]) << testing::PrintToString(c);
     // Differences of centre, top and bottom, then row band, slack, result. Line by line: the band; opposite sense at top
     // and bottom, within the slack or not; one vote, three by the slack, which is exclusive; two votes by the slack;

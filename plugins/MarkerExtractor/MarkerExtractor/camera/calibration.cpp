@@ -54,12 +54,12 @@ void requireFinite(const double* values, int count, const char* list, std::size_
                   "value " + std::to_string(bad - values) + " is " + fixedText(*bad, 6) + "; all must be finite");
 }
 
-/// Size and numbers of a complete intake, before the first member is replaced.
+/// Size and numbers of an intake with two cameras, before the first member is replaced.
 void checkIntake(const std::vector<HostPose>& poses, const std::vector<HostCamera>& cameras, int width, int height) {
     if (width < 1) refuseSetting("width", std::to_string(width) + " is below 1");
     if (height < 1) refuseSetting("height", std::to_string(height) + " is below 1");
-    for (std::size_t k = 0; k < 2; ++k) {
-        requireFinite(cameras[k].values, kUsedCameraValues, "cameras", k);
+    for (std::size_t k = 0; k < 2; ++k) requireFinite(cameras[k].values, kUsedCameraValues, "cameras", k);
+    for (std::size_t k = 0; k < std::min<std::size_t>(poses.size(), 2); ++k) {
         requireFinite(poses[k].values, 12, "poses", k);
     }
 }
@@ -139,7 +139,7 @@ void CircleMarkerExtractor::transform_kestruneData2cvMat(const std::vector<HostP
                                                          const std::vector<HostCamera>& cameras, int width, int height,
                                                          int rectifyFlags) {
     if (cameras.size() < 2) throw std::out_of_range("invalid vector subscript");
-    if (poses.size() >= 2) checkIntake(poses, cameras, width, height);
+    checkIntake(poses, cameras, width, height);
     leftIntrinsic = intrinsicOf(cameras[0]);
     rightIntrinsic = intrinsicOf(cameras[1]);
     leftDistortion = distortionOf(cameras[0]);

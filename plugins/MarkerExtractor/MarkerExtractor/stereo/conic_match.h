@@ -35,8 +35,7 @@ struct CircleSolution {
 /// @param corner   `conic` must be filled.
 /// @param centres  result, px: the projected centre for each normal; empty if there is no solution.
 /// @throws std::runtime_error "Eigen decomposition failed." for a conic that is not finite, and if the eigen solver
-/// does
-///         not converge. A finite one that is a point, or consists of lines, has no solution.
+///         does not converge. A finite one that is a point, or consists of lines, has no solution.
 CircleSolution solveCirclePose(const Eigen::Matrix3d& camera, const Point3_<double>& point, const Corner& corner,
                                std::vector<cv::Point2f>& centres);
 

@@ -142,6 +142,7 @@ PairVerdict judgeSize(const MarkerSize& size, const PairTest& test) {
 }  // namespace
 
 bool areasAgree(double left, double right, double tolerance) {
+    if (!std::isfinite(left) || !std::isfinite(right)) return false;  // the ratio to an infinite one would be a number
     const double ratio = left < right ? left / right : right / left;
     return ratio > 1.0 - std::abs(tolerance) && ratio < 1.0 + std::abs(tolerance);
 }
