@@ -111,7 +111,7 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     for (const double value : {kNaN, kInf, -kInf}) {
         for (double& coefficient : broken.conic) {
             const double before = std::exchange(coefficient, value);
-            EXPECT_EQ(refused([&] { Matched({leftSmall}, {broken}, e, anySize); }), "Eigen decomposition failed.") << value;
+            EXPECT_EQ(refused([&, &leftSmall = leftSmall] { Matched({leftSmall}, {broken}, e, anySize); }), "Eigen decomposition failed.") << value;
             coefficient = before;
         }
     }
