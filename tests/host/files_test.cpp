@@ -107,6 +107,7 @@ TEST_F(HostFiles, EarlierResultsSurviveWhateverFails) {
     };
     const auto before = snapshot();
     for (const auto& [limit, arguments, code, expected] : cases) {
+        if (kThreadSanitizer && *limit) continue;  // its own memory is in files
         const auto [got, told] = shell(limit + std::string(KESTRUNE_MEASURE " ") + arguments);
         EXPECT_EQ(got, code) << arguments.substr(0, 200) << "\n" << told;
         EXPECT_NE(told.find(expected), std::string::npos) << told;

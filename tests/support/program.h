@@ -17,6 +17,12 @@
 
 namespace kestrune::host {
 
+#if defined(__has_feature)
+constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 /// Gives the running test an empty directory to work in, with the ready settings under "ready": tests may run side by side.
 inline void enterOwnDirectory() {
     namespace fs = std::filesystem;
