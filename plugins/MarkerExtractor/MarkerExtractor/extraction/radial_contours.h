@@ -95,7 +95,7 @@ void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWi
 /// @param probeDirections   unit vectors.
 /// @param minArea           least area of a blob, px^2 of `image`.
 /// @param thresholdC        constant of the adaptive threshold, grey levels.
-/// @param refineAtFullSize  detect each blob again in `fullImage` (if `scale` is not 1).
+/// @param refineAtFullSize  detect each blob again in `fullImage` (if `scale` is not 1), where noise tears faint ones.
 /// @param minRayRatio       least share of rays that must bear an edge. At 0 or below, blobs without any point are
 ///                          accepted.
 /// @param contrast          least difference of the blob's mean to that of the ring around it, grey levels.
