@@ -1,78 +1,144 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Every way from an image to markers, twice: on settings and images of any kind a call answers or refuses, and answers
-// the same each time.
-#include <bit>
-#include <cstdint>
+// Every way from an image to markers, from a rendered exposure of which a little is spoiled.
+#include <cmath>
 
+#include "MarkerExtractor/extraction/explain.h"
 #include "fuzz_input.h"
+#include "promises.h"
 
 namespace kestrune::fuzz {
 namespace {
 
-struct Outcome {
-    bool answered, found = false;
-    std::vector<Corner> corners;
-    std::size_t rects = 0;
+enum Way { kFrontDoor, kSimple, kComplex, kFast, kHand, kWayCount };
+
+struct Call {
+    int way, eye;
+    cv::Mat image;
+    CicrleConfigs configs;
+    CircleMarkerExtractor extractor;
+    std::vector<Corner> corners;  ///< what is in the list before
+
+    bool run(CircleMarkerExtractor& e, cv::Mat& pixels, std::vector<Corner>& list) const {
+        switch (way) {
+            case kFrontDoor:
+                return ExtractCircleMarker(pixels, e, list, eye, configs);
+            case kSimple:
+                return e.CircleExtractSimple(pixels, list, eye, configs);
+            case kComplex:
+                return e.CircleExtractComplex(pixels, list, eye, configs);
+            case kFast:
+                return e.extractMarkPointsFast(pixels, list, eye, configs);
+            default:
+                return e.CircleExtractSimpleForHand(pixels, list, eye, configs);
+        }
+    }
+    bool fillsRects() const { return way <= kComplex; }
+    bool fillsConics() const {
+        const bool isRadial = way != kComplex && configs.useRadialContours;
+        return way == kComplex || (way == kFrontDoor && configs.useComplexExtract) || (fillsRects() && isRadial);
+    }
 };
 
-Outcome extract(int way, cv::Mat image, const CicrleConfigs& configs, CircleMarkerExtractor extractor, int eye) {
-    Outcome outcome{};
-    outcome.answered = survives([&] {
-        switch (way) {
-            case 0:
-                outcome.found = ExtractCircleMarker(image, extractor, outcome.corners, eye, configs);
-                break;
-            case 1:
-                outcome.found = extractor.CircleExtractSimple(image, outcome.corners, eye, configs);
-                break;
-            case 2:
-                outcome.found = extractor.CircleExtractComplex(image, outcome.corners, eye, configs);
-                break;
-            case 3:
-                outcome.found = extractor.extractMarkPointsFast(image, outcome.corners, eye, configs);
-                break;
-            default:
-                outcome.found = extractor.CircleExtractSimpleForHand(image, outcome.corners, eye, configs);
-        }
-    });
-    outcome.rects = extractor.markerRects.size();
-    return outcome;
+Record recordOf(const cv::Mat& image) {
+    Record record;
+    record.matrix("image", image);
+    return record;
 }
 
-/// To tell whether two numbers are one, NaN included.
-std::uint64_t bitsOf(double value) {
-    return std::bit_cast<std::uint64_t>(value);
-}
-
-void checkOne(const std::uint8_t* data, std::size_t size) {
-    Input input(data, size);
-    const int way = input.whole(0, 4), eye = input.whole(-1, 1);
-    const CicrleConfigs configs = input.configs();
-    CircleMarkerExtractor extractor;
-    extractor.leftIntrinsic = input.camera();
-    extractor.rightIntrinsic = input.camera();
-    extractor.leftDistortion = input.matrix(1, 5, -0.2, 0.2);
-    extractor.rightDistortion = input.matrix(1, 5, -0.2, 0.2);
-    const cv::Mat image = input.image(input.imageSize());
-
-    const Outcome first = extract(way, image, configs, extractor, eye);
-    const Outcome second = extract(way, image, configs, extractor, eye);
-    require(first.answered == second.answered && first.corners.size() == second.corners.size(), "same every time");
-    for (std::size_t k = 0; k < first.corners.size(); ++k) {
-        const Corner &a = first.corners[k], &b = second.corners[k];
-        require(bitsOf(a.x) == bitsOf(b.x) && bitsOf(a.y) == bitsOf(b.y), "same centres");
-        require(a.contour.size() == b.contour.size(), "same contours");
-        require(way > 2 || !first.answered || a.id == static_cast<int>(k), "ids count the list");
+void checkLists(const Call& call, const CircleMarkerExtractor& e, const std::vector<Corner>& corners, bool found) {
+    require(found == !corners.empty(), "the result says whether there are markers");
+    for (std::size_t k = call.corners.size(); k < corners.size(); ++k) {
+        const Corner& c = corners[k];
+        require(std::isfinite(c.x) && std::isfinite(c.y), "an ellipse that is not finite is no marker");
+        if (!call.fillsRects()) continue;
+        require(c.id == static_cast<int>(k), "ids count the list");
+        require(c.conicValid == call.fillsConics() && c.scatter.rows() == (c.conicValid ? 6 : 0),
+                "conics where the path fits them");
     }
-    require(!first.answered || first.found == !first.corners.empty(), "the result says whether there are markers");
-    require(way > 2 || !first.answered || first.rects == first.corners.size(), "an ellipse for each marker");
+    if (call.fillsRects()) require(e.markerRects.size() == corners.size(), "an ellipse for each marker");
+}
+
+Record recordOf(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e) {
+    cv::Mat image = circumstances.imageOf(call.image);
+    std::vector<Corner> corners = call.corners;
+    bool found = false;
+    Record before, after, result;
+    before.members(e);
+    before.corners("corners", corners);
+    const Outcome outcome = outcomeOf([&] { found = call.run(e, image, corners); });
+    after.members(e);
+    after.corners("corners", corners);
+    if (outcome.refused()) requireSame(before, after, "a refused call changes nothing");
+    require(outcome.end != End::kOutOfRange && outcome.end != End::kNoEigen, "exceptions are those that are told");
+    requireSame(recordOf(call.image), recordOf(image), "the image stays as it is");
+    if (outcome.answered()) checkLists(call, e, corners, found);
+    result.outcome(outcome);
+    result.numbers("found", found);
+    result.corners("corners", corners);
+    result.members(e);
+    return result;
+}
+
+void checkExplanation(const Call& call) {
+    CircleMarkerExtractor e = call.extractor, explained = call.extractor;
+    cv::Mat image = call.image.clone();
+    std::vector<Corner> corners;
+    std::vector<ExplainedCandidate> candidates;
+    const Outcome found = outcomeOf([&] { call.run(e, image, corners); });
+    const Outcome told = outcomeOf([&] {
+        if (call.way == kFast) candidates = explainFast(image, call.configs);
+        if (call.way == kHand) candidates = explainHand(image, call.configs);
+        if (call.way == kFrontDoor) candidates = explainExtraction(image, explained, call.eye, call.configs);
+    });
+    // What the path only looks at once it has markers is no reason for an explanation to fail.
+    if (!found.answered() || !told.answered()) return;
+    std::size_t markers = 0;
+    for (const ExplainedCandidate& candidate : candidates) {
+        if (!candidate.gate.empty()) continue;
+        require(candidate.marker >= 0 && static_cast<std::size_t>(candidate.marker) < corners.size(),
+                "an explained marker is one of the list");
+        const Corner& marker = corners[static_cast<std::size_t>(candidate.marker)];
+        require(marker.x == candidate.ellipse.center.x && marker.y == candidate.ellipse.center.y,
+                "an explained marker is where the path finds it");
+        ++markers;
+    }
+    require(markers == corners.size(), "every marker is explained");
+}
+
+/// The way by hand sees stronger edges alone than those of the rendered discs.
+void brighten(cv::Mat& image) {
+    if (image.dims == 2) image.convertTo(image, -1, 1.6, -60);
+}
+
+void checkOne(Input& input) {
+    Call call{};
+    call.way = input.whole(0, kWayCount - 1);
+    const int path = call.way == kComplex ? static_cast<int>(kRims) : input.whole(0, kPathCount - 1);
+    const RenderedExposure& from = exposure(input.whole(0, kExposureCount - 1));
+    call.eye = input.whole(0, 1);
+    const bool explains = input.flag(), spoilsMembers = input.isOdd(), isListFull = input.isOdd();
+    call.configs = input.spoiled(goodConfigs(static_cast<Path>(path)), 4);
+    if (input.flag()) call.configs.scale = input.whole(1, 3), call.configs.refineAtFullSize = input.flag();
+    call.image = input.spoiled(from.image[static_cast<std::size_t>(call.eye)], 5);
+    if (call.way == kHand) brighten(call.image);
+    if (call.way == kHand && call.image.type() == CV_8UC1 && !input.isOdd())
+        cv::merge(std::vector<cv::Mat>(3, call.image), call.image);
+    call.extractor = spoilsMembers ? input.spoiled(from.extractor, 2) : from.extractor;
+    if (isListFull) call.corners = from.found[kRadial].left;
+
+    requireSameUnderAll(call.extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
+        return recordOf(call, circumstances, e);
+    });
+    const bool hasExplanation = call.way != kSimple && call.way != kComplex && !isListFull;
+    if (explains && hasExplanation) checkExplanation(call);
 }
 
 }  // namespace
 }  // namespace kestrune::fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    kestrune::fuzz::checkOne(data, size);
+    kestrune::fuzz::Input input(data, size);
+    kestrune::fuzz::checkOne(input);
     return 0;
 }

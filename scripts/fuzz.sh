@@ -1,21 +1,77 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Builds the fuzzers and runs each for a while; what breaks a promise or a sanitizer is left in build/fuzz/found.
+# Builds the fuzzers and runs each for a while, as many at a time as there are processors; what breaks a promise or a
+# sanitizer is left in build/fuzz/found, and the exit code is 1 then. Each starts from the inputs kept in fuzz/corpus and
+# those that earlier runs found worth keeping.
 # usage: scripts/fuzz.sh [SECONDS for each, 60]
+#        scripts/fuzz.sh --coverage     which share of the lines these inputs reach, by folder
+#        scripts/fuzz.sh --keep         replaces fuzz/corpus by the fewest of these inputs that reach as much
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds=${1:-60}
-
-scripts/setup.sh tsan  # for its compiler
-cmake --preset fuzz --log-level=WARNING
-cmake --build --preset fuzz --parallel "$(nproc)"
-mkdir -p build/fuzz/found
+fuzzers=(extraction stereo matching camera)
+library=plugins/MarkerExtractor
+folders=("$library/MarkerExtractor/stereo" "$library/MarkerExtractor/camera" "$library/MarkerExtractor/extraction"
+         "$library/canny" "$library/ellipsedetection" "$library/checks" "$library/parallel" "$library/logging")
 # Leaks are those of thread pools that live as long as the program.
-export ASAN_OPTIONS=detect_leaks=0 OMP_NUM_THREADS=2
-for fuzzer in extraction stereo camera; do
-    mkdir -p "build/fuzz/corpus/$fuzzer"
-    # The library's warnings go to standard output.
-    "build/fuzz/fuzz/kestrune_${fuzzer}_fuzz" -max_total_time="$seconds" -max_len=4096 -len_control=0 -timeout=60 \
-        -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="build/fuzz/found/$fuzzer-" "build/fuzz/corpus/$fuzzer" >/dev/null
-done
+export ASAN_OPTIONS=detect_leaks=0
+
+build() {
+    scripts/setup.sh tsan  # for its compiler
+    cmake --preset "$1" --log-level=WARNING
+    cmake --build --preset "$1" --parallel "$(nproc)"
+}
+
+# What libFuzzer says goes to a file, and the library's warnings, which come on standard output, nowhere.
+fuzz_one() {
+    local name=$1 seconds=$2 log=build/fuzz/$1.log
+    mkdir -p "build/fuzz/corpus/$name" "build/fuzz/found/$name" "fuzz/corpus/$name"
+    local code=0
+    "build/fuzz/fuzz/kestrune_${name}_fuzz" -max_total_time="$seconds" -max_len=512 -len_control=0 -timeout=60 \
+        -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="build/fuzz/found/$name/" \
+        "build/fuzz/corpus/$name" "fuzz/corpus/$name" >/dev/null 2>"$log" || code=$?
+    count() { sed -n "s/^stat::$1: *//p" "$log"; }
+    printf '%-12s %10s executions %6s a second   %s\n' "$name" "$(count number_of_executed_units)" \
+        "$(count average_exec_per_sec)" "$( ((code)) && echo "FOUND SOMETHING, see $log" || echo "nothing found")"
+    if ((code)); then grep -aE '^(broken promise|differs)|ERROR: |runtime error|SUMMARY|Test unit written' "$log" || true; fi
+    return "$((code != 0))"
+}
+
+report_coverage() {
+    local name profiles=() programs=()
+    for name in "${fuzzers[@]}"; do
+        local program=build/fuzz-coverage/fuzz/kestrune_${name}_fuzz profile=build/fuzz-coverage/$name.profraw
+        mkdir -p "build/fuzz/corpus/$name" "fuzz/corpus/$name"
+        LLVM_PROFILE_FILE=$profile "$program" -runs=0 "build/fuzz/corpus/$name" "fuzz/corpus/$name" >/dev/null 2>&1
+        profiles+=("$profile")
+        programs+=(-object "$program")
+    done
+    llvm-profdata merge -sparse "${profiles[@]}" -o build/fuzz-coverage/all.profdata
+    echo "lines reached by the fuzzers"
+    local folder
+    for folder in "${folders[@]}"; do
+        llvm-cov report -instr-profile=build/fuzz-coverage/all.profdata "${programs[@]:1}" "$PWD/$folder" |
+            awk -v folder="${folder#"$library"/}" '$1 == "TOTAL" { printf "  %-30s %5d of %5d  %s\n", folder, $8 - $9, $8, $10 }'
+    done
+}
+
+keep_corpus() {
+    local name
+    for name in "${fuzzers[@]}"; do
+        local kept=build/fuzz/kept/$name
+        rm -rf "$kept" && mkdir -p "$kept" "build/fuzz/corpus/$name" "fuzz/corpus/$name"
+        "build/fuzz/fuzz/kestrune_${name}_fuzz" -merge=1 "$kept" "fuzz/corpus/$name" "build/fuzz/corpus/$name" >/dev/null 2>&1
+        rm -rf "fuzz/corpus/$name" && cp -r "$kept" "fuzz/corpus/$name"
+    done
+    du -sb fuzz/corpus/*
+}
+
+case ${1:-60} in
+    --coverage) build fuzz-coverage && report_coverage ;;
+    --keep) build fuzz && keep_corpus ;;
+    *[!0-9]*) echo "usage: scripts/fuzz.sh [SECONDS | --coverage | --keep]" >&2; exit 2 ;;
+    *)
+        build fuzz
+        export -f fuzz_one
+        printf '%s\n' "${fuzzers[@]}" | xargs -P "$(nproc)" -I{} bash -c 'fuzz_one {} '"${1:-60}" || exit 1 ;;
+esac

@@ -53,19 +53,17 @@ bool canAllocate(std::size_t bytes) {
 
 /// Whether `count` threads can run at the same time.
 bool canStartThreads(int count) {
-    struct Gate {
-        std::latch latch{1};
-        ~Gate() { latch.count_down(); }
-    };
+    std::latch gate{1};                 // outlives the threads: one that leaves it still looks at it
+    std::vector<std::jthread> threads;  // joined at the end
+    bool canStart = true;
     try {
-        std::vector<std::jthread> threads;
         threads.reserve(static_cast<std::size_t>(count));
-        Gate gate;  // opens before the threads are joined, also when one of them cannot be started
-        for (int i = 0; i < count; ++i) threads.emplace_back([&gate] { gate.latch.wait(); });
+        for (int i = 0; i < count; ++i) threads.emplace_back([&gate] { gate.wait(); });
     } catch (const std::exception&) {  // std::system_error or std::bad_alloc
-        return false;
+        canStart = false;
     }
-    return true;
+    gate.count_down();
+    return canStart;
 }
 
 /// Whether a region of that many threads may be entered without a risk for the process.
