@@ -159,6 +159,13 @@ TEST(SetTriangulationIntrinsicMatrix, MapsConicsOfTheNormalisedPlaneToPixels) {
     EXPECT_EQ(e.triangulationB(0, 2), 620);
     e.SetTriangulationIntrinsicMatrix(2 * K, K);
     EXPECT_EQ(e.triangulationB(0, 2), 620) << "the first call decides";
+    using E = CircleMarkerExtractor;
+    for (const auto member : {&E::triangulationA, &E::triangulationB, &E::triangulationC, &E::triangulationD}) {
+        E part = e;
+        (part.*member).resize(0, 0);
+        part.SetTriangulationIntrinsicMatrix(2 * K, K);
+        EXPECT_EQ(part.triangulationB(0, 2), 310) << "of all four";
+    }
 }
 
 TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
@@ -177,6 +184,9 @@ TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
             EXPECT_NEAR(std::remainder(e.angle + (e.width > e.height ? 0 : 90) - truth.angle * 180 / CV_PI, 180), 0, 1e-3) << sign;
         }
     }
+    // Below 0 an angle turns by pi in single precision, 5.0e-6 degrees too far: one step of the result.
+    const double c2 = std::cos(200 * CV_PI / 180), s2 = std::sin(200 * CV_PI / 180);
+    EXPECT_EQ(ellipseOf({5 + 3 * c2, 6 * s2, 5 - 3 * c2, 0, 0, -1}).angle, std::nextafter(100.0f, 101.0f));
     const std::tuple<std::array<double, 6>, float, float> cases[] = {
         {{0, 0, 0, 0, 0, 0}, 0, 0}, {{1, 0, 0, 0, -1, 0}, 0, 0}, {{1, 0, -1, -2, 0, 0}, 1, 2}, {{NAN, 0, 1, 0, 0, -1}, 0, NAN}};
     for (const auto& [q, centre, width] : cases) {

@@ -19,6 +19,8 @@ TEST(EdgeDerivativeKernel, MatchesTapsWorkedOutByHand) {
         ASSERT_EQ(kernel.type(), CV_16SC1);
         EXPECT_EQ(std::vector<short>(kernel.begin<short>(), kernel.end<short>()), taps) << "sigma " << sigma;
     }
+    EXPECT_EQ(makeEdgeDerivativeKernel(341).rows, 2 * 1023 + 1);
+    EXPECT_THROW(makeEdgeDerivativeKernel(341.01), cv::Exception);
 }
 
 std::array<cv::Mat, 2> randomDerivatives(cv::Size size, int least, int largest, cv::RNG& rng) {
@@ -112,24 +114,35 @@ TEST(SelectInnerContours, KeepsTheInnerSideOfLoops) {
 }
 
 TEST(RefineContours, FindsTheTopOfAParabolicRidge) {
-    // Place and curvature of the top, along x or y; the pixel and where it goes, the direction.
-    const std::tuple<const char*, double, double, bool, cv::Point, cv::Point2f, double> cases[] = {
-        {"right of the pixel", 3.25, -800, true, {3, 3}, {3.25f, 3}, CV_PI / 2},
-        {"left of the pixel", 2.7, -800, true, {3, 3}, {2.7f, 3}, CV_PI / 2},
-        {"too far: stays", 3.75, -800, true, {3, 3}, {3, 3}, CV_PI / 2},
-        {"below, in a row ridge", 3.25, -800, false, {3, 3}, {3, 3.25f}, 0},
-        {"at the border, with the row doubled", 3.25, -800, true, {3, 0}, {3.25f, 0}, CV_PI / 2},
-        {"a valley stays on its pixel", 3.25, 700, true, {3, 3}, {3, 3}, CV_PI / 2}};
-    for (const auto& [what, top, curvature, vertical, pixel, expected, direction] : cases) {
-        const auto heightAt = [top = top, curvature = curvature](int place) { return 16000 + curvature * std::pow(place - top, 2); };
-        const cv::Mat flat = cv::Mat::zeros(7, 7, CV_16SC1);
-        const cv::Mat ridge = imageOf<short>({7, 7}, [&, vertical = vertical](int x, int y) { return heightAt(vertical ? x : y); });
+    const auto ridge = [](double top, double curvature = -800) { return [=](double x, double) { return 16000 + curvature * std::pow(x - top, 2); }; };
+    const struct {
+        const char* what;
+        std::function<double(double, double)> magnitude;  ///< at x and y
+        cv::Point pixel;
+        cv::Point2f moved;
+        double direction;
+    } cases[] = {{"right of the pixel", ridge(3.25), {3, 3}, {3.25f, 3}, CV_PI / 2},
+                 {"left of the pixel", ridge(2.7), {3, 3}, {2.7f, 3}, CV_PI / 2},
+                 {"just within half a pixel", ridge(3.495), {3, 3}, {3.495f, 3}, CV_PI / 2},
+                 {"just beyond it", ridge(3.505), {3, 3}, {3, 3}, CV_PI / 2},
+                 {"below, in a row ridge", [=](double x, double y) { return ridge(3.25)(y, x); }, {3, 3}, {3, 3.25f}, 0},
+                 {"at the border, with the row doubled", ridge(3.25), {3, 0}, {3.25f, 0}, CV_PI / 2},
+                 {"a valley stays on its pixel", ridge(3.25, 700), {3, 3}, {3, 3}, CV_PI / 2},
+                 // Steepest along (1, 1); the mixed derivative counts with the other sign, which makes (-1, 1) of it.
+                 {"askew",
+                  [](double x, double y) { return 16000 + 600 * (x - 3) - 400 * ((x - 3) * (x - 3) + (y - 3) * (y - 3) + (x - 3) * (y - 3)); },
+                  {3, 3},
+                  {3.25f, 2.75f},
+                  1.75 * CV_PI}};
+    for (const auto& c : cases) {
+        cv::Mat gradient[2];  // along (3, 4)
+        for (const int k : {0, 1}) gradient[k] = imageOf<short>({7, 7}, [&](int x, int y) { return (k == 0 ? 0.6 : 0.8) * c.magnitude(x, y); });
         std::vector<SubpixelContour> contours;
-        refineContours(vertical ? ridge : flat, vertical ? flat : ridge, {{pixel}}, contours);
+        refineContours(gradient[0], gradient[1], {{c.pixel}}, contours);
         ASSERT_EQ(contours.size(), 1u);
-        EXPECT_LT(cv::norm(contours[0].points[0] - expected), 1e-3) << what;
-        EXPECT_NEAR(contours[0].direction[0], direction, 1e-6) << what;
-        EXPECT_NEAR(contours[0].response[0], heightAt(vertical ? pixel.x : pixel.y) / 128, 0.02) << what;  // the facet keeps a parabola's value
+        EXPECT_LT(cv::norm(contours[0].points[0] - c.moved), 1e-3) << c.what;
+        EXPECT_NEAR(contours[0].direction[0], c.direction, 1e-6) << c.what;
+        EXPECT_NEAR(contours[0].response[0], c.magnitude(c.pixel.x, c.pixel.y) / 128, 0.02) << c.what;  // the facet keeps a parabola's value
     }
 }
 

@@ -117,8 +117,9 @@ TEST(Rims, NestingTellsAClosedLineFromAnOpenOne) {
 }
 
 TEST(Rims, CandidatesAreLinesAroundDiscsWithinTheBounds) {
-    const auto found = [](const cv::Mat& image, float axisRatio, int minDiameter, int maxDiameter) {
-        cv::Mat blur, grad, dx, dy, binary, mask, labels;
+    cv::Mat blur;
+    const auto found = [&blur](const cv::Mat& image, float axisRatio = 0.5f, int minDiameter = 6, int maxDiameter = 200) {
+        cv::Mat grad, dx, dy, binary, mask, labels;
         std::vector<std::vector<cv::Point>> candidates(1);
         detectEllipseCandidates(image, image, blur, grad, dx, dy, binary, mask, labels, candidates, 1, 11, -5, 1, 0.8f, 0.95f, axisRatio, minDiameter,
                                 maxDiameter);
@@ -127,13 +128,33 @@ TEST(Rims, CandidatesAreLinesAroundDiscsWithinTheBounds) {
         return candidates;
     };
     cv::Mat arc(120, 160, CV_8UC1, cv::Scalar(40));
-    EXPECT_TRUE(found(arc, 0.5f, 6, 200).empty());
+    const cv::Mat grey = arc.clone();
+    EXPECT_TRUE(found(arc).empty());
     cv::ellipse(arc, {80, 60}, {20, 20}, 0, 0, 300, 200, 3, cv::LINE_AA);
-    for (const auto& contour : found(arc, 0.5f, 6, 200)) EXPECT_LT(cv::contourArea(contour), 900) << "around the stroke, not around a disc";
+    for (const auto& contour : found(arc)) EXPECT_LT(cv::contourArea(contour), 900) << "around the stroke, not around a disc";
     const cv::Mat disc = discImage({160, 120}, {80, 60}, 12);
-    EXPECT_FALSE(found(disc, 0.5f, 6, 200).empty());
-    EXPECT_TRUE(found(disc, 1.01f, 6, 200).empty()) << "no box is rounder than a square";
+    EXPECT_FALSE(found(disc).empty());
+    EXPECT_TRUE(found(disc, 1.01f).empty()) << "no box is rounder than a square";
     EXPECT_TRUE(found(disc, 0.5f, 30, 200).empty() && found(disc, 0.5f, 6, 20).empty()) << "diameters";
+
+    // Strokes of one pixel that begin at (50, 40): a square outline fills 4 (n - 1) of the ellipse's pi n^2 / 4, a U with a
+    // short leg of k has 2 n - 1 + k of the perimeter's 4 n.
+    const auto square = [&grey](int n) {
+        cv::Mat image = grey.clone();
+        cv::rectangle(image, cv::Rect(50, 40, n, n), 200);
+        return image;
+    };
+    const auto letterU = [&](int k) {
+        cv::Mat image = square(16);
+        image(cv::Rect(51, 40, 15, 15)).setTo(40), image(cv::Rect(65, 55 - k, 1, k)).setTo(200);
+        return image;
+    };
+    const std::tuple<const char*, cv::Mat, bool> strokes[] = {
+        {"fills 0.154", square(32), true}, {"fills 0.1497", square(33), false}, {"39 of 64", letterU(8), true}, {"38 of 64", letterU(7), false}};
+    for (const auto& [what, image, isFound] : strokes) EXPECT_EQ(!found(image).empty(), isFound) << what;
+    blur = cv::Mat(grey.size(), CV_16UC1, cv::Scalar(7));
+    found(square(16));
+    EXPECT_EQ(cv::boundingRect(blur != 7), cv::Rect(50 - 8, 40 - 8, 32, 32)) << "three sigma and 5 px about the blob";
 }
 
 }  // namespace kestrune::test::rims

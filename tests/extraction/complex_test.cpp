@@ -4,6 +4,7 @@
 #include <set>
 
 #include "MarkerExtractor/extraction/explain.h"
+#include "MarkerExtractor/extraction/front_ends.h"
 #include "MarkerExtractor/extraction/rim_gates.h"
 #include "support/configs.h"
 
@@ -77,20 +78,27 @@ std::vector<cv::Point> circlePixels(double radius, int count = 90, double from =
 }
 
 TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
-    const auto bright = discImages(60), dark = discImages(-60), none = discImages(0.0), faint = discImages(4);
+    const auto bright = discImages(60);
     RimImages lying = bright;
-    lying.blur16U = dark.blur16U;
+    lying.blur16U = discImages(-60).blur16U;
     const auto circle = circlePixels(15);
     std::vector<cv::Point> twice = circle, shifted = circle, crumpled = circle;
     twice.insert(twice.end(), circle.begin(), circle.end());
     for (cv::Point& p : shifted) p.x -= 44;
     cv::RNG rng(4);
     for (cv::Point& p : crumpled) p += cv::Point(rng.uniform(-5, 6), rng.uniform(-5, 6));
-    const std::vector<cv::Point> four(circle.begin(), circle.begin() + 4), half = circlePixels(15, 60, 0, CV_PI);
+    // An arc of angle t has a hull of (t - sin t) / 2 R^2. A circle with one pixel at distance d on each side has one of
+    // 2 d^2, in an ellipse of pi times the mean square radius, (90 * 15^2 + 4 d^2) / 94.
+    const std::vector<cv::Point> four(circle.begin(), circle.begin() + 4), shortArc = circlePixels(15, 90, 0, 4),
+                                                                           longArc = circlePixels(15, 90, 0, 4.4);
+    const auto spiked = [&circle](int d) {
+        std::vector<cv::Point> contour = circle;
+        for (const cv::Point p : {cv::Point(d, 0), {-d, 0}, {0, d}, {0, -d}}) contour.push_back(cv::Point(45, 40) + p);
+        return contour;
+    };
     // Contour, images, the setting that is changed.
-    const std::tuple<const char*, std::vector<cv::Point>, const RimImages&, float C::*, float, RimGate> cases[] = {
+    const std::tuple<const char*, std::vector<cv::Point>, RimImages, float C::*, float, RimGate> cases[] = {
         {"bright", circle, bright, nullptr, 0, RimGate::kNone},
-        {"dark", circle, dark, nullptr, 0, RimGate::kNone},
         {"out and back", twice, bright, nullptr, 0, RimGate::kNone},
         {"four points", four, bright, nullptr, 0, RimGate::kLength},
         {"90 points for a diameter of 41: 90.2 at least", circle, bright, &C::minDiameter, 41, RimGate::kLength},
@@ -101,11 +109,16 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
         {"at the border", shifted, bright, nullptr, 0, RimGate::kPlace},
         {"not round enough", circle, bright, &C::minAxisRatio, 1, RimGate::kAxisRatio},
         {"crumpled", crumpled, bright, &C::maxFitResidual, 0.02f, RimGate::kResidual},
-        {"no gradient", circle, none, nullptr, 0, RimGate::kGradient},
-        {"a step of 4 in 100", circle, faint, nullptr, 0, RimGate::kContrast},
+        {"no gradient", circle, discImages(0.0), nullptr, 0, RimGate::kGradient},
+        {"105 on the rim and 110 inside: 0.9545", circle, discImages(10), nullptr, 0, RimGate::kContrast},
+        {"106.25 and 112.5: 0.9444", circle, discImages(12.5), nullptr, 0, RimGate::kNone},
+        {"91 inside and 95.5 on the rim: 0.9529", circle, discImages(-9), nullptr, 0, RimGate::kContrast},
+        {"89 and 94.5: 0.9418", circle, discImages(-11), nullptr, 0, RimGate::kNone},
         {"the gradient names the wrong side", circle, lying, nullptr, 0, RimGate::kContrast},
-        {"half a rim", half, bright, nullptr, 0, RimGate::kHull},
-    };
+        {"a hull of 0.757 ellipses", shortArc, bright, nullptr, 0, RimGate::kHull},
+        {"of 0.852", longArc, bright, nullptr, 0, RimGate::kNone},
+        {"of 1.20", spiked(21), bright, nullptr, 0, RimGate::kNone},
+        {"of 1.31", spiked(22), bright, nullptr, 0, RimGate::kHull}};
     for (const auto& [what, contour, images, setting, value, gate] : cases) {
         CicrleConfigs configs = rimConfigs();
         if (setting != nullptr) configs.*setting = value;
@@ -113,7 +126,7 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
         const RimVerdict verdict = judgeRim(contour, images, configs, scratch);
         EXPECT_EQ(verdict.refusedBy, gate) << what << ' ' << verdict.measured;
         if (!verdict.accepted()) continue;
-        EXPECT_EQ(verdict.ellipse.brightInside, &images == &bright) << what;
+        EXPECT_EQ(verdict.ellipse.brightInside, images.blur16U.at<std::uint16_t>(40, 45) > images.blur16U.at<std::uint16_t>(0, 0)) << what;
         const auto fallsBack = [](cv::Point a, cv::Point b) { return std::pair(a.y, a.x) >= std::pair(b.y, b.x); };
         EXPECT_TRUE(std::ranges::adjacent_find(verdict.points, fallsBack) == verdict.points.end()) << what << ": row by row, each once";
     }
@@ -170,17 +183,22 @@ TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesThe
         {"opposite polarity", {{50, 20, 1, true}, {50, 10, 1, false}}, {0, 1}},
         {"overlapping, the centre outside", {{50, 10, 1, true}, {66, 10, 2, true}}, {0, 1}},
         {"overlapping, the centre inside", {{50, 10, 1, true}, {58, 10, 2, true}}, {0}},
+        {"one end outside, at 12 from the centre", {{50, 10, 2, true}, {52, 11, 1, true}}, {1}},
         {"a new one may take the place of many", {{50, 10, 3, true}, {62, 10, 3, true}, {90, 10, 3, true}, {56, 9, 1, true}}, {2, 3}},
         {"from the last on: the last stands against it after one has gone", {{50, 10, 1, true}, {62, 10, 3, true}, {56, 9, 2, true}}, {0}}};
-    for (const auto& [what, rims, expected] : cases) {
+    for (int run = 0; run < 4 * static_cast<int>(std::size(cases)); ++run) {  // each to the right, the left, below and above
+        const auto& [what, rims, expected] = cases[run / 4];
         RimMarkers markers;
         for (std::size_t k = 0; k < rims.size(); ++k) {
             const auto [x, radius, residual, bright] = rims[k];
+            const float away = run % 2 == 0 ? x - 50 : 50 - x;
             EllipseRecord record;
             Corner corner;
-            corner.x = x, corner.y = 50, corner.fitResidual = residual, corner.matchIndex = static_cast<int>(k);
-            corner.ellipse = cv::RotatedRect({x, 50}, {2 * radius, 2 * radius}, 0);
-            for (int a = 0; a < 24; ++a) corner.contour.emplace_back(x + radius * std::cos(a * 0.2618f), 50 + radius * std::sin(a * 0.2618f));
+            corner.ellipse = cv::RotatedRect(run % 4 < 2 ? cv::Point2f(50 + away, 50) : cv::Point2f(50, 50 + away), {2 * radius, 2 * radius}, 0);
+            corner.x = corner.ellipse.center.x, corner.y = corner.ellipse.center.y;
+            corner.fitResidual = residual, corner.matchIndex = static_cast<int>(k);
+            for (double a = 0; a < 6.28; a += CV_PI / 12)
+                corner.contour.push_back(cv::Point2d(corner.x + radius * std::cos(a), corner.y + radius * std::sin(a)));
             fitConicFromEllipse(record, corner.ellipse, 0, corner.contour);
             corner.conic = record.conic;
             admitRim(std::move(corner), bright, markers);
@@ -191,6 +209,16 @@ TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesThe
         ASSERT_TRUE(markers.rects.size() == kept.size() && markers.extremePoints.size() == kept.size() && markers.polarity.size() == kept.size());
         for (std::size_t k = 0; k < kept.size(); ++k) EXPECT_TRUE(same(markers.rects[k], markers.corners[k].ellipse)) << what;
     }
+}
+
+TEST(ComplexPath, SeesNothingOfAnEarlierImage) {
+    CircleMarkerExtractor used, fresh;
+    std::vector<std::vector<cv::Point>> candidates;
+    const auto smoothed = [&](CircleMarkerExtractor& extractor, cv::Point2d centre) {
+        return rimCandidates(discImage({90, 80}, centre, 8), {}, extractor, rimConfigs(), candidates).blur16U;
+    };
+    smoothed(used, {20, 20});
+    EXPECT_EQ(cv::norm(smoothed(used, {65, 55}), smoothed(fresh, {65, 55}), cv::NORM_INF), 0);
 }
 
 TEST(ComplexPath, SettingsAtTheEndsOfTheirRangesFindNothingOrEverythingButDoNoHarm) {

@@ -93,6 +93,29 @@ TEST(SearchRadialEdges, GuardsTheBorderAndCountsRays) {
     }
 }
 
+TEST(SearchRadialEdges, ClosesGapsOfTwoRaysAndClampsTheParabola) {
+    const cv::Mat disc = discImage({80, 80}, {40, 40}, 12);
+    std::vector<cv::Point2f> points;
+    // A ray without a direction has no edge; it gets a radius where three within two places have one.
+    for (const auto& [gap, count] : {std::pair(2, 72u), {3, 69u}}) {
+        auto rays = directionTable(72);
+        std::fill_n(rays.begin() + 20, gap, cv::Point2f());
+        searchRadialEdges(disc, {40, 40}, 4, 20, points, rays, 12, 0.6f);
+        EXPECT_EQ(points.size(), count) << gap;
+    }
+    // Grey values from the centre on along all rays. Coarse steps from 1.5 px on read every third of them, and the fine
+    // samples go from 6 to 12 px; the fall goes on beyond them, and the parabola's top would lie 19.5 px away.
+    const std::tuple<float, std::vector<int>, float> profiles[] = {
+        {0, {250, 250, 250, 250, 250, 250, 250, 250, 250, 220, 190, 170, 110, 12, 162, 130, 100, 100}, 12},
+        {0.5f, {180, 180, 180, 180, 180, 180, 240, 82, 180, 62, 122, 80, 70, 60, 60, 60, 60, 60}, 5}};
+    for (const auto& [shift, greys, radius] : profiles) {
+        const auto greyAt = [&greys = greys](int x, int) { return greys[static_cast<std::size_t>(std::clamp(x - 30, 0, 17))]; };
+        searchRadialEdges(imageOf<uchar>({80, 80}, greyAt), {30 + shift, 40}, 0, 15, points, std::vector<cv::Point2f>(8, {1, 0}), 12, 0.6f);
+        ASSERT_EQ(points.size(), 8u);
+        EXPECT_FLOAT_EQ(points[0].x - 30 - shift, radius);
+    }
+}
+
 TEST(ProbeRadialContrast, IsTheShareOfDirectionsThatFall) {
     cv::Mat image = discImage({60, 60}, {30, 30}, 10);
     const auto share = [&image](int contrast) { return probeRadialContrast(image, {30, 30}, 10, 15, contrast, directionTable(24), 2); };
@@ -107,28 +130,58 @@ TEST(DetectRadialContours, AcceptsBrightRoundBlobsOnly) {
     const cv::Mat border = discImage(grey.size(), {18, 60}, 14), dark = discImage(grey.size(), {80, 60}, 14, 40, 200);
     cv::Mat line = grey.clone(), bar = grey.clone();
     line(cv::Rect(20, 60, 100, 3)).setTo(200), bar(cv::Rect(60, 60, 31, 10)).setTo(200);
-    // Full image, image to be reduced, reduction, detection again, least share of rays, points of each accepted blob.
-    const std::tuple<const char*, cv::Mat, cv::Mat, int, bool, float, std::vector<std::size_t>> cases[] = {
-        {"a disc", disc, disc, 1, false, 0.6f, {72}},
-        {"a disc, reduced", disc, disc, 2, false, 0.6f, {72}},
-        {"a disc, reduced and detected again", disc, disc, 2, true, 0.6f, {72}},
-        {"a dark disc", dark, dark, 1, false, 0.6f, {}},
-        {"a thin bar: too small before it is too long", line, line, 1, false, 0.0f, {}},
-        {"a bar of ratio above 3", bar, bar, 1, false, 0.0f, {}},
-        {"a blob at the border", border, border, 1, false, 0.6f, {}},
-        {"the same, without asking for rays: a blob without points", border, border, 1, false, 0.0f, {0}},
-        {"surroundings off the image: dropped only if detected again", border, border, 2, true, 0.0f, {}},
-        {"nothing bright when detected again", grey, disc, 2, true, 0.0f, {}},
-        {"nothing", grey, grey, 1, false, 0.6f, {}}};
-    for (const auto& [what, full, image, scale, refine, ratio, pointCounts] : cases) {
+    const auto sharp = [&grey](int x, int radius) {
+        cv::Mat image = grey.clone();
+        cv::circle(image, {x, 60}, radius, 200, cv::FILLED);
+        return image;
+    };
+    const auto probes = [](int all, int blind) {  // without a direction a probe sees no contrast
+        auto table = directionTable(all);
+        std::fill_n(table.begin(), blind, cv::Point2f());
+        return table;
+    };
+    struct Case {
+        const char* what;
+        cv::Mat image;                      ///< that is reduced
+        std::vector<std::size_t> expected;  ///< points of each accepted blob
+        int scale = 1;
+        bool refine = false;
+        float minRayRatio = 0.6f;
+        cv::Mat full{};  ///< `image` if empty
+        double sigma = 1;
+        std::vector<cv::Point2f> probes = directionTable(24);
+    } const cases[] = {{"a disc", disc, {72}},
+                       {"a disc, reduced", disc, {72}, 2},
+                       {"a disc, reduced and detected again", disc, {72}, 2, true},
+                       {"a dark disc", dark, {}},
+                       {"a thin bar: too small before it is too long", line, {}, 1, false, 0},
+                       {"a bar of ratio above 3", bar, {}, 1, false, 0},
+                       {"a blob at the border", border, {}},
+                       {"the same, without asking for rays: a blob without points", border, {0}, 1, false, 0},
+                       {"surroundings off the image: dropped only if detected again", border, {}, 2, true, 0},
+                       {"nothing bright when detected again", disc, {}, 2, true, 0, grey},
+                       {"nothing", grey, {}},
+                       // A box of 29 has an outer radius of 1.25 * 20.5; with 3 px more it needs 28.6.
+                       {"room for the outer radius", sharp(29, 14), {72}},
+                       {"a pixel less", sharp(28, 14), {}},
+                       // A blob from column 3 of an image that is reduced by 2 has 6 px: three sigma, rounded up, and 3.
+                       {"room for the surroundings", sharp(20, 14), {0}, 2, true, 0},
+                       {"for a larger sigma there is none", sharp(20, 14), {}, 2, true, 0, {}, 1.01},
+                       {"four of five probes", disc, {72}, 1, false, 0.6f, {}, 1, probes(5, 1)},
+                       {"79 of 100", disc, {}, 1, false, 0.6f, {}, 1, probes(100, 21)}};
+    for (const Case& c : cases) {
         cv::Mat working, blurred, binary, fullBinary, labels;
-        cv::resize(image, working, image.size() / scale);
+        cv::resize(c.image, working, c.image.size() / c.scale, 0, 0, cv::INTER_NEAREST);
         std::vector<SubpixelContour> contours(3);  // emptied first
-        detectRadialContours(working, full, blurred, binary, fullBinary, labels, 1.0, 31, contours, directionTable(72), directionTable(24), 12, -8,
-                             scale, refine, ratio, 25);
+        detectRadialContours(working, c.full.empty() ? c.image : c.full, blurred, binary, fullBinary, labels, c.sigma, 31, contours,
+                             directionTable(72), c.probes, 12, -8, c.scale, c.refine, c.minRayRatio, 25);
         std::vector<std::size_t> counts;
         for (const SubpixelContour& contour : contours) counts.push_back(contour.points.size());
-        EXPECT_EQ(counts, pointCounts) << what;
+        EXPECT_EQ(counts, c.expected) << c.what;
+        cv::Mat reflected;
+        cv::copyMakeBorder(c.full.empty() ? c.image : c.full, reflected, 15, 15, 15, 15, cv::BORDER_REFLECT_101);
+        cv::GaussianBlur(reflected, reflected, {31, 31}, c.sigma);
+        EXPECT_EQ(cv::norm(blurred, reflected(cv::Rect({15, 15}, blurred.size())), cv::NORM_INF), 0);
     }
 }
 

@@ -84,6 +84,42 @@ TEST(Extractor, MeasuresAColourImageLikeItsGreyOne) {
     }
 }
 
+TEST(Extractor, TakesAWindowAloneAndReflectsItsBorder) {
+    for (CicrleConfigs configs : configsOfPaths()) {
+        const bool radial = configs.useRadialContours;
+        const cv::Point2d centre(radial ? 24.4 : 14.4, 44.7);  // rays need room; a wide blur makes up for it
+        if (radial) configs.sigma = 8, configs.aperture = 31;
+        const cv::Mat alone = discImage({120, 90}, centre, 11);
+        cv::Mat large(130, 160, CV_8UC1, cv::Scalar(255)), window = large(cv::Rect({20, 20}, alone.size())), reflected;
+        alone.copyTo(window);
+        cv::copyMakeBorder(alone, reflected, 9, 9, 9, 9, cv::BORDER_REFLECT_101);
+        const Found expected(alone, configs), inside(window, configs), more(reflected, configs);
+        ASSERT_EQ(std::tuple(expected.corners.size(), inside.corners.size(), more.corners.size()), std::tuple(1u, 1u, 1u));
+        EXPECT_EQ(inside.corners[0].contour, expected.corners[0].contour);
+        const bool reflects = !radial && !configs.useComplexExtract;  // the others' thresholds repeat it
+        EXPECT_NEAR(more.corners[0].x, expected.corners[0].x + 9, reflects ? 1e-4 : 0.1);
+    }
+}
+
+TEST(Extractor, DividesTheLeastLengthByTheScaleAndNotTheLeastArea) {
+    for (const bool radial : {false, true}) {
+        CicrleConfigs configs = discConfigs(radial);
+        configs.scale = 2, configs.cannyLow = 5;
+        const cv::Mat image = discImage({121, 91}, {60.4, 44.7}, 15);  // reduced, a blob of 177 px^2
+        const Found whole(image, configs);
+        ASSERT_EQ(whole.corners.size(), 1u);
+        const int length = static_cast<int>(whole.corners[0].contour.size());
+        for (const auto& [least, count] : {std::pair(radial ? 150 : 2 * length + 1, 1u), {radial ? 210 : 2 * length + 2, 0u}}) {
+            configs.minContourSize = least;
+            EXPECT_EQ(Found(image, configs).corners.size(), count) << least << radial;
+        }
+        // The reduced image shows the whole image: 120 by 90 px of it would be moved by a hundredth.
+        const double factorX = radial ? 1 : 121.0 / 60, factorY = radial ? 1 : 91.0 / 45;
+        EXPECT_NEAR((whole.corners[0].x + 0.5) * factorX - 0.5, 60.4, 0.15);
+        EXPECT_NEAR((whole.corners[0].y + 0.5) * factorY - 0.5, 44.7, 0.15);
+    }
+}
+
 TEST(FastPath, AppliesItsSwitchesAndBounds) {
     cv::Mat image(60, 120, CV_8UC1, cv::Scalar(100));  // 100 is background, 101 is not
     image(cv::Rect(10, 10, 11, 11)).setTo(101);        // contour through pixel centres: 10 x 10
@@ -175,6 +211,11 @@ TEST(Locale, OfTheProcessHasNoSayInTexts) {
 }
 
 TEST(Logging, WritesWholeLinesOnStandardOutput) {
+    struct Grouped : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\1"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));  // a host's: has no say
     const std::tuple<const char*, int, int, std::string> cases[] = {{"a/f.cpp", 7, 3, "WARN  f.cpp:   7"},
                                                                     {"a\\b/f.cpp", 12345, 0, "NONE  f.cpp:12345"},
                                                                     {"a/b\\f.cpp", 2411, 1, "FATAL f.cpp:2411"},
@@ -201,6 +242,7 @@ TEST(Logging, WritesWholeLinesOnStandardOutput) {
                   for (int i = 0; i < 4; ++i) threads.emplace_back(report);
               }),
               expected);
+    std::locale::global(before);
 }
 
 TEST(FrontDoor, UndistortsWithTheMatricesOfTheEyeAndWarnsOfTheOneThatFailed) {

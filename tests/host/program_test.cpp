@@ -4,6 +4,7 @@
 #include <map>
 #include <opencv2/imgcodecs.hpp>
 
+#include "csv.h"
 #include "explanation.h"
 #include "overlay.h"
 #include "support/configs.h"
@@ -242,6 +243,18 @@ TEST(HostExplanation, TellsWhatNeverBecameACandidate) {
         EXPECT_EQ(!polarityHint(extractor, image, 0, {}, settings, markers, false).empty(), hinted) << file;
         EXPECT_TRUE(tryOtherSettings(extractor, image, 0, {}, settings, markers).empty()) << file;
     }
+}
+
+TEST(HostMarkers, TheReducedCameraSeesTheSamePlaceAndFieldsAreQuoted) {
+    const Camera camera{(cv::Mat_<double>(3, 3) << 900, 0, 321.5, 0, 910, 241, 0, 0, 1), cv::Mat::zeros(1, 5, CV_64F)};
+    const Enlargement enlarge{2.5, 3};
+    CircleMarkerExtractor e;
+    setCamera(e, 0, camera, enlarge, {{}, Path::simple});
+    const cv::Mat& k = e.leftIntrinsic;
+    EXPECT_EQ(enlarge.point({k.at<double>(0, 2), k.at<double>(1, 2)}), cv::Point2d(321.5, 241)) << "the principal point";
+    EXPECT_EQ(cv::Vec2d(k.at<double>(0, 0), k.at<double>(1, 1)), cv::Vec2d(360, 910 / 3.0));
+    for (const auto& [text, field] : {std::pair("a b", "a b"), {"a,b", "\"a,b\""}, {"say \"x\"", "\"say \"\"x\"\"\""}, {"a\nb", "\"a\nb\""}})
+        EXPECT_EQ(csvField(std::string(text)), field);
 }
 
 /// More than 200 alike are counted, not listed; the others still are.

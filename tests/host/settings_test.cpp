@@ -20,6 +20,39 @@ TEST(HostSettings, ReadyFilesLoadForThePathOfTheirName) {
     EXPECT_TRUE(told.useRadialContours && !told.useComplexExtract);
 }
 
+TEST(HostSettings, RangesHoldBothTheirEnds) {
+    const struct {
+        const char *fields, *below, *low, *high, *above;
+    } ranges[] = {
+        {"minArea maxArea maxFitError maxPointError maxRowDifference minDepth maxDepth sizeTolerance edgeLengthTolerance maxFitResidual minDiameter "
+         "maxDiameter",
+         "-0.001", "0", "1e12", "1.1e12"},
+        {"minContourSize deviationFactor", "-1", "0", "1000000000", "1000000001"},
+        {"minCircularity maxCircularity minConvexRatio maxConvexRatio nmsFactor", "-0.001", "0", "10", "10.01"},
+        {"maxEccentricity minRadiusRatio minRayRatio minAxisRatio edgePercentile", "-0.001", "0", "1", "1.001"},
+        {"cannyLow cannyHigh", "-1", "0", "362", "363"},
+        {"aperture", "0", "1", "255", "256"},
+        {"sigma", "-0.001", "0", "40", "40.01"},
+        {"scale", "0", "1", "64", "65"},
+        {"edgeAngleTolerance", "-0.001", "0", "6.3", "6.301"},
+        {"thresholdC", "-256", "-255", "255", "256"},
+        {"contrast", "-1", "0", "255", "256"},
+        {"markerRadii", "[ -0.001 ]", "[ 0 ]", "[ 1e12 ]", "[ 1.1e12 ]"},
+    };
+    enterOwnDirectory();
+    const std::string good = readText("ready/bright-radial.yaml");
+    for (const auto& r : ranges) {
+        std::istringstream fields(r.fields);
+        for (std::string field; fields >> field;) {
+            for (const char* value : {r.below, r.low, r.high, r.above}) {
+                std::ofstream("given.yaml") << withLine(good, field + ":", field + ": " + value);
+                const std::string told = test::refused([] { loadSettings("given.yaml", {}); });  // a pair may be out of order
+                EXPECT_EQ(told.find(" is outside ") != std::string::npos, value == r.below || value == r.above) << field << ' ' << value << told;
+            }
+        }
+    }
+}
+
 TEST(HostSettings, BrokenFilesNameFieldAndValue) {
     const struct {
         const char *field, *line, *expected;  ///< expected empty: nothing is wrong

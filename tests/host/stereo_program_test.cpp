@@ -292,7 +292,8 @@ T: !!opencv-matrix { rows: 3, cols: 1, dt: d, data: [ -78.2, -2., -62.4 ] }
         {matrices, "D2", "", "D2: !!opencv-matrix { rows: 1, cols: 8, dt: d, data: [ 0, 0, 0, 0, 0, 0.5, 0, 0. ] }", "'D2': coefficient 6 is 0.5"},
         {matrices, "D1", "", "D1: !!opencv-matrix { rows: 2, cols: 3, dt: d, data: [ 0, 0, 0, 0, 0, 0. ] }", "'D1' is 2 by 3"},
         {matrices, "R", "", "", "'R' is missing"},
-        {matrices, "R", "0.8, 0., -0.6", "0.81, 0., -0.6", "'R' is no rotation"},
+        {matrices, "R", "0.8, 0., -0.6", "0.800007, 0., -0.6", "'R' is no rotation"},  // 1.12e-5 too long
+        {matrices, "R", "0.8, 0., -0.6", "0.800005, 0., -0.6", ""},
         {matrices, "T", "", "T: !!opencv-matrix { rows: 2, cols: 1, dt: d, data: [ 1., 2. ] }", "'T' is 2 by 1, not 3 by 1"},
         {matrices, "T", "-78.2, -2., -62.4", "0., 0., 0.", "'T': both cameras"},
         {matrices, "imageSize", "", "imageSize: [ 640 ]", "'imageSize' is no list of numbers of 2"},

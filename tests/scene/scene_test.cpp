@@ -43,6 +43,11 @@ TEST(Projection, ConicHoldsRimPointsAndEllipse) {
     // Behind the camera, from its back, beyond the image's edge, edge on.
     const cv::Vec3d hidden[][2] = {{{0, 0, -500}, {0, 0, 1}}, {{0, 0, 500}, {0, 0, 1}}, {{60, 0, 500}, {0, 0, -1}}, {{0, 0, 500}, {1, 0, 0}}};
     for (const auto& [at, normal] : hidden) EXPECT_FALSE(projectDisc(kPlain, {at, normal, 6, 0}).visible) << at;
+    // This lens folds at 1 / sqrt(1.2) = 0.913 from the axis, and what is beyond comes back to where it shows 0.8.
+    PinholeCamera folding = kPlain;
+    folding.intrinsic(0, 0) = folding.intrinsic(1, 1) = 250, folding.distortion = {-0.4, 0, 0, 0, 0};
+    for (const auto& [x, visible] : {std::pair(440.0, true), {475.0, false}})
+        EXPECT_EQ(projectDisc(folding, {{x, 0, 500}, {0, 0, -1}, 6, 0}).visible, visible) << x;
 }
 
 TEST(Coverage, EqualsTheClippedAreaOfEveryPixel) {

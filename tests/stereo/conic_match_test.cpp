@@ -75,13 +75,24 @@ TEST(MatchConicCorners, RecoversDiscsInBothFrames) {
 TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
     CircleMarkerExtractor e = calibrated(rig);
-    const auto cornersOf = [&rig](const cv::Vec3d& normal, double radius) {
-        const auto [left, right, seen] = exactCorners(rig, {{{5, 8, 900}, cv::normalize(normal), radius, 200}});
+    const auto cornersOf = [&rig](const cv::Vec3d& normal, double radius, double below = 0) {
+        const auto [left, right, seen] = exactCorners(rig, {{{5, 8 + below, 900}, cv::normalize(normal), radius, 200}});
         return std::pair{left.at(0), right.at(0)};
     };
     const auto [left, right] = cornersOf({0, 0, -1}, 7);
     const auto [leftRival, rival] = cornersOf({0.5, 0.3, -1}, 7);  // in the same place, but its conic agrees less
     const auto [leftSmall, small] = cornersOf({0, 0, -1}, 5.5);
+    // A score is ratio^0.15 |cos|^0.25 exp(-d^4 / 32)^0.3 at a distance of d px from the epipolar line. So 20 degrees, and 1.2 px,
+    // count as much as radii with a ratio of 0.902 and of 0.878.
+    const double onePixel = 900 / rig.right.intrinsic(1, 1);
+    const auto tilted = [&](double angle, double radius) {
+        return cornersOf({std::sin(angle), std::sin(angle), -std::sqrt(2) * std::cos(angle)}, radius);
+    };
+    const auto rightOf = [](const std::pair<Corner, Corner>& corners) { return corners.second; };
+    const std::vector<Corner> steep = {tilted(0.3, 7).first};
+    const Corner steeper = rightOf(tilted(0.3 + CV_PI / 9, 7)), lower = rightOf(cornersOf({0, 0, -1}, 7, 1.2 * onePixel));
+    // The two normals of this large disc have centres that are many pixels apart.
+    const auto [leftLarge, rightLarge] = cornersOf({-1, 1, -2}, 60);
     Corner hyperbola = right, broken = right, level = right;
     hyperbola.conic[0] = -hyperbola.conic[0], level.y = left.y;
     const CicrleConfigs configs = stereoConfigs(), anySize = stereoConfigs(false, {});
@@ -93,6 +104,11 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
         {"a rival behind", {left}, {right, rival}, configs, {{0, 0}}},
         {"an exact tie: the later one takes the record", {left}, {right, right}, configs, {{0, 1}}},
         {"(0, 1) frees right 0 for the later left one that agrees less", {left, leftRival}, {rival, right}, configs, {{0, 1}, {1, 0}}},
+        {"the ratio of radii is worth less than the normals", steep, {steeper, rightOf(tilted(0.3, 0.915 * 7))}, anySize, {{0, 1}}},
+        {"and more", steep, {steeper, rightOf(tilted(0.3, 0.89 * 7))}, anySize, {{0, 0}}},
+        {"less than the row", {left}, {lower, rightOf(cornersOf({0, 0, -1}, 0.895 * 7))}, anySize, {{0, 1}}},
+        {"and more", {left}, {lower, rightOf(cornersOf({0, 0, -1}, 0.86 * 7))}, anySize, {{0, 0}}},
+        {"the row is that of the chosen centres", {leftLarge}, {rightOf(cornersOf({-1, 1, -2}, 54)), rightLarge}, anySize, {{0, 1}}},
         {"a hyperbola", {left}, {hyperbola}, configs, {}},
         {"a score that is no number leaves no centres", {leftSmall}, {hyperbola}, anySize, {}},
         {"no nominal radius", {leftSmall}, {small}, configs, {}},
@@ -120,6 +136,8 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     CircleMarkerExtractor noBaseline = e, odd = e;
     odd.triangulationA = Eigen::MatrixXd::Ones(2, 2), noBaseline.rightProjection = e.leftProjection;
     EXPECT_THROW(Matched({left}, {right}, odd, configs), cv::Exception);
+    odd.triangulationD.resize(0, 0);
+    EXPECT_EQ(Matched({left}, {right}, odd, configs).pairs.size(), 1u) << "all four are filled anew";
     EXPECT_THROW(Matched({left}, {level}, noBaseline, anyDepth), cv::Exception) << "no epipolar geometry";
 }
 

@@ -43,6 +43,7 @@ TEST(FromCorners, PairsByItsRulesWhicheverEyeIsShorter) {
         {"a sure pair behind the cameras", {{50, 50}}, {{60, 50}}, {{0, 0}}},
         {"two on one", {{50, 0}, {90, 1}}, {{40, 0}, {0, 40}}, {}},
         {"distances to the sure ones decide", {{50, 0}}, {{10, 0}, {29, 0}}, {{0, 1}}},
+        {"by the root of the squares, 1.25 and 1.44; the sums are 2.15 and 1.88", {{50, 0}}, {{34, -1.3}, {31, 0.3}}, {{0, 1}}},
         {"one candidate in front", {{50, 0}}, {{60, 0}, {10, 0}}, {{0, 1}}},
         {"none in front", {{50, 0}}, {{60, 0}, {70, 0}}, {}},
         {"position among the kept read among all", {{50, 0}}, {{60, 0}, {10, 0}, {30, 0}}, {{0, 1}}},

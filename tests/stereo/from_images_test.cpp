@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <span>
+
 #include "support/calls.h"
 #include "support/configs.h"
 #include "support/rigs.h"
@@ -41,6 +43,7 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
     parallel.right.translation = -(parallel.right.rotation * cv::Vec3d(30, 1, 2));
     const scene::Rig rectifiedCameras = rectifiedRig(calibrated(parallel), parallel);
     const scene::Exposure rectified = scene::render(rectifiedCameras, scene::makeCurvedObject(parallel, 16, 4, 6, 190, 3), {}, {});
+    std::vector<Eigen::Vector3d> normals[12];
     for (int run = 0; run < 12; ++run) {
         const Path path = std::array{kRows, kRadial, kRims}[run / 4];
         const bool cornersRectified = run & 1, outputRectified = run & 2;
@@ -69,6 +72,7 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
             const auto isNearer = [&](const scene::MarkerTruth& a, const scene::MarkerTruth& b) { return error(a) < error(b); };
             const scene::MarkerTruth& marker = *std::min_element(exposure.markers.begin(), exposure.markers.end(), isNearer);
             EXPECT_LT(error(marker), (cornersRectified ? 4 : std::array{1.0, 0.3, 0.05}[path])) << run << " " << k;
+            normals[run].push_back(l.normal);
             if (!cornersRectified && path != kRows) {
                 EXPECT_NEAR(l.markerRadius, marker.disc.radius, path == kRims ? 0.1 : 0.4);
                 EXPECT_GT(cv::Vec3d(l.normal.data()).dot(marker.disc.normal), path == kRims ? 0.99 : 0.97);
@@ -78,6 +82,7 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
             EXPECT_GT(left, lastLeft) << "ascending left";
             lastLeft = left;
         }
+        EXPECT_EQ(normals[run], normals[outputRectified ? run - 2 : run]) << "and so do their normals";
     }
 }
 
@@ -100,6 +105,8 @@ TEST(StereoFromImages, SaysWhatFailed) {
         {left, right, kRows, 2900, {4, 6}, noMatch, 0, false},
         {left, right, kRows, 300, {0, -1}, noRadius + noMatch, 0, false}};
     using E = CircleMarkerExtractor;
+    const std::array members = {&E::leftIntrinsic,     &E::rightIntrinsic,     &E::leftProjection, &E::rightProjection,
+                                &E::leftRectification, &E::rightRectification, &E::leftHomography, &E::rightHomography};
     const E whole = calibrated(exposed().rig);
     E e = whole;
     for (const auto& [leftImage, rightImage, path, minDepth, markerRadii, warnings, points, rectsKept] : cases) {
@@ -110,27 +117,24 @@ TEST(StereoFromImages, SaysWhatFailed) {
         EXPECT_TRUE(o.pairs.empty() && o.points.size() == points) << warnings;
         EXPECT_EQ(o.left.size() == 3 && o.right.size() == 3, rectsKept) << warnings;
     }
-    for (auto member :
-         {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification}) {
+    for (const auto member : std::span(members).first(6)) {
         e = whole;
         (e.*member).release();
         Outcome o;
         EXPECT_EQ(o.run(left, right, e, configsOf(kRadial)), "");
         EXPECT_TRUE(o.pairs.empty() && o.points.size() == 1);
     }
-    for (const auto& [path, member] :
-         {std::pair(kRadial, &E::leftRectification), {kRadial, &E::fundamental}, {kRows, &E::leftRectification}, {kRows, &E::leftHomography}}) {
+    for (std::size_t k = 0; k < members.size() + 2; ++k) {
+        const Path path = k < members.size() ? kRows : kRadial;
         e = whole;
-        e.*member = cv::Mat::eye(2, 2, CV_32F);
+        e.*(path == kRows ? members[k] : k == members.size() ? &E::leftRectification : &E::fundamental) = cv::Mat::eye(2, 2, CV_32F);
         Outcome o;
         EXPECT_THROW(getStereoMarker3dPoints(left, right, e, o.points, o.left, o.right, configsOf(path)), cv::Exception);
         EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3) << "before a result is written";
         EXPECT_EQ(o.run(blank, blank, e, configsOf(path)), noLeft + noRight + none) << "is not read then";
     }
     e = whole;
-    for (auto member : {&E::leftIntrinsic, &E::rightIntrinsic, &E::leftProjection, &E::rightProjection, &E::leftRectification, &E::rightRectification,
-                        &E::leftHomography, &E::rightHomography})
-        (e.*member).convertTo(e.*member, CV_32F);
+    for (const auto member : members) (e.*member).convertTo(e.*member, CV_32F);
     Outcome single;
     EXPECT_EQ(single.run(left, right, e, configsOf(kRows)), "");
     EXPECT_GE(single.pairs.size(), 22U);

@@ -54,6 +54,18 @@ TEST(RectifiedMatch, ComparesAreasAndRows) {
         left.y = c[0], left.samples[kTop].y = c[1], left.samples[kBottom].y = c[2];
         EXPECT_EQ(rowsAgree(left, right, c[3], c[4]), c[5]) << testing::PrintToString(c);
     }
+    // With the loose gate the slack is half the row band, here 5, and 2 at least. Every size passes.
+    PairTest test{};
+    test.leftProjection = cv::Mat::eye(3, 4, CV_64F), test.rightProjection = test.leftProjection.clone();
+    test.rightProjection.at<double>(0, 3) = -1;
+    test.maxDepth = test.sizeTolerance = 1e6, test.radii = {1e6}, test.looseSizeGate = true, test.deviationFactor = 1;
+    for (const auto& [band, stray, isPair] : {std::tuple(10, 4.9, true), {10, 5.1, false}, {3, 1.9, true}, {3, 2.1, false}}) {
+        const MarkerMatchRecord left{2, 0, {}, {{2, 0}, {1, 0}, {3, 0}, {2, -1}, {2, 1}, {1, 0}, {3, 0}}, {}, {}, 1};
+        MarkerMatchRecord right = left;
+        for (cv::Point2d& p : right.samples) p.x -= 1;
+        right.samples[kTop].y += stray, right.samples[kBottom].y -= stray, test.maxRowDifference = band;
+        EXPECT_EQ(testCandidatePair(left, right, test).has_value(), isPair) << band << ' ' << stray;
+    }
 }
 
 TEST(RectifiedMatch, JudgesTheSizeInSpace) {
@@ -176,7 +188,7 @@ TEST(RectifiedMatch, PlacesDiscsInSpaceForAnyNumberOfThreads) {
 
 TEST(RectifiedMatch, KeepsWhatIsBeyondDoubtWithoutAConstellation) {
     Exposure e(0);
-    e.tolerance = 0.1;
+    e.tolerance = 0.1, e.radii = {9, 5};  // are put in order, or nothing would be trimmed by the second
     const auto add = [&e](std::vector<Corner>& corners, cv::Mat camera, double x, double shift) {
         camera.at<double>(0, 2) += shift;
         e.truth.assign(1, {x, 0, 1000});
