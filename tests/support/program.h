@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "calibration.h"
@@ -23,14 +24,17 @@ constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
 constexpr bool kThreadSanitizer = false;
 #endif
 
-/// Gives the running test an empty directory to work in, with the ready settings under "ready": tests may run side by side.
+/// Gives the running test an empty directory of its own to work in, with the ready settings under "ready". It goes with the
+/// next one or with the process.
 inline void enterOwnDirectory() {
     namespace fs = std::filesystem;
-    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    const fs::path directory = testing::TempDir() + "kestrune-" + test->test_suite_name() + "-" + test->name();
-    fs::remove_all(directory);
-    fs::create_directories(directory);
-    fs::current_path(directory);
+    struct Directory {
+        std::string path = testing::TempDir() + "kestrune-XXXXXX";
+        Directory() { fs::current_path(::mkdtemp(path.data()) == nullptr ? "" : path); }
+        ~Directory() { fs::current_path(testing::TempDir()), fs::remove_all(path); }
+    };
+    static std::optional<Directory> directory;
+    directory.emplace();
     fs::create_directory_symlink(KESTRUNE_SETTINGS_DIR, "ready");
 }
 
