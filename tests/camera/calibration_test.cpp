@@ -152,9 +152,8 @@ TEST(SetTriangulationIntrinsicMatrix, MapsConicsOfTheNormalisedPlaneToPixels) {
     e.SetTriangulationIntrinsicMatrix(K, 2 * K);
     const auto monomials = [](double x, double y) { return (Eigen::VectorXd(6) << x * x, x * y, y * y, x, y, 1).finished(); };
     const Eigen::VectorXd conic = (Eigen::VectorXd(6) << 2, -0.5, 3, 0.1, -0.2, -1).finished();
-    for (const auto& [x, y] : {std::pair{300.0, 200.0}, std::pair{12.0, 700.0}}) {
+    for (const auto& [x, y] : {std::pair{300.0, 200.0}, std::pair{12.0, 700.0}})
         EXPECT_NEAR((e.triangulationC * conic).dot(monomials(x, y)), conic.dot(monomials((x - 310) / 900, (y - 260) / 850)), 1e-9);
-    }
     EXPECT_EQ(e.triangulationA, (Eigen::Matrix3d() << 900, 0, 310, 0, 850, 260, 0, 0, 1).finished()) << "skew is dropped";
     EXPECT_EQ(e.triangulationB(0, 2), 620);
     e.SetTriangulationIntrinsicMatrix(2 * K, K);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "canny/subpixel_contours.h"
 
-#include <gtest/gtest.h>
-
 #include <deque>
 
 #include "support/configs.h"

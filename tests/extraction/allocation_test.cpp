@@ -3,7 +3,6 @@
 // At a fixed image size the radial and the edge-based path allocate no image of their own after the first call. Both ways to memory are
 // watched: operator new, and the allocator behind `cv::Mat`. What OpenCV allocates inside the whole-image calls that the
 // path must make is measured by making these calls alone, into buffers that are there already.
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/extraction/ellipse_gates.h"
 
-#include <gtest/gtest.h>
-
 #include "kestrune_scene/scene.h"
 #include "support/configs.h"
 
@@ -98,9 +96,8 @@ TEST(JudgeContour, ShapeGatesOfBothFrontEnds) {
         configs.maxFitError = maxFitError, configs.maxFitResidual = maxResidual;
         const GateVerdict verdict = judge(points, configs);
         EXPECT_EQ(verdict.refusedBy, gate) << what << ", measured " << verdict.measured;
-        if (gate == Gate::kFitError || gate == Gate::kFitResidual) {
+        if (gate == Gate::kFitError || gate == Gate::kFitResidual)
             EXPECT_EQ(std::string(verdict.candidate.fitText).find(radial ? "fit_residual:" : "fit_error:"), 0u);
-        }
     }
 }
 

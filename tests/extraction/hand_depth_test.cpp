@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
 
 #include "MarkerExtractor/extraction/hand.h"
 #include "support/calls.h"
@@ -77,16 +76,11 @@ TEST(HandPath, FindsDiscsAndTheInnerEdgeOfARing) {
         ASSERT_TRUE(extractor.CircleExtractSimpleForHand(rings, ring, 0, handConfigs()) && ring.size() == 1);
         EXPECT_NEAR(ring[0].area, 4 * 12 * 12, 80);
     }
-    // The candidate's smaller half axis is the reach: a marker farther along the larger one is another.
-    cv::Mat oval(120, 160, CV_8UC3, cv::Scalar(0));
-    cv::ellipse(oval, {70, 60}, {24, 14}, 0, 0, 360, {255, 255, 255}, cv::FILLED);
-    CicrleConfigs loose = handConfigs();
-    loose.maxFitError = 9;
-    for (const double distance : {10, 20}) {
-        std::vector<Corner> corners = cornersAt({{70 + distance, 60}});
-        corners[0].area = 1;
-        CircleMarkerExtractor().CircleExtractSimpleForHand(oval, corners, 0, loose);
-        EXPECT_TRUE(corners.size() == (distance < 14 ? 1 : 2) && corners[0].area == 1);
+    GateVerdict oval;  // its smaller half axis, 14, is the reach
+    oval.rect = cv::RotatedRect({0, 0}, {48, 28}, 0), oval.candidate.area = 9;
+    for (const double distance : {13.9, 14.0}) {
+        std::vector<Corner> corners = cornersAt({{distance, 0}});
+        EXPECT_EQ(admitHandMarker(oval, corners).outcome, distance < 14 ? Admission::kDropped : Admission::kAdded);
     }
 }
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/extraction/radial_contours.h"
 
-#include <gtest/gtest.h>
-
 #include "support/configs.h"
 
 namespace kestrune::test::radial_contours {
@@ -46,9 +44,7 @@ TEST(Sampling, CountsPixelCentresAndEndsAtTheOutermostOnes) {
     // The neighbours on the circle count; cut by the corner; between four pixels; off the image.
     const std::tuple<cv::Point2f, float, float, int> discs[] = {
         {{10, 10}, 1, 100, 5}, {{10, 10}, 1.5f, 100, 9}, {{0, 0}, 1, 10.0f / 3, 3}, {{10.5f, 10.5f}, 0.5f, 0, 0}, {{40, 40}, 3, 0, 0}};
-    for (const auto& [centre, radius, mean, count] : discs) {
-        EXPECT_EQ(meanInDisc(ramp, centre, radius), std::pair(mean, count));
-    }
+    for (const auto& [centre, radius, mean, count] : discs) EXPECT_EQ(meanInDisc(ramp, centre, radius), std::pair(mean, count));
     const cv::Mat image = (cv::Mat_<uchar>(2, 2) << 0, 100, 50, 200);
     const std::tuple<float, float, bool, float> samples[] = {{0.5f, 0, true, 50},  {0, 0.5f, true, 25},   {0.5f, 0.5f, true, 87.5f},
                                                              {1, 1, true, 200},    {-0.01f, 0, false, 0}, {1.01f, 0, false, 0},

@@ -47,9 +47,8 @@ TEST(CandidatePairs, KeepRowsClosedAndDepthsOpenAndHaveASampsonDistance) {
     EXPECT_EQ(rectifiedCandidatePairs(left, right, single, points, 2, 49.9, 500).size(), 5u);
     EXPECT_TRUE(rectifiedCandidatePairs(left, right, Q, points, 2, NAN, 500).empty());
     EXPECT_TRUE(rectifiedCandidatePairs({{120, 60}}, {{110, 70}, {110, NAN}}, Q, points, 2, 50, 500).empty());
-    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(cv::Mat::eye(3, 3, CV_64F)), cv::Mat(cv::Mat::eye(4, 4, CV_32S))}) {
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(cv::Mat::eye(3, 3, CV_64F)), cv::Mat(cv::Mat::eye(4, 4, CV_32S))})
         EXPECT_THROW(rectifiedCandidatePairs(left, right, bad, points, 2, 50, 500), cv::Exception);
-    }
 }
 
 TEST(MatchConicCorners, RecoversDiscsInBothFrames) {

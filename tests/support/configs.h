@@ -67,9 +67,8 @@ struct Found {
 template <typename Pixel, typename Function>
 cv::Mat_<Pixel> imageOf(cv::Size size, const Function& function) {
     cv::Mat_<Pixel> image(size);
-    for (int y = 0; y < size.height; ++y) {
+    for (int y = 0; y < size.height; ++y)
         for (int x = 0; x < size.width; ++x) image(y, x) = cv::saturate_cast<Pixel>(function(x, y));
-    }
     return image;
 }
 
