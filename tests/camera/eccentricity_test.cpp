@@ -71,11 +71,10 @@ TEST(Eccentricity, WritesTheResultsAndTheNormal) {
 }
 
 TEST(Eccentricity, AnswersBadInput) {
-    const double good[] = {1, 2, -9, 1, 1, 0.5, 0.4, 30};  // position, f, R, width, height, angle
-    for (int which = 0; which < 8; ++which) {
+    const std::array<double, 8> good = {1, 2, -9, 1, 1, 0.5, 0.4, 30};  // position, f, R, width, height, angle
+    for (std::size_t which = 0; which < 8; ++which) {
         for (const double bad : {kNaN, kInf, -kInf, 0.0}) {
-            double v[8];
-            std::copy(good, good + 8, v);
+            std::array<double, 8> v = good;
             v[which] = bad;
             const cv::RotatedRect ellipse({}, cv::Size2f(static_cast<float>(v[5]), static_cast<float>(v[6])), static_cast<float>(v[7]));
             const Eccentricity e = eccentricityAhn({v[0], v[1], v[2]}, ellipse, v[3], v[4]);
@@ -89,10 +88,8 @@ TEST(Eccentricity, AnswersBadInput) {
         cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
         return refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
     };
-    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(1, 1, CV_64FC3),
-                               cv::Mat(3, cube, CV_64FC1)}) {
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(3, cube, CV_64FC1)})
         EXPECT_EQ(run(cv::Mat(9, 9, CV_8UC3), bad), "position");
-    }
     EXPECT_EQ(run(cv::Mat(3, cube, CV_8UC3), cv::Mat(3, 1, CV_64FC1, cv::Scalar(-9))), "image");
     EXPECT_TRUE(x == 7 && y == 7 && norm == 7);
 }

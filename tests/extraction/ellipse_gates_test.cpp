@@ -65,7 +65,7 @@ TEST(JudgeContour, MeasuresTheConicOfARadialContour) {
         EXPECT_NEAR(value(50, 40), -1, 1e-4);
         EXPECT_NEAR(value(50 + a * std::cos(angle), 40 + a * std::sin(angle)), 0, 1e-3);
         EXPECT_NEAR(value(50 - b * std::sin(angle), 40 + b * std::cos(angle)), 0, 1e-3);
-        EXPECT_TRUE(c.conicValid && c.fitResidual < 1e-3 && c.fitError == 0);
+        EXPECT_EQ(std::tuple(c.conicValid, c.fitResidual < 1e-3, c.fitError), std::tuple(true, true, 0.0)) << c.fitResidual;
         EXPECT_NEAR(c.area, 4 * a * b, 0.2) << "the axes' product, not the enclosed area";
         ASSERT_EQ(c.scatter.rows(), 6);
         Eigen::MatrixXd sums = Eigen::MatrixXd::Zero(6, 6);  // products of coordinates are in single precision
@@ -150,25 +150,25 @@ TEST(AdmitMarker, SettlesRepetitions) {
             admitMarker(verdict, markers);
         };
         admit(500, 0.8, 0.2, {20, 20}), admit(100, 0.8, 0.2, {12, 20}), admit(100 + shift, roundness, error, {10, 8});
-        ASSERT_TRUE(corners.size() == 1 + count && markers.rects.size() == corners.size()) << what;
-        EXPECT_TRUE(corners[1].x == keptX && markers.rects[1].center.x == static_cast<float>(keptX)) << what;
+        ASSERT_EQ(std::pair(corners.size(), markers.rects.size()), std::pair(1 + count, 1 + count)) << what;
+        EXPECT_EQ(std::pair(corners[1].x, markers.rects[1].center.x), std::pair(keptX, static_cast<float>(keptX))) << what;
         for (std::size_t k = 0; k < corners.size(); ++k) EXPECT_EQ(corners[k].id, static_cast<int>(k)) << what;
     }
 }
 
 TEST(UndistortCorners, InvertsTheLens) {
-    scene::PinholeCamera camera = scene::makeVergedRig({1280, 1024}).right, withoutLens = camera;
-    camera.distortion = {-0.1, 0.02, 1e-3, -5e-4, 0}, withoutLens.distortion = {};
-    const cv::Mat K(camera.intrinsic), lens(camera.distortion);
-    const auto seenBy = [](const scene::PinholeCamera& eye) {
+    scene::PinholeCamera camera = scene::makeVergedRig({1280, 1024}).right;
+    const auto seenThrough = [&camera](const std::array<double, 5>& lens) {
+        camera.distortion = lens;
         Corner corner;
-        const cv::Point2d centre = scene::projectPoint(eye, {-90, 60, 900});
+        const cv::Point2d centre = scene::projectPoint(camera, {-90, 60, 900});
         corner.x = centre.x, corner.y = centre.y;
-        corner.contour = {scene::projectPoint(eye, {120, 90, 900}), scene::projectPoint(eye, {0, 0, 900})};
+        corner.contour = {scene::projectPoint(camera, {120, 90, 900}), scene::projectPoint(camera, {0, 0, 900})};
         return corner;
     };
-    const Corner expected = seenBy(withoutLens);
-    std::vector<Corner> corners = {seenBy(camera)}, none;
+    const Corner expected = seenThrough({});
+    std::vector<Corner> corners = {seenThrough({-0.1, 0.02, 1e-3, -5e-4, 0})}, none;
+    const cv::Mat K(camera.intrinsic), lens(camera.distortion);
     CircleMarkerExtractor extractor;
     EXPECT_THROW(extractor.UndistortCorners(corners, cv::Mat(), cv::Mat()), cv::Exception);
     EXPECT_NO_THROW(extractor.UndistortCorners(none, cv::Mat(), cv::Mat()));  // the matrices are not looked at

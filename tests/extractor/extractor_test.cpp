@@ -53,14 +53,14 @@ TEST(Extractor, OwnsScratchOfTheImagesSizeAndKeepsTheNameOnFailure) {
         corners.clear(), configs.scale = size.width == 80 ? 1 : 3;
         extractor.CircleExtractSimple(discImage(size, {40, 25}, 8), corners, 0, configs);
         const std::size_t full = size.area(), reduced = (size.width / configs.scale) * (size.height / configs.scale);  // 33 by 16 for the second
-        EXPECT_TRUE(extractor.scratchBlurFull.size() == full && extractor.scratchBinary.size() == full) << size;
-        EXPECT_TRUE(extractor.scratchEdgeMask.size() == reduced && extractor.scratchLabels.size() == reduced) << size;
-        EXPECT_TRUE(extractor.rayDirections.size() == 72 && extractor.probeDirections.size() == 24);
+        EXPECT_EQ(std::tuple(extractor.scratchBlurFull.size(), extractor.scratchBinary.size()), std::tuple(full, full)) << size;
+        EXPECT_EQ(std::tuple(extractor.scratchEdgeMask.size(), extractor.scratchLabels.size()), std::tuple(reduced, reduced)) << size;
+        EXPECT_EQ(std::tuple(extractor.rayDirections.size(), extractor.probeDirections.size()), std::tuple(72u, 24u));
     }
-    EXPECT_TRUE(extractor.markerName == "dot" && extractor.markerRects.size() == 1);
+    EXPECT_EQ(std::tuple(extractor.markerName, extractor.markerRects.size()), std::tuple("dot", 1u));
     extractor.markerName = "other", corners.clear();
     EXPECT_FALSE(extractor.CircleExtractSimple(cv::Mat(50, 100, CV_8UC1, cv::Scalar(9)), corners, 0, configs));
-    EXPECT_TRUE(extractor.markerName == "other" && extractor.markerRects.empty());
+    EXPECT_EQ(std::tuple(extractor.markerName, extractor.markerRects.size()), std::tuple("other", 0u));
 }
 
 TEST(Extractor, MeasuresAColourImageLikeItsGreyOne) {
@@ -72,15 +72,14 @@ TEST(Extractor, MeasuresAColourImageLikeItsGreyOne) {
         const bool radial = run == 2;
         CicrleConfigs configs = discConfigs(radial);
         configs.useThreads = run == 1;
-        CircleMarkerExtractor extractor;
-        std::vector<Corner> fromColour, fromGrey, none;
-        ASSERT_TRUE(extractor.CircleExtractSimple(colour, fromColour, 0, configs));
-        ASSERT_TRUE(extractor.CircleExtractSimple(grey, fromGrey, 0, configs));
-        EXPECT_TRUE(fromColour.size() == 1 && fromColour[0].x == fromGrey[0].x && fromColour[0].contour == fromGrey[0].contour) << run;
-        EXPECT_LT(std::hypot(fromGrey[0].x - 60.4, fromGrey[0].y - 44.7), radial ? 0.02 : 0.08);
-        EXPECT_TRUE(fromGrey[0].conicValid == radial && extractor.markerRects[0].center.x == static_cast<float>(fromGrey[0].x));
+        const Found fromColour(colour, configs), fromGrey(grey, configs);
+        ASSERT_EQ(std::pair(fromColour.corners.size(), fromGrey.corners.size()), std::pair(1ul, 1ul)) << run;
+        const Corner& c = fromGrey.corners[0];
+        EXPECT_EQ(fromColour.corners[0].contour, c.contour) << run;
+        EXPECT_LT(std::hypot(c.x - 60.4, c.y - 44.7), radial ? 0.02 : 0.08);
+        EXPECT_EQ(std::pair(c.conicValid, fromGrey.extractor.markerRects[0].center.x), std::pair(radial, static_cast<float>(c.x)));
         configs.cannyLow = 400, configs.cannyHigh = 1 << 30;  // the squares leave 32 bits
-        EXPECT_EQ(extractor.CircleExtractSimple(grey, none, 0, configs), radial);
+        EXPECT_EQ(Found(grey, configs).corners.size(), radial);
     }
 }
 
@@ -113,7 +112,7 @@ TEST(Extractor, DividesTheLeastLengthByTheScaleAndNotTheLeastArea) {
             configs.minContourSize = least;
             EXPECT_EQ(Found(image, configs).corners.size(), count) << least << radial;
         }
-        // The reduced image shows the whole image: 120 by 90 px of it would be moved by a hundredth.
+        // The reduced image shows the whole image: 120 by 90 px of it would be half a pixel off.
         const double factorX = radial ? 1 : 121.0 / 60, factorY = radial ? 1 : 91.0 / 45;
         EXPECT_NEAR((whole.corners[0].x + 0.5) * factorX - 0.5, 60.4, 0.15);
         EXPECT_NEAR((whole.corners[0].y + 0.5) * factorY - 0.5, 44.7, 0.15);
