@@ -53,7 +53,7 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
         const cv::Matx33d toOutput = outputRectified == cornersRectified ? none : outputRectified ? turn : turn.t();
         CicrleConfigs c = configsOf(path);
         c.skipUndistort = c.cornersRectified = cornersRectified, c.outputRectified = outputRectified;
-        cv::Mat images[2] = {exposure.image[0], exposure.image[1]};
+        cv::Mat images[2] = {exposure.image[0].clone(), exposure.image[1].clone()};
         if (path == kRims) images[0] = 255 - images[0], images[1] = 255 - images[1];  // dark discs
         Outcome o;
         EXPECT_EQ(o.run(images[0], images[1], extractor, c), "");

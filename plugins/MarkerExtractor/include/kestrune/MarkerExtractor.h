@@ -15,8 +15,8 @@
 /// @par Threads
 /// One extractor serves one thread at a time, because the paths share its scratch storage; a copy shares the
 /// calibration's pixels, owns its scratch storage, and is the way to a second thread. The same input gives the same
-/// output, bit for bit, on every run and for any number of OpenMP threads, on one kind of CPU: on another one OpenCV and
-/// Eigen may round otherwise.
+/// output, bit for bit, on every run and for any number of OpenMP threads, on one kind of CPU: on another one OpenCV
+/// and Eigen may round otherwise.
 #pragma once
 
 #include <Eigen/Core>

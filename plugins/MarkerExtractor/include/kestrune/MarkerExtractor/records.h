@@ -197,13 +197,13 @@ struct CicrleConfigs {
     std::int32_t thresholdC;          ///< radial contours, edge-based: constant of the adaptive threshold, grey levels;
                                       ///< negative values ask for pixels that much brighter than their surroundings. A
                                       ///< dark marker is found by the bright ring that this leaves around it
-    bool refineAtFullSize;            ///< radial contours: detect each blob again at full size (if `scale` is not 1). For
-                                      ///< strong markers: noise tears faint large ones there, and centres that are wrong
-                                      ///< by pixels pass every gate
-    float minRayRatio;                ///< radial contours: least share of rays that bear an edge, above 0 up to 1
-    std::int32_t contrast;            ///< radial contours: least grey-level contrast of a blob to the ring around it
-    float maxFitResidual;             ///< radial contours, edge-based: largest `Corner::fitResidual`; edge-based: five
-                                      ///< times this before the points are refined
+    bool refineAtFullSize;  ///< radial contours: detect each blob again at full size (if `scale` is not 1). For
+                            ///< strong markers: noise tears faint large ones there, and centres that are wrong
+                            ///< by pixels pass every gate
+    float minRayRatio;      ///< radial contours: least share of rays that bear an edge, above 0 up to 1
+    std::int32_t contrast;  ///< radial contours: least grey-level contrast of a blob to the ring around it
+    float maxFitResidual;   ///< radial contours, edge-based: largest `Corner::fitResidual`; edge-based: five
+                            ///< times this before the points are refined
 
     /// Edge-based: least diameter, px. The product of a marker's axes must be four times its square, so that a round
     /// marker passes from twice this on. The box of a blob must reach it in pixels of the reduced image. Cut off to
