@@ -33,16 +33,16 @@ class CountingAllocator : public cv::MatAllocator {
 
 }  // namespace
 
-// The forms for arrays come to these.
-void* operator new(std::size_t size) {
+// The forms for arrays come to these. Not inline, or gcc takes the `free` in them for one of what `new` gave.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     if (size > kLarge) ++largeAllocations;
     if (void* memory = std::malloc(size > 0 ? size : 1)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
