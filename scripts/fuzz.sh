@@ -60,7 +60,7 @@ keep_corpus() {
     for name in "${fuzzers[@]}"; do
         local kept=build/fuzz/kept/$name
         rm -rf "$kept" && mkdir -p "$kept" "build/fuzz/corpus/$name" "fuzz/corpus/$name"
-        "build/fuzz/fuzz/kestrune_${name}_fuzz" -merge=1 "$kept" "fuzz/corpus/$name" "build/fuzz/corpus/$name" >/dev/null 2>&1
+        "build/fuzz/fuzz/kestrune_${name}_fuzz" -set_cover_merge=1 "$kept" "fuzz/corpus/$name" "build/fuzz/corpus/$name" >/dev/null 2>&1
         rm -rf "fuzz/corpus/$name" && cp -r "$kept" "fuzz/corpus/$name"
     done
     du -sb fuzz/corpus/*
