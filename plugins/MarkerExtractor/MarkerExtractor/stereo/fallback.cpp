@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is left to do when the constellation as a whole gives no answer: drop the candidates that fit their nominal
-// radius worst, and keep the pairs that are then beyond doubt.
+// radius worst, and keep the pairs that are then the only ones of both their markers.
 #include <algorithm>
 #include <iterator>
 #include <numeric>

@@ -154,7 +154,7 @@ std::optional<int> settle(const Search& search, int i, const Pairs& sure) {
     return best;
 }
 
-/// Pairs of (index in A, index in B): those beyond doubt, then the settled ones, each ascending in A.
+/// Pairs of (index in A, index in B): those taken as sure, then the settled ones, each ascending in A.
 Pairs matchMarkers(const Search& search) {
     const Pairs sure = unambiguousPairs(search);
     Pairs pairs = sure;
