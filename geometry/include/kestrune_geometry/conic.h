@@ -128,10 +128,4 @@ inline cv::RotatedRect ellipseOf(const Conic& conic) {
     return result;
 }
 
-/// The fits make ellipses that are not finite of some outlines of a few pixels and of coordinates that are not.
-inline bool isFinite(const cv::RotatedRect& rect) {
-    return std::isfinite(rect.center.x) && std::isfinite(rect.center.y) && std::isfinite(rect.size.width) &&
-           std::isfinite(rect.size.height);
-}
-
 }  // namespace kestrune::geometry
