@@ -11,7 +11,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGE_CONTACT "kestrune developers <maintainers@example.invalid>")
 
 set(CPACK_COMPONENTS_ALL runtime development documentation)
-if(KESTRUNE_BUILD_EXAMPLES)
+if(KESTRUNE_BUILD_APPS)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)

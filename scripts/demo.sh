@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Sets everything up, builds the example host and runs it: on a rendered exposure with known truth and, where the real
+# Sets everything up, builds kestrune-measure and runs it: on a rendered exposure with known truth and, where the real
 # images are there, on a photograph of a dotted plate. The pictures go to out/demo, or to the folder that is given.
 set -euo pipefail
 root=$(realpath "$(dirname "$0")/..")
@@ -12,7 +12,7 @@ scripts/setup.sh
 cmake --preset release --log-level=WARNING
 cmake --build --preset release --target kestrune-measure --parallel "$(nproc)"
 
-measure=build/release/examples/host/kestrune-measure
+measure=build/release/apps/measure/kestrune-measure
 # 1 tells that a path missed a marker or found a false one. The table shows which; nothing has failed.
 "$measure" demo --out "$out" || (( $? == 1 ))
 

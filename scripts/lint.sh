@@ -5,7 +5,7 @@
 # usage: scripts/lint.sh [REGEX...]    clang-tidy only on source files whose path matches
 set -euo pipefail
 cd "$(dirname "$0")/.."
-folders=(plugins scene examples tests benchmarks fuzz)
+folders=(geometry plugins scene apps examples tests benchmarks fuzz)
 clean=0
 
 scripts/setup.sh lint

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Installs the packages of Debian 12 or 13 that are missing. Without arguments: what the library, the example host, the
+# Installs the packages of Debian 12 or 13 that are missing. Without arguments: what the library, the program, the
 # tests, the benchmarks, the packages and the reference need. `tsan` adds the compiler of the tsan preset, `lint` what
 # scripts/lint.sh needs.
 # Works as root, or through sudo; does nothing where everything is there.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Rendered exposures with known truth, and the settings files that ship with the example host.
+// Rendered exposures with known truth, and the settings files that ship with kestrune-measure.
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A rendered exposure of circular markers with its ground truth: the problem instance that tests, benchmarks and the
-// example host share.
+// program kestrune-measure share.
 //
 // Frames. The world is the left camera's frame in millimetres, z away from the camera. A camera maps a world point X to
 // R X + T and then through K and OpenCV's five distortion coefficients. Pixel (0, 0) is the centre of the top left

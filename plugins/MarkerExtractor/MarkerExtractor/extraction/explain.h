@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Why was this contour not a marker? The paths' own gates answer, candidate by candidate. Not part of the library's
-// interface: the example host shows it.
+// interface: kestrune-measure shows it.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Why are these two markers no pair? The matchers' own tests answer, pair by pair, for a caller who asks. Not part of
-// the library's interface: the example host shows it.
+// the library's interface: kestrune-measure shows it.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// kestrune-measure: the example host. Reads images and settings, calls the library, writes tables and pictures.
+// kestrune-measure: the program. Reads images and settings, calls the library, writes tables and pictures.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
