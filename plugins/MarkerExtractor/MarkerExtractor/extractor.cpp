@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "MarkerExtractor/camera/calibration_check.h"
-#include "MarkerExtractor/camera/undistort.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
@@ -11,13 +9,5 @@ CircleMarkerExtractor::CircleMarkerExtractor() = default;
 CircleMarkerExtractor::CircleMarkerExtractor(const CircleMarkerExtractor& other) = default;
 CircleMarkerExtractor::~CircleMarkerExtractor() = default;
 CircleMarkerExtractor& CircleMarkerExtractor::operator=(const CircleMarkerExtractor& other) = default;
-
-void CircleMarkerExtractor::UndistortCorners(std::vector<Corner>& corners, const cv::Mat& cameraMatrix,
-                                             const cv::Mat& distCoeffs) {
-    if (corners.empty()) return;
-    requireData(cameraMatrix, "cameraMatrix");
-    requireDistortion(distCoeffs, "distCoeffs");
-    for (Corner& corner : corners) undistortCorner(corner, cameraMatrix, distCoeffs);
-}
 
 }  // namespace kestrune

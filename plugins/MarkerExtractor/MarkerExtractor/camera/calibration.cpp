@@ -8,6 +8,7 @@
 #include "checks/fixed_text.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
+#include "kestrune_geometry/pinhole.h"
 #include "logging/report_sites.h"
 
 namespace kestrune {
@@ -18,31 +19,29 @@ using HostPose = Pose_<double>;
 using HostCamera = Camera_<double, 2, 2>;
 
 const cv::Rect kLeftBlock(0, 0, 3, 3);  ///< first three columns of a 3 by 4 matrix
-const cv::Rect kLastColumn(3, 0, 1, 3);
-constexpr int kUsedCameraValues = 9;  ///< of ten
+constexpr int kUsedCameraValues = 9;    ///< of ten
+constexpr const char* kBadIndex = "invalid vector subscript";
 
 cv::Mat intrinsicOf(const HostCamera& camera) {
     const double* const v = camera.values;
-    return (cv::Mat_<double>(3, 3) << v[0], 0, v[2], 0, v[1], v[3], 0, 0, 1);
+    return cv::Mat(geometry::Pinhole{v[0], v[1], v[2], v[3]}.matrix());
 }
 
 cv::Mat distortionOf(const HostCamera& camera) {
-    const double* const v = camera.values + 4;
-    return (cv::Mat_<double>(1, 5) << v[0], v[1], v[2], v[3], v[4]);
+    return cv::Mat(cv::Matx<double, 1, 5>(camera.values + 4));
 }
 
-cv::Mat rotationOf(const HostPose& pose) {
-    const double* const a = pose.values;
-    return (cv::Mat_<double>(3, 3) << a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8]);
+cv::Matx33d rotationOf(const HostPose& pose) {
+    return cv::Matx33d(pose.values);
 }
 
 /// t = -A c.
-cv::Mat translationOf(const HostPose& pose) {
+cv::Vec3d translationOf(const HostPose& pose) {
     const double* const c = pose.values + 9;
-    cv::Mat t(3, 1, CV_64F);
+    cv::Vec3d t;
     for (int row = 0; row < 3; ++row) {
         const double* const a = pose.values + 3 * row;
-        t.at<double>(row) = -(a[0] * c[0] + a[1] * c[1] + a[2] * c[2]);
+        t[row] = -(a[0] * c[0] + a[1] * c[1] + a[2] * c[2]);
     }
     return t;
 }
@@ -64,23 +63,34 @@ void checkIntake(const std::vector<HostPose>& poses, const std::vector<HostCamer
     }
 }
 
+/// [R, T].
+cv::Mat poseMatrix(const cv::Mat& rotation, const cv::Mat& translation) {
+    cv::Mat pose;
+    cv::hconcat(rotation, translation, pose);
+    return pose;
+}
+
 /// Identity with the signed baseline in the last column: in its first row for a horizontal rig, in its second for a
 /// vertical one. The sign is that of the rectified projection.
-cv::Mat rectifiedTriangulation(const cv::Mat& translation, const cv::Mat& rightProjection) {
-    cv::Mat result = cv::Mat::zeros(3, 4, CV_64F);
-    for (int k = 0; k < 3; ++k) result.at<double>(k, k) = 1.0;
+cv::Mat rectifiedTriangulation(const cv::Mat& translation, const cv::Matx34d& rightProjection) {
+    cv::Matx34d result = cv::Matx34d::eye();
     const double baseline = cv::norm(translation, cv::NORM_L2);
     for (const int row : {0, 1}) {
-        const double shift = rightProjection.at<double>(row, 3);
+        const double shift = rightProjection(row, 3);
         if (shift == 0.0) continue;
-        result.at<double>(row, 3) = shift > 0.0 ? baseline : -baseline;
+        result(row, 3) = shift > 0.0 ? baseline : -baseline;
         break;
     }
-    return result;
+    return cv::Mat(result);
 }
 
 cv::Mat rectifyingHomography(const cv::Mat& projection, const cv::Mat& rectification, const cv::Mat& intrinsic) {
     return projection(kLeftBlock) * rectification * intrinsic.inv(cv::DECOMP_LU);
+}
+
+/// K2^-T [-T]x R K1^-1. An epipolar constraint is zero with either sign; it is that of -T which the members have.
+cv::Matx33d fundamentalOf(const cv::Matx33d& R, const cv::Vec3d& T, const cv::Matx33d& K1, const cv::Matx33d& K2) {
+    return K2.inv(cv::DECOMP_LU).t() * geometry::crossMatrix(-T) * R * K1.inv(cv::DECOMP_LU);
 }
 
 /// Product in 32 bits, which wraps. A negative one sizes nothing: every call sizes the lists anew in any case.
@@ -90,30 +100,16 @@ std::size_t wrappedPixelCount(int width, int height) {
     return static_cast<std::size_t>(std::max(product, 0));
 }
 
-struct Pinhole {
-    explicit Pinhole(const cv::Mat& matrix)
-        : fx(matrix.at<double>(0, 0)),
-          fy(matrix.at<double>(1, 1)),
-          cx(matrix.at<double>(0, 2)),
-          cy(matrix.at<double>(1, 2)) {}
-    double fx, fy, cx, cy;
-};
-
-Eigen::MatrixXd cameraMatrixOf(const Pinhole& p) {
-    Eigen::MatrixXd matrix = Eigen::MatrixXd::Identity(3, 3);
-    matrix(0, 0) = p.fx;
-    matrix(1, 1) = p.fy;
-    matrix(0, 2) = p.cx;
-    matrix(1, 2) = p.cy;
-    return matrix;
+Eigen::MatrixXd eigenOf(const cv::Matx33d& matrix) {
+    return Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(matrix.val);
 }
 
 /// Takes the coefficients of a conic on the normalised plane to those of the same conic in pixels: column j holds
 /// monomial j of (u^2, u v, v^2, u, v, 1) with u = (x - cx) / fx, v = (y - cy) / fy, expanded in (x^2, x y, y^2, x, y,
 /// 1).
-Eigen::MatrixXd conicMapOf(const Pinhole& p) {
+Eigen::Matrix<double, 6, 6> conicMapOf(const geometry::Pinhole& p) {
     const double fxfx = p.fx * p.fx, fyfy = p.fy * p.fy, fyfx = p.fy * p.fx;
-    Eigen::MatrixXd map = Eigen::MatrixXd::Zero(6, 6);
+    Eigen::Matrix<double, 6, 6> map = Eigen::Matrix<double, 6, 6>::Zero();
     map(0, 0) = 1 / fxfx;
     map(3, 0) = -2 * p.cx / fxfx;
     map(5, 0) = p.cx * p.cx / fxfx;
@@ -132,61 +128,79 @@ Eigen::MatrixXd conicMapOf(const Pinhole& p) {
     return map;
 }
 
+// The steps of the intake. Every matrix is made anew and then handed to its member, so that a copy of the extractor
+// keeps its own calibration.
+
+void takeCameras(CircleMarkerExtractor& e, const std::vector<HostCamera>& cameras) {
+    e.leftIntrinsic = intrinsicOf(cameras[0]);
+    e.rightIntrinsic = intrinsicOf(cameras[1]);
+    e.leftDistortion = distortionOf(cameras[0]);
+    e.rightDistortion = distortionOf(cameras[1]);
+}
+
+void takeRelativePose(CircleMarkerExtractor& e, const HostPose& left, const HostPose& right) {
+    const cv::Matx33d R = rotationOf(right) * rotationOf(left).t();
+    const cv::Vec3d T = translationOf(right) - R * translationOf(left);
+    e.rotation = cv::Mat(R);
+    e.translation = cv::Mat(T);
+    e.fundamental = cv::Mat(fundamentalOf(R, T, e.leftIntrinsic, e.rightIntrinsic));
+}
+
+void takeRectification(CircleMarkerExtractor& e, const cv::Size& size, int flags) {
+    cv::Mat R1, R2, P1, P2, Q;
+    cv::Rect leftRegion, rightRegion;
+    cv::stereoRectify(e.leftIntrinsic, e.leftDistortion, e.rightIntrinsic, e.rightDistortion, size, e.rotation,
+                      e.translation, R1, R2, P1, P2, Q, flags, -1.0, size, &leftRegion, &rightRegion);
+    e.leftRectification = R1;
+    e.rightRectification = R2;
+    e.leftProjection = P1;
+    e.rightProjection = P2;
+    e.disparityToDepth = Q;
+}
+
+void takeMaps(CircleMarkerExtractor& e, const cv::Size& size) {
+    cv::Mat x1, y1, x2, y2;
+    cv::initUndistortRectifyMap(e.leftIntrinsic, e.leftDistortion, e.leftRectification, e.leftProjection, size,
+                                CV_32FC1, x1, y1);
+    cv::initUndistortRectifyMap(e.rightIntrinsic, e.rightDistortion, e.rightRectification, e.rightProjection, size,
+                                CV_32FC1, x2, y2);
+    e.leftMapX = x1;
+    e.leftMapY = y1;
+    e.rightMapX = x2;
+    e.rightMapY = y2;
+}
+
+void takeTriangulation(CircleMarkerExtractor& e) {
+    e.leftTriangulation = poseMatrix(e.rotation, e.translation);
+    e.rightTriangulation = rectifiedTriangulation(e.translation, e.rightProjection);
+    e.leftHomography = rectifyingHomography(e.leftProjection, e.leftRectification, e.leftIntrinsic);
+    e.rightHomography = rectifyingHomography(e.rightProjection, e.rightRectification, e.rightIntrinsic);
+}
+
+void sizeScratch(CircleMarkerExtractor& e, int width, int height) {
+    e.imageWidth = width;
+    e.imageHeight = height;
+    const std::size_t pixels = wrappedPixelCount(width, height);
+    e.scratchBlurFull.resize(pixels);
+    e.scratchEdgeMask.resize(pixels);
+    e.scratchBinary.resize(pixels);
+    e.scratchLabels.resize(pixels);
+}
+
 }  // namespace
 
-// Every matrix is made anew and then handed to its member, so that a copy of the extractor keeps its own calibration.
 void CircleMarkerExtractor::transform_kestruneData2cvMat(const std::vector<HostPose>& poses,
                                                          const std::vector<HostCamera>& cameras, int width, int height,
                                                          int rectifyFlags) {
-    if (cameras.size() < 2) throw std::out_of_range("invalid vector subscript");
+    if (cameras.size() < 2) throw std::out_of_range(kBadIndex);
     checkIntake(poses, cameras, width, height);
-    leftIntrinsic = intrinsicOf(cameras[0]);
-    rightIntrinsic = intrinsicOf(cameras[1]);
-    leftDistortion = distortionOf(cameras[0]);
-    rightDistortion = distortionOf(cameras[1]);
-    if (poses.size() < 2) throw std::out_of_range("invalid vector subscript");
-
-    const cv::Mat R = rotationOf(poses[1]) * rotationOf(poses[0]).t();
-    const cv::Mat T = translationOf(poses[1]) - R * translationOf(poses[0]);
-    rotation = R;
-    translation = T;
-    CalcFoundationMat(rotation, translation, leftIntrinsic, rightIntrinsic, fundamental);
-
-    const cv::Size size(width, height);
-    cv::Mat R1, R2, P1, P2, Q;
-    cv::Rect leftRegion, rightRegion;
-    cv::stereoRectify(leftIntrinsic, leftDistortion, rightIntrinsic, rightDistortion, size, rotation, translation, R1,
-                      R2, P1, P2, Q, rectifyFlags, -1.0, size, &leftRegion, &rightRegion);
-    leftRectification = R1;
-    rightRectification = R2;
-    leftProjection = P1;
-    rightProjection = P2;
-    disparityToDepth = Q;
-
-    cv::Mat x1, y1, x2, y2;
-    cv::initUndistortRectifyMap(leftIntrinsic, leftDistortion, leftRectification, leftProjection, size, CV_32FC1, x1,
-                                y1);
-    cv::initUndistortRectifyMap(rightIntrinsic, rightDistortion, rightRectification, rightProjection, size, CV_32FC1,
-                                x2, y2);
-    leftMapX = x1;
-    leftMapY = y1;
-    rightMapX = x2;
-    rightMapY = y2;
-
-    leftTriangulation = cv::Mat(3, 4, CV_64F);
-    rotation.copyTo(leftTriangulation(kLeftBlock));
-    translation.copyTo(leftTriangulation(kLastColumn));
-    rightTriangulation = rectifiedTriangulation(translation, rightProjection);
-    leftHomography = rectifyingHomography(leftProjection, leftRectification, leftIntrinsic);
-    rightHomography = rectifyingHomography(rightProjection, rightRectification, rightIntrinsic);
-
-    imageWidth = width;
-    imageHeight = height;
-    const std::size_t pixels = wrappedPixelCount(width, height);
-    scratchBlurFull.resize(pixels);
-    scratchEdgeMask.resize(pixels);
-    scratchBinary.resize(pixels);
-    scratchLabels.resize(pixels);
+    takeCameras(*this, cameras);
+    if (poses.size() < 2) throw std::out_of_range(kBadIndex);
+    takeRelativePose(*this, poses[0], poses[1]);
+    takeRectification(*this, {width, height}, rectifyFlags);
+    takeMaps(*this, {width, height});
+    takeTriangulation(*this);
+    sizeScratch(*this, width, height);
 }
 
 void CircleMarkerExtractor::CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K1, cv::Mat& K2, cv::Mat& F) {
@@ -195,16 +209,8 @@ void CircleMarkerExtractor::CalcFoundationMat(cv::Mat& R, cv::Mat& T, cv::Mat& K
     if (T.dims != 2 || T.type() != CV_64FC1 || T.total() != 3) requireMatrix(T, 3, 1, "T");
     requireMatrix(K1, 3, 3, "K1");
     requireMatrix(K2, 3, 3, "K2");
-    const cv::Mat backLeft = K1.inv(cv::DECOMP_LU);
-    const cv::Mat backRight = K2.inv(cv::DECOMP_LU);
-    cv::Mat backRightTransposed;
-    cv::transpose(backRight, backRightTransposed);
-    const double t0 = T.at<double>(0), t1 = T.at<double>(1), t2 = T.at<double>(2);
-    // The cross-product matrix of -T. An epipolar constraint is zero with either sign, and stored matrices have this
-    // one.
-    const cv::Mat cross = (cv::Mat_<double>(3, 3) << 0, t2, -t1, -t2, 0, t0, t1, -t0, 0);
-    const cv::Mat fundamentalMatrix = backRightTransposed * cross * R * backLeft;
-    F = fundamentalMatrix;  // a new matrix: F's old pixels may be those of an input or of a copied extractor
+    const cv::Vec3d t(T.at<double>(0), T.at<double>(1), T.at<double>(2));
+    F = cv::Mat(fundamentalOf(R, t, K1, K2));  // new: F's old pixels may be those of an input or of a copied extractor
 }
 
 bool CircleMarkerExtractor::SetStereorectifyParam(std::vector<cv::Mat> matrices) {
@@ -244,9 +250,9 @@ void CircleMarkerExtractor::SetTriangulationIntrinsicMatrix(const cv::Mat& left,
     }
     requireLeastMatrix(left, 2, 3, "left camera matrix");
     requireLeastMatrix(right, 2, 3, "right camera matrix");
-    const Pinhole leftCamera(left), rightCamera(right);
-    triangulationA = cameraMatrixOf(leftCamera);
-    triangulationB = cameraMatrixOf(rightCamera);
+    const auto leftCamera = geometry::Pinhole::of(left), rightCamera = geometry::Pinhole::of(right);
+    triangulationA = eigenOf(leftCamera.matrix());
+    triangulationB = eigenOf(rightCamera.matrix());
     triangulationC = conicMapOf(leftCamera);
     triangulationD = conicMapOf(rightCamera);
 }

@@ -11,6 +11,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 #include <optional>
 
@@ -23,8 +24,6 @@ namespace kestrune {
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-constexpr double kTwoPi = 6.283185307179586;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Where the normal is written: left of the marker and below it, so that it does not cover the marker.
@@ -35,10 +34,11 @@ constexpr double kTextScale = 0.6;
 constexpr float kFarthestText = 1e9f;
 
 /// Matrix of the cone over the ellipse, which is taken at the principal point wherever it lies on the image. The mixed
-/// coefficient stands in it whole and not halved. Neither is geometry, both are the measure that stored corrections
-/// were made with, and they stay.
+/// coefficient stands in it whole and not halved. Geometry would have it otherwise: both are part of what this measure
+/// is defined as (docs/eccentricity.md). So are the operands, which the ellipse's conic elsewhere has in another order
+/// and precision.
 Eigen::Matrix3d coneOf(const cv::RotatedRect& ellipse, double f) {
-    const double theta = static_cast<double>(ellipse.angle / 180.0f) * kPi;
+    const double theta = static_cast<double>(ellipse.angle / 180.0f) * std::numbers::pi;
     const double s = std::sin(theta);
     const double c = std::cos(theta);
     const double a = 0.5f * ellipse.size.width;
@@ -81,7 +81,7 @@ std::optional<Eigen::Vector3d> normalOf(const Eigen::Matrix3d& cone) {
     const double lambda2 = solver.eigenvalues()[(*roles)[1]];
     const double lambda3 = solver.eigenvalues()[(*roles)[2]];
     // Each row is one eigenvector in the solver's order, with its components in the order of the roles. Geometry would
-    // have the eigenvectors as columns, in the order of the roles; this layout is part of the measure and stays.
+    // have the eigenvectors as columns, in the order of the roles; this layout is part of the measure as well.
     Eigen::Matrix3d layout;
     for (int r = 0; r < 3; ++r) {
         for (int c = 0; c < 3; ++c) layout(r, c) = solver.eigenvectors()((*roles)[static_cast<std::size_t>(c)], r);
@@ -110,7 +110,7 @@ Split splitPosition(const Eigen::Vector3d& position, const Eigen::Vector3d& norm
 /// number that is zero but for rounding, because the part lies in a plane with the normal and the axis.
 double angleFromNormal(const Eigen::Vector3d& normal, const Eigen::Vector3d& inPlane) {
     const double beta = std::atan2(normal.cross(inPlane).norm(), normal.dot(inPlane));
-    return normal[0] * inPlane[1] - normal[1] * inPlane[0] < 0.0 ? kTwoPi - beta : beta;
+    return normal[0] * inPlane[1] - normal[1] * inPlane[0] < 0.0 ? 2 * std::numbers::pi - beta : beta;
 }
 
 void annotate(cv::Mat& image, const cv::Point2f& centre, const cv::Vec3d& normal) {
@@ -128,9 +128,7 @@ void requirePosition(const cv::Mat& position) {
         position.total() >= 3) {
         return;
     }
-    refuseSetting("position", "is " + std::to_string(position.rows) + " x " + std::to_string(position.cols) +
-                                  " of type " + cv::typeToString(position.type()) +
-                                  "; a row or column of three CV_64FC1 is needed");
+    refuseSetting("position", shapeText(position) + "; a row or column of three CV_64FC1 is needed");
 }
 
 }  // namespace

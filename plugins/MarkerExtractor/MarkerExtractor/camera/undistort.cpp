@@ -3,6 +3,9 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "MarkerExtractor/camera/calibration_check.h"
+#include "kestrune/MarkerExtractor.h"
+
 namespace kestrune {
 
 cv::Mat packPoints(const Corner& corner) {
@@ -31,6 +34,14 @@ void undistortCorner(Corner& corner, const cv::Mat& cameraMatrix, const cv::Mat&
     cv::Mat points = packPoints(corner);
     cv::undistortPoints(points, points, cameraMatrix, distCoeffs, cv::Mat(), cameraMatrix);
     unpackPoints(points, corner);
+}
+
+void CircleMarkerExtractor::UndistortCorners(std::vector<Corner>& corners, const cv::Mat& cameraMatrix,
+                                             const cv::Mat& distCoeffs) {
+    if (corners.empty()) return;
+    requireData(cameraMatrix, "cameraMatrix");
+    requireDistortion(distCoeffs, "distCoeffs");
+    for (Corner& corner : corners) undistortCorner(corner, cameraMatrix, distCoeffs);
 }
 
 }  // namespace kestrune

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "MarkerExtractor/camera/calibration_check.h"
+#include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {

@@ -8,6 +8,7 @@
 #include <opencv2/calib3d.hpp>
 
 #include "MarkerExtractor/camera/calibration_check.h"
+#include "checks/settings_check.h"
 
 namespace kestrune {
 
