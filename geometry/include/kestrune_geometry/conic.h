@@ -25,8 +25,8 @@ inline double valueAt(const Conic& conic, double x, double y) {
     return A * x * x + B * x * y + C * y * y + D * x + E * y + F;
 }
 
-/// Gradient of the left side: the normal of the curve at a point of it, outwards for an
-/// ellipse whose value at its centre is below 0.
+/// Gradient of the left side: the normal of the curve at a point of it, outwards for an ellipse whose value at its
+/// centre is below 0.
 inline cv::Vec2d gradientAt(const Conic& conic, double x, double y) {
     const auto& [A, B, C, D, E, F] = conic;
     return {2.0 * A * x + B * y + D, 2.0 * C * y + B * x + E};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How round and how filled a closed contour is. Points may be `cv::Point` or `cv::Point2f`; lengths in their unit.
+// How round and how filled a closed contour is, and what an ellipse measures. Points may be `cv::Point` or
+// `cv::Point2f`; lengths in their unit.
 #pragma once
 
 #include <algorithm>
@@ -54,6 +55,20 @@ template <typename Point>
 double hullArea(const std::vector<Point>& contour, std::vector<Point>& hull) {
     cv::convexHull(contour, hull, false, true);
     return cv::contourArea(hull, false);
+}
+
+/// Whether centre, axes and angle are finite. The fits make ellipses that are not of some outlines of a few pixels and
+/// of coordinates that are not.
+inline bool isFinite(const cv::RotatedRect& ellipse) {
+    return std::isfinite(ellipse.center.x) && std::isfinite(ellipse.center.y) && std::isfinite(ellipse.size.width) &&
+           std::isfinite(ellipse.size.height) && std::isfinite(ellipse.angle);
+}
+
+/// Area of an ellipse of which both axes are given, each halved in single precision.
+inline double ellipseArea(const cv::Size2f& axes) {
+    const auto a = static_cast<float>(axes.width * 0.5);
+    const auto b = static_cast<float>(axes.height * 0.5);
+    return a * std::numbers::pi * b;
 }
 
 /// Ramanujan's first approximation of an ellipse's perimeter, narrowed to single precision: it is compared with lengths

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 
 #include "canny/subpixel_contours.h"
 #include "parallel/parallel_loop.h"
@@ -10,7 +11,6 @@ namespace kestrune {
 namespace {
 
 constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
-constexpr double kTwoPi = 6.283185307179586;
 /// Points of one contour that make one item of the loop over all contours, and a bound of the time for one, ns.
 constexpr std::size_t kBlock = 512;
 constexpr std::int64_t kPointTime = 500;
@@ -93,7 +93,7 @@ void refinePoint(const cv::Mat& dx, const cv::Mat& dy, const cv::Point& pixel, c
     }
     response = static_cast<float>(f.a0 * kPerGain);
     double angle = std::atan2(p.nx, p.ny);  // in this order: the angle is counted from the y axis
-    if (angle < 0) angle += kTwoPi;
+    if (angle < 0) angle += 2 * std::numbers::pi;
     direction = static_cast<float>(angle);
 }
 

@@ -5,6 +5,8 @@
 #include <limits>
 #include <opencv2/imgproc.hpp>
 
+#include "kestrune_geometry/contour_shape.h"
+
 namespace kestrune {
 
 namespace {
@@ -26,12 +28,6 @@ double at(const std::vector<double>& areas, int index) {
     return areas[static_cast<std::size_t>(index)];
 }
 
-double hullArea(const std::vector<cv::Point>& contour) {
-    std::vector<cv::Point> hull;
-    cv::convexHull(contour, hull, false, true);
-    return hull.size() < 3 ? 0 : cv::contourArea(hull, true);
-}
-
 double areaOfChildren(int firstChild, const std::vector<double>& areas, const std::vector<cv::Vec4i>& hierarchy) {
     double sum = 0;
     for (int child = firstChild; child >= 0; child = hierarchy[static_cast<std::size_t>(child)][kNext]) {
@@ -45,10 +41,12 @@ double areaOfChildren(int firstChild, const std::vector<double>& areas, const st
 std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,
                                 const std::vector<cv::Vec4i>& hierarchy) {
     std::vector<double> areas(contours.size(), 0.0);
+    std::vector<cv::Point> hull;
     for (std::size_t k = 0; k < contours.size(); ++k) {
         const bool isAlone = hierarchy[k][kChild] < 0 && hierarchy[k][kParent] < 0;
         if (isAlone || contours[k].size() < 3) continue;
-        areas[k] = hierarchy[k][kChild] < 0 ? hullArea(contours[k]) : cv::contourArea(contours[k], true);
+        areas[k] =
+            hierarchy[k][kChild] < 0 ? geometry::hullArea(contours[k], hull) : cv::contourArea(contours[k], true);
     }
     return areas;
 }

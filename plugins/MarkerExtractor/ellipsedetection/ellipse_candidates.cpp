@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 
 #include "checks/settings_check.h"
@@ -14,7 +15,6 @@ namespace kestrune {
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
 constexpr int kConnectivity = 8;
 constexpr int kExtraMargin = 5;  ///< px beyond the reach of the smoothing, so that an edge and its slopes are inside
 
@@ -54,7 +54,7 @@ struct SizeGate {
 Drop judgeBlob(int width, int height, int area, const SizeGate& gate) {
     const Drop drop = gate.judge(width, height, area);
     if (drop) return drop;
-    const auto fill = static_cast<float>(area / (width * kPi * height * 0.25));
+    const auto fill = static_cast<float>(area / (width * std::numbers::pi * height * 0.25));
     if (kLeastFill > fill) return below<double>(DropCause::kFill, fill, kLeastFill);
     return {};
 }

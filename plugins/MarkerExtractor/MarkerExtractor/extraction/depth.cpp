@@ -5,6 +5,7 @@
 #include "MarkerExtractor/camera/calibration_check.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
+#include "kestrune_geometry/pinhole.h"
 
 namespace kestrune {
 
@@ -52,10 +53,7 @@ void CircleMarkerExtractor::DetectFeaturePointsAndInterpolate_binocular(std::vec
                                    "; two of CV_32FC1 are needed");
     }
     requireMatrix(cameraMatrix, 3, 3, "cameraMatrix");
-    const double fx = cameraMatrix.at<double>(0, 0);
-    const double fy = cameraMatrix.at<double>(1, 1);
-    const double cx = cameraMatrix.at<double>(0, 2);
-    const double cy = cameraMatrix.at<double>(1, 2);
+    const auto [fx, fy, cx, cy] = geometry::Pinhole::of(cameraMatrix);
 
     std::vector<Corner> survivors;
     for (const Corner& corner : corners) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
@@ -12,21 +13,10 @@ namespace kestrune {
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-constexpr double kFourPi = 12.566370614359172;
-
 // Ramanujan's perimeter of the ellipse over the contour's length, both bounds exclusive. A contour that wanders, or one
 // whose ends were cut off, is longer or shorter than the ellipse fitted to it.
 constexpr float kLeastPerimeterRatio = 0.8f;
 constexpr float kLargestPerimeterRatio = 1.25f;
-
-/// OpenCV has no perimeter and no area of an empty contour; such a contour still has to meet the area gate.
-double perimeterOf(const std::vector<cv::Point2f>& contour) {
-    return contour.empty() ? 0 : cv::arcLength(contour, true);
-}
-double areaOf(const std::vector<cv::Point2f>& contour) {
-    return contour.empty() ? 0 : cv::contourArea(contour, false);
-}
 
 bool passesArea(double area, const CicrleConfigs& configs, bool isFullSize) {
     const double scale = configs.scale;
@@ -36,17 +26,13 @@ bool passesArea(double area, const CicrleConfigs& configs, bool isFullSize) {
 
 bool passesConvexity(const std::vector<cv::Point2f>& contour, Corner& candidate, const CicrleConfigs& configs) {
     std::vector<cv::Point2f> hull;
-    cv::convexHull(contour, hull, false, true);
-    candidate.convexRatio = candidate.area / cv::contourArea(hull, false);
+    candidate.convexRatio = candidate.area / geometry::hullArea(contour, hull);
     return !(configs.minConvexRatio > candidate.convexRatio || candidate.convexRatio > configs.maxConvexRatio);
 }
 
 /// Ellipse perimeter over contour length.
-float perimeterRatio(const HalfAxes& axes, double perimeter) {
-    const double a = axes.a;
-    const double b = axes.b;
-    const double ellipse = kPi * (3 * (a + b) - std::sqrt((3 * b + a) * (3 * a + b)));
-    return static_cast<float>(static_cast<double>(static_cast<float>(ellipse)) / perimeter);
+float perimeterRatio(const geometry::HalfAxes& axes, double perimeter) {
+    return static_cast<float>(static_cast<double>(geometry::ellipsePerimeter(axes)) / perimeter);
 }
 
 /// Sub-pixel contours. Only a contour that is bad on the whole and has a bad point is refused: one far point, or many
@@ -61,7 +47,8 @@ bool passesFitError(GateVerdict& verdict, const CicrleConfigs& configs) {
 }
 
 /// Radial contours.
-bool passesConicShape(GateVerdict& verdict, const HalfAxes& axes, double perimeter, const CicrleConfigs& configs) {
+bool passesConicShape(GateVerdict& verdict, const geometry::HalfAxes& axes, double perimeter,
+                      const CicrleConfigs& configs) {
     Corner& candidate = verdict.candidate;
     if (candidate.fitResidual > static_cast<double>(configs.maxFitResidual)) {
         writeReason(candidate.fitText, "fit_residual", candidate.fitResidual);
@@ -90,8 +77,8 @@ void bringToFullSize(Corner& candidate, cv::RotatedRect& rect, int scale) {
 
 template <typename Point>
 bool fitErrorOf(const cv::RotatedRect& ellipse, const std::vector<Point>& points, double& error, double pointLimit) {
-    const HalfAxes axes(ellipse);
-    const double phi = (90.0 - ellipse.angle) / 180.0 * kPi;
+    const geometry::HalfAxes axes(ellipse);
+    const double phi = (90.0 - ellipse.angle) / 180.0 * std::numbers::pi;
     const double sn = std::sin(phi);
     const double cs = std::cos(phi);
     double sum = 0;
@@ -103,7 +90,7 @@ bool fitErrorOf(const cv::RotatedRect& ellipse, const std::vector<Point>& points
         const double v = dy * cs + dx * sn;
         // The factor a / b stands on the far side only. It makes the measure asymmetric for long ellipses; the bounds
         // that hosts use were found with it, so it stays.
-        const double t = u < 0 ? kPi + std::atan(axes.a / axes.b * v / u) : std::atan2(v, u);
+        const double t = u < 0 ? std::numbers::pi + std::atan(axes.a / axes.b * v / u) : std::atan2(v, u);
         const double radius = std::sqrt(v * v + u * u);
         const double p = axes.a * std::cos(t);
         const double q = axes.b * std::sin(t);
@@ -131,8 +118,8 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
                          bool isFullSize) {
     GateVerdict verdict;
     Corner& candidate = verdict.candidate;
-    const double perimeter = perimeterOf(contour);
-    const double area = areaOf(contour);
+    const double perimeter = geometry::perimeterOf(contour);
+    const double area = geometry::areaOf(contour);
     if (!passesArea(area, configs, isFullSize)) {
         writeReason(candidate.areaText, "area", area);
         refuse(verdict, Gate::kArea, area);
@@ -148,8 +135,8 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const CicrleCo
         configs.useRadialContours ? cv::fitEllipseDirect(candidate.contour) : cv::fitEllipse(candidate.contour);
     if (configs.useRadialContours) fillConic(candidate, rect);
     if (!passesEllipse(verdict, rect, area, configs)) return verdict;
-    const HalfAxes axes(rect);
-    candidate.circularity = area * kFourPi / (perimeter * perimeter);
+    const geometry::HalfAxes axes(rect);
+    candidate.circularity = geometry::circularity(area, perimeter);
     if (configs.enableCircularityFilter &&
         (configs.minCircularity > candidate.circularity || candidate.circularity >= configs.maxCircularity)) {
         refuse(verdict, Gate::kCircularity, candidate.circularity);

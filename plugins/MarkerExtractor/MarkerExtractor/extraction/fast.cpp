@@ -2,7 +2,6 @@
 #include "MarkerExtractor/extraction/fast.h"
 
 #include <algorithm>
-#include <cmath>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/gate_parts.h"
@@ -17,24 +16,12 @@ constexpr double kThreshold = 100;   ///< grey level above which a pixel belongs
 constexpr double kForeground = 250;  ///< its value in the binary image; any value but 0 traces alike
 constexpr std::size_t kLeastFitPoints = 5;
 constexpr int kThresholdStep = 10;  ///< grey levels, of the other thresholds to look for shapes at
-constexpr double kFourPi = 12.566370614359172;
 
 using PixelContour = std::vector<cv::Point>;
 
-double circularityOf(const PixelContour& contour, double area) {
-    const double perimeter = cv::arcLength(contour, true);
-    return area * kFourPi / (perimeter * perimeter);
-}
-
-double convexityOf(const PixelContour& contour, double area, PixelContour& hull) {
-    cv::convexHull(contour, hull, false, true);
-    return area / cv::contourArea(hull, false);
-}
-
 double eccentricityOf(const cv::RotatedRect& rect) {
-    const double major = std::max(rect.size.width, rect.size.height);
-    const double minor = std::min(rect.size.width, rect.size.height);
-    return std::sqrt(major * major - minor * minor) / major;
+    return geometry::eccentricity(std::max(rect.size.width, rect.size.height),
+                                  std::min(rect.size.width, rect.size.height));
 }
 
 /// Area, circularity and convexity, which need no ellipse.
@@ -45,13 +32,13 @@ Gate judgeOutline(const PixelContour& contour, const CicrleConfigs& configs, Pix
         return refuse(verdict, Gate::kArea, area);
     }
     if (configs.enableCircularityFilter) {
-        const double circularity = circularityOf(contour, area);
+        const double circularity = geometry::circularity(area, geometry::perimeterOf(contour));
         if (configs.minCircularity > circularity || circularity >= configs.maxCircularity) {
             return refuse(verdict, Gate::kCircularity, circularity);
         }
     }
     if (configs.enableConvexityFilter) {
-        const double ratio = convexityOf(contour, area, hull);
+        const double ratio = area / geometry::hullArea(contour, hull);
         if (configs.minConvexRatio > ratio || ratio > configs.maxConvexRatio) {
             return refuse(verdict, Gate::kConvexity, ratio);
         }
@@ -74,7 +61,7 @@ std::vector<cv::RotatedRect> shapesAbove(const cv::Mat& image, double threshold,
     for (const PixelContour& contour : contoursAbove(image, threshold)) {
         if (contour.size() < kLeastFitPoints) continue;
         const FastVerdict verdict = judgeFastContour(contour, configs, hull);
-        if (verdict.accepted() && isFinite(verdict.rect)) shapes.push_back(verdict.rect);
+        if (verdict.accepted() && geometry::isFinite(verdict.rect)) shapes.push_back(verdict.rect);
     }
     return shapes;
 }
@@ -134,7 +121,7 @@ FastVerdict judgeFastContour(const PixelContour& contour, const CicrleConfigs& c
     verdict.area = cv::moments(points, false).m00;
     if (judgeOutline(contour, configs, hull, verdict) != Gate::kNone) return verdict;
     verdict.rect = cv::fitEllipse(points);
-    if (!isFinite(verdict.rect)) {
+    if (!geometry::isFinite(verdict.rect)) {
         refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
         return verdict;
     }

@@ -3,8 +3,6 @@
 // What the gates of all paths with ellipses share.
 #pragma once
 
-#include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <limits>
 #include <opencv2/core.hpp>
@@ -12,19 +10,9 @@
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
 #include "checks/fixed_text.h"
+#include "kestrune_geometry/contour_shape.h"
 
 namespace kestrune {
-
-/// Half axes a >= b, formed in single precision like the ellipse and then widened.
-struct HalfAxes {
-    explicit HalfAxes(const cv::RotatedRect& rect)
-        : a(0.5f * std::max(rect.size.width, rect.size.height)),
-          b(0.5f * std::min(rect.size.width, rect.size.height)) {}
-
-    double eccentricity() const { return std::sqrt(a * a - b * b) / a; }
-
-    double a, b;
-};
 
 /// "<name>:<value>" with two decimals, as much of it as there is room for.
 template <std::size_t N>
@@ -45,16 +33,16 @@ inline bool passesEllipse(GateVerdict& verdict, const cv::RotatedRect& rect, dou
                           const CicrleConfigs& configs) {
     Corner& candidate = verdict.candidate;
     verdict.rect = rect;
-    if (!isFinite(rect)) {
+    if (!geometry::isFinite(rect)) {
         refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
         return false;
     }
-    const HalfAxes axes(rect);
+    const geometry::HalfAxes axes(rect);
     verdict.halfAxis = static_cast<float>(axes.a);
     candidate.x = rect.center.x;
     candidate.y = rect.center.y;
     candidate.area = area;
-    candidate.eccentricity = axes.eccentricity();
+    candidate.eccentricity = geometry::eccentricity(axes.a, axes.b);
     if (!(candidate.eccentricity > configs.maxEccentricity)) return true;
     writeReason(candidate.eccentricityText, "eccentricity", candidate.eccentricity);
     refuse(verdict, Gate::kEccentricity, candidate.eccentricity);

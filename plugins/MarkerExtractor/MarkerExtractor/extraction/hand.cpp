@@ -2,6 +2,7 @@
 #include "MarkerExtractor/extraction/hand.h"
 
 #include <cmath>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/gate_parts.h"
@@ -23,8 +24,8 @@ constexpr int kLeastLine = 5;     ///< pixels: no ellipse goes through fewer
 constexpr int kMedianSide = 3;
 
 // Perimeter squared over area, both ends included: from a circle to twice that, which lets squares pass.
-constexpr double kLeastCompactness = 12.566370614359172;
-constexpr double kLargestCompactness = 25.132741228718345;
+constexpr double kLeastCompactness = 4 * std::numbers::pi;
+constexpr double kLargestCompactness = 8 * std::numbers::pi;
 
 using PixelContour = std::vector<cv::Point>;
 
@@ -65,15 +66,15 @@ void noteHandDrops(const cv::Mat& image, Drops& drops) {
 GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs) {
     GateVerdict verdict;
     Corner& candidate = verdict.candidate;
-    const double perimeter = cv::arcLength(contour, true);
-    const double area = cv::contourArea(contour, false);
+    const double perimeter = geometry::perimeterOf(contour);
+    const double area = geometry::areaOf(contour);
     if (configs.minArea > area || area > configs.maxArea) {
         writeReason(candidate.areaText, "area", area);
         refuse(verdict, Gate::kArea, area);
         return verdict;
     }
     // A single point has 0 / 0 here, passes, and ends the call in the fit.
-    const double compactness = perimeter * perimeter / area;
+    const double compactness = geometry::compactness(area, perimeter);
     if (compactness < kLeastCompactness || compactness > kLargestCompactness) {
         writeReason(candidate.ratioText, "ratio", compactness);
         refuse(verdict, Gate::kCompactness, compactness);
@@ -95,7 +96,7 @@ GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const Cicrle
 
 Admission admitHandMarker(const GateVerdict& verdict, std::vector<Corner>& corners) {
     const Corner& candidate = verdict.candidate;
-    const double reach = HalfAxes(verdict.rect).b;
+    const double reach = geometry::HalfAxes(verdict.rect).b;
     for (std::size_t k = 0; k < corners.size(); ++k) {
         Corner& known = corners[k];
         const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));

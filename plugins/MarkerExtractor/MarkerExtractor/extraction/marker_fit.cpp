@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/extraction/marker_fit.h"
 
-#include <cmath>
-
 #include "ellipsedetection/conic_record.h"
 
 namespace kestrune {
@@ -15,11 +13,6 @@ void fillConic(Corner& marker, const cv::RotatedRect& rect) {
     marker.conicValid = record.conicValid;
     marker.conic = record.conic;
     marker.scatter.swap(record.scatter);
-}
-
-bool isFinite(const cv::RotatedRect& rect) {
-    return std::isfinite(rect.center.x) && std::isfinite(rect.center.y) && std::isfinite(rect.size.width) &&
-           std::isfinite(rect.size.height) && std::isfinite(rect.angle);
 }
 
 }  // namespace kestrune

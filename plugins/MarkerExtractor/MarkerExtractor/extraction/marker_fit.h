@@ -16,7 +16,4 @@ struct LensModel {
 /// Fills the block of a marker from `ellipse` to `scatter` from its contour and the ellipse fitted to it.
 void fillConic(Corner& marker, const cv::RotatedRect& rect);
 
-/// The fits make ellipses that are not finite of some outlines of a few pixels and of coordinates that are not.
-bool isFinite(const cv::RotatedRect& rect);
-
 }  // namespace kestrune

@@ -3,20 +3,21 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/camera/undistort.h"
 #include "MarkerExtractor/extraction/gate_parts.h"
+#include "kestrune_geometry/conic.h"
+#include "kestrune_geometry/contour_shape.h"
 
 namespace kestrune {
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-
 /// Pixels of a rim for each pixel of its diameter, 0.7 pi, for both ends of the range: three tenths of the smallest rim
 /// may be missing, and a whole rim of eight-connected pixels, about 0.9 pi, is too long from 0.78 `maxDiameter` on.
-constexpr double kPointsPerDiameter = 2.199114857512855;
+constexpr double kPointsPerDiameter = 0.7 * std::numbers::pi;
 constexpr float kSpareLength = 2.0f;  ///< a contour may run out and back along a line, before its pixels are sorted
 constexpr std::size_t kUsualLength = 1024;  ///< pixels for which lists have room from the start
 constexpr std::size_t kLeastFitPoints = 5;  ///< what an ellipse needs
@@ -29,8 +30,6 @@ constexpr double kLeastHull = 0.8;          ///< hull over ellipse area
 constexpr double kLargestHull = 1.25;
 constexpr float kLeastAreaFactor = 4.0f;
 constexpr double kInside = -1e-6;  ///< largest value of the conic at a point that counts as inside
-
-using Conic = std::array<double, 6>;
 
 /// Range of the number of pixels on a rim, in single precision like the settings.
 struct LengthGate {
@@ -54,12 +53,11 @@ bool isInImage(const cv::Point2f& centre, const cv::Size& size) {
 
 /// Step across the rim, summed over its pixels: the image's gradient along the outward normal of the conic. Below 0
 /// brightness grows inwards.
-float gradientAlongNormal(const std::vector<cv::Point>& contour, const Conic& conic, const RimImages& images) {
-    const auto& [A, B, C, D, E, F] = conic;
+float gradientAlongNormal(const std::vector<cv::Point>& contour, const geometry::Conic& conic,
+                          const RimImages& images) {
     float sum = 0;
     for (const cv::Point& point : contour) {
-        const double nx = 2.0 * A * point.x + B * point.y + D;
-        const double ny = 2.0 * C * point.y + B * point.x + E;
+        const auto [nx, ny] = geometry::gradientAt(conic, point.x, point.y).val;
         const auto length = static_cast<float>(std::sqrt(nx * nx + ny * ny));
         if (!(length >= kLeastNormal)) continue;
         const float alongX = static_cast<float>(nx / length) * images.dx.at<float>(point);
@@ -110,18 +108,6 @@ std::vector<cv::Point> distinctPixels(const std::vector<cv::Point>& points, std:
         pixels.emplace_back(static_cast<int>(key & 0xffffffffU), static_cast<int>(key >> 32));
     }
     return pixels;
-}
-
-double hullOverEllipse(const std::vector<cv::Point>& points, const cv::Size2f& axes, std::vector<cv::Point>& hull) {
-    cv::convexHull(points, hull, false, true);
-    const auto a = static_cast<float>(axes.width * 0.5);
-    const auto b = static_cast<float>(axes.height * 0.5);
-    return std::abs(cv::contourArea(hull, true)) / (a * kPi * b);
-}
-
-double valueAt(const Conic& conic, double x, double y) {
-    const auto& [A, B, C, D, E, F] = conic;
-    return A * x * x + B * x * y + C * y * y + D * x + E * y + F;
 }
 
 bool allFinite(const std::vector<cv::Point2f>& points) {
@@ -197,7 +183,7 @@ RimGate firstStage(const std::vector<cv::Point>& contour, const RimImages& image
     if (!length.passes(pixels.size(), 1.0f)) {
         return refuse(verdict, RimGate::kLength, static_cast<double>(pixels.size()));
     }
-    const double hull = hullOverEllipse(pixels, rect.size, scratch.hull);
+    const double hull = geometry::hullArea(pixels, scratch.hull) / geometry::ellipseArea(rect.size);
     if (!(hull > kLeastHull && kLargestHull > hull)) return refuse(verdict, RimGate::kHull, hull);
     verdict.points = std::move(pixels);
     return RimGate::kNone;
@@ -217,7 +203,8 @@ RimGate secondStage(const std::vector<cv::Point>& points, const RimImages& image
     fillConic(marker, rect);
     const auto [shorter, longer] = std::minmax(rect.size.width, rect.size.height);
     const float least = configs.minDiameter;
-    if (!isFinite(rect) || least > shorter || kLeastAreaFactor * least * least > rect.size.width * rect.size.height) {
+    if (!geometry::isFinite(rect) || least > shorter ||
+        kLeastAreaFactor * least * least > rect.size.width * rect.size.height) {
         return refuse(verdict, RimGate::kFinalSize, shorter);
     }
     if (!isInImage(rect.center, images.blur16U.size())) return refuse(verdict, RimGate::kFinalPlace, rect.center.x);
@@ -257,10 +244,10 @@ bool admitRim(Corner&& marker, bool brightInside, RimMarkers& markers) {
     for (std::size_t k = markers.corners.size(); k-- > 0;) {
         if (markers.polarity[k] != brightInside) continue;
         const Corner& known = markers.corners[k];
-        if (valueAt(marker.conic, known.x, known.y) > kInside) continue;
+        if (geometry::valueAt(marker.conic, known.x, known.y) > kInside) continue;
         const auto& rim = markers.extremePoints[k];
         const bool isWithin = std::all_of(rim.begin(), rim.end(), [&marker](const cv::Point2f& point) {
-            return valueAt(marker.conic, point.x, point.y) <= kInside;
+            return geometry::valueAt(marker.conic, point.x, point.y) <= kInside;
         });
         if (isWithin || marker.fitResidual > known.fitResidual) return false;
         eraseMarker(markers, static_cast<std::ptrdiff_t>(k));

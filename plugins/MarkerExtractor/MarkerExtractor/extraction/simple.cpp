@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cmath>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
@@ -16,14 +17,13 @@ namespace {
 
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
-constexpr double kTwoPi = 6.283185307179586;
 
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
 void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
     if (!directions.empty()) return;
     directions.reserve(n);
     for (std::size_t i = 0; i < n; ++i) {
-        const auto angle = static_cast<float>(static_cast<double>(i) * kTwoPi / static_cast<double>(n));
+        const auto angle = static_cast<float>(static_cast<double>(i) * (2 * std::numbers::pi) / static_cast<double>(n));
         directions.emplace_back(std::cos(angle), std::sin(angle));
     }
 }
