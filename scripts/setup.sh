@@ -8,7 +8,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
-          nlohmann-json3-dev libjpeg-dev libpng-dev libtiff-dev libgtest-dev libbenchmark-dev dpkg-dev file doxygen)
+          nlohmann-json3-dev libjpeg-dev libpng-dev libtiff-dev libyaml-cpp-dev libgtest-dev libbenchmark-dev
+          dpkg-dev file doxygen)
 clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresses in the sanitizer's reports
 
 for extra in "$@"; do

@@ -105,7 +105,12 @@ struct DemoOptions {
 
 int runDemo(const DemoOptions& options);
 
+struct SettingsOptions {
+    std::vector<std::string> files;
+    std::optional<Path> path;
+};
+
 /// Checks the files, or lists the fields where there are none.
-int runSettings(const std::vector<std::string>& files);
+int runSettings(const SettingsOptions& options);
 
 }  // namespace kestrune::host

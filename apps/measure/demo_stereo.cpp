@@ -64,7 +64,7 @@ scene::Exposure renderObject(const DemoOptions& options, cv::Size size) {
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
                       CircleMarkerExtractor extractor) {
     const std::string file = (folder / branch.file).string();
-    Settings settings = stereoSettings(loadSettings(file, branch.path), file);
+    Settings settings = loadStereoSettings(file, branch.path);
     for (double& radius : settings.configs.markerRadii) radius *= sizeFactor(exposure.rig.left.size);
     Outcome outcome;
     outcome.result = measureExposure(extractor, exposure.image, settings, 0);

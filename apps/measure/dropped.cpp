@@ -12,6 +12,7 @@
 
 #include "csv.h"
 #include "explanation.h"
+#include "setting_rules.h"
 
 namespace kestrune::host {
 namespace {
@@ -107,12 +108,6 @@ constexpr std::array kKnobs = {
 /// Two thresholds that a faint marker must pass both: places above.
 constexpr std::pair<std::size_t, std::size_t> kPairs[] = {{0, 1}, {3, 4}};
 
-/// What the library would take without a word and find nothing with, or end in the fit.
-bool isSensible(const C& c) {
-    return c.scale >= 1 && c.aperture >= 3 && c.aperture <= 255 && c.cannyLow <= c.cannyHigh && c.edgePercentile < 1 &&
-           c.nmsFactor > 0;
-}
-
 bool isAmong(const Marker& marker, const std::vector<Marker>& markers) {
     return std::ranges::any_of(markers, [&](const Marker& other) {
         return cv::norm(marker.centre - other.centre) < std::max(kSamePx, 0.25 * std::sqrt(other.area));
@@ -165,7 +160,7 @@ class Trials {
     Trial bestOf(const std::vector<Change>& changes) {
         Trial best{};
         for (const Change& change : changes) {
-            if (!isSensible(change.configs)) continue;
+            if (!areUsable(change.configs, settings_.path)) continue;
             settings_.configs = change.configs;
             try {
                 const std::vector<Marker> found = findMarkers(extractor_, image_, eye_, camera_, settings_);

@@ -26,7 +26,7 @@ int runExplainStereo(const ExplainStereoOptions& options) {
     files.writesTable("--csv", options.csv);
     files.writes("--out", options.out);
     files.check();
-    const Settings settings = stereoSettings(loadSettings(options.settings, options.path), options.settings);
+    const Settings settings = loadStereoSettings(options.settings, options.path);
     StereoCalibration calibration = loadStereoCalibration(options.calibration);
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");

@@ -113,9 +113,9 @@ double Enlargement::length(double l) const {
 }
 
 Enlargement enlargementOf(const cv::Mat& image, const Settings& settings) {
-    const int scale = settings.configs.scale;
-    const int columns = image.cols / scale, rows = image.rows / scale;
-    if (settings.path != Path::simple || columns == 0 || rows == 0) return {};
+    if (settings.path != Path::simple) return {};
+    const int columns = image.cols / settings.configs.scale, rows = image.rows / settings.configs.scale;
+    if (columns == 0 || rows == 0) return {};
     return {static_cast<double>(image.cols) / columns, static_cast<double>(image.rows) / rows};
 }
 

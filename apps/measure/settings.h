@@ -1,31 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Settings files: YAML in which every field of `CicrleConfigs` stands under its own name. The library has no defaults
+// Settings files: YAML in which the fields of `CicrleConfigs` stand under their own names. The library has no defaults
 // and checks only what would break it, so that a forgotten or misspelt line is caught here, before an image is opened.
 #pragma once
-
-#include <kestrune/MarkerExtractor.h>
 
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "setting_fields.h"
+
 namespace kestrune::host {
 
-/// The ways from an image to markers that this program offers.
-enum class Path {
-    simple,   ///< sub-pixel contours
-    radial,   ///< radial contours
-    fast,     ///< fixed threshold
-    complex,  ///< edge-based: markers brighter and darker than their ground at once
-    hand,     ///< edges with fixed thresholds
-};
-
-const char* nameOf(Path path);
-
 struct Settings {
-    CicrleConfigs configs;
+    CicrleConfigs configs;  ///< what the path does not read and the file does not hold is 0
     Path path;
 };
 
@@ -35,15 +24,13 @@ class SettingsError : public std::runtime_error {
     explicit SettingsError(const std::vector<std::string>& problems);
 };
 
-/// Reads and checks a settings file.
+/// Reads and checks a settings file. It must hold every field that the path reads for this use, and may hold others.
 ///
 /// @param path  the way to take; without one, `useComplexExtract` and then `useRadialContours` of the file decide. Both
 ///              agree with the path in the result.
-/// @throws InputError     for a file that cannot be read or is no YAML.
-/// @throws SettingsError  naming every missing, repeated, unknown, wrongly typed and out-of-range field with its value.
-Settings loadSettings(const std::string& file, std::optional<Path> path);
-
-/// The fields with type, range and meaning, as a table for the terminal.
-std::string describeSettings();
+/// @throws InputError     for a file that cannot be read or is no YAML, with the line.
+/// @throws SettingsError  naming every missing, repeated, unknown, wrongly typed and out-of-range field with line and
+///                        value.
+Settings loadSettings(const std::string& file, std::optional<Path> path, Use use = Use::extraction);
 
 }  // namespace kestrune::host

@@ -84,7 +84,7 @@ struct Measured {
 struct Run {
     Run(const StereoOptions& options, const std::vector<ExposureNames>& names)
         : pictures(namePictures(options, names)),
-          settings(stereoSettings(loadSettings(options.settings, options.path), options.settings)),
+          settings(loadStereoSettings(options.settings, options.path)),
           calibration(loadStereoCalibration(options.calibration)),
           intake{options.invert, {}},
           minShare(options.minShare),

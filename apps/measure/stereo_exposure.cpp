@@ -29,10 +29,12 @@ cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleC
 
 }  // namespace
 
-Settings stereoSettings(Settings settings, const std::string& file) {
+Settings loadStereoSettings(const std::string& file, std::optional<Path> path) {
+    if (path && !canUndistort(*path))
+        throw InputError(
+            file, fmt::format("path {} finds no contours: stereo takes simple, radial or complex", nameOf(*path)));
+    Settings settings = loadSettings(file, path, Use::stereo);
     CicrleConfigs& configs = settings.configs;
-    if (settings.path == Path::fast)
-        throw InputError(file, "path fast finds no contours: stereo takes simple, radial or complex");
     if (settings.path == Path::simple && configs.scale != 1) {
         throw InputError(
             file,

@@ -42,12 +42,12 @@ struct StereoResult {
     std::string doubt;  ///< what to look at in an exposure that gives points; empty: nothing
 };
 
-/// The settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
+/// Settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
 /// does not decide here; only images that are rectified already are left as they are.
 ///
-/// @param file  for the error's text only.
-/// @throws InputError  for a path or scale that gives no full-size pixels with contours.
-Settings stereoSettings(Settings settings, const std::string& file);
+/// @throws InputError, SettingsError  as `loadSettings`, and for a path or scale that gives no full-size pixels with
+///                                    contours.
+Settings loadStereoSettings(const std::string& file, std::optional<Path> path);
 
 /// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
 ///

@@ -45,11 +45,12 @@ TEST(HostProgram, DemoThenExtract) {
         {"explain demo/left.png --settings ready/bright-fast.yaml --path fast", 0, "\n    12  marker\n"},
         {"explain demo/left.png --settings ready/bright-radial.yaml --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
         {"explain broken.png --settings ready/bright-radial.yaml", 1, "broken.png: is in no image format"},
-        {"extract demo/left.png --settings ready/bright-radial.yaml --path hand", 0, ": 0 markers"},  // they stand out too little for it
+        {"extract demo/left.png --settings ready/bright-subpixel.yaml --path hand", 0, ": 0 markers"},  // they stand out too little for it
         {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv", 2, "--calibration is required"},
         {"depth demo/left.png deep.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml --csv d.csv --depth-scale -1", 2,
          "--depth-scale"},
-        {"settings ready/bright-radial.yaml none.yaml", 2, "good for path radial"},
+        {"settings ready/bright-radial.yaml none.yaml", 2, "good for path radial, in stereo too\n"},
+        {"settings ready/bright-fast.yaml --path fast", 0, "good for path fast\n"},
         {"demo --size 10x10 --out small", 2, "10x10"},
         {"extract demo/left.png demo/left.png --path fast --csv t.csv --overlay o.png --settings ready/bright-fast.yaml", 0, "o-left-2.png"},
     };
@@ -130,7 +131,7 @@ TEST(HostProgram, HoldsPixelsToTheirCalibration) {
         {"depth other.png otherZ.png --settings free.yaml --calibration rig.yaml --csv d.csv", 1, "other.png: is 400 x 300 px"},
         {"depth a.png z.png --settings free.yaml --calibration unsized.yaml --csv d.csv", 0, "unsized.yaml: tells no image size"},
         {"depth a.png z.png --settings ready/bright-radial.yaml --calibration rig.yaml --csv d.csv", 2, "field 'skipUndistort' true leaves the lens"},
-        {"depth a.png z.png --settings free.yaml --path fast --calibration rig.yaml --csv d.csv", 2, "path fast leaves the lens"},
+        {"depth a.png z.png --settings ready/bright-fast.yaml --path fast --calibration rig.yaml --csv d.csv", 2, "path fast leaves the lens"},
         {"depth a.png z.png --settings rectified.yaml --calibration rig.yaml --csv d.csv", 2, "'cornersRectified' true, but rig.yaml has distortion"},
         {"depth a.png z.png --settings ready/bright-radial.yaml --calibration plain.yaml --csv d.csv", 0, "3 with a depth"},
         {"depth a.png a.png --settings free.yaml --calibration rig.yaml --csv d.csv", 1, "a.png: is of type CV_8UC"},
