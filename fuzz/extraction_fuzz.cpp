@@ -3,9 +3,9 @@
 // Every way from an image to markers, from a rendered exposure of which a little is spoiled.
 #include <cmath>
 
-#include "MarkerExtractor/extraction/explain.h"
 #include "fuzz_input.h"
 #include "promises.h"
+#include "reasons.h"
 
 namespace kestrune::fuzz {
 namespace {
@@ -18,6 +18,7 @@ struct Call {
     CicrleConfigs configs;
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;  ///< what is in the list before
+    bool explains;                ///< where reasons are asked for
 
     bool run(CircleMarkerExtractor& e, cv::Mat& pixels, std::vector<Corner>& list) const {
         switch (way) {
@@ -32,6 +33,13 @@ struct Call {
             default:
                 return e.CircleExtractSimpleForHand(pixels, list, eye, configs);
         }
+    }
+    std::vector<ExplainedCandidate> explain(CircleMarkerExtractor& e, const cv::Mat& pixels, Drops* drops) const {
+        if (way == kFast) return explainFast(pixels, configs, drops);
+        if (way == kHand) return explainHand(pixels, configs, drops);
+        CicrleConfigs c = configs;
+        if (way != kFrontDoor) c.useComplexExtract = way == kComplex;
+        return explainExtraction(pixels, e, eye, c, drops);
     }
     bool fillsRects() const { return way <= kComplex; }
     bool fillsConics() const {
@@ -64,6 +72,28 @@ void checkLists(const Call& call, const CircleMarkerExtractor& e, const std::vec
     if (call.fillsRects()) require(e.markerRects.size() == corners.size(), "an ellipse for each marker");
 }
 
+/// Asked of an extractor that has taken the path, so that its tables are there, why these were the markers.
+void explain(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e,
+             const std::vector<Corner>& markers, Record& record) {
+    const cv::Mat image = circumstances.imageOf(call.image);
+    Record before, after, plain, dropsToo;
+    before.members(e);
+    std::vector<ExplainedCandidate> candidates;
+    Drops drops;
+    const Outcome outcome = outcomeOf([&] { candidates = call.explain(e, image, &drops); });
+    require(outcome.answered(), "what a path answers it can explain");
+    after.members(e);
+    requireSame(before, after, "an explanation changes no member");
+    requireSame(recordOf(call.image), recordOf(image), "an explanation changes no image");
+    checkCandidates(candidates, markers);
+    checkDrops(drops, call.configs, image.size());
+    addReasons(plain, call.explain(e, image, nullptr));
+    addReasons(dropsToo, candidates);
+    requireSame(plain, dropsToo, "candidates are the same with and without what was dropped");
+    addReasons(record, candidates);
+    addReasons(record, drops);
+}
+
 Record recordOf(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e) {
     cv::Mat image = circumstances.imageOf(call.image);
     std::vector<Corner> corners = call.corners;
@@ -78,37 +108,12 @@ Record recordOf(const Call& call, const Circumstances& circumstances, CircleMark
     require(outcome.end != End::kOutOfRange && outcome.end != End::kNoEigen, "exceptions are those that are told");
     requireSame(recordOf(call.image), recordOf(image), "the image stays as it is");
     if (outcome.answered()) checkLists(call, e, corners, found);
+    if (call.explains && circumstances.isAsked && outcome.answered()) explain(call, circumstances, e, corners, result);
     result.outcome(outcome);
     result.numbers("found", found);
     result.corners("corners", corners);
     result.members(e);
     return result;
-}
-
-void checkExplanation(const Call& call) {
-    CircleMarkerExtractor e = call.extractor, explained = call.extractor;
-    cv::Mat image = call.image.clone();
-    std::vector<Corner> corners;
-    std::vector<ExplainedCandidate> candidates;
-    const Outcome found = outcomeOf([&] { call.run(e, image, corners); });
-    const Outcome told = outcomeOf([&] {
-        if (call.way == kFast) candidates = explainFast(image, call.configs);
-        if (call.way == kHand) candidates = explainHand(image, call.configs);
-        if (call.way == kFrontDoor) candidates = explainExtraction(image, explained, call.eye, call.configs);
-    });
-    // What the path only looks at once it has markers is no reason for an explanation to fail.
-    if (!found.answered() || !told.answered()) return;
-    std::size_t markers = 0;
-    for (const ExplainedCandidate& candidate : candidates) {
-        if (!candidate.gate.empty()) continue;
-        require(candidate.marker >= 0 && static_cast<std::size_t>(candidate.marker) < corners.size(),
-                "an explained marker is one of the list");
-        const Corner& marker = corners[static_cast<std::size_t>(candidate.marker)];
-        require(marker.x == candidate.ellipse.center.x && marker.y == candidate.ellipse.center.y,
-                "an explained marker is where the path finds it");
-        ++markers;
-    }
-    require(markers == corners.size(), "every marker is explained");
 }
 
 /// The way by hand sees stronger edges alone than those of the rendered discs.
@@ -122,7 +127,8 @@ void checkOne(Input& input) {
     const int path = call.way == kComplex ? static_cast<int>(kRims) : input.whole(0, kPathCount - 1);
     const RenderedExposure& from = exposure(input.whole(0, kExposureCount - 1));
     call.eye = input.whole(0, 1);
-    const bool explains = input.flag(), spoilsMembers = input.isOdd(), isListFull = input.isOdd();
+    call.explains = input.flag();
+    const bool spoilsMembers = input.isOdd(), isListFull = input.isOdd();
     call.configs = input.spoiled(goodConfigs(static_cast<Path>(path)), 4);
     if (input.flag()) call.configs.scale = input.whole(1, 3), call.configs.refineAtFullSize = input.flag();
     call.image = input.spoiled(from.image[static_cast<std::size_t>(call.eye)], 5);
@@ -131,12 +137,11 @@ void checkOne(Input& input) {
         cv::merge(std::vector<cv::Mat>(3, call.image), call.image);
     call.extractor = spoilsMembers ? input.spoiled(from.extractor, 2) : from.extractor;
     if (isListFull) call.corners = from.found[kRadial].left;
+    call.explains = call.explains && !isListFull;
 
     requireSameUnderAll(call.extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
         return recordOf(call, circumstances, e);
     });
-    const bool hasExplanation = call.way != kSimple && call.way != kComplex && !isListFull;
-    if (explains && hasExplanation) checkExplanation(call);
 }
 
 }  // namespace

@@ -5,8 +5,10 @@
 #include <cmath>
 
 #include "MarkerExtractor/stereo/conic_match.h"
+#include "MarkerExtractor/stereo/rectified_match.h"
 #include "fuzz_input.h"
 #include "promises.h"
+#include "reasons.h"
 
 namespace kestrune::fuzz {
 namespace {
@@ -23,12 +25,29 @@ struct Call {
     cv::Mat rotation;  ///< handed to the matcher by rows and size
 };
 
+/// The tests that are asked for with the call, argument by argument.
+PairTest pairTestOf(const CicrleConfigs& c, const CircleMarkerExtractor& e) {
+    return {.leftProjection = e.leftProjection,
+            .rightProjection = e.rightProjection,
+            .fromRectified = {},
+            .radii = c.markerRadii,
+            .maxRowDifference = c.maxRowDifference,
+            .minDepth = c.minDepth,
+            .maxDepth = c.maxDepth,
+            .radiusScoreGate = c.radiusScoreGate,
+            .looseSizeGate = c.looseSizeGate,
+            .plainRowGate = c.plainRowGate,
+            .sizeTolerance = c.sizeTolerance,
+            .deviationFactor = c.deviationFactor};
+}
+
 /// What a call fills or changes, with what an earlier one may have left there.
 struct Results {
     std::vector<Corner> left, right;
     Pairs pairs{{7, 7}};
     Points points{{1, 2, 3}}, normals{{4, 5, 6}};
     std::vector<double> radii{8};
+    PairVerdicts verdicts;
 
     Outcome fill(const Call& call, CircleMarkerExtractor& e) {
         const CicrleConfigs& c = call.configs;
@@ -44,6 +63,21 @@ struct Results {
                     c.deviationFactor, c.plainRowGate, c.edgeLengthTolerance, c.edgeAngleTolerance);
             } else {
                 matchConicCorners(left, right, pairs, points, normals, radii, e, c);
+            }
+        });
+    }
+
+    /// The same, and why.
+    Outcome fillAsked(const Call& call, CircleMarkerExtractor& e) {
+        if (call.matcher == kByCentres) return fill(call, e);
+        const CicrleConfigs& c = call.configs;
+        return outcomeOf([&] {
+            if (call.matcher == kByRowsAndSize) {
+                pairs = matchRectifiedCorners(left, right, pairTestOf(c, e), call.rotation,
+                                              {c.edgeLengthTolerance, c.edgeAngleTolerance}, points, &verdicts);
+            } else {
+                ConicMatches found = pairConicCorners(left, right, e, c, &verdicts);
+                pairs = found.pairs, points = found.points, normals = found.normals, radii = found.radii;
             }
         });
     }
@@ -77,6 +111,13 @@ void checkLists(const Call& call, const Results& r) {
     }
 }
 
+/// Whether a matcher comes to look at pairs.
+bool looksAtPairs(const Call& call) {
+    if (call.left.empty() || call.right.empty() || call.matcher == kByCentres) return false;
+    const std::vector<double>& radii = call.configs.markerRadii;
+    return call.matcher == kByConics || std::any_of(radii.begin(), radii.end(), [](double r) { return r > 0; });
+}
+
 /// Numbers of which neither a product of three nor its inverse leaves the range of the type.
 bool isPlain(double value) {
     const double size = std::abs(value);
@@ -96,13 +137,13 @@ bool arePlain(const CircleMarkerExtractor& e) {
     return true;
 }
 
-Record recordOf(const Call& call, CircleMarkerExtractor& e) {
+Record recordOf(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e) {
     Results results;
     results.left = call.left, results.right = call.right;
     Record membersBefore, members, ending;
     const Record before = results.record();
     membersBefore.members(e);
-    const Outcome outcome = results.fill(call, e);
+    const Outcome outcome = circumstances.isAsked ? results.fillAsked(call, e) : results.fill(call, e);
     const Record after = results.record();
     members.members(e);
     ending.outcome(outcome);
@@ -117,6 +158,10 @@ Record recordOf(const Call& call, CircleMarkerExtractor& e) {
     require(outcome.end != End::kOutOfRange && (call.matcher == kByConics || outcome.end != End::kNoEigen),
             "exceptions are those that are told");
     if (outcome.answered()) checkLists(call, results);
+    if (outcome.answered() && circumstances.isAsked && looksAtPairs(call)) {
+        checkVerdicts(results.verdicts, results.pairs, {call.left.size(), call.right.size()});
+        addReasons(ending, results.verdicts);
+    }
     return after + members + ending;
 }
 
@@ -145,7 +190,9 @@ void checkOne(Input& input) {
     call.left = input.spoiled(call.left, 6);
     call.right = input.spoiled(call.right, 6);
 
-    requireSameUnderAll(extractor, [&](const Circumstances&, CircleMarkerExtractor& e) { return recordOf(call, e); });
+    requireSameUnderAll(extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
+        return recordOf(call, circumstances, e);
+    });
 }
 
 }  // namespace

@@ -118,10 +118,19 @@ Record Record::operator+(const Record& other) const {
     return sum;
 }
 
+Record::Parts Record::partsBut(const char* name) const {
+    Parts parts = parts_;
+    std::erase_if(parts, [name](const auto& part) { return std::strcmp(part.first, name) == 0; });
+    return parts;
+}
+
 std::string Record::differenceFrom(const Record& other) const {
-    for (std::size_t k = 0; k < std::max(parts_.size(), other.parts_.size()); ++k) {
-        if (k >= parts_.size()) return other.parts_[k].first;
-        if (k >= other.parts_.size() || parts_[k] != other.parts_[k]) return parts_[k].first;
+    const auto tells = [](const Record& record) { return record.partsBut(kReasons).size() < record.parts_.size(); };
+    const char* const leftOut = tells(*this) && tells(other) ? "" : kReasons;
+    const Parts mine = partsBut(leftOut), theirs = other.partsBut(leftOut);
+    for (std::size_t k = 0; k < std::max(mine.size(), theirs.size()); ++k) {
+        if (k >= mine.size()) return theirs[k].first;
+        if (k >= theirs.size() || mine[k] != theirs[k]) return mine[k].first;
     }
     return {};
 }

@@ -3,6 +3,7 @@
 // The two images of a rendered exposure and the calibration of its rig to points, with a little of it all spoiled.
 #include "fuzz_input.h"
 #include "promises.h"
+#include "reasons.h"
 
 namespace kestrune::fuzz {
 namespace {
@@ -22,13 +23,17 @@ struct Results {
     std::vector<std::pair<Corner, Corner>> pairs;
     std::vector<Point3_<double>> points{{1, 2, 3}};
     Rects leftRects{3}, rightRects{2};
+    ExplainedMatch explained;
 
     Outcome fill(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e, Shared shared) {
         const cv::Mat left = circumstances.imageOf(call.left), right = circumstances.imageOf(call.right);
         Rects& toLeft = shared == kLeft ? e.markerRects : leftRects;
         Rects& toRight = shared == kRight ? e.markerRects : rightRects;
-        const Outcome outcome =
-            outcomeOf([&] { pairs = getStereoMarker3dPoints(left, right, e, points, toLeft, toRight, call.configs); });
+        const Outcome outcome = outcomeOf([&] {
+            pairs = circumstances.isAsked
+                        ? explainStereoMarker3dPoints(left, right, e, points, toLeft, toRight, call.configs, explained)
+                        : getStereoMarker3dPoints(left, right, e, points, toLeft, toRight, call.configs);
+        });
         if (shared == kLeft) leftRects = e.markerRects;
         if (shared == kRight) rightRects = e.markerRects;
         return outcome;
@@ -58,6 +63,16 @@ void checkLists(const Results& results) {
     }
 }
 
+void checkReasons(const Results& results) {
+    const ExplainedMatch& explained = results.explained;
+    require(explained.pairs.size() == results.pairs.size(), "explained are the pairs of the result");
+    if (explained.verdicts.empty()) {
+        require(explained.pairs.empty(), "a pair has a verdict");
+    } else {
+        checkVerdicts(explained.verdicts, explained.pairs, {results.leftRects.size(), results.rightRects.size()});
+    }
+}
+
 Record recordOf(const Call& call, const Circumstances& circumstances, CircleMarkerExtractor& e) {
     const bool hasRadii = call.configs.useComplexExtract || call.configs.useRadialContours;
     Results results;
@@ -74,6 +89,10 @@ Record recordOf(const Call& call, const Circumstances& circumstances, CircleMark
     }
     require(outcome.end != End::kOutOfRange, "exceptions are those that are told");
     if (outcome.answered()) checkLists(results);
+    if (outcome.answered() && circumstances.isAsked) {
+        checkReasons(results);
+        addReasons(ending, results.explained.verdicts);
+    }
     return after + members + ending;
 }
 
