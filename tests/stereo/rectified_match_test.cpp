@@ -233,6 +233,7 @@ TEST(RectifiedMatch, TellsWhatEndedEachPair) {
              for (cv::Point2f& p : e.right[1].contour) p.y += p.y > e.right[1].y ? 1.5f : -1.5f;
          }},
         {depth, 4, 1000, 500, 900, [](E& e) { e.maxDepth = 900; }},
+        {depth, 4, 1000, kNaN, 1500, [](E& e) { e.minDepth = kNaN; }},
         {radius, 4, 5, 6.8, 14.4,
          [](E& e) {
              e.radii = {1, 8, 20};
@@ -256,6 +257,9 @@ TEST(RectifiedMatch, TellsWhatEndedEachPair) {
                                                   : std::abs(got[k] - wanted[k]) < 0.03 * std::abs(wanted[k]))
                 << mine << k << ": " << got[k];
     }
+    E hidden(2);
+    hidden.right[1].contour.clear();
+    EXPECT_NE(judged(hidden, 4).first.find("0-1 0; "), std::string::npos) << judged(hidden, 4).first;
     // Twins of one marker in each eye, without and with a constellation to tell them apart.
     E pair(2), many(40);
     for (E* e : {&pair, &many}) {

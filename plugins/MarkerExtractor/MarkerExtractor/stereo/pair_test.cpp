@@ -202,7 +202,7 @@ std::optional<PairCandidate> testCandidatePair(const MarkerMatchRecord& left, co
     const double depth = samples[kCentre][2];
     if (!(depth > 0.0 && depth > test.minDepth && depth < test.maxDepth)) {
         if (verdict != nullptr)
-            *verdict = {-1, -1, PairGate::depth, depth, std::max(0.0, test.minDepth), test.maxDepth};
+            *verdict = {-1, -1, PairGate::depth, depth, std::max(test.minDepth, 0.0), test.maxDepth};
         return std::nullopt;
     }
     const MarkerSize size = markerSize(samples);

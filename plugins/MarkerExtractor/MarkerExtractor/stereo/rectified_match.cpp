@@ -88,7 +88,8 @@ void findCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<Mar
     }
 }
 
-/// Verdicts of the markers that have no pair in their row band.
+/// Verdicts of the markers that have no pair in their row band. One whose neighbour in row is within the band, but was
+/// not tested, has no pair for the neighbour's outline and not for its row.
 void judgeOutlinesAndRows(const std::vector<MarkerMatchRecord>& leftRecords,
                           const std::vector<MarkerMatchRecord>& rightRecords, double maxRowDifference,
                           PairVerdicts& verdicts) {
@@ -96,7 +97,11 @@ void judgeOutlinesAndRows(const std::vector<MarkerMatchRecord>& leftRecords,
         if (leftRecords[i].samples.empty()) verdicts.push_back({static_cast<int>(i), -1, PairGate::outline});
     for (std::size_t j = 0; j < rightRecords.size(); ++j)
         if (rightRecords[j].samples.empty()) verdicts.push_back({-1, static_cast<int>(j), PairGate::outline});
+    const std::size_t judged = verdicts.size();
     addNearestRows(rowsOf(leftRecords), rowsOf(rightRecords), maxRowDifference, verdicts);
+    for (std::size_t k = judged; k < verdicts.size(); ++k)
+        if (verdicts[k].measured < maxRowDifference)
+            verdicts[k] = {verdicts[k].left, verdicts[k].right, PairGate::outline};
 }
 
 double median(std::vector<double> values) {
