@@ -77,7 +77,7 @@ TEST(HandPath, FindsDiscsAndTheInnerEdgeOfARing) {
         EXPECT_NEAR(ring[0].area, 4 * 12 * 12, 80);
     }
     GateVerdict oval;  // its smaller half axis, 14, is the reach
-    oval.rect = cv::RotatedRect({0, 0}, {48, 28}, 0), oval.candidate.area = 9;
+    oval.rect = cv::RotatedRect({0, 0}, {48, 28}, 0), oval.candidate.area = 9, oval.candidate.x = oval.candidate.y = 0;
     for (const double distance : {13.9, 14.0}) {
         std::vector<Corner> corners = cornersAt({{distance, 0}});
         EXPECT_EQ(admitHandMarker(oval, corners).outcome, distance < 14 ? Admission::kDropped : Admission::kAdded);
