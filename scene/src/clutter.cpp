@@ -104,7 +104,7 @@ std::vector<Patch> makeClutter(const Rig& rig, const std::vector<Disc>& discs, i
         const PinholeCamera& camera = eye == 0 ? rig.left : rig.right;
         const std::vector<KeepOut> circles = keepOuts(camera, discs);
         const double unit = std::max(2.0, 0.01 * std::min(camera.size.width, camera.size.height));
-        cv::RNG rng = randomStream(seed, eye);
+        cv::RNG rng = randomStream(seed, static_cast<std::uint64_t>(eye));
         for (int i = 0; i < count; ++i) {
             const auto& range = i % kDarkEvery == kDarkEvery - 1 ? kDarkGrey : kBrightGrey;
             const double grey = rng.uniform(range[0], range[1]);

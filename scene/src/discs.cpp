@@ -95,7 +95,7 @@ cv::Size gridFor(int count, cv::Size2d area, double pitch) {
 /// Every item or, of more than `count`, that many evenly spread over the list.
 template <class T>
 std::vector<T> evenly(const std::vector<T>& items, int count) {
-    const std::size_t wanted = std::max(count, 0);
+    const auto wanted = static_cast<std::size_t>(std::max(count, 0));
     if (items.size() <= wanted) return items;
     std::vector<T> chosen;
     chosen.reserve(wanted);

@@ -131,7 +131,7 @@ std::vector<cv::Point2d> rimPolygon(const PinholeCamera& camera, const Disc& dis
     // A polygon on the rim is smaller than the disc by step^2 / 6; grown by half of that it has the disc's area.
     const double radius = disc.radius * std::sqrt(step / std::sin(step));
     std::vector<cv::Point2d> rim;
-    rim.reserve(vertices);
+    rim.reserve(static_cast<std::size_t>(vertices));
     for (int i = 0; i < vertices; ++i) {
         const cv::Vec3d p = centre + u * (radius * std::cos(i * step)) + v * (radius * std::sin(i * step));
         const cv::Point2d normalised(p[0] / p[2], p[1] / p[2]);

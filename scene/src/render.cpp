@@ -40,6 +40,7 @@ class Coverage {
 
     const cv::Rect& box() const { return box_; }
     const double* row(int y) const { return &cells_[static_cast<std::size_t>(y) * stride_]; }
+    double* row(int y) { return &cells_[static_cast<std::size_t>(y) * stride_]; }
 
   private:
     bool placeBox(const std::vector<cv::Point2d>& outline, cv::Size image);
@@ -72,7 +73,7 @@ bool Coverage::placeBox(const std::vector<cv::Point2d>& outline, cv::Size image)
 
 bool Coverage::cover(const std::vector<cv::Point2d>& outline, cv::Size image) {
     if (outline.size() < 3 || !placeBox(outline, image)) return false;
-    cells_.assign(stride_ * box_.height, 0.0);
+    cells_.assign(stride_ * static_cast<std::size_t>(box_.height), 0.0);
 
     const cv::Point2d origin(box_.x - 0.5, box_.y - 0.5);
     double twiceArea = 0;
@@ -85,7 +86,7 @@ bool Coverage::cover(const std::vector<cv::Point2d>& outline, cv::Size image) {
     }
     const double orientation = twiceArea > 0 ? -1 : 1;
     for (int y = 0; y < box_.height; ++y) {
-        double* cells = &cells_[y * stride_];
+        double* cells = row(y);
         double sum = 0;
         for (int x = 0; x < box_.width; ++x) {
             sum += cells[x];
@@ -108,7 +109,7 @@ void Coverage::addEdge(cv::Point2d from, cv::Point2d to) {
     double y1 = top, x1 = xAt(top);
     for (int y = static_cast<int>(top); y1 < bottom; ++y) {
         const double y2 = std::min(bottom, y + 1.0), x2 = xAt(y2);
-        addRowPiece(&cells_[y * stride_], x1, x2, direction * (y2 - y1));
+        addRowPiece(row(y), x1, x2, direction * (y2 - y1));
         y1 = y2;
         x1 = x2;
     }
@@ -179,7 +180,7 @@ cv::Mat renderEye(const PinholeCamera& camera, int eye, const std::vector<Disc>&
     for (const Disc& disc : discs)
         if (facesCamera(camera, disc)) paint(image, coverage, rimPolygon(camera, disc, kRimVertices), disc.grey);
     spread(image, options.blurSigma);
-    addNoise(image, options.noiseSigma, randomStream(options.seed, eye));
+    addNoise(image, options.noiseSigma, randomStream(options.seed, static_cast<std::uint64_t>(eye)));
     cv::Mat rounded;
     image.convertTo(rounded, CV_8U);
     return rounded;

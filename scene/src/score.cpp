@@ -18,13 +18,13 @@ std::vector<DetectionMatch> pairsByDistance(const std::vector<MarkerTruth>& trut
                                             const std::vector<cv::Point2d>& detections, bool undistorted,
                                             double maxDistance) {
     std::vector<DetectionMatch> pairs;
-    for (int m = 0; m < static_cast<int>(truth.size()); ++m) {
-        const EllipseTruth& ellipse = truth[m].eye.at(eye);
+    for (std::size_t m = 0; m < truth.size(); ++m) {
+        const EllipseTruth& ellipse = truth[m].eye.at(static_cast<std::size_t>(eye));
         if (!ellipse.visible) continue;
         const cv::Point2d centre = undistorted ? ellipse.centre : ellipse.distortedCentre;
-        for (int d = 0; d < static_cast<int>(detections.size()); ++d) {
+        for (std::size_t d = 0; d < detections.size(); ++d) {
             const double error = std::hypot(detections[d].x - centre.x, detections[d].y - centre.y);
-            if (error <= maxDistance) pairs.push_back({m, d, error});
+            if (error <= maxDistance) pairs.push_back({static_cast<int>(m), static_cast<int>(d), error});
         }
     }
     std::sort(pairs.begin(), pairs.end(), [](const DetectionMatch& a, const DetectionMatch& b) {
@@ -41,8 +41,9 @@ DetectionScore scoreDetections(const std::vector<MarkerTruth>& truth, int eye,
     std::vector<bool> markerTaken(truth.size()), detectionTaken(detections.size());
     double squares = 0;
     for (const DetectionMatch& pair : pairsByDistance(truth, eye, detections, undistorted, maxDistance)) {
-        if (markerTaken[pair.marker] || detectionTaken[pair.detection]) continue;
-        markerTaken[pair.marker] = detectionTaken[pair.detection] = true;
+        const auto marker = static_cast<std::size_t>(pair.marker), detection = static_cast<std::size_t>(pair.detection);
+        if (markerTaken[marker] || detectionTaken[detection]) continue;
+        markerTaken[marker] = detectionTaken[detection] = true;
         score.matches.push_back(pair);
         squares += pair.error * pair.error;
         score.centreMax = std::max(score.centreMax, pair.error);
@@ -50,10 +51,12 @@ DetectionScore scoreDetections(const std::vector<MarkerTruth>& truth, int eye,
     if (!score.matches.empty()) score.centreRms = std::sqrt(squares / static_cast<double>(score.matches.size()));
     std::sort(score.matches.begin(), score.matches.end(),
               [](const DetectionMatch& a, const DetectionMatch& b) { return a.marker < b.marker; });
-    for (int m = 0; m < static_cast<int>(truth.size()); ++m)
-        if (truth[m].eye.at(eye).visible && !markerTaken[m]) score.missed.push_back(m);
-    for (int d = 0; d < static_cast<int>(detections.size()); ++d)
-        if (!detectionTaken[d]) score.falseOnes.push_back(d);
+    for (std::size_t m = 0; m < truth.size(); ++m) {
+        const bool visible = truth[m].eye.at(static_cast<std::size_t>(eye)).visible;
+        if (visible && !markerTaken[m]) score.missed.push_back(static_cast<int>(m));
+    }
+    for (std::size_t d = 0; d < detections.size(); ++d)
+        if (!detectionTaken[d]) score.falseOnes.push_back(static_cast<int>(d));
     return score;
 }
 
