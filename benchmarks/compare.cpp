@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reads a result file of the benchmark program and prints one Markdown table: medians, ratios within this run, quality.
+// Reads a result file of the benchmark program and prints Markdown tables: medians, ratios within this run and quality
+// on one scene, ratios to the floors on all.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -127,17 +128,39 @@ std::optional<Row> rowOf(const Scene& scene, const ResultsByName& results, std::
     return row;
 }
 
-std::vector<Row> tableOf(const Results& results) {
+/// Everything that ran on one scene.
+std::vector<Row> tableOf(const Scene& scene, const ResultsByName& byName) {
     std::vector<Row> table{headings()};
     const auto add = [&table](std::optional<Row> row) {
         if (row) table.push_back(std::move(*row));
     };
-    for (const auto& [scene, byName] : results) {
-        for (const PathName& path : kPathNames) add(rowOf(scene, byName, path.name, path.name, path.floor));
-        for (std::size_t i = 0; i < kRivalNames.size(); ++i)
-            add(rowOf(scene, byName, kRivalNames[i], kRivalTitles[i], ""));
+    for (const PathName& path : kPathNames) add(rowOf(scene, byName, path.name, path.name, path.floor));
+    for (std::size_t i = 0; i < kRivalNames.size(); ++i) add(rowOf(scene, byName, kRivalNames[i], kRivalTitles[i], ""));
+    return table;
+}
+
+/// Time over floor of every path on every scene: a path is a row, a scene a column.
+std::vector<Row> floorTableOf(const Results& results) {
+    std::vector<Row> table{{"time / floor"}};
+    for (const auto& [scene, byName] : results)
+        table.front().push_back(fmt::format("{}x{}, {}", scene.width, scene.height, scene.markers));
+    for (const PathName& path : kPathNames) {
+        Row row{std::string(path.name)};
+        for (const auto& [scene, byName] : results) {
+            const auto found = byName.find(path.name);
+            row.push_back(found == byName.end() ? "-"
+                                                : ratio(found->second, byName, path.floor, &Result::milliseconds));
+        }
+        table.push_back(std::move(row));
     }
     return table;
+}
+
+/// The scene that stands for all: five megapixels with 120 markers or, where that was not run, the middle one.
+Results::const_iterator typicalScene(const Results& results) {
+    const auto typical = results.find({2448, 2048, 120});
+    return typical != results.end() ? typical
+                                    : std::next(results.begin(), static_cast<std::ptrdiff_t>(results.size() / 2));
 }
 
 void print(const std::vector<Row>& table) {
@@ -196,7 +219,12 @@ int run(const char* path) {
     Results results;
     for (const json& entry : document.at("benchmarks")) addRun(entry, results);
     printPreamble(document.at("context"), results);
-    print(tableOf(results));
+    const auto typical = typicalScene(results);
+    print(tableOf(typical->first, typical->second));
+    if (results.size() > 1) {
+        fmt::print("\n");
+        print(floorTableOf(results));
+    }
     return 0;
 }
 
