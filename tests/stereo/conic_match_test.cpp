@@ -169,8 +169,10 @@ TEST(MatchConicCorners, TellsWhatEndedEachPair) {
     for (const auto& [l, r, configs, expected] : cases) {
         std::vector<Corner> leftCorners = l, rightCorners = r;
         PairVerdicts verdicts;
-        const ConicMatches found = pairConicCorners(leftCorners, rightCorners, e, configs, &verdicts);
-        EXPECT_EQ(found.pairs, Matched(l, r, e, configs).pairs);
+        Pairs found;
+        for (const DiscMatch& m : matchDiscs(leftCorners, rightCorners, e, false, conicMatchSettings(configs), &verdicts))
+            found.emplace_back(m.left, m.right);
+        EXPECT_EQ(found, Matched(l, r, e, configs).pairs);
         ASSERT_EQ(verdicts.size(), expected.size());
         for (std::size_t k = 0; k < expected.size(); ++k) {
             const PairVerdict& v = verdicts[k];

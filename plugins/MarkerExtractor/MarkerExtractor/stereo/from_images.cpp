@@ -6,6 +6,7 @@
 #include "MarkerExtractor/extraction/front_ends.h"
 #include "MarkerExtractor/stereo/conic_match.h"
 #include "MarkerExtractor/stereo/rectified_match.h"
+#include "MarkerExtractor/stereo/space_points.h"
 #include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
 
@@ -142,8 +143,14 @@ Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& 
 
 Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs,
                    ExplainedMatch* explained) {
-    auto [pairs, corePoints, normals, radii] =
-        pairConicCorners(exposure.left, exposure.right, e, configs, verdictsOf(explained));
+    const std::vector<DiscMatch> matches = matchDiscs(exposure.left, exposure.right, e, configs.cornersRectified,
+                                                      conicMatchSettings(configs), verdictsOf(explained));
+    Pairs pairs;
+    Points corePoints;
+    for (const DiscMatch& match : matches) {
+        pairs.emplace_back(match.left, match.right);
+        corePoints.push_back(recordOf(match.point));
+    }
     if (explained != nullptr) explained->pairs = pairs;
     const Points cornerPoints = corePoints;  // the corners' positions never follow the change of frame
     if (!configs.cornersRectified && configs.outputRectified) transformInPlace(corePoints, e.leftRectification);
@@ -155,8 +162,8 @@ Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points,
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         for (Corner* corner : {&exposure.left[static_cast<std::size_t>(pairs[k].first)],
                                &exposure.right[static_cast<std::size_t>(pairs[k].second)]}) {
-            corner->normal = {normals[k].x, normals[k].y, normals[k].z};
-            corner->markerRadius = radii[k];
+            corner->normal = eigenOf(matches[k].normal);
+            corner->markerRadius = matches[k].radius;
         }
         appendPair(exposure, pairs, k, cornerPoints[k], result);
     }

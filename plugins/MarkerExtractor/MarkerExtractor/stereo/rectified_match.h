@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/constellation.h"
+#include "MarkerExtractor/stereo/match_settings.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
 #include "kestrune/MarkerExtractor/calibration_records.h"
 #include "kestrune/MarkerExtractor/records.h"
@@ -96,12 +97,6 @@ void trimCandidates(std::vector<MarkerMatchRecord>& leftRecords, std::vector<Mar
 std::vector<std::pair<int, int>> uniquePairs(const std::vector<MarkerMatchRecord>& leftRecords,
                                              const std::vector<MarkerMatchRecord>& rightRecords,
                                              std::vector<Point3_<double>>& points);
-
-/// Tolerances of the search for the constellation.
-struct EdgeTolerances {
-    double length;  ///< ratio
-    double angle;   ///< rad
-};
 
 /// `getStereoRectifiedMarker3dPoints`; what became of each pair goes to `verdicts`, where one is given.
 ///
