@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <numbers>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/ximgproc.hpp>
 #include <stdexcept>
@@ -17,8 +18,6 @@
 
 namespace kestrune::bench {
 namespace {
-
-constexpr double kPi = 3.14159265358979323846;
 
 // The path's bounds of a blob and of its window; a run of the path is compared before anything is measured.
 constexpr int kPixelsPerDiameter = 4;
@@ -37,6 +36,7 @@ struct Window {
 struct Buffers {
     cv::Mat reduced, binary, labels, stats, centroids;
     cv::Mat blur16U;  ///< full size, like that of the path
+    cv::Mat smooth;   ///< of a window and what its smoothing reaches
     cv::Mat thin;
     std::vector<int> boxWidths;
     std::vector<Window> windows;
@@ -56,21 +56,27 @@ void searchBlobs(const cv::Mat& image, const CicrleConfigs& settings, Buffers& b
     cv::connectedComponentsWithStats(b.binary, b.labels, b.stats, b.centroids, 8, CV_32S);
 }
 
-void smooth(const cv::Mat& source, const std::vector<int>& boxWidths, cv::Mat& target) {
-    source.convertTo(target, CV_16U, 256.0);
-    for (const int width : boxWidths)
-        cv::boxFilter(target, target, CV_16U, cv::Size(width, width), cv::Point(-1, -1), true, cv::BORDER_REPLICATE);
+/// A window without the pixels around it, which OpenCV's filters would look at.
+cv::Mat detached(const cv::Mat& image, const cv::Rect& rect) {
+    const cv::Mat window = image(rect);
+    return {window.rows, window.cols, window.type(), window.data, window.step};
+}
+
+/// The window, smoothed together with the pixels that the boxes reach; beyond the image its border is repeated.
+void smooth(const cv::Mat& image, const cv::Rect& rect, Buffers& b) {
+    int reach = 0;
+    for (const int width : b.boxWidths) reach += width / 2;
+    const cv::Rect grown = cv::Rect(rect.x - reach, rect.y - reach, rect.width + 2 * reach, rect.height + 2 * reach) &
+                           cv::Rect({}, image.size());
+    detached(image, grown).convertTo(b.smooth, CV_16U, 256.0);
+    for (const int width : b.boxWidths)
+        cv::boxFilter(b.smooth, b.smooth, CV_16U, cv::Size(width, width), {-1, -1}, true, cv::BORDER_REPLICATE);
+    b.smooth(rect - grown.tl()).copyTo(b.blur16U(rect));
 }
 
 void traceEdges(const cv::Mat& edges, Buffers& b) {
     cv::ximgproc::thinning(edges, b.thin, cv::ximgproc::THINNING_ZHANGSUEN);
     cv::findContours(b.thin, b.contours, b.hierarchy, cv::RETR_TREE, cv::CHAIN_APPROX_NONE);
-}
-
-/// A window without the pixels around it, which OpenCV's filters would look at.
-cv::Mat detached(const cv::Mat& image, const cv::Rect& rect) {
-    const cv::Mat window = image(rect);
-    return {window.rows, window.cols, window.type(), window.data, window.step};
 }
 
 /// Widths of three boxes, the odd ones around the ideal width, whose variances add up to sigma^2.
@@ -89,7 +95,8 @@ bool mayBeMarker(int width, int height, int area, const CicrleConfigs& settings)
     const auto [shorter, longer] = std::minmax(width, height);
     return area >= kPixelsPerDiameter * least && area <= kPixelsPerDiameter * largest && shorter >= least &&
            longer <= largest && static_cast<float>(shorter) / longer >= settings.minAxisRatio &&
-           area >= kLeastPerimeterShare * 2 * (width + height) && area >= kLeastFill * kPi * width * height / 4;
+           area >= kLeastPerimeterShare * 2 * (width + height) &&
+           area >= kLeastFill * std::numbers::pi * width * height / 4;
 }
 
 /// Weak edges stay where they hang together with a strong one.
@@ -109,8 +116,8 @@ cv::Mat linkedEdges(const cv::Mat& mask) {
 /// result.
 Window makeWindow(const cv::Mat& image, const cv::Rect& rect, const CicrleConfigs& settings, Buffers& b,
                   cv::Mat thinned) {
-    cv::Mat blurred = detached(b.blur16U, rect);
-    smooth(image(rect), b.boxWidths, blurred);
+    smooth(image, rect, b);
+    const cv::Mat blurred = detached(b.blur16U, rect);
     cv::Mat grad, dx, dy, mask = cv::Mat::zeros(rect.size(), CV_8UC1);
     std::vector<int> strong, weak;
     float least = 0, largest = 0;
@@ -166,8 +173,7 @@ Job complexFloor(const BenchScene& scene, int scale) {
         Buffers& b = *buffers;
         searchBlobs(image, settings, b);
         for (const Window& window : b.windows) {
-            cv::Mat target = detached(b.blur16U, window.rect);
-            smooth(image(window.rect), b.boxWidths, target);
+            smooth(image, window.rect, b);
             if (!window.edges.empty()) traceEdges(window.edges, b);
         }
     }};

@@ -4,6 +4,7 @@
 // levels between ground and disc.
 #include <algorithm>
 #include <memory>
+#include <numbers>
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/ximgproc/edge_drawing.hpp>
@@ -13,16 +14,14 @@
 namespace kestrune::bench {
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
 // Slack of the bounds: a tilted disc has less area than its larger half axis says, and a detector that measures on the
 // pixel grid is off by about a pixel.
 constexpr double kRadiusSlackPx = 1;
 constexpr double kLeastAreaShare = 0.6;
 constexpr double kMinRadius = kMinRadiusPx - kRadiusSlackPx;
 constexpr double kMaxRadius = kMaxRadiusPx + kRadiusSlackPx;
-constexpr double kMinArea = kLeastAreaShare * kPi * kMinRadiusPx * kMinRadiusPx;
-constexpr double kMaxArea = kPi * kMaxRadius * kMaxRadius;
+constexpr double kMinArea = kLeastAreaShare * std::numbers::pi * kMinRadiusPx * kMinRadiusPx;
+constexpr double kMaxArea = std::numbers::pi * kMaxRadius * kMaxRadius;
 
 // Shape bounds, wide enough for the smallest discs on the pixel grid.
 constexpr double kLeastCircularity = 0.7;
@@ -126,7 +125,7 @@ Job fitRival(const BenchScene& scene) {
                     const double area = cv::contourArea(contour);
                     if (area < kMinArea || area > kMaxArea) continue;
                     const double perimeter = cv::arcLength(contour, true);
-                    if (4 * kPi * area < kLeastCircularity * perimeter * perimeter) continue;
+                    if (4 * std::numbers::pi * area < kLeastCircularity * perimeter * perimeter) continue;
                     const cv::RotatedRect ellipse = cv::fitEllipse(contour);
                     const auto [shorter, longer] = std::minmax({ellipse.size.width, ellipse.size.height});
                     if (shorter >= kLeastAxisRatio * longer) s.centres.emplace_back(ellipse.center);

@@ -18,6 +18,17 @@ if(UNIX AND NOT APPLE)
     set(kestrune_hardening_links -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 
+# kestrune_precompile(name): the headers that most files of a large target read, read once. Only where it is asked for: a
+# build without it sees whether each file includes what it uses.
+option(KESTRUNE_PRECOMPILE "Precompile the headers of the dependencies" OFF)
+function(kestrune_precompile name)
+    if(KESTRUNE_PRECOMPILE)
+        target_precompile_headers(${name} PRIVATE
+            <algorithm> <array> <cmath> <functional> <memory> <numbers> <optional> <ranges> <string> <vector>
+            <Eigen/Dense> <opencv2/calib3d.hpp> <opencv2/core.hpp> <opencv2/imgproc.hpp> ${ARGN})
+    endif()
+endfunction()
+
 # kestrune_target(name): C++20, warnings, sanitizer, and floating point that does not depend on the compiler's mood: no
 # fused multiply-add may be formed behind our back, or two machines would disagree in the last bit. Assertions of OpenCV
 # carry the name of their file: it starts in this tree, so that what is installed does not tell where it was built.

@@ -17,7 +17,7 @@ folders=("$library/MarkerExtractor/stereo" "$library/MarkerExtractor/camera" "$l
 export ASAN_OPTIONS=detect_leaks=0
 
 build() {
-    scripts/setup.sh tsan  # for its compiler
+    scripts/setup.sh clang
     cmake --preset "$1" --log-level=WARNING
     cmake --build --preset "$1" --parallel "$(nproc)"
 }

@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # Checks the layout (clang-format), the scripts (shellcheck) and the code (clang-tidy), and changes nothing.
-# usage: scripts/lint.sh [REGEX...]    clang-tidy only on source files whose path matches
+# usage: scripts/lint.sh               everything
+#        scripts/lint.sh --product     clang-tidy leaves out tests, benchmarks and fuzzers
+#        scripts/lint.sh REGEX...      clang-tidy only on source files whose path matches
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folders=(geometry plugins scene apps examples tests benchmarks fuzz)
@@ -13,6 +15,7 @@ find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang
 shellcheck scripts/*.sh .ci/run benchmarks/compare tests/packaging/*.sh || clean=1
 
 cmake --preset release --log-level=WARNING
+if [[ ${1:-} == --product ]]; then folders=(geometry plugins scene apps examples) && shift; fi
 if (( $# == 0 )); then set -- "^$PWD/($(IFS='|'; echo "${folders[*]}"))/"; fi
 run-clang-tidy -quiet -p build/release -j "$(nproc)" "$@" || clean=1
 exit "$clean"

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Installs the packages of Debian 12 or 13 that are missing. Without arguments: what the library, the program, the
-# tests, the benchmarks, the packages and the reference need. `tsan` adds the compiler of the tsan preset, `lint` what
-# scripts/lint.sh needs.
-# Works as root, or through sudo; does nothing where everything is there.
+# Tells which packages of Debian 12 or 13 are missing and installs them. Without arguments: what the library, the program,
+# the tests, the benchmarks, the packages and the reference need. `clang` adds the compiler of the sanitizers and fuzzers,
+# `lint` what scripts/lint.sh needs.
+# Works as root, or through sudo; does nothing where everything is there. KESTRUNE_SETUP=never only tells.
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
@@ -14,9 +14,9 @@ clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresse
 
 for extra in "$@"; do
     case $extra in
-        tsan) packages+=("${clang[@]}") ;;
+        clang) packages+=("${clang[@]}") ;;
         lint) packages+=("${clang[@]}" clang-format clang-tidy shellcheck) ;;
-        *) echo "usage: scripts/setup.sh [tsan] [lint]" >&2; exit 2 ;;
+        *) echo "usage: scripts/setup.sh [clang] [lint]" >&2; exit 2 ;;
     esac
 done
 
@@ -27,12 +27,14 @@ for package in "${packages[@]}"; do
 done
 (( ${#missing[@]} )) || exit 0
 
+echo "Missing packages: ${missing[*]}"
+if [[ ${KESTRUNE_SETUP:-} == never ]]; then exit 1; fi
 as_root=()
 if (( EUID != 0 )); then
     command -v sudo >/dev/null || { echo "Not root and no sudo here. As root: apt-get install ${missing[*]}" >&2; exit 1; }
     as_root=(sudo)
 fi
-echo "Installing ${missing[*]}"
+echo "Installing them with apt-get; KESTRUNE_SETUP=never stops here instead"
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     -o Dpkg::Use-Pty=0 "${missing[@]}" >/dev/null

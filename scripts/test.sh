@@ -7,8 +7,8 @@ cd "$(dirname "$0")/.."
 preset=${1:-release}
 
 case $preset in
-    release | debian | debug | asan) scripts/setup.sh ;;
-    tsan) scripts/setup.sh tsan ;;
+    release | debian | debug) scripts/setup.sh ;;
+    asan | tsan) scripts/setup.sh clang ;;
     *) echo "usage: scripts/test.sh [release|debian|debug|asan|tsan]" >&2; exit 2 ;;
 esac
 
