@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <numeric>
 #include <optional>
 #include <set>
@@ -34,10 +35,12 @@ std::vector<ExposureNames> nameExposures(const StereoOptions& options) {
     }
     std::vector<ExposureNames> names;
     std::set<std::string> used;
+    std::map<std::string, int> lastNumber;  // of the names made after one stem
     for (std::size_t k = 0; k < options.left.size(); ++k) {
         const std::string stem = fs::path(options.left[k]).stem().string();
         std::string name = stem;
-        for (int n = 2; !used.insert(name).second; ++n) name = fmt::format("{}-{}", stem, n);
+        for (int& n = lastNumber.try_emplace(stem, 1).first->second; !used.insert(name).second;)
+            name = fmt::format("{}-{}", stem, ++n);
         names.push_back({name, options.left[k], options.right[k]});
     }
     return names;
@@ -157,6 +160,33 @@ std::string summaryOf(const StereoResult& result) {
                        rms.eye[1]);
 }
 
+/// Tells of each exposure and writes it, in their order.
+struct Delivery {
+    const std::vector<ExposureNames>& names;
+    StereoOutput& output;
+    Progress& progress;
+    std::size_t done = 0, read = 0, failed = 0;
+
+    /// @throws OutputError
+    void take(std::size_t index, const Measured& measured) {
+        const ExposureNames& exposure = names[index];
+        const StereoResult& result = measured.result;
+        ++done;
+        read += measured.unreadable ? 0 : 1;
+        progress.clear();
+        if (result.failure.empty())
+            say(fmt::format("{}: {}\n", exposure.name, summaryOf(result)));
+        else
+            complain(fmt::format("{} ({}, {}): {}{}", exposure.name, exposure.left, exposure.right, result.failure,
+                                 result.found[0] + result.found[1] > 0 ? "; " + summaryOf(result) : ""));
+        if (!result.doubt.empty()) complain(fmt::format("{}: {}", exposure.name, result.doubt));
+        if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
+        if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
+        output.add(exposure, result);
+        if (measured.lost) throw OutputError(*measured.lost);
+    }
+};
+
 std::size_t workerCount(int jobs) {
     return jobs > 0 ? static_cast<std::size_t>(jobs) : std::max(1U, std::thread::hardware_concurrency());
 }
@@ -180,31 +210,15 @@ int runStereo(const StereoOptions& options) {
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());
     std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));
     Progress progress(names.size());
-    std::size_t done = 0, read = 0, failed = 0;
+    Delivery delivery{names, output, progress};
     const auto work = [&](std::size_t index, std::size_t worker) {
         // One thread an exposure; the parallel loops of the matching would only get in each other's way.
         if (workers > 1) omp_set_num_threads(1);
         return run.measure(names[index], index, extractors[worker]);
     };
-    const auto deliver = [&](std::size_t index, const Measured& measured) {
-        const ExposureNames& exposure = names[index];
-        const StereoResult& result = measured.result;
-        ++done;
-        read += measured.unreadable ? 0 : 1;
-        progress.clear();
-        if (result.failure.empty())
-            say(fmt::format("{}: {}\n", exposure.name, summaryOf(result)));
-        else
-            complain(fmt::format("{} ({}, {}): {}{}", exposure.name, exposure.left, exposure.right, result.failure,
-                                 result.found[0] + result.found[1] > 0 ? "; " + summaryOf(result) : ""));
-        if (!result.doubt.empty()) complain(fmt::format("{}: {}", exposure.name, result.doubt));
-        if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
-        if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
-        output.add(exposure, result);
-        if (measured.lost) throw OutputError(*measured.lost);
-    };
     std::set<std::string> lost;  // why outputs could not be written
     try {
+        const auto deliver = [&](std::size_t index, const Measured& measured) { delivery.take(index, measured); };
         inOrder<Measured>(names.size(), workers, watch.asked(), work, deliver, [&](std::size_t finished) {
             progress.show(finished, names[std::min(finished, names.size() - 1)].name);
         });
@@ -213,16 +227,17 @@ int runStereo(const StereoOptions& options) {
     }
     progress.clear();
 
-    const std::string held =
-        done < names.size() || !lost.empty() ? fmt::format("{} of {} exposures", done, names.size()) : "";
-    if (read > 0)
+    const std::string held = delivery.done < names.size() || !lost.empty()
+                                 ? fmt::format("{} of {} exposures", delivery.done, names.size())
+                                 : "";
+    if (delivery.read > 0)
         lost.merge(output.close(held));
     else if (!(options.csv + options.ply + options.json).empty())
         complain("no table is written, since no exposure was read");
     for (const std::string& reason : lost) complain(reason);
-    if (failed > 0) complain(fmt::format("{} of {} exposures failed", failed, names.size()));
-    return watch.exitCode(failed == 0 && lost.empty() ? kSuccess : kPartlyFailed,
-                          fmt::format("{} of {} exposures are done", done, names.size()));
+    if (delivery.failed > 0) complain(fmt::format("{} of {} exposures failed", delivery.failed, names.size()));
+    return watch.exitCode(delivery.failed == 0 && lost.empty() ? kSuccess : kPartlyFailed,
+                          fmt::format("{} of {} exposures are done", delivery.done, names.size()));
 }
 
 }  // namespace kestrune::host

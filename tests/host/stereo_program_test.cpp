@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include "ordered_pool.h"
 #include "stereo_exposure.h"
 #include "support/program.h"
 
@@ -162,6 +163,23 @@ TEST(HostStereo, ResidualsAreThoseOfTheFrame) {
             EXPECT_NEAR(some.row, 6, corners ? 1e-8 : 0.3);
         }
     }
+}
+
+/// All in order, and few at a time however long the first takes, which waits until no other is begun any more.
+TEST(HostPool, DeliversInOrderWhatItCanHold) {
+    std::atomic<bool> stop = false;
+    std::atomic<std::size_t> begun = 0, held = 0;
+    std::vector<std::size_t> order;
+    const auto work = [&](std::size_t index, std::size_t) {
+        ++begun;
+        for (std::size_t last = 0; index == 0 && last != begun; std::this_thread::sleep_for(std::chrono::milliseconds(200))) last = begun;
+        if (index == 0) held = begun.load();
+        return index;
+    };
+    const auto deliver = [&](std::size_t index, std::size_t result) { order.push_back(index == result ? index : 0); };
+    EXPECT_EQ(inOrder<std::size_t>(500, 3, stop, work, deliver, [](std::size_t) {}), 500u);
+    EXPECT_LE(held, 12u);
+    EXPECT_TRUE(order.size() == 500 && std::ranges::is_sorted(order) && order[1] == 1);
 }
 
 TEST(HostStereo, DoubtsPairsThatAreOffTheirRows) {
