@@ -34,6 +34,11 @@ TEST(Rims, LikeEllipsesOfOnePolarityBecomeTheBetterFit) {
             contours.push_back({cv::Point(static_cast<int>(contours.size()), 0)});
         }
         mergeSimilarEllipses(ellipses, contours, merged, mergedContours, 0.3, 0.3);
+        std::vector<const PolarEllipse*> pointers;
+        for (const PolarEllipse& ellipse : ellipses) pointers.push_back(&ellipse);
+        const Merging merging = mergeAlike(pointers, 0.3, 0.3);
+        EXPECT_EQ(merging.kept, kept) << what;
+        for (std::size_t k = 0; k < given.size(); ++k) EXPECT_EQ(merging.into[k], kept.size() == 1 ? kept[0] : k) << what;
         for (const std::size_t k : kept) expectedContours.push_back(contours[k]);
         EXPECT_EQ(mergedContours, expectedContours) << what;
         ASSERT_EQ(merged.size(), kept.size()) << what;

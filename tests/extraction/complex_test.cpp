@@ -3,9 +3,9 @@
 #include <regex>
 #include <set>
 
+#include "MarkerExtractor/extraction/complex.h"
 #include "MarkerExtractor/extraction/explain.h"
-#include "MarkerExtractor/extraction/front_ends.h"
-#include "MarkerExtractor/extraction/rim_gates.h"
+#include "MarkerExtractor/extraction/rim_markers.h"
 #include "support/calls.h"
 #include "support/configs.h"
 
@@ -98,33 +98,33 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
         return contour;
     };
     // Contour, images, the setting that is changed.
-    const std::tuple<const char*, std::vector<cv::Point>, RimImages, float C::*, float, RimGate> cases[] = {
-        {"bright", circle, bright, nullptr, 0, RimGate::kNone},
-        {"out and back", twice, bright, nullptr, 0, RimGate::kNone},
-        {"four points", four, bright, nullptr, 0, RimGate::kLength},
-        {"90 points for a diameter of 41: 90.2 at least", circle, bright, &C::minDiameter, 41, RimGate::kLength},
-        {"90 for 40.9, but the ellipse is smaller", circle, bright, &C::minDiameter, 40.9f, RimGate::kSize},
-        {"90 for a diameter of 20.4 at most: 89.7", circle, bright, &C::maxDiameter, 20.4f, RimGate::kLength},
-        {"90 for 29", circle, bright, &C::maxDiameter, 29, RimGate::kSize},
-        {"no least diameter", circle, bright, &C::minDiameter, 0, RimGate::kNone},
-        {"at the border", shifted, bright, nullptr, 0, RimGate::kPlace},
-        {"not round enough", circle, bright, &C::minAxisRatio, 1, RimGate::kAxisRatio},
-        {"crumpled", crumpled, bright, &C::maxFitResidual, 0.02f, RimGate::kResidual},
-        {"no gradient", circle, discImages(0.0), nullptr, 0, RimGate::kGradient},
-        {"105 on the rim and 110 inside: 0.9545", circle, discImages(10), nullptr, 0, RimGate::kContrast},
-        {"106.25 and 112.5: 0.9444", circle, discImages(12.5), nullptr, 0, RimGate::kNone},
-        {"91 inside and 95.5 on the rim: 0.9529", circle, discImages(-9), nullptr, 0, RimGate::kContrast},
-        {"89 and 94.5: 0.9418", circle, discImages(-11), nullptr, 0, RimGate::kNone},
-        {"the gradient names the wrong side", circle, lying, nullptr, 0, RimGate::kContrast},
-        {"a hull of 0.757 ellipses", shortArc, bright, nullptr, 0, RimGate::kHull},
-        {"of 0.852", longArc, bright, nullptr, 0, RimGate::kNone},
-        {"of 1.20", spiked(21), bright, nullptr, 0, RimGate::kNone},
-        {"of 1.31", spiked(22), bright, nullptr, 0, RimGate::kHull}};
+    const std::tuple<const char*, std::vector<cv::Point>, RimImages, float C::*, float, Gate> cases[] = {
+        {"bright", circle, bright, nullptr, 0, Gate::kNone},
+        {"out and back", twice, bright, nullptr, 0, Gate::kNone},
+        {"four points", four, bright, nullptr, 0, Gate::kLength},
+        {"90 points for a diameter of 41: 90.2 at least", circle, bright, &C::minDiameter, 41, Gate::kLength},
+        {"90 for 40.9, but the ellipse is smaller", circle, bright, &C::minDiameter, 40.9f, Gate::kSize},
+        {"90 for a diameter of 20.4 at most: 89.7", circle, bright, &C::maxDiameter, 20.4f, Gate::kLength},
+        {"90 for 29", circle, bright, &C::maxDiameter, 29, Gate::kSize},
+        {"no least diameter", circle, bright, &C::minDiameter, 0, Gate::kNone},
+        {"at the border", shifted, bright, nullptr, 0, Gate::kPlace},
+        {"not round enough", circle, bright, &C::minAxisRatio, 1, Gate::kAxisRatio},
+        {"crumpled", crumpled, bright, &C::maxFitResidual, 0.02f, Gate::kResidual},
+        {"no gradient", circle, discImages(0.0), nullptr, 0, Gate::kGradient},
+        {"105 on the rim and 110 inside: 0.9545", circle, discImages(10), nullptr, 0, Gate::kContrast},
+        {"106.25 and 112.5: 0.9444", circle, discImages(12.5), nullptr, 0, Gate::kNone},
+        {"91 inside and 95.5 on the rim: 0.9529", circle, discImages(-9), nullptr, 0, Gate::kContrast},
+        {"89 and 94.5: 0.9418", circle, discImages(-11), nullptr, 0, Gate::kNone},
+        {"the gradient names the wrong side", circle, lying, nullptr, 0, Gate::kContrast},
+        {"a hull of 0.757 ellipses", shortArc, bright, nullptr, 0, Gate::kHull},
+        {"of 0.852", longArc, bright, nullptr, 0, Gate::kNone},
+        {"of 1.20", spiked(21), bright, nullptr, 0, Gate::kNone},
+        {"of 1.31", spiked(22), bright, nullptr, 0, Gate::kHull}};
     for (const auto& [what, contour, images, setting, value, gate] : cases) {
         CicrleConfigs configs = rimConfigs();
         if (setting != nullptr) configs.*setting = value;
         RimScratch scratch;
-        const RimVerdict verdict = judgeRim(contour, images, configs, scratch);
+        const RimVerdict verdict = judgeRim(contour, images, RimGates(configs), scratch);
         EXPECT_EQ(verdict.refusedBy, gate) << what << ' ' << verdict.measured;
         if (!verdict.accepted()) continue;
         EXPECT_EQ(verdict.ellipse.brightInside, images.blur16U.at<std::uint16_t>(40, 45) > images.blur16U.at<std::uint16_t>(0, 0)) << what;
@@ -140,24 +140,25 @@ TEST(ComplexPath, TheSecondStageMeasuresAndHoldsTheAreaToFourTimesTheSquare) {
     notFinite.grad.at<float>(40, 60) = std::numeric_limits<float>::quiet_NaN();
     const auto circle = circlePixels(15);
     const std::vector<cv::Point> fourInside = {{1, 30}, {30, 25}, {60, 40}, {45, 25}, {30, 40}, {40, 79}}, noneInside = {{1, 30}, {0, 30}, {45, 1}};
-    const std::tuple<const char*, std::vector<cv::Point>, const RimImages&, float C::*, float, RimGate> cases[] = {
-        {"as it is", circle, images, nullptr, 0, RimGate::kNone},
-        {"axes of 30: four times 14.9 squared", circle, images, &C::minDiameter, 14.9f, RimGate::kNone},
-        {"not 15.1", circle, images, &C::minDiameter, 15.1f, RimGate::kFinalSize},
-        {"no least diameter", circle, images, &C::minDiameter, 0, RimGate::kNone},
-        {"not round enough", circle, images, &C::minAxisRatio, 1, RimGate::kFinalAxisRatio},
-        {"residual", circle, images, &C::maxFitResidual, 1e-6f, RimGate::kFinalResidual},
-        {"no bound of the residual", circle, images, &C::maxFitResidual, NAN, RimGate::kFinalResidual},
-        {"four points are left", fourInside, images, nullptr, 0, RimGate::kPoints},
-        {"none is left", noneInside, images, nullptr, 0, RimGate::kPoints},
-        {"a gradient that is not finite", circle, notFinite, nullptr, 0, RimGate::kPoints}};
+    const std::tuple<const char*, std::vector<cv::Point>, const RimImages&, float C::*, float, Gate> cases[] = {
+        {"as it is", circle, images, nullptr, 0, Gate::kNone},
+        {"axes of 30: four times 14.9 squared", circle, images, &C::minDiameter, 14.9f, Gate::kNone},
+        {"not 15.1", circle, images, &C::minDiameter, 15.1f, Gate::kFinalSize},
+        {"no least diameter", circle, images, &C::minDiameter, 0, Gate::kNone},
+        {"not round enough", circle, images, &C::minAxisRatio, 1, Gate::kFinalAxisRatio},
+        {"residual", circle, images, &C::maxFitResidual, 1e-6f, Gate::kFinalResidual},
+        {"no bound of the residual", circle, images, &C::maxFitResidual, NAN, Gate::kFinalResidual},
+        {"four points are left", fourInside, images, nullptr, 0, Gate::kPoints},
+        {"none is left", noneInside, images, nullptr, 0, Gate::kPoints},
+        {"a gradient that is not finite", circle, notFinite, nullptr, 0, Gate::kPoints}};
     for (const auto& [what, points, given, setting, value, gate] : cases) {
         CicrleConfigs configs = rimConfigs();
         if (setting != nullptr) configs.*setting = value;
-        configs.skipUndistort = points != noneInside;  // without points the lens is not looked at
-        const MarkerVerdict verdict = measureRim(points, given, configs, {});
+        // Without points the lens is not looked at.
+        const auto lens = points == noneInside ? std::optional<LensModel>(std::in_place) : std::nullopt;
+        const MarkerVerdict verdict = measureRim(points, given, RimGates(configs), lens);
         EXPECT_EQ(verdict.refusedBy, gate) << what << ' ' << verdict.measured;
-        EXPECT_TRUE(gate != RimGate::kFinalResidual || verdict.marker.fitText == std::string("fit_residual:0.01"));
+        EXPECT_TRUE(gate != Gate::kFinalResidual || verdict.marker.fitText == std::string("fit_residual:0.01"));
         if (!verdict.accepted()) continue;
         EXPECT_LT(std::hypot(verdict.marker.x - 45, verdict.marker.y - 40), 0.01) << what;
         EXPECT_NEAR(verdict.marker.ellipse.size.width, 30, 0.1) << what;
@@ -168,14 +169,15 @@ TEST(ComplexPath, TheLastFitDoesNotSeeTheOrderOfThePoints) {
     const RimImages images = discImages(60, 25);
     std::vector<cv::Point> points = circlePixels(25, 160), byRows = points;
     std::ranges::sort(byRows, {}, [](cv::Point p) { return std::pair(p.y, p.x); });
-    const Corner expected = measureRim(points, images, rimConfigs(), {}).marker, actual = measureRim(byRows, images, rimConfigs(), {}).marker;
+    const Corner expected = measureRim(points, images, RimGates(rimConfigs()), {}).marker,
+                 actual = measureRim(byRows, images, RimGates(rimConfigs()), {}).marker;
     EXPECT_TRUE(same(actual.ellipse, expected.ellipse));
     EXPECT_EQ(actual.contour, refineContourOnGradient(byRows, images.grad.ptr<float>(), 80, 90));
 }
 
 TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesTheBetterFit) {
     using Rim = std::tuple<float, float, double, bool>;  // x, radius, residual, bright
-    const std::tuple<const char*, std::vector<Rim>, std::vector<int>> cases[] = {
+    const std::tuple<const char*, std::vector<Rim>, std::vector<std::size_t>> cases[] = {
         {"apart", {{50, 10, 1, true}, {90, 10, 2, true}}, {0, 1}},
         {"the outer one comes second", {{50, 10, 2, true}, {50, 20, 1, true}}, {0}},
         {"the inner one comes second: the residual decides", {{50, 20, 1, true}, {50, 10, 2, true}}, {0}},
@@ -189,7 +191,7 @@ TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesThe
         {"from the last on: the last stands against it after one has gone", {{50, 10, 1, true}, {62, 10, 3, true}, {56, 9, 2, true}}, {0}}};
     for (int run = 0; run < 4 * static_cast<int>(std::size(cases)); ++run) {  // each to the right, the left, below and above
         const auto& [what, rims, expected] = cases[run / 4];
-        RimMarkers markers;
+        std::vector<RimMarker> markers;
         for (std::size_t k = 0; k < rims.size(); ++k) {
             const auto [x, radius, residual, bright] = rims[k];
             const float away = run % 2 == 0 ? x - 50 : 50 - x;
@@ -197,18 +199,16 @@ TEST(ComplexPath, OfNestedRimsOfOnePolarityTheInnerStandsAndOfOverlappingOnesThe
             Corner corner;
             corner.ellipse = cv::RotatedRect(run % 4 < 2 ? cv::Point2f(50 + away, 50) : cv::Point2f(50, 50 + away), {2 * radius, 2 * radius}, 0);
             corner.x = corner.ellipse.center.x, corner.y = corner.ellipse.center.y;
-            corner.fitResidual = residual, corner.matchIndex = static_cast<int>(k);
+            corner.fitResidual = residual;
             for (double a = 0; a < 6.28; a += CV_PI / 12)
                 corner.contour.push_back(cv::Point2d(corner.x + radius * std::cos(a), corner.y + radius * std::sin(a)));
             fitConicFromEllipse(record, corner.ellipse, 0, corner.contour);
             corner.conic = record.conic;
-            admitRim(std::move(corner), bright, markers);
+            admitRim(std::move(corner), bright, k, markers);
         }
-        std::vector<int> kept;
-        for (const Corner& corner : markers.corners) kept.push_back(corner.matchIndex);
+        std::vector<std::size_t> kept;
+        for (const RimMarker& marker : markers) kept.push_back(marker.candidate);
         EXPECT_EQ(kept, expected) << what;
-        ASSERT_TRUE(markers.rects.size() == kept.size() && markers.extremePoints.size() == kept.size() && markers.polarity.size() == kept.size());
-        for (std::size_t k = 0; k < kept.size(); ++k) EXPECT_TRUE(same(markers.rects[k], markers.corners[k].ellipse)) << what;
     }
 }
 
@@ -216,7 +216,7 @@ TEST(ComplexPath, SeesNothingOfAnEarlierImage) {
     CircleMarkerExtractor used, fresh;
     std::vector<std::vector<cv::Point>> candidates;
     const auto smoothed = [&](CircleMarkerExtractor& extractor, cv::Point2d centre) {
-        return rimCandidates(discImage({90, 80}, centre, 8), {}, extractor, rimConfigs(), candidates, nullptr).blur16U;
+        return RimCall(discImage({90, 80}, centre, 8), extractor, 0, rimConfigs()).candidates(extractor, candidates, nullptr).blur16U;
     };
     smoothed(used, {20, 20});
     EXPECT_EQ(cv::norm(smoothed(used, {65, 55}), smoothed(fresh, {65, 55}), cv::NORM_INF), 0);

@@ -16,7 +16,9 @@ std::vector<cv::Point2f> ellipsePoints(double a, double b, double angle = 0, dou
     return points;
 }
 
-const auto judge = [](const auto& points, const CicrleConfigs& configs, bool isFull = true) { return judgeContour(points, configs, {}, isFull); };
+const auto judge = [](const auto& points, const CicrleConfigs& configs, bool isFull = true) {
+    return judgeContour(points, SimpleGates(configs), {}, isFull);
+};
 
 TEST(JudgeContour, BoundsAreStrictOrClosedAsDocumented) {
     // A polygon of 72 points on a circle: area and perimeter by elementary geometry, equal to what the gates measure.

@@ -45,16 +45,16 @@ TEST(HandPath, RefusesInOrderWithBothEndsInside) {
     c.maxPointError = kInf;
     for (const auto& [w, h, minArea, maxArea, maxEccentricity, maxFitError, gate, measured] : cases) {
         c.minArea = minArea, c.maxArea = maxArea, c.maxEccentricity = maxEccentricity, c.maxFitError = maxFitError;
-        const GateVerdict verdict = judgeHandContour(rectangle(w, h), c);
+        const GateVerdict verdict = judgeHandContour(rectangle(w, h), HandGates(c));
         EXPECT_EQ(std::pair(verdict.refusedBy, verdict.measured), std::pair(gate, measured)) << w << ' ' << h;
         EXPECT_TRUE(!verdict.accepted() || verdict.candidate.area == verdict.rect.size.width * verdict.rect.size.height);
     }
     c.minArea = 0, c.maxArea = 1e6, c.maxEccentricity = 0.9, c.maxFitError = 0.5;
-    EXPECT_STREQ(judgeHandContour(rectangle(50, 10), c).candidate.ratioText, "ratio:28.80");
-    EXPECT_EQ(judgeHandContour(rectangle(40, 10), c).refusedBy, Gate::kEccentricity);
-    EXPECT_EQ(judgeHandContour(rectangle(20, 20), c).refusedBy, Gate::kFitError) << "the mean error alone decides";
-    EXPECT_EQ(judgeHandContour({{2, 2}, {2, 3}, {3, 3}, {4, 3}, {3, 2}}, c).refusedBy, Gate::kFit) << "an ellipse that is not finite";
-    EXPECT_THROW(judgeHandContour({{7, 7}}, c), cv::Exception) << "0 / 0 passes and meets the fit";
+    EXPECT_STREQ(judgeHandContour(rectangle(50, 10), HandGates(c)).candidate.ratioText, "ratio:28.80");
+    EXPECT_EQ(judgeHandContour(rectangle(40, 10), HandGates(c)).refusedBy, Gate::kEccentricity);
+    EXPECT_EQ(judgeHandContour(rectangle(20, 20), HandGates(c)).refusedBy, Gate::kFitError) << "the mean error alone decides";
+    EXPECT_EQ(judgeHandContour({{2, 2}, {2, 3}, {3, 3}, {4, 3}, {3, 2}}, HandGates(c)).refusedBy, Gate::kFit) << "an ellipse that is not finite";
+    EXPECT_THROW(judgeHandContour({{7, 7}}, HandGates(c)), cv::Exception) << "0 / 0 passes and meets the fit";
 }
 
 TEST(HandPath, FindsDiscsAndTheInnerEdgeOfARing) {

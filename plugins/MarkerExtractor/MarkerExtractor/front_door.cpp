@@ -1,28 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "MarkerExtractor/extraction/front_ends.h"
-#include "MarkerExtractor/extraction/working_images.h"
-#include "kestrune/MarkerExtractor.h"
+#include "MarkerExtractor/front_door.h"
+
 #include "logging/report_sites.h"
 
 namespace kestrune {
 
-void checkExtraction(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
-                     const CicrleConfigs& configs) {
-    if (configs.useComplexExtract) {
-        checkRimCall(image, configs);
-    } else {
-        checkSimpleCall(image, extractor, configs);
-    }
-    lensOf(extractor, cameraIndex, configs);
+namespace {
+
+std::variant<SimpleCall, RimCall> callOf(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                                         const CicrleConfigs& configs) {
+    if (configs.useComplexExtract) return RimCall(image, extractor, cameraIndex, configs);
+    return SimpleCall(image, extractor, cameraIndex, configs);
+}
+
+bool nothingFound(int cameraIndex) {
+    reportWarning(cameraIndex == 0 ? report_sites::kLeftEyeFailed : report_sites::kRightEyeFailed);
+    return false;
+}
+
+}  // namespace
+
+ExtractionCall::ExtractionCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                               const CicrleConfigs& configs)
+    : call_(callOf(image, extractor, cameraIndex, configs)), cameraIndex_(cameraIndex) {}
+
+bool ExtractionCall::extract(CircleMarkerExtractor& extractor, std::vector<Corner>& corners) const {
+    const bool found = std::visit([&](const auto& call) { return call.extract(extractor, corners); }, call_);
+    return found || nothingFound(cameraIndex_);
 }
 
 bool ExtractCircleMarker(const cv::Mat& image, CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
                          int cameraIndex, const CicrleConfigs& configs) {
-    const bool found = configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, cameraIndex, configs)
-                                                 : extractor.CircleExtractSimple(image, corners, cameraIndex, configs);
-    if (found) return true;
-    reportWarning(cameraIndex == 0 ? report_sites::kLeftEyeFailed : report_sites::kRightEyeFailed);
-    return false;
+    if (!image.empty()) return ExtractionCall(image, extractor, cameraIndex, configs).extract(extractor, corners);
+    extractor.markerRects.clear();
+    return nothingFound(cameraIndex);
 }
 
 }  // namespace kestrune

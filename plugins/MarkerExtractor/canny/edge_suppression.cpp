@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "canny/edge_suppression.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -6,8 +8,6 @@
 #include <limits>
 #include <memory>
 #include <opencv2/core/hal/intrin.hpp>
-
-#include "canny/subpixel_contours.h"
 
 namespace kestrune {
 

@@ -22,13 +22,6 @@ struct EdgeImages {
     cv::Mat blurred, dx, dy, edges;
 };
 
-struct EdgeSettings {
-    double sigma;
-    int aperture;
-    int lowScaled, highScaled;
-    cv::Mat kernel;
-};
-
 void smooth(const cv::Mat& image, const EdgeSettings& settings, cv::Mat blurred) {
     cv::GaussianBlur(image, blurred, cv::Size(settings.aperture, settings.aperture), settings.sigma, settings.sigma,
                      kBorder);
@@ -190,23 +183,36 @@ std::vector<int> selectInnerContours(const std::vector<std::vector<cv::Point>>& 
     return kept;
 }
 
+EdgeSettings::EdgeSettings(double sigmaPx, long long apertureSide, int low, int high, int leastLength, int mode,
+                           bool isThreaded)
+    : sigma(sigmaPx),
+      aperture((requireAperture(apertureSide, 1), static_cast<int>(apertureSide))),
+      lowScaled(scaledThreshold(low)),
+      highScaled(scaledThreshold(high)),
+      minLength(leastLength),
+      retrievalMode(mode),
+      threaded(isThreaded),
+      kernel(makeEdgeDerivativeKernel(sigmaPx)) {}
+
+EdgeSettings::EdgeSettings(const CicrleConfigs& configs)
+    : EdgeSettings(configs.sigma, configs.aperture, configs.cannyLow, configs.cannyHigh,
+                   configs.minContourSize / configs.scale, cv::RETR_TREE, configs.useThreads) {}
+
 void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned aperture, int low, int high,
                             std::vector<SubpixelContour>& contours, int minLength, int retrievalMode, bool threaded) {
-    detectSubpixelContours(image, {sigma, aperture, low, high, minLength, retrievalMode, threaded}, contours, nullptr);
+    requireGreyImage(image);
+    const EdgeSettings settings(sigma, aperture, low, high, minLength, retrievalMode, threaded);
+    detectSubpixelContours(image, settings, contours, nullptr);
 }
 
-void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given, std::vector<SubpixelContour>& contours,
+void detectSubpixelContours(const cv::Mat& image, const EdgeSettings& settings, std::vector<SubpixelContour>& contours,
                             Drops* drops) {
-    requireGreyImage(image);
-    requireAperture(given.aperture, 1);
-    const EdgeSettings settings = {given.sigma, static_cast<int>(given.aperture), scaledThreshold(given.low),
-                                   scaledThreshold(given.high), makeEdgeDerivativeKernel(given.sigma)};
     EdgeImages images;
     images.blurred.create(image.size(), CV_8UC1);
     images.dx.create(image.size(), CV_16SC1);
     images.dy.create(image.size(), CV_16SC1);
     images.edges = cv::Mat::zeros(image.size(), CV_8UC1);
-    if (given.threaded) {
+    if (settings.threaded) {
         runThreaded(image, settings, images);
     } else {
         smooth(image, settings, images.blurred);
@@ -215,12 +221,12 @@ void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given,
 
     std::vector<std::vector<cv::Point>> pixelContours;
     std::vector<cv::Vec4i> hierarchy;
-    cv::findContours(images.edges, pixelContours, hierarchy, given.retrievalMode, cv::CHAIN_APPROX_NONE);
+    cv::findContours(images.edges, pixelContours, hierarchy, settings.retrievalMode, cv::CHAIN_APPROX_NONE);
 
-    const std::vector<int> selected = selectInnerContours(pixelContours, hierarchy, given.minLength);
+    const std::vector<int> selected = selectInnerContours(pixelContours, hierarchy, settings.minLength);
     if (drops != nullptr) {
-        noteContours(pixelContours, hierarchy, given.minLength, selected, *drops);
-        noteWeakEdges(images, settings, given.minLength, *drops);
+        noteContours(pixelContours, hierarchy, settings.minLength, selected, *drops);
+        noteWeakEdges(images, settings, settings.minLength, *drops);
     }
     std::vector<std::vector<cv::Point>> inner;
     inner.reserve(selected.size());

@@ -7,16 +7,12 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "canny/edge_suppression.h"
+#include "canny/subpixel_refinement.h"
 #include "checks/drops.h"
+#include "kestrune/MarkerExtractor/records.h"
 
 namespace kestrune {
-
-/// One contour: three arrays of equal length in contour order. Radial contours fill `points` only.
-struct SubpixelContour {
-    std::vector<cv::Point2f> points;  ///< px
-    std::vector<float> response;      ///< gradient magnitude: about the height of the step, grey levels
-    std::vector<float> direction;     ///< angle of the edge's normal, radians in [0, 2 pi)
-};
 
 /// One tap in grey levels: a step of height h gives a derivative of about 128 h.
 inline constexpr double kDerivativeGain = 128.0;
@@ -30,20 +26,6 @@ inline constexpr double kDerivativeGain = 128.0;
 /// @param sigma  px, above 1/6.
 /// @throws cv::Exception if `sigma` leaves one tap, or more than 2000 (which all round to zero).
 cv::Mat makeEdgeDerivativeKernel(double sigma);
-
-/// Squared gradient magnitudes dx^2 + dy^2 of `count` pixels in 32 bits. The plain statement ...
-void squaredMagnitudesPlain(const short* dx, const short* dy, int* magnitudes, int count);
-/// ... and eight pixels at a time, with the same numbers for every input.
-void squaredMagnitudesVector(const short* dx, const short* dy, int* magnitudes, int count);
-
-/// Non-maximum suppression and hysteresis.
-///
-/// @param src    gives the size only.
-/// @param dx,dy  `CV_16SC1` derivatives of that size.
-/// @param low    thresholds in units of the derivatives; a pixel is a candidate above `low` and a seed above `high`.
-///               Negative ones count as 0, and a square that leaves 32 bits as the largest 32-bit number.
-/// @param edges  `CV_8UC1`, 255 on an edge and 0 elsewhere; written in place if it has the right size and type.
-void suppressAndLinkEdges(const cv::Mat& src, const cv::Mat& dx, const cv::Mat& dy, int low, int high, cv::Mat& edges);
 
 /// A strip of columns that one thread works on.
 struct EdgeStrip {
@@ -65,15 +47,6 @@ std::vector<EdgeStrip> cutIntoStrips(int columns, unsigned concurrency);
 std::vector<int> selectInnerContours(const std::vector<std::vector<cv::Point>>& pixelContours,
                                      const std::vector<cv::Vec4i>& hierarchy, int minLength);
 
-/// Moves every contour pixel to the extremum of a quadratic facet of the gradient magnitude across the edge, if that
-/// lies within half a pixel in both axes; otherwise the pixel stays. The line point is that of C. Steger, "An unbiased
-/// detector of curvilinear structures" (1998), on a 3 by 3 facet.
-///
-/// @param dx,dy     `CV_16SC1` derivatives, scaled by 128.
-/// @param contours  resized to the number of pixel contours; every point is independent of the thread that computes it.
-void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
-                    std::vector<SubpixelContour>& contours);
-
 /// The whole front end.
 ///
 /// @param image          `CV_8UC1`, not changed.
@@ -91,19 +64,30 @@ void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std:
 void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned aperture, int low, int high,
                             std::vector<SubpixelContour>& contours, int minLength, int retrievalMode, bool threaded);
 
-/// The settings of a call, as above.
-struct SubpixelSettings {
+/// The settings of a call, as above, checked.
+struct EdgeSettings {
+    /// @throws cv::Exception for what the front end cannot work with.
+    EdgeSettings(double sigma, long long aperture, int low, int high, int minLength, int retrievalMode, bool threaded);
+
+    /// Of the simple path, whose least length is in pixels of the image before its reduction.
+    ///
+    /// @param configs  with a `scale` that is not 0.
+    explicit EdgeSettings(const CicrleConfigs& configs);
+
     double sigma;
-    unsigned aperture;
-    int low, high, minLength, retrievalMode;
+    int aperture;
+    int lowScaled, highScaled;  ///< in units of the derivatives
+    int minLength, retrievalMode;
     bool threaded;
+    cv::Mat kernel;  ///< of the derivatives
 };
 
 /// The same, and what was dropped.
 ///
+/// @param image  `CV_8UC1`; not looked at any more.
 /// @param drops  appended to: contours that are no inner side of a loop (the outer side of one that is kept does not
 ///               count), and lines of pixels above `low` none of which reaches `high`. May be null.
-void detectSubpixelContours(const cv::Mat& image, const SubpixelSettings& given, std::vector<SubpixelContour>& contours,
+void detectSubpixelContours(const cv::Mat& image, const EdgeSettings& settings, std::vector<SubpixelContour>& contours,
                             Drops* drops);
 
 }  // namespace kestrune

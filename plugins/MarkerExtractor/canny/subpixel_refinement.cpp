@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "canny/subpixel_refinement.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 
-#include "canny/subpixel_contours.h"
 #include "parallel/parallel_loop.h"
 
 namespace kestrune {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cmath>
+#include "ellipsedetection/contour_refinement.h"
 
-#include "ellipsedetection/conic_record.h"
+#include <cmath>
 
 namespace kestrune {
 

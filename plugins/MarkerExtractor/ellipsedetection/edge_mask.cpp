@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ellipsedetection/edge_mask.h"
+
 #include <bit>
 
-#include "ellipsedetection/gradient.h"
 #include "ellipsedetection/gradient_plain.h"
 #include "ellipsedetection/vector_lanes.h"
 #include "logging/report_sites.h"

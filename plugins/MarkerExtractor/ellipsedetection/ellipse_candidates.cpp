@@ -28,6 +28,12 @@ constexpr double kLeastPerimeterShare = 0.6;
 // Pixels over the area of the ellipse in the box: less is a thin stroke across it.
 constexpr double kLeastFill = 0.15;
 
+/// Whole pixels, cut off towards zero. Infinity, for "no bound", becomes a number that no diameter reaches.
+int wholePixels(float diameter) {
+    constexpr float kLargest = 1e9f;
+    return static_cast<int>(std::clamp(diameter, -kLargest, kLargest));
+}
+
 /// The bounds that blobs and contours share.
 struct SizeGate {
     std::int64_t minPixels, maxPixels;
@@ -109,11 +115,32 @@ std::size_t appendSurvivors(std::vector<std::vector<cv::Point>>& contours, const
 
 }  // namespace
 
+RimSettings RimSettings::of(const CicrleConfigs& c) {
+    requireAperture(c.aperture, kLeastThresholdBlock);
+    requireBlurSigma(c.sigma);
+    if (std::isnan(c.minDiameter)) refuseSetting("minDiameter", "is not a number");
+    if (std::isnan(c.maxDiameter)) refuseSetting("maxDiameter", "is not a number");
+    return {static_cast<float>(c.sigma),
+            c.aperture,
+            c.thresholdC,
+            c.scale,
+            c.edgePercentile,
+            c.nmsFactor,
+            c.minAxisRatio,
+            wholePixels(c.minDiameter),
+            wholePixels(c.maxDiameter)};
+}
+
 void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv::Mat& blur16U, cv::Mat& img_grad,
                              cv::Mat& img_dx, cv::Mat& img_dy, cv::Mat& binary, cv::Mat& edge_mask, cv::Mat& labels,
                              std::vector<std::vector<cv::Point>>& candidates, float sigma, int aperture, int thresholdC,
                              int scale, float edgePercentile, float nmsFactor, float minAxisRatio, int minDiameter,
                              int maxDiameter) {
+    requireGreyImage(image);
+    requireGreyImage(fullImage);
+    requireAperture(aperture, kLeastThresholdBlock);
+    requireBlurSigma(sigma);
+    requireScale(scale, fullImage.size());
     std::vector<std::uint16_t> smoothing;
     detectEllipseCandidates(
         {image, fullImage, blur16U, img_grad, img_dx, img_dy, binary, edge_mask, labels, smoothing},
@@ -121,14 +148,9 @@ void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv:
         candidates, nullptr);
 }
 
-void detectEllipseCandidates(const CandidateImages& images, const CandidateSettings& settings,
+void detectEllipseCandidates(const CandidateImages& images, const RimSettings& settings,
                              std::vector<std::vector<cv::Point>>& candidates, Drops* drops) {
     const cv::Mat& fullImage = images.fullImage;
-    requireGreyImage(images.image);
-    requireGreyImage(fullImage);
-    requireAperture(settings.aperture, kLeastThresholdBlock);
-    requireBlurSigma(settings.sigma);
-    requireScale(settings.scale, fullImage.size());
     const int margin = static_cast<int>(std::ceil(3.0 * settings.sigma)) + kExtraMargin;
     const SizeGate gate = {kPixelsPerDiameter * settings.minDiameter, kPixelsPerDiameter * settings.maxDiameter,
                            settings.minDiameter, settings.maxDiameter, settings.minAxisRatio};

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "checks/drops.h"
+#include "kestrune/MarkerExtractor/records.h"
 
 namespace kestrune {
 
@@ -54,18 +55,23 @@ struct CandidateImages {
     cv::Mat& labels;
     std::vector<std::uint16_t>& smoothing;  ///< scratch of `fastGaussianOfWindow`
 };
-struct CandidateSettings {
+struct RimSettings {
+    /// Of the edge-based path, checked, but for the scale, which goes with the image.
+    ///
+    /// @throws cv::Exception for what the front end cannot work with.
+    static RimSettings of(const CicrleConfigs& configs);
+
     float sigma;
     int aperture, thresholdC, scale;
     float edgePercentile, nmsFactor, minAxisRatio;
     int minDiameter, maxDiameter;
 };
 
-/// The same, and what was dropped.
+/// The same, and what was dropped. Images and settings are not looked at any more.
 ///
 /// @param drops  appended to: every blob that no candidate came of, and the lines in the windows of the others that are
 ///               none; boxes in pixels of `fullImage`. May be null.
-void detectEllipseCandidates(const CandidateImages& images, const CandidateSettings& settings,
+void detectEllipseCandidates(const CandidateImages& images, const RimSettings& settings,
                              std::vector<std::vector<cv::Point>>& candidates, Drops* drops);
 
 }  // namespace kestrune

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ellipsedetection/ellipse_merging.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numeric>
-
-#include "ellipsedetection/conic_record.h"
 
 namespace kestrune {
 
@@ -33,29 +33,40 @@ bool areLike(const PolarEllipse& kept, const PolarEllipse& other, double shapeTo
 
 }  // namespace
 
+Merging mergeAlike(const std::vector<const PolarEllipse*>& ellipses, double shapeTolerance, double centreTolerance) {
+    std::vector<std::size_t> order(ellipses.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::ranges::stable_sort(order, {}, [&ellipses](std::size_t index) { return axisProduct(*ellipses[index]); });
+    Merging merging;
+    std::vector<std::size_t> groups(ellipses.size());  // of each ellipse: its place in `kept`
+    for (const std::size_t index : order) {
+        const PolarEllipse& ellipse = *ellipses[index];
+        const auto like = std::ranges::find_if(merging.kept, [&](std::size_t kept) {
+            return areLike(*ellipses[kept], ellipse, shapeTolerance, centreTolerance);
+        });
+        groups[index] = static_cast<std::size_t>(like - merging.kept.begin());
+        if (like == merging.kept.end()) {
+            merging.kept.push_back(index);
+        } else if (ellipses[*like]->record.fitResidual > ellipse.record.fitResidual) {
+            *like = index;
+        }
+    }
+    merging.into.reserve(groups.size());
+    for (const std::size_t group : groups) merging.into.push_back(merging.kept[group]);
+    return merging;
+}
+
 void mergeSimilarEllipses(const std::vector<PolarEllipse>& ellipses,
                           const std::vector<std::vector<cv::Point>>& contours, std::vector<PolarEllipse>& merged,
                           std::vector<std::vector<cv::Point>>& mergedContours, double shapeTolerance,
                           double centreTolerance) {
+    std::vector<const PolarEllipse*> pointers;
+    for (const PolarEllipse& ellipse : ellipses) pointers.push_back(&ellipse);
     merged.clear();
     mergedContours.clear();
-    std::vector<std::size_t> order(ellipses.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(), [&ellipses](std::size_t a, std::size_t b) {
-        return axisProduct(ellipses[a]) < axisProduct(ellipses[b]);
-    });
-    for (const std::size_t index : order) {
-        const PolarEllipse& ellipse = ellipses[index];
-        const auto like = std::find_if(merged.begin(), merged.end(), [&](const PolarEllipse& kept) {
-            return areLike(kept, ellipse, shapeTolerance, centreTolerance);
-        });
-        if (like == merged.end()) {
-            merged.push_back(ellipse);
-            mergedContours.push_back(contours[index]);
-        } else if (like->record.fitResidual > ellipse.record.fitResidual) {
-            *like = ellipse;
-            mergedContours[static_cast<std::size_t>(like - merged.begin())] = contours[index];
-        }
+    for (const std::size_t index : mergeAlike(pointers, shapeTolerance, centreTolerance).kept) {
+        merged.push_back(ellipses[index]);
+        mergedContours.push_back(contours[index]);
     }
 }
 

@@ -9,13 +9,10 @@
 #pragma once
 
 #include <opencv2/core.hpp>
-#include <vector>
+
+#include "ellipsedetection/edge_mask.h"
 
 namespace kestrune {
-
-// What a mask of edges holds, besides 0.
-constexpr uchar kStrongEdge = 255;
-constexpr uchar kWeakEdge = 127;
 
 /// Central differences and their magnitude, in units of `blur16U`. The outermost ring of the three images is not
 /// written.
@@ -39,21 +36,5 @@ void calc_gradient(const cv::Mat& blur16U, cv::Mat& img_grad, cv::Mat& img_dx, c
 ///                    denormal whose bits are the number of rows: in effect zero, every step counts as an edge.
 /// @throws cv::Exception `cv::Error::StsAssert` for another type.
 float calc_stable_edge_threshold(const cv::Mat& img_grad, float min, float max, float percentile);
-
-/// Marks the pixels whose magnitude is a maximum along the gradient: strong above `high`, weak above `low`. Two pixels
-/// at each border are never marked.
-///
-/// A magnitude equal to `low` is dropped in grouped columns and goes on in the leftover ones. The neighbours'
-/// magnitudes are mixed with the weights of a linear interpolation exchanged: the axial neighbour gets min(|dx|, |dy|)
-/// / max(|dx|, |dy|), the diagonal one the rest. Contours come out a little rounder so, and the settings in use count
-/// on it.
-///
-/// @param edge_mask  made `CV_8UC1` of the same size where it is not; otherwise only marked pixels are written.
-/// @param strong     result: index y * cols + x of each pixel above `high`, in raster order.
-/// @param weak       result: the same of the others.
-/// @param nmsFactor  by which the neighbours are multiplied; below 1 the test is softer than a true maximum.
-/// @throws cv::Exception `cv::Error::StsAssert` for images of other types or different sizes.
-void find_edge_mask_nms(const cv::Mat& img_grad, const cv::Mat& img_dx, const cv::Mat& img_dy, cv::Mat& edge_mask,
-                        std::vector<int>& strong, std::vector<int>& weak, float low, float high, float nmsFactor);
 
 }  // namespace kestrune

@@ -1,67 +1,97 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
-#include <cmath>
+#include "MarkerExtractor/extraction/complex.h"
 
-#include "MarkerExtractor/extraction/front_ends.h"
-#include "MarkerExtractor/extraction/rim_gates.h"
+#include <algorithm>
+
+#include "MarkerExtractor/extraction/rim_markers.h"
 #include "MarkerExtractor/extraction/working_images.h"
 #include "checks/settings_check.h"
-#include "ellipsedetection/ellipse_candidates.h"
-#include "kestrune/MarkerExtractor.h"
+#include "ellipsedetection/ellipse_merging.h"
 
 namespace kestrune {
 
 namespace {
 
-/// Whole pixels, cut off towards zero. Infinity, for "no bound", becomes a number that no diameter reaches.
-int wholePixels(float diameter) {
-    constexpr float kLargest = 1e9f;
-    return static_cast<int>(std::clamp(diameter, -kLargest, kLargest));
+/// A rim that passed the first stage.
+struct PassedRim {
+    std::size_t candidate;  ///< its place among the candidates
+    PolarEllipse ellipse;
+    std::vector<cv::Point> points;
+};
+
+using PixelContours = std::vector<std::vector<cv::Point>>;
+
+std::vector<PassedRim> passFirstStage(const PixelContours& candidates, const RimImages& images, const RimGates& gates,
+                                      Findings* findings) {
+    std::vector<PassedRim> passed;
+    CandidateAccount account(findings, gates);
+    RimScratch scratch;
+    for (std::size_t k = 0; k < candidates.size(); ++k) {
+        RimVerdict verdict = judgeRim(candidates[k], images, gates, scratch);
+        account.add(candidates[k], verdict.ellipse.record.ellipse, verdict, std::nullopt);
+        if (verdict.accepted()) passed.push_back({k, std::move(verdict.ellipse), std::move(verdict.points)});
+    }
+    return passed;
 }
 
-RimMarkers measureRims(const std::vector<std::vector<cv::Point>>& candidates, const RimImages& images,
-                       const CicrleConfigs& configs, const LensModel& lens) {
-    std::vector<PolarEllipse> ellipses, merged;
-    std::vector<std::vector<cv::Point>> rims, mergedRims;
-    RimScratch scratch;
-    for (const std::vector<cv::Point>& candidate : candidates) {
-        RimVerdict verdict = judgeRim(candidate, images, configs, scratch);
-        if (!verdict.accepted()) continue;
-        ellipses.push_back(std::move(verdict.ellipse));
-        rims.push_back(std::move(verdict.points));
+Merging merge(const std::vector<PassedRim>& rims, Findings* findings) {
+    std::vector<const PolarEllipse*> ellipses;
+    ellipses.reserve(rims.size());
+    for (const PassedRim& rim : rims) ellipses.push_back(&rim.ellipse);
+    Merging merging = mergeAlike(ellipses, kRimMergeTolerance, kRimMergeTolerance);
+    if (findings == nullptr) return merging;
+    for (std::size_t k = 0; k < rims.size(); ++k) {
+        JudgedCandidate& candidate = findings->candidates[rims[k].candidate];
+        candidate.outcome = Outcome::kMerged;
+        candidate.rival = static_cast<std::ptrdiff_t>(rims[merging.into[k]].candidate);
     }
-    mergeSimilarEllipses(ellipses, rims, merged, mergedRims, kRimMergeTolerance, kRimMergeTolerance);
+    return merging;
+}
 
-    RimMarkers markers;
-    for (std::size_t k = 0; k < merged.size(); ++k) {
-        MarkerVerdict verdict = measureRim(mergedRims[k], images, configs, lens);
-        if (verdict.accepted()) admitRim(std::move(verdict.marker), merged[k].brightInside, markers);
+RimSettings settingsOf(const cv::Mat& image, const CicrleConfigs& configs) {
+    requireGreyOrColourImage(image);
+    requireScale(configs.scale, image.size());
+    return RimSettings::of(configs);
+}
+
+/// Of a rim that went on after merging.
+void noteMeasured(Findings* findings, std::size_t candidate, const MarkerVerdict& verdict, const RimGates& gates) {
+    if (findings == nullptr) return;
+    JudgedCandidate& judged = findings->candidates[candidate];
+    judged.ellipse = verdict.marker.ellipse;
+    judged.outcome = verdict.accepted() ? Outcome::kNested : Outcome::kRefused;
+    judged.gate = gates[verdict.refusedBy];
+    judged.measured = verdict.measured;
+    judged.rival = -1;
+}
+
+void noteMarkers(Findings* findings, const std::vector<RimMarker>& markers) {
+    if (findings == nullptr) return;
+    for (std::size_t k = 0; k < markers.size(); ++k) {
+        JudgedCandidate& judged = findings->candidates[markers[k].candidate];
+        judged.outcome = Outcome::kMarker;
+        judged.marker = static_cast<std::int32_t>(k);
     }
-    return markers;
 }
 
 }  // namespace
 
-void checkRimCall(const cv::Mat& image, const CicrleConfigs& configs) {
-    requireGreyOrColourImage(image);
-    requireScale(configs.scale, image.size());
-    requireAperture(configs.aperture, kLeastThresholdBlock);
-    requireBlurSigma(configs.sigma);
-    if (std::isnan(configs.minDiameter)) refuseSetting("minDiameter", "is not a number");
-    if (std::isnan(configs.maxDiameter)) refuseSetting("maxDiameter", "is not a number");
-}
+RimCall::RimCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                 const CicrleConfigs& configs)
+    : image_(image),
+      lens_(lensOf(extractor, cameraIndex, configs)),
+      settings_(settingsOf(image, configs)),
+      gates_(configs),
+      markerName_(configs.markerName) {}
 
-RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners, CircleMarkerExtractor& extractor,
-                        const CicrleConfigs& configs, std::vector<std::vector<cv::Point>>& candidates, Drops* drops) {
-    checkRimCall(image, configs);
-    requireEmptyList(corners);
-    const cv::Mat grey = greyOf(image, extractor);
+RimImages RimCall::candidates(CircleMarkerExtractor& extractor, PixelContours& candidates, Drops* drops) const {
+    const cv::Mat grey = greyOf(image_, extractor);
     const cv::Size size = grey.size();
-    const cv::Mat reduced = reducedImage(grey, configs.scale, extractor);
+    const cv::Mat reduced = reducedImage(grey, settings_.scale, extractor);
     // A pixel outside of all windows may be read where an ellipse leaves its window; it must not be a remainder of an
     // earlier image.
-    std::fill(extractor.scratchBlur16.begin(), extractor.scratchBlur16.end(), std::uint16_t{0});
-    std::fill(extractor.scratchEdgeMask.begin(), extractor.scratchEdgeMask.end(), uchar{0});
+    std::ranges::fill(extractor.scratchBlur16, std::uint16_t{0});
+    std::ranges::fill(extractor.scratchEdgeMask, uchar{0});
     RimImages images = {
         wrapScratch(extractor.scratchBlur16, size, CV_16UC1), wrapScratch(extractor.scratchGrad, size, CV_32FC1),
         wrapScratch(extractor.scratchDx, size, CV_32FC1), wrapScratch(extractor.scratchDy, size, CV_32FC1)};
@@ -69,13 +99,48 @@ RimImages rimCandidates(const cv::Mat& image, const std::vector<Corner>& corners
     cv::Mat edgeMask = wrapScratch(extractor.scratchEdgeMask, size, CV_8UC1);
     cv::Mat binary = wrapScratch(extractor.scratchBinary, reduced.size(), CV_8UC1);
     cv::Mat labels = wrapScratch(extractor.scratchLabels, reduced.size(), CV_32SC1);
-    detectEllipseCandidates(
-        {reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels,
-         extractor.scratchSmoothing},
-        {static_cast<float>(configs.sigma), configs.aperture, configs.thresholdC, configs.scale, configs.edgePercentile,
-         configs.nmsFactor, configs.minAxisRatio, wholePixels(configs.minDiameter), wholePixels(configs.maxDiameter)},
-        candidates, drops);
+    detectEllipseCandidates({reduced, grey, images.blur16U, images.grad, images.dx, images.dy, binary, edgeMask, labels,
+                             extractor.scratchSmoothing},
+                            settings_, candidates, drops);
     return images;
+}
+
+std::vector<Corner> RimCall::run(CircleMarkerExtractor& extractor, Findings* findings) const {
+    PixelContours found;
+    const RimImages images = candidates(extractor, found, dropsOf(findings));
+    const std::vector<PassedRim> rims = passFirstStage(found, images, gates_, findings);
+    const Merging merging = merge(rims, findings);
+
+    std::vector<RimMarker> markers;
+    for (const std::size_t k : merging.kept) {
+        const PassedRim& rim = rims[k];
+        MarkerVerdict verdict = measureRim(rim.points, images, gates_, lens_);
+        noteMeasured(findings, rim.candidate, verdict, gates_);
+        if (verdict.accepted()) {
+            admitRim(std::move(verdict.marker), rim.ellipse.brightInside, rim.candidate, markers);
+        }
+    }
+    noteMarkers(findings, markers);
+
+    std::vector<Corner> corners;
+    corners.reserve(markers.size());
+    for (RimMarker& marker : markers) {
+        marker.corner.id = static_cast<std::int32_t>(corners.size());
+        corners.push_back(std::move(marker.corner));
+    }
+    return corners;
+}
+
+bool RimCall::extract(CircleMarkerExtractor& extractor, std::vector<Corner>& corners) const {
+    requireEmptyList(corners);
+    std::vector<Corner> found = run(extractor, nullptr);
+    std::vector<cv::RotatedRect> rects;
+    rects.reserve(found.size());
+    for (const Corner& corner : found) rects.push_back(corner.ellipse);
+    if (!found.empty()) extractor.markerName = markerName_;
+    extractor.markerRects = std::move(rects);
+    corners = std::move(found);
+    return !corners.empty();
 }
 
 bool CircleMarkerExtractor::CircleExtractComplex(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
@@ -84,17 +149,7 @@ bool CircleMarkerExtractor::CircleExtractComplex(const cv::Mat& image, std::vect
         markerRects.clear();
         return false;
     }
-    const LensModel lens = lensOf(*this, cameraIndex, configs);
-    std::vector<std::vector<cv::Point>> candidates;
-    const RimImages images = rimCandidates(image, corners, *this, configs, candidates, nullptr);
-    RimMarkers markers = measureRims(candidates, images, configs, lens);
-
-    // Nothing of the result is written before all of it is there.
-    if (!markers.corners.empty()) markerName = configs.markerName;
-    for (std::size_t k = 0; k < markers.corners.size(); ++k) markers.corners[k].id = static_cast<std::int32_t>(k);
-    markerRects = std::move(markers.rects);
-    corners = std::move(markers.corners);
-    return !corners.empty();
+    return RimCall(image, *this, cameraIndex, configs).extract(*this, corners);
 }
 
 }  // namespace kestrune

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Why was this contour not a marker? The paths' own gates answer, candidate by candidate. Not part of the library's
-// interface: kestrune-measure shows it.
+// Why was this contour not a marker? What the paths tell of their candidates, in words. Not part of the library's
+// interface: the example host shows it.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "MarkerExtractor/extraction/explain_drops.h"
 #include "checks/drops.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -38,14 +39,5 @@ std::vector<ExplainedCandidate> explainExtraction(const cv::Mat& image, CircleMa
 /// in it.
 std::vector<ExplainedCandidate> explainHand(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops = nullptr);
 std::vector<ExplainedCandidate> explainFast(const cv::Mat& image, const CicrleConfigs& configs, Drops* drops = nullptr);
-
-/// A drop in words.
-struct DropText {
-    std::string name;    ///< what was met, and the gate
-    std::string wanted;  ///< what the front end asks for, with the settings' names
-};
-
-/// @param configs  those of the call that noted it.
-DropText describe(const Drop& drop, const CicrleConfigs& configs);
 
 }  // namespace kestrune

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/explain_drops.h"
+
 #include <locale>
 #include <sstream>
-
-#include "MarkerExtractor/extraction/explain.h"
 
 namespace kestrune {
 

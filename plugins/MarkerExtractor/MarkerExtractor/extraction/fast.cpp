@@ -2,11 +2,13 @@
 #include "MarkerExtractor/extraction/fast.h"
 
 #include <algorithm>
+#include <limits>
 #include <opencv2/imgproc.hpp>
+#include <optional>
 
-#include "MarkerExtractor/extraction/gate_parts.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
+#include "kestrune_geometry/contour_shape.h"
 
 namespace kestrune {
 
@@ -25,27 +27,19 @@ double eccentricityOf(const cv::RotatedRect& rect) {
 }
 
 /// Area, circularity and convexity, which need no ellipse.
-Gate judgeOutline(const PixelContour& contour, const CicrleConfigs& configs, PixelContour& hull, FastVerdict& verdict) {
+///
+/// @return whether one of the gates refused.
+bool failsOutline(const PixelContour& contour, const FastGates& gates, PixelContour& hull, FastVerdict& verdict) {
     const double area = verdict.area;
-    // The upper bound is exclusive on this path and inclusive on the others.
-    if (configs.enableAreaFilter && (configs.minArea > area || area >= configs.maxArea)) {
-        return refuse(verdict, Gate::kArea, area);
-    }
-    if (configs.enableCircularityFilter) {
-        const double circularity = geometry::circularity(area, geometry::perimeterOf(contour));
-        if (configs.minCircularity > circularity || circularity >= configs.maxCircularity) {
-            return refuse(verdict, Gate::kCircularity, circularity);
-        }
-    }
-    if (configs.enableConvexityFilter) {
-        const double ratio = area / geometry::hullArea(contour, hull);
-        if (configs.minConvexRatio > ratio || ratio > configs.maxConvexRatio) {
-            return refuse(verdict, Gate::kConvexity, ratio);
-        }
-    }
-    return Gate::kNone;
+    const GateRule& circularity = gates[Gate::kCircularity];
+    const GateRule& convexity = gates[Gate::kConvexity];
+    return verdict.fails(gates[Gate::kArea], area) ||
+           (circularity.isOn &&
+            verdict.fails(circularity, geometry::circularity(area, geometry::perimeterOf(contour)))) ||
+           (convexity.isOn && verdict.fails(convexity, area / geometry::hullArea(contour, hull)));
 }
 
+/// Outlines of what is brighter than a threshold, the outermost of each.
 std::vector<PixelContour> contoursAbove(const cv::Mat& image, double threshold) {
     cv::Mat binary;
     cv::threshold(image, binary, threshold, kForeground, cv::THRESH_BINARY);
@@ -55,13 +49,13 @@ std::vector<PixelContour> contoursAbove(const cv::Mat& image, double threshold) 
 }
 
 /// What the gates take at a threshold.
-std::vector<cv::RotatedRect> shapesAbove(const cv::Mat& image, double threshold, const CicrleConfigs& configs) {
+std::vector<cv::RotatedRect> shapesAbove(const cv::Mat& image, double threshold, const FastGates& gates) {
     std::vector<cv::RotatedRect> shapes;
     PixelContour hull;
     for (const PixelContour& contour : contoursAbove(image, threshold)) {
         if (contour.size() < kLeastFitPoints) continue;
-        const FastVerdict verdict = judgeFastContour(contour, configs, hull);
-        if (verdict.accepted() && geometry::isFinite(verdict.rect)) shapes.push_back(verdict.rect);
+        const FastVerdict verdict = judgeFastContour(contour, gates, hull);
+        if (verdict.accepted()) shapes.push_back(verdict.rect);
     }
     return shapes;
 }
@@ -78,31 +72,27 @@ std::vector<double> otherThresholds() {
     return thresholds;
 }
 
-}  // namespace
-
-std::vector<std::vector<cv::Point>> fastContours(const cv::Mat& image) {
-    return contoursAbove(image, kThreshold);
-}
-
-void noteFastDrops(const cv::Mat& image, const CicrleConfigs& configs, Drops& drops) {
+void noteInnerShapes(const cv::Mat& image, Drops& drops) {
     cv::Mat binary;
     std::vector<PixelContour> contours;
     std::vector<cv::Vec4i> tree;
     cv::threshold(image, binary, kThreshold, kForeground, cv::THRESH_BINARY);
     cv::findContours(binary, contours, tree, cv::RETR_TREE, cv::CHAIN_APPROX_NONE);
-    const auto parentOf = [&tree](int k) { return k < 0 ? -1 : tree[static_cast<std::size_t>(k)][3]; };
+    const auto parentOf = [&tree](int k) { return tree[static_cast<std::size_t>(k)][3]; };
     for (std::size_t k = 0; k < contours.size(); ++k) {
         int depth = 0;
         for (int parent = tree[k][3]; parent >= 0; parent = parentOf(parent)) ++depth;
         if (depth == 0 || depth % 2 == 1) continue;  // outermost, or a hole
-        Drop drop = above(DropCause::kInside, cv::contourArea(contours[k]), 0.0);
+        const Drop drop = above(DropCause::kInside, cv::contourArea(contours[k]), 0.0);
         note(&drops, Met::kBlob, drop, cv::boundingRect(contours[k]));
     }
+}
 
-    std::vector<cv::RotatedRect> known = shapesAbove(image, kThreshold, configs);
+void noteShapesOfOtherThresholds(const cv::Mat& image, const FastGates& gates, Drops& drops) {
+    std::vector<cv::RotatedRect> known = shapesAbove(image, kThreshold, gates);
     for (const double threshold : otherThresholds()) {
-        for (const cv::RotatedRect& shape : shapesAbove(image, threshold, configs)) {
-            const bool isKnown = std::any_of(known.begin(), known.end(), [&shape](const cv::RotatedRect& other) {
+        for (const cv::RotatedRect& shape : shapesAbove(image, threshold, gates)) {
+            const bool isKnown = std::ranges::any_of(known, [&shape](const cv::RotatedRect& other) {
                 return cv::norm(shape.center - other.center) < 0.5 * std::max(other.size.width, other.size.height);
             });
             if (isKnown) continue;
@@ -115,40 +105,63 @@ void noteFastDrops(const cv::Mat& image, const CicrleConfigs& configs, Drops& dr
     }
 }
 
-FastVerdict judgeFastContour(const PixelContour& contour, const CicrleConfigs& configs, PixelContour& hull) {
+}  // namespace
+
+FastGates::FastGates(const CicrleConfigs& c)
+    : GateTable{between(Gate::kArea, "area", "minArea {} to below maxArea {}", c.minArea, c.maxArea, Ends::kHalfOpen)
+                    .onlyIf(c.enableAreaFilter),
+                between(Gate::kCircularity, "circularity", "minCircularity {} to below maxCircularity {}",
+                        c.minCircularity, c.maxCircularity, Ends::kHalfOpen)
+                    .onlyIf(c.enableCircularityFilter),
+                between(Gate::kConvexity, "convexity", "minConvexRatio {} to maxConvexRatio {}", c.minConvexRatio,
+                        c.maxConvexRatio)
+                    .onlyIf(c.enableConvexityFilter),
+                finiteFit(), eccentricityGate(c).onlyIf(c.enableEccentricityFilter)} {}
+
+FastVerdict judgeFastContour(const PixelContour& contour, const FastGates& gates, PixelContour& hull) {
     const cv::Mat points(contour, false);  // a header over the points
     FastVerdict verdict;
     verdict.area = cv::moments(points, false).m00;
-    if (judgeOutline(contour, configs, hull, verdict) != Gate::kNone) return verdict;
+    if (failsOutline(contour, gates, hull, verdict)) return verdict;
     verdict.rect = cv::fitEllipse(points);
     if (!geometry::isFinite(verdict.rect)) {
-        refuse(verdict, Gate::kFit, std::numeric_limits<double>::quiet_NaN());
-        return verdict;
-    }
-    if (configs.enableEccentricityFilter) {
+        verdict.refuse(gates[Gate::kFit], std::numeric_limits<double>::quiet_NaN());
+    } else if (gates[Gate::kEccentricity].isOn) {
         verdict.eccentricity = eccentricityOf(verdict.rect);
-        if (verdict.eccentricity > configs.maxEccentricity) {
-            refuse(verdict, Gate::kEccentricity, verdict.eccentricity);
-        }
+        verdict.fails(gates[Gate::kEccentricity], verdict.eccentricity);
     }
     return verdict;
+}
+
+void findFastMarkers(const cv::Mat& image, const CicrleConfigs& configs, std::vector<Corner>& corners,
+                     Findings* findings) {
+    const FastGates gates(configs);
+    CandidateAccount account(findings, gates);
+    PixelContour hull;
+    for (const PixelContour& contour : contoursAbove(image, kThreshold)) {
+        const FastVerdict verdict = judgeFastContour(contour, gates, hull);
+        std::optional<Admission> admission;
+        if (verdict.accepted()) {
+            admission = {Admission::kAdded, static_cast<std::int32_t>(corners.size())};
+            Corner& corner = corners.emplace_back();
+            corner.x = verdict.rect.center.x;
+            corner.y = verdict.rect.center.y;
+            corner.area = verdict.area;
+            corner.eccentricity = verdict.eccentricity;
+        }
+        account.add(contour, verdict.rect, verdict, admission);
+    }
+    Drops* const drops = dropsOf(findings);
+    if (drops == nullptr) return;
+    noteInnerShapes(image, *drops);
+    noteShapesOfOtherThresholds(image, gates, *drops);
 }
 
 bool CircleMarkerExtractor::extractMarkPointsFast(const cv::Mat& image, std::vector<Corner>& corners,
                                                   int /*cameraIndex*/, const CicrleConfigs& configs) {
     if (image.empty()) return false;
     requireGreyImage(image);
-    PixelContour hull;
-    for (const PixelContour& contour : fastContours(image)) {
-        const FastVerdict verdict = judgeFastContour(contour, configs, hull);
-        if (!verdict.accepted()) continue;
-        Corner corner;
-        corner.x = verdict.rect.center.x;
-        corner.y = verdict.rect.center.y;
-        corner.area = verdict.area;
-        corner.eccentricity = verdict.eccentricity;
-        corners.push_back(corner);
-    }
+    findFastMarkers(image, configs, corners, nullptr);
     return !corners.empty();
 }
 

@@ -4,11 +4,13 @@
 #include <cmath>
 #include <numbers>
 #include <opencv2/imgproc.hpp>
+#include <optional>
 
-#include "MarkerExtractor/extraction/gate_parts.h"
+#include "MarkerExtractor/extraction/fit_error.h"
 #include "canny/weak_edges.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
+#include "kestrune_geometry/contour_shape.h"
 
 namespace kestrune {
 
@@ -23,17 +25,21 @@ constexpr double kSobelGain = 4;  ///< of a sharp step of one grey level
 constexpr int kLeastLine = 5;     ///< pixels: no ellipse goes through fewer
 constexpr int kMedianSide = 3;
 
-// Perimeter squared over area, both ends included: from a circle to twice that, which lets squares pass.
-constexpr double kLeastCompactness = 4 * std::numbers::pi;
-constexpr double kLargestCompactness = 8 * std::numbers::pi;
+// Perimeter squared over area, in units of pi, both ends included: from a circle to twice that, which lets squares
+// pass.
+constexpr double kLeastCompactness = 4;
+constexpr double kLargestCompactness = 8;
 
 using PixelContour = std::vector<cv::Point>;
 
-}  // namespace
-
-std::vector<std::vector<cv::Point>> handContours(const cv::Mat& image) {
+cv::Mat edgesOf(const cv::Mat& image, double high) {
     cv::Mat edges;
-    cv::Canny(image, edges, kEdgeLow, kEdgeHigh, kEdgeAperture, true);
+    cv::Canny(image, edges, kEdgeLow, high, kEdgeAperture, true);
+    return edges;
+}
+
+/// Outlines of the edges, the outermost of each.
+std::vector<PixelContour> outlinesOf(const cv::Mat& edges) {
     std::vector<PixelContour> contours;
     std::vector<cv::Vec4i> hierarchy;
     cv::findContours(edges, contours, hierarchy, cv::RETR_CCOMP, cv::CHAIN_APPROX_NONE);
@@ -42,15 +48,13 @@ std::vector<std::vector<cv::Point>> handContours(const cv::Mat& image) {
     std::vector<PixelContour> outer;
     for (int index = contours.empty() ? -1 : 0; index != -1 && index < static_cast<int>(contours.size());
          index = hierarchy[static_cast<std::size_t>(index)][0]) {
-        outer.push_back(contours[static_cast<std::size_t>(index)]);
+        outer.push_back(std::move(contours[static_cast<std::size_t>(index)]));
     }
     return outer;
 }
 
-void noteHandDrops(const cv::Mat& image, Drops& drops) {
-    cv::Mat edges, all;
-    cv::Canny(image, edges, kEdgeLow, kEdgeHigh, kEdgeAperture, true);
-    cv::Canny(image, all, kEdgeLow, kEdgeLow, kEdgeAperture, true);
+/// Notes the lines of pixels above the lower threshold of an edge none of which reaches the upper one.
+void noteDrops(const cv::Mat& image, const cv::Mat& edges, Drops& drops) {
     cv::Mat heights = cv::Mat::zeros(image.size(), CV_32FC1);
     for (int channel = 0; channel < image.channels(); ++channel) {  // the detector, too, takes the strongest of each
         cv::Mat plane, dx, dy, magnitude;
@@ -60,34 +64,42 @@ void noteHandDrops(const cv::Mat& image, Drops& drops) {
         cv::magnitude(dx, dy, magnitude);
         cv::max(heights, magnitude, heights);
     }
-    noteWeakEdges(all, edges, heights, below(DropCause::kWeakStep, 0.0, kEdgeHigh / kSobelGain), kLeastLine, drops);
+    noteWeakEdges(edgesOf(image, kEdgeLow), edges, heights, below(DropCause::kWeakStep, 0.0, kEdgeHigh / kSobelGain),
+                  kLeastLine, drops);
 }
 
-GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const CicrleConfigs& configs) {
+}  // namespace
+
+HandGates::HandGates(const CicrleConfigs& c)
+    : GateTable{between(Gate::kArea, "area", "minArea {} to maxArea {}", c.minArea, c.maxArea),
+                between(Gate::kCompactness, "compactness", "perimeter squared over area, {} pi to {} pi",
+                        kLeastCompactness * std::numbers::pi, kLargestCompactness * std::numbers::pi)
+                    .telling({kLeastCompactness, kLargestCompactness}),
+                finiteFit(), eccentricityGate(c),
+                atMost(Gate::kFitError, "fit error", "maxFitError {}", c.maxFitError)} {}
+
+GateVerdict judgeHandContour(const std::vector<cv::Point>& contour, const HandGates& gates) {
     GateVerdict verdict;
     Corner& candidate = verdict.candidate;
     const double perimeter = geometry::perimeterOf(contour);
     const double area = geometry::areaOf(contour);
-    if (configs.minArea > area || area > configs.maxArea) {
+    if (verdict.fails(gates[Gate::kArea], area)) {
         writeReason(candidate.areaText, "area", area);
-        refuse(verdict, Gate::kArea, area);
         return verdict;
     }
     // A single point has 0 / 0 here, passes, and ends the call in the fit.
     const double compactness = geometry::compactness(area, perimeter);
-    if (compactness < kLeastCompactness || compactness > kLargestCompactness) {
+    if (verdict.fails(gates[Gate::kCompactness], compactness)) {
         writeReason(candidate.ratioText, "ratio", compactness);
-        refuse(verdict, Gate::kCompactness, compactness);
         return verdict;
     }
 
     candidate.contour.assign(contour.begin(), contour.end());
     candidate.compactness = compactness;
-    if (!passesEllipse(verdict, cv::fitEllipse(contour), area, configs)) return verdict;
-    ellipseFitError(verdict.rect, contour, candidate.fitError, configs.maxPointError);
-    if (candidate.fitError > configs.maxFitError) {
+    if (failsEllipse(verdict, cv::fitEllipse(contour), area, gates)) return verdict;
+    ellipseFitError(verdict.rect, contour, candidate.fitError, kNoBound);
+    if (verdict.fails(gates[Gate::kFitError], candidate.fitError)) {
         writeReason(candidate.fitText, "fit_error", candidate.fitError);
-        refuse(verdict, Gate::kFitError, candidate.fitError);
         return verdict;
     }
     candidate.area = verdict.rect.size.width * verdict.rect.size.height;
@@ -109,19 +121,30 @@ Admission admitHandMarker(const GateVerdict& verdict, std::vector<Corner>& corne
     return {Admission::kAdded, static_cast<std::int32_t>(corners.size() - 1)};
 }
 
+void findHandMarkers(const cv::Mat& image, const CicrleConfigs& configs, std::vector<Corner>& corners,
+                     Findings* findings) {
+    const cv::Mat edges = edgesOf(image, kEdgeHigh);
+    const HandGates gates(configs);
+    CandidateAccount account(findings, gates);
+    for (const PixelContour& contour : outlinesOf(edges)) {
+        const GateVerdict verdict = judgeHandContour(contour, gates);
+        std::optional<Admission> admission;
+        if (verdict.accepted()) admission = admitHandMarker(verdict, corners);
+        account.add(contour, verdict.rect, verdict, admission);
+    }
+    if (Drops* const drops = dropsOf(findings)) noteDrops(image, edges, *drops);
+}
+
 bool CircleMarkerExtractor::CircleExtractSimpleForHand(cv::Mat& image, std::vector<Corner>& corners,
                                                        int /*cameraIndex*/, const CicrleConfigs& configs) {
     if (image.empty()) return false;
     requireByteImage(image);
-    // The copy, the median and the grey image below are part of the path, with their time and their exceptions, though
-    // nothing reads them: hosts rely on an image of one channel being refused once it has shown a marker.
+    // Nothing reads the copy, the median and the grey image below. They are part of the path with their exceptions: an
+    // image of one channel is refused once it has shown a marker.
     cv::Mat grayCopy = image.clone();
     cv::Mat blurred;
     cv::medianBlur(image, blurred, kMedianSide);
-    for (const PixelContour& contour : handContours(image)) {
-        const GateVerdict verdict = judgeHandContour(contour, configs);
-        if (verdict.accepted()) admitHandMarker(verdict, corners);
-    }
+    findHandMarkers(image, configs, corners, nullptr);
     if (corners.empty()) return false;
     cv::cvtColor(image, grayCopy, cv::COLOR_BGR2GRAY, 0);
     markerName = configs.markerName;

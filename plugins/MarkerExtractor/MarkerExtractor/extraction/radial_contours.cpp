@@ -120,14 +120,9 @@ std::optional<BlobAtFullSize> detectAgain(const cv::Mat& fullImage, cv::Mat& ful
         diagonalOf(again.width, again.height), std::min(again.width, again.height)};
 }
 
-struct Directions {
-    const std::vector<cv::Point2f>& rays;
-    const std::vector<cv::Point2f>& probes;
-};
-
 /// The points of a blob's rim, or why it has none.
 Drop measureBlob(const RadialImages& images, const Blob& blob, const RadialSettings& settings,
-                 const Directions& directions, std::vector<cv::Point2f>& points) {
+                 const RadialDirections& directions, std::vector<cv::Point2f>& points) {
     Drop drop = judgeBlob(images.image, blob, directions.probes, settings);
     if (drop) return drop;
     const std::optional<BlobAtFullSize> full =
@@ -148,6 +143,18 @@ Drop measureBlob(const RadialImages& images, const Blob& blob, const RadialSetti
 }
 
 }  // namespace
+
+RadialSettings RadialSettings::of(const CicrleConfigs& c) {
+    const RadialSettings settings = {c.sigma, c.aperture,         c.minContourSize, c.thresholdC,
+                                     c.scale, c.refineAtFullSize, c.minRayRatio,    c.contrast};
+    settings.check();
+    return settings;
+}
+
+void RadialSettings::check() const {
+    requireAperture(aperture, kLeastThresholdBlock);
+    requireBlurSigma(sigma);
+}
 
 std::pair<float, int> meanInDisc(const cv::Mat& image, cv::Point2f centre, float radius) {
     const int left = std::max(0, static_cast<int>(centre.x - radius));
@@ -201,20 +208,18 @@ void detectRadialContours(const cv::Mat& image, const cv::Mat& fullImage, cv::Ma
                           std::vector<SubpixelContour>& contours, const std::vector<cv::Point2f>& rayDirections,
                           const std::vector<cv::Point2f>& probeDirections, int minArea, int thresholdC, int scale,
                           bool refineAtFullSize, float minRayRatio, int contrast) {
-    detectRadialContours({image, fullImage, blurredFull, binary, fullBinary, labels},
-                         {sigma, aperture, minArea, thresholdC, scale, refineAtFullSize, minRayRatio, contrast},
-                         rayDirections, probeDirections, contours, nullptr);
+    const RadialSettings settings = {sigma, aperture,         minArea,     thresholdC,
+                                     scale, refineAtFullSize, minRayRatio, contrast};
+    requireGreyImage(image);
+    requireGreyImage(fullImage);
+    settings.check();
+    requireScale(scale, fullImage.size());
+    detectRadialContours({image, fullImage, blurredFull, binary, fullBinary, labels}, settings,
+                         {rayDirections, probeDirections}, contours, nullptr);
 }
 
 void detectRadialContours(const RadialImages& images, const RadialSettings& settings,
-                          const std::vector<cv::Point2f>& rayDirections,
-                          const std::vector<cv::Point2f>& probeDirections, std::vector<SubpixelContour>& contours,
-                          Drops* drops) {
-    requireGreyImage(images.image);
-    requireGreyImage(images.fullImage);
-    requireAperture(settings.aperture, kLeastThresholdBlock);
-    requireBlurSigma(settings.sigma);
-    requireScale(settings.scale, images.fullImage.size());
+                          const RadialDirections& directions, std::vector<SubpixelContour>& contours, Drops* drops) {
     contours.clear();
     images.fullBinary.create(images.fullImage.size(), CV_8UC1);
     cv::GaussianBlur(images.fullImage, images.blurredFull, cv::Size(settings.aperture, settings.aperture),
@@ -225,10 +230,10 @@ void detectRadialContours(const RadialImages& images, const RadialSettings& sett
         cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kConnectivity, CV_32S);
 
     std::vector<cv::Point2f> points;
-    points.reserve(rayDirections.size());
+    points.reserve(directions.rays.size());
     for (int label = 1; label < count; ++label) {  // 0 is the background
         const Blob blob = readBlob(stats, centroids, label);
-        const Drop drop = measureBlob(images, blob, settings, {rayDirections, probeDirections}, points);
+        const Drop drop = measureBlob(images, blob, settings, directions, points);
         if (drop) {
             const int scale = settings.scale;
             note(drops, Met::kBlob, drop,

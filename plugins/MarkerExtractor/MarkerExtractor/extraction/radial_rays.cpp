@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/radial_rays.h"
+
 #include <algorithm>
 #include <cmath>
 #include <optional>
-
-#include "MarkerExtractor/extraction/radial_contours.h"
 
 namespace kestrune {
 

@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/extraction/simple.h"
+
 #include <cmath>
 #include <numbers>
-#include <opencv2/imgproc.hpp>
 
-#include "MarkerExtractor/extraction/ellipse_gates.h"
-#include "MarkerExtractor/extraction/front_ends.h"
-#include "MarkerExtractor/extraction/radial_contours.h"
 #include "MarkerExtractor/extraction/working_images.h"
-#include "canny/subpixel_contours.h"
 #include "checks/settings_check.h"
-#include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
 
@@ -17,6 +13,10 @@ namespace {
 
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
+
+/// Contours of both front ends are judged as they stand: radial ones are in full-size pixels already, and sub-pixel
+/// ones of a reduced image are reported in the pixels of that image.
+constexpr bool kContoursAreFullSize = true;
 
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
 void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
@@ -28,56 +28,73 @@ void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
     }
 }
 
-void findRadialContours(const cv::Mat& gray, const cv::Mat& working, CircleMarkerExtractor& extractor,
-                        const CicrleConfigs& configs, std::vector<SubpixelContour>& contours, Drops* drops) {
+std::vector<SubpixelContour> radialContours(const cv::Mat& grey, const cv::Mat& working,
+                                            CircleMarkerExtractor& extractor, const RadialSettings& settings,
+                                            Drops* drops) {
     fillDirections(extractor.rayDirections, kRays);
     fillDirections(extractor.probeDirections, kProbes);
-    cv::Mat blurredFull = wrapScratch(extractor.scratchBlurFull, gray.size(), CV_8UC1);
+    cv::Mat blurredFull = wrapScratch(extractor.scratchBlurFull, grey.size(), CV_8UC1);
     cv::Mat binary = wrapScratch(extractor.scratchEdgeMask, working.size(), CV_8UC1);
-    cv::Mat fullBinary = wrapScratch(extractor.scratchBinary, gray.size(), CV_8UC1);
+    cv::Mat fullBinary = wrapScratch(extractor.scratchBinary, grey.size(), CV_8UC1);
     cv::Mat labels = wrapScratch(extractor.scratchLabels, working.size(), CV_32SC1);
-    // The size limit is an area here and is not divided by `scale`; the other front end takes it as a length and
-    // divided.
-    detectRadialContours({working, gray, blurredFull, binary, fullBinary, labels},
-                         {configs.sigma, configs.aperture, configs.minContourSize, configs.thresholdC, configs.scale,
-                          configs.refineAtFullSize, configs.minRayRatio, configs.contrast},
-                         extractor.rayDirections, extractor.probeDirections, contours, drops);
+    std::vector<SubpixelContour> contours;
+    detectRadialContours({working, grey, blurredFull, binary, fullBinary, labels}, settings,
+                         {extractor.rayDirections, extractor.probeDirections}, contours, drops);
+    return contours;
+}
+
+/// The scale first: the settings of the sub-pixel contours divide by it.
+std::variant<EdgeSettings, RadialSettings> frontEndOf(const cv::Mat& image, const CircleMarkerExtractor& extractor,
+                                                      const CicrleConfigs& configs) {
+    requireGreyOrColourImage(image);
+    requireScale(configs.scale, image.size());
+    if (!configs.useRadialContours) return EdgeSettings(configs);
+    const RadialSettings settings = RadialSettings::of(configs);
+    requireUnitVectors(extractor.rayDirections, "rayDirections");
+    requireUnitVectors(extractor.probeDirections, "probeDirections");
+    return settings;
 }
 
 }  // namespace
 
-void checkSimpleCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
-    requireGreyOrColourImage(image);
-    requireScale(configs.scale, image.size());
-    if (configs.useRadialContours) {
-        requireAperture(configs.aperture, kLeastThresholdBlock);
-        requireBlurSigma(configs.sigma);
-        requireUnitVectors(extractor.rayDirections, "rayDirections");
-        requireUnitVectors(extractor.probeDirections, "probeDirections");
-    } else {
-        requireAperture(configs.aperture, 1);
-        requireEdgeSigma(configs.sigma);
+SimpleCall::SimpleCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
+                       const CicrleConfigs& configs)
+    : image_(image),
+      scale_(configs.scale),
+      lens_(lensOf(extractor, cameraIndex, configs)),
+      frontEnd_(frontEndOf(image, extractor, configs)),
+      gates_(configs),
+      markerName_(configs.markerName) {}
+
+std::vector<SubpixelContour> SimpleCall::contours(CircleMarkerExtractor& extractor, Drops* drops) const {
+    const cv::Mat grey = greyOf(image_, extractor);
+    const cv::Mat working = reducedImage(grey, scale_, extractor);
+    if (const auto* const radial = std::get_if<RadialSettings>(&frontEnd_)) {
+        return radialContours(grey, working, extractor, *radial, drops);
     }
+    std::vector<SubpixelContour> contours;
+    detectSubpixelContours(working, std::get<EdgeSettings>(frontEnd_), contours, drops);
+    return contours;
 }
 
-std::vector<SubpixelContour> simpleContours(const cv::Mat& image, const std::vector<Corner>& corners,
-                                            CircleMarkerExtractor& extractor, const CicrleConfigs& configs,
-                                            Drops* drops) {
-    checkSimpleCall(image, extractor, configs);
+std::vector<cv::RotatedRect> SimpleCall::run(CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
+                                             Findings* findings) const {
     requireEmptyList(corners);
-    const cv::Mat gray = greyOf(image, extractor);
-    const cv::Mat working = reducedImage(gray, configs.scale, extractor);
-    std::vector<SubpixelContour> contours;
-    if (configs.useRadialContours) {
-        findRadialContours(gray, working, extractor, configs, contours, drops);
-    } else {
-        detectSubpixelContours(
-            working,
-            {configs.sigma, static_cast<unsigned>(configs.aperture), configs.cannyLow, configs.cannyHigh,
-             configs.minContourSize / configs.scale, cv::RETR_TREE, configs.useThreads},
-            contours, drops);
+    MarkerList markers{corners, {}, 0};
+    CandidateAccount account(findings, gates_);
+    for (const SubpixelContour& contour : contours(extractor, dropsOf(findings))) {
+        GateVerdict verdict = judgeContour(contour.points, gates_, lens_, kContoursAreFullSize);
+        std::optional<Admission> admission;
+        if (verdict.accepted()) admission = admitMarker(verdict, markers);
+        account.add(contour.points, verdict.rect, verdict, admission);
     }
-    return contours;
+    return std::move(markers.rects);
+}
+
+bool SimpleCall::extract(CircleMarkerExtractor& extractor, std::vector<Corner>& corners) const {
+    extractor.markerRects = run(extractor, corners, nullptr);
+    if (!corners.empty()) extractor.markerName = markerName_;
+    return !corners.empty();
 }
 
 bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vector<Corner>& corners, int cameraIndex,
@@ -86,17 +103,7 @@ bool CircleMarkerExtractor::CircleExtractSimple(const cv::Mat& image, std::vecto
         markerRects.clear();
         return false;
     }
-    const LensModel lens = lensOf(*this, cameraIndex, configs);
-    const std::vector<SubpixelContour> contours = simpleContours(image, corners, *this, configs, nullptr);
-    MarkerList markers{corners, {}, 0};
-    for (const SubpixelContour& contour : contours) {
-        GateVerdict verdict = judgeContour(contour.points, configs, lens, kContoursAreFullSize);
-        if (verdict.accepted()) admitMarker(verdict, markers);
-    }
-    markerRects = std::move(markers.rects);
-    if (corners.empty()) return false;
-    markerName = configs.markerName;
-    return true;
+    return SimpleCall(image, *this, cameraIndex, configs).extract(*this, corners);
 }
 
 }  // namespace kestrune

@@ -22,11 +22,11 @@ cv::Mat reducedImage(const cv::Mat& grey, int scale, CircleMarkerExtractor& extr
     return reduced;
 }
 
-LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs) {
+std::optional<LensModel> lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs) {
+    if (configs.skipUndistort) return std::nullopt;
     const bool isLeft = cameraIndex == 0;
     LensModel lens = isLeft ? LensModel{extractor.leftIntrinsic, extractor.leftDistortion}
                             : LensModel{extractor.rightIntrinsic, extractor.rightDistortion};
-    if (configs.skipUndistort) return lens;
     requireData(lens.intrinsic, isLeft ? "leftIntrinsic" : "rightIntrinsic");
     requireDistortion(lens.distortion, isLeft ? "leftDistortion" : "rightDistortion");
     return lens;

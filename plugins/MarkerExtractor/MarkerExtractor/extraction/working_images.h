@@ -4,6 +4,7 @@
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <optional>
 #include <vector>
 
 #include "MarkerExtractor/extraction/marker_fit.h"
@@ -29,6 +30,7 @@ cv::Mat reducedImage(const cv::Mat& grey, int scale, CircleMarkerExtractor& extr
 
 /// 0: the left camera; any other index: the right one. Refuses, by the member's name, what OpenCV must not be given
 /// where `configs` asks for undistortion; what it refuses itself is left to it and to the first contour.
-LensModel lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs);
+/// None where `configs` does not ask for undistortion.
+std::optional<LensModel> lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs);
 
 }  // namespace kestrune

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "MarkerExtractor/camera/calibration_check.h"
-#include "MarkerExtractor/extraction/front_ends.h"
+#include "MarkerExtractor/front_door.h"
 #include "MarkerExtractor/stereo/conic_match.h"
 #include "MarkerExtractor/stereo/rectified_match.h"
 #include "MarkerExtractor/stereo/space_points.h"
@@ -174,17 +174,17 @@ Result measure(const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarker
                std::vector<cv::RotatedRect>& leftRects, std::vector<cv::RotatedRect>& rightRects,
                const CicrleConfigs& configs, ExplainedMatch* explained) {
     if (isIncomplete(leftImage, rightImage, extractor)) return {};
-    checkExtraction(leftImage, extractor, 0, configs);
-    checkExtraction(rightImage, extractor, 1, configs);
+    const ExtractionCall leftEye(leftImage, extractor, 0, configs);
+    const ExtractionCall rightEye(rightImage, extractor, 1, configs);
     // Without markers nothing more of the calibration is read, and its gaps are no reason to hide what the eyes saw. A
     // calibration that is refused in the end is refused to an extractor as it was.
     const std::exception_ptr gap = gapOf(extractor, configs);
     std::optional<CircleMarkerExtractor> before;
     if (gap) before = extractor;
     Exposure exposure;
-    const bool leftFound = ExtractCircleMarker(leftImage, extractor, exposure.left, 0, configs);
+    const bool leftFound = leftEye.extract(extractor, exposure.left);
     std::vector<cv::RotatedRect> foundLeft = extractor.markerRects;
-    const bool rightFound = ExtractCircleMarker(rightImage, extractor, exposure.right, 1, configs);
+    const bool rightFound = rightEye.extract(extractor, exposure.right);
     const bool found = leftFound && rightFound;
     if (found && gap) {
         extractor = *before;

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Rays from the centre of a blob, and where on each the grey value falls most.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+namespace kestrune {
+
+/// Bilinear grey value.
+struct GreySample {
+    bool valid;   ///< the position lies on the image, between the centres of its outermost pixels
+    float value;  ///< grey level; 0 if not valid
+};
+/// Inline, because it is the innermost step of the ray search.
+inline GreySample sampleBilinear(const cv::Mat& image, float x, float y) {
+    if (!(x >= 0 && x <= static_cast<float>(image.cols - 1) && y >= 0 && y <= static_cast<float>(image.rows - 1))) {
+        return {false, 0};
+    }
+    const int x0 = static_cast<int>(x);
+    const int y0 = static_cast<int>(y);
+    const int x1 = x0 + 1 < image.cols ? x0 + 1 : x0;
+    const int y1 = y0 + 1 < image.rows ? y0 + 1 : y0;
+    const float fx = x - static_cast<float>(x0);
+    const float fy = y - static_cast<float>(y0);
+    const uchar* const upper = image.ptr<uchar>(y0);
+    const uchar* const lower = image.ptr<uchar>(y1);
+    const float a = upper[x0], b = upper[x1], c = lower[x0], d = lower[x1];
+    return {true, (1 - fy) * (a * (1 - fx) + b * fx) + fy * (c * (1 - fx) + d * fx)};
+}
+
+/// What a ray search met.
+struct RaySearch {
+    double beyond;  ///< px by which the outer circle and 3 px leave the image; 0 or less where they do not
+    float bearing;  ///< share of the rays that bear an edge
+};
+
+/// Casts one ray along each direction and finds on it the point of steepest fall: coarsely in steps of 3 px between
+/// `rIn` and `rOut`, then in steps of 1 px, then by a parabola through three differences. The radii are then median
+/// filtered, freed of outliers and smoothed around the circle.
+///
+/// The radius is measured from the first sample of the steepest pair, so that it is half a pixel short of the edge
+/// between the two; the centre is not touched by that.
+///
+/// @param image          `CV_8UC1`, smoothed.
+/// @param points         result, px, in the order of the directions; empty if the outer circle comes within 3 px of the
+///                       border or too few rays bear an edge.
+/// @param dropThreshold  least coarse fall, grey levels, inclusive.
+/// @param minRayRatio    least share of rays with an edge, inclusive.
+RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
+                            std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
+                            int dropThreshold, float minRayRatio);
+
+/// Replaces each radius by the upper median of the positive radii up to `halfWindow` places away on the circle, itself
+/// included; by -1 if there are fewer than three. A ray without an edge (-1) can gain a radius from its neighbours.
+void medianFilterRadii(std::vector<float>& radii, int halfWindow);
+
+/// Marks off negative radii, and radii that differ from the mean of their non-negative neighbours up to `halfWindow`
+/// away by more than `tolerance` px. Every other radius is replaced by the mean of its nearest neighbours that are not
+/// marked off - `halfWindow` of them on either side, at most 3 `halfWindow` places away - without itself; by -1 if
+/// there are none. Radii that are marked off become -1.
+void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWindow);
+
+}  // namespace kestrune

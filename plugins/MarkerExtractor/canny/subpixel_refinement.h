@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+namespace kestrune {
+
+/// One contour: three arrays of equal length in contour order. Radial contours fill `points` only.
+struct SubpixelContour {
+    std::vector<cv::Point2f> points;  ///< px
+    std::vector<float> response;      ///< gradient magnitude: about the height of the step, grey levels
+    std::vector<float> direction;     ///< angle of the edge's normal, radians in [0, 2 pi)
+};
+
+/// Moves every contour pixel to the extremum of a quadratic facet of the gradient magnitude across the edge, if that
+/// lies within half a pixel in both axes; otherwise the pixel stays. The line point is that of C. Steger, "An unbiased
+/// detector of curvilinear structures" (1998), on a 3 by 3 facet.
+///
+/// @param dx,dy     `CV_16SC1` derivatives, scaled by 128.
+/// @param contours  resized to the number of pixel contours; every point is independent of the thread that computes it.
+void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
+                    std::vector<SubpixelContour>& contours);
+
+}  // namespace kestrune
