@@ -82,16 +82,6 @@ TEST(Eccentricity, AnswersBadInput) {
             EXPECT_EQ(std::isnan(e.x) && std::isnan(e.y) && std::isnan(e.norm) && std::isnan(e.normal[0]), !defined) << which << ' ' << bad;
         }
     }
-    const int cube[] = {3, 3, 3};
-    double x = 7, y = 7, norm = 7;
-    const auto run = [&](cv::Mat image, cv::Mat position) {
-        cv::RotatedRect ellipse = ellipseOf(17, 23, 30);
-        return refused([&] { CircleMarkerExtractor().correctedEccentricityAhn(image, position, ellipse, x, y, norm); });
-    };
-    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(2, 1, CV_64FC1), cv::Mat(3, 1, CV_32FC1), cv::Mat(3, 3, CV_64FC1), cv::Mat(3, cube, CV_64FC1)})
-        EXPECT_EQ(run(cv::Mat(9, 9, CV_8UC3), bad), "position");
-    EXPECT_EQ(run(cv::Mat(3, cube, CV_8UC3), cv::Mat(3, 1, CV_64FC1, cv::Scalar(-9))), "image");
-    EXPECT_TRUE(x == 7 && y == 7 && norm == 7);
 }
 
 }  // namespace kestrune::test::eccentricity

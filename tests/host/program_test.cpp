@@ -22,33 +22,22 @@ TEST(HostProgram, DemoThenExtract) {
     }
 
     std::ofstream("broken.png") << "no picture";
-    cv::Mat deep;
-    readImage("demo/left.png", false).convertTo(deep, CV_16U, 256);
-    cv::imwrite("deep.png", deep);
     const std::tuple<const char*, int, const char*> cases[] = {
         {"", 2, "subcommand is required"},
         {"extract demo/left.png", 2, "--settings is required"},
-        {"extract demo/left.png --settings ready/bright-radial.yaml --path round", 2, "--path"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --eye 5", 2, "--eye"},
-        {"extract demo/left.png --settings none.yaml", 2, "none.yaml: cannot be read"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --overlay picture.jpg", 2, "picture.jpg: an overlay is written as .png"},
-        {"extract demo/left.png --settings ready/bright-radial.yaml --csv no/where.csv", 2, "where.csv: cannot be written"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --calibration ready/bright-radial.yaml", 2, "field 'M1' is missing"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml", 0, "is not used"},
-        {"extract broken.png demo/left.png --settings ready/bright-radial.yaml", 1, "broken.png: is in no image format"},
         {"extract broken.png demo/left.png --settings ready/bright-radial.yaml", 1, "left.png: 12 markers"},
-        {"extract deep.png --settings ready/bright-radial.yaml", 0, "deep.png: 12 markers"},
         {"extract demo/left.png --settings ready/bright-subpixel.yaml", 0, ": 12 markers"},
         {"extract demo/left.png --settings ready/bright-radial.yaml --invert", 0, ": 0 markers"},
         {"extract demo/mixed-left.png --path complex --csv m.csv --settings ready/mixed-complex.yaml", 0, ": 12 markers"},
         {"explain demo/left.png --settings ready/bright-radial.yaml --csv e.csv --out e.png", 0, "\n    12  marker\n"},
         {"explain demo/left.png --settings ready/bright-fast.yaml --path fast", 0, "\n    12  marker\n"},
-        {"explain demo/left.png --settings ready/bright-radial.yaml --out picture.jpg", 2, "picture.jpg: a picture is written as .png"},
-        {"explain broken.png --settings ready/bright-radial.yaml", 1, "broken.png: is in no image format"},
         {"extract demo/left.png --settings ready/bright-subpixel.yaml --path hand", 0, ": 0 markers"},  // they stand out too little for it
         {"depth demo/left.png demo/left.png --settings ready/bright-radial.yaml --csv d.csv", 2, "--calibration is required"},
-        {"depth demo/left.png deep.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml --csv d.csv --depth-scale -1", 2,
-         "--depth-scale"},
+        {"depth demo/left.png z.png --settings ready/bright-radial.yaml --calibration demo/calibration.yaml --depth-scale -1", 2, "--depth-scale"},
         {"settings ready/bright-radial.yaml none.yaml", 2, "good for path radial, in stereo too\n"},
         {"settings ready/bright-fast.yaml --path fast", 0, "good for path fast\n"},
         {"demo --size 10x10 --out small", 2, "10x10"},
@@ -61,7 +50,6 @@ TEST(HostProgram, DemoThenExtract) {
     EXPECT_EQ(std::ranges::count(csv, '\n'), 25);
     EXPECT_EQ(std::ranges::count(csv, ','), 25 * 13);
     EXPECT_EQ(csv.substr(csv.size() - 14), ",,,,distorted\n");
-    EXPECT_TRUE(std::filesystem::exists("o-left.png") && std::filesystem::exists("o-left-2.png"));
     // Every other marker of that scene is dark.
     std::istringstream rows(readText("m.csv"));
     std::map<std::string, int> ends;

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "support/calls.h"
-#include "support/configs.h"
+#include "support/every_operation.h"
 #include "support/teams.h"
 
 extern "C" {
@@ -64,160 +64,25 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
 namespace kestrune::test::failures {
 
-/// Four discs before a rectified pair, and what a host keeps from call to call.
-struct Host {
-    cv::Mat left = picture(0), right = picture(20), colour, depth{120, 160, CV_32FC1, cv::Scalar(1000)}, turn = cv::Mat::eye(3, 3, CV_64F);
-    CircleMarkerExtractor e;
-    std::vector<Corner> found[2];
-
-    static cv::Mat picture(double shift) {
-        cv::Mat image(120, 160, CV_8UC1, cv::Scalar(40));
-        for (const cv::Point2d& place : {cv::Point2d(40, 30), {90, 41}, {130, 75}, {55, 90}})
-            addDisc(image, {float(place.x - shift), float(place.y)}, 7);
-        return image;
-    }
-    Host() {
-        calibrate(e);
-        cv::merge(std::vector<cv::Mat>(3, left > 120), colour);
-        e.CircleExtractSimple(left, found[0], 0, settings(1));
-        e.CircleExtractSimple(right, found[1], 1, settings(1));
-    }
-    static void calibrate(CircleMarkerExtractor& e) {
-        const Camera_<double, 2, 2> camera{{200, 200, 80, 60}};
-        const Pose_<double> poses[2] = {{{1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0}}, {{1, 0, 0, 0, 1, 0, 0, 0, 1, 100, 0, 0}}};
-        e.transform_kestruneData2cvMat({poses[0], poses[1]}, {camera, camera}, 160, 120, 0);
-    }
-    static CicrleConfigs settings(int path) {
-        CicrleConfigs c = configsOfPaths()[path];
-        c.markerRadii = {35}, c.sizeTolerance = 0.3, c.maxRowDifference = 2, c.minDepth = 500, c.maxDepth = 2000, c.minRadiusRatio = 0.8f;
-        c.plainRowGate = true, c.deviationFactor = 3, c.edgeLengthTolerance = c.edgeAngleTolerance = 0.2, c.skipUndistort = false;
-        return c;
-    }
-};
-
-/// What an operation gave, as numbers.
-struct Result {
-    std::vector<double> numbers;
-    void add(const std::vector<Corner>& corners) {
-        for (const Corner& c : corners) numbers.insert(numbers.end(), {c.x, c.y, c.area, c.fitResidual, c.position[2], double(c.contour.size())});
-    }
-    void add(const std::vector<Point3_<double>>& points) {
-        for (const Point3_<double>& p : points) numbers.insert(numbers.end(), {p.x, p.y, p.z});
-    }
-    void add(const Pairs& pairs) {
-        for (const auto& [i, j] : pairs) numbers.insert(numbers.end(), {double(i), double(j)});
-    }
-};
-
-using Operation = std::function<void(Host&, Result&)>;
-
-Operation extraction(int path, bool useThreads = false) {
-    return [=](Host& h, Result& result) {
-        CicrleConfigs configs = Host::settings(path);
-        configs.useThreads = useThreads;
-        std::vector<Corner> corners;
-        ExtractCircleMarker(h.left, h.e, corners, 0, configs);
-        result.add(corners);
-    };
-}
-
-Operation stereo(int path) {
-    return [=](Host& h, Result& result) {
-        std::vector<Point3_<double>> points;
-        std::vector<cv::RotatedRect> rects[2];
-        for (const auto& [left, right] : getStereoMarker3dPoints(h.left, h.right, h.e, points, rects[0], rects[1], Host::settings(path))) {
-            result.add({left, right});
-        }
-        result.add(points);
-    };
-}
-
-const std::pair<const char*, Operation> kOperations[] = {
-    {"sub-pixel contours", extraction(0)},
-    {"radial contours", extraction(1)},
-    {"edge-based", extraction(2)},
-    {"hand and depth",
-     [](Host& h, Result& result) {
-         std::vector<Corner> corners;
-         h.e.CircleExtractSimpleForHand(h.colour, corners, 0, Host::settings(0));
-         h.e.DetectFeaturePointsAndInterpolate_binocular(corners, h.depth, h.e.leftIntrinsic);
-         result.add(corners);
-     }},
-    {"fast, undistorted",
-     [](Host& h, Result& result) {
-         std::vector<Corner> corners;
-         h.e.extractMarkPointsFast(h.left, corners, 0, Host::settings(0));
-         h.e.UndistortCorners(corners, h.e.leftIntrinsic, h.e.leftDistortion);
-         result.add(corners);
-     }},
-    {"nothing found",
-     [](Host& h, Result& result) {
-         std::vector<Corner> corners;
-         result.numbers.push_back(ExtractCircleMarker(cv::Mat::zeros(20, 20, CV_8UC1), h.e, corners, 1, Host::settings(1)));
-     }},
-    {"calibration",
-     [](Host& h, Result& result) {
-         CircleMarkerExtractor fresh;
-         Host::calibrate(fresh);
-         fresh.SetStereorectifyParam({h.e.leftProjection, h.e.rightProjection, h.e.leftRectification, h.e.rightRectification});
-         fresh.SetTriangulationIntrinsicMatrix(h.e.leftIntrinsic, h.e.rightIntrinsic);
-         cv::Mat fundamental;
-         fresh.CalcFoundationMat(h.e.rotation, h.e.translation, h.e.leftIntrinsic, h.e.rightIntrinsic, fundamental);
-         CircleMarkerExtractor copy(fresh);
-         copy = h.e;
-         result.numbers.assign({fundamental.at<double>(1, 2), fresh.triangulationA(0, 0), copy.leftProjection.at<double>(0, 0)});
-     }},
-    {"rectified corners",
-     [](Host& h, Result& result) {
-         std::vector<Corner> target;
-         h.e.StereoRectifyCorners(h.found[0], target, h.e.leftIntrinsic, {}, h.e.leftRectification, h.e.leftProjection, h.e.leftHomography);
-         result.add(target);
-     }},
-    {"eccentricity",
-     [](Host& h, Result& result) {
-         cv::Mat position = (cv::Mat_<double>(3, 1) << 10, 20, -1000);
-         cv::RotatedRect ellipse({100, 100}, {30, 20}, 10);
-         result.numbers.assign(3, 0);
-         h.e.correctedEccentricityAhn(h.colour, position, ellipse, result.numbers[0], result.numbers[1], result.numbers[2], 200, 35);
-     }},
-    {"stereo by constellation", stereo(0)},
-    {"stereo by conics", stereo(1)},
-    {"stereo, edge-based", stereo(2)},
-    {"stereo from corners",
-     [](Host& h, Result& result) {
-         std::vector<Point3_<double>> points;
-         std::vector<Corner> left = h.found[0], right = h.found[1];
-         result.add(getStereoMarker3dPoints(left, right, h.e.rightTriangulation, h.e.leftIntrinsic, h.e.rightIntrinsic, h.e.fundamental, points));
-         result.add(points);
-     }},
-    {"stereo from rectified corners",
-     [](Host& h, Result& result) {
-         std::vector<Point3_<double>> points;
-         for (const double tolerance : {0.2, 0.0}) {  // by the constellation, and by the fallback
-             result.add(getStereoRectifiedMarker3dPoints(h.found[0], h.found[1], {35}, points, h.turn, h.e.leftProjection, h.e.rightProjection, 2,
-                                                         500, 2000, false, false, 0.3, 3, true, tolerance, tolerance));
-         }
-         result.add(points);
-     }},
-};
+using namespace every_operation;
 
 /// Runs the operation with this failure. @return what it raised, nothing if it came to its end.
-std::string outcomeOf(const Operation& operation, Host& host, Result& result, long first, bool once) {
-    result.numbers.clear();
+std::string outcomeOf(const Operation& operation, Host& host, Numbers& result, long first, bool once) {
+    result.clear();
     std::string raised;
     allocations = 0, failsOnce = once, firstFailure = first;
     try {
-        operation(host, result);
-        firstFailure = 0;
+        operation.run(host, result);
     } catch (const std::bad_alloc&) {
-        firstFailure = 0, raised = "bad_alloc";
+        raised = "bad_alloc";  // short texts take no memory
     } catch (const std::system_error&) {
-        firstFailure = 0, raised = "system_error";
-    } catch (const cv::Exception& e) {
-        firstFailure = 0, raised = e.code == cv::Error::StsNoMem ? "bad_alloc" : e.what();
+        raised = "system_error";
     } catch (const std::exception& e) {
-        firstFailure = 0, raised = e.what();
+        firstFailure = 0;
+        const auto* const ofOpenCv = dynamic_cast<const cv::Exception*>(&e);
+        raised = ofOpenCv != nullptr && ofOpenCv->code == cv::Error::StsNoMem ? "bad_alloc" : e.what();
     }
+    firstFailure = 0;
     return raised;
 }
 
@@ -227,23 +92,24 @@ TEST(Failures, ReachTheHostWhereverMemoryRunsOut) {
     testing::internal::CaptureStdout();  // one operation warns
     for (const int threads : {1, 2}) {
         omp_set_num_threads(threads);
-        for (const auto& [name, operation] : kOperations) {
-            Result expected, result;
-            operation(host, expected), operation(host, result);
-            ASSERT_TRUE(expected.numbers == result.numbers && !expected.numbers.empty()) << name;
+        for (const Operation& operation : kOperations) {
+            SCOPED_TRACE(operation.name);
+            Numbers expected, result;
+            operation.run(host, expected);
+            ASSERT_EQ(expected.size(), operation.count);
             for (const bool once : {true, false}) {
                 long raised = 0, first = 1;
                 for (;; first += 1 + first / (threads == 1 ? 32 : 4)) {
                     const std::string what = outcomeOf(operation, host, result, first, once);
                     const bool isOver = allocations < first;
-                    ASSERT_TRUE(what.empty() || what == "bad_alloc") << name << ' ' << first << ": " << what;
-                    ASSERT_TRUE(!what.empty() || result.numbers == expected.numbers) << name << ' ' << first;
+                    ASSERT_EQ(what, what.empty() ? "" : "bad_alloc") << first;
+                    ASSERT_EQ(what.empty() ? result : expected, expected) << first;
                     raised += !what.empty();
-                    ASSERT_EQ(outcomeOf(operation, host, result, 0, once), "") << name << ' ' << first;
-                    ASSERT_EQ(result.numbers, expected.numbers) << name << ' ' << first;
+                    ASSERT_EQ(outcomeOf(operation, host, result, 0, once), "") << first;
+                    ASSERT_EQ(result, expected) << first;
                     if (isOver) break;
                 }
-                EXPECT_GT(raised, 3) << name << ' ' << first;
+                EXPECT_GT(raised, 3);
             }
         }
     }
@@ -273,17 +139,15 @@ TEST(Failures, AreNoneWithoutThreadsButThoseAskedFor) {
     const SharedLoops shared;
     omp_set_num_threads(4);
     Host host;
-    noThreads = true;
-    for (const auto& [name, operation] : kOperations) {
-        Result first, second;
-        EXPECT_EQ(outcomeOf(operation, host, first, 0, false), "") << name;
-        noThreads = false;
-        EXPECT_EQ(outcomeOf(operation, host, second, 0, false), "") << name;
+    for (const Operation& operation : kOperations) {
+        Numbers without, with;
         noThreads = true;
-        EXPECT_EQ(first.numbers, second.numbers) << name;
-        EXPECT_EQ(outcomeOf(extraction(0, true), host, second, 0, false), "system_error") << name;
+        EXPECT_EQ(outcomeOf(operation, host, without, 0, false), "") << operation.name;
+        EXPECT_EQ(outcomeOf(extraction("", 0, true), host, with, 0, false), "system_error") << operation.name;
+        noThreads = false;
+        EXPECT_EQ(outcomeOf(operation, host, with, 0, false), "") << operation.name;
+        EXPECT_EQ(without, with) << operation.name;
     }
-    noThreads = false;
 }
 
 }  // namespace kestrune::test::failures

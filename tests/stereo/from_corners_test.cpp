@@ -85,19 +85,11 @@ TEST(FromCorners, AnswersBadInput) {
         EXPECT_TRUE(rows.match().empty() && rows.points.size() == 1 && rows.refusal.empty());
         EXPECT_EQ(rows.log, line);
     }
-    const int cube[] = {3, 3, 4};
-    const std::pair<cv::Mat Rows::*, const char*> arguments[] = {
-        {&Rows::pose, "relativePose"}, {&Rows::leftCamera, "leftCamera"}, {&Rows::rightCamera, "rightCamera"}, {&Rows::fundamental, "fundamental"}};
-    for (const auto& [argument, name] : arguments) {
-        for (const cv::Mat& bad :
-             {cv::Mat(), cv::Mat(2, 3, CV_64F), cv::Mat(4, 4, CV_64F), cv::Mat(3, cube, CV_64F), cv::Mat(3, 3, CV_32S), cv::Mat(3, 4, CV_32F)}) {
-            Rows rows({{1, 1}}, {{0, 1}});
-            rows.*argument = bad;
-            EXPECT_TRUE(rows.match().empty() && rows.points.size() == 1 && !rows.left[0].matched && rows.refusal == name) << name << rows.refusal;
-        }
+    for (const auto argument : {&Rows::pose, &Rows::leftCamera, &Rows::rightCamera, &Rows::fundamental}) {
         Rows nowhere({{1, 1}, {2, 1}}, {{0, 1}, {1, 1}, {9, 9}});
         (nowhere.*argument).setTo(kNaN);
-        EXPECT_TRUE(nowhere.match().empty() && nowhere.refusal.empty()) << name;
+        EXPECT_TRUE(nowhere.match().empty());
+        EXPECT_EQ(nowhere.refusal, "");
     }
     Rows single({{1, 1}}, {{0, 1}});
     single.fundamental.convertTo(single.fundamental, CV_32F);

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <span>
-
 #include "support/calls.h"
 #include "support/configs.h"
 #include "support/rigs.h"
@@ -117,22 +115,6 @@ TEST(StereoFromImages, SaysWhatFailed) {
         EXPECT_TRUE(o.pairs.empty() && o.points.size() == points) << warnings;
         EXPECT_EQ(o.left.size() == 3 && o.right.size() == 3, rectsKept) << warnings;
     }
-    for (const auto member : std::span(members).first(6)) {
-        e = whole;
-        (e.*member).release();
-        Outcome o;
-        EXPECT_EQ(o.run(left, right, e, configsOf(kRadial)), "");
-        EXPECT_TRUE(o.pairs.empty() && o.points.size() == 1);
-    }
-    for (std::size_t k = 0; k < members.size() + 2; ++k) {
-        const Path path = k < members.size() ? kRows : kRadial;
-        e = whole;
-        e.*(path == kRows ? members[k] : k == members.size() ? &E::leftRectification : &E::fundamental) = cv::Mat::eye(2, 2, CV_32F);
-        Outcome o;
-        EXPECT_THROW(getStereoMarker3dPoints(left, right, e, o.points, o.left, o.right, configsOf(path)), cv::Exception);
-        EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3) << "before a result is written";
-        EXPECT_EQ(o.run(blank, blank, e, configsOf(path)), noLeft + noRight + none) << "is not read then";
-    }
     e = whole;
     for (const auto member : members) (e.*member).convertTo(e.*member, CV_32F);
     Outcome single;
@@ -161,9 +143,7 @@ TEST(StereoFromImages, ARefusedCallChangesNoMemberAndNoResult) {
         {"scale", kRims, nullptr, {}, tiny},
         {"rightDistortion", kRims, &E::rightDistortion, pairs, right},
         {"rightDistortion", kRadial, &E::rightDistortion, hollow(1, 5), right},
-        {"leftDistortion", kRows, &E::leftDistortion, pairs, right},
-        {"fundamental", kRadial, &E::fundamental, hollow(3, 3), right},
-        {"leftHomography", kRows, &E::leftHomography, hollow(3, 3), right}};
+        {"leftDistortion", kRows, &E::leftDistortion, pairs, right}};
     for (const auto& [name, path, member, value, image] : cases) {
         E e = whole;
         if (member != nullptr) e.*member = value;
