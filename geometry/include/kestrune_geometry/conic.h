@@ -3,8 +3,8 @@
 // Conics A x^2 + B x y + C y^2 + D x + E y + F = 0 and the ellipses among them. Pixel (0, 0) is the centre of the top
 // left pixel, x the column, y the row.
 //
-// The order of the operands is part of the results: rounding differs with it, and equal input must give equal bits in
-// every release. Where single precision is named, it is that of the ellipse that a conic comes from or becomes.
+// The order of the operands is part of the results: rounding differs with it. Where single precision is named, it is
+// that of the ellipse that a conic comes from or becomes.
 #pragma once
 
 #include <Eigen/Core>

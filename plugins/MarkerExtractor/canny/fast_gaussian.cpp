@@ -52,6 +52,17 @@ void boxPass(const cv::Mat& src, cv::Mat& dst, int width) {
     cv::boxFilter(src, dst, CV_16U, cv::Size(width, width), cv::Point(-1, -1), true, kBorder);
 }
 
+void smooth(const cv::Mat& source, cv::Mat& dst, float sigma) {
+    const std::array<int, kPasses> widths = boxWidths(sigma);
+    if (source.type() == CV_16UC1) {
+        boxPass(source, dst, widths[0]);
+    } else {
+        source.convertTo(dst, CV_16U, kGreyFactor, 0.0);
+        boxPass(dst, dst, widths[0]);
+    }
+    for (std::size_t i = 1; i < widths.size(); ++i) boxPass(dst, dst, widths[i]);
+}
+
 /// The window with all that its pixels are made of, cut to the image.
 cv::Rect grownWindow(const cv::Rect& window, const cv::Size& size, float sigma) {
     const std::array<int, kPasses> widths = boxWidths(sigma);
@@ -70,24 +81,16 @@ void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma) {
     requireBlurSigma(std::abs(sigma));
     const cv::Mat source = src;  // keeps its pixels where `dst` is the same header and is made anew
     dst.create(source.size(), CV_16UC1);
-    const std::array<int, kPasses> widths = boxWidths(sigma);
-    if (source.type() == CV_16UC1) {
-        boxPass(source, dst, widths[0]);
-    } else {
-        source.convertTo(dst, CV_16U, kGreyFactor, 0.0);
-        boxPass(dst, dst, widths[0]);
-    }
-    for (std::size_t i = 1; i < widths.size(); ++i) boxPass(dst, dst, widths[i]);
+    smooth(source, dst, sigma);
 }
 
 void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat& dst, float sigma,
                           std::vector<std::uint16_t>& storage) {
-    requireBlurSigma(std::abs(sigma));
     const cv::Rect grown = grownWindow(window, image.size(), sigma);
     if (storage.size() < static_cast<std::size_t>(grown.area())) storage.resize(static_cast<std::size_t>(grown.area()));
-    cv::Mat smooth(grown.size(), CV_16UC1, storage.data());
-    fastGaussianApprox(image(grown), smooth, sigma);
-    smooth(window - grown.tl()).copyTo(dst);
+    cv::Mat smoothed(grown.size(), CV_16UC1, storage.data());
+    smooth(image(grown), smoothed, sigma);
+    smoothed(window - grown.tl()).copyTo(dst);
 }
 
 }  // namespace kestrune

@@ -25,12 +25,11 @@ void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma);
 /// The part of the whole smoothed image that a window shows, in the same bits, without smoothing more than the window
 /// needs: only the border of the image itself is repeated, and a neighbour that the window cuts off has its say.
 ///
-/// @param image    as `src` above.
+/// @param image    as `src` above. Neither its type nor `sigma` is looked at.
 /// @param window   within the image, not empty.
 /// @param dst      result, `CV_16UC1` of the window's size; made so where it is not.
 /// @param storage  scratch, made larger where it is too small; as many elements as the image has pixels will always do.
 ///                 What is in it has no say.
-/// @throws cv::Exception as above.
 void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat& dst, float sigma,
                           std::vector<std::uint16_t>& storage);
 

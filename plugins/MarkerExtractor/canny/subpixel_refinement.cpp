@@ -44,8 +44,8 @@ Facet fitFacet(const double m[9]) {
     f.a1 = (-m[0] + m[2] - m[3] + m[5] - m[6] + m[8]) / 6;
     f.a2 = (m[6] + m[7] + m[8] - m[0] - m[1] - m[2]) / 6;
     f.a3 = (m[0] - 2 * m[1] + m[2] + m[3] - 2 * m[4] + m[5] + m[6] - 2 * m[7] + m[8]) / 6;
-    // The sign is the opposite of the usual mask for the mixed derivative. It is wanted: every direction and offset
-    // that a measurement was ever calibrated with comes from it.
+    // With the opposite sign this would be the mixed derivative: the facet is mirrored about the y axis in this term,
+    // and directions and offsets of edges that are not along an axis follow from it.
     f.a4 = (-m[0] + m[2] + m[6] - m[8]) / 4;
     f.a5 = (m[0] + m[1] + m[2] - 2 * (m[3] + m[4] + m[5]) + m[6] + m[7] + m[8]) / 6;
     return f;

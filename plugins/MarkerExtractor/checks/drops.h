@@ -47,8 +47,7 @@ enum class DropCause {
     kFrame,        ///< a loop around another contour, whose pixels are told
     kWeakEdge,     ///< strongest pixel, grey levels
     // By hand.
-    kWeakStep,  ///< the same
-                ///< strongest pixel, grey levels; by hand as well
+    kWeakStep,  ///< strongest pixel, grey levels
     // Fast.
     kInside,     ///< inside another shape, area in px^2
     kGreyLevel,  ///< round, but at another threshold, which is told

@@ -27,8 +27,7 @@ cv::Point2f shiftToRidge(const float* g, std::ptrdiff_t cols) {
     const float l2 = (gxx + gyy - root) * 0.5f;
     const float lambda = std::abs(l1) < std::abs(l2) ? l2 : l1;
 
-    // Not |u|: a negative u, of a valley, takes the bound too, which turns n to y where gxy is not 0. Kept on purpose;
-    // rims are ridges.
+    // Not |u|: a negative u, of a valley, takes the bound too, which turns n to y where gxy is not 0. Rims are ridges.
     const float u = gyy - lambda;
     const float v = kNearZero > u ? kLargestInverse : 1.0f / u;
     const float tilt = v * gxy;

@@ -16,14 +16,6 @@ constexpr int kNext = 0;
 constexpr int kChild = 2;
 constexpr int kParent = 3;
 
-// Least share of the inner in the outer area, where the outer contour is outermost, and where it lies within another
-// one.
-constexpr float kLeastShareOutermost = 0.5f;
-constexpr float kLeastShareNested = 0.25f;
-
-/// A hole's hull may be a little larger than its outline; by more, and it does not belong to it.
-constexpr float kLargestShare = 1.05f;
-
 double at(const std::vector<double>& areas, int index) {
     return areas[static_cast<std::size_t>(index)];
 }

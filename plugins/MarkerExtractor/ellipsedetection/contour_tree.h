@@ -6,6 +6,14 @@
 
 namespace kestrune {
 
+// Least share of the inner in the outer area, where the outer contour is outermost, and where it lies within another
+// one.
+constexpr float kLeastShareOutermost = 0.5f;
+constexpr float kLeastShareNested = 0.25f;
+
+/// A hole's hull may be a little larger than its outline; by more, and it does not belong to it.
+constexpr float kLargestShare = 1.05f;
+
 /// Signed area of each contour: of itself if it has holes, of its convex hull if not, since the inner side of a rim may
 /// be jagged; 0 for fewer than three points, and for one that is alone, of which nobody asks.
 ///

@@ -18,11 +18,6 @@ namespace {
 constexpr int kConnectivity = 8;
 constexpr int kExtraMargin = 5;  ///< px beyond the reach of the smoothing, so that an edge and its slopes are inside
 
-// A bound of pixels for a bound of the diameter, and linear in it although a blob has an area: blobs and contours of a
-// marker are rings. A rim of one pixel has about pi pixels for each of the diameter, so that one as small as
-// `minDiameter` is too short.
-constexpr std::int64_t kPixelsPerDiameter = 4;
-
 // Pixels over the box's perimeter, of a blob and of a contour: less is a fragment.
 constexpr double kLeastPerimeterShare = 0.6;
 // Pixels over the area of the ellipse in the box: less is a thin stroke across it.

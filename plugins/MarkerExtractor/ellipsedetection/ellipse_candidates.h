@@ -10,6 +10,11 @@
 
 namespace kestrune {
 
+/// A bound of pixels for a bound of the diameter, and linear in it although a blob has an area: blobs and contours of a
+/// marker are rings. A rim of one pixel has about pi pixels for each of the diameter, so that one as small as
+/// `minDiameter` is too short.
+constexpr std::int64_t kPixelsPerDiameter = 4;
+
 /// Finds pixel contours that may be the rims of round markers, bright or dark. A search for blobs in the reduced image
 /// says where to look; the edges of a window around each blob are thinned to one pixel, and their nesting is judged:
 /// a marker's edge is a closed line, which a contour tree shows as an outline with a hole of about its size.

@@ -45,14 +45,14 @@ class LaneRange {
     cv::v_float32x4 max_ = cv::v_setall_f32(-std::numeric_limits<float>::max());
 };
 
-void gradientOfGroups(const cv::Mat& blur16U, cv::Mat& grad, cv::Mat& dx, cv::Mat& dy, int y, int grouped,
+void gradientOfGroups(const cv::Mat& blur16U, const plain::GradientImages& images, int y, int grouped,
                       LaneRange& range) {
     const auto* const above = blur16U.ptr<std::uint16_t>(y - 1);
     const auto* const row = blur16U.ptr<std::uint16_t>(y);
     const auto* const below = blur16U.ptr<std::uint16_t>(y + 1);
-    auto* const gradRow = grad.ptr<float>(y);
-    auto* const dxRow = dx.ptr<float>(y);
-    auto* const dyRow = dy.ptr<float>(y);
+    auto* const gradRow = images.grad.ptr<float>(y);
+    auto* const dxRow = images.dx.ptr<float>(y);
+    auto* const dyRow = images.dy.ptr<float>(y);
     for (int x = 1; x < grouped; x += plain::kGroup) {
         const Difference gx(row + x + 1, row + x - 1);
         const Difference gy(below + x, above + x);
@@ -111,11 +111,12 @@ void calc_gradient(const cv::Mat& blur16U, cv::Mat& img_grad, cv::Mat& img_dx, c
 #if KESTRUNE_EXACT_LANES
     for (cv::Mat* image : {&img_grad, &img_dx, &img_dy}) image->create(blur16U.size(), CV_32FC1);
     const int grouped = plain::groupedEnd(blur16U.cols, 1);
+    const plain::GradientImages images = {img_grad, img_dx, img_dy};
     plain::Range range;
     LaneRange lanes;
     for (int y = 1; y < blur16U.rows - 1; ++y) {
-        gradientOfGroups(blur16U, img_grad, img_dx, img_dy, y, grouped, lanes);
-        plain::gradientOfColumns(blur16U, img_grad, img_dx, img_dy, y, grouped, blur16U.cols - 1, grouped, range);
+        gradientOfGroups(blur16U, images, y, grouped, lanes);
+        plain::gradientOfColumns(blur16U, images, y, grouped, blur16U.cols - 1, grouped, range);
     }
     lanes.addTo(range);
     min = range.min;

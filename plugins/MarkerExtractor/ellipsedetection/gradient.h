@@ -4,8 +4,7 @@
 // its histogram, and a mask of the pixels that are maxima across the edge.
 //
 // All three take columns eight at a time, and the columns that are left over one at a time, and treat the two kinds a
-// little differently; each says how. That is behaviour: thresholds that hosts have found depend on it.
-// `gradient_plain.h` states the same rules one pixel at a time.
+// little differently; each says how. `gradient_plain.h` states the same rules one pixel at a time.
 #pragma once
 
 #include <opencv2/core.hpp>

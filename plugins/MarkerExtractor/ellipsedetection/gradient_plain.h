@@ -38,8 +38,15 @@ struct Range {
     }
 };
 
+/// Magnitude and components.
+struct GradientImages {
+    cv::Mat& grad;
+    cv::Mat& dx;
+    cv::Mat& dy;
+};
+
 /// Writes gradient and magnitude of columns `from` to `to` of row `y`.
-inline void gradientOfColumns(const cv::Mat& blur16U, cv::Mat& grad, cv::Mat& dx, cv::Mat& dy, int y, int from, int to,
+inline void gradientOfColumns(const cv::Mat& blur16U, const GradientImages& images, int y, int from, int to,
                               int grouped, Range& range) {
     const auto* const above = blur16U.ptr<std::uint16_t>(y - 1);
     const auto* const row = blur16U.ptr<std::uint16_t>(y);
@@ -52,9 +59,9 @@ inline void gradientOfColumns(const cv::Mat& blur16U, cv::Mat& grad, cv::Mat& dx
         const float gx = x < grouped ? static_cast<float>(stepX) * 0.5f : static_cast<float>(halfX);
         const float gy = x < grouped ? static_cast<float>(stepY) * 0.5f : static_cast<float>(halfY);
         const float magnitude = std::sqrt(gx * gx + gy * gy);
-        dx.at<float>(y, x) = gx;
-        dy.at<float>(y, x) = gy;
-        grad.at<float>(y, x) = magnitude;
+        images.dx.at<float>(y, x) = gx;
+        images.dy.at<float>(y, x) = gy;
+        images.grad.at<float>(y, x) = magnitude;
         range.take(magnitude);
     }
 }
@@ -111,7 +118,7 @@ inline void calc_gradient(const cv::Mat& blur16U, cv::Mat& grad, cv::Mat& dx, cv
     for (cv::Mat* image : {&grad, &dx, &dy}) image->create(blur16U.size(), CV_32FC1);
     Range range;
     for (int y = 1; y < blur16U.rows - 1; ++y) {
-        gradientOfColumns(blur16U, grad, dx, dy, y, 1, blur16U.cols - 1, groupedEnd(blur16U.cols, 1), range);
+        gradientOfColumns(blur16U, {grad, dx, dy}, y, 1, blur16U.cols - 1, groupedEnd(blur16U.cols, 1), range);
     }
     min = range.min;
     max = range.max;

@@ -35,7 +35,7 @@ struct BlobAtFullSize {
 
 /// Px that a blob's surroundings need at full size.
 int marginOf(const RadialSettings& settings) {
-    return static_cast<int>(std::ceil(3.0 * settings.sigma)) + 3;
+    return static_cast<int>(std::ceil(kWindowSigmas * settings.sigma)) + kWindowMargin;
 }
 
 void thresholdBright(const cv::Mat& image, cv::Mat& binary, const RadialSettings& settings) {
@@ -131,7 +131,7 @@ Drop measureBlob(const RadialImages& images, const Blob& blob, const RadialSetti
             : detectAgain(images.fullImage, images.fullBinary, blob, settings, drop);
     if (!full) return drop;
     const float rIn = static_cast<float>(full->shortSide) * 0.25f * 0.75f;
-    const auto rOut = static_cast<float>(full->diagonal * 0.5 * 1.25);
+    const auto rOut = static_cast<float>(full->diagonal * 0.5 * kOuterReach);
     const float least = settings.minRayRatio;
     const RaySearch search = searchRadialEdges(images.blurredFull, full->centre, rIn, rOut, points, directions.rays,
                                                settings.contrast / 2, least);

@@ -16,6 +16,11 @@
 
 namespace kestrune {
 
+// Where a blob is looked at again, and where its rays end.
+constexpr double kWindowSigmas = 3.0;  ///< around the blob's box at full size, of the smoothing, and ...
+constexpr int kWindowMargin = 3;       ///< ... px
+constexpr double kOuterReach = 1.25;   ///< of the rays, over half the diagonal of the blob's box
+
 /// Mean grey value of the pixels whose centres lie in a disc, and their number; (0, 0) if there are none.
 ///
 /// @param image   `CV_8UC1`.

@@ -9,7 +9,6 @@ namespace kestrune {
 
 namespace {
 
-constexpr float kCoarseStep = 3.0f;  ///< px: about the width of a blurred edge, so that one step holds most of its fall
 constexpr float kLeastStart = 1.5f;  ///< px: nearer to the centre, neighbouring rays read the same pixels
 constexpr int kFineSamples = 7;      ///< 1 px apart, from half a coarse step before the steepest coarse step
 constexpr float kFineLead = 1.5f;

@@ -8,6 +8,8 @@
 
 namespace kestrune {
 
+constexpr float kCoarseStep = 3.0f;  ///< px: about the width of a blurred edge, so that one step holds most of its fall
+
 /// Bilinear grey value.
 struct GreySample {
     bool valid;   ///< the position lies on the image, between the centres of its outermost pixels
@@ -32,20 +34,21 @@ inline GreySample sampleBilinear(const cv::Mat& image, float x, float y) {
 
 /// What a ray search met.
 struct RaySearch {
-    double beyond;  ///< px by which the outer circle and 3 px leave the image; 0 or less where they do not
+    double beyond;  ///< px by which the outer circle and a coarse step leave the image; 0 or less where they do not
     float bearing;  ///< share of the rays that bear an edge
 };
 
-/// Casts one ray along each direction and finds on it the point of steepest fall: coarsely in steps of 3 px between
-/// `rIn` and `rOut`, then in steps of 1 px, then by a parabola through three differences. The radii are then median
-/// filtered, freed of outliers and smoothed around the circle.
+/// Casts one ray along each direction and finds on it the point of steepest fall: coarsely in steps of `kCoarseStep`
+/// between `rIn` and `rOut`, then in steps of 1 px, then by a parabola through three differences. The radii are then
+/// median filtered, freed of outliers and smoothed around the circle.
 ///
 /// The radius is measured from the first sample of the steepest pair, so that it is half a pixel short of the edge
 /// between the two; the centre is not touched by that.
 ///
 /// @param image          `CV_8UC1`, smoothed.
-/// @param points         result, px, in the order of the directions; empty if the outer circle comes within 3 px of the
-///                       border or too few rays bear an edge.
+/// @param points         result, px, in the order of the directions; empty if the outer circle comes within a coarse
+/// step
+///                       of the border or too few rays bear an edge.
 /// @param dropThreshold  least coarse fall, grey levels, inclusive.
 /// @param minRayRatio    least share of rays with an edge, inclusive.
 RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
