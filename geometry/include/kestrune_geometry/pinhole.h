@@ -20,11 +20,6 @@ struct Pinhole {
 
     /// The pixel in an ideal camera of unit focal length: the ray's direction is (x, y, 1).
     cv::Point2d normalised(const cv::Point2d& pixel) const { return {(pixel.x - cx) / fx, (pixel.y - cy) / fy}; }
-
-    /// The pixel of a point; not finite for one with Z = 0.
-    cv::Point2d project(const cv::Vec3d& point) const {
-        return {fx * point[0] / point[2] + cx, fy * point[1] / point[2] + cy};
-    }
 };
 
 /// [t]x, with [t]x v the cross product of t and v.
