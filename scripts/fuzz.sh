@@ -3,8 +3,8 @@
 #
 # Builds the fuzzers and runs each for a while, as many at a time as there are processors; what breaks a promise or a
 # sanitizer is left in build/fuzz/found, and the exit code is 1 then. Each starts from the inputs kept in fuzz/corpus and
-# those that earlier runs found worth keeping.
-# usage: scripts/fuzz.sh [SECONDS for each, 60]
+# those that earlier runs found worth keeping. One seed tries much the same inputs each time; a campaign asks for others.
+# usage: scripts/fuzz.sh [SECONDS for each, 60] [SEED, 1]
 #        scripts/fuzz.sh --coverage     which share of the lines these inputs reach, by folder
 #        scripts/fuzz.sh --keep         replaces fuzz/corpus by the fewest of these inputs that reach as much
 set -euo pipefail
@@ -24,10 +24,10 @@ build() {
 
 # What libFuzzer says goes to a file, and the library's warnings, which come on standard output, nowhere.
 fuzz_one() {
-    local name=$1 seconds=$2 log=build/fuzz/$1.log
+    local name=$1 seconds=$2 seed=$3 log=build/fuzz/$1.log
     mkdir -p "build/fuzz/corpus/$name" "build/fuzz/found/$name" "fuzz/corpus/$name"
     local code=0
-    "build/fuzz/fuzz/kestrune_${name}_fuzz" -max_total_time="$seconds" -max_len=512 -len_control=0 -timeout=60 \
+    "build/fuzz/fuzz/kestrune_${name}_fuzz" -max_total_time="$seconds" -seed="$seed" -max_len=512 -len_control=0 -timeout=60 \
         -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="build/fuzz/found/$name/" \
         "build/fuzz/corpus/$name" "fuzz/corpus/$name" >/dev/null 2>"$log" || code=$?
     count() { sed -n "s/^stat::$1: *//p" "$log"; }
@@ -48,11 +48,18 @@ report_coverage() {
     done
     llvm-profdata merge -sparse "${profiles[@]}" -o build/fuzz-coverage/all.profdata
     echo "lines reached by the fuzzers"
-    local folder
-    for folder in "${folders[@]}"; do
-        llvm-cov report -instr-profile=build/fuzz-coverage/all.profdata "${programs[@]:1}" "$PWD/$folder" |
-            awk -v folder="${folder#"$library"/}" '$1 == "TOTAL" { printf "  %-30s %5d of %5d  %s\n", folder, $8 - $9, $8, $10 }'
-    done
+    llvm-cov export -format=lcov -instr-profile=build/fuzz-coverage/all.profdata "${programs[@]:1}" |
+        awk -v folders="${folders[*]#"$library"/}" -v library="/$library/" '
+            /^SF:/ { path = substr($0, index($0, library) + length(library)); sub("/[^/]*$", "", path) }
+            /^LF:/ { lines[path] += substr($0, 4) }
+            /^LH:/ { reached[path] += substr($0, 4) }
+            END {
+                count = split(folders, names, " ")
+                for (k = 1; k <= count; ++k) {
+                    n = lines[names[k]]
+                    printf "  %-30s %5d of %5d  %.2f %%\n", names[k], reached[names[k]], n, 100 * reached[names[k]] / n
+                }
+            }'
 }
 
 keep_corpus() {
@@ -66,12 +73,14 @@ keep_corpus() {
     du -sb fuzz/corpus/*
 }
 
-case ${1:-60} in
+usage="usage: scripts/fuzz.sh [SECONDS] [SEED] | --coverage | --keep"
+seconds=${1:-60} seed=${2:-1}
+case $seconds in
     --coverage) build fuzz-coverage && report_coverage ;;
     --keep) build fuzz && keep_corpus ;;
-    *[!0-9]*) echo "usage: scripts/fuzz.sh [SECONDS | --coverage | --keep]" >&2; exit 2 ;;
     *)
+        [[ $seconds$seed =~ ^[0-9]+$ ]] || { echo "$usage" >&2; exit 2; }
         build fuzz
         export -f fuzz_one
-        printf '%s\n' "${fuzzers[@]}" | xargs -P "$(nproc)" -I{} bash -c 'fuzz_one {} '"${1:-60}" || exit 1 ;;
+        printf '%s\n' "${fuzzers[@]}" | xargs -P "$(nproc)" -I{} bash -c 'fuzz_one "$@"' fuzz {} "$seconds" "$seed" || exit 1 ;;
 esac
