@@ -3,6 +3,9 @@
 // Every way from an image to markers, from a rendered exposure of which a little is spoiled.
 #include <cmath>
 
+#include <opencv2/imgproc.hpp>
+
+#include "edge_twins.h"
 #include "fuzz_input.h"
 #include "promises.h"
 #include "reasons.h"
@@ -121,6 +124,20 @@ void brighten(cv::Mat& image) {
     if (image.dims == 2) image.convertTo(image, -1, 1.6, -60);
 }
 
+/// Rings and discs about the rims of markers: nested, broken and overlapping ones.
+void drawOver(cv::Mat& image, const std::vector<Corner>& markers, Input& input) {
+    for (int k = input.whole(0, 3); k > 0; --k) {
+        const Corner& marker = input.oneOf(markers);
+        const cv::Point at(static_cast<int>(marker.x) + input.whole(-6, 6),
+                           static_cast<int>(marker.y) + input.whole(-6, 6));
+        const cv::Size axes(input.whole(1, 16), input.whole(1, 16));
+        const int from = input.isOdd() ? input.whole(0, 360) : 0;
+        cv::ellipse(image, at, axes, input.whole(0, 90), from, 360, cv::Scalar::all(input.whole(0, 255)),
+                    input.whole(0, 3) - 1, input.flag() ? cv::LINE_AA : cv::LINE_8);
+        if (input.flag()) cv::GaussianBlur(image, image, {0, 0}, 0.7);
+    }
+}
+
 void checkOne(Input& input) {
     Call call{};
     call.way = input.whole(0, kWayCount - 1);
@@ -132,16 +149,21 @@ void checkOne(Input& input) {
     call.configs = input.spoiled(goodConfigs(static_cast<Path>(path)), 4);
     if (input.flag()) call.configs.scale = input.whole(1, 3), call.configs.refineAtFullSize = input.flag();
     call.image = input.spoiled(from.image[static_cast<std::size_t>(call.eye)], 5);
+    const bool isDrawable = call.image.dims == 2 && !call.image.empty() && call.image.depth() == CV_8U;
+    if (isDrawable && input.flag()) drawOver(call.image, from.found[kRadial].left, input);
     if (call.way == kHand) brighten(call.image);
     if (call.way == kHand && call.image.type() == CV_8UC1 && !input.isOdd())
         cv::merge(std::vector<cv::Mat>(3, call.image), call.image);
     call.extractor = spoilsMembers ? input.spoiled(from.extractor, 2) : from.extractor;
+    if (input.isOdd()) call.extractor.leftDistortion = call.extractor.rightDistortion = input.distortion();
     if (isListFull) call.corners = from.found[kRadial].left;
     call.explains = call.explains && !isListFull;
 
     requireSameUnderAll(call.extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
         return recordOf(call, circumstances, e);
     });
+    if (!call.image.empty() && call.image.dims == 2 && call.image.type() == CV_8UC1 && input.isOdd())
+        checkEdgeTwins(call.image, input);
 }
 
 }  // namespace

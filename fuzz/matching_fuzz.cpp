@@ -76,10 +76,21 @@ struct Results {
                 pairs = matchRectifiedCorners(left, right, pairTestOf(c, e), call.rotation,
                                               {c.edgeLengthTolerance, c.edgeAngleTolerance}, points, &verdicts);
             } else {
-                ConicMatches found = pairConicCorners(left, right, e, c, &verdicts);
-                pairs = found.pairs, points = found.points, normals = found.normals, radii = found.radii;
+                fillDiscs(e, c);
             }
         });
+    }
+
+    void fillDiscs(CircleMarkerExtractor& e, const CicrleConfigs& c) {
+        requireConicCalibration(e, c.cornersRectified);
+        const auto matches = matchDiscs(left, right, e, c.cornersRectified, conicMatchSettings(c), &verdicts);
+        pairs.clear(), points.clear(), normals.clear(), radii.clear();
+        for (const DiscMatch& m : matches) {
+            pairs.emplace_back(m.left, m.right);
+            points.push_back({m.point[0], m.point[1], m.point[2]});
+            normals.push_back({m.normal[0], m.normal[1], m.normal[2]});
+            radii.push_back(m.radius);
+        }
     }
 
     Record record() const {
@@ -189,6 +200,7 @@ void checkOne(Input& input) {
     const CircleMarkerExtractor extractor = spoilsMembers ? input.spoiled(from.extractor, 2) : from.extractor;
     call.left = input.spoiled(call.left, 6);
     call.right = input.spoiled(call.right, 6);
+    if (input.isOdd()) (input.flag() ? call.left : call.right).clear();
 
     requireSameUnderAll(extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
         return recordOf(call, circumstances, e);

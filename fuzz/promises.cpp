@@ -14,6 +14,7 @@ namespace kestrune::fuzz {
 namespace {
 
 const std::int64_t kUsualWork = leastSharedWork;
+constexpr std::int64_t kAnyWork = 1;  ///< ns
 
 constexpr int kManyThreads = 3;
 constexpr std::uint64_t kMixer = 0x9E3779B97F4A7C15;  ///< odd, with its bits in no order
@@ -142,11 +143,15 @@ void requireSame(const Record& a, const Record& b, const char* promise) {
     require(false, promise);
 }
 
-void prepare(const Circumstances& circumstances, CircleMarkerExtractor& e) {
-    const int threads = circumstances.manyThreads ? kManyThreads : 1;
+void setThreads(const Circumstances& circumstances) {
+    const int threads = circumstances.manyThreads || circumstances.teamsAreLate ? kManyThreads : 1;
     omp_set_num_threads(threads);
     cv::setNumThreads(threads);
-    leastSharedWork = circumstances.manyThreads ? 0 : kUsualWork;
+    leastSharedWork = circumstances.manyThreads ? 0 : circumstances.teamsAreLate ? kAnyWork : kUsualWork;
+}
+
+void prepare(const Circumstances& circumstances, CircleMarkerExtractor& e) {
+    setThreads(circumstances);
     if (!circumstances.garbageInScratch) return;
     const auto fill = [](auto& list, auto value) { list.assign(list.size() + kSpareScratch, value); };
     for (auto* list : {&e.scratchBlurFull, &e.scratchEdgeMask, &e.scratchBinary, &e.scratchGray, &e.scratchWorking})

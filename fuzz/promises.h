@@ -102,19 +102,22 @@ void requireSame(const Record& a, const Record& b, const char* promise);
 
 /// What must make no difference to a result.
 struct Circumstances {
-    bool manyThreads = false;  ///< OpenMP's and OpenCV's
+    bool manyThreads = false;  ///< OpenMP's and OpenCV's, from the first item of a loop on
     bool garbageInScratch = false;
     bool imagesAreWindows = false;  ///< of larger images
+    bool teamsAreLate = false;      ///< threads join a loop in its midst, when it has taken long enough
     bool isAsked = false;           ///< for the reasons of a result, where a call can tell them
 
     /// The same pixels, with others around them where images are windows.
     cv::Mat imageOf(const cv::Mat& image) const;
 };
 
+void setThreads(const Circumstances& circumstances);
+/// The same, and what scratch storage holds.
 void prepare(const Circumstances& circumstances, CircleMarkerExtractor& extractor);
 
-/// Runs once on a fresh copy of `base`, a second time on the same object, now asked for reasons, and once under all
-/// other circumstances. Ends the run naming what made a difference.
+/// Runs once on a fresh copy of `base`, a second time on the same object, with late teams and asked for reasons, and
+/// once under all other circumstances. Ends the run naming what made a difference.
 ///
 /// @param run  makes everything but the extractor itself, calls, and gives the record of what the call left behind.
 template <typename Run>
@@ -124,15 +127,19 @@ void requireSameUnderAll(const CircleMarkerExtractor& base, const Run& run) {
         prepare(circumstances, extractor);
         return run(circumstances, extractor);
     };
-    constexpr Circumstances kAsked{.isAsked = true};
+    constexpr Circumstances kAsked{.isAsked = true}, kAskedLate{.teamsAreLate = true, .isAsked = true};
     CircleMarkerExtractor extractor = base;
     prepare({}, extractor);
-    const Record first = run(Circumstances{}, extractor), second = run(kAsked, extractor);
-    const Record changed = recordUnder({true, true, true, true});
+    const Record first = run(Circumstances{}, extractor);
+    setThreads(kAskedLate);
+    const Record second = run(kAskedLate, extractor);
+    const Record changed =
+        recordUnder({.manyThreads = true, .garbageInScratch = true, .imagesAreWindows = true, .isAsked = true});
     if (first.differenceFrom(second).empty() && second.differenceFrom(changed).empty()) return;
     requireSame(first, recordUnder({}), "a call with the same input equals the first");
     const Record asked = recordUnder(kAsked);
     requireSame(first, asked, "a result equals the one with reasons");
+    requireSame(asked, recordUnder(kAskedLate), "one thread equals a team that comes late");
     requireSame(asked, second, "the second call equals the first");
     requireSame(asked, recordUnder({.manyThreads = true, .isAsked = true}), "one thread equals many");
     requireSame(asked, recordUnder({.garbageInScratch = true, .isAsked = true}),

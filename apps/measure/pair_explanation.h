@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "MarkerExtractor/stereo/from_images.h"
+#include "MarkerExtractor/stereo/pair_verdicts.h"
 #include "settings.h"
 
 namespace kestrune::host {

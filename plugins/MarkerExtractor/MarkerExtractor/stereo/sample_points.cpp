@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "MarkerExtractor/stereo/sample_points.h"
-
 #include <algorithm>
-#include <cmath>
-#include <span>
 
-#include "MarkerExtractor/stereo/nan_last.h"
+#include "MarkerExtractor/stereo/rectified_match.h"
 
 namespace kestrune {
 
@@ -15,23 +11,31 @@ namespace {
 constexpr std::size_t kExtremePoints = 3;
 
 using Contour = std::vector<cv::Point2f>;
-using Points = std::span<const cv::Point2f>;
 
-/// Mean of three points, in the single precision of the contour.
-cv::Point2d meanOfThree(Points p) {
-    const float x = (p[0].x + p[1].x + p[2].x) / 3.0f;
-    const float y = (p[0].y + p[1].y + p[2].y) / 3.0f;
+bool leftOf(const cv::Point2f& a, const cv::Point2f& b) {
+    return ascendingNanLast(a.x, b.x);
+}
+bool above(const cv::Point2f& a, const cv::Point2f& b) {
+    return ascendingNanLast(a.y, b.y);
+}
+
+/// Mean of the first of three neighbours in the list, in the single precision of the contour.
+cv::Point2d meanOfThree(Contour::const_iterator first) {
+    const float x = (first[0].x + first[1].x + first[2].x) / 3.0f;
+    const float y = (first[0].y + first[1].y + first[2].y) / 3.0f;
     return {x, y};
 }
 
 /// Where one half of the contour crosses a row: midway between the last point above the row and the first one that is
-/// not; nowhere if the half lies on one side of it.
-std::optional<cv::Point2d> crossingOf(Points points, float row) {
-    Contour half(points.begin(), points.end());
-    std::ranges::stable_sort(half, AscendingNanLast(), &cv::Point2f::y);
-    const auto below = std::ranges::lower_bound(half, row, {}, &cv::Point2f::y);
-    if (below == half.begin() || below == half.end()) return std::nullopt;
-    return (below[0] + below[-1]) * 0.5f;
+/// not. False if the half lies on one side of it.
+bool crossRow(Contour half, float row, cv::Point2d& crossing) {
+    std::stable_sort(half.begin(), half.end(), above);
+    const auto below =
+        std::lower_bound(half.begin(), half.end(), row, [](const cv::Point2f& p, float y) { return p.y < y; });
+    if (below == half.begin() || below == half.end()) return false;
+    const cv::Point2f middle = (below[0] + below[-1]) * 0.5f;
+    crossing = middle;
+    return true;
 }
 
 bool isFinite(const cv::Point2d& p) {
@@ -40,29 +44,28 @@ bool isFinite(const cv::Point2d& p) {
 
 }  // namespace
 
-std::optional<Samples> samplePoints(const Corner& corner) {
-    if (corner.contour.size() < kExtremePoints) return std::nullopt;
+std::vector<cv::Point2d> samplePoints(const Corner& corner) {
+    if (corner.contour.size() < kExtremePoints) return {};
     Contour contour = corner.contour;
     const auto column = static_cast<float>(corner.x);
     const auto row = static_cast<float>(corner.y);
 
-    Samples samples;
+    std::vector<cv::Point2d> samples(kSampleCount);
     samples[kCentre] = {corner.x, corner.y};
-    std::ranges::stable_sort(contour, AscendingNanLast(), &cv::Point2f::x);
+    std::stable_sort(contour.begin(), contour.end(), leftOf);
     const auto split =
         std::partition_point(contour.begin(), contour.end(), [column](const cv::Point2f& p) { return p.x < column; });
-    const std::optional<cv::Point2d> rowLeft = crossingOf({contour.begin(), split}, row);
-    const std::optional<cv::Point2d> rowRight = crossingOf({split, contour.end()}, row);
-    if (!rowLeft || !rowRight) return std::nullopt;
-    samples[kRowLeft] = *rowLeft;
-    samples[kRowRight] = *rowRight;
-    samples[kLeftEnd] = meanOfThree(Points(contour).first(kExtremePoints));
-    samples[kRightEnd] = meanOfThree(Points(contour).last(kExtremePoints));
-    std::ranges::stable_sort(contour, AscendingNanLast(), &cv::Point2f::y);
-    samples[kTop] = meanOfThree(Points(contour).first(kExtremePoints));
-    samples[kBottom] = meanOfThree(Points(contour).last(kExtremePoints));
+    if (!crossRow(Contour(contour.begin(), split), row, samples[kRowLeft]) ||
+        !crossRow(Contour(split, contour.end()), row, samples[kRowRight])) {
+        return {};
+    }
+    samples[kLeftEnd] = meanOfThree(contour.begin());
+    samples[kRightEnd] = meanOfThree(contour.end() - kExtremePoints);
+    std::stable_sort(contour.begin(), contour.end(), above);
+    samples[kTop] = meanOfThree(contour.begin());
+    samples[kBottom] = meanOfThree(contour.end() - kExtremePoints);
 
-    if (!std::ranges::all_of(samples, isFinite)) return std::nullopt;
+    if (!std::all_of(samples.begin(), samples.end(), isFinite)) return {};
     return samples;
 }
 
