@@ -261,6 +261,13 @@ TEST(ExplainedPaths, TellTheBoundsThatRefusedAndEndWithTheMarkersOfThePath) {
             EXPECT_TRUE(same(candidate.ellipse, found.extractor.markerRects[static_cast<std::size_t>(candidate.marker)]));
         }
         EXPECT_EQ(times, std::vector<int>(times.size(), 1)) << "one candidate is a marker";
+        Findings findings;
+        if (configs.useComplexExtract) RimCall(image, found.extractor, 0, configs).run(found.extractor, &findings);
+        for (const JudgedCandidate& candidate : findings.candidates) {
+            const bool isMerged = candidate.outcome == Outcome::kMerged;
+            ASSERT_EQ(isMerged, candidate.rival >= 0);
+            EXPECT_TRUE(!isMerged || findings.candidates[static_cast<std::size_t>(candidate.rival)].outcome != Outcome::kMerged);
+        }
         std::ranges::move(explainHand(colour, configs), std::back_inserter(candidates));
         std::ranges::move(explainFast(image, configs), std::back_inserter(candidates));
         for (const ExplainedCandidate& candidate : candidates) {

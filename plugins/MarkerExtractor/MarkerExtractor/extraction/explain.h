@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Why was this contour not a marker? What the paths tell of their candidates, in words. Not part of the library's
-// interface: the example host shows it.
+// interface: the program shows it.
 #pragma once
 
 #include <cstdint>

@@ -30,7 +30,8 @@ cv::Mat reducedImage(const cv::Mat& grey, int scale, CircleMarkerExtractor& extr
 
 /// 0: the left camera; any other index: the right one. Refuses, by the member's name, what OpenCV must not be given
 /// where `configs` asks for undistortion; what it refuses itself is left to it and to the first contour.
-/// None where `configs` does not ask for undistortion.
+///
+/// @return none where `configs` does not ask for undistortion.
 std::optional<LensModel> lensOf(const CircleMarkerExtractor& extractor, int cameraIndex, const CicrleConfigs& configs);
 
 }  // namespace kestrune
