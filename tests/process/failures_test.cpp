@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Memory and threads run out at every point of every operation: a host gets an exception that the header names, and the same object gives the
-// right result at the next call. Whatever allocates in this process comes through here: the library, OpenCV, Eigen and OpenMP's runtime.
+// right result at the next call. At a fixed image size it allocates no image after the first. Whatever allocates in this process comes through
+// here: the library, OpenCV, Eigen and OpenMP's runtime.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -12,6 +13,7 @@
 #include <thread>
 
 #include "support/calls.h"
+#include "support/configs.h"
 #include "support/every_operation.h"
 #include "support/teams.h"
 
@@ -24,10 +26,12 @@ void* __libc_memalign(std::size_t, std::size_t);
 
 namespace {
 
-std::atomic<long> allocations{0}, firstFailure{0};  ///< 0: none fails
+constexpr std::size_t kLarge = 64 * 1024;
+std::atomic<long> allocations{0}, largeOnes{0}, firstFailure{0};  ///< 0: none fails
 std::atomic<bool> failsOnce{false}, noThreads{false};
 
-bool isThere() {
+bool isThere(std::size_t size) {
+    largeOnes += size > kLarge;
     const long first = firstFailure;
     if (first == 0) return true;
     const long number = ++allocations;
@@ -38,16 +42,16 @@ bool isThere() {
 
 extern "C" {
 void* malloc(std::size_t size) {
-    return isThere() ? __libc_malloc(size) : nullptr;
+    return isThere(size) ? __libc_malloc(size) : nullptr;
 }
 void* calloc(std::size_t count, std::size_t size) {
-    return isThere() ? __libc_calloc(count, size) : nullptr;
+    return isThere(count * size) ? __libc_calloc(count, size) : nullptr;
 }
 void* realloc(void* memory, std::size_t size) {
-    return isThere() ? __libc_realloc(memory, size) : nullptr;
+    return isThere(size) ? __libc_realloc(memory, size) : nullptr;
 }
 void* memalign(std::size_t alignment, std::size_t size) {
-    return isThere() ? __libc_memalign(alignment, size) : nullptr;
+    return isThere(size) ? __libc_memalign(alignment, size) : nullptr;
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
     return memalign(alignment, size);
@@ -147,6 +151,43 @@ TEST(Failures, AreNoneWithoutThreadsButThoseAskedFor) {
         noThreads = false;
         EXPECT_EQ(outcomeOf(operation, host, with, 0, false), "") << operation.name;
         EXPECT_EQ(without, with) << operation.name;
+    }
+}
+
+template <typename Call>
+long largeAllocationsOf(const Call& call) {
+    const long before = largeOnes;
+    call();
+    return largeOnes - before;
+}
+
+TEST(Allocation, LaterCallsOfTheRadialAndTheEdgeBasedPathAllocateNoImage) {
+    cv::Mat grey(512, 640, CV_8UC1, cv::Scalar(40)), colour;
+    for (int k = 0; k < 30; ++k) addDisc(grey, {60.3 + 100 * (k % 6), 60.7 + 90 * (k / 6)}, 14);
+    cv::cvtColor(grey, colour, cv::COLOR_GRAY2BGR);
+    for (CicrleConfigs configs : {discConfigs(true), rimConfigs()}) {
+        for (const cv::Mat& image : {grey, colour}) {
+            for (configs.scale = 1; configs.scale <= 2; ++configs.scale) {
+                configs.refineAtFullSize = configs.scale == 2;
+                CircleMarkerExtractor extractor;
+                std::vector<Corner> corners, again;
+                const long first = largeAllocationsOf([&] { ExtractCircleMarker(image, extractor, corners, 0, configs); });
+                const long second = largeAllocationsOf([&] { ExtractCircleMarker(image, extractor, again, 0, configs); });
+                ASSERT_EQ(corners.size(), 30u);
+                // What OpenCV allocates in the calls that the path must make, into buffers that are there already.
+                cv::Mat grey8(grey.size(), CV_8UC1), blurred(grey.size(), CV_8UC1), stats, centroids;
+                cv::Mat working(grey.size() / configs.scale, CV_8UC1), binary(working.size(), CV_8UC1), labels(working.size(), CV_32SC1);
+                const long unavoidable = largeAllocationsOf([&] {
+                    if (configs.useRadialContours) cv::GaussianBlur(grey, blurred, {21, 21}, 1, 1, cv::BORDER_REFLECT_101);
+                    if (image.channels() == 3) cv::cvtColor(image, grey8, cv::COLOR_BGR2GRAY);
+                    cv::resize(grey, working, working.size(), 0, 0, cv::INTER_LINEAR);
+                    cv::adaptiveThreshold(working, binary, 255, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, configs.aperture, -8);
+                    cv::connectedComponentsWithStats(binary, labels, stats, centroids, 8, CV_32S);
+                });
+                EXPECT_GE(first - unavoidable, configs.useRadialContours ? 4 : 7) << "the first call's buffers are seen";
+                EXPECT_EQ(second, unavoidable) << image.channels() << " channels, scale " << configs.scale;
+            }
+        }
     }
 }
 
