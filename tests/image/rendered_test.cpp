@@ -15,7 +15,7 @@ constexpr double kRadii[] = {6, 8, 12, 20, 30, 40};  // px
 struct Front {
     host::Path path;
     const char* settings;
-    bool mixed;             ///< every other marker is darker than its ground
+    bool mixed;        ///< every other marker is darker than its ground
     double rms[2][6];  ///< px, as measured for faint and for strong markers of each radius
 };
 

@@ -53,74 +53,51 @@ struct Host {
     }
 };
 
-/// What an operation gave.
-struct Numbers : std::vector<double> {
-    void add(const std::vector<Corner>& corners) {
-        for (const Corner& c : corners) insert(end(), {c.x, c.y, c.area, c.fitResidual, c.position[2], static_cast<double>(c.contour.size())});
+/// What an operation gives, first in its own lists.
+struct Result {
+    std::vector<Corner> corners;
+    std::vector<std::pair<int, int>> pairs;
+    std::vector<Point3_<double>> points;
+    std::vector<double> numbers;
+
+    std::vector<double> all() const {
+        std::vector<double> n = numbers;
+        for (const Corner& c : corners) n.insert(n.end(), {c.x, c.y, c.area, c.fitResidual, c.position[2], static_cast<double>(c.contour.size())});
+        for (const auto& [i, j] : pairs) n.insert(n.end(), {static_cast<double>(i), static_cast<double>(j)});
+        for (const Point3_<double>& p : points) n.insert(n.end(), {p.x, p.y, p.z});
+        return n;
     }
-    void add(const std::vector<std::pair<int, int>>& pairs, const std::vector<Point3_<double>>& points) {
-        for (const auto& [i, j] : pairs) insert(end(), {static_cast<double>(i), static_cast<double>(j)});
-        for (const Point3_<double>& p : points) insert(end(), {p.x, p.y, p.z});
+    void addStereo(Host& h, int path) {
+        std::vector<cv::RotatedRect> rects[2];
+        for (const auto& [left, right] : getStereoMarker3dPoints(h.left, h.right, h.e, points, rects[0], rects[1], Host::settings(path)))
+            pairs.emplace_back(left.id, right.id);
     }
 };
 
+/// Those by name of stereo end with the depth of a point. Numbers are six for a corner, five for a pair and its point.
 struct Operation {
     const char* name;
-    std::size_t count;  ///< of numbers: six for a corner, five for a pair and its point
-    std::function<void(Host&, Numbers&)> run;
+    std::size_t count;
+    std::function<void(Host&, Result&)> run;
 };
 
-inline Operation extraction(const char* name, int path, bool useThreads = false) {
-    return {name, 24, [=](Host& h, Numbers& result) {
-                CicrleConfigs configs = Host::settings(path);
-                configs.useThreads = useThreads;
-                std::vector<Corner> corners;
-                ExtractCircleMarker(h.left, h.e, corners, 0, configs);
-                result.add(corners);
-            }};
-}
-
-inline Operation stereo(const char* name, int path) {
-    return {name, 20, [=](Host& h, Numbers& result) {
-                std::vector<Point3_<double>> points;
-                std::vector<cv::RotatedRect> rects[2];
-                std::vector<std::pair<int, int>> ids;
-                for (const auto& [left, right] : getStereoMarker3dPoints(h.left, h.right, h.e, points, rects[0], rects[1], Host::settings(path)))
-                    ids.emplace_back(left.id, right.id);
-                result.add(ids, points);
-            }};
-}
-
-/// Those by name of stereo end with the depth of a point.
 inline const Operation kOperations[] = {
-    extraction("sub-pixel contours", 0),
-    extraction("radial contours", 1),
-    extraction("edge-based", 2),
-    stereo("stereo by constellation", 0),
-    stereo("stereo by conics", 1),
-    stereo("stereo, edge-based", 2),
+    {"sub-pixel contours", 24, [](Host& h, Result& r) { ExtractCircleMarker(h.left, h.e, r.corners, 0, Host::settings(0)); }},
+    {"radial contours", 24, [](Host& h, Result& r) { ExtractCircleMarker(h.left, h.e, r.corners, 0, Host::settings(1)); }},
+    {"edge-based", 24, [](Host& h, Result& r) { h.e.CircleExtractComplex(h.left, r.corners, 0, Host::settings(2)); }},
+    {"nothing found", 0, [](Host& h, Result& r) { ExtractCircleMarker(cv::Mat::zeros(20, 20, CV_8UC1), h.e, r.corners, 1, Host::settings(1)); }},
     {"hand and depth", 24,
-     [](Host& h, Numbers& result) {
-         std::vector<Corner> corners;
-         h.e.CircleExtractSimpleForHand(h.colour, corners, 0, Host::settings(0));
-         h.e.DetectFeaturePointsAndInterpolate_binocular(corners, h.depth, h.e.leftIntrinsic);
-         result.add(corners);
+     [](Host& h, Result& r) {
+         h.e.CircleExtractSimpleForHand(h.colour, r.corners, 0, Host::settings(0));
+         h.e.DetectFeaturePointsAndInterpolate_binocular(r.corners, h.depth, h.e.leftIntrinsic);
      }},
     {"fast, undistorted", 24,
-     [](Host& h, Numbers& result) {
-         std::vector<Corner> corners;
-         h.e.extractMarkPointsFast(h.left, corners, 0, Host::settings(0));
-         h.e.UndistortCorners(corners, h.e.leftIntrinsic, h.e.leftDistortion);
-         result.add(corners);
-     }},
-    {"nothing found", 1,
-     [](Host& h, Numbers& result) {
-         std::vector<Corner> corners;
-         result.push_back(h.e.CircleExtractComplex(cv::Mat::zeros(20, 20, CV_8UC1), corners, 1, Host::settings(2)));
-         ExtractCircleMarker(cv::Mat::zeros(20, 20, CV_8UC1), h.e, corners, 1, Host::settings(1));
+     [](Host& h, Result& r) {
+         h.e.extractMarkPointsFast(h.left, r.corners, 0, Host::settings(0));
+         h.e.UndistortCorners(r.corners, h.e.leftIntrinsic, h.e.leftDistortion);
      }},
     {"calibration", 3,
-     [](Host& h, Numbers& result) {
+     [](Host& h, Result& r) {
          CircleMarkerExtractor fresh;
          Host::calibrate(fresh);
          fresh.SetStereorectifyParam({h.e.leftProjection, h.e.rightProjection, h.e.leftRectification, h.e.rightRectification});
@@ -129,38 +106,34 @@ inline const Operation kOperations[] = {
          fresh.CalcFoundationMat(h.e.rotation, h.e.translation, h.e.leftIntrinsic, h.e.rightIntrinsic, fundamental);
          CircleMarkerExtractor copy(fresh);
          copy = h.e;
-         result.insert(result.end(), {fundamental.at<double>(1, 2), fresh.triangulationA(0, 0), copy.leftProjection.at<double>(0, 0)});
+         r.numbers = {fundamental.at<double>(1, 2), fresh.triangulationA(0, 0), copy.leftProjection.at<double>(0, 0)};
      }},
     {"rectified corners", 24,
-     [](Host& h, Numbers& result) {
-         std::vector<Corner> target;
-         h.e.StereoRectifyCorners(h.found[0], target, h.e.leftIntrinsic, {}, h.e.leftRectification, h.e.leftProjection, h.e.leftHomography);
-         result.add(target);
+     [](Host& h, Result& r) {
+         h.e.StereoRectifyCorners(h.found[0], r.corners, h.e.leftIntrinsic, {}, h.e.leftRectification, h.e.leftProjection, h.e.leftHomography);
      }},
     {"eccentricity", 6,
-     [](Host& h, Numbers& r) {
-         r.resize(6);
+     [](Host& h, Result& r) {
+         std::vector<double>& n = r.numbers = std::vector<double>(6);
          cv::Mat position = (cv::Mat_<double>(3, 1) << 10, 20, -Host::kDepth);
          cv::RotatedRect ellipse({100, 100}, {30, 20}, 10);
-         h.e.correctedEccentricityAhn(h.colour, position, ellipse, r[0], r[1], r[2], Host::kFocal, Host::kRadius);
-         h.e.correctedEccentricityAhn(h.colour, position, ellipse, r[3], r[4], r[5]);
+         h.e.correctedEccentricityAhn(h.colour, position, ellipse, n[0], n[1], n[2], Host::kFocal, Host::kRadius);
+         h.e.correctedEccentricityAhn(h.colour, position, ellipse, n[3], n[4], n[5]);
      }},
+    {"stereo by constellation", 20, [](Host& h, Result& r) { r.addStereo(h, 0); }},
+    {"stereo by conics", 20, [](Host& h, Result& r) { r.addStereo(h, 1); }},
+    {"stereo, edge-based", 20, [](Host& h, Result& r) { r.addStereo(h, 2); }},
     {"stereo from corners", 20,
-     [](Host& h, Numbers& result) {
-         std::vector<Point3_<double>> points;
+     [](Host& h, Result& r) {
          std::vector<Corner> left = h.found[0], right = h.found[1];
-         const auto pairs =
-             getStereoMarker3dPoints(left, right, h.e.leftTriangulation, h.e.leftIntrinsic, h.e.rightIntrinsic, h.e.fundamental, points);
-         result.add(pairs, points);
+         const cv::Mat &A = h.e.leftIntrinsic, &B = h.e.rightIntrinsic;
+         r.pairs = getStereoMarker3dPoints(left, right, h.e.leftTriangulation, A, B, h.e.fundamental, r.points);
      }},
-    {"stereo from rectified corners", 40,
-     [](Host& h, Numbers& result) {
-         for (const double tolerance : {0.2, 0.0}) {  // by the constellation, and by the fallback
-             std::vector<Point3_<double>> points;
-             const auto pairs = getStereoRectifiedMarker3dPoints(h.found[0], h.found[1], {Host::kRadius}, points, h.turn, h.e.leftProjection,
-                                                                 h.e.rightProjection, 2, 500, 2000, false, false, 0.3, 3, true, tolerance, tolerance);
-             result.add(pairs, points);
-         }
+    {"stereo from rectified corners", 32,  // by the constellation, and by the fallback, which appends its points
+     [](Host& h, Result& r) {
+         for (const double tolerance : {0.2, 0.0})
+             r.pairs = getStereoRectifiedMarker3dPoints(h.found[0], h.found[1], {Host::kRadius}, r.points, h.turn, h.e.leftProjection,
+                                                        h.e.rightProjection, 2, 500, 2000, false, false, 0.3, 3, true, tolerance, tolerance);
      }},
 };
 
