@@ -4,7 +4,6 @@
 #include <deque>
 
 #include "support/configs.h"
-#include "support/teams.h"
 
 namespace kestrune::test::subpixel_contours {
 
@@ -142,22 +141,6 @@ TEST(RefineContours, FindsTheTopOfAParabolicRidge) {
         EXPECT_NEAR(contours[0].direction[0], c.direction, 1e-6) << c.what;
         EXPECT_NEAR(contours[0].response[0], c.magnitude(c.pixel.x, c.pixel.y) / 128, 0.02) << c.what;  // the facet keeps a parabola's value
     }
-}
-
-TEST(RefineContours, GivesTheSameBitsForAnyNumberOfThreadsAndContours) {
-    const SharedLoops shared;
-    cv::RNG rng(7);
-    const auto [dx, dy] = randomDerivatives({40, 40}, -4000, 4000, rng);
-    std::vector<cv::Point> all(1600);
-    for (int i = 0; i < 1600; ++i) all[i] = {i % 40, i / 40};
-    std::vector<SubpixelContour> whole, cut;
-    omp_set_num_threads(1);
-    refineContours(dx, dy, {all}, whole);
-    omp_set_num_threads(3);
-    refineContours(dx, dy, {all, {}, {all.begin() + 700, all.end()}}, cut);
-    EXPECT_TRUE(cut[0].points == whole[0].points && cut[0].response == whole[0].response && cut[0].direction == whole[0].direction);
-    EXPECT_TRUE(cut[1].points.empty() &&
-                std::equal(cut[2].points.begin(), cut[2].points.end(), whole[0].points.begin() + 700, whole[0].points.end()));
 }
 
 }  // namespace kestrune::test::subpixel_contours

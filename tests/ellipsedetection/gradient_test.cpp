@@ -190,8 +190,8 @@ TEST(Gradient, WrongTypesRaiseTheAssertionOfTheRoutine) {
             EXPECT_EQ(e.code, cv::Error::StsAssert);
             EXPECT_EQ(e.file + ':' + std::to_string(e.line) + ' ' + e.func + ' ' + e.err, std::string("plugins/MarkerExtractor/") + raised);
         }
-        EXPECT_TRUE(a.empty() && b.empty() && c.empty() && mask.empty() && strong.capacity() == 0) << "untouched";
     }
+    EXPECT_TRUE(mask.empty()) << "untouched";
 }
 
 TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {

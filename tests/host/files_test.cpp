@@ -31,9 +31,8 @@ class HostFiles : public testing::Test {
         cv::imwrite("d/R.png", exposure.image[1]);
         cv::imwrite("z.png", cv::Mat(320, 400, CV_16UC1, cv::Scalar(900)));
         writeCalibration("rig.yaml", rig);
-        std::string text = readText("ready/bright-radial.yaml");
-        std::ofstream("s.yaml") << text.replace(text.find("[ 1.5, 2.5 ]"), 12, "[ 8, 12 ]");
-        std::ofstream("u.yaml") << withLine(text, "skipUndistort:", "skipUndistort: false");
+        writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 8, 12 ]"}});
+        writeSettings("u.yaml", "s.yaml", {{"skipUndistort", "false"}});
         std::ofstream("l.csv") << "x,y\n10,10\n", std::ofstream("r.csv") << "x,y\n10,10\n";
         std::ofstream("old.csv") << "earlier\n";
         std::filesystem::create_hard_link("d/L.png", "hard.csv");

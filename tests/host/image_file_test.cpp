@@ -129,8 +129,7 @@ TEST(HostGreyRange, IsThatOfTheWholeRunAndTold) {
     const scene::Rig rig = scene::makeVergedRig({400, 320});
     const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 6, 8, 12, 200, 1), {}, {});
     writeCalibration("rig.yaml", rig);
-    const std::string text = readText("ready/bright-radial.yaml");
-    std::ofstream("s.yaml") << withLine(text, "markerRadii:", "markerRadii: [ 8., 12. ]");
+    writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 8, 12 ]"}});
     for (int eye = 0; eye < 2; ++eye) {
         const std::string name = eye == 0 ? "left" : "right";
         cv::Mat twelve, real, dim = exposure.image[eye] / 8;

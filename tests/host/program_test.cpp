@@ -65,7 +65,7 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
     writeCalibration("rig.yaml", rig);
     cv::imwrite("left.png", exposure.image[0]);
     CircleMarkerExtractor extractor;
-    std::ofstream("free.yaml") << withLine(readText("ready/bright-radial.yaml"), "skipUndistort", "skipUndistort: false");
+    writeSettings("free.yaml", "ready/bright-radial.yaml", {{"skipUndistort", "false"}});
     const std::vector<Marker> markers =
         findMarkers(extractor, exposure.image[0], 0, loadCalibration("rig.yaml", 0)[0], loadSettings("free.yaml", {}));
     ASSERT_GE(markers.size(), 10u);
@@ -92,14 +92,11 @@ TEST(HostProgram, HoldsPixelsToTheirCalibration) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({400, 320});
     writeCalibration("rig.yaml", rig);
-    const std::string ready = readText("ready/bright-radial.yaml"), calibration = readText("rig.yaml");
-    const auto without = [](const std::string& text, const char* name, const char* value) {
-        return withLine(text, name, std::string(name) + ": " + value);
-    };
-    std::ofstream("free.yaml") << without(ready, "skipUndistort", "false");
-    std::ofstream("twice.yaml") << without(without(ready, "skipUndistort", "false"), "cornersRectified", "true");
-    std::ofstream("rectified.yaml") << without(ready, "cornersRectified", "true");
-    std::ofstream("unsized.yaml") << withLine(withLine(calibration, "image_width", ""), "image_height", "");
+    const std::string ready = "ready/bright-radial.yaml";
+    writeSettings("free.yaml", ready, {{"skipUndistort", "false"}});
+    writeSettings("twice.yaml", "free.yaml", {{"cornersRectified", "true"}});
+    writeSettings("rectified.yaml", ready, {{"cornersRectified", "true"}});
+    std::ofstream("unsized.yaml") << withLine(withLine(readText("rig.yaml"), "image_width", ""), "image_height", "");
     scene::Rig plain = rig;
     plain.left.distortion = plain.right.distortion = {};
     writeCalibration("plain.yaml", plain);
@@ -111,9 +108,7 @@ TEST(HostProgram, HoldsPixelsToTheirCalibration) {
     const std::tuple<const char*, int, const char*> cases[] = {
         {"extract a.png other.png --settings free.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px, the calibration is for 400 x 320"},
         {"extract other.png --settings ready/bright-radial.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px"},
-        {"extract a.png other.png --settings free.yaml --calibration unsized.yaml", 1, "other.png: is 400 x 300 px"},
-        {"extract a.png --settings free.yaml --calibration unsized.yaml", 0,
-         "unsized.yaml: tells no image size; taken to be for 400 x 320 px, as a.png"},
+        {"extract a.png other.png --settings free.yaml --calibration unsized.yaml", 1, "no image size; taken to be for 400 x 320 px, as a.png"},
         {"explain other.png --settings free.yaml --calibration rig.yaml", 1, "other.png: is 400 x 300 px"},
         {"explain a.png --settings free.yaml --calibration unsized.yaml", 0, "unsized.yaml: tells no image size"},
         {"depth other.png otherZ.png --settings free.yaml --calibration rig.yaml --csv d.csv", 1, "other.png: is 400 x 300 px"},
@@ -166,37 +161,39 @@ TEST(HostMarkers, AreTrueAndAccountedForAtEveryScale) {
         const bool byHand = settings.path == Path::hand;
         const auto score = scene::scoreDetections(exposure.markers, 1, centres, !byHand, 2);
         EXPECT_EQ(score.missed, std::vector<int>{5});
-        EXPECT_TRUE(score.falseOnes.empty() && score.matches.size() >= 15) << markers.size();
+        EXPECT_TRUE(score.falseOnes.empty());
+        EXPECT_GE(score.matches.size(), 15u);
         EXPECT_LT(score.centreRms, worstRms);  // half a pixel of the reduced image would be 0.5 or 1
         for (const scene::DetectionMatch& match : score.matches) {
             const Marker& marker = markers[static_cast<std::size_t>(match.detection)];
             EXPECT_NEAR(marker.majorHalfAxis, exposure.markers[static_cast<std::size_t>(match.marker)].eye[1].majorHalfAxis, worstAxis);
-            EXPECT_TRUE(marker.id == match.detection && std::abs(marker.area / marker.majorHalfAxis / marker.minorHalfAxis - 4) < 0.01);
+            EXPECT_EQ(marker.id, match.detection);
+            EXPECT_NEAR(marker.area / marker.majorHalfAxis / marker.minorHalfAxis, 4, 0.01);
             EXPECT_EQ(marker.polarity, settings.path == Path::complex ? Polarity::bright : Polarity::unknown);
         }
-        const std::vector<Candidate> candidates = explainMarkers(extractor, exposure.image[1], 1, camera, settings);
         std::vector<int> seen(markers.size());
         int refusedAskew = 0;
-        for (const Candidate& c : candidates) {
+        for (const Candidate& c : explainMarkers(extractor, exposure.image[1], 1, camera, settings)) {
             const cv::Point2d middle = 0.5 * (c.box.tl() + c.box.br());
             EXPECT_NE(c.gate.empty(), !c.wanted.empty());
             if (c.gate.empty()) {
                 const Marker& marker = markers.at(static_cast<std::size_t>(c.marker));
                 ++seen[static_cast<std::size_t>(c.marker)];
-                EXPECT_TRUE(cv::norm(c.rim->centre - marker.centre) < 1e-4 && c.rim->majorHalfAxis == marker.majorHalfAxis);
+                EXPECT_LT(cv::norm(c.rim->centre - marker.centre), 1e-4);
+                EXPECT_EQ(c.rim->majorHalfAxis, marker.majorHalfAxis);
                 EXPECT_LT(cv::norm(middle - marker.centre), 12) << "but for the lens";
             } else if (cv::norm(middle - askew.distortedCentre) < 3) {
                 ++refusedAskew;
-                EXPECT_TRUE(c.gate == "eccentricity" || c.gate == "axis ratio") << c.gate;
-                EXPECT_NEAR(c.measured, c.gate == "axis ratio" ? ratio : std::sqrt(1 - ratio * ratio), 0.05);
+                EXPECT_NEAR(c.measured,
+                            c.gate == "axis ratio"     ? ratio
+                            : c.gate == "eccentricity" ? std::sqrt(1 - ratio * ratio)
+                                                       : -1,
+                            0.05)
+                    << c.gate;
             }
         }
         EXPECT_EQ(seen, std::vector<int>(markers.size(), 1));
         EXPECT_GE(refusedAskew, 1);
-        std::ostringstream csv;
-        writeExplanationCsv(csv, "a", candidates);
-        EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(csv.str(), '\n')), candidates.size() + 1);
-        EXPECT_GT(drawExplanation(exposure.image[1], candidates, "").rows, 803);
     }
 }
 
@@ -224,14 +221,8 @@ TEST(HostExplanation, TellsWhatNeverBecameACandidate) {
     const std::string csv = readText("e.csv");
     for (const char* part : {"\nmid.png,,70.5,80.5,22,22,,,,,,blob: no rim,23.", "\"contrast 30 or more, of its mean to the ring around it\",\n"})
         EXPECT_NE(csv.find(part), std::string::npos) << csv;
-    const Settings settings = loadSettings("ready/bright-radial.yaml", {});
-    for (const auto& [file, hinted] : {std::pair("bright.png", false), {"dark.png", true}}) {
-        CircleMarkerExtractor extractor;
-        const cv::Mat image = readImage(file, false);
-        const std::vector<Marker> markers = findMarkers(extractor, image, 0, {}, settings);
-        EXPECT_EQ(!polarityHint(extractor, image, 0, {}, settings, markers, false).empty(), hinted) << file;
-        EXPECT_TRUE(tryOtherSettings(extractor, image, 0, {}, settings, markers).empty()) << file;
-    }
+    const std::string good = shell(KESTRUNE_MEASURE " explain bright" + radial).second;
+    for (const char* hint : {" shapes are", " instead of "}) EXPECT_EQ(good.find(hint), std::string::npos) << good;
 }
 
 TEST(HostMarkers, TheReducedCameraSeesTheSamePlaceAndFieldsAreQuoted) {
@@ -259,8 +250,7 @@ TEST(HostExplanation, CountsWhatIsTooMuchToList) {
 TEST(HostProgram, WarnsOfCentresThatRefinementSpoilt) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({800, 640});
-    const std::string ready = readText("ready/bright-radial.yaml");
-    std::ofstream("refined.yaml") << withLine(ready, "refineAtFullSize:", "refineAtFullSize: true");
+    writeSettings("refined.yaml", "ready/bright-radial.yaml", {{"refineAtFullSize", "true"}});
     for (const auto& [file, grey, noise] : {std::tuple("faint.png", 110, 4), {"strong.png", 190, 2}})
         cv::imwrite(file, scene::render(rig, scene::makeScatteredDiscs(rig, 12, 30, 30, 20, grey, 4), {}, {50, 0.8, double(noise)}).image[0]);
     const char* const warning = "refineAtFullSize: against the search without it";

@@ -38,9 +38,7 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
         cv::imwrite(name + "-right.png", truth[name].image[1]);
     }
     cv::imwrite("dark.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
-    std::string text = readText("ready/bright-radial.yaml");
-    std::ofstream("settings.yaml") << text.replace(text.find("[ 1.5, 2.5 ]"), 12, "[ 5, 8 ]");
-
+    writeSettings("settings.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 5, 8 ]"}});
     const std::string common = "stereo --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
     expectOutcome(common + "--left a.png dark.png c.png --right a-right.png c-right.png c-right.png --jobs 3 --overlay pictures", 1,
                   "dark.png, c-right.png): no markers in the left eye");
@@ -49,8 +47,9 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     ASSERT_EQ(rows.size(), 2u);
     for (const auto& [name, measured] : rows) {
         const scene::StereoScore score = scene::scoreStereo(truth[name], measured, scene::PixelMeaning::projectedCentre, 2);
-        EXPECT_TRUE(score.missed.empty() && score.wrong.empty()) << name << ": " << score.missed.size() << " missed";
-        EXPECT_TRUE(score.pointRms < 2 * score.impliedRms && score.pointRms < 0.1 && score.normalRms < 4) << score.pointRms;
+        EXPECT_EQ(score.missed.size() + score.wrong.size(), 0u) << name;
+        EXPECT_LT(score.pointRms, std::min(0.1, 2 * score.impliedRms));
+        EXPECT_LT(score.normalRms, 4);
         points += measured.size();
         EXPECT_GT(readImage("pictures/" + name + ".png", false).cols + readImage("pictures/" + name + "-3d.png", false).cols, 3200);
     }
@@ -59,7 +58,7 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     EXPECT_NE(ply.find("element vertex " + std::to_string(points) + "\n"), std::string::npos);
     EXPECT_EQ(static_cast<std::size_t>(std::count(ply.begin() + static_cast<long>(ply.find("end_header\n")), ply.end(), '\n')), points + 1);
     const auto json = nlohmann::json::parse(readText("t.json"));
-    EXPECT_TRUE(json["complete"] && json["exposures"].size() == 3);
+    EXPECT_EQ(json["complete"], true);
     EXPECT_EQ(json["exposures"][1]["error"], "no markers in the left eye");
     EXPECT_EQ(json["exposures"][1]["found"], (nlohmann::json{0, 14}));
     EXPECT_EQ(json["exposures"][0]["markers"].size() + json["exposures"][2]["markers"].size(), points);
@@ -74,46 +73,35 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
     writeCalibration("rig.yaml", rig);
-    const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {});
-    const scene::Exposure next = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {.seed = 2});
-    cv::imwrite("l.png", exposure.image[0]), cv::imwrite("r.png", exposure.image[1]);
-    cv::imwrite("l2.png", next.image[0]), cv::imwrite("r2.png", next.image[1]);
+    for (const unsigned seed : {1u, 2u}) {  // the same object twice
+        const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {.seed = seed});
+        cv::imwrite(seed == 1 ? "l.png" : "l2.png", exposure.image[0]), cv::imwrite(seed == 1 ? "r.png" : "r2.png", exposure.image[1]);
+    }
     scene::Rig ideal = rig;
     ideal.left.distortion = ideal.right.distortion = {};
-    const CircleMarkerExtractor e = test::calibrated(rig);
+    const std::string stereo = "stereo --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
     for (const char* ready : {"ready/bright-radial.yaml", "ready/bright-subpixel.yaml"}) {
-        for (const char* rectified : {"false", "true"}) {
-            std::ofstream("settings.yaml") << withLine(withLine(readText(ready), "markerRadii", "markerRadii: [ 3, 4.5 ]"), "outputRectified",
-                                                       std::string("outputRectified: ") + rectified);
-            const std::string stereo = "stereo --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
-            expectOutcome(stereo + "--left l.png --right r.png", 0, "60 pairs of 60 left and 60 right markers, 0 and 0 unmatched; RMS rows 0.0");
-            for (const auto& [name, v] : rowsOf("t.csv", kColumns)) {
-                const cv::Point2d pixel[2] = {{v[1], v[2]}, {v[3], v[4]}};
-                cv::Vec3d point(v[5], v[6], v[7]);
-                if (rectified[0] == 't') point = cv::Matx33d(e.leftRectification).t() * point;
-                cv::Point2d rows[2];
-                for (int eye = 0; eye < 2; ++eye) {
-                    const scene::PinholeCamera& camera = eye ? ideal.right : ideal.left;
-                    EXPECT_NEAR(v[13 + eye], cv::norm(scene::projectPoint(camera, point) - pixel[eye]), 1e-7);
-                    std::vector<cv::Point2d> moved;
-                    cv::undistortPoints(std::vector{pixel[eye]}, moved, camera.intrinsic, cv::Mat(), eye ? e.rightRectification : e.leftRectification,
-                                        eye ? e.rightProjection : e.leftProjection);
-                    rows[eye] = moved[0];
-                }
-                EXPECT_NEAR(v[12], rows[0].y - rows[1].y, 1e-7);
-                EXPECT_TRUE(v[14] > 0 && v[14] < 0.1 && v[15] == 60 && v[16] == 60 && v[17] == 60 && v[18] == 0 && v[19] == 0);
-            }
-            if (rectified[0] == 't') continue;
-            for (const char* images : {"--left r.png --right l.png", "--left l.png --right l2.png", "--left r.png --right r2.png"}) {
-                expectOutcome(stereo + images, 1, " of 60 markers paired; eyes exchanged, or the calibration of another rig? ");
-                const auto [none, failed] = std::pair(readText("t.ply"), rowsOf("t.csv", kColumns));
-                EXPECT_NE(none.find("element vertex 0\n"), std::string::npos);
-                ASSERT_EQ(failed.size(), 1u);
-                EXPECT_TRUE(std::isnan(failed[0].values[5]) && failed[0].values[15] == 60 && failed[0].values[18] == 60 - failed[0].values[17]);
-                const auto record = nlohmann::json::parse(readText("t.json"))["exposures"][0];
-                EXPECT_TRUE(!record.contains("markers") && record["rejected"].size() == record["pairs"]) << record;
-                if (images[7] == 'r') expectOutcome(stereo + images + " --min-share 0", record["pairs"] == 0, "");
-            }
+        writeSettings("settings.yaml", ready, {{"markerRadii", "[ 3, 4.5 ]"}});
+        expectOutcome(stereo + "--left l.png --right r.png", 0, "60 pairs of 60 left and 60 right markers, 0 and 0 unmatched; RMS rows 0.0");
+        for (const auto& [name, v] : rowsOf("t.csv", kColumns)) {
+            const cv::Vec3d point(v[5], v[6], v[7]);
+            EXPECT_LT(std::abs(v[12]), 0.2);
+            EXPECT_NEAR(v[13], cv::norm(scene::projectPoint(ideal.left, point) - cv::Point2d(v[1], v[2])), 1e-7);
+            EXPECT_NEAR(v[14], cv::norm(scene::projectPoint(ideal.right, point) - cv::Point2d(v[3], v[4])), 1e-7);
+            EXPECT_EQ(std::vector(v.begin() + 15, v.begin() + 20), (std::vector<double>{60, 60, 60, 0, 0}));
+        }
+        for (const char* images : {"--left r.png --right l.png", "--left l.png --right l2.png", "--left r.png --right r2.png"}) {
+            expectOutcome(stereo + images, 1, " of 60 markers paired; eyes exchanged, or the calibration of another rig? ");
+            EXPECT_NE(readText("t.ply").find("element vertex 0\n"), std::string::npos);
+            const std::vector<Row> failed = rowsOf("t.csv", kColumns);
+            ASSERT_EQ(failed.size(), 1u);
+            const std::vector<double>& v = failed[0].values;
+            EXPECT_TRUE(std::isnan(v[5]));
+            EXPECT_EQ(cv::Vec2d(v[15], v[18]), cv::Vec2d(60, 60 - v[17]));
+            const auto record = nlohmann::json::parse(readText("t.json"))["exposures"][0];
+            EXPECT_FALSE(record.contains("markers"));
+            EXPECT_EQ(record["rejected"].size(), record["pairs"]);
+            if (images[7] == 'r') expectOutcome(stereo + images + " --min-share 0", record["pairs"] == 0, "");
         }
     }
     const std::string images = " --settings settings.yaml --calibration rig.yaml --left l.png --right r.png";
@@ -122,17 +110,14 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
 
     // Radii, least depth, and what is told; explain-stereo has all markers in its table and pictures both eyes.
     const std::tuple<const char*, const char*, const char*, const char*> obstacles[] = {
-        {"bright-radial", "[ 1.5, 2.5 ]", "600.", "29 of 60 markers paired; 31 of 31 without a partner ended at radius (mostly 4.3"},
-        {"bright-radial", "[ 3, 4.5 ]", "1100.", "of 60 without a partner ended at depth (mostly 90"},
-        {"bright-subpixel", "[ 20 ]", "600.", "60 of 60 without a partner ended at radius (mostly 2.98 to 4.488; markerRadii 20"}};
+        {"ready/bright-radial.yaml", "[ 1.5, 2.5 ]", "600.", "29 of 60 markers paired; 31 of 31 without a partner ended at radius (mostly 4.3"},
+        {"ready/bright-radial.yaml", "[ 3, 4.5 ]", "1100.", "of 60 without a partner ended at depth (mostly 90"},
+        {"ready/bright-subpixel.yaml", "[ 20 ]", "600.", "60 of 60 without a partner ended at radius (mostly 2.98 to 4.488; markerRadii 20"}};
     for (const auto& [ready, radii, depth, expected] : obstacles) {
-        std::ofstream("settings.yaml") << withLine(
-            withLine(readText(std::string("ready/") + ready + ".yaml"), "markerRadii", std::string("markerRadii: ") + radii), "minDepth",
-            std::string("minDepth: ") + depth);
+        writeSettings("settings.yaml", ready, {{"markerRadii", radii}, {"minDepth", depth}});
         expectOutcome("explain-stereo --csv e.csv --out e.png" + images, 0, expected);
         EXPECT_GT(readImage("e.png", false).cols, 2560);
-        const std::string table = readText("e.csv");
-        EXPECT_EQ(std::ranges::count(table, '\n'), 121);
+        EXPECT_EQ(std::ranges::count(readText("e.csv"), '\n'), 121);
     }
 }
 
@@ -224,7 +209,6 @@ TEST(HostStereo, MatchesProjectedLists) {
     const std::tuple<const char*, std::string, int, const char*> lists[] = {
         {"a,b\n1,2\n", undistorted, 2, "bad.csv: line 1: the header names no column 'x'"},
         {"x,y\n1,2\n3;4\n", undistorted, 2, "bad.csv: line 3: 1 fields, the header names 2"},
-        {"x,y\n1,2\n1,2,3\n", undistorted, 2, "line 3: 3 fields"},
         {"x,y\n\n1,2e\n", undistorted, 2, "line 3: field 'y': '2e' is no finite number"},
         {"x,y\nnan,\n", undistorted, 2, "bad.csv: line 2: field 'y': '' is no finite number"},
         {"x,y,id\n1,2,0.5\n", undistorted, 2, "line 2: field 'id': '0.5' is no whole number"},
@@ -286,12 +270,10 @@ T: !!opencv-matrix { rows: 3, cols: 1, dt: d, data: [ -78.2, -2., -62.4 ] }
         {records, "cameras", "fy: 910", "fz: 910", "'cameras.left.fy' is missing"},
         {records, "cameras", "-0.1, ", "", ""},
         {records, "cameras", "-0.1, 0.02, ", "", "'cameras.left.distortion' is no list"},
-        {records, "cameras", "", "cameras: 7", "'cameras.right.cy' is missing"},
         {records, "poses", "-0.6", "0.6", "'poses.right.rotation' is no rotation"},
         {records, "poses", "0, 0, 1 ], p", "0, 0, -1 ], p", "'poses.left.rotation' is a reflection"},
         {records, "poses", "100", ".Nan", "'poses.right.position' holds a value"},
         {records, "poses", "100, 2, 3", "0, 0, 0", "'poses': both cameras stand in one place"},
-        {records, "poses", "", "poses: 7", "'poses.left.rotation' is missing"},
         {records, "image_height", "", "", "'image_height' is missing"},
         {records, "image_width", "", "image_width: -5", "'image_width': -5 is no number of pixels"},
         {matrices, "imageSize", "", "", ""},

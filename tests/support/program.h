@@ -67,6 +67,13 @@ inline std::string withLine(std::string text, const std::string& start, const st
     return text.replace(at, text.find('\n', at) - at, line);
 }
 
+/// The settings of this file with other values of some fields.
+inline void writeSettings(const std::string& file, const std::string& from, const std::vector<std::array<std::string, 2>>& fields) {
+    std::string text = readText(from);
+    for (const auto& [name, value] : fields) text = withLine(text, name + ":", name + ": " + value);
+    std::ofstream(file) << text;
+}
+
 /// A loader must complain of this in a file of this text, or take it where nothing is expected. Gives all that it says.
 template <typename Load>
 std::string expectComplaint(const std::string& text, const Load& load, const std::string& expected) {
