@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "MarkerExtractor/stereo/from_images.h"
 #include "settings.h"
 
 namespace kestrune::host {

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/stereo/rectified_match.h"
 
+#include <algorithm>
 #include <cstring>
 #include <opencv2/imgproc.hpp>
 
+#include "MarkerExtractor/stereo/fallback.h"
 #include "kestrune/MarkerExtractor/stereo.h"
 #include "support/calls.h"
 #include "support/teams.h"
@@ -21,8 +23,8 @@ Corner cornerOf(double x, double y, std::vector<cv::Point2f> contour) {
 }
 
 TEST(RectifiedMatch, TakesSamplesFromTheContour) {
-    const std::vector<cv::Point2d> expected = {{10.25, 20.5}, {3.25, 22}, {17.25, 20.5}, {8, 15}, {11, 26}, {3.5, 20}, {16.5, 22}};
-    std::vector<cv::Point2d> narrowed = expected;  // in single precision this is the row of (3, 20) and (17, 20)
+    const Samples expected{{{10.25, 20.5}, {3.25, 22}, {17.25, 20.5}, {8, 15}, {11, 26}, {3.5, 20}, {16.5, 22}}};
+    Samples narrowed = expected;  // in single precision this is the row of (3, 20) and (17, 20)
     narrowed[kCentre].y = 20 + 1e-9, narrowed[kRowLeft] = {3.5, 18}, narrowed[kRowRight] = {15.5, 17.5};
     for (int turn = 0; turn < 10; ++turn) {
         std::vector<cv::Point2f> contour = kContour;
@@ -30,11 +32,11 @@ TEST(RectifiedMatch, TakesSamplesFromTheContour) {
         EXPECT_EQ(samplePoints(cornerOf(10.25, 20.5, contour)), expected);
         EXPECT_EQ(samplePoints(cornerOf(10.25, 20 + 1e-9, contour)), narrowed);
         contour[0].x = turn % 2 ? static_cast<float>(kNaN) : static_cast<float>(kInf);
-        EXPECT_TRUE(samplePoints(cornerOf(10.25, 20.5, contour)).empty());
+        EXPECT_FALSE(samplePoints(cornerOf(10.25, 20.5, contour)));
     }
     const double outside[][2] = {{10, 14}, {10, 15}, {10, 26.5}, {3, 20}, {18, 20}, {kNaN, 20}, {10, kNaN}, {kInf, 20}, {10, -kInf}, {1e300, 20}};
-    for (const auto& c : outside) EXPECT_TRUE(samplePoints(cornerOf(c[0], c[1], kContour)).empty()) << c[0] << ' ' << c[1];
-    for (const int n : {0, 1, 2}) EXPECT_TRUE(samplePoints(cornerOf(5, 15, {kContour.begin(), kContour.begin() + n})).empty());
+    for (const auto& c : outside) EXPECT_FALSE(samplePoints(cornerOf(c[0], c[1], kContour))) << c[0] << ' ' << c[1];
+    for (const int n : {0, 1, 2}) EXPECT_FALSE(samplePoints(cornerOf(5, 15, {kContour.begin(), kContour.begin() + n})));
 }
 
 TEST(RectifiedMatch, ComparesAreasAndRows) {
@@ -50,22 +52,20 @@ TEST(RectifiedMatch, ComparesAreasAndRows) {
                               {2, -1, -1, 4, 1, 0},        {-2, 1, -1, 4, 1, 0},        {2, -1, -1, 4, 3, 0},  {2, -1, -1, 4, 3.1, 1},
                               {-0.5, 0.4, -3, 4, 1, 1},    {2, -1e-50, -1e-50, 4, 1, 1}};
     for (const auto& c : rows) {
-        MarkerMatchRecord left{}, right{};
-        left.samples.resize(7), right.samples.resize(7);
-        left.y = c[0], left.samples[kTop].y = c[1], left.samples[kBottom].y = c[2];
+        Samples left{}, right{};
+        left[kCentre].y = c[0], left[kTop].y = c[1], left[kBottom].y = c[2];
         EXPECT_EQ(rowsAgree(left, right, c[3], c[4]), c[5]) << testing::PrintToString(c);
     }
     // With the loose gate the slack is half the row band, here 5, and 2 at least. Every size passes.
-    PairTest test{};
-    test.leftProjection = cv::Mat::eye(3, 4, CV_64F), test.rightProjection = test.leftProjection.clone();
-    test.rightProjection.at<double>(0, 3) = -1;
-    test.maxDepth = test.sizeTolerance = 1e6, test.radii = {1e6}, test.looseSizeGate = true, test.deviationFactor = 1;
+    RectifiedRig rig{cv::Matx34d::eye(), cv::Matx34d::eye(), cv::Matx33d::eye()};
+    rig.rightProjection(0, 3) = -1;
     for (const auto& [band, stray, isPair] : {std::tuple(10, 4.9, true), {10, 5.1, false}, {3, 1.9, true}, {3, 2.1, false}}) {
-        const MarkerMatchRecord left{2, 0, {}, {{2, 0}, {1, 0}, {3, 0}, {2, -1}, {2, 1}, {1, 0}, {3, 0}}, {}, {}, 1};
-        MarkerMatchRecord right = left;
-        for (cv::Point2d& p : right.samples) p.x -= 1;
-        right.samples[kTop].y += stray, right.samples[kBottom].y -= stray, test.maxRowDifference = band;
-        EXPECT_EQ(testCandidatePair(left, right, test).has_value(), isPair) << band << ' ' << stray;
+        const PairGates gates(rig, {{{1.0 * band, 0, 1e6}, {1e6}, 1e6}, false, true, false, 1, {}});
+        const RectifiedMarker left{{2, 0}, 1, Samples{{{2, 0}, {1, 0}, {3, 0}, {2, -1}, {2, 1}, {1, 0}, {3, 0}}}, {}};
+        RectifiedMarker right = left;
+        for (cv::Point2d& p : *right.samples) p.x -= 1;
+        (*right.samples)[kTop].y += stray, (*right.samples)[kBottom].y -= stray;
+        EXPECT_EQ(gates.candidateOf(left, right).has_value(), isPair) << band << ' ' << stray;
     }
 }
 
@@ -74,8 +74,6 @@ TEST(RectifiedMatch, JudgesTheSizeInSpace) {
         const auto [radius, spread] = markerSize({cv::Vec3d(1, 1, 1), {1, 1, 6}, {1, 4, 1}, {1, outlier, 1}, {3, 1, 1}, {1, 1, 2}, {1, -3, 1}});
         EXPECT_EQ(cv::Vec2d(radius, spread), cv::Vec2d(3.5, std::sqrt(1.25)));
     }
-    PairTest test{};
-    test.sizeTolerance = 0.25, test.deviationFactor = 4;
     // Plain 1, loose 2 and score gate 4, radius, spread, result: at the bounds of nominal radius 5, which are 4.375, 9 and 9.75,
     // 3.75 and 6.25, a spread of 1 and a score of 4.
     const double cases[][4] = {{1, 4.375, 0, 0},     {3, 4.376, 0, 1},  {1, 8.999, 99, 1}, {3, 9, 0, 0},     {1, kNaN, 0, 0},  {5, 4.375, 0, 0},
@@ -86,45 +84,50 @@ TEST(RectifiedMatch, JudgesTheSizeInSpace) {
                                {0, 6.249, 0, 1},     {0, 6.25, 0, 0},   {0, 5, 1, 0},      {0, kInf, 0, 0}};
     for (const auto& c : cases) {
         const int gates = static_cast<int>(c[0]);
-        test.plainRowGate = gates & 1, test.looseSizeGate = gates & 2, test.radiusScoreGate = gates & 4;
+        const auto passes = [&](const std::vector<double>& radii) {
+            const bool plain = gates & 1, loose = gates & 2, score = gates & 4;
+            return SizeGate({{{}, radii, 0.25}, score, loose, plain, 4, {}}).passes({c[1], c[2]});
+        };
         for (const double other : {-kInf, 0.0, kNaN}) {
-            test.radii = {other, 5, kNaN};
-            EXPECT_EQ(sizeFits({c[1], c[2]}, test), c[3]) << testing::PrintToString(c);
-            test.radii = {other};
-            EXPECT_FALSE(sizeFits({c[1], c[2]}, test));
+            EXPECT_EQ(passes({other, 5, kNaN}), c[3]) << testing::PrintToString(c);
+            EXPECT_FALSE(passes({other}));
         }
     }
 }
 
-MarkerMatchRecord recordOf(const std::vector<int>& matches, const std::vector<double>& radii = {5}) {
-    MarkerMatchRecord record{0, 0, matches, {}, {}, radii, 0};
-    for (const int m : matches) record.candidates3d.push_back({1.0 * m, 0, 0});
-    return record;
+std::vector<PairCandidate> candidatesOf(const std::vector<int>& partners, const std::vector<double>& radii = {}) {
+    std::vector<PairCandidate> candidates;
+    for (std::size_t k = 0; k < std::max(partners.size(), radii.size()); ++k)
+        candidates.push_back({k < partners.size() ? partners[k] : 0, {}, k < radii.size() ? radii[k] : 5});
+    return candidates;
+}
+
+RectifiedMarker markerOf(const std::vector<int>& partners) {
+    return {{}, 0, {}, candidatesOf(partners)};
 }
 
 TEST(RectifiedMatch, TrimsCandidatesByTheRadius) {
     using Radii = std::vector<double>;
     using Positions = std::vector<int>;
     // Nominal radii 5, 5 and 10, with a band from 0.5 below, inclusive, to 0.5 above, exclusive.
-    const auto marked = [](const Radii& radii) { return surplusPositions(radii, {-1, 0, 5, 5, 10, kNaN}, 0.5); };
+    const auto marked = [](const Radii& radii) { return surplusPositions(candidatesOf({}, radii), {-1, 0, 5, 5, 10, kNaN}, 0.5); };
     EXPECT_EQ(
         (std::vector{marked({4.8, 4.9, 5, 5.1, 5.2}), marked({5, 5.1, 5.2, 5.3}), marked({1, 5, 5.1, 5.2}), marked({4.6, 4.7, 4.8}),
                      marked({1, 4.6, 4.7, 4.8}), marked({1, 2, 4.6, 5, 5.1}), marked({1, 5, 5.1}), marked({4.5, 5, 5.5}), marked({4.5, 4.6, 5})}),
         (std::vector<Positions>{{4, 3, 0}, {3, 2}, {3}, {0}, {1, 0}, {4, 1, 0}, {}, {}, {0}}));
-    EXPECT_EQ(surplusPositions({4.8, 5, 5.2, 9.8, 10, 10.2}, {5, 10}, 0.5), (Positions{2, 5, 2, 1, 0}));
+    EXPECT_EQ(surplusPositions(candidatesOf({}, {4.8, 5, 5.2, 9.8, 10, 10.2}), {5, 10}, 0.5), (Positions{2, 5, 2, 1, 0}));
     const std::pair<Positions, Positions> erasures[] = {{{}, {0, 1, 2, 3, 4}},     {{2, 0}, {1, 2, 4}},       {{4, 3, 3}, {0, 1, 2, 4}},
                                                         {{1, 1, 4}, {0, 2, 3, 4}}, {{0, 1, 2, 3, 4}, {1, 3}}, {{99}, {0, 1, 2, 3, 4}}};
     for (const auto& [positions, left] : erasures) {
-        MarkerMatchRecord record = recordOf({0, 1, 2, 3, 4}, {0, 1, 2, 3, 4});
-        eraseCandidates(record, positions);
-        EXPECT_TRUE(record.matches == left && record.candidateRadii == Radii(left.begin(), left.end())) << testing::PrintToString(record.matches);
-        for (std::size_t k = 0; k < left.size(); ++k) EXPECT_EQ(record.candidates3d.at(k).x, left[k]);
+        std::vector<PairCandidate> candidates = candidatesOf({0, 1, 2, 3, 4});
+        eraseCandidates(candidates, positions);
+        EXPECT_TRUE(std::ranges::equal(candidates, left, {}, &PairCandidate::partner)) << testing::PrintToString(positions);
     }
 
-    std::vector<Point3_<double>> points;
-    const std::vector<MarkerMatchRecord> left = {recordOf({0, 1}, {5, 5}), recordOf({2}), recordOf({}, {}), recordOf({0}), recordOf({1})};
-    EXPECT_EQ(uniquePairs(left, {recordOf({3}), recordOf({0, 4}, {5, 5}), recordOf({7})}, points), (Pairs{{1, 2}, {3, 0}}));
-    EXPECT_EQ(points.size(), 2u);
+    const std::vector<RectifiedMarker> left = {markerOf({0, 1}), markerOf({2}), markerOf({}), markerOf({0}), markerOf({1})};
+    Pairs pairs;
+    for (const MatchedPair& p : uniquePairs(left, {markerOf({3}), markerOf({0, 4}), markerOf({7})})) pairs.emplace_back(p.left, p.right);
+    EXPECT_EQ(pairs, (Pairs{{1, 2}, {3, 0}}));
 }
 
 /// A rectified rig and tilted discs of two radii in space; the right list runs backwards.
@@ -204,13 +207,10 @@ TEST(RectifiedMatch, KeepsWhatIsBeyondDoubtWithoutAConstellation) {
 }
 
 PairVerdicts judged(const Exposure& e, int gates) {
-    PairTest test{};
-    test.leftProjection = e.leftProjection, test.rightProjection = e.rightProjection, test.radii = e.radii;
-    test.maxRowDifference = 2, test.minDepth = e.minDepth, test.maxDepth = e.maxDepth, test.sizeTolerance = e.tolerance;
-    test.deviationFactor = 2, test.radiusScoreGate = gates & 1, test.looseSizeGate = gates & 2, test.plainRowGate = gates & 4;
+    const bool score = gates & 1, loose = gates & 2, plain = gates & 4;
     PairVerdicts verdicts;
-    std::vector<Point3_<double>> points;
-    matchRectifiedCorners(e.left, e.right, test, e.rotation, {0.3, 0.3}, points, &verdicts);
+    matchRectified(e.left, e.right, {e.leftProjection, e.rightProjection, cv::Matx33d(e.rotation).inv()},
+                   {{{2, e.minDepth, e.maxDepth}, e.radii, e.tolerance}, score, loose, plain, 2, {0.3, 0.3}}, &verdicts);
     return verdicts;
 }
 

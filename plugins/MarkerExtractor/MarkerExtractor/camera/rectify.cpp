@@ -26,12 +26,23 @@ EllipseParams conicToEllipse(double A, double B, double C, double D, double E, d
     return {ellipse.angle, ellipse.size.width, ellipse.size.height, ellipse.center.x, ellipse.center.y};
 }
 
+void rectifyCorners(const std::vector<Corner>& source, std::vector<Corner>& target, const RectifyingCamera& camera) {
+    const cv::Mat inverse = camera.homography.inv(cv::DECOMP_LU);
+    if (&target != &source) target = source;
+    for (std::size_t i = 0; i < source.size(); ++i) {
+        cv::Mat points = packPoints(source[i]);
+        cv::undistortPoints(points, points, camera.intrinsic, camera.distortion, camera.rectification,
+                            camera.projection);
+        unpackPoints(points, target[i]);
+        if (source[i].conicValid) rectifyConic(source[i].conic, inverse, target[i]);
+    }
+}
+
 void CircleMarkerExtractor::StereoRectifyCorners(const std::vector<Corner>& source, std::vector<Corner>& target,
                                                  const cv::Mat& cameraMatrix, const cv::Mat& distCoeffs,
                                                  const cv::Mat& rectification, const cv::Mat& projection,
                                                  const cv::Mat& homography) {
-    const bool hasConic = std::any_of(source.begin(), source.end(), [](const Corner& c) { return c.conicValid; });
-    if (hasConic) requireMatrix(homography, 3, 3, "homography");
+    if (std::ranges::any_of(source, &Corner::conicValid)) requireMatrix(homography, 3, 3, "homography");
     requireData(homography, "homography");
     if (!source.empty()) {
         requireDistortion(distCoeffs, "distCoeffs");
@@ -39,15 +50,7 @@ void CircleMarkerExtractor::StereoRectifyCorners(const std::vector<Corner>& sour
         requireData(rectification, "rectification");  // without data OpenCV takes it for none
         requireData(projection, "projection");
     }
-    const cv::Mat inverse = homography.inv(cv::DECOMP_LU);
-    const cv::Matx33d back = hasConic ? cv::Matx33d(inverse) : cv::Matx33d::zeros();
-    if (&target != &source) target = source;
-    for (std::size_t i = 0; i < source.size(); ++i) {
-        cv::Mat points = packPoints(source[i]);
-        cv::undistortPoints(points, points, cameraMatrix, distCoeffs, rectification, projection);
-        unpackPoints(points, target[i]);
-        if (source[i].conicValid) rectifyConic(source[i].conic, back, target[i]);
-    }
+    rectifyCorners(source, target, {cameraMatrix, distCoeffs, rectification, projection, homography});
 }
 
 }  // namespace kestrune

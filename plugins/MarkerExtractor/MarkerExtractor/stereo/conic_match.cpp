@@ -67,7 +67,7 @@ std::vector<DiscMatch> matchDiscs(std::vector<Corner>& leftCorners, std::vector<
         if (!found) continue;
         moveTo(leftCorner(c), found->left);
         moveTo(rightCorner(c), found->right);
-        matches.push_back({c.left, c.right, triangulate(rig, *found), c.discs->normal(), c.discs->radius()});
+        matches.push_back({{c.left, c.right, triangulate(rig, *found)}, c.discs->normal(), c.discs->radius()});
     }
     if (verdicts != nullptr) explainCandidates(candidates, matches, centres, settings.place, *verdicts);
     return matches;

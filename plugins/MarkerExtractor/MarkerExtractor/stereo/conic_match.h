@@ -14,18 +14,16 @@
 #include "MarkerExtractor/stereo/conic_rig.h"
 #include "MarkerExtractor/stereo/epipolar.h"
 #include "MarkerExtractor/stereo/match_settings.h"
+#include "MarkerExtractor/stereo/matched_pair.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
 #include "MarkerExtractor/stereo/row_candidates.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
 
-/// A left and a right marker that are one disc in space.
-struct DiscMatch {
-    int left, right;  ///< places in the lists
-    /// In the frame of the left projection: left camera, or rectified left camera with `cornersRectified`. Its
-    /// precision is that of a float.
-    cv::Vec3d point;
+/// A left and a right marker that are one disc in space. The point is in the frame of the left projection: left camera,
+/// or rectified left camera with `cornersRectified`. Its precision is that of a float.
+struct DiscMatch : MatchedPair {
     cv::Vec3d normal;  ///< unit, in the frame of the point
     double radius;     ///< mean of the two eyes
 };

@@ -1,30 +1,54 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/stereo/from_images.h"
+
 #include <exception>
 #include <optional>
 
 #include "MarkerExtractor/camera/calibration_check.h"
+#include "MarkerExtractor/camera/rectify.h"
 #include "MarkerExtractor/front_door.h"
 #include "MarkerExtractor/stereo/conic_match.h"
 #include "MarkerExtractor/stereo/rectified_match.h"
 #include "MarkerExtractor/stereo/space_points.h"
-#include "kestrune/MarkerExtractor.h"
 #include "logging/report_sites.h"
 
 namespace kestrune {
 
 namespace {
 
-using Points = std::vector<Point3_<double>>;
-using Pairs = std::vector<std::pair<int, int>>;
+using Points = std::vector<cv::Vec3d>;
 using Result = std::vector<std::pair<Corner, Corner>>;
 
-/// Markers of both eyes of one exposure.
-struct Exposure {
-    std::vector<Corner> left, right;
+struct Images {
+    const cv::Mat &left, &right;
 };
 
-bool isIncomplete(const cv::Mat& leftImage, const cv::Mat& rightImage, const CircleMarkerExtractor& e) {
-    return leftImage.empty() || rightImage.empty() || e.leftIntrinsic.empty() || e.rightIntrinsic.empty() ||
+/// What the host receives beside the pairs. Either list of rectangles may be the extractor's own.
+struct Output {
+    std::vector<Point3_<double>>& points;
+    std::vector<cv::RotatedRect>&leftRects, &rightRects;
+    ExplainedMatch* explained;
+
+    PairVerdicts* verdicts() const { return explained != nullptr ? &explained->verdicts : nullptr; }
+};
+
+/// What the extraction sees in one image.
+struct Eye {
+    bool isFound;
+    std::vector<Corner> corners;
+    std::vector<cv::RotatedRect> rects;
+};
+
+struct Exposure {
+    Eye left, right;
+
+    bool isFound() const { return left.isFound && right.isFound; }
+    Corner& leftOf(const MatchedPair& pair) { return left.corners[static_cast<std::size_t>(pair.left)]; }
+    Corner& rightOf(const MatchedPair& pair) { return right.corners[static_cast<std::size_t>(pair.right)]; }
+};
+
+bool isIncomplete(const Images& images, const CircleMarkerExtractor& e) {
+    return images.left.empty() || images.right.empty() || e.leftIntrinsic.empty() || e.rightIntrinsic.empty() ||
            e.leftProjection.empty() || e.rightProjection.empty() || e.leftRectification.empty() ||
            e.rightRectification.empty();
 }
@@ -63,164 +87,154 @@ std::exception_ptr gapOf(const CircleMarkerExtractor& e, const CicrleConfigs& co
     return nullptr;
 }
 
-Points rotated(const Points& points, const cv::Matx33d& rotation) {
-    Points result;
-    result.reserve(points.size());
-    for (const Point3_<double>& p : points) {
-        const cv::Vec3d r = rotation * cv::Vec3d(p.x, p.y, p.z);
-        result.push_back({r[0], r[1], r[2]});
-    }
-    return result;
+Eye extractEye(const ExtractionCall& call, CircleMarkerExtractor& extractor) {
+    Eye eye;
+    eye.isFound = call.extract(extractor, eye.corners);
+    eye.rects = extractor.markerRects;
+    return eye;
 }
 
-void transformInPlace(Points& points, const cv::Mat& rotation) {
-    if (points.empty()) return;
-    cv::Mat header(static_cast<int>(points.size()), 1, CV_64FC3, points.data());
-    cv::transform(header, header, rotation);
-}
-
-/// Marks both corners of pair `index` as matched and appends their copies to the result.
-void appendPair(Exposure& exposure, const Pairs& pairs, std::size_t index, const Point3_<double>& position,
-                Result& result) {
-    Corner& left = exposure.left[static_cast<std::size_t>(pairs[index].first)];
-    Corner& right = exposure.right[static_cast<std::size_t>(pairs[index].second)];
-    for (Corner* corner : {&left, &right}) {
-        corner->matched = true;
-        corner->position = {position.x, position.y, position.z};
-    }
-    result.emplace_back(left, right);
-    result.back().first.id = result.back().second.id = static_cast<std::int32_t>(index);
-}
-
-PairVerdicts* verdictsOf(ExplainedMatch* explained) {
-    return explained != nullptr ? &explained->verdicts : nullptr;
-}
-
-/// The tests that the settings ask for.
-PairTest pairTestOf(const CircleMarkerExtractor& e, const CicrleConfigs& configs) {
-    return {.leftProjection = e.leftProjection,
-            .rightProjection = e.rightProjection,
-            .fromRectified = {},
-            .radii = configs.markerRadii,
-            .maxRowDifference = configs.maxRowDifference,
-            .minDepth = configs.minDepth,
-            .maxDepth = configs.maxDepth,
-            .radiusScoreGate = configs.radiusScoreGate,
-            .looseSizeGate = configs.looseSizeGate,
-            .plainRowGate = configs.plainRowGate,
-            .sizeTolerance = configs.sizeTolerance,
-            .deviationFactor = configs.deviationFactor};
-}
-
-Result matchConstellation(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs,
-                          ExplainedMatch* explained) {
-    Exposure rectified;
-    if (configs.cornersRectified) {
-        rectified = exposure;
-    } else {
-        const cv::Mat noDistortion;
-        e.StereoRectifyCorners(exposure.left, rectified.left, e.leftIntrinsic, noDistortion, e.leftRectification,
-                               e.leftProjection, e.leftHomography);
-        e.StereoRectifyCorners(exposure.right, rectified.right, e.rightIntrinsic, noDistortion, e.rightRectification,
-                               e.rightProjection, e.rightHomography);
-    }
-    const Pairs pairs =
-        matchRectifiedCorners(rectified.left, rectified.right, pairTestOf(e, configs), cv::Mat::eye(3, 3, CV_64F),
-                              {configs.edgeLengthTolerance, configs.edgeAngleTolerance}, points, verdictsOf(explained));
-    if (explained != nullptr) explained->pairs = pairs;
-
-    const cv::Matx33d backRotation = cv::Matx33d(e.leftRectification).t();
-    const Points cameraPoints = rotated(points, backRotation);
-    const Points cornerPoints = configs.cornersRectified ? points : cameraPoints;
-    if (!configs.outputRectified) points = cameraPoints;
-
-    Result result;
-    result.reserve(pairs.size());
-    for (std::size_t k = 0; k < pairs.size(); ++k) appendPair(exposure, pairs, k, cornerPoints[k], result);
-    if (points.empty()) reportWarning(report_sites::kNoStereoMatch);
-    return result;
-}
-
-Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, Points& points, const CicrleConfigs& configs,
-                   ExplainedMatch* explained) {
-    const std::vector<DiscMatch> matches = matchDiscs(exposure.left, exposure.right, e, configs.cornersRectified,
-                                                      conicMatchSettings(configs), verdictsOf(explained));
-    Pairs pairs;
-    Points corePoints;
-    for (const DiscMatch& match : matches) {
-        pairs.emplace_back(match.left, match.right);
-        corePoints.push_back(recordOf(match.point));
-    }
-    if (explained != nullptr) explained->pairs = pairs;
-    const Points cornerPoints = corePoints;  // the corners' positions never follow the change of frame
-    if (!configs.cornersRectified && configs.outputRectified) transformInPlace(corePoints, e.leftRectification);
-    if (configs.cornersRectified && !configs.outputRectified) transformInPlace(corePoints, e.leftRectification.inv());
-    points = corePoints;
-
-    Result result;
-    result.reserve(pairs.size());
-    for (std::size_t k = 0; k < pairs.size(); ++k) {
-        for (Corner* corner : {&exposure.left[static_cast<std::size_t>(pairs[k].first)],
-                               &exposure.right[static_cast<std::size_t>(pairs[k].second)]}) {
-            corner->normal = eigenOf(matches[k].normal);
-            corner->markerRadius = matches[k].radius;
-        }
-        appendPair(exposure, pairs, k, cornerPoints[k], result);
-    }
-    return result;
-}
-
-Result measure(const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor, Points& points,
-               std::vector<cv::RotatedRect>& leftRects, std::vector<cv::RotatedRect>& rightRects,
-               const CicrleConfigs& configs, ExplainedMatch* explained) {
-    if (isIncomplete(leftImage, rightImage, extractor)) return {};
-    const ExtractionCall leftEye(leftImage, extractor, 0, configs);
-    const ExtractionCall rightEye(rightImage, extractor, 1, configs);
-    // Without markers nothing more of the calibration is read, and its gaps are no reason to hide what the eyes saw. A
-    // calibration that is refused in the end is refused to an extractor as it was.
+/// Extracts both eyes, whatever the first one shows. Without markers nothing more of the calibration is read, and its
+/// gaps are no reason to hide what the eyes saw. A calibration that is refused in the end is refused to an extractor as
+/// it was.
+Exposure extractBothEyes(const Images& images, CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    const ExtractionCall left(images.left, extractor, 0, configs), right(images.right, extractor, 1, configs);
     const std::exception_ptr gap = gapOf(extractor, configs);
     std::optional<CircleMarkerExtractor> before;
     if (gap) before = extractor;
-    Exposure exposure;
-    const bool leftFound = leftEye.extract(extractor, exposure.left);
-    std::vector<cv::RotatedRect> foundLeft = extractor.markerRects;
-    const bool rightFound = rightEye.extract(extractor, exposure.right);
-    const bool found = leftFound && rightFound;
-    if (found && gap) {
+    Exposure exposure{extractEye(left, extractor), extractEye(right, extractor)};
+    if (gap && exposure.isFound()) {
         extractor = *before;
         std::rethrow_exception(gap);
     }
-    // Either list may be the extractor's own.
-    std::vector<cv::RotatedRect> foundRight = extractor.markerRects;
-    leftRects = std::move(foundLeft);
-    rightRects = std::move(foundRight);
-    if (!found) {
+    return exposure;
+}
+
+template <typename Match>
+Points pointsOf(const std::vector<Match>& matches) {
+    Points points;
+    points.reserve(matches.size());
+    for (const Match& match : matches) points.push_back(match.point);
+    return points;
+}
+
+Points rotated(Points points, const cv::Matx33d& rotation) {
+    for (cv::Vec3d& point : points) point = rotation * point;
+    return points;
+}
+
+/// The same as OpenCV rounds it in a list.
+void transformInPlace(Points& points, const cv::Mat& rotation) {
+    if (!points.empty()) cv::transform(points, points, rotation);
+}
+
+std::vector<Point3_<double>> recordsOf(const Points& points) {
+    std::vector<Point3_<double>> records;
+    records.reserve(points.size());
+    for (const cv::Vec3d& point : points) records.push_back(recordOf(point));
+    return records;
+}
+
+/// Marks the corners of each pair as matched, places them in space, and copies them to the result.
+///
+/// @param positions  in step with the matches.
+template <typename Match>
+Result resultOf(Exposure& exposure, const std::vector<Match>& matches, const Points& positions, const Output& output) {
+    Result result;
+    result.reserve(matches.size());
+    for (std::size_t k = 0; k < matches.size(); ++k) {
+        Corner &left = exposure.leftOf(matches[k]), &right = exposure.rightOf(matches[k]);
+        for (Corner* corner : {&left, &right}) {
+            corner->matched = true;
+            corner->position = eigenOf(positions[k]);
+        }
+        result.emplace_back(left, right);
+        result.back().first.id = result.back().second.id = static_cast<std::int32_t>(k);
+        if (output.explained != nullptr) output.explained->pairs.emplace_back(matches[k].left, matches[k].right);
+    }
+    return result;
+}
+
+std::vector<Corner> rectified(const std::vector<Corner>& corners, const RectifyingCamera& camera) {
+    std::vector<Corner> result;
+    rectifyCorners(corners, result, camera);
+    return result;
+}
+
+std::vector<MatchedPair> constellationMatches(const Exposure& exposure, const CircleMarkerExtractor& e,
+                                              const CicrleConfigs& configs, PairVerdicts* verdicts) {
+    std::vector<Corner> left = exposure.left.corners, right = exposure.right.corners;
+    if (!configs.cornersRectified) {  // free of lens distortion by now
+        left = rectified(left, {e.leftIntrinsic, cv::Mat(), e.leftRectification, e.leftProjection, e.leftHomography});
+        right =
+            rectified(right, {e.rightIntrinsic, cv::Mat(), e.rightRectification, e.rightProjection, e.rightHomography});
+    }
+    const RectifiedMatchSettings settings = rectifiedMatchSettings(configs);
+    if (!canMatchRectified(left, right, settings)) return {};
+    const RectifiedRig rig{e.leftProjection, e.rightProjection, cv::Matx33d::eye()};
+    return matchRectified(left, right, rig, settings, verdicts);
+}
+
+Result matchConstellation(Exposure& exposure, const CircleMarkerExtractor& e, const CicrleConfigs& configs,
+                          Output& output) {
+    const std::vector<MatchedPair> matches = constellationMatches(exposure, e, configs, output.verdicts());
+    const Points inRectified = pointsOf(matches);
+    const Points inCamera = rotated(inRectified, cv::Matx33d(e.leftRectification).t());
+    output.points = recordsOf(configs.outputRectified ? inRectified : inCamera);
+    Result result = resultOf(exposure, matches, configs.cornersRectified ? inRectified : inCamera, output);
+    if (matches.empty()) reportWarning(report_sites::kNoStereoMatch);
+    return result;
+}
+
+Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, const CicrleConfigs& configs, Output& output) {
+    const std::vector<DiscMatch> matches =
+        matchDiscs(exposure.left.corners, exposure.right.corners, e, configs.cornersRectified,
+                   conicMatchSettings(configs), output.verdicts());
+    for (const DiscMatch& match : matches) {
+        for (Corner* corner : {&exposure.leftOf(match), &exposure.rightOf(match)}) {
+            corner->normal = eigenOf(match.normal);
+            corner->markerRadius = match.radius;
+        }
+    }
+    const Points positions = pointsOf(matches);  // the corners' never follow the change of frame
+    Points points = positions;
+    if (!configs.cornersRectified && configs.outputRectified) transformInPlace(points, e.leftRectification);
+    if (configs.cornersRectified && !configs.outputRectified) transformInPlace(points, e.leftRectification.inv());
+    output.points = recordsOf(points);
+    return resultOf(exposure, matches, positions, output);
+}
+
+Result measure(const Images& images, CircleMarkerExtractor& extractor, const CicrleConfigs& configs, Output output) {
+    if (isIncomplete(images, extractor)) return {};
+    Exposure exposure = extractBothEyes(images, extractor, configs);
+    output.leftRects = std::move(exposure.left.rects);
+    output.rightRects = std::move(exposure.right.rects);
+    if (!exposure.isFound()) {
         reportWarning(report_sites::kNoMarkersInOneFrame);
         return {};
     }
-    points.clear();
-    return carriesConics(configs) ? matchConics(exposure, extractor, points, configs, explained)
-                                  : matchConstellation(exposure, extractor, points, configs, explained);
+    output.points.clear();
+    return carriesConics(configs) ? matchConics(exposure, extractor, configs, output)
+                                  : matchConstellation(exposure, extractor, configs, output);
 }
 
 }  // namespace
 
 std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
-                                                               CircleMarkerExtractor& extractor, Points& points,
+                                                               CircleMarkerExtractor& extractor,
+                                                               std::vector<Point3_<double>>& points,
                                                                std::vector<cv::RotatedRect>& leftRects,
                                                                std::vector<cv::RotatedRect>& rightRects,
                                                                const CicrleConfigs& configs) {
-    return measure(leftImage, rightImage, extractor, points, leftRects, rightRects, configs, nullptr);
+    return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, nullptr});
 }
 
-std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(const cv::Mat& leftImage, const cv::Mat& rightImage,
-                                                                   CircleMarkerExtractor& extractor, Points& points,
-                                                                   std::vector<cv::RotatedRect>& leftRects,
-                                                                   std::vector<cv::RotatedRect>& rightRects,
-                                                                   const CicrleConfigs& configs,
-                                                                   ExplainedMatch& explained) {
+std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
+    const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
+    std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
+    std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs, ExplainedMatch& explained) {
     explained = {};
-    return measure(leftImage, rightImage, extractor, points, leftRects, rightRects, configs, &explained);
+    return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, &explained});
 }
 
 }  // namespace kestrune

@@ -6,10 +6,7 @@
 
 #include <cstdint>
 #include <limits>
-#include <utility>
 #include <vector>
-
-#include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
 
@@ -52,17 +49,5 @@ using PairVerdicts = std::vector<PairVerdict>;
 /// Adds, for each marker that stands in no verdict, the one of the other eye that is nearest in row.
 void addNearestRows(const std::vector<double>& leftRows, const std::vector<double>& rightRows, double maxRowDifference,
                     PairVerdicts& verdicts);
-
-/// What a stereo measurement says beyond its result.
-struct ExplainedMatch {
-    std::vector<std::pair<int, int>> pairs;  ///< (left, right): places in the lists of rectangles
-    PairVerdicts verdicts;
-};
-
-/// `getStereoMarker3dPoints` on images, with the same result, and why markers were not paired.
-std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
-    const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
-    std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
-    std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs, ExplainedMatch& explained);
 
 }  // namespace kestrune

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
+#include "MarkerExtractor/stereo/sample_points.h"
 
-#include "MarkerExtractor/stereo/rectified_match.h"
+#include <algorithm>
+#include <cmath>
+#include <span>
+
+#include "MarkerExtractor/stereo/nan_last.h"
 
 namespace kestrune {
 
@@ -11,31 +15,23 @@ namespace {
 constexpr std::size_t kExtremePoints = 3;
 
 using Contour = std::vector<cv::Point2f>;
+using Points = std::span<const cv::Point2f>;
 
-bool leftOf(const cv::Point2f& a, const cv::Point2f& b) {
-    return ascendingNanLast(a.x, b.x);
-}
-bool above(const cv::Point2f& a, const cv::Point2f& b) {
-    return ascendingNanLast(a.y, b.y);
-}
-
-/// Mean of the first of three neighbours in the list, in the single precision of the contour.
-cv::Point2d meanOfThree(Contour::const_iterator first) {
-    const float x = (first[0].x + first[1].x + first[2].x) / 3.0f;
-    const float y = (first[0].y + first[1].y + first[2].y) / 3.0f;
+/// Mean of three points, in the single precision of the contour.
+cv::Point2d meanOfThree(Points p) {
+    const float x = (p[0].x + p[1].x + p[2].x) / 3.0f;
+    const float y = (p[0].y + p[1].y + p[2].y) / 3.0f;
     return {x, y};
 }
 
 /// Where one half of the contour crosses a row: midway between the last point above the row and the first one that is
-/// not. False if the half lies on one side of it.
-bool crossRow(Contour half, float row, cv::Point2d& crossing) {
-    std::stable_sort(half.begin(), half.end(), above);
-    const auto below =
-        std::lower_bound(half.begin(), half.end(), row, [](const cv::Point2f& p, float y) { return p.y < y; });
-    if (below == half.begin() || below == half.end()) return false;
-    const cv::Point2f middle = (below[0] + below[-1]) * 0.5f;
-    crossing = middle;
-    return true;
+/// not; nowhere if the half lies on one side of it.
+std::optional<cv::Point2d> crossingOf(Points points, float row) {
+    Contour half(points.begin(), points.end());
+    std::ranges::stable_sort(half, AscendingNanLast(), &cv::Point2f::y);
+    const auto below = std::ranges::lower_bound(half, row, {}, &cv::Point2f::y);
+    if (below == half.begin() || below == half.end()) return std::nullopt;
+    return (below[0] + below[-1]) * 0.5f;
 }
 
 bool isFinite(const cv::Point2d& p) {
@@ -44,28 +40,29 @@ bool isFinite(const cv::Point2d& p) {
 
 }  // namespace
 
-std::vector<cv::Point2d> samplePoints(const Corner& corner) {
-    if (corner.contour.size() < kExtremePoints) return {};
+std::optional<Samples> samplePoints(const Corner& corner) {
+    if (corner.contour.size() < kExtremePoints) return std::nullopt;
     Contour contour = corner.contour;
     const auto column = static_cast<float>(corner.x);
     const auto row = static_cast<float>(corner.y);
 
-    std::vector<cv::Point2d> samples(kSampleCount);
+    Samples samples;
     samples[kCentre] = {corner.x, corner.y};
-    std::stable_sort(contour.begin(), contour.end(), leftOf);
+    std::ranges::stable_sort(contour, AscendingNanLast(), &cv::Point2f::x);
     const auto split =
         std::partition_point(contour.begin(), contour.end(), [column](const cv::Point2f& p) { return p.x < column; });
-    if (!crossRow(Contour(contour.begin(), split), row, samples[kRowLeft]) ||
-        !crossRow(Contour(split, contour.end()), row, samples[kRowRight])) {
-        return {};
-    }
-    samples[kLeftEnd] = meanOfThree(contour.begin());
-    samples[kRightEnd] = meanOfThree(contour.end() - kExtremePoints);
-    std::stable_sort(contour.begin(), contour.end(), above);
-    samples[kTop] = meanOfThree(contour.begin());
-    samples[kBottom] = meanOfThree(contour.end() - kExtremePoints);
+    const std::optional<cv::Point2d> rowLeft = crossingOf({contour.begin(), split}, row);
+    const std::optional<cv::Point2d> rowRight = crossingOf({split, contour.end()}, row);
+    if (!rowLeft || !rowRight) return std::nullopt;
+    samples[kRowLeft] = *rowLeft;
+    samples[kRowRight] = *rowRight;
+    samples[kLeftEnd] = meanOfThree(Points(contour).first(kExtremePoints));
+    samples[kRightEnd] = meanOfThree(Points(contour).last(kExtremePoints));
+    std::ranges::stable_sort(contour, AscendingNanLast(), &cv::Point2f::y);
+    samples[kTop] = meanOfThree(Points(contour).first(kExtremePoints));
+    samples[kBottom] = meanOfThree(Points(contour).last(kExtremePoints));
 
-    if (!std::all_of(samples.begin(), samples.end(), isFinite)) return {};
+    if (!std::ranges::all_of(samples, isFinite)) return std::nullopt;
     return samples;
 }
 

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The road of an exposure: both images to markers, markers to pairs, pairs to points. The operation that a host calls
+// is `getStereoMarker3dPoints` on images.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <utility>
+#include <vector>
+
+#include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+/// What a stereo measurement says beyond its result.
+struct ExplainedMatch {
+    std::vector<std::pair<int, int>> pairs;  ///< (left, right): places in the lists of rectangles
+    PairVerdicts verdicts;
+};
+
+/// `getStereoMarker3dPoints` on images, with the same result, and why markers were not paired.
+std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
+    const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
+    std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
+    std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs, ExplainedMatch& explained);
+
+}  // namespace kestrune

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cmath>
+
+namespace kestrune {
+
+/// The order of a sort that must hold whatever the values are: ascending, what is not a number last.
+struct AscendingNanLast {
+    template <typename T>
+    bool operator()(T a, T b) const {
+        return a < b || (std::isnan(b) && !std::isnan(a));
+    }
+};
+
+}  // namespace kestrune
