@@ -3,9 +3,10 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 #include <random>
 
-#include "MarkerExtractor/stereo/constellation_internal.h"
+#include "MarkerExtractor/stereo/hypothesis_search.h"
 
 namespace kestrune {
 
@@ -31,11 +32,10 @@ bool sampleEdges(const constellation::Constellation& constellation, constellatio
         std::swap(order[0], order[draw(generator)]);
         std::swap(order[1], order[draw(generator)]);
         const int a = std::min(order[0], order[1]), b = std::max(order[0], order[1]);
-        constellation::SharedEnds ends{};
-        if (!shareOneEnd(edges[a], edges[b], ends)) continue;
-        if (edges[a].alongRows && edges[b].alongRows) continue;
+        const std::optional<constellation::SharedEnds> ends = sharedEnds(edges[a], edges[b]);
+        if (!ends || (edges[a].alongRows && edges[b].alongRows)) continue;
         if (constellation.ranges[a].size() == 0 || constellation.ranges[b].size() == 0) continue;
-        if (search.tryEdges(a, b, ends)) return true;
+        if (search.tryEdges(a, b, *ends)) return true;
     }
     return false;
 }

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/stereo/constellation_pruning.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-
-#include "MarkerExtractor/stereo/constellation.h"
+#include <numbers>
 
 namespace kestrune {
 
 namespace {
 
-constexpr double kTurn = 6.283185307179586;
+constexpr double kTurn = 2 * std::numbers::pi;
 // A difference of nearly a whole turn is one of nearly none: directions here run from -pi to pi.
 constexpr double kNearlyWholeTurn = 0.95;
 constexpr double kNearlyNoTurn = 0.05;
