@@ -25,22 +25,6 @@ struct Call {
     cv::Mat rotation;  ///< handed to the matcher by rows and size
 };
 
-/// The tests that are asked for with the call, argument by argument.
-PairTest pairTestOf(const CicrleConfigs& c, const CircleMarkerExtractor& e) {
-    return {.leftProjection = e.leftProjection,
-            .rightProjection = e.rightProjection,
-            .fromRectified = {},
-            .radii = c.markerRadii,
-            .maxRowDifference = c.maxRowDifference,
-            .minDepth = c.minDepth,
-            .maxDepth = c.maxDepth,
-            .radiusScoreGate = c.radiusScoreGate,
-            .looseSizeGate = c.looseSizeGate,
-            .plainRowGate = c.plainRowGate,
-            .sizeTolerance = c.sizeTolerance,
-            .deviationFactor = c.deviationFactor};
-}
-
 /// What a call fills or changes, with what an earlier one may have left there.
 struct Results {
     std::vector<Corner> left, right;
@@ -73,12 +57,25 @@ struct Results {
         const CicrleConfigs& c = call.configs;
         return outcomeOf([&] {
             if (call.matcher == kByRowsAndSize) {
-                pairs = matchRectifiedCorners(left, right, pairTestOf(c, e), call.rotation,
-                                              {c.edgeLengthTolerance, c.edgeAngleTolerance}, points, &verdicts);
+                fillRectified(call.rotation, e, c);
             } else {
                 fillDiscs(e, c);
             }
         });
+    }
+
+    void fillRectified(const cv::Mat& rotation, const CircleMarkerExtractor& e, const CicrleConfigs& c) {
+        const RectifiedMatchSettings settings = rectifiedMatchSettings(c);
+        std::vector<MatchedPair> matches;
+        if (canMatchRectified(left, right, settings)) {
+            const RectifiedRig rig = rectifiedRigOf(rotation, e.leftProjection, e.rightProjection);
+            matches = matchRectified(left, right, rig, settings, &verdicts);
+        }
+        pairs.clear();
+        for (const MatchedPair& m : matches) {
+            pairs.emplace_back(m.left, m.right);
+            points.push_back({m.point[0], m.point[1], m.point[2]});
+        }
     }
 
     void fillDiscs(CircleMarkerExtractor& e, const CicrleConfigs& c) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The two images of a rendered exposure and the calibration of its rig to points, with a little of it all spoiled.
+#include "MarkerExtractor/stereo/from_images.h"
 #include "fuzz_input.h"
 #include "promises.h"
 #include "reasons.h"

@@ -105,8 +105,8 @@ Eigen::MatrixXd eigenOf(const cv::Matx33d& matrix) {
 }
 
 /// Takes the coefficients of a conic on the normalised plane to those of the same conic in pixels: column j holds
-/// monomial j of (u^2, u v, v^2, u, v, 1) with u = (x - cx) / fx, v = (y - cy) / fy, expanded in (x^2, x y, y^2, x, y,
-/// 1).
+/// monomial j of (u^2, u v, v^2, u, v, 1), where u = (x - cx) / fx and v = (y - cy) / fy, in terms of
+/// (x^2, x y, y^2, x, y, 1).
 Eigen::Matrix<double, 6, 6> conicMapOf(const geometry::Pinhole& p) {
     const double fxfx = p.fx * p.fx, fyfy = p.fy * p.fy, fyfx = p.fy * p.fx;
     Eigen::Matrix<double, 6, 6> map = Eigen::Matrix<double, 6, 6>::Zero();

@@ -21,13 +21,6 @@
 
 namespace kestrune {
 
-/// A left and a right marker that are one disc in space. The point is in the frame of the left projection: left camera,
-/// or rectified left camera with `cornersRectified`. Its precision is that of a float.
-struct DiscMatch : MatchedPair {
-    cv::Vec3d normal;  ///< unit, in the frame of the point
-    double radius;     ///< mean of the two eyes
-};
-
 /// The matches by left index; `x` and `y` of the markers that are matched move to the true centres.
 ///
 /// @param leftCorners,rightCorners  undistorted px (rectified px with `cornersRectified`), `conic` filled.

@@ -3,8 +3,10 @@
 
 #include <vector>
 
-#include "MarkerExtractor/stereo/conic_match.h"
+#include "MarkerExtractor/stereo/conic_rig.h"
 #include "MarkerExtractor/stereo/disc_pair.h"
+#include "MarkerExtractor/stereo/matched_pair.h"
+#include "MarkerExtractor/stereo/pair_verdicts.h"
 
 namespace kestrune {
 

@@ -11,4 +11,11 @@ struct MatchedPair {
     cv::Vec3d point;  ///< in the frame of the result
 };
 
+/// A left and a right marker that are one disc in space. The point is in the frame of the left projection: left camera,
+/// or rectified left camera with `cornersRectified`. Its precision is that of a float.
+struct DiscMatch : MatchedPair {
+    cv::Vec3d normal;  ///< unit, in the frame of the point
+    double radius;     ///< mean of the two eyes
+};
+
 }  // namespace kestrune

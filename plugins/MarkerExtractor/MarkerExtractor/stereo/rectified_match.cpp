@@ -114,6 +114,13 @@ bool canMatchRectified(const std::vector<Corner>& leftCorners, const std::vector
     return false;
 }
 
+RectifiedRig rectifiedRigOf(const cv::Mat& rotation, const cv::Mat& leftProjection, const cv::Mat& rightProjection) {
+    requireMatrix(rotation, 3, 3, "rotation");
+    requireMatrixOfEitherPrecision(leftProjection, 3, 4, "leftProjection");
+    requireMatrixOfEitherPrecision(rightProjection, 3, 4, "rightProjection");
+    return {leftProjection, rightProjection, cv::Matx33d(rotation).inv()};
+}
+
 std::vector<MatchedPair> matchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
                                         const RectifiedRig& rig, const RectifiedMatchSettings& settings,
                                         PairVerdicts* verdicts) {
@@ -147,11 +154,7 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
         deviationFactor,
         {edgeLengthTolerance, edgeAngleTolerance}};
     if (!canMatchRectified(leftCorners, rightCorners, settings)) return {};
-    requireMatrix(rotation, 3, 3, "rotation");
-    requireMatrixOfEitherPrecision(leftProjection, 3, 4, "leftProjection");
-    requireMatrixOfEitherPrecision(rightProjection, 3, 4, "rightProjection");
-
-    const RectifiedRig rig{leftProjection, rightProjection, cv::Matx33d(rotation).inv()};
+    const RectifiedRig rig = rectifiedRigOf(rotation, leftProjection, rightProjection);
     std::vector<std::pair<int, int>> pairs;
     for (const MatchedPair& pair : matchRectified(leftCorners, rightCorners, rig, settings, nullptr)) {
         pairs.emplace_back(pair.left, pair.right);

@@ -20,6 +20,12 @@ namespace kestrune {
 bool canMatchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
                        const MatchSettings& settings);
 
+/// The matrices of a call.
+///
+/// @throws cv::Exception that names the first one that is not of the size and type that
+///         `getStereoRectifiedMarker3dPoints` asks for.
+RectifiedRig rectifiedRigOf(const cv::Mat& rotation, const cv::Mat& leftProjection, const cv::Mat& rightProjection);
+
 /// The pairs, by left index.
 ///
 /// @param leftCorners,rightCorners  rectified px, as `canMatchRectified` lets them pass.
