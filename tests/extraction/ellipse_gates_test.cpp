@@ -16,9 +16,7 @@ std::vector<cv::Point2f> ellipsePoints(double a, double b, double angle = 0, dou
     return points;
 }
 
-const auto judge = [](const auto& points, const CicrleConfigs& configs, bool isFull = true) {
-    return judgeContour(points, SimpleGates(configs), {}, isFull);
-};
+const auto judge = [](const auto& points, const CicrleConfigs& configs) { return judgeContour(points, SimpleGates(configs), {}); };
 
 TEST(JudgeContour, BoundsAreStrictOrClosedAsDocumented) {
     // A polygon of 72 points on a circle: area and perimeter by elementary geometry, equal to what the gates measure.
@@ -101,17 +99,6 @@ TEST(JudgeContour, ShapeGatesOfBothFrontEnds) {
         if (gate != Gate::kFitError && gate != Gate::kFitResidual) continue;
         EXPECT_EQ(std::string(verdict.candidate.fitText).find(radial ? "fit_residual:" : "fit_error:"), 0u);
     }
-}
-
-TEST(JudgeContour, BringsAReducedContourToFullSize) {
-    CicrleConfigs configs = discConfigs(false);
-    configs.scale = 3, configs.minArea = 2000;  // 313 px^2 reduced, 2822 at full size
-    EXPECT_EQ(judge(ellipsePoints(10, 10), configs, true).refusedBy, Gate::kArea);
-    const GateVerdict verdict = judge(ellipsePoints(10, 10), configs, false);
-    ASSERT_TRUE(verdict.accepted());
-    EXPECT_LT(cv::norm(cv::Point2d(verdict.candidate.x, verdict.candidate.y) - cv::Point2d(150, 120)), 1e-3);
-    EXPECT_NEAR(verdict.candidate.area, 3600, 0.1);
-    EXPECT_NEAR(verdict.candidate.contour[0].x, 160, 1e-3) << "moved with the centre, not spread";
 }
 
 TEST(EllipseFitError, IsTheDistanceForACircleAndKeepsItsFarSideFactor) {

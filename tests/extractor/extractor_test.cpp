@@ -192,7 +192,7 @@ TEST(Locale, OfTheProcessHasNoSayInTexts) {
         c.scale = 12345;
         add(cv::Mat(9, 4321, CV_8UC1, cv::Scalar(0)));
         c.minArea = 1234567;
-        result.emplace_back(judgeContour({{0, 0}, {1300, 0}, {1300, 1.5}, {0, 1.5}}, SimpleGates(c), {}, true).candidate.areaText);
+        result.emplace_back(judgeContour({{0, 0}, {1300, 0}, {1300, 1.5}, {0, 1.5}}, SimpleGates(c), {}).candidate.areaText);
         cv::Mat image(60, 500, CV_8UC1, cv::Scalar(0)), position = (cv::Mat_<double>(3, 1) << 1, 2, -900);
         cv::RotatedRect ellipse({160, 20}, {20, 14}, 30);
         double x = 0;

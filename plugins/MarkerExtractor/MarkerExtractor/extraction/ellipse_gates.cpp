@@ -58,18 +58,6 @@ void judgeShape(const std::vector<cv::Point2f>& contour, double perimeter, const
     }
 }
 
-/// Brings a result of a reduced image to full size. Contour points are moved along with the centre, not spread.
-void bringToFullSize(Corner& candidate, cv::RotatedRect& rect, int scale) {
-    const auto f = static_cast<float>(scale - 1);
-    const float dx = rect.center.x * f;
-    const float dy = rect.center.y * f;
-    candidate.x = rect.center.x + dx;
-    candidate.y = rect.center.y + dy;
-    rect.size.width *= static_cast<float>(scale);
-    rect.size.height *= static_cast<float>(scale);
-    for (cv::Point2f& point : candidate.contour) point += cv::Point2f(dx, dy);
-}
-
 }  // namespace
 
 SimpleGates::SimpleGates(const CicrleConfigs& c)
@@ -89,17 +77,15 @@ SimpleGates::SimpleGates(const CicrleConfigs& c)
                 between(Gate::kPerimeter, "perimeter", "ellipse over contour length, {} to {}", kLeastPerimeterRatio,
                         kLargestPerimeterRatio, Ends::kOpen)},
       isRadial(c.useRadialContours),
-      scale(c.scale),
       maxPointError(c.maxPointError) {}
 
 GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const SimpleGates& gates,
-                         const std::optional<LensModel>& lens, bool isFullSize) {
+                         const std::optional<LensModel>& lens) {
     GateVerdict verdict;
     Corner& candidate = verdict.candidate;
     const double perimeter = geometry::perimeterOf(contour);
     const double area = geometry::areaOf(contour);
-    const double scale = isFullSize ? 1 : gates.scale;
-    if (verdict.fails(gates[Gate::kArea], area * (scale * scale))) {
+    if (verdict.fails(gates[Gate::kArea], area)) {
         writeReason(candidate.areaText, "area", area);
         return verdict;
     }
@@ -114,10 +100,7 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const SimpleGa
     if (gates.isRadial) fillConic(candidate, rect);
     if (failsEllipse(verdict, rect, area, gates)) return verdict;
     judgeShape(contour, perimeter, gates, verdict);
-    if (!verdict.accepted()) return verdict;
-
-    if (!isFullSize && gates.scale != 1) bringToFullSize(candidate, verdict.rect, gates.scale);
-    candidate.area = verdict.rect.size.width * verdict.rect.size.height;
+    if (verdict.accepted()) candidate.area = verdict.rect.size.width * verdict.rect.size.height;
     return verdict;
 }
 

@@ -23,22 +23,19 @@ struct SimpleGates : GateTable {
     explicit SimpleGates(const CicrleConfigs& configs);
 
     bool isRadial;
-    int scale;
     double maxPointError;  ///< px; a contour without a point beyond it passes, whatever its fit error
 };
 
 /// Runs the gates.
 ///
-/// @param contour     closed, px, as the front end gave it. Area, perimeter and hull are those of this contour, also
-///                    where the ellipse is fitted to undistorted points.
-/// @param lens        none: the ellipse is fitted in the image as it is.
-/// @param isFullSize  false for a contour in the pixels of an image that was reduced by `gates.scale`: the area gate
-/// then
-///                    judges the area at full size, and the result is brought there.
+/// @param contour  closed, as the front end gave it, in whose pixels the result is: those of the full image from
+///                 radial contours, of a reduced one from sub-pixel contours. Area, perimeter and hull are those of
+///                 this contour, also where the ellipse is fitted to undistorted points.
+/// @param lens     none: the ellipse is fitted in the image as it is.
 /// @throws cv::Exception from the fit, for a contour of fewer than five points that came past the area gate, and from
-///                    the undistortion, for matrices of wrong size.
+///                 the undistortion, for matrices of wrong size.
 GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const SimpleGates& gates,
-                         const std::optional<LensModel>& lens, bool isFullSize);
+                         const std::optional<LensModel>& lens);
 
 /// The markers of one call, and the ellipse of each in the same order: two lists, as the host gets them.
 struct MarkerList {

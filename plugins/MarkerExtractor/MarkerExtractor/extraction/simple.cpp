@@ -14,10 +14,6 @@ namespace {
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
 
-/// Contours of both front ends are judged as they stand: radial ones are in full-size pixels already, and sub-pixel
-/// ones of a reduced image are reported in the pixels of that image.
-constexpr bool kContoursAreFullSize = true;
-
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
 void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
     if (!directions.empty()) return;
@@ -83,7 +79,7 @@ std::vector<cv::RotatedRect> SimpleCall::run(CircleMarkerExtractor& extractor, s
     MarkerList markers{corners, {}, 0};
     CandidateAccount account(findings, gates_);
     for (const SubpixelContour& contour : contours(extractor, dropsOf(findings))) {
-        GateVerdict verdict = judgeContour(contour.points, gates_, lens_, kContoursAreFullSize);
+        GateVerdict verdict = judgeContour(contour.points, gates_, lens_);
         std::optional<Admission> admission;
         if (verdict.accepted()) admission = admitMarker(verdict, markers);
         account.add(contour.points, verdict.rect, verdict, admission);
