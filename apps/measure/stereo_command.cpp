@@ -151,7 +151,7 @@ struct Run {
 };
 
 std::string summaryOf(const StereoResult& result) {
-    const std::string counts =
+    std::string counts =
         fmt::format("{} pairs of {} left and {} right markers, {} and {} unmatched", result.markers.size(),
                     result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size());
     if (!result.failure.empty()) return counts;
