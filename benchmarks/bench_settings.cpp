@@ -13,8 +13,8 @@ namespace {
 constexpr int kFullSizeAperture = 15;
 constexpr float kFullSizeMaxDiameter = 300;
 
-CicrleConfigs readySettings(const char* file, host::Path path) {
-    CicrleConfigs settings = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
+CicrleConfigs readySettings(const char* file, measure::Path path) {
+    CicrleConfigs settings = measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
     settings.skipUndistort = true;
     return settings;
 }
@@ -22,7 +22,7 @@ CicrleConfigs readySettings(const char* file, host::Path path) {
 }  // namespace
 
 CicrleConfigs radialSettings(int scale, bool refineAtFullSize) {
-    static const CicrleConfigs ready = readySettings("bright-radial.yaml", host::Path::radial);
+    static const CicrleConfigs ready = readySettings("bright-radial.yaml", measure::Path::radial);
     CicrleConfigs settings = ready;
     settings.scale = scale;
     settings.refineAtFullSize = refineAtFullSize;
@@ -30,19 +30,19 @@ CicrleConfigs radialSettings(int scale, bool refineAtFullSize) {
 }
 
 CicrleConfigs subpixelSettings(bool threaded) {
-    static const CicrleConfigs ready = readySettings("bright-subpixel.yaml", host::Path::simple);
+    static const CicrleConfigs ready = readySettings("bright-subpixel.yaml", measure::Path::simple);
     CicrleConfigs settings = ready;
     settings.useThreads = threaded;
     return settings;
 }
 
 CicrleConfigs fastSettings() {
-    static const CicrleConfigs ready = readySettings("bright-fast.yaml", host::Path::fast);
+    static const CicrleConfigs ready = readySettings("bright-fast.yaml", measure::Path::fast);
     return ready;
 }
 
 CicrleConfigs complexSettings(int scale) {
-    static const CicrleConfigs ready = readySettings("bright-complex.yaml", host::Path::complex);
+    static const CicrleConfigs ready = readySettings("bright-complex.yaml", measure::Path::complex);
     CicrleConfigs settings = ready;
     settings.scale = scale;
     if (scale == 1) {

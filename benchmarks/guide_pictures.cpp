@@ -20,7 +20,7 @@
 #include "overlay.h"
 #include "settings.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr int kPanelWidth = 480;  ///< px; three side by side are legible where a page shows them at two thirds
@@ -239,7 +239,7 @@ void makeDemoPictures(const std::string& folder, const std::string& demo) {
 }
 
 }  // namespace
-}  // namespace kestrune::host
+}  // namespace kestrune::measure
 
 int main(int argc, char** argv) {
     if (argc != 2 && argc != 3) {
@@ -247,8 +247,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        kestrune::host::makeSettingsPictures(argv[1]);
-        if (argc == 3) kestrune::host::makeDemoPictures(argv[1], argv[2]);
+        kestrune::measure::makeSettingsPictures(argv[1]);
+        if (argc == 3) kestrune::measure::makeDemoPictures(argv[1], argv[2]);
         return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());

@@ -56,17 +56,17 @@ const Image kImages[] = {
 struct Way {
     const char* name;
     const char* settings;
-    host::Path path;
+    measure::Path path;
     bool refined = false;
 };
 
 const Way kWays[] = {
-    {"radial", "bright-radial.yaml", host::Path::radial},
-    {"radial, refined", "bright-radial.yaml", host::Path::radial, true},
-    {"sub-pixel", "bright-subpixel.yaml", host::Path::simple},
-    {"edge-based", "mixed-complex.yaml", host::Path::complex},
-    {"fast", "bright-fast.yaml", host::Path::fast},
-    {"hand", "bright-subpixel.yaml", host::Path::hand},
+    {"radial", "bright-radial.yaml", measure::Path::radial},
+    {"radial, refined", "bright-radial.yaml", measure::Path::radial, true},
+    {"sub-pixel", "bright-subpixel.yaml", measure::Path::simple},
+    {"edge-based", "mixed-complex.yaml", measure::Path::complex},
+    {"fast", "bright-fast.yaml", measure::Path::fast},
+    {"hand", "bright-subpixel.yaml", measure::Path::hand},
 };
 
 struct Scene {
@@ -110,8 +110,9 @@ const Scene& sceneOf(const Image& kind) {
     return found != scenes.end() ? found->second : scenes.emplace(kind.name, render(kind)).first->second;
 }
 
-host::Settings settingsOf(const Way& way, const Image& kind) {
-    host::Settings settings = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + way.settings, way.path);
+measure::Settings settingsOf(const Way& way, const Image& kind) {
+    measure::Settings settings =
+        measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + way.settings, way.path);
     CicrleConfigs& configs = settings.configs;
     configs.skipUndistort = true;
     configs.refineAtFullSize = way.refined;
@@ -128,13 +129,14 @@ host::Settings settingsOf(const Way& way, const Image& kind) {
 
 void measure(benchmark::State& state, const Image& kind, const Way& way) {
     const Scene& scene = sceneOf(kind);
-    const host::Settings settings = settingsOf(way, kind);
+    const measure::Settings settings = settingsOf(way, kind);
     CircleMarkerExtractor extractor;
-    std::vector<host::Marker> markers = host::findMarkers(extractor, scene.image, 0, {}, settings);
-    for ([[maybe_unused]] auto iteration : state) markers = host::findMarkers(extractor, scene.image, 0, {}, settings);
+    std::vector<measure::Marker> markers = measure::findMarkers(extractor, scene.image, 0, {}, settings);
+    for ([[maybe_unused]] auto iteration : state)
+        markers = measure::findMarkers(extractor, scene.image, 0, {}, settings);
     std::vector<cv::Point2d> centres;
     centres.reserve(markers.size());
-    for (const host::Marker& marker : markers) centres.push_back(marker.centre);
+    for (const measure::Marker& marker : markers) centres.push_back(marker.centre);
     const auto score = scene::scoreDetections(scene.markers, 0, centres, true, kHitRadius);
     state.counters["found"] = static_cast<double>(score.matches.size());
     state.counters["false"] = static_cast<double>(score.falseOnes.size());

@@ -13,7 +13,7 @@
 #include "inputs.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using HostPose = Pose_<double>;
@@ -323,4 +323,4 @@ CircleMarkerExtractor calibratedExtractor(const StereoCalibration& calibration) 
     return extractor;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

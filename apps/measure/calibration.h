@@ -10,7 +10,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// One eye's camera matrix and distortion coefficients, `CV_64F`; both empty where no calibration is known.
 struct Camera {
@@ -47,4 +47,4 @@ Camera asMatrices(const Camera_<double, 2, 2>& camera);
 /// An extractor that went through the intake. @throws cv::Exception
 CircleMarkerExtractor calibratedExtractor(const StereoCalibration& calibration);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

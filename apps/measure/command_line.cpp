@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <map>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // The scene needs room for a few markers, and the renderer memory for its accumulators.
@@ -91,4 +91,4 @@ void addSettings(CLI::App& app, SettingsOptions& options) {
     command->footer("Exit code: 0, 2 if a file is not good for its path.");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

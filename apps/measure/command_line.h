@@ -8,7 +8,7 @@
 
 #include "commands.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 extern const char* const kFileNotes;   ///< for the help of every command that writes
 extern const char* const kImageNotes;  ///< for that of every command that searches images
@@ -25,4 +25,4 @@ void addStereo(CLI::App& app, StereoOptions& options);
 void addDemo(CLI::App& app, DemoOptions& options);
 void addSettings(CLI::App& app, SettingsOptions& options);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -5,7 +5,7 @@
 
 #include "command_line.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr const char* kExtractNotes =
@@ -97,4 +97,4 @@ void addDepth(CLI::App& app, DepthOptions& options) {
     command->footer(std::string(kDepthNotes) + kImageNotes + kFileNotes);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

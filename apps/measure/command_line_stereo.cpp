@@ -3,7 +3,7 @@
 
 #include "command_line.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr const char* kExplainStereoNotes =
@@ -115,4 +115,4 @@ void addStereo(CLI::App& app, StereoOptions& options) {
     command->footer(std::string(kStereoNotes) + kImageNotes + kFileNotes);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -17,7 +17,7 @@
 #include "stereo_quality.h"
 #include "terminal.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 constexpr int kSuccess = 0;
 constexpr int kPartlyFailed = 1;  ///< an image could not be handled, or the demonstration missed its truth
@@ -113,4 +113,4 @@ struct SettingsOptions {
 /// Checks the files, or lists the fields where there are none.
 int runSettings(const SettingsOptions& options);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

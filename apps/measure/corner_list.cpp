@@ -11,7 +11,7 @@
 
 #include "inputs.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // A file of another kind is wrong in every row; the first ones show how.
@@ -153,4 +153,4 @@ CornerList readCorners(const std::string& file, std::optional<Pixels> pixels) {
     return Reader(file, pixels).read();
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

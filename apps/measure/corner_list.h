@@ -11,7 +11,7 @@
 
 #include "pixels.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct CornerList {
     std::vector<Corner> corners;
@@ -29,4 +29,4 @@ struct CornerList {
 ///                     matched by image, and where nothing or more than one thing is said about the pixels.
 CornerList readCorners(const std::string& file, std::optional<Pixels> pixels);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

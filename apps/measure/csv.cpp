@@ -5,7 +5,7 @@
 
 #include <cmath>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 std::string csvField(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
@@ -18,4 +18,4 @@ std::string csvField(double value) {
     return std::isnan(value) ? std::string() : fmt::format("{}", value);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

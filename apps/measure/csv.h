@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A text as a field of a CSV: in quotes where it holds what separates fields.
 std::string csvField(const std::string& text);
@@ -11,4 +11,4 @@ std::string csvField(const std::string& text);
 /// A number as a field: the shortest decimals that give the same number again, nothing for what is not a number.
 std::string csvField(double value);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -12,7 +12,7 @@
 #include "overlay.h"
 #include "progress.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 namespace fs = std::filesystem;
@@ -218,4 +218,4 @@ int runDemo(const DemoOptions& options) {
     return watch.exitCode(perfect ? kSuccess : kPartlyFailed, "the demonstration is not complete");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -14,7 +14,7 @@
 #include "stereo_exposure.h"
 #include "stereo_pictures.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 namespace fs = std::filesystem;
@@ -205,4 +205,4 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
            });
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -8,7 +8,7 @@
 #include "commands.h"
 #include "interrupt.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// The rig as a host would hand it to the library.
 StereoCalibration calibrationOf(const scene::Rig& rig);
@@ -25,4 +25,4 @@ bool demoStereo(const DemoOptions& options, const std::filesystem::path& setting
 /// Names the files of that part to the check of the run.
 void nameStereoFiles(RunFiles& files, const std::filesystem::path& settings, const std::filesystem::path& out);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

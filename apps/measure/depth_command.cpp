@@ -9,7 +9,7 @@
 #include "markers.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 /// The depth image as the library takes it: `CV_32FC1`, 0 where nothing was measured. Cameras say that in other ways as
@@ -102,4 +102,4 @@ int runDepth(const DepthOptions& options) {
     return watch.exitCode(kSuccess, "but all is done");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

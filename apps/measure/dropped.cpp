@@ -14,7 +14,7 @@
 #include "explanation.h"
 #include "setting_rules.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using C = CicrleConfigs;
@@ -249,4 +249,4 @@ std::string polarityHint(CircleMarkerExtractor& extractor, const cv::Mat& image,
                        inverted ? "leave --invert out" : "--invert");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -13,7 +13,7 @@
 
 #include "markers.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A blob, contour or edge that the front end did not deliver.
 struct Dropped {
@@ -52,4 +52,4 @@ std::string trialTable(const std::vector<Trial>& trials);
 std::string polarityHint(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
                          const Settings& settings, const std::vector<Marker>& markers, bool inverted);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

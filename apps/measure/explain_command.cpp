@@ -12,7 +12,7 @@
 #include "overlay.h"
 #include "refinement.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 /// What other settings would find, and a hint.
@@ -74,4 +74,4 @@ int runExplain(const ExplainOptions& options) {
     return watch.exitCode(kSuccess, "but all is done");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -13,7 +13,7 @@
 #include "pair_explanation.h"
 #include "stereo_exposure.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 int runExplainStereo(const ExplainStereoOptions& options) {
     namespace fs = std::filesystem;
@@ -61,4 +61,4 @@ int runExplainStereo(const ExplainStereoOptions& options) {
     return watch.exitCode(kSuccess, "but all is done");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

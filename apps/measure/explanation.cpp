@@ -16,7 +16,7 @@
 #include "inputs.h"
 #include "overlay.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // Of one gate: beyond this a table is scrolled past, and labels in a picture cover each other. It is always specks.
@@ -249,4 +249,4 @@ cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& cand
     return drawOverlay(image, marks, title, legend, kStyle);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

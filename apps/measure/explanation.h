@@ -16,7 +16,7 @@
 #include "dropped.h"
 #include "markers.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct Candidate {
     int number;                        ///< place among all that were delivered
@@ -64,4 +64,4 @@ void writeExplanationCsv(std::ostream& stream, const std::string& image, const s
 cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title,
                         const std::vector<Dropped>& dropped = {});
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -14,7 +14,7 @@
 #include "progress.h"
 #include "refinement.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 namespace fs = std::filesystem;
@@ -173,4 +173,4 @@ int runExtract(const ExtractOptions& options) {
                           fmt::format("{} of {} images are done", done, all));
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

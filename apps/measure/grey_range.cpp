@@ -13,7 +13,7 @@
 #include "progress.h"
 #include "terminal.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr int kValues16 = 1 << 16;
@@ -135,4 +135,4 @@ std::optional<GreyRange> rangeOfRun(const std::vector<std::string>& images, cons
     return range;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

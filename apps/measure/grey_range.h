@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// `low` becomes 0, `high` 255.
 struct GreyRange {
@@ -45,4 +45,4 @@ cv::Mat toEightBits(const cv::Mat& image, const GreyRange& range);
 std::optional<GreyRange> rangeOfRun(const std::vector<std::string>& images, const std::optional<GreyRange>& wanted,
                                     const std::atomic<bool>& stop);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -18,7 +18,7 @@
 #include "library_text.h"
 #include "png_image.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using Bytes = std::span<const unsigned char>;
@@ -124,4 +124,4 @@ bool tellsEightBits(const std::string& file) {
     return bits <= 8;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -9,7 +9,7 @@
 
 #include "grey_range.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// Decodes an image as it was taken: grey stays grey, colour is BGR, transparency is dropped, the bit depth is kept,
 /// and a note to rotate the picture for viewing is ignored, since a calibration belongs to the sensor's rows and
@@ -34,4 +34,4 @@ struct ImageIntake {
 /// Whether the head of a file tells of 8 bits or less. False where only its pixels can tell, or nothing can.
 bool tellsEightBits(const std::string& file);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

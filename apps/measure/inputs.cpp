@@ -7,7 +7,7 @@
 #include <system_error>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 std::string readText(const std::string& file) {
     const auto failed = [&] { return InputError(file, "cannot be read: " + std::generic_category().message(errno)); };
@@ -45,4 +45,4 @@ std::string plainText(const std::exception& error, const std::string& file) {
     return file + ": " + plainText(error);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

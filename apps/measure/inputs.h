@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A file that is not what it should be; the text begins with the file's name.
 class InputError : public std::runtime_error {
@@ -34,4 +34,4 @@ std::string plainText(const std::exception& error);
 /// The same of an exception that came up over a file, with the file's name before it.
 std::string plainText(const std::exception& error, const std::string& file);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -3,7 +3,7 @@
 
 #include "terminal.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr int kSignalBase = 128;  // as shells report the end by a signal
@@ -50,4 +50,4 @@ int InterruptWatch::exitCode(int code, const std::string& done) const {
     return kSignalBase + askedBy;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

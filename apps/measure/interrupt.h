@@ -5,7 +5,7 @@
 #include <csignal>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// While it lives, the first Ctrl-C or SIGTERM asks the run to end after what is under way; a second one of either kind
 /// kills as ever. One at a time.
@@ -28,4 +28,4 @@ class InterruptWatch {
     }, terminateBefore_{};
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

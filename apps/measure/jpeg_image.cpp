@@ -13,7 +13,7 @@
 
 #include "picture_size.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 /// The library's way to report, with a place to leave to: it is written in C, through which nothing may be thrown.
@@ -90,4 +90,4 @@ cv::Mat decodeJpeg(std::span<const unsigned char> bytes) {
     return image;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

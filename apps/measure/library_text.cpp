@@ -13,7 +13,7 @@
 #include <streambuf>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 thread_local int listening = 0;
@@ -93,4 +93,4 @@ bool LibraryText::tiffFailed() const {
     return tiffError;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

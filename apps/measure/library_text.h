@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// The complaints of libraries on this thread while it lives.
 class LibraryText {
@@ -23,4 +23,4 @@ class LibraryText {
     bool tiffFailed() const;
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

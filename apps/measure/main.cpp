@@ -15,7 +15,7 @@
 #include "kestrune/MarkerExtractor/version.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 int run(int argc, char** argv) {
@@ -57,7 +57,7 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure
 
 int main(int argc, char** argv) {
     // Its reports about unreadable files would stand beside ours.
@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
     // A limit on file sizes and a reader that left are told as what they are to a write: an error.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
-    using namespace kestrune::host;
+    using namespace kestrune::measure;
     int code = kWrongInput;
     try {
         code = run(argc, argv);

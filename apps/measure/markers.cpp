@@ -9,7 +9,7 @@
 
 #include "csv.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr double kNotMeasured = std::numeric_limits<double>::quiet_NaN();
@@ -162,4 +162,4 @@ void writeCsvRows(std::ostream& stream, const std::string& image, const std::vec
     }
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -15,7 +15,7 @@
 #include "polarity.h"
 #include "settings.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A marker as this program shows it. What the path does not measure is not a number.
 struct Marker {
@@ -79,4 +79,4 @@ void writeCsvHeader(std::ostream& stream);
 /// measured.
 void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

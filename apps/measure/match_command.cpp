@@ -9,7 +9,7 @@
 #include "interrupt.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using HostCamera = Camera_<double, 2, 2>;
@@ -99,4 +99,4 @@ int runMatch(const MatchOptions& options) {
     return watch.exitCode(pairs.empty() ? kPartlyFailed : kSuccess, "but all is done");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// Runs `work(index, worker)` for each index below `count` on `workers` threads, and on the calling thread
 /// `deliver(index, result)` in ascending order of the indices, each as soon as all before it are done, and
@@ -74,4 +74,4 @@ std::size_t inOrder(std::size_t count, std::size_t workers, const std::atomic<bo
     return delivered;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -16,7 +16,7 @@
 #include "inputs.h"
 #include "run_files.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // Of the place's own name so much goes into the unfinished one, which file systems limit to 255 bytes.
@@ -187,4 +187,4 @@ void writeWhole(const std::string& file, const void* bytes, std::size_t size) {
     output.commit();
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

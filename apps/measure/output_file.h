@@ -18,7 +18,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A write that failed, with the file's name and the system's reason. The disk will not be better for the next image:
 /// the run ends.
@@ -72,4 +72,4 @@ class OutputFile {
 /// Writes a whole file at once. @throws InputError, OutputError
 void writeWhole(const std::string& file, const void* bytes, std::size_t size);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

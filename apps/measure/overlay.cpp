@@ -14,7 +14,7 @@
 #include "inputs.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // From this half axis on, in pixels of the picture, the gap between an ellipse and the rim it lies on can be seen.
@@ -356,4 +356,4 @@ void writePicture(const std::string& file, const cv::Mat& picture) {
     writeWhole(file, bytes.data(), bytes.size());
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -11,7 +11,7 @@
 
 #include "markers.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 enum class MarkKind {
     found,
@@ -72,4 +72,4 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
 /// Writes a picture in the format of the file's extension. @throws InputError, OutputError
 void writePicture(const std::string& file, const cv::Mat& picture);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -14,7 +14,7 @@
 #include "stereo_exposure.h"
 #include "stereo_pictures.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // Beyond this a table is scrolled past, and labels in a picture cover each other.
@@ -256,4 +256,4 @@ cv::Mat drawPairExplanation(const std::array<cv::Mat, 2>& images, const StereoRe
     return drawOverlay(both.image, marks, title, legend);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

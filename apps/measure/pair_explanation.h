@@ -13,7 +13,7 @@
 #include "MarkerExtractor/stereo/from_images.h"
 #include "settings.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct StereoResult;
 
@@ -49,4 +49,4 @@ void writePairExplanationCsv(std::ostream& stream, const StereoResult& result, c
 /// @param images  those in whose pixels the markers are.
 cv::Mat drawPairExplanation(const std::array<cv::Mat, 2>& images, const StereoResult& result, const std::string& title);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

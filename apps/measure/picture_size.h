@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// As OpenCV: what is larger is no photograph but a head that is damaged, and must not eat the machine's memory.
 constexpr std::uint64_t kMostPixels = 1 << 30;
@@ -18,4 +18,4 @@ inline void requireSize(std::uint64_t width, std::uint64_t height) {
                                  " px");
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

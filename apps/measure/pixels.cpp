@@ -8,7 +8,7 @@
 
 #include "inputs.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr std::array<const char*, 3> kNames = {"undistorted", "distorted", "rectified"};
@@ -58,4 +58,4 @@ std::string CalibratedSize::require(const std::string& image, cv::Size size) {
                        image);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -11,7 +11,7 @@
 #include "calibration.h"
 #include "settings.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 enum class Pixels {
     undistorted,  ///< those of the camera matrix with an ideal lens
@@ -56,4 +56,4 @@ class CalibratedSize {
     cv::Size size_;
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -12,7 +12,7 @@
 
 #include "picture_size.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 struct Source {
@@ -97,4 +97,4 @@ cv::Mat decodePng(std::span<const unsigned char> bytes) {
     return image;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

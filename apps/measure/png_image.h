@@ -4,7 +4,7 @@
 #include <opencv2/core.hpp>
 #include <span>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// Decodes a PNG of 8 or 16 bits: grey as one channel, all else as BGR without transparency, the pixels those of
 /// OpenCV. Which lets the library print what it meets; here it is the error's text.
@@ -12,4 +12,4 @@ namespace kestrune::host {
 /// @throws std::runtime_error  with what is wrong.
 cv::Mat decodePng(std::span<const unsigned char> bytes);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -7,7 +7,7 @@
 #include <opencv2/calib3d.hpp>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // So far from the rim nothing of its slope is left in a sharp image.
@@ -74,4 +74,4 @@ const char* nameOf(Polarity polarity) {
     return kNames[static_cast<std::size_t>(polarity)];
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -8,7 +8,7 @@
 
 #include "calibration.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 enum class Polarity {
     unknown,  ///< not asked for, or the same on both sides of the rim
@@ -27,4 +27,4 @@ Polarity polarityOf(const cv::Mat& image, const cv::RotatedRect& rim, const Came
 /// "bright", "dark" or nothing.
 const char* nameOf(Polarity polarity);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

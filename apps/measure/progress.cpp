@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr std::size_t kBarWidth = 24;
@@ -47,4 +47,4 @@ void Progress::clear() {
     std::fflush(stderr);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

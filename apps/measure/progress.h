@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A bar on standard error while many images are handled; silent for a single one and where nobody watches a terminal.
 class Progress {
@@ -27,4 +27,4 @@ class Progress {
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

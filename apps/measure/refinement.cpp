@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // Where the two agree they do so to a tenth of a pixel in noise; what is torn is off by this and up to a radius.
@@ -39,4 +39,4 @@ std::string refinementWarning(CircleMarkerExtractor& extractor, const cv::Mat& i
         moved, kAgreementPx, ids, lost);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -8,7 +8,7 @@
 
 #include "markers.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// What `refineAtFullSize` has spoilt on this image, as a sentence; empty if nothing, and on any other path.
 ///
@@ -20,4 +20,4 @@ namespace kestrune::host {
 std::string refinementWarning(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
                               const Settings& settings, const std::vector<Marker>& markers);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -10,7 +10,7 @@
 #include "inputs.h"
 #include "output_file.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 namespace fs = std::filesystem;
@@ -124,4 +124,4 @@ void RunFiles::check() const {
     throw InputError(all);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

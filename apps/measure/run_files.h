@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// Where a file is, or would be created: absolute, without links, also those whose target is not there yet.
 std::filesystem::path placeOf(const std::string& file);
@@ -74,4 +74,4 @@ class RunFiles {
     std::vector<std::string> problems_;
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

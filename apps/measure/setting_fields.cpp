@@ -6,7 +6,7 @@
 #include <array>
 #include <vector>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr std::array kPaths = {Path::simple, Path::radial, Path::fast, Path::complex, Path::hand};
@@ -153,4 +153,4 @@ std::string describeSettings() {
     return table;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -9,7 +9,7 @@
 #include <string>
 #include <variant>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// The ways from an image to markers that this program offers.
 enum class Path {
@@ -60,4 +60,4 @@ std::string readersText(const SettingField& field);
 /// The fields with type, range, readers and meaning, as a table for the terminal.
 std::string describeSettings();
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <type_traits>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using C = CicrleConfigs;
@@ -104,4 +104,4 @@ bool areUsable(const CicrleConfigs& configs, Path path) {
            });
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -8,7 +8,7 @@
 
 #include "setting_fields.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct SettingRule {
     std::array<const char*, 2> fields;  ///< the second may be null
@@ -24,4 +24,4 @@ std::span<const SettingRule> settingRules();
 /// Whether a path can find anything with these settings: all that its extraction reads is in range, and the rules hold.
 bool areUsable(const CicrleConfigs& configs, Path path);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

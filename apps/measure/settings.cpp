@@ -11,7 +11,7 @@
 #include "inputs.h"
 #include "setting_rules.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // What yaml-cpp calls a value in quotes.
@@ -181,4 +181,4 @@ Settings loadSettings(const std::string& file, std::optional<Path> path, Use use
     return reader.finish(path, use);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

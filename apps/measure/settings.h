@@ -11,7 +11,7 @@
 
 #include "setting_fields.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct Settings {
     CicrleConfigs configs;  ///< what the path does not read and the file does not hold is 0
@@ -33,4 +33,4 @@ class SettingsError : public std::runtime_error {
 ///                        value.
 Settings loadSettings(const std::string& file, std::optional<Path> path, Use use = Use::extraction);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

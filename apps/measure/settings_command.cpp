@@ -4,7 +4,7 @@
 #include "commands.h"
 #include "stereo_exposure.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 /// Whether a file that is good for an extraction holds what a stereo measurement reads as well.
@@ -35,4 +35,4 @@ int runSettings(const SettingsOptions& options) {
     return code;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

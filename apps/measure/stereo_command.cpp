@@ -22,7 +22,7 @@
 #include "stereo_output.h"
 #include "stereo_pictures.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 namespace fs = std::filesystem;
@@ -240,4 +240,4 @@ int runStereo(const StereoOptions& options) {
                           fmt::format("{} of {} exposures are done", delivery.done, names.size()));
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

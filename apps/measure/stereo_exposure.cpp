@@ -9,7 +9,7 @@
 #include "inputs.h"
 #include "markers.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
@@ -108,4 +108,4 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
     return result;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -16,7 +16,7 @@
 #include "settings.h"
 #include "stereo_quality.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// A matched marker. What the branch does not measure is not a number. The frame of `point` and `normal` is the left
 /// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
@@ -64,4 +64,4 @@ bool matchesConics(Path path);
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                              const Settings& settings, double minShare);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

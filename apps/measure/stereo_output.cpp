@@ -8,7 +8,7 @@
 
 #include "csv.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 using nlohmann::json;
@@ -152,4 +152,4 @@ std::set<std::string> StereoOutput::close(const std::string& held) {
     return lost;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

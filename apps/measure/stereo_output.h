@@ -13,7 +13,7 @@
 #include "output_file.h"
 #include "stereo_exposure.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct StereoFiles {
     std::string csv, ply, json;  ///< empty: not asked for
@@ -56,4 +56,4 @@ class StereoOutput {
     std::size_t exposures_ = 0, vertexCount_ = 0;
 };
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

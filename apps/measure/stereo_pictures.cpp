@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 constexpr int kDivider = 6;  // px between the eyes
@@ -85,4 +85,4 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
     return drawOverlay(both.image, marks, title, legend);
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -11,7 +11,7 @@
 #include "overlay.h"
 #include "stereo_exposure.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// The images of both eyes in one.
 struct SideBySide {
@@ -52,4 +52,4 @@ struct ViewText {
 /// and z away from the left camera. Needles are the normals, grey spots the discs' shadows on the floor.
 cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

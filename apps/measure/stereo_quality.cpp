@@ -9,7 +9,7 @@
 
 #include "stereo_exposure.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 // Calibrated rows agree to 0.1 px and better, and a pair that is off by more than a few times what the others are has
@@ -93,4 +93,4 @@ std::string doubtAbout(const StereoResult& result) {
     return {};
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -10,7 +10,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 struct StereoResult;
 
@@ -42,4 +42,4 @@ std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs
 /// nothing.
 std::string doubtAbout(const StereoResult& result);
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -10,7 +10,7 @@
 
 #include "stereo_pictures.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 const cv::Size kPicture(1600, 1150);
@@ -227,4 +227,4 @@ cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text) {
     return picture;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

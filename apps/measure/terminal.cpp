@@ -6,7 +6,7 @@
 #include <iostream>
 #include <system_error>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 namespace {
 
 int firstReason = 0;  // why standard output did not take something; 0: it took all
@@ -35,4 +35,4 @@ bool saidAll() {
     return false;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 /// Prints on standard output, at once.
 void say(const std::string& text);
@@ -16,4 +16,4 @@ void complain(const std::string& text);
 /// Whether standard output took all that was said. Complains if not, with the system's reason.
 bool saidAll();
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure

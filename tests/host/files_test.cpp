@@ -7,7 +7,7 @@
 
 #include "support/program.h"
 
-namespace kestrune::host::files_test {
+namespace kestrune::measure::files_test {
 
 const std::string kRadial = " --settings s.yaml ";
 
@@ -151,4 +151,4 @@ TEST_F(HostFiles, FirstSignalWritesWhatIsDone) {
     EXPECT_FALSE(std::filesystem::exists("t.csv.incomplete"));
 }
 
-}  // namespace kestrune::host::files_test
+}  // namespace kestrune::measure::files_test

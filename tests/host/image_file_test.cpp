@@ -9,7 +9,7 @@
 
 #include "support/program.h"
 
-namespace kestrune::host::image_file_test {
+namespace kestrune::measure::image_file_test {
 
 std::string bytesOf(const char* format, const cv::Mat& image, const std::vector<int>& options = {}) {
     std::vector<uchar> bytes;
@@ -159,4 +159,4 @@ TEST(HostGreyRange, IsThatOfTheWholeRunAndTold) {
     expectOutcome("extract left12.png --settings s.yaml --range 9:1", 2, "--range: 9:1 is no LOW:HIGH");
 }
 
-}  // namespace kestrune::host::image_file_test
+}  // namespace kestrune::measure::image_file_test

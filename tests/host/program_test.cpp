@@ -10,7 +10,7 @@
 #include "support/configs.h"
 #include "support/program.h"
 
-namespace kestrune::host::program_test {
+namespace kestrune::measure::program_test {
 
 /// One demonstration's exposure is the input of all that follows.
 TEST(HostProgram, DemoThenExtract) {
@@ -275,4 +275,4 @@ TEST(HostOverlay, IsAtMostTwiceTheImageUnderAWholeBanner) {
     }
 }
 
-}  // namespace kestrune::host::program_test
+}  // namespace kestrune::measure::program_test

@@ -8,7 +8,7 @@
 #include "support/configs.h"
 #include "support/program.h"
 
-namespace kestrune::host::settings_test {
+namespace kestrune::measure::settings_test {
 
 /// Every ready file holds what its path reads and nothing else, in stereo too where it has stereo fields; each of them is
 /// asked for by name.
@@ -218,4 +218,4 @@ TEST(HostSettings, BrokenFilesNameLineFieldAndValue) {
     for (const char* file : {"no-such-file.yaml", "ready"}) EXPECT_THROW(load(file), InputError);
 }
 
-}  // namespace kestrune::host::settings_test
+}  // namespace kestrune::measure::settings_test

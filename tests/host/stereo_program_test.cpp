@@ -10,7 +10,7 @@
 #include "stereo_exposure.h"
 #include "support/program.h"
 
-namespace kestrune::host::stereo_program_test {
+namespace kestrune::measure::stereo_program_test {
 
 constexpr const char* kColumns =
     "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,rowResidual,leftResidual,rightResidual,leftMarkers,"
@@ -298,4 +298,4 @@ T: !!opencv-matrix { rows: 3, cols: 1, dt: d, data: [ -78.2, -2., -62.4 ] }
     expectLoaded(records + "M1: 7\n", "'M1' beside");
 }
 
-}  // namespace kestrune::host::stereo_program_test
+}  // namespace kestrune::measure::stereo_program_test

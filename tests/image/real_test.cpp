@@ -14,14 +14,14 @@
 
 namespace kestrune::test::real {
 
-struct RealImages : testing::TestWithParam<std::pair<host::Path, const char*>> {
+struct RealImages : testing::TestWithParam<std::pair<measure::Path, const char*>> {
     static std::filesystem::path folder() { return KESTRUNE_REAL_IMAGES; }
     void SetUp() override {
         if (!std::filesystem::exists(folder())) GTEST_SKIP() << "no real images at " << folder();
     }
     static std::vector<Corner> markersIn(const cv::Mat& image, const std::string& kind) {
         const auto& [path, name] = GetParam();
-        CicrleConfigs configs = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + kind + "-" + name + ".yaml", path).configs;
+        CicrleConfigs configs = measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + kind + "-" + name + ".yaml", path).configs;
         configs.skipUndistort = true;
         CircleMarkerExtractor extractor;
         std::vector<Corner> corners;
@@ -55,7 +55,7 @@ TEST_P(RealImages, AllDotsOfTheGridAndNothingElse) {
     for (const auto& entry : std::filesystem::directory_iterator(folder() / "dot-grid-stereo")) {
         if (entry.path().extension() != ".png") continue;
         cv::Mat image = cv::imread(entry.path(), cv::IMREAD_GRAYSCALE);
-        if (GetParam().first != host::Path::complex) image = 255 - image;  // the dots are dark
+        if (GetParam().first != measure::Path::complex) image = 255 - image;  // the dots are dark
         expectTenByTenGrid(markersIn(image, "dot-grid"), entry.path().filename());
         ++images;
     }
@@ -73,8 +73,8 @@ TEST_P(RealImages, HardNegativesAreReported) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fronts, RealImages,
-                         testing::Values(std::pair(host::Path::simple, "subpixel"), std::pair(host::Path::radial, "radial"),
-                                         std::pair(host::Path::complex, "complex")),
+                         testing::Values(std::pair(measure::Path::simple, "subpixel"), std::pair(measure::Path::radial, "radial"),
+                                         std::pair(measure::Path::complex, "complex")),
                          [](const auto& front) { return std::string(front.param.second); });
 
 }  // namespace kestrune::test::real

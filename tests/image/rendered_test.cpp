@@ -13,7 +13,7 @@ namespace kestrune::test::rendered {
 constexpr double kRadii[] = {6, 8, 12, 20, 30, 40};  // px
 
 struct Front {
-    host::Path path;
+    measure::Path path;
     const char* settings;
     bool mixed;        ///< every other marker is darker than its ground
     double rms[2][6];  ///< px, as measured for faint and for strong markers of each radius
@@ -21,7 +21,7 @@ struct Front {
 
 struct RenderedMarkers : testing::TestWithParam<Front> {
     const Front& front = GetParam();
-    CicrleConfigs configs = host::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + front.settings, front.path).configs;
+    CicrleConfigs configs = measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + front.settings, front.path).configs;
 
     void SetUp() override { configs.skipUndistort = false; }
 };
@@ -84,10 +84,10 @@ TEST_P(RenderedMarkers, GiveTheSameBitsOnEveryRunAndOnACopyWhateverCameBefore) {
 }
 
 const Front kFronts[] = {
-    {host::Path::simple, "bright-subpixel.yaml", false, {{.0679, .0497, .0387, .0271, .0204, .0192}, {.0580, .0459, .0316, .0256, .0169, .0173}}},
-    {host::Path::radial, "bright-radial.yaml", false, {{.0343, .0294, .0254, .0247, .0227, .0226}, {.0218, .0193, .0188, .0174, .0181, .0170}}},
-    {host::Path::complex, "mixed-complex.yaml", true, {{.0276, .0218, .0190, .0140, .0103, .0096}, {.0170, .0136, .0119, .0084, .0065, .0058}}}};
+    {measure::Path::simple, "bright-subpixel.yaml", false, {{.0679, .0497, .0387, .0271, .0204, .0192}, {.0580, .0459, .0316, .0256, .0169, .0173}}},
+    {measure::Path::radial, "bright-radial.yaml", false, {{.0343, .0294, .0254, .0247, .0227, .0226}, {.0218, .0193, .0188, .0174, .0181, .0170}}},
+    {measure::Path::complex, "mixed-complex.yaml", true, {{.0276, .0218, .0190, .0140, .0103, .0096}, {.0170, .0136, .0119, .0084, .0065, .0058}}}};
 INSTANTIATE_TEST_SUITE_P(Fronts, RenderedMarkers, testing::ValuesIn(kFronts),
-                         [](const auto& front) { return std::string(host::nameOf(front.param.path)); });
+                         [](const auto& front) { return std::string(measure::nameOf(front.param.path)); });
 
 }  // namespace kestrune::test::rendered

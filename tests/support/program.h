@@ -16,7 +16,7 @@
 #include "support/calls.h"
 #include "support/rigs.h"
 
-namespace kestrune::host {
+namespace kestrune::measure {
 
 #if defined(__has_feature)
 constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
@@ -115,4 +115,4 @@ inline std::vector<Row> rowsOf(const std::string& file, const std::string& heade
     return rows;
 }
 
-}  // namespace kestrune::host
+}  // namespace kestrune::measure
