@@ -6,7 +6,7 @@
 // usage: kestrune_digests [--scenes N] [--threads N] [--each]
 #include <fmt/format.h>
 #include <kestrune/MarkerExtractor.h>
-#include <kestrune_scene/scene.h>
+#include <kestrune_scene/records.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -72,24 +72,6 @@ struct DigestScene {
     CircleMarkerExtractor calibrated;
 };
 
-CircleMarkerExtractor calibrate(const scene::Rig& rig) {
-    std::vector<Pose_<double>> poses;
-    std::vector<Camera_<double, 2, 2>> cameras;
-    for (const scene::PinholeCamera* camera : {&rig.left, &rig.right}) {
-        const cv::Vec3d position = -(camera->rotation.t() * camera->translation);
-        Pose_<double>& pose = poses.emplace_back();
-        std::copy_n(camera->rotation.val, 9, pose.values);
-        std::copy_n(position.val, 3, pose.values + 9);
-        const cv::Matx33d& k = camera->intrinsic;
-        cameras.push_back({{k(0, 0), k(1, 1), k(0, 2), k(1, 2)}});
-        std::copy_n(camera->distortion.begin(), 5, cameras.back().values + 4);
-    }
-    CircleMarkerExtractor extractor;
-    extractor.transform_kestruneData2cvMat(poses, cameras, rig.left.size.width, rig.left.size.height,
-                                           cv::CALIB_ZERO_DISPARITY);
-    return extractor;
-}
-
 /// Sizes, numbers, radii, tilts, contrast, light and dark, blur, noise and clutter all change with the number.
 DigestScene sceneOf(int number) {
     static const std::vector<cv::Size> kSizes = {{640, 512}, {801, 600}, {512, 640}, {1280, 1024}, {333, 251}};
@@ -109,7 +91,7 @@ DigestScene sceneOf(int number) {
     scene::Exposure exposure = scene::render(rig, discs, clutter, options);
     if (n % 8 >= 6)
         for (cv::Mat& image : exposure.image) image = 255 - image;
-    return {exposure.image[0], exposure.image[1], calibrate(rig)};
+    return {exposure.image[0], exposure.image[1], scene::calibrated(rig)};
 }
 
 /// Settings under which each path finds most discs of the scenes.

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "exposures.h"
 
-#include <algorithm>
 #include <opencv2/calib3d.hpp>
 
-#include "kestrune_scene/scene.h"
+#include "kestrune_scene/records.h"
 
 namespace kestrune::fuzz {
 
@@ -15,37 +14,11 @@ constexpr int kMarkers = 12;
 constexpr double kLeastRadius = 5, kLargestRadius = 6.5;  // px
 constexpr double kGrey = 190;
 
-Pose_<double> poseOf(const scene::PinholeCamera& camera) {
-    const cv::Vec3d position = -(camera.rotation.t() * camera.translation);
-    Pose_<double> pose{};
-    std::copy_n(camera.rotation.val, 9, pose.values);
-    std::copy_n(position.val, 3, pose.values + 9);
-    return pose;
-}
-
-Camera_<double, 2, 2> cameraOf(const scene::PinholeCamera& camera) {
-    const cv::Matx33d& k = camera.intrinsic;
-    Camera_<double, 2, 2> result{{k(0, 0), k(1, 1), k(0, 2), k(1, 2)}};
-    std::copy_n(camera.distortion.begin(), 5, result.values + 4);
-    return result;
-}
-
 scene::Rig rigWith(const cv::Vec3d& rightPosition, const cv::Vec3d& rightTurn) {
     scene::Rig rig = scene::makeVergedRig(kImageSize);
     cv::Rodrigues(rightTurn, rig.right.rotation);
     rig.right.translation = -(rig.right.rotation * rightPosition);
     return rig;
-}
-
-/// The rectified cameras as cameras of their own.
-scene::Rig rectifiedRig(const CircleMarkerExtractor& e, const scene::Rig& rig) {
-    const auto rectified = [](const scene::PinholeCamera& camera, const cv::Mat& projection,
-                              const cv::Mat& rectification) {
-        const cv::Matx33d turn(rectification), intrinsic(projection.colRange(0, 3).clone().ptr<double>());
-        return scene::PinholeCamera{intrinsic, {}, turn * camera.rotation, turn * camera.translation, camera.size};
-    };
-    return {rectified(rig.left, e.leftProjection, e.leftRectification),
-            rectified(rig.right, e.rightProjection, e.rightRectification)};
 }
 
 /// Gives every number a value, so that what is spoiled about a record later is the same in every run.
@@ -84,12 +57,12 @@ RenderedExposure make(const scene::Rig& rig, bool isRectified, std::uint64_t see
     RenderedExposure made;
     made.extractor.imageWidth = made.extractor.imageHeight = 0;
     made.isRectified = isRectified;
-    made.poses = {poseOf(rig.left), poseOf(rig.right)};
-    made.cameras = {cameraOf(rig.left), cameraOf(rig.right)};
+    made.poses = {scene::poseOf(rig.left), scene::poseOf(rig.right)};
+    made.cameras = {scene::cameraOf(rig.left), scene::cameraOf(rig.right)};
     made.extractor.transform_kestruneData2cvMat(made.poses, made.cameras, kImageSize.width, kImageSize.height,
                                                 cv::CALIB_ZERO_DISPARITY);
     const auto discs = scene::makeScatteredDiscs(rig, kMarkers, kLeastRadius, kLargestRadius, 25, kGrey, seed);
-    const scene::Rig seenThrough = isRectified ? rectifiedRig(made.extractor, rig) : rig;
+    const scene::Rig seenThrough = isRectified ? scene::rectifiedRig(made.extractor, rig) : rig;
     made.image = scene::render(seenThrough, discs, {}, {}).image;
     findMarkers(made);
     return made;

@@ -36,12 +36,13 @@ TEST(Corner, MoveAssignmentTakesAllFieldsOver) {
     Corner copy(given);
     target = std::move(given);
     EXPECT_EQ(numbersOf(target), numbersOf(copy));
-    EXPECT_TRUE(target.scatter == copy.scatter && target.normal == copy.normal && target.position == copy.position);
-    EXPECT_TRUE(target.contour == copy.contour && target.auxListA[0].values[2] == 3 && target.auxListB[0].values[2] == 6);
+    EXPECT_EQ(std::tie(target.scatter, target.normal, target.position, target.contour),
+              std::tie(copy.scatter, copy.normal, copy.position, copy.contour));
+    EXPECT_EQ(std::pair(target.auxListA.at(0).values[2], target.auxListB.at(0).values[2]), std::pair(3, 6));
     EXPECT_EQ(std::memcmp(target.areaText, copy.areaText, 600), 0);
     // NOLINTBEGIN(bugprone-use-after-move): what the source is left with is part of the contract
-    EXPECT_TRUE(given.contour.empty() && given.auxListA.empty() && given.auxListB.empty());
-    EXPECT_TRUE(given.scatter.rows() == 2 && given.normal[0] == 9 && given.position[0] == 8) << "swapped";
+    EXPECT_EQ(given.contour.size() + given.auxListA.size() + given.auxListB.size(), 0u);
+    EXPECT_EQ(std::tuple(given.scatter.rows(), given.normal[0], given.position[0]), std::tuple(2, 9.0, 8.0)) << "swapped";
     // NOLINTEND(bugprone-use-after-move)
 }
 
@@ -178,21 +179,17 @@ class CommaLocale {
 TEST(Locale, OfTheProcessHasNoSayInTexts) {
     const auto texts = [] {
         std::vector<std::string> result;
-        CicrleConfigs c = discConfigs(false);
-        const auto add = [&result, &c](const cv::Mat& image) {
+        CicrleConfigs narrow = discConfigs(false), reduced = narrow, large = narrow;
+        narrow.sigma = 0.0625, reduced.scale = 12345, large.minArea = 1234567;
+        for (const CicrleConfigs& c : {narrow, reduced}) {
             try {
                 std::vector<Corner> corners;
-                CircleMarkerExtractor().CircleExtractSimple(image, corners, 0, c);
+                CircleMarkerExtractor().CircleExtractSimple(cv::Mat::zeros(9, 4321, CV_8U), corners, 0, c);
             } catch (const cv::Exception& e) {
                 result.push_back(e.err);
             }
-        };
-        c.sigma = 0.0625;
-        add(cv::Mat(9, 9, CV_8UC1, cv::Scalar(0)));
-        c.scale = 12345;
-        add(cv::Mat(9, 4321, CV_8UC1, cv::Scalar(0)));
-        c.minArea = 1234567;
-        result.emplace_back(judgeContour({{0, 0}, {1300, 0}, {1300, 1.5}, {0, 1.5}}, SimpleGates(c), {}).candidate.areaText);
+        }
+        result.emplace_back(judgeContour({{0, 0}, {1300, 0}, {1300, 1.5}, {0, 1.5}}, SimpleGates(large), {}).candidate.areaText);
         cv::Mat image(60, 500, CV_8UC1, cv::Scalar(0)), position = (cv::Mat_<double>(3, 1) << 1, 2, -900);
         cv::RotatedRect ellipse({160, 20}, {20, 14}, 30);
         double x = 0;
@@ -210,11 +207,7 @@ TEST(Locale, OfTheProcessHasNoSayInTexts) {
 }
 
 TEST(Logging, WritesWholeLinesOnStandardOutput) {
-    struct Grouped : std::numpunct<char> {
-        char do_thousands_sep() const override { return '.'; }
-        std::string do_grouping() const override { return "\1"; }
-    };
-    const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));  // a host's: has no say
+    const CommaLocale hosts;  // has no say
     const std::tuple<const char*, int, int, std::string> cases[] = {{"a/f.cpp", 7, 3, "WARN  f.cpp:   7"},
                                                                     {"a\\b/f.cpp", 12345, 0, "NONE  f.cpp:12345"},
                                                                     {"a/b\\f.cpp", 2411, 1, "FATAL f.cpp:2411"},
@@ -241,7 +234,6 @@ TEST(Logging, WritesWholeLinesOnStandardOutput) {
                   for (int i = 0; i < 4; ++i) threads.emplace_back(report);
               }),
               expected);
-    std::locale::global(before);
 }
 
 TEST(FrontDoor, UndistortsWithTheMatricesOfTheEyeAndWarnsOfTheOneThatFailed) {
