@@ -188,7 +188,7 @@ void printPreamble(const json& context, const Results& results) {
             least = std::min(least, result.milliseconds.size());
             most = std::max(most, result.milliseconds.size());
             ++measured;
-            unsteady += isUnsteady(result) ? 1 : 0;
+            if (isUnsteady(result)) ++unsteady;
         }
     }
     if (measured == 0) throw std::runtime_error("no times in the file");

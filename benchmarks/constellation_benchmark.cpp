@@ -85,13 +85,13 @@ Scene vainScene(int n, int candidates) {
             eye->push_back(markerAt(x, y));
         }
     }
-    std::vector<int> lot(n);
-    std::iota(lot.begin(), lot.end(), 0);
+    std::vector<std::size_t> lot(scene.left.size());
+    std::iota(lot.begin(), lot.end(), std::size_t{0});
     for (int round = 0; round < candidates; ++round) {
-        for (int i = n - 1; i > 0; --i) std::swap(lot[i], lot[generator() % (i + 1)]);
-        for (int i = 0; i < n; ++i) {
-            scene.left[i].matches.push_back(lot[i]);
-            scene.right[lot[i]].matches.push_back(i);
+        for (std::size_t i = lot.size() - 1; i > 0; --i) std::swap(lot[i], lot[generator() % (i + 1)]);
+        for (std::size_t i = 0; i < lot.size(); ++i) {
+            scene.left[i].matches.push_back(static_cast<int>(lot[i]));
+            scene.right[lot[i]].matches.push_back(static_cast<int>(i));
         }
     }
     return scene;

@@ -60,7 +60,7 @@ set(CPACK_COMPONENT_DOCUMENTATION_DESCRIPTION "finds circular markers in camera 
 
 This package has the guides to the library and the program, hosts to begin from and settings for them.")
 set(pages ${CMAKE_INSTALL_DATADIR}/doc/kestrune-doc)
-install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${pages} COMPONENT documentation)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE DESTINATION ${pages} COMPONENT documentation)
 install(DIRECTORY docs DESTINATION ${pages} COMPONENT documentation PATTERN "*.in" EXCLUDE)
 install(DIRECTORY examples/minimal examples/stereo examples/settings DESTINATION ${pages}/examples COMPONENT documentation)
 

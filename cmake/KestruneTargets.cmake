@@ -40,7 +40,7 @@ function(kestrune_target name)
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-tree-slp-vectorize>)
     target_compile_options(${name} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
     target_compile_options(${name} PRIVATE -ffp-contract=off -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
-                                           -Woverloaded-virtual -Wcast-align -Wunused)
+                                           -Woverloaded-virtual -Wcast-align -Wunused -Wsign-conversion)
     target_compile_options(${name} PRIVATE ${kestrune_hardening} -fno-semantic-interposition)
     target_link_options(${name} PRIVATE ${kestrune_hardening_links})
     if(KESTRUNE_WERROR)

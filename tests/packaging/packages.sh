@@ -42,7 +42,7 @@ inspect libkestrune-markerextractor-dev "$runtime.exactly libopencv-dev.*libopen
     "$config"{Config,ConfigVersion,Targets,Targets-release}.cmake
 inspect kestrune-tools "libopencv-core[0-9]+[a-z0-9]* libopencv-calib3d[0-9]+[a-z0-9]* libopencv-imgcodecs[0-9]+[a-z0-9]*" \
     usr/bin/kestrune-measure usr/share/man/man1/kestrune-measure.1.gz "${settings[@]}"
-mapfile -t pages < <(cd "$source" && find README.md CHANGELOG.md LICENSE docs examples/{minimal,stereo,settings} -type f ! -name '*.in' \
+mapfile -t pages < <(cd "$source" && find README.md CHANGELOG.md CONTRIBUTING.md LICENSE docs examples/{minimal,stereo,settings} -type f ! -name '*.in' \
     -printf 'usr/share/doc/kestrune-doc/%p\n')
 inspect kestrune-doc "" "${pages[@]}"
 

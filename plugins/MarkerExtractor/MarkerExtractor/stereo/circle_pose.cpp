@@ -67,7 +67,7 @@ std::optional<CirclePose> circlePose(const Eigen::Matrix3d& camera, const cv::Ve
     pose.radius = std::sqrt(e2) * p.norm() / std::sqrt(-e0);
     const double s = std::sqrt((e2 - e1) / e1);
     const Eigen::Matrix3d toCentre = half.inverse();
-    for (const std::size_t side : {0, 1}) {
+    for (std::size_t side = 0; side < 2; ++side) {
         const Eigen::Vector3d normal = facingNormal(u1 + (side == 0 ? s : -s) * u0, u2, p);
         const Eigen::Vector3d h = toCentre * normal;
         pose.normals[side] = {normal.x(), normal.y(), normal.z()};

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "MarkerExtractor/stereo/hypothesis_search.h"
+#include "MarkerExtractor/stereo/index.h"
 
 namespace kestrune {
 
@@ -24,17 +25,18 @@ bool sampleEdges(const constellation::Constellation& constellation, constellatio
                  std::int64_t draws) {
     const std::vector<constellation::EdgeShape>& edges = constellation.left.shapes;
     const int n = static_cast<int>(edges.size());
-    std::vector<int> order(n);
+    std::vector<int> order(edges.size());
     std::iota(order.begin(), order.end(), 0);
     std::mt19937 generator;  // the default seed, afresh in each call: the same records give the same pairs
     std::uniform_int_distribution<int> draw(0, n - 1);
     for (std::int64_t i = 0; i < draws; ++i) {
-        std::swap(order[0], order[draw(generator)]);
-        std::swap(order[1], order[draw(generator)]);
-        const int a = std::min(order[0], order[1]), b = std::max(order[0], order[1]);
-        const std::optional<constellation::SharedEnds> ends = sharedEnds(edges[a], edges[b]);
-        if (!ends || (edges[a].alongRows && edges[b].alongRows)) continue;
-        if (constellation.ranges[a].size() == 0 || constellation.ranges[b].size() == 0) continue;
+        std::swap(order[0], order[asIndex(draw(generator))]);
+        std::swap(order[1], order[asIndex(draw(generator))]);
+        const auto [a, b] = std::minmax(order[0], order[1]);
+        const constellation::EdgeShape &edgeA = edges[asIndex(a)], &edgeB = edges[asIndex(b)];
+        const std::optional<constellation::SharedEnds> ends = sharedEnds(edgeA, edgeB);
+        if (!ends || (edgeA.alongRows && edgeB.alongRows)) continue;
+        if (constellation.ranges[asIndex(a)].size() == 0 || constellation.ranges[asIndex(b)].size() == 0) continue;
         if (search.tryEdges(a, b, *ends)) return true;
     }
     return false;
@@ -60,8 +62,8 @@ bool findConstellation(const std::vector<MarkerMatchRecord>& leftRecords,
     pruneInconsistentPairs(constellation.left.active, constellation.right.active, pairs, edgeLengthTolerance,
                            edgeAngleTolerance);
     for (auto& [left, right] : pairs) {
-        left = constellation.left.original[left];
-        right = constellation.right.original[right];
+        left = constellation.left.original[asIndex(left)];
+        right = constellation.right.original[asIndex(right)];
     }
     return true;
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "parallel/parallel_loop.h"
 
 namespace kestrune::constellation {
@@ -35,7 +36,7 @@ Constellation::Constellation(const std::vector<MarkerMatchRecord>& leftRecords,
     const std::size_t rightCount = right.centres.size();
     isCandidate_.assign(left.centres.size() * rightCount, 0);
     for (int i = 0; i < left.count(); ++i) {
-        for (const int u : left.candidates(i)) isCandidate_[i * rightCount + u] = 1;
+        for (const int u : left.candidates(i)) isCandidate_[asIndex(i) * rightCount + asIndex(u)] = 1;
     }
     rightDirections_.reserve(right.shapes.size());
     for (const EdgeShape& edge : right.shapes) {
@@ -43,7 +44,7 @@ Constellation::Constellation(const std::vector<MarkerMatchRecord>& leftRecords,
     }
     rightEdgeBetween_.assign(rightCount * rightCount, -1);
     for (std::size_t k = 0; k < right.shapes.size(); ++k) {
-        const std::size_t p = right.shapes[k].first, q = right.shapes[k].second;
+        const std::size_t p = asIndex(right.shapes[k].first), q = asIndex(right.shapes[k].second);
         rightEdgeBetween_[p * rightCount + q] = rightEdgeBetween_[q * rightCount + p] = static_cast<std::int32_t>(k);
     }
     findRanges(edgeLengthTolerance);
@@ -51,12 +52,12 @@ Constellation::Constellation(const std::vector<MarkerMatchRecord>& leftRecords,
 
 void Constellation::findRanges(double edgeLengthTolerance) {
     const auto n = static_cast<std::int32_t>(left.edges.size());
-    ranges.assign(n, {0, 0});
+    ranges.assign(left.edges.size(), {0, 0});
     if (n == 0 || right.edges.empty()) return;
     forEachInParallel(n, kLookUpTime, [&](int e) {
-        const double length = left.edges[e].length;
-        ranges[e] = {firstNotShorter(right.edges, (1 - edgeLengthTolerance) * length),
-                     firstNotShorter(right.edges, (1 + edgeLengthTolerance) * length)};
+        const double length = left.edges[asIndex(e)].length;
+        ranges[asIndex(e)] = {firstNotShorter(right.edges, (1 - edgeLengthTolerance) * length),
+                              firstNotShorter(right.edges, (1 + edgeLengthTolerance) * length)};
     });
 }
 
@@ -75,14 +76,14 @@ bool Constellation::canCorrespond(const EdgeShape& leftEdge, const EdgeShape& ri
 
 void Constellation::collectImages(int a, std::vector<std::int32_t>& images) const {
     images.clear();
-    const EdgeShape& leftEdge = left.shapes[a];
-    const EdgeRange range = ranges[a];
+    const EdgeShape& leftEdge = left.shapes[asIndex(a)];
+    const EdgeRange range = ranges[asIndex(a)];
     const std::span<const int> from = left.candidates(leftEdge.first), to = left.candidates(leftEdge.second);
     if (kJoinCost * from.size() * to.size() < static_cast<std::size_t>(range.size())) {
         for (const int p : from) {
             for (const int q : to) {
                 const std::int32_t k = rightEdgeBetween(p, q);
-                if (range.holds(k) && canCorrespond(leftEdge, right.shapes[k])) images.push_back(k);
+                if (range.holds(k) && canCorrespond(leftEdge, right.shapes[asIndex(k)])) images.push_back(k);
             }
         }
         std::sort(images.begin(), images.end());
@@ -92,8 +93,8 @@ void Constellation::collectImages(int a, std::vector<std::int32_t>& images) cons
     const bool isDirected = !leftEdge.xShort && !leftEdge.yShort;
     for (std::int32_t k = range.first; k < range.last; ++k) {
         // Most edges differ in direction; the rest need a closer look.
-        if (isDirected && std::abs(rightDirections_[k] - leftEdge.angle) > angleTolerance) continue;
-        if (canCorrespond(leftEdge, right.shapes[k])) images.push_back(k);
+        if (isDirected && std::abs(rightDirections_[asIndex(k)] - leftEdge.angle) > angleTolerance) continue;
+        if (canCorrespond(leftEdge, right.shapes[asIndex(k)])) images.push_back(k);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/constellation_eye.h"
+#include "MarkerExtractor/stereo/index.h"
 
 namespace kestrune::constellation {
 
@@ -35,10 +36,10 @@ class Constellation {
 
   private:
     bool isCandidate(int leftMarker, int rightMarker) const {
-        return isCandidate_[static_cast<std::size_t>(leftMarker) * right.centres.size() + rightMarker] != 0;
+        return isCandidate_[asIndex(leftMarker) * right.centres.size() + asIndex(rightMarker)] != 0;
     }
     std::int32_t rightEdgeBetween(int p, int q) const {
-        return rightEdgeBetween_[static_cast<std::size_t>(p) * right.centres.size() + q];
+        return rightEdgeBetween_[asIndex(p) * right.centres.size() + asIndex(q)];
     }
     void findRanges(double edgeLengthTolerance);
 

@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "MarkerExtractor/stereo/index.h"
+
 namespace kestrune::constellation {
 
 namespace {
@@ -40,14 +42,15 @@ void Eye::activate(const std::vector<MarkerMatchRecord>& records) {
 void Eye::linkCandidates(const Eye& other, std::size_t otherRecords) {
     const auto isFinite = [](cv::Point2d p) { return std::isfinite(p.x) && std::isfinite(p.y); };
     std::vector<int> compact(otherRecords, -1);
-    for (int i = 0; i < other.count(); ++i) {
-        if (isFinite(other.centres[i])) compact[other.original[i]] = i;
+    for (std::size_t i = 0; i < other.centres.size(); ++i) {
+        if (isFinite(other.centres[i])) compact[asIndex(other.original[i])] = static_cast<int>(i);
     }
     offsets_.assign(1, 0);
-    for (int i = 0; i < count(); ++i) {
+    for (std::size_t i = 0; i < active.size(); ++i) {
         for (const int match : active[i]->matches) {
-            const bool isRecord = match >= 0 && static_cast<std::size_t>(match) < otherRecords;
-            if (isRecord && compact[match] >= 0 && isFinite(centres[i])) candidates_.push_back(compact[match]);
+            if (match < 0 || asIndex(match) >= otherRecords) continue;
+            const int candidate = compact[asIndex(match)];
+            if (candidate >= 0 && isFinite(centres[i])) candidates_.push_back(candidate);
         }
         offsets_.push_back(static_cast<int>(candidates_.size()));
     }

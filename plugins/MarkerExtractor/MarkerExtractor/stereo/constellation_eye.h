@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "MarkerExtractor/stereo/marker_edges.h"
 
 namespace kestrune::constellation {
@@ -32,7 +33,7 @@ struct Eye {
     int count() const { return static_cast<int>(active.size()); }
     /// Active markers of the other eye that marker `i` may be, in the order of its record.
     std::span<const int> candidates(int i) const {
-        return {candidates_.data() + offsets_[i], candidates_.data() + offsets_[i + 1]};
+        return {candidates_.data() + offsets_[asIndex(i)], candidates_.data() + offsets_[asIndex(i) + 1]};
     }
     std::size_t candidateCount() const { return candidates_.size(); }
 

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <numbers>
 
+#include "MarkerExtractor/stereo/index.h"
+
 namespace kestrune {
 
 namespace {
@@ -84,8 +86,8 @@ void pruneInconsistentPairs(const std::vector<const MarkerMatchRecord*>& leftAct
     const std::size_t n = pairs.size();
     std::vector<const MarkerMatchRecord*> leftMarkers, rightMarkers;
     for (const auto& [l, r] : pairs) {
-        leftMarkers.push_back(leftActive[l]);
-        rightMarkers.push_back(rightActive[r]);
+        leftMarkers.push_back(leftActive[asIndex(l)]);
+        rightMarkers.push_back(rightActive[asIndex(r)]);
     }
     const EdgeTable left(leftMarkers), right(rightMarkers);
 

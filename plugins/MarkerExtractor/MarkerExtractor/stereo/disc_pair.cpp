@@ -92,8 +92,8 @@ void judge(DiscCandidate& candidate, const DiscPair& discs, const ConicRig& rig,
 DiscPair pairDiscs(const CirclePose& left, const CirclePose& right) {
     const double least = std::min(left.radius, right.radius), largest = std::max(left.radius, right.radius);
     DiscPair discs{left, right, 0, 0, 0, least / largest};
-    for (const std::size_t l : {0, 1}) {
-        for (const std::size_t r : {0, 1}) {
+    for (std::size_t l = 0; l < 2; ++l) {
+        for (std::size_t r = 0; r < 2; ++r) {
             const double agreement = std::abs(right.normals[r].dot(left.normals[l]));
             const bool isFirst = l == 0 && r == 0;
             if (!isFirst && !(agreement > discs.agreement)) continue;

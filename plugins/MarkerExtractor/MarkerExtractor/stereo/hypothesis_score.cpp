@@ -5,6 +5,8 @@
 #include <limits>
 #include <span>
 
+#include "MarkerExtractor/stereo/index.h"
+
 namespace kestrune::constellation {
 
 namespace {
@@ -22,8 +24,10 @@ void PolarView::lookFrom(cv::Point2d centre) {
 }
 
 double PolarView::angle(int i) {
-    if (std::isnan(angles_[i])) angles_[i] = std::atan2(markers_[i].y - centre_.y, markers_[i].x - centre_.x);
-    return angles_[i];
+    double& angle = angles_[asIndex(i)];
+    const cv::Point2d& marker = markers_[asIndex(i)];
+    if (std::isnan(angle)) angle = std::atan2(marker.y - centre_.y, marker.x - centre_.x);
+    return angle;
 }
 
 HypothesisScore::HypothesisScore(const Constellation& constellation)

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/constellation_edges.h"
+#include "MarkerExtractor/stereo/index.h"
 #include "MarkerExtractor/stereo/ordered_fold.h"
 
 namespace kestrune::constellation {
@@ -25,7 +26,7 @@ class PolarView {
         : markers_(markers), radii_(markers.size()), angles_(markers.size()) {}
 
     void lookFrom(cv::Point2d centre);
-    double radius(int i) const { return radii_[i]; }
+    double radius(int i) const { return radii_[asIndex(i)]; }
     double angle(int i);
 
   private:

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <optional>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "parallel/parallel_loop.h"
 
 namespace kestrune::constellation {
@@ -34,7 +35,7 @@ HypothesisSearch::HypothesisSearch(const Constellation& constellation, int requi
     firsts_.reserve(constellation.right.edges.size());
     seconds_.reserve(constellation.right.edges.size());
     const int threads = largestTeam();
-    scores_.reserve(threads);
+    scores_.reserve(asIndex(threads));
     for (int i = 0; i < threads; ++i) scores_.emplace_back(constellation);
 }
 
@@ -45,9 +46,9 @@ bool HypothesisSearch::tryEdges(int a, int b, const SharedEnds& ends) {
     if (seconds_.empty()) return false;
 
     const std::vector<cv::Point2d>& markers = constellation_.left.centres;
-    const cv::Point2d endA = markers[ends.endA], endB = markers[ends.endB];
+    const cv::Point2d endA = markers[asIndex(ends.endA)], endB = markers[asIndex(ends.endB)];
     const Triangle triangle{distanceOf(endA, endB), std::atan2(endB.y - endA.y, endB.x - endA.x),
-                            meanOf(endA, endB, markers[ends.shared])};
+                            meanOf(endA, endB, markers[asIndex(ends.shared)])};
     ++round_;
     centroids_.clear();
     for (const std::int32_t k : firsts_) {
@@ -59,13 +60,14 @@ bool HypothesisSearch::tryEdges(int a, int b, const SharedEnds& ends) {
 
 /// Adds the right triangles with edge `k` that may be the image of the left one.
 void HypothesisSearch::collectTriangles(const Triangle& triangle, int k) {
-    const EdgeShape& first = constellation_.right.shapes[k];
+    const EdgeShape& first = constellation_.right.shapes[asIndex(k)];
     for (const std::int32_t m : seconds_) {
-        const EdgeShape& second = constellation_.right.shapes[m];
+        const EdgeShape& second = constellation_.right.shapes[asIndex(m)];
         const std::optional<SharedEnds> ends = sharedEnds(first, second);
         if (!ends || (first.alongRows && second.alongRows) || !isThirdSideAlike(triangle, *ends)) continue;
         const std::vector<cv::Point2d>& markers = constellation_.right.centres;
-        centroids_.push_back(meanOf(markers[ends->endA], markers[ends->endB], markers[ends->shared]));
+        centroids_.push_back(
+            meanOf(markers[asIndex(ends->endA)], markers[asIndex(ends->endB)], markers[asIndex(ends->shared)]));
     }
 }
 
@@ -76,8 +78,8 @@ bool HypothesisSearch::scoreBatch(cv::Point2d leftCentroid) {
     fold_.beginBatch(items);
     forEachInParallel(items, scoreTime_, [&](int item, int thread) {
         if (!fold_.isNeeded(item)) return;
-        HypothesisScore& score = scores_[thread];
-        const double error = score.layOn(round_, leftCentroid, centroids_[item]);
+        HypothesisScore& score = scores_[asIndex(thread)];
+        const double error = score.layOn(round_, leftCentroid, centroids_[asIndex(item)]);
         if (score.pairs().size() < kLeastPairs) score.pairs().clear();
         fold_.submit(item, score.pairs(), error);
     });
@@ -86,7 +88,8 @@ bool HypothesisSearch::scoreBatch(cv::Point2d leftCentroid) {
 }
 
 bool HypothesisSearch::isThirdSideAlike(const Triangle& triangle, const SharedEnds& ends) const {
-    const cv::Point2d endA = constellation_.right.centres[ends.endA], endB = constellation_.right.centres[ends.endB];
+    const std::vector<cv::Point2d>& markers = constellation_.right.centres;
+    const cv::Point2d endA = markers[asIndex(ends.endA)], endB = markers[asIndex(ends.endB)];
     const double ratio = std::abs(triangle.thirdLength / distanceOf(endA, endB));
     if (ratio < 1 - constellation_.lengthTolerance || ratio > 1 + constellation_.lengthTolerance) return false;
     const double angle = std::atan2(endB.y - endA.y, endB.x - endA.x);

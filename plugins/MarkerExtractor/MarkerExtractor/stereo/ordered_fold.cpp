@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "MarkerExtractor/stereo/index.h"
+
 namespace kestrune::constellation {
 
 namespace {
@@ -17,8 +19,8 @@ void InOrderFold::beginBatch(int items) {
     next_ = lastSubmitted_ = 0;
     validKnown_ = validCount_;
     bestKnown_ = bestCount_;
-    if (outcomes_.size() < static_cast<std::size_t>(items)) outcomes_.resize(items);
-    for (int item = 0; item < items; ++item) outcomes_[item].isIn = false;
+    if (outcomes_.size() < asIndex(items)) outcomes_.resize(asIndex(items));
+    for (int item = 0; item < items; ++item) outcomes_[asIndex(item)].isIn = false;
     lastNeeded_.store(items - 1, std::memory_order_relaxed);
 }
 
@@ -45,12 +47,13 @@ void InOrderFold::submit(int item, std::vector<CompactPair>& pairs, double error
         bestKnown_ = std::max(bestKnown_, static_cast<int>(pairs.size()));
     }
     lastSubmitted_ = std::max(lastSubmitted_, item);
-    outcomes_[item].isIn = true;
-    outcomes_[item].error = error;
+    Outcome& outcome = outcomes_[asIndex(item)];
+    outcome.isIn = true;
+    outcome.error = error;
     // A refused hypothesis leaves the thread its storage, so that none has to be found for the next one.
-    outcomes_[item].pairs.clear();
-    if (!pairs.empty()) outcomes_[item].pairs.swap(pairs);
-    while (next_ < items_ && outcomes_[next_].isIn && !succeeded_) takeIn(outcomes_[next_++]);
+    outcome.pairs.clear();
+    if (!pairs.empty()) outcome.pairs.swap(pairs);
+    while (next_ < items_ && outcomes_[asIndex(next_)].isIn && !succeeded_) takeIn(outcomes_[asIndex(next_++)]);
     // If all that is known now is enough to end the search, it ends at the latest with the last item handed in.
     int last = lastNeeded_.load(std::memory_order_relaxed);
     if (succeeded_) {
