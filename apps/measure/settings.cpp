@@ -17,11 +17,11 @@ namespace {
 // What yaml-cpp calls a value in quotes.
 constexpr const char* kQuoted = "!";
 
-/// The fields of the one document in a text.
+/// The fields of a text; of several documents those of the first.
 YAML::Node parse(const std::string& file, const std::string& text) {
     try {
-        const std::vector<YAML::Node> documents = YAML::LoadAll(text);
-        if (documents.size() == 1 && documents[0].IsMap()) return documents[0];
+        const YAML::Node root = YAML::Load(text);  // LoadAll never ends at a comma before a document
+        if (root.IsMap()) return root;
     } catch (const YAML::Exception& error) {
         throw InputError(file, fmt::format("is no readable YAML: line {}: {}", error.mark.line + 1, error.msg));
     }

@@ -188,7 +188,7 @@ TEST(HostSettings, BrokenFilesNameLineFieldAndValue) {
             {"markerRadii", "markerRadii: [1.5, -2]", "field 'markerRadii': -2 is outside"},
             {"markerRadii", "markerRadii: 2", "field 'markerRadii': '2' is not a list"},
             {"sigma", "sigma: [1", "is no readable YAML: line "},
-            {"sigma", "---", "holds no list of named fields"},
+            {"---", ",---", "holds no list of named fields"},
             {"%YAML", "", ""},
         },
       complexCases[] = {
