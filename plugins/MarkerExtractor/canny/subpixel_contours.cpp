@@ -198,6 +198,7 @@ EdgeSettings::EdgeSettings(const CicrleConfigs& configs)
     : EdgeSettings(configs.sigma, configs.aperture, configs.cannyLow, configs.cannyHigh,
                    configs.minContourSize / configs.scale, cv::RETR_TREE, configs.useThreads) {}
 
+// NOLINTNEXTLINE(readability-function-size): a list that others compile against
 void detectSubpixelContours(const cv::Mat& image, double sigma, unsigned aperture, int low, int high,
                             std::vector<SubpixelContour>& contours, int minLength, int retrievalMode, bool threaded) {
     requireGreyImage(image);

@@ -79,6 +79,7 @@ void judgeGroups(const plain::EdgeRow& row, int grouped) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-size): a list that others compile against
 void find_edge_mask_nms(const cv::Mat& img_grad, const cv::Mat& img_dx, const cv::Mat& img_dy, cv::Mat& edge_mask,
                         std::vector<int>& strong, std::vector<int>& weak, float low, float high, float nmsFactor) {
     if (img_grad.type() != CV_32FC1 || img_dx.type() != CV_32FC1 || img_dy.type() != CV_32FC1 ||

@@ -126,6 +126,7 @@ RimSettings RimSettings::of(const CicrleConfigs& c) {
             wholePixels(c.maxDiameter)};
 }
 
+// NOLINTNEXTLINE(readability-function-size): a list that others compile against
 void detectEllipseCandidates(const cv::Mat& image, const cv::Mat& fullImage, cv::Mat& blur16U, cv::Mat& img_grad,
                              cv::Mat& img_dx, cv::Mat& img_dy, cv::Mat& binary, cv::Mat& edge_mask, cv::Mat& labels,
                              std::vector<std::vector<cv::Point>>& candidates, float sigma, int aperture, int thresholdC,

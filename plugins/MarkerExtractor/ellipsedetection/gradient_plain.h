@@ -135,6 +135,7 @@ inline std::array<int, kBins> histogram(const cv::Mat& grad, float min, float sc
     return counts;
 }
 
+// NOLINTNEXTLINE(readability-function-size): the list of the operation that it states
 inline void find_edge_mask_nms(const cv::Mat& grad, const cv::Mat& dx, const cv::Mat& dy, cv::Mat& mask,
                                std::vector<int>& strong, std::vector<int>& weak, float low, float high,
                                float nmsFactor) {

@@ -203,6 +203,7 @@ float probeRadialContrast(const cv::Mat& image, cv::Point2f centre, float r1, fl
     return static_cast<float>(bearing) / static_cast<float>(directions.size());
 }
 
+// NOLINTNEXTLINE(readability-function-size): a list that others compile against
 void detectRadialContours(const cv::Mat& image, const cv::Mat& fullImage, cv::Mat& blurredFull, cv::Mat& binary,
                           cv::Mat& fullBinary, cv::Mat& labels, double sigma, int aperture,
                           std::vector<SubpixelContour>& contours, const std::vector<cv::Point2f>& rayDirections,

@@ -140,6 +140,7 @@ std::vector<MatchedPair> matchRectified(const std::vector<Corner>& leftCorners, 
     return *pairs;
 }
 
+// NOLINTNEXTLINE(readability-function-size): a list that others compile against
 std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
     std::vector<Corner>& leftCorners, std::vector<Corner>& rightCorners, std::vector<double> markerRadii,
     std::vector<Point3_<double>>& points, cv::Mat& rotation, cv::Mat& leftProjection, cv::Mat& rightProjection,
