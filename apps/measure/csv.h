@@ -8,7 +8,7 @@ namespace kestrune::measure {
 /// A text as a field of a CSV: in quotes where it holds what separates fields.
 std::string csvField(const std::string& text);
 
-/// A number as a field: the shortest decimals that give the same number again, nothing for what is not a number.
+/// A number as a field: the shortest decimals that give the same number again, nothing for NaN.
 std::string csvField(double value);
 
 }  // namespace kestrune::measure

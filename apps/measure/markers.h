@@ -17,7 +17,7 @@
 
 namespace kestrune::measure {
 
-/// A marker as this program shows it. What the path does not measure is not a number.
+/// A marker as this program shows it. What the path does not measure is NaN.
 struct Marker {
     int id;                ///< place in the list
     cv::Point2d centre;    ///< px of the full image; undistorted unless `skipUndistort`

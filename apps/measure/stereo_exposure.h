@@ -18,7 +18,7 @@
 
 namespace kestrune::measure {
 
-/// A matched marker. What the branch does not measure is not a number. The frame of `point` and `normal` is the left
+/// A matched marker. What the branch does not measure is NaN. The frame of `point` and `normal` is the left
 /// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
 struct StereoMarker {
     /// Undistorted px of each eye (rectified px with `cornersRectified`): the image of the disc's centre on path

@@ -67,7 +67,7 @@ StereoMatch compare(const Disc& disc, const MeasuredMarker& measured, int marker
             measured.radius - disc.radius};
 }
 
-/// Sum, sum of squares and largest of a series. Whatever is not a number makes all three that.
+/// Sum, sum of squares and largest of a series. NaN in it makes all three NaN.
 class Series {
   public:
     void add(double value) {

@@ -18,8 +18,7 @@ namespace kestrune {
 /// @param dst    result, `CV_16UC1` of the source's size; made so where it is not. May be `src`.
 /// @param sigma  px, up to 4095. Its sign has no meaning.
 /// @throws cv::Exception `cv::Error::StsAssert` for a source of another type and `cv::Error::StsBadArg` for a sigma
-/// that
-///               is not finite or larger, before anything is written.
+///               that is not finite or larger, before anything is written.
 void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma);
 
 /// The part of the whole smoothed image that a window shows, in the same bits, without smoothing more than the window

@@ -18,7 +18,7 @@
 namespace kestrune {
 
 /// Gates of `CircleExtractSimple`, in the order area, fit, eccentricity, circularity, convexity and shape: fit error
-/// for sub-pixel contours, fit residual and perimeter for radial ones. A bound that is not a number refuses nothing.
+/// for sub-pixel contours, fit residual and perimeter for radial ones. A bound that is NaN refuses nothing.
 struct SimpleGates : GateTable {
     explicit SimpleGates(const CicrleConfigs& configs);
 

@@ -11,7 +11,7 @@
 namespace kestrune {
 
 /// Gates of `extractMarkPointsFast`, in the order area, circularity, convexity, fit, eccentricity, of which "fit"
-/// cannot be switched off. Unlike on the other paths the largest area is out of range. A bound that is not a number
+/// cannot be switched off. Unlike on the other paths the largest area is out of range. A bound that is NaN
 /// refuses nothing.
 struct FastGates : GateTable {
     explicit FastGates(const CicrleConfigs& configs);
@@ -32,8 +32,7 @@ FastVerdict judgeFastContour(const std::vector<cv::Point>& contour, const FastGa
 ///
 /// @param image     `CV_8UC1`, not empty.
 /// @param corners   appended to.
-/// @param findings  what became of each candidate; and the shapes that lie inside others, and those that the gates
-/// would
+/// @param findings  what became of each candidate; the shapes that lie inside others; and those that the gates would
 ///                  take if the threshold were another one, with the nearest that shows them. May be null.
 void findFastMarkers(const cv::Mat& image, const CicrleConfigs& configs, std::vector<Corner>& corners,
                      Findings* findings);

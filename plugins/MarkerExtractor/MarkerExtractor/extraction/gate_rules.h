@@ -45,7 +45,7 @@ enum class Gate {
 /// Which ends of its range a gate lets pass.
 enum class Ends { kClosed, kHalfOpen /* the least alone */, kOpen };
 
-/// What a gate makes of a value or a bound that is not a number.
+/// What a gate makes of a value or a bound that is NaN.
 enum class NotANumber { kPasses, kIsRefused };
 
 constexpr double kNoBound = std::numeric_limits<double>::infinity();

@@ -14,7 +14,7 @@ namespace kestrune {
 
 /// Gates of `CircleExtractSimpleForHand`, in the order area, compactness, fit, eccentricity, fit error. Unlike on the
 /// default path the fit error alone decides: that every point keeps to `maxPointError` does not save a contour. A bound
-/// that is not a number refuses nothing.
+/// that is NaN refuses nothing.
 struct HandGates : GateTable {
     explicit HandGates(const CicrleConfigs& configs);
 };

@@ -39,7 +39,7 @@ double reachBeyond(const cv::Mat& image, cv::Point2f centre, float rOut) {
 }
 
 bool staysOnImage(const cv::Mat& image, cv::Point2f centre, float rOut) {
-    // In this form a centre or radius that is not a number stays outside.
+    // In this form a centre or radius that is NaN stays outside.
     return centre.x - rOut - kCoarseStep >= 0 && centre.y - rOut - kCoarseStep >= 0 &&
            centre.x + rOut + kCoarseStep <= static_cast<float>(image.cols - 1) &&
            centre.y + rOut + kCoarseStep <= static_cast<float>(image.rows - 1);
@@ -115,7 +115,7 @@ std::size_t wrapped(std::ptrdiff_t place, std::size_t n) {
     return static_cast<std::size_t>(place);
 }
 
-/// Whether a radius is far from the mean of its neighbours. Without any neighbour the mean is not a number, and the
+/// Whether a radius is far from the mean of its neighbours. Without any neighbour the mean is NaN, and the
 /// radius stays.
 bool isOutlier(const std::vector<float>& radii, std::size_t ray, float tolerance, int halfWindow) {
     float sum = 0;

@@ -47,8 +47,7 @@ struct RaySearch {
 ///
 /// @param image          `CV_8UC1`, smoothed.
 /// @param points         result, px, in the order of the directions; empty if the outer circle comes within a coarse
-/// step
-///                       of the border or too few rays bear an edge.
+///                       step of the border or too few rays bear an edge.
 /// @param dropThreshold  least coarse fall, grey levels, inclusive.
 /// @param minRayRatio    least share of rays with an edge, inclusive.
 RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,

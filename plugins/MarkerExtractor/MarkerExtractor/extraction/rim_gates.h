@@ -17,7 +17,7 @@
 
 namespace kestrune {
 
-/// Gates of both stages. In the first one, and of the last residual, a bound that is not a number refuses everything.
+/// Gates of both stages. In the first one, and of the last residual, a bound that is NaN refuses everything.
 struct RimGates : GateTable {
     /// @param configs  read are `minDiameter`, `maxDiameter`, `minAxisRatio` and `maxFitResidual`.
     explicit RimGates(const CicrleConfigs& configs);

@@ -31,7 +31,7 @@ DiscPair pairDiscs(const CirclePose& left, const CirclePose& right);
 struct DiscCandidate {
     int left, right;                ///< places in the lists
     std::optional<DiscPair> discs;  ///< none: refused
-    double score = 0;               ///< how well the discs agree, 0 to 1 or not a number
+    double score = 0;               ///< how well the discs agree, 0 to 1 or NaN
     PairVerdict verdict;            ///< the gate that refused it, or what it competes by
 };
 

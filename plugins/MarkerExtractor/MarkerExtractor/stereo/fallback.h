@@ -15,7 +15,7 @@ namespace kestrune {
 /// two candidates fit a nominal radius to within `tolerance`, the two about it stay.
 ///
 /// @param candidates    ascending by radius.
-/// @param nominalRadii  ascending, what is not a number last.
+/// @param nominalRadii  ascending, NaN last.
 std::vector<int> surplusPositions(const std::vector<PairCandidate>& candidates, const std::vector<double>& nominalRadii,
                                   double tolerance);
 

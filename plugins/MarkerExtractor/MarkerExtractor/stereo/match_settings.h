@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the matchers read of the settings of a call, taken from them once. Bounds are compared as IEEE numbers, so that
-// one that is not a number refuses what it bounds, or nothing, as each comparison says.
+// one that is NaN refuses what it bounds, or nothing, as each comparison says.
 #pragma once
 
 #include <vector>

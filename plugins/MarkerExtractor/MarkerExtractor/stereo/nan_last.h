@@ -5,7 +5,7 @@
 
 namespace kestrune {
 
-/// The order of a sort that must hold whatever the values are: ascending, what is not a number last.
+/// The order of a sort that must hold whatever the values are: ascending, NaN last.
 struct AscendingNanLast {
     template <typename T>
     bool operator()(T a, T b) const {

@@ -16,7 +16,7 @@ namespace {
 constexpr double kLeastDisparityWeight = 1e-6;  ///< below it the two rays are parallel
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-/// The points of a list by row, without those whose row is not a number: they lie in no band.
+/// The points of a list by row, without those whose row is NaN: they lie in no band.
 class RowOrder {
   public:
     explicit RowOrder(const std::vector<cv::Point2f>& points) : points_(points) {

@@ -39,7 +39,7 @@ struct RowCandidate {
 /// row, then by right index.
 ///
 /// @param left,right  rectified px.
-/// @param bounds      the row band is closed; a bound that is not a number lets nothing pass.
+/// @param bounds      the row band is closed; a bound that is NaN lets nothing pass.
 /// @param verdicts    if not null, what became of each pair in a row band is appended.
 std::vector<RowCandidate> candidatesInRows(const std::vector<cv::Point2f>& left, const std::vector<cv::Point2f>& right,
                                            const DisparityMap& map, const PlaceBounds& bounds, PairVerdicts* verdicts);

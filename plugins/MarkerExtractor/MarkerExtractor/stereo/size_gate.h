@@ -32,7 +32,7 @@ class SizeGate {
     /// Why it fits none: the window or the score of the one that it comes nearest to. Without the markers.
     PairVerdict refusal(const MarkerSize& size) const;
 
-    /// Nominal ones, ascending, what is not a number last.
+    /// Nominal ones, ascending, NaN last.
     const std::vector<double>& radii() const { return radii_; }
 
   private:

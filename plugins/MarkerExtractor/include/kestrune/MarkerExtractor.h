@@ -159,7 +159,7 @@ class CircleMarkerExtractor {
     /// @param target         result, replaced; may be the same list as `source`.
     /// @param cameraMatrix   3 by 3.
     /// @param distCoeffs     as `cv::undistortPoints` takes it, of one channel; empty for points that are free of
-    /// distortion.
+    ///                       distortion.
     /// @param rectification  3 by 3: R1 or R2 of `cv::stereoRectify`.
     /// @param projection     3 by 4: P1 or P2.
     /// @param homography     3 by 3, `CV_64F`: undistorted to rectified px. A singular one maps conics to nothing.
