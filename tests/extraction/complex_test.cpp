@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include <regex>
 #include <set>
 
 #include "MarkerExtractor/extraction/complex.h"
@@ -222,16 +221,7 @@ TEST(ComplexPath, SeesNothingOfAnEarlierImage) {
     EXPECT_EQ(cv::norm(smoothed(used, {65, 55}), smoothed(fresh, {65, 55}), cv::NORM_INF), 0);
 }
 
-/// The range that a text tells: between its numbers, or from or up to its only one.
-std::pair<double, double> rangeIn(const std::string& text) {
-    const std::regex number(R"(\d[\d.]*(e[+-]?\d+)?)");
-    std::set<double> found;
-    for (std::sregex_iterator it(text.begin(), text.end(), number), end; it != end; ++it) found.insert(std::stod(it->str()));
-    return {found.size() == 1 && text.starts_with("max") ? -kInf : *found.begin(),
-            found.size() == 1 && text.starts_with("min") ? kInf : *found.rbegin()};
-}
-
-TEST(ExplainedPaths, TellTheBoundsThatRefusedAndEndWithTheMarkersOfThePath) {
+TEST(ExplainedPaths, NameTheGateOfEachCandidateAndTheRivalOfOneThatWasMerged) {
     cv::Mat image = rimsImage({260, 160}), colour;
     addDisc(image, {150, 120}, 5, 200, 110);
     cv::ellipse(image, {215, 80}, {30, 9}, 20, 0, 360, 200, -1, cv::LINE_AA);
@@ -240,31 +230,15 @@ TEST(ExplainedPaths, TellTheBoundsThatRefusedAndEndWithTheMarkersOfThePath) {
     std::set<std::string> gates;
     for (CicrleConfigs configs : configsOfPaths()) {
         configs.minArea = 150, configs.minDiameter = 6, configs.enableAreaFilter = true;
-        Found found(image, configs);
-        std::vector<int> times(found.corners.size(), 0);
-        auto candidates = explainExtraction(image, found.extractor, 0, configs);
-        for (const ExplainedCandidate& candidate : candidates) {
-            if (!candidate.gate.empty()) continue;
-            ++times.at(static_cast<std::size_t>(candidate.marker));
-            EXPECT_TRUE(same(candidate.ellipse, found.extractor.markerRects[static_cast<std::size_t>(candidate.marker)]));
-        }
-        EXPECT_EQ(times, std::vector<int>(times.size(), 1)) << "one candidate is a marker";
+        CircleMarkerExtractor extractor;
+        for (const auto& candidates : {explainExtraction(image, extractor, 0, configs), explainHand(colour, configs), explainFast(image, configs)})
+            for (const ExplainedCandidate& candidate : candidates) gates.insert(candidate.gate);
         Findings findings;
-        if (configs.useComplexExtract) RimCall(image, found.extractor, 0, configs).run(found.extractor, &findings);
+        if (configs.useComplexExtract) RimCall(image, extractor, 0, configs).run(extractor, &findings);
         for (const JudgedCandidate& candidate : findings.candidates) {
             const bool isMerged = candidate.outcome == Outcome::kMerged;
             ASSERT_EQ(isMerged, candidate.rival >= 0);
             EXPECT_TRUE(!isMerged || findings.candidates[static_cast<std::size_t>(candidate.rival)].outcome != Outcome::kMerged);
-        }
-        std::ranges::move(explainHand(colour, configs), std::back_inserter(candidates));
-        std::ranges::move(explainFast(image, configs), std::back_inserter(candidates));
-        for (const ExplainedCandidate& candidate : candidates) {
-            gates.insert(candidate.gate);
-            EXPECT_EQ(candidate.gate.empty(), candidate.wanted.empty());
-            if (candidate.gate.empty() || std::isnan(candidate.measured) || candidate.wanted.find(" times ") != std::string::npos) continue;
-            const double unit = candidate.wanted.find(" pi") != std::string::npos ? CV_PI : 1;
-            const auto [least, largest] = rangeIn(candidate.wanted);
-            EXPECT_EQ(std::clamp(candidate.measured, unit * least, unit * largest) == candidate.measured, false) << candidate.wanted;
         }
     }
     EXPECT_EQ(gates, (std::set<std::string>{"", "area", "compactness", "eccentricity", "axis ratio", "merged", "size"}));

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/extraction/ellipse_gates.h"
 
+#include "MarkerExtractor/extraction/fast.h"
+#include "MarkerExtractor/extraction/hand.h"
+#include "MarkerExtractor/extraction/rim_gates.h"
 #include "kestrune_scene/scene.h"
 #include "support/configs.h"
 
@@ -54,6 +57,23 @@ TEST(JudgeContour, BoundsAreStrictOrClosedAsDocumented) {
             EXPECT_TRUE(gate != Gate::kArea || verdict.candidate.areaText == cv::format("area:%.2f", area)) << verdict.candidate.areaText;
         }
     }
+}
+
+TEST(Gates, TellWhatTheyAskFor) {
+    CicrleConfigs c = rimConfigs();
+    c.minArea = 150, c.maxArea = 7000, c.maxFitError = 0.5, c.maxPointError = 1;
+    const SimpleGates simple(c);
+    const HandGates hand(c);
+    const RimGates rim(c);
+    EXPECT_EQ(simple[Gate::kArea].text(), "minArea 150 to maxArea 7000");
+    EXPECT_EQ(FastGates(c)[Gate::kArea].text(), "minArea 150 to below maxArea 7000");
+    EXPECT_EQ(simple[Gate::kFitError].text(), "maxFitError 0.5, or no point beyond maxPointError 1");
+    EXPECT_EQ(simple[Gate::kPerimeter].text(), "ellipse over contour length, 0.8 to 1.25");
+    EXPECT_EQ(hand[Gate::kCompactness].text(), "perimeter squared over area, 4 pi to 8 pi");
+    EXPECT_EQ(rim[Gate::kLength].text(), "0.7 pi times minDiameter 5 to maxDiameter 200, in pixels");
+    EXPECT_EQ(rim[Gate::kResidual].text(), "5 times maxFitResidual 0.2, before refinement");
+    EXPECT_EQ(rim[Gate::kHull].text(), "hull over ellipse area, 0.8 to 1.25");
+    EXPECT_EQ(rim[Gate::kFinalSize].text(), "axes whose product is 4 times the square of minDiameter 5");
 }
 
 TEST(JudgeContour, MeasuresTheConicOfARadialContour) {

@@ -57,32 +57,6 @@ TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
     EXPECT_GT(truth, 600u);
 }
 
-TEST_P(RenderedMarkers, GiveTheSameBitsOnEveryRunAndOnACopyWhateverCameBefore) {
-    const scene::Rig rig = scene::makeVergedRig({1280, 1024});
-    const auto discs = scene::makeScatteredDiscs(rig, 60, 8, 24, 35, 180, 3);
-    const scene::Exposure exposure = scene::render(rig, discs, scene::makeClutter(rig, discs, 60, 4), {});
-    for (const bool threads : {false, true}) {
-        configs.useThreads = threads;
-        CircleMarkerExtractor first = calibrated(rig);
-        std::vector<Corner> expected;
-        ASSERT_TRUE(ExtractCircleMarker(exposure.image[1], first, expected, 1, configs));
-        for (int run = 0; run < 4; ++run) {
-            CircleMarkerExtractor copy = first;
-            std::vector<Corner> others, corners;
-            cv::setNumThreads(run % 2 == 0 ? 1 : 4);
-            ExtractCircleMarker(exposure.image[0], copy, others, 0, configs);
-            ExtractCircleMarker(exposure.image[1], copy, corners, 1, configs);
-            cv::setNumThreads(-1);
-            ASSERT_EQ(corners.size(), expected.size());
-            for (std::size_t k = 0; k < corners.size(); ++k) {
-                const Corner &a = corners[k], &b = expected[k];
-                EXPECT_EQ(std::tie(a.x, a.y, a.contour, a.scatter), std::tie(b.x, b.y, b.contour, b.scatter)) << run << ' ' << k;
-                EXPECT_TRUE(!a.conicValid || a.conic == b.conic) << run << " " << k;
-            }
-        }
-    }
-}
-
 const Front kFronts[] = {
     {measure::Path::simple, "bright-subpixel.yaml", false, {{.0679, .0497, .0387, .0271, .0204, .0192}, {.0580, .0459, .0316, .0256, .0169, .0173}}},
     {measure::Path::radial, "bright-radial.yaml", false, {{.0343, .0294, .0254, .0247, .0227, .0226}, {.0218, .0193, .0188, .0174, .0181, .0170}}},

@@ -97,7 +97,7 @@ TEST(Failures, ReachTheHostWhereverMemoryRunsOut) {
     std::map<std::string, std::vector<double>> reference;
     testing::internal::CaptureStdout();  // one operation warns
     for (const int threads : {1, 2}) {
-        omp_set_num_threads(threads);
+        omp_set_num_threads(threads), cv::setNumThreads(threads);
         for (const Operation& operation : kOperations) {
             SCOPED_TRACE(operation.name);
             std::vector<double> result;
@@ -122,6 +122,7 @@ TEST(Failures, ReachTheHostWhereverMemoryRunsOut) {
             }
         }
     }
+    cv::setNumThreads(-1);
     testing::internal::GetCapturedStdout();
 }
 

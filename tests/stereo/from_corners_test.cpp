@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cstring>
-#include <random>
-
+#include "kestrune/MarkerExtractor.h"
 #include "support/calls.h"
-#include "support/rigs.h"
-#include "support/teams.h"
 
 namespace kestrune::test::from_corners {
 
@@ -94,43 +90,6 @@ TEST(FromCorners, AnswersBadInput) {
     Rows single({{1, 1}}, {{0, 1}});
     single.fundamental.convertTo(single.fundamental, CV_32F);
     EXPECT_EQ(single.match().size(), 1u);
-}
-
-TEST(FromCorners, MatchesNoisyMarkersForAnyNumberOfThreads) {
-    const scene::Rig rig = scene::makeVergedRig({2448, 2048});
-    CircleMarkerExtractor e = calibrated(rig);
-    const SharedLoops shared;
-    for (const double missing : {0.0, 0.1}) {
-        std::size_t all = 0, wrong = 0;
-        for (unsigned seed = 1; seed <= 40; ++seed) {
-            // True ellipse centres with 0.1 px of noise in each coordinate; the right list in another order.
-            ExactCorners exact = exactCorners(rig, scene::makeCurvedObject(rig, 60, 1.5, 2.5, 190, seed));
-            ASSERT_EQ(exact.seen.size(), 60u);
-            std::vector<Corner>&left = exact.left, &right = exact.right;
-            for (int k = 0; k < 60; ++k) left[k].id = right[k].id = k;
-            std::shuffle(right.begin(), right.end(), std::mt19937(seed));
-            cv::RNG rng(seed);
-            for (std::vector<Corner>* corners : {&left, &right}) {
-                std::erase_if(*corners, [&](const Corner&) { return rng.uniform(0.0, 1.0) < missing; });
-                for (Corner& c : *corners) c.x += rng.gaussian(0.1), c.y += rng.gaussian(0.1);
-            }
-            std::vector<Point3_<double>> points;
-            const auto match = [&](int team) {
-                omp_set_num_threads(team);
-                return getStereoMarker3dPoints(left, right, e.leftTriangulation, e.leftIntrinsic, e.rightIntrinsic, e.fundamental, points);
-            };
-            const Pairs pairs = match(1);
-            ASSERT_EQ(match(static_cast<int>(2 + seed % 3)), pairs);
-            all += pairs.size();
-            for (std::size_t m = 0; m < pairs.size(); ++m) {
-                const int id = left[pairs[m].first].id;
-                const bool isWrong = id != right[pairs[m].second].id;
-                wrong += isWrong;
-                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - exact.seen[id].centre) < 0.4) << seed;
-            }
-        }
-        EXPECT_TRUE(all > (missing > 0 ? 1850 : 2350) && wrong <= (missing > 0 ? 10 : 0)) << all << ' ' << wrong;
-    }
 }
 
 }  // namespace kestrune::test::from_corners

