@@ -21,7 +21,7 @@ namespace kestrune {
 /// depth z, fits a column on as well, unless the depth range leaves out z b / (b + p) and z b / (b - p). On an object
 /// with depth it loses about half of the right pairs at tolerances of 0.3 and 0.2; both at 0 mean no consensus, and
 /// there give more right and fewer wrong pairs. Figures: docs/stereo.md. May be called from many threads at once. The
-/// The result is the same, bit for bit, for any number of OpenMP threads.
+/// result is the same, bit for bit, for any number of OpenMP threads.
 ///
 /// Bounds are compared as IEEE numbers: a depth bound or `sizeTolerance` that is NaN fits nothing, and neither
 /// does such a `maxRowDifference`, but for `plainRowGate`, where it refuses nothing. An `edgeAngleTolerance` that is
