@@ -18,8 +18,8 @@ if(UNIX AND NOT APPLE)
     set(kestrune_hardening_links -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 
-# kestrune_precompile(name): the headers that most files of a large target read, read once. Only where it is asked for: a
-# build without it sees whether each file includes what it uses.
+# kestrune_precompile(name): the headers that most files of a large target read, read once. The presets ask for it; what
+# clang-tidy reads is without it, and sees whether each file includes what it uses.
 option(KESTRUNE_PRECOMPILE "Precompile the headers of the dependencies" OFF)
 function(kestrune_precompile name)
     if(KESTRUNE_PRECOMPILE)

@@ -88,7 +88,7 @@ std::string settingsOf(PairGate gate, const CicrleConfigs& c) {
 
 /// The bounds, where they are not those of one setting as it stands, and the settings.
 std::string wantedOf(const PairVerdict& v, const CicrleConfigs& configs) {
-    const std::string settings = settingsOf(v.gate, configs);
+    std::string settings = settingsOf(v.gate, configs);
     if (v.gate == PairGate::depth) return settings;
     if (std::isfinite(v.least) && std::isfinite(v.largest))
         return fmt::format("{:.4g} to {:.4g}: {}", v.least, v.largest, settings);

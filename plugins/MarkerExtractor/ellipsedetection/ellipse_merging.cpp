@@ -61,6 +61,7 @@ void mergeSimilarEllipses(const std::vector<PolarEllipse>& ellipses,
                           std::vector<std::vector<cv::Point>>& mergedContours, double shapeTolerance,
                           double centreTolerance) {
     std::vector<const PolarEllipse*> pointers;
+    pointers.reserve(ellipses.size());
     for (const PolarEllipse& ellipse : ellipses) pointers.push_back(&ellipse);
     merged.clear();
     mergedContours.clear();

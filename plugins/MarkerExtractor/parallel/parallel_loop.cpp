@@ -140,6 +140,7 @@ class FirstFailure {
 
 void runShared(int first, int count, int threads, LoopBody body) {
     FirstFailure failure(count);
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): read by the region below
     const int portion = std::max(1, (count - first) / (kPortions * threads));
 #pragma omp parallel for num_threads(threads) schedule(dynamic, portion) default(none) \
     shared(first, count, body, failure, portion)

@@ -10,6 +10,7 @@ namespace {
 
 std::vector<double> rowsOf(const std::vector<cv::Point2f>& points) {
     std::vector<double> rows;
+    rows.reserve(points.size());
     for (const cv::Point2f& p : points) rows.push_back(p.y);
     return rows;
 }

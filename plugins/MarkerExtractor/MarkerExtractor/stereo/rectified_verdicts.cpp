@@ -16,6 +16,7 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 std::vector<double> rowsOf(const std::vector<RectifiedMarker>& markers) {
     std::vector<double> rows;
+    rows.reserve(markers.size());
     for (const RectifiedMarker& marker : markers) rows.push_back(marker.centre.y);
     return rows;
 }
