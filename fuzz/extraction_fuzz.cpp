@@ -119,23 +119,28 @@ Record recordOf(const Call& call, const Circumstances& circumstances, CircleMark
     return result;
 }
 
-/// The way by hand sees stronger edges alone than those of the rendered discs.
-void brighten(cv::Mat& image) {
-    if (image.dims == 2) image.convertTo(image, -1, 1.6, -60);
-}
-
 /// Rings and discs about the rims of markers: nested, broken and overlapping ones.
 void drawOver(cv::Mat& image, const std::vector<Corner>& markers, Input& input) {
     for (int k = input.whole(0, 3); k > 0; --k) {
         const Corner& marker = input.oneOf(markers);
         const cv::Point at(static_cast<int>(marker.x) + input.whole(-6, 6),
                            static_cast<int>(marker.y) + input.whole(-6, 6));
-        const cv::Size axes(input.whole(1, 16), input.whole(1, 16));
-        const int from = input.isOdd() ? input.whole(0, 360) : 0;
-        cv::ellipse(image, at, axes, input.whole(0, 90), from, 360, cv::Scalar::all(input.whole(0, 255)),
-                    input.whole(0, 3) - 1, input.flag() ? cv::LINE_AA : cv::LINE_8);
+        const int axis = input.whole(1, 16), grey = input.whole(0, 255);
+        const cv::Size axes(axis, input.flag() ? axis : input.whole(1, 16));
+        cv::ellipse(image, at, axes, input.whole(0, 90), input.isOdd() ? input.whole(0, 360) : 0, 360,
+                    cv::Scalar::all(grey), input.whole(-1, 2), input.flag() ? cv::LINE_AA : cv::LINE_8);
         if (input.flag()) cv::GaussianBlur(image, image, {0, 0}, 0.7);
     }
+}
+
+cv::Mat imageFor(int way, const cv::Mat& rendered, const std::vector<Corner>& markers, Input& input) {
+    cv::Mat image = input.spoiled(rendered, 5);
+    if (image.empty() || image.dims != 2) return image;
+    if (image.depth() == CV_8U && input.flag()) drawOver(image, markers, input);
+    if (way != kHand) return image;
+    image.convertTo(image, -1, 1.6, -60);  // the way by hand sees stronger edges alone than those of the rendered discs
+    if (image.type() == CV_8UC1 && !input.isOdd()) cv::merge(std::vector<cv::Mat>(3, image), image);
+    return image;
 }
 
 void checkOne(Input& input) {
@@ -148,12 +153,7 @@ void checkOne(Input& input) {
     const bool spoilsMembers = input.isOdd(), isListFull = input.isOdd();
     call.configs = input.spoiled(goodConfigs(static_cast<Path>(path)), 4);
     if (input.flag()) call.configs.scale = input.whole(1, 3), call.configs.refineAtFullSize = input.flag();
-    call.image = input.spoiled(from.image[static_cast<std::size_t>(call.eye)], 5);
-    const bool isDrawable = call.image.dims == 2 && !call.image.empty() && call.image.depth() == CV_8U;
-    if (isDrawable && input.flag()) drawOver(call.image, from.found[kRadial].left, input);
-    if (call.way == kHand) brighten(call.image);
-    if (call.way == kHand && call.image.type() == CV_8UC1 && !input.isOdd())
-        cv::merge(std::vector<cv::Mat>(3, call.image), call.image);
+    call.image = imageFor(call.way, from.image[static_cast<std::size_t>(call.eye)], from.found[kRadial].left, input);
     call.extractor = spoilsMembers ? input.spoiled(from.extractor, 2) : from.extractor;
     if (input.isOdd()) call.extractor.leftDistortion = call.extractor.rightDistortion = input.distortion();
     if (isListFull) call.corners = from.found[kRadial].left;

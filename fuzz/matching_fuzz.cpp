@@ -198,6 +198,7 @@ void checkOne(Input& input) {
     call.left = input.spoiled(call.left, 6);
     call.right = input.spoiled(call.right, 6);
     if (input.isOdd()) (input.flag() ? call.left : call.right).clear();
+    if (input.isOdd()) call.configs.cornersRectified = !isRectified;
 
     requireSameUnderAll(extractor, [&](const Circumstances& circumstances, CircleMarkerExtractor& e) {
         return recordOf(call, circumstances, e);

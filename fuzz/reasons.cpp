@@ -18,7 +18,8 @@ bool areWithin(double measured, double least, double largest) {
 /// Whether a pair is refused by what is measured alone, and not by what other pairs are.
 bool isMeasured(const PairVerdict& v) {
     if (v.gate == PairGate::none || v.gate == PairGate::edgeLength || v.gate == PairGate::edgeDirection) return false;
-    return v.gate != PairGate::area || v.measured <= 1;  // more than 1 only for areas that no contour has
+    // Infinite areas and those below 0, which no contour has, give other ratios.
+    return v.gate != PairGate::area || (v.measured > 0 && v.measured <= 1);
 }
 
 }  // namespace
