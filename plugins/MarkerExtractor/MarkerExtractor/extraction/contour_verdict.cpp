@@ -15,6 +15,18 @@ GateRule eccentricityGate(const CicrleConfigs& configs) {
     return atMost(Gate::kEccentricity, "eccentricity", "maxEccentricity {}", configs.maxEccentricity);
 }
 
+GateRule circularityGate(const CicrleConfigs& configs) {
+    return between(Gate::kCircularity, "circularity", "minCircularity {} to below maxCircularity {}",
+                   configs.minCircularity, configs.maxCircularity, Ends::kHalfOpen)
+        .onlyIf(configs.enableCircularityFilter);
+}
+
+GateRule convexityGate(const CicrleConfigs& configs) {
+    return between(Gate::kConvexity, "convexity", "minConvexRatio {} to maxConvexRatio {}", configs.minConvexRatio,
+                   configs.maxConvexRatio)
+        .onlyIf(configs.enableConvexityFilter);
+}
+
 bool failsEllipse(GateVerdict& verdict, const cv::RotatedRect& rect, double area, const GateTable& gates) {
     Corner& candidate = verdict.candidate;
     verdict.rect = rect;

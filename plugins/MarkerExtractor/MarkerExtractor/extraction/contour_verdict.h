@@ -37,6 +37,9 @@ void writeReason(char (&text)[N], const char* name, double value) {
 GateRule finiteFit();
 
 GateRule eccentricityGate(const CicrleConfigs& configs);
+/// The gates of circularity and of the hull, each behind its switch.
+GateRule circularityGate(const CicrleConfigs& configs);
+GateRule convexityGate(const CicrleConfigs& configs);
 
 /// Takes over the fitted ellipse and the contour's area, and asks the gates of fit and eccentricity.
 ///

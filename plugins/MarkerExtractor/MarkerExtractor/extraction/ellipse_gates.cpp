@@ -64,12 +64,8 @@ SimpleGates::SimpleGates(const CicrleConfigs& c)
     : GateTable{between(Gate::kArea, "area", "minArea {} to maxArea {}", c.minArea, c.maxArea),
                 finiteFit(),
                 eccentricityGate(c),
-                between(Gate::kCircularity, "circularity", "minCircularity {} to below maxCircularity {}",
-                        c.minCircularity, c.maxCircularity, Ends::kHalfOpen)
-                    .onlyIf(c.enableCircularityFilter),
-                between(Gate::kConvexity, "convexity", "minConvexRatio {} to maxConvexRatio {}", c.minConvexRatio,
-                        c.maxConvexRatio)
-                    .onlyIf(c.enableConvexityFilter),
+                circularityGate(c),
+                convexityGate(c),
                 atMost(Gate::kFitError, "fit error", "maxFitError {}, or no point beyond maxPointError {}",
                        c.maxFitError)
                     .telling({c.maxFitError, c.maxPointError}),

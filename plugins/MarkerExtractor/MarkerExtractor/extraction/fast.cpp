@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 #include <optional>
 
+#include "MarkerExtractor/extraction/contour_verdict.h"
 #include "checks/settings_check.h"
 #include "kestrune/MarkerExtractor.h"
 #include "kestrune_geometry/contour_shape.h"
@@ -110,13 +111,8 @@ void noteShapesOfOtherThresholds(const cv::Mat& image, const FastGates& gates, D
 FastGates::FastGates(const CicrleConfigs& c)
     : GateTable{between(Gate::kArea, "area", "minArea {} to below maxArea {}", c.minArea, c.maxArea, Ends::kHalfOpen)
                     .onlyIf(c.enableAreaFilter),
-                between(Gate::kCircularity, "circularity", "minCircularity {} to below maxCircularity {}",
-                        c.minCircularity, c.maxCircularity, Ends::kHalfOpen)
-                    .onlyIf(c.enableCircularityFilter),
-                between(Gate::kConvexity, "convexity", "minConvexRatio {} to maxConvexRatio {}", c.minConvexRatio,
-                        c.maxConvexRatio)
-                    .onlyIf(c.enableConvexityFilter),
-                finiteFit(), eccentricityGate(c).onlyIf(c.enableEccentricityFilter)} {}
+                circularityGate(c), convexityGate(c), finiteFit(),
+                eccentricityGate(c).onlyIf(c.enableEccentricityFilter)} {}
 
 FastVerdict judgeFastContour(const PixelContour& contour, const FastGates& gates, PixelContour& hull) {
     const cv::Mat points(contour, false);  // a header over the points
