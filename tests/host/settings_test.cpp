@@ -101,11 +101,12 @@ TEST(HostSettings, PathsReadWhatTheTableSays) {
     const auto& eyes = exposure.image;
     const cv::Point hidden(exposure.markers[0].eye[0].distortedCentre);
     cv::line(eyes[0], hidden, hidden + cv::Point(25, 0), 220, 4);  // lies on a part of the rim
-    for (const auto& [path, file] : {std::pair(Path::simple, "subpixel"),
-                                     {Path::radial, "radial"},
-                                     {Path::fast, "fast"},
-                                     {Path::complex, "complex"},
-                                     {Path::hand, "subpixel"}}) {
+    for (const auto& [ofReady, file] : {std::pair(Path::simple, "subpixel"),
+                                        {Path::radial, "radial"},
+                                        {Path::fast, "fast"},
+                                        {Path::complex, "complex"},
+                                        {Path::hand, "subpixel"}}) {
+        const Path path = ofReady;
         for (const Use use : {Use::extraction, Use::stereo}) {
             if (use == Use::stereo && !canUndistort(path)) continue;
             const std::string ready = std::string("ready/bright-") + file + ".yaml";
