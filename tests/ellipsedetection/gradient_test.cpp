@@ -9,6 +9,7 @@
 #include <opencv2/ximgproc.hpp>
 
 #include "canny/fast_gaussian.h"
+#include "ellipsedetection/gradient_plain.h"
 #include "ellipsedetection/window_edges.h"
 
 namespace kestrune::test::gradient {
@@ -32,6 +33,43 @@ struct Edges {
 bool sameBits(const cv::Mat& a, const cv::Mat& b) {
     const cv::Mat x = a.clone(), y = b.clone();
     return x.type() == y.type() && x.size() == y.size() && std::memcmp(x.data, y.data, x.total() * x.elemSize()) == 0;
+}
+
+TEST(Gradient, VectorsAndSinglePixelsGiveTheSameBitsOnWindowsOfEveryWidth) {
+    cv::RNG rng(7);
+    for (int width = 1; width <= 40; ++width) {
+        for (const int height : {1, 3, 4, 5, 6, 7, 13}) {
+            for (const bool isWindow : {false, true}) {
+                cv::Mat blur = place({width, height}, CV_16UC1, isWindow);
+                // From few grey levels, which meet every equality, to all of them.
+                rng.fill(blur, cv::RNG::UNIFORM, 0, width % 3 == 0 ? 4 : 65536);
+                Edges fast(blur.size(), isWindow), plain(blur.size(), isWindow);
+                calc_gradient(blur, fast.grad, fast.dx, fast.dy, fast.min, fast.max);
+                plain::calc_gradient(blur, plain.grad, plain.dx, plain.dy, plain.min, plain.max);
+                ASSERT_TRUE(sameBits(fast.grad, plain.grad) && sameBits(fast.dx, plain.dx) && sameBits(fast.dy, plain.dy)) << blur.size();
+                ASSERT_TRUE(fast.min == plain.min && fast.max == plain.max) << blur.size();
+
+                const float scale = 256 / (plain.max - plain.min + 1e-6f);
+                const auto counts = plain::histogram(plain.grad, plain.min, scale);
+                const int total = std::max(0, width - 2) * std::max(0, height - 2);
+                for (const float percentile : {0.0f, 0.3f, 0.75f, 0.99f}) {
+                    if (total == 0) break;
+                    int sum = 0, bin = -1;
+                    while (static_cast<float>(sum) / static_cast<float>(total) <= percentile) sum += counts[static_cast<std::size_t>(++bin)];
+                    ASSERT_EQ(calc_stable_edge_threshold(fast.grad, fast.min, fast.max, percentile), static_cast<float>(bin) / scale + plain.min);
+                }
+
+                const float low = width < 3 || height < 3 ? 1.0f : plain.grad.at<float>(height / 2, width - 3 > 0 ? width - 3 : 1);
+                for (const float factor : {0.0f, 0.9f, 1.0f, 1.1f}) {
+                    Edges& f = fast;
+                    find_edge_mask_nms(f.grad, f.dx, f.dy, f.mask, f.strong, f.weak, low, 2 * low, factor);
+                    plain.strong.clear(), plain.weak.clear();
+                    plain::find_edge_mask_nms(plain.grad, plain.dx, plain.dy, plain.mask, plain.strong, plain.weak, low, 2 * low, factor);
+                    ASSERT_TRUE(sameBits(fast.mask, plain.mask) && fast.strong == plain.strong && fast.weak == plain.weak) << blur.size() << factor;
+                }
+            }
+        }
+    }
 }
 
 TEST(Gradient, LeftoverColumnsHalveWholeNumbersTowardsZeroAndCutOffTheirBin) {
@@ -108,6 +146,24 @@ TEST(Gradient, BoxesHaveTheWidthsOfTheSigmaAndSeeNothingAroundAWindow) {
             for (cv::Mat target : {place(window.size(), CV_16UC1, true, 31), cv::Mat()}) {
                 fastGaussianApprox(window, target, sigma);
                 EXPECT_TRUE(sameBits(target, expected)) << sigma;
+            }
+        }
+    }
+}
+
+TEST(Gradient, AWindowIsSmoothedAsAPartOfItsImage) {
+    cv::RNG rng(8);
+    for (const int type : {CV_8UC1, CV_16UC1}) {
+        cv::Mat image(97, 203, type), whole, part;
+        rng.fill(image, cv::RNG::UNIFORM, 0, type == CV_8UC1 ? 256 : 65536);
+        for (const float sigma : {0.0f, 1.0f, 2.0f, 3.4f, 5.0f, 9.0f}) {
+            fastGaussianApprox(image, whole, sigma);
+            for (int round = 0; round < 60; ++round) {
+                const cv::Point from(rng.uniform(0, 203), rng.uniform(0, 97)), to(rng.uniform(0, 203), rng.uniform(0, 97));
+                const cv::Rect window(from, to + cv::Point(from.x == to.x, from.y == to.y));
+                std::vector<std::uint16_t> storage(static_cast<std::size_t>(rng.uniform(0, 203 * 97)), 7777);
+                fastGaussianOfWindow(image, window, part, sigma, storage);
+                ASSERT_TRUE(sameBits(part, whole(window))) << sigma << ' ' << window;
             }
         }
     }
