@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench_settings.h"
 
-#include <settings.h>
+#include <kestrune/MarkerMetrology.h>
 
 #include <string>
 
@@ -13,8 +13,8 @@ namespace {
 constexpr int kFullSizeAperture = 15;
 constexpr float kFullSizeMaxDiameter = 300;
 
-CicrleConfigs readySettings(const char* file, measure::Path path) {
-    CicrleConfigs settings = measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
+CicrleConfigs readySettings(const char* file, Path path) {
+    CicrleConfigs settings = readSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
     settings.skipUndistort = true;
     return settings;
 }
@@ -22,7 +22,7 @@ CicrleConfigs readySettings(const char* file, measure::Path path) {
 }  // namespace
 
 CicrleConfigs radialSettings(int scale, bool refineAtFullSize) {
-    static const CicrleConfigs ready = readySettings("bright-radial.yaml", measure::Path::radial);
+    static const CicrleConfigs ready = readySettings("bright-radial.yaml", Path::radial);
     CicrleConfigs settings = ready;
     settings.scale = scale;
     settings.refineAtFullSize = refineAtFullSize;
@@ -30,19 +30,19 @@ CicrleConfigs radialSettings(int scale, bool refineAtFullSize) {
 }
 
 CicrleConfigs subpixelSettings(bool threaded) {
-    static const CicrleConfigs ready = readySettings("bright-subpixel.yaml", measure::Path::simple);
+    static const CicrleConfigs ready = readySettings("bright-subpixel.yaml", Path::simple);
     CicrleConfigs settings = ready;
     settings.useThreads = threaded;
     return settings;
 }
 
 CicrleConfigs fastSettings() {
-    static const CicrleConfigs ready = readySettings("bright-fast.yaml", measure::Path::fast);
+    static const CicrleConfigs ready = readySettings("bright-fast.yaml", Path::fast);
     return ready;
 }
 
 CicrleConfigs complexSettings(int scale) {
-    static const CicrleConfigs ready = readySettings("bright-complex.yaml", measure::Path::complex);
+    static const CicrleConfigs ready = readySettings("bright-complex.yaml", Path::complex);
     CicrleConfigs settings = ready;
     settings.scale = scale;
     if (scale == 1) {

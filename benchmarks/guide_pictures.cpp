@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
+#include <kestrune/MarkerMetrology.h>
+#include "files/inputs.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "markers.h"
 #include "overlay.h"
-#include "settings.h"
 
 namespace kestrune::measure {
 namespace {
@@ -203,7 +203,7 @@ std::string countsOf(const std::vector<Mark>& marks) {
 
 /// One value: what is found with it under a caption.
 cv::Mat panelOf(const Picture& picture, const cv::Mat& image, double value) {
-    Settings settings = loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + picture.settings, {});
+    Settings settings = readSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + picture.settings, {});
     settings.configs.skipUndistort = true;
     picture.prepare(settings.configs);
     picture.set(settings.configs, value);

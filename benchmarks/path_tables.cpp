@@ -4,9 +4,9 @@
 // path. Prints the three tables of docs/paths.md as Markdown.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
+#include <kestrune/MarkerMetrology.h>
 #include <kestrune_scene/scene.h>
 #include <markers.h>
-#include <settings.h>
 
 #include <algorithm>
 #include <cmath>
@@ -56,17 +56,17 @@ const Image kImages[] = {
 struct Way {
     const char* name;
     const char* settings;
-    measure::Path path;
+    Path path;
     bool refined = false;
 };
 
 const Way kWays[] = {
-    {"radial", "bright-radial.yaml", measure::Path::radial},
-    {"radial, refined", "bright-radial.yaml", measure::Path::radial, true},
-    {"sub-pixel", "bright-subpixel.yaml", measure::Path::simple},
-    {"edge-based", "mixed-complex.yaml", measure::Path::complex},
-    {"fast", "bright-fast.yaml", measure::Path::fast},
-    {"hand", "bright-subpixel.yaml", measure::Path::hand},
+    {"radial", "bright-radial.yaml", Path::radial},
+    {"radial, refined", "bright-radial.yaml", Path::radial, true},
+    {"sub-pixel", "bright-subpixel.yaml", Path::simple},
+    {"edge-based", "mixed-complex.yaml", Path::complex},
+    {"fast", "bright-fast.yaml", Path::fast},
+    {"hand", "bright-subpixel.yaml", Path::hand},
 };
 
 struct Scene {
@@ -110,9 +110,8 @@ const Scene& sceneOf(const Image& kind) {
     return found != scenes.end() ? found->second : scenes.emplace(kind.name, render(kind)).first->second;
 }
 
-measure::Settings settingsOf(const Way& way, const Image& kind) {
-    measure::Settings settings =
-        measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + way.settings, way.path);
+Settings settingsOf(const Way& way, const Image& kind) {
+    Settings settings = readSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + way.settings, way.path);
     CicrleConfigs& configs = settings.configs;
     configs.skipUndistort = true;
     configs.refineAtFullSize = way.refined;
@@ -129,7 +128,7 @@ measure::Settings settingsOf(const Way& way, const Image& kind) {
 
 void measure(benchmark::State& state, const Image& kind, const Way& way) {
     const Scene& scene = sceneOf(kind);
-    const measure::Settings settings = settingsOf(way, kind);
+    const Settings settings = settingsOf(way, kind);
     CircleMarkerExtractor extractor;
     std::vector<measure::Marker> markers = measure::findMarkers(extractor, scene.image, 0, {}, settings);
     for ([[maybe_unused]] auto iteration : state)

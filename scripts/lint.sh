@@ -8,7 +8,7 @@
 #        scripts/lint.sh REGEX...      clang-tidy only on source files whose path matches
 set -euo pipefail
 cd "$(dirname "$0")/.."
-folders=(geometry plugins scene apps examples tests benchmarks fuzz)
+folders=(geometry plugins measurement scene apps examples tests benchmarks fuzz)
 clean=0
 
 scripts/setup.sh lint
@@ -17,7 +17,7 @@ shellcheck scripts/*.sh .ci/run benchmarks/compare tests/packaging/*.sh || clean
 
 cmake --preset release -B build/lint -DKESTRUNE_PRECOMPILE=OFF --log-level=WARNING
 checks=()
-if [[ ${1:-} == --quick ]]; then folders=(geometry plugins scene apps examples) checks=(-checks=-clang-analyzer-*) && shift; fi
+if [[ ${1:-} == --quick ]]; then folders=(geometry plugins measurement scene apps examples) checks=(-checks=-clang-analyzer-*) && shift; fi
 if (( $# == 0 )); then set -- "^$PWD/($(IFS='|'; echo "${folders[*]}"))/"; fi
 run-clang-tidy -quiet -p build/lint -j "$(nproc)" "${checks[@]}" "$@" || clean=1
 exit "$clean"

@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "calibration.h"
+#include <kestrune/MarkerMetrology.h>
 #include "grey_range.h"
 #include "pixels.h"
 #include "run_files.h"
-#include "settings.h"
 #include "stereo_quality.h"
 #include "terminal.h"
 

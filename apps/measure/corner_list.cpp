@@ -9,7 +9,7 @@
 #include <optional>
 #include <sstream>
 
-#include "inputs.h"
+#include "files/inputs.h"
 
 namespace kestrune::measure {
 namespace {

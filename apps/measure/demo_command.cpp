@@ -7,7 +7,7 @@
 
 #include "commands.h"
 #include "demo_stereo.h"
-#include "inputs.h"
+#include "files/inputs.h"
 #include "markers.h"
 #include "overlay.h"
 #include "progress.h"
@@ -63,7 +63,7 @@ fs::path readySettings() {
 /// The ready files leave the lens alone, since they must serve without a calibration. Here there is one, and every path
 /// that can use it does.
 Settings demoSettings(const fs::path& folder, const Contestant& contestant) {
-    Settings settings = loadSettings((folder / contestant.file).string(), contestant.path);
+    Settings settings = readSettings((folder / contestant.file).string(), contestant.path);
     settings.configs.skipUndistort = false;
     return settings;
 }
@@ -102,7 +102,7 @@ struct Round {
 };
 
 /// One path on one eye: extracts, scores, and writes the overlay.
-Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exposure, const Calibration& calibration,
+Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exposure, const Cameras& calibration,
            const fs::path& overlay) {
     CircleMarkerExtractor extractor;
     const cv::Mat& image = exposure.image[eye];
@@ -151,12 +151,12 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
     for (const Contestant& contestant : act.contestants) contestants.push_back(demoSettings(folder, contestant));
 
     const scene::Exposure exposure = renderScene(options, act);
-    const StereoCalibration rig = calibrationOf(exposure.rig);
-    const Calibration calibration = {asMatrices(rig.cameras[0]), asMatrices(rig.cameras[1])};
+    const Rig rig = calibrationOf(exposure.rig);
+    const Cameras calibration = {asMatrices(rig.cameras[0]), asMatrices(rig.cameras[1])};
     for (std::size_t eye = 0; eye < 2; ++eye) {
         writePicture((out / fmt::format("{}{}.png", act.prefix, kEyeNames[eye])).string(), exposure.image[eye]);
     }
-    writeCalibration((out / "calibration.yaml").string(), rig);
+    writeRig((out / "calibration.yaml").string(), rig);
 
     std::vector<std::string> rows, overlays;
     bool perfect = true;

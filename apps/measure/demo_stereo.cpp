@@ -8,7 +8,7 @@
 #include <functional>
 #include <opencv2/calib3d.hpp>
 
-#include "inputs.h"
+#include "files/inputs.h"
 #include "overlay.h"
 #include "progress.h"
 #include "stereo_exposure.h"
@@ -64,7 +64,7 @@ scene::Exposure renderObject(const DemoOptions& options, cv::Size size) {
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
                       CircleMarkerExtractor extractor) {
     const std::string file = (folder / branch.file).string();
-    Settings settings = loadStereoSettings(file, branch.path);
+    Settings settings = readStereoSettings(file, branch.path);
     for (double& radius : settings.configs.markerRadii) radius *= sizeFactor(exposure.rig.left.size);
     Outcome outcome;
     outcome.result = measureExposure(extractor, exposure.image, settings, 0);
@@ -74,8 +74,8 @@ Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene:
     return outcome;
 }
 
-void drawBranch(const Branch& branch, const scene::Exposure& exposure, const StereoCalibration& calibration,
-                const Outcome& outcome, const fs::path& out) {
+void drawBranch(const Branch& branch, const scene::Exposure& exposure, const Rig& calibration, const Outcome& outcome,
+                const fs::path& out) {
     std::array<cv::Mat, 2> behind;
     std::array<std::vector<Mark>, 2> missed;
     for (std::size_t eye = 0; eye < 2; ++eye) {
@@ -139,8 +139,8 @@ void printTable(const std::vector<Outcome>& outcomes) {
 
 }  // namespace
 
-StereoCalibration calibrationOf(const scene::Rig& rig) {
-    StereoCalibration calibration;
+Rig calibrationOf(const scene::Rig& rig) {
+    Rig calibration;
     for (std::size_t eye = 0; eye < 2; ++eye) {
         const scene::PinholeCamera& camera = eye == 0 ? rig.left : rig.right;
         const cv::Vec3d place = -(camera.rotation.t() * camera.translation);
@@ -171,10 +171,10 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
     Progress progress(kBranches.size() + 1);
     progress.show(0, "rendering");
     const scene::Exposure exposure = renderObject(options, size);
-    const StereoCalibration calibration = calibrationOf(exposure.rig);
+    const Rig calibration = calibrationOf(exposure.rig);
     writePicture((out / "stereo-left.png").string(), exposure.image[0]);
     writePicture((out / "stereo-right.png").string(), exposure.image[1]);
-    writeCalibration((out / "stereo-calibration.yaml").string(), calibration);
+    writeRig((out / "stereo-calibration.yaml").string(), calibration);
 
     std::vector<Outcome> outcomes;
     for (const Branch& branch : kBranches) {

@@ -4,14 +4,14 @@
 #include <kestrune_scene/scene.h>
 #include <filesystem>
 
-#include "calibration.h"
+#include <kestrune/MarkerMetrology.h>
 #include "commands.h"
 #include "interrupt.h"
 
 namespace kestrune::measure {
 
 /// The rig as a host would hand it to the library.
-StereoCalibration calibrationOf(const scene::Rig& rig);
+Rig calibrationOf(const scene::Rig& rig);
 
 /// The second part of the demonstration: renders a curved object with markers of two sizes, measures it in both ways,
 /// prints the errors against the truth and writes the pictures.

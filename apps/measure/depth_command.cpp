@@ -3,11 +3,12 @@
 
 #include "commands.h"
 #include "csv.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
-#include "output_file.h"
+#include "range_of_run.h"
 
 namespace kestrune::measure {
 namespace {
@@ -65,8 +66,8 @@ int runDepth(const DepthOptions& options) {
     options.addTo(files);
     files.writesTable("--csv", options.csv);
     files.check();
-    const Settings settings = loadSettings(options.settings, options.path);
-    const Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    const Settings settings = readSettings(options.settings, options.path);
+    const Camera camera = readCameras(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
     requireUndistorted(options, settings, camera);
     OutputFile csv;
     csv.open(options.csv);

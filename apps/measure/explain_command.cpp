@@ -5,11 +5,12 @@
 
 #include "commands.h"
 #include "explanation.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "interrupt.h"
-#include "output_file.h"
 #include "overlay.h"
+#include "range_of_run.h"
 #include "refinement.h"
 
 namespace kestrune::measure {
@@ -35,7 +36,7 @@ int runExplain(const ExplainOptions& options) {
     files.writesTable("--csv", options.csv);
     files.writes("--out", options.out);
     files.check();
-    const Settings settings = loadSettings(options.settings, options.path);
+    const Settings settings = readSettings(options.settings, options.path);
     const Camera camera = loadCamera(options, settings);
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");

@@ -4,13 +4,14 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
-#include "output_file.h"
 #include "overlay.h"
 #include "pair_explanation.h"
+#include "range_of_run.h"
 #include "stereo_exposure.h"
 
 namespace kestrune::measure {
@@ -26,8 +27,8 @@ int runExplainStereo(const ExplainStereoOptions& options) {
     files.writesTable("--csv", options.csv);
     files.writes("--out", options.out);
     files.check();
-    const Settings settings = loadStereoSettings(options.settings, options.path);
-    StereoCalibration calibration = loadStereoCalibration(options.calibration);
+    const Settings settings = readStereoSettings(options.settings, options.path);
+    Rig calibration = readRig(options.calibration);
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");
     OutputFile csv;

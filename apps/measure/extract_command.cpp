@@ -5,13 +5,14 @@
 #include <utility>
 
 #include "commands.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
-#include "output_file.h"
 #include "overlay.h"
 #include "progress.h"
+#include "range_of_run.h"
 #include "refinement.h"
 
 namespace kestrune::measure {
@@ -47,7 +48,7 @@ std::vector<std::string> nameFiles(const ExtractOptions& options) {
 struct Run {
     explicit Run(const ExtractOptions& options)
         : overlays(nameFiles(options)),
-          settings(loadSettings(options.settings, options.path)),
+          settings(readSettings(options.settings, options.path)),
           eye(options.eye),
           invert(options.invert),
           camera(loadCamera(options, settings)),
@@ -125,7 +126,7 @@ Camera loadCamera(const SearchOptions& options, const Settings& settings) {
             throw InputError(options.settings, "field 'skipUndistort' false needs --calibration");
         return {};
     }
-    Camera camera = loadCalibration(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
+    Camera camera = readCameras(options.calibration, options.eye)[static_cast<std::size_t>(options.eye)];
     if (!canUndistort(settings.path))
         complain(fmt::format("{}: not used, path {} measures in the image as it is", options.calibration,
                              nameOf(settings.path)));

@@ -9,11 +9,13 @@
 #include <csignal>
 #include <opencv2/core/utils/logger.hpp>
 
+#include <kestrune/MarkerMetrology.h>
 #include "command_line.h"
+
 #include "commands.h"
-#include "inputs.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "kestrune/MarkerExtractor/version.h"
-#include "output_file.h"
 
 namespace kestrune::measure {
 namespace {
@@ -69,6 +71,7 @@ int main(int argc, char** argv) {
     // A limit on file sizes and a reader that left are told as what they are to a write: an error.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
+    using namespace kestrune;
     using namespace kestrune::measure;
     int code = kWrongInput;
     try {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include "calibration.h"
+#include <kestrune/MarkerMetrology.h>
 #include "commands.h"
 #include "corner_list.h"
 #include "csv.h"
-#include "inputs.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "interrupt.h"
-#include "output_file.h"
 
 namespace kestrune::measure {
 namespace {
@@ -30,7 +30,7 @@ std::vector<Corner> loadList(const std::string& file, const MatchOptions& option
 
 /// The rig through the library's intake. Lists tell no image size, and the matching has no use for one: only the
 /// rectification depends on it.
-CircleMarkerExtractor takeIn(StereoCalibration calibration, const std::string& file) {
+CircleMarkerExtractor takeIn(Rig calibration, const std::string& file) {
     if (calibration.size.empty()) calibration.size = {1, 1};
     try {
         return calibratedExtractor(calibration);
@@ -70,7 +70,7 @@ int runMatch(const MatchOptions& options) {
     files.reads("--fundamental", options.fundamental);
     files.writesTable("--csv", options.csv);
     files.check();
-    const StereoCalibration calibration = loadStereoCalibration(options.calibration);
+    const Rig calibration = readRig(options.calibration);
     std::vector<Corner> left = loadList(options.left, options, calibration.cameras[0]);
     std::vector<Corner> right = loadList(options.right, options, calibration.cameras[1]);
     CircleMarkerExtractor rig = takeIn(calibration, options.calibration);

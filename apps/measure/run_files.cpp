@@ -7,38 +7,10 @@
 
 #include <algorithm>
 
-#include "inputs.h"
-#include "output_file.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 
 namespace kestrune::measure {
-namespace {
-
-namespace fs = std::filesystem;
-
-constexpr int kMostLinks = 40;  // as the system follows; more are a circle
-
-fs::path withoutLinks(const fs::path& path) {
-    std::error_code failed;
-    const fs::path result = fs::weakly_canonical(path, failed);
-    return failed ? path.lexically_normal() : result;
-}
-
-}  // namespace
-
-fs::path placeOf(const std::string& file) {
-    std::error_code failed;
-    fs::path path = fs::absolute(file, failed);
-    for (int links = 0; links < kMostLinks; ++links) {
-        const fs::path name = path.filename();
-        if (name.empty() || name == "." || name == "..") return withoutLinks(path);
-        const fs::path folder = withoutLinks(path.parent_path());
-        path = folder / name;
-        const fs::path target = fs::read_symlink(path, failed);
-        if (failed) return path;
-        path = folder / target;  // the target alone where it is absolute
-    }
-    return path;
-}
 
 RunFiles::Identity RunFiles::identify(const std::string& file) {
     Identity identity{placeOf(file).string(), {}};
@@ -96,7 +68,7 @@ void RunFiles::writesTable(const std::string& role, const std::string& file) {
     if (!file.empty()) add({role, incompleteMark(file), true});
 }
 
-std::string RunFiles::claim(const std::string& role, const fs::path& folder, const std::string& stem,
+std::string RunFiles::claim(const std::string& role, const std::filesystem::path& folder, const std::string& stem,
                             std::initializer_list<const char*> endings) {
     const auto holder = [&](const std::string& name) -> const Entry* {
         for (const char* ending : endings)

@@ -24,9 +24,6 @@
 
 namespace kestrune::measure {
 
-/// Where a file is, or would be created: absolute, without links, also those whose target is not there yet.
-std::filesystem::path placeOf(const std::string& file);
-
 class RunFiles {
   public:
     /// @param role  the option as the user knows it.

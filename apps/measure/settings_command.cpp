@@ -10,7 +10,7 @@ namespace {
 /// Whether a file that is good for an extraction holds what a stereo measurement reads as well.
 bool servesStereo(const std::string& file, Path path) {
     try {
-        loadStereoSettings(file, path);
+        readStereoSettings(file, path);
         return true;
     } catch (const std::runtime_error&) {
         return false;
@@ -24,7 +24,7 @@ int runSettings(const SettingsOptions& options) {
     int code = kSuccess;
     for (const std::string& file : options.files) {
         try {
-            const Path path = loadSettings(file, options.path).path;
+            const Path path = readSettings(file, options.path).path;
             say(fmt::format("{}: good for path {}{}\n", file, nameOf(path),
                             servesStereo(file, path) ? ", in stereo too" : ""));
         } catch (const std::runtime_error& error) {

@@ -10,15 +10,16 @@
 #include <set>
 #include <thread>
 
-#include "calibration.h"
+#include <kestrune/MarkerMetrology.h>
 #include "commands.h"
+#include "files/inputs.h"
+#include "files/output_file.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "interrupt.h"
 #include "markers.h"
 #include "ordered_pool.h"
-#include "output_file.h"
 #include "progress.h"
+#include "range_of_run.h"
 #include "stereo_output.h"
 #include "stereo_pictures.h"
 
@@ -87,8 +88,8 @@ struct Measured {
 struct Run {
     Run(const StereoOptions& options, const std::vector<ExposureNames>& names)
         : pictures(namePictures(options, names)),
-          settings(loadStereoSettings(options.settings, options.path)),
-          calibration(loadStereoCalibration(options.calibration)),
+          settings(readStereoSettings(options.settings, options.path)),
+          calibration(readRig(options.calibration)),
           intake{options.invert, {}},
           minShare(options.minShare),
           overlays(options.overlay) {
@@ -144,7 +145,7 @@ struct Run {
 
     std::vector<std::string> pictures;  ///< first, since naming them checks all files
     Settings settings;
-    StereoCalibration calibration;
+    Rig calibration;
     ImageIntake intake;
     double minShare;
     fs::path overlays;

@@ -9,8 +9,8 @@
 #include <set>
 #include <string>
 
+#include "files/output_file.h"
 #include "grey_range.h"
-#include "output_file.h"
 #include "stereo_exposure.h"
 
 namespace kestrune::measure {

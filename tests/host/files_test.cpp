@@ -30,7 +30,7 @@ class HostFiles : public testing::Test {
         cv::imwrite("d/L.png", exposure.image[0]);
         cv::imwrite("d/R.png", exposure.image[1]);
         cv::imwrite("z.png", cv::Mat(320, 400, CV_16UC1, cv::Scalar(900)));
-        writeCalibration("rig.yaml", rig);
+        writeRig("rig.yaml", rig);
         writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 8, 12 ]"}});
         writeSettings("u.yaml", "s.yaml", {{"skipUndistort", "false"}});
         std::ofstream("l.csv") << "x,y\n10,10\n", std::ofstream("r.csv") << "x,y\n10,10\n";

@@ -128,7 +128,7 @@ TEST(HostGreyRange, IsThatOfTheWholeRunAndTold) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({400, 320});
     const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 6, 8, 12, 200, 1), {}, {});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 8, 12 ]"}});
     for (int eye = 0; eye < 2; ++eye) {
         const std::string name = eye == 0 ? "left" : "right";

@@ -62,12 +62,11 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({800, 640});
     const scene::Exposure exposure = scene::render(rig, scene::makeScatteredDiscs(rig, 12, 10, 20, 20, 200, 4), {}, {});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     cv::imwrite("left.png", exposure.image[0]);
     CircleMarkerExtractor extractor;
     writeSettings("free.yaml", "ready/bright-radial.yaml", {{"skipUndistort", "false"}});
-    const std::vector<Marker> markers =
-        findMarkers(extractor, exposure.image[0], 0, loadCalibration("rig.yaml", 0)[0], loadSettings("free.yaml", {}));
+    const std::vector<Marker> markers = findMarkers(extractor, exposure.image[0], 0, readCameras("rig.yaml", 0)[0], readSettings("free.yaml", {}));
     ASSERT_GE(markers.size(), 10u);
     cv::Mat plate(640, 800, CV_32FC1, cv::Scalar(1000));
     int hole = 0;
@@ -91,7 +90,7 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
 TEST(HostProgram, HoldsPixelsToTheirCalibration) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({400, 320});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     const std::string ready = "ready/bright-radial.yaml";
     writeSettings("free.yaml", ready, {{"skipUndistort", "false"}});
     writeSettings("twice.yaml", "free.yaml", {{"cornersRectified", "true"}});
@@ -99,7 +98,7 @@ TEST(HostProgram, HoldsPixelsToTheirCalibration) {
     std::ofstream("unsized.yaml") << withLine(withLine(readText("rig.yaml"), "image_width", ""), "image_height", "");
     scene::Rig plain = rig;
     plain.left.distortion = plain.right.distortion = {};
-    writeCalibration("plain.yaml", plain);
+    writeRig("plain.yaml", plain);
     const scene::Exposure exposure = scene::render(plain, scene::makeScatteredDiscs(plain, 3, 10, 12, 20, 200, 4), {}, {});
     cv::imwrite("a.png", exposure.image[0]);
     cv::imwrite("other.png", cv::Mat(300, 400, CV_8UC1, cv::Scalar(0)));
@@ -151,7 +150,7 @@ TEST(HostMarkers, AreTrueAndAccountedForAtEveryScale) {
         {"bright-radial.yaml", {}, 3, 0.18, 1.5},         {"bright-complex.yaml", {}, 2, 0.03, 0.3}};
     for (const auto& [name, path, scale, worstRms, worstAxis] : cases) {
         SCOPED_TRACE(testing::Message() << name << " at scale " << scale);
-        Settings settings = loadSettings("ready/" + name, path);
+        Settings settings = readSettings("ready/" + name, path);
         settings.configs.scale = scale, settings.configs.skipUndistort = false;
         settings.configs.maxEccentricity = 0.8, settings.configs.minAxisRatio = 0.7F;
         CircleMarkerExtractor extractor;

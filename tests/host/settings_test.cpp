@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "settings.h"
+#include <kestrune/MarkerMetrology.h>
 
 #include "dropped.h"
 #include "explanation.h"
-#include "setting_rules.h"
+#include "settings/setting_rules.h"
 #include "stereo_exposure.h"
 #include "support/configs.h"
 #include "support/program.h"
@@ -19,7 +19,7 @@ TEST(HostSettings, ReadyFilesHoldWhatTheirPathReads) {
         const std::string name = entry.path().stem(), text = readText(entry.path());
         const bool stereo = text.find("\n# Stereo") != std::string::npos, fast = name.ends_with("fast");
         const auto load = [&](const std::string& file) {
-            return stereo ? loadStereoSettings(file, {}) : loadSettings(file, fast ? std::optional(Path::fast) : std::nullopt);
+            return stereo ? readStereoSettings(file, {}) : readSettings(file, fast ? std::optional(Path::fast) : std::nullopt);
         };
         const Path path = load(entry.path()).path;
         EXPECT_TRUE(name.ends_with(path == Path::simple ? "subpixel" : nameOf(path))) << name;
@@ -33,9 +33,9 @@ TEST(HostSettings, ReadyFilesHoldWhatTheirPathReads) {
         ++files;
     }
     EXPECT_GE(files, 12);
-    const auto fast = [](const auto& file) { loadSettings(file, Path::fast); };
+    const auto fast = [](const auto& file) { readSettings(file, Path::fast); };
     expectComplaint(readText("ready/bright-radial.yaml"), fast, "field 'enableAreaFilter' is missing: path fast reads it\n");
-    const auto stereo = [](const auto& file) { loadStereoSettings(file, {}); };
+    const auto stereo = [](const auto& file) { readStereoSettings(file, {}); };
     const std::string clutter = readText("ready/bright-clutter-subpixel.yaml"), good = readText("ready/bright-subpixel.yaml");
     expectComplaint(clutter, stereo, "field 'markerRadii' is missing: stereo with path simple reads it\n");
     expectComplaint(withLine(good, "scale", "scale: 2"), stereo, "field 'scale' 2: path simple measures in the reduced image");
@@ -110,7 +110,7 @@ TEST(HostSettings, PathsReadWhatTheTableSays) {
         for (const Use use : {Use::extraction, Use::stereo}) {
             if (use == Use::stereo && !canUndistort(path)) continue;
             const std::string ready = std::string("ready/bright-") + file + ".yaml";
-            Settings settings = use == Use::stereo ? loadStereoSettings(ready, path) : loadSettings(ready, path);
+            Settings settings = use == Use::stereo ? readStereoSettings(ready, path) : readSettings(ready, path);
             settings.configs.markerRadii = {8, 12}, settings.configs.plainRowGate = false;
             const auto tell = [&](const CicrleConfigs& c) { return told({c, path}, use, eyes, test::calibrated(rig)); };
             for (const double poison : {-7.0, 1e9}) {
@@ -151,7 +151,7 @@ TEST(HostSettings, RangesAreThoseOfTheGuide) {
         for (const double value : {field.low - step, field.low, field.high, field.high + step}) {
             const std::string line = cv::format("%s: %.10g\n", field.name, value);
             std::ofstream("given.yaml") << (good.find(start) == std::string::npos ? good : withLine(good, start, "")) << line;
-            const std::string complaint = test::refused([] { loadSettings("given.yaml", {}); });  // a pair may be out of order
+            const std::string complaint = test::refused([] { readSettings("given.yaml", {}); });  // a pair may be out of order
             EXPECT_EQ(complaint.find(" is outside ") != std::string::npos, value < field.low || value > field.high) << line << complaint;
         }
     }
@@ -208,12 +208,12 @@ TEST(HostSettings, BrokenFilesNameLineFieldAndValue) {
     const std::string radial = readText("ready/bright-radial.yaml"), complex = readText("ready/bright-complex.yaml");
     const auto check = [](const std::string& text, const auto& c) {
         expectComplaint(
-            withLine(text, c.field, c.line), [&c](const auto& file) { loadSettings(file, c.path); }, c.expected);
+            withLine(text, c.field, c.line), [&c](const auto& file) { readSettings(file, c.path); }, c.expected);
     };
     for (const auto& c : cases) check(c.path == Path::simple ? readText("ready/bright-subpixel.yaml") : radial, c);
     for (const auto& c : complexCases) check(complex, c);
     // All at once, so that a file is mended in one go.
-    const auto load = [](const std::string& file) { loadSettings(file, {}); };
+    const auto load = [](const std::string& file) { readSettings(file, {}); };
     const std::string many = expectComplaint(withLine(withLine(radial, "scale", "scale: 0"), "sigma", ""), load, "field 'sigma' is missing");
     EXPECT_EQ(std::ranges::count(many, '\n'), 1) << many;
     for (const char* file : {"no-such-file.yaml", "ready"}) EXPECT_THROW(load(file), InputError);

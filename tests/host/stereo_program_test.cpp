@@ -30,7 +30,7 @@ std::map<std::string, std::vector<scene::MeasuredMarker>> readExposures(const st
 TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({800, 640});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     std::map<std::string, scene::Exposure> truth;
     for (const auto& [name, seed] : {std::pair(std::string("a"), 1u), {"c", 2u}}) {
         truth[name] = scene::render(rig, scene::makeCurvedObject(rig, 14, 5, 8, 200, seed), {}, {.seed = seed});
@@ -72,7 +72,7 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
 TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
     enterOwnDirectory();
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     for (const unsigned seed : {1u, 2u}) {  // the same object twice
         const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 60, 3, 4.5, 200, 2), {}, {.seed = seed});
         cv::imwrite(seed == 1 ? "l.png" : "l2.png", exposure.image[0]), cv::imwrite(seed == 1 ? "r.png" : "r2.png", exposure.image[1]);
@@ -176,7 +176,7 @@ TEST(HostStereo, DoubtsPairsThatAreOffTheirRows) {
 TEST(HostStereo, MatchesProjectedLists) {
     enterOwnDirectory();
     scene::Rig rig = scene::makeVergedRig({800, 640});
-    writeCalibration("rig.yaml", rig);
+    writeRig("rig.yaml", rig);
     rig.left.distortion = rig.right.distortion = {};
     const std::vector<scene::Disc> discs = scene::makeCurvedObject(rig, 30, 2, 3, 200, 7);
     std::ofstream left("l.csv"), right("r.csv");
@@ -204,7 +204,7 @@ TEST(HostStereo, MatchesProjectedLists) {
             EXPECT_LT(cv::norm(cv::Vec3d(v[6], v[7], v[8]) - discs.at(static_cast<std::size_t>(v[0] - 100)).centre), 1e-4) << pair;
         }
     }
-    writeCalibration("plain.yaml", rig);
+    writeRig("plain.yaml", rig);
     const std::string undistorted = " rig.yaml --pixels undistorted";
     const std::tuple<const char*, std::string, int, const char*> lists[] = {
         {"a,b\n1,2\n", undistorted, 2, "bad.csv: line 1: the header names no column 'x'"},
@@ -248,13 +248,13 @@ D2: !!opencv-matrix { rows: 1, cols: 5, dt: d, data: [ -0.1, 0.02, 1e-3, 2e-3, 0
 R: !!opencv-matrix { rows: 3, cols: 3, dt: d, data: [ 0.8, 0., -0.6, 0., 1., 0., 0.6, 0., 0.8 ] }
 T: !!opencv-matrix { rows: 3, cols: 1, dt: d, data: [ -78.2, -2., -62.4 ] }
 )";
-    StereoCalibration read;
+    Rig read;
     const auto expectLoaded = [&read](const std::string& text, const std::string& expected) {
         expectComplaint(
-            text, [&read](const std::string& file) { read = loadStereoCalibration(file); }, expected);
+            text, [&read](const std::string& file) { read = readRig(file); }, expected);
         return read;
     };
-    const StereoCalibration a = expectLoaded(records, ""), b = expectLoaded(matrices, "");
+    const Rig a = expectLoaded(records, ""), b = expectLoaded(matrices, "");
     for (std::size_t e = 0; e < 2; ++e) {
         for (int k = 0; k < 12; ++k) EXPECT_NEAR(a.poses[e].values[k], b.poses[e].values[k], 1e-12) << k;
         EXPECT_TRUE(std::equal(a.cameras[e].values, a.cameras[e].values + 9, b.cameras[e].values));

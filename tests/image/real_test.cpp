@@ -8,8 +8,8 @@
 #include <opencv2/imgproc.hpp>
 #include <set>
 
+#include <kestrune/MarkerMetrology.h>
 #include "kestrune/MarkerExtractor.h"
-#include "settings.h"
 
 namespace kestrune::test::real {
 
@@ -21,7 +21,7 @@ struct RealImages : testing::TestWithParam<const char*> {
         if (!std::filesystem::exists(kFolder)) GTEST_SKIP() << "no real images at " << kFolder;
     }
     static std::vector<Corner> markersIn(const cv::Mat& image, const std::string& kind) {
-        CicrleConfigs configs = measure::loadSettings(KESTRUNE_SETTINGS_DIR "/" + kind + "-" + GetParam() + ".yaml", {}).configs;
+        CicrleConfigs configs = readSettings(KESTRUNE_SETTINGS_DIR "/" + kind + "-" + GetParam() + ".yaml", {}).configs;
         configs.skipUndistort = true;
         CircleMarkerExtractor extractor;
         std::vector<Corner> corners;

@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "settings.h"
+#include <kestrune/MarkerMetrology.h>
 #include "support/rigs.h"
 
 namespace kestrune::test::rendered {
@@ -22,7 +22,7 @@ class RenderedMarkers : public testing::TestWithParam<Front> {};
 
 TEST_P(RenderedMarkers, AreAllFoundFromRadius6To40AndNothingElse) {
     const Front& front = GetParam();
-    CicrleConfigs configs = measure::loadSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + front.settings, {}).configs;
+    CicrleConfigs configs = readSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + front.settings, {}).configs;
     configs.skipUndistort = false;
     const scene::Rig rig = scene::makeVergedRig({2448, 2048});
     CircleMarkerExtractor extractor = calibrated(rig);

@@ -10,9 +10,9 @@
 #include <optional>
 #include <sstream>
 
-#include "calibration.h"
+#include <kestrune/MarkerMetrology.h>
+#include "files/inputs.h"
 #include "image_file.h"
-#include "inputs.h"
 #include "support/calls.h"
 #include "support/rigs.h"
 
@@ -38,9 +38,9 @@ inline void enterOwnDirectory() {
     fs::create_directory_symlink(KESTRUNE_SETTINGS_DIR, "ready");
 }
 
-inline void writeCalibration(const std::string& file, const scene::Rig& rig) {
+inline void writeRig(const std::string& file, const scene::Rig& rig) {
     using namespace test;
-    writeCalibration(file, {{poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)}, rig.left.size, 0});
+    kestrune::writeRig(file, {{poseOf(rig.left), poseOf(rig.right)}, {cameraOf(rig.left), cameraOf(rig.right)}, rig.left.size, 0});
 }
 
 /// Exit code of a shell command and what came out of both streams.

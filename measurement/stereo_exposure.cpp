@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "stereo_exposure.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "files/inputs.h"
+#include "markers.h"
+
+namespace kestrune::measure {
+namespace {
+
+constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+
+using Pair = std::pair<Corner, Corner>;
+
+cv::Point2d pixelOf(const Corner& corner) {
+    return {corner.x, corner.y};
+}
+
+/// From the frame in which the library leaves normals to that of the points.
+cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleConfigs& configs) {
+    if (configs.cornersRectified == configs.outputRectified) return cv::Matx33d::eye();
+    const cv::Matx33d rectification(extractor.leftRectification);
+    return configs.outputRectified ? rectification : rectification.t();
+}
+
+}  // namespace
+
+Settings readStereoSettings(const std::string& file, std::optional<Path> path) {
+    if (path && !canUndistort(*path))
+        throw InputError(
+            file, fmt::format("path {} finds no contours: stereo takes simple, radial or complex", nameOf(*path)));
+    Settings settings = readSettings(file, path, Use::stereo);
+    CicrleConfigs& configs = settings.configs;
+    if (settings.path == Path::simple && configs.scale != 1) {
+        throw InputError(
+            file,
+            fmt::format("field 'scale' {}: path simple measures in the reduced image, stereo needs 1", configs.scale));
+    }
+    if (settings.path == Path::simple && std::ranges::none_of(configs.markerRadii, [](double r) { return r > 0; }))
+        throw InputError(file, "field 'markerRadii' names no radius: path simple needs at least one for stereo");
+    configs.skipUndistort = configs.cornersRectified;
+    return settings;
+}
+
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
+                                    cv::Size size) {
+    std::array<cv::Mat, 2> images;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const std::string& file = eye == 0 ? left : right;
+        images[eye] = readImage(file, intake.invert, intake.range);
+        if (images[eye].size() == size) continue;
+        throw InputError(file, fmt::format("is {} x {} px, the calibration is for {} x {}", images[eye].cols,
+                                           images[eye].rows, size.width, size.height));
+    }
+    if (images[0].type() == images[1].type() && cv::norm(images[0], images[1], cv::NORM_INF) == 0)
+        throw InputError(right, "shows the same as " + left + ", pixel for pixel: two eyes never do");
+    return images;
+}
+
+bool matchesConics(Path path) {
+    return path == Path::radial || path == Path::complex;
+}
+
+StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
+                             const Settings& settings, double minShare) {
+    StereoResult result;
+    std::vector<Point3_<double>> points;
+    std::array<std::vector<cv::RotatedRect>, 2> rims;
+    ExplainedMatch match;
+    const std::vector<Pair> pairs =
+        explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs, match);
+    result.found = {rims[0].size(), rims[1].size()};
+    for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
+    const bool conic = matchesConics(settings.path);
+    const cv::Matx33d turn = normalRotation(extractor, settings.configs);
+    Cameras lenses;
+    if (deliversUndistorted(settings)) {
+        lenses = {Camera{extractor.leftIntrinsic, extractor.leftDistortion},
+                  Camera{extractor.rightIntrinsic, extractor.rightDistortion}};
+    }
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        const auto& [left, right] = pairs[k];
+        const auto& [i, j] = match.pairs[k];
+        StereoMarker marker{{pixelOf(left), pixelOf(right)},
+                            {rims[0][static_cast<std::size_t>(i)], rims[1][static_cast<std::size_t>(j)]},
+                            {i, j},
+                            {},
+                            {points[k].x, points[k].y, points[k].z},
+                            {kUnknown, kUnknown, kUnknown},
+                            kUnknown};
+        marker.residuals = residualsOf(extractor, settings.configs, marker.pixel, marker.point);
+        if (conic) {
+            marker.normal = turn * cv::Vec3d(left.normal.data());
+            marker.radius = left.markerRadius;
+        }
+        if (settings.path == Path::complex) {
+            for (std::size_t eye = 0; eye < 2; ++eye)
+                marker.polarity[eye] = polarityOf(images[eye], marker.rim[eye], lenses[eye]);
+        }
+        result.markers.push_back(marker);
+    }
+    result.failure = objectionTo(result, settings.configs, minShare);
+    if (result.failure.empty()) result.doubt = doubtAbout(result);
+    return result;
+}
+
+}  // namespace kestrune::measure

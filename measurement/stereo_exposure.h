@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One exposure of the camera pair to markers in space.
+#pragma once
+
+#include <kestrune/MarkerExtractor.h>
+
+#include <array>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include <kestrune/MarkerMetrology.h>
+#include "image_file.h"
+#include "pair_explanation.h"
+#include "polarity.h"
+#include "stereo_quality.h"
+
+namespace kestrune::measure {
+
+/// A matched marker. What the branch does not measure is NaN. The frame of `point` and `normal` is the left
+/// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
+struct StereoMarker {
+    /// Undistorted px of each eye (rectified px with `cornersRectified`): the image of the disc's centre on path
+    /// radial and complex, the centre of the rim's image on path simple.
+    std::array<cv::Point2d, 2> pixel;
+    std::array<cv::RotatedRect, 2> rim;  ///< the ellipses in the same pixels
+    std::array<int, 2> number;           ///< places among the markers of each eye
+    std::array<Polarity, 2> polarity{};  ///< path complex only
+    cv::Vec3d point;
+    cv::Vec3d normal;  ///< unit, towards the cameras; not on path simple
+    double radius;     ///< not on path simple
+    Residuals residuals{};
+};
+
+struct StereoResult {
+    std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
+    std::array<std::vector<UnmatchedMarker>, 2> unmatched;  ///< the others of each eye
+    std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
+    /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
+    std::string failure;
+    std::string doubt;  ///< what to look at in an exposure that gives points; empty: nothing
+};
+
+/// Settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
+/// does not decide here; only images that are rectified already are left as they are.
+///
+/// @throws InputError, SettingsError  as `readSettings`, and for a path or scale that gives no full-size pixels with
+///                                    contours.
+Settings readStereoSettings(const std::string& file, std::optional<Path> path);
+
+/// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
+///
+/// @throws InputError
+std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
+                                    cv::Size size);
+
+/// True where the markers are matched by their conics, which tells normals and radii.
+bool matchesConics(Path path);
+
+/// @param extractor  calibrated; its scratch storage is used.
+/// @param minShare   see `objectionTo`.
+/// @throws cv::Exception, std::runtime_error  from the library.
+StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
+                             const Settings& settings, double minShare);
+
+}  // namespace kestrune::measure

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+/// @file
+/// Calibration files. Two forms are read: cameras and poses as the library's records hold them, and the matrices that
+/// OpenCV's stereo calibration writes; `docs/calibration.md` shows both. All that is wrong with a file is told at once,
+/// each problem with file, line and field.
+#pragma once
+
+#include <array>
+#include <opencv2/core.hpp>
+#include <string>
+
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+/// One eye's camera matrix (3 by 3, px) and distortion coefficients (OpenCV's order), `CV_64F`; both empty where no
+/// calibration is known.
+struct Camera {
+    cv::Mat matrix, distortion;
+    cv::Size size{};  ///< of the images, px; empty where the file does not tell
+};
+
+/// Left and right.
+using Cameras = std::array<Camera, 2>;
+
+/// Reads the cameras alone, of either form.
+///
+/// @param eye  the one that must be there: 0 left, 1 right.
+/// @throws InputError  with a line for each field that is missing or wrong.
+KESTRUNE_API Cameras readCameras(const std::string& file, int eye);
+
+/// What the calibration intake takes, left and right.
+struct Rig {
+    std::array<Pose_<double>, 2> poses;            ///< A point X of the world is A (X - c) to an eye: 9 of A, 3 of c.
+    std::array<Camera_<double, 2, 2>, 2> cameras;  ///< fx, fy, cx, cy, k1, k2, p1, p2, k3; px
+    cv::Size size;                                 ///< of the images, px; empty where the file does not tell
+    int rectifyFlags = 0;                          ///< `flags` of `cv::stereoRectify`
+};
+
+/// Reads a calibration file of either form.
+///
+/// @throws InputError  with a line for each field that is missing or wrong.
+KESTRUNE_API Rig readRig(const std::string& file);
+
+/// Writes the rig in the form of OpenCV's stereo calibration, with the left camera as the world. @throws InputError,
+/// OutputError
+KESTRUNE_API void writeRig(const std::string& file, const Rig& rig);
+
+/// The camera in OpenCV's terms.
+KESTRUNE_API Camera asMatrices(const Camera_<double, 2, 2>& camera);
+
+/// An extractor that went through the intake. @throws cv::Exception  as the intake does.
+KESTRUNE_API CircleMarkerExtractor calibratedExtractor(const Rig& rig);
+
+}  // namespace kestrune
