@@ -147,8 +147,9 @@ TEST(ConicToEllipse, ReadsEitherSignAndLetsTheRestThrough) {
     // Below 0 an angle turns by pi in single precision, 5.0e-6 degrees too far: one step of the result.
     const double c2 = std::cos(200 * CV_PI / 180), s2 = std::sin(200 * CV_PI / 180);
     EXPECT_EQ(ellipseOf({5 + 3 * c2, 6 * s2, 5 - 3 * c2, 0, 0, -1}).angle, std::nextafter(100.0f, 101.0f));
-    const std::tuple<std::array<double, 6>, float, float> cases[] = {
-        {{0, 0, 0, 0, 0, 0}, 0, 0}, {{1, 0, 0, 0, -1, 0}, 0, 0}, {{1, 0, -1, -2, 0, 0}, 1, 2}, {{NAN, 0, 1, 0, 0, -1}, 0, NAN}};
+    const std::tuple<std::array<double, 6>, float, float> cases[] = {{{0, 0, 0, 0, 0, 0}, 0, 0},         {{1, 0, 0, 0, -1, 0}, 0, 0},
+                                                                     {{1e-10, 0, 1, 0, 0, -1}, 0, 0},    {{1, 0, -1, -2, 0, 0}, 1, 2},
+                                                                     {{1.01e-10, 0, 1, 0, 0, -1}, 0, 2}, {{NAN, 0, 1, 0, 0, -1}, 0, NAN}};
     for (const auto& [q, centre, width] : cases) {
         const float off = std::abs(ellipseOf(q).width - width);
         EXPECT_TRUE(ellipseOf(q).centerX == centre && (std::isnan(width) ? std::isnan(ellipseOf(q).width) : off < 1e-6f)) << q[2];

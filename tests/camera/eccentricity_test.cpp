@@ -44,6 +44,17 @@ TEST(Eccentricity, FollowsItsOwnLayout) {
     }
 }
 
+TEST(Eccentricity, TakesTheAngleAsAShareOfAHalfTurnInSinglePrecision) {
+    int alike = 0;
+    for (float angle = 100; angle < 100.001f; angle = std::nextafter(angle, 180.0f)) {
+        const float next = std::nextafter(angle, 180.0f);
+        const auto normalAt = [](float degrees) { return eccentricityAhn({1, 0.5, -9}, ellipseOf(15, 24, degrees), 1, 1).normal; };
+        EXPECT_EQ(normalAt(angle) == normalAt(next), angle / 180 == next / 180) << angle;
+        alike += angle / 180 == next / 180;
+    }
+    EXPECT_GT(alike, 20);
+}
+
 TEST(Eccentricity, WritesTheResultsAndTheNormal) {
     const cv::Vec3d T(20, 10, -900);
     const cv::Mat blank(120, 420, CV_8UC3, cv::Scalar(9, 9, 9));

@@ -81,6 +81,10 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
     const auto bright = discImages(60);
     RimImages lying = bright;
     lying.blur16U = discImages(-60).blur16U;
+    // Halfway to the centre the nearest pixel is read: half a pixel aside, the ground's slope makes 1 of it.
+    RimImages tilted = discImages(12.5);
+    tilted.blur16U =
+        imageOf<std::uint16_t>({90, 80}, [flat = tilted.blur16U](int x, int y) { return flat.at<std::uint16_t>(y, x) + 512 * (x - 45 + y - 40); });
     const auto circle = circlePixels(15);
     std::vector<cv::Point> twice = circle, shifted = circle, crumpled = circle;
     twice.insert(twice.end(), circle.begin(), circle.end());
@@ -96,6 +100,11 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
         for (const cv::Point p : {cv::Point(d, 0), {-d, 0}, {0, d}, {0, -d}}) contour.push_back(cv::Point(45, 40) + p);
         return contour;
     };
+    const auto arcAbout = [](double x, double y, double halfTurn) {
+        std::vector<cv::Point> arc;
+        for (double a = -halfTurn; a < halfTurn; a += 1.0 / 30) arc.emplace_back(cvRound(x + 15 * std::cos(a)), cvRound(y + 15 * std::sin(a)));
+        return arc;
+    };
     // Contour, images, the setting that is changed.
     const std::tuple<const char*, std::vector<cv::Point>, RimImages, float C::*, float, Gate> cases[] = {
         {"bright", circle, bright, nullptr, 0, Gate::kNone},
@@ -107,11 +116,16 @@ TEST(ComplexPath, EachGateOfTheFirstStageRefusesWhatItIsFor) {
         {"90 for 29", circle, bright, &C::maxDiameter, 29, Gate::kSize},
         {"no least diameter", circle, bright, &C::minDiameter, 0, Gate::kNone},
         {"at the border", shifted, bright, nullptr, 0, Gate::kPlace},
+        {"within its first pixel", arcAbout(0.8, 40, 1.5), bright, nullptr, 0, Gate::kPlace},
+        {"beyond it, where there is no step", arcAbout(1.8, 40, 1.5), bright, nullptr, 0, Gate::kGradient},
         {"not round enough", circle, bright, &C::minAxisRatio, 1, Gate::kAxisRatio},
         {"crumpled", crumpled, bright, &C::maxFitResidual, 0.02f, Gate::kResidual},
         {"no gradient", circle, discImages(0.0), nullptr, 0, Gate::kGradient},
+        {"about 86 times the step: 0.086", circle, discImages(0.001), nullptr, 0, Gate::kGradient},
+        {"0.112", circle, discImages(0.0013), nullptr, 0, Gate::kContrast},
         {"105 on the rim and 110 inside: 0.9545", circle, discImages(10), nullptr, 0, Gate::kContrast},
         {"106.25 and 112.5: 0.9444", circle, discImages(12.5), nullptr, 0, Gate::kNone},
+        {"the same between pixels, on a slope", arcAbout(45.5, 40.5, CV_PI), tilted, nullptr, 0, Gate::kNone},
         {"91 inside and 95.5 on the rim: 0.9529", circle, discImages(-9), nullptr, 0, Gate::kContrast},
         {"89 and 94.5: 0.9418", circle, discImages(-11), nullptr, 0, Gate::kNone},
         {"the gradient names the wrong side", circle, lying, nullptr, 0, Gate::kContrast},
@@ -232,7 +246,10 @@ TEST(ExplainedPaths, NameTheGateOfEachCandidateAndTheRivalOfOneThatWasMerged) {
         configs.minArea = 150, configs.minDiameter = 6, configs.enableAreaFilter = true;
         CircleMarkerExtractor extractor;
         for (const auto& candidates : {explainExtraction(image, extractor, 0, configs), explainHand(colour, configs), explainFast(image, configs)})
-            for (const ExplainedCandidate& candidate : candidates) gates.insert(candidate.gate);
+            for (const ExplainedCandidate& candidate : candidates) {
+                gates.insert(candidate.gate);
+                EXPECT_TRUE(candidate.gate != "merged" || candidate.wanted == "the best fit of ellipses alike to 30 %") << candidate.wanted;
+            }
         Findings findings;
         if (configs.useComplexExtract) RimCall(image, extractor, 0, configs).run(extractor, &findings);
         for (const JudgedCandidate& candidate : findings.candidates) {

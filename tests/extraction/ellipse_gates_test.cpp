@@ -145,10 +145,12 @@ TEST(EllipseFitError, IsTheDistanceForACircleAndKeepsItsFarSideFactor) {
 }
 
 TEST(AdmitMarker, SettlesRepetitions) {
-    const std::tuple<const char*, double, double, double, std::size_t, double> cases[] = {
-        {"far away", 12, 0.9, 0.1, 2, 100},          {"at the half axis", 10, 0.9, 0.1, 2, 100}, {"near, rounder and better", 8, 0.9, 0.1, 1, 108},
-        {"near, only rounder", 8, 0.9, 0.3, 1, 100}, {"near, only better", 8, 0.7, 0.1, 1, 100}, {"the same centre", 0, 0.9, 0.1, 2, 100}};
-    for (const auto& [what, shift, roundness, error, count, keptX] : cases) {
+    const std::tuple<const char*, double, float, double, double, std::size_t, double> cases[] = {
+        {"far away", 12, 10, 0.9, 0.1, 2, 100},          {"as far, but larger", 12, 25, 0.9, 0.1, 1, 112},
+        {"at the half axis", 10, 10, 0.9, 0.1, 2, 100},  {"near, rounder and better", 8, 10, 0.9, 0.1, 1, 108},
+        {"near, only rounder", 8, 10, 0.9, 0.3, 1, 100}, {"near, only better", 8, 10, 0.7, 0.1, 1, 100},
+        {"the same centre", 0, 10, 0.9, 0.1, 2, 100}};
+    for (const auto& [what, shift, width, roundness, error, count, keptX] : cases) {
         std::vector<Corner> corners;
         MarkerList markers{corners, {}, 0};
         const auto admit = [&markers](double x, double circularity, double fitError, cv::Size2f size) {
@@ -158,7 +160,7 @@ TEST(AdmitMarker, SettlesRepetitions) {
             verdict.halfAxis = 0.5f * std::max(size.width, size.height);
             admitMarker(verdict, markers);
         };
-        admit(500, 0.8, 0.2, {20, 20}), admit(100, 0.8, 0.2, {12, 20}), admit(100 + shift, roundness, error, {10, 8});
+        admit(500, 0.8, 0.2, {20, 20}), admit(100, 0.8, 0.2, {12, 20}), admit(100 + shift, roundness, error, {width, 8});
         ASSERT_EQ(std::pair(corners.size(), markers.rects.size()), std::pair(1 + count, 1 + count)) << what;
         EXPECT_EQ(std::pair(corners[1].x, markers.rects[1].center.x), std::pair(keptX, static_cast<float>(keptX))) << what;
         for (std::size_t k = 0; k < corners.size(); ++k) EXPECT_EQ(corners[k].id, static_cast<int>(k)) << what;

@@ -76,6 +76,20 @@ TEST(HandPath, FindsDiscsAndTheInnerEdgeOfARing) {
         ASSERT_TRUE(extractor.CircleExtractSimpleForHand(rings, ring, 0, handConfigs()) && ring.size() == 1);
         EXPECT_NEAR(ring[0].area, 4 * 12 * 12, 80);
     }
+    // A square on black, darker by 3.75 from column to column: an edge begins at its left side and is followed down to its
+    // right one. A step counts four times, at a corner 4.24 times.
+    CicrleConfigs anyFit = handConfigs();
+    anyFit.maxFitError = 9;
+    for (const auto& [left, right, count] : {std::tuple(126, 47, 1u), {117, 47, 0u}, {126, 45, 0u}}) {
+        const cv::Mat square = imageOf<uchar>({60, 60}, [l = left, r = right](int x, int y) {
+            return std::max(std::abs(x - 30), std::abs(y - 30)) > 10 ? 0 : l + (r - l) * (x - 20) / 20;
+        });
+        cv::Mat colour;
+        cv::merge(std::vector<cv::Mat>(3, square), colour);
+        std::vector<Corner> corners;
+        CircleMarkerExtractor().CircleExtractSimpleForHand(colour, corners, 0, anyFit);
+        EXPECT_EQ(corners.size(), count) << left << ' ' << right;
+    }
     GateVerdict oval;  // its smaller half axis, 14, is the reach
     oval.rect = cv::RotatedRect({0, 0}, {48, 28}, 0), oval.candidate.area = 9, oval.candidate.x = oval.candidate.y = 0;
     for (const double distance : {13.9, 14.0}) {

@@ -99,6 +99,15 @@ TEST(SearchRadialEdges, ClosesGapsOfTwoRaysAndClampsTheParabola) {
         searchRadialEdges(disc, {40, 40}, 4, 20, points, rays, 12, 0.6f);
         EXPECT_EQ(points.size(), count) << gap;
     }
+    // Two half discs: at either end of their joint two rays are half the difference of the radii off their neighbours' mean.
+    for (const auto& [radius, count] : {std::pair(15.4, 24u), {16.6, 20u}}) {
+        const auto greyAt = [r = radius](int x, int y) {
+            const double side = (x - 40) * std::cos(CV_PI / 24) + (y - 40) * std::sin(CV_PI / 24);
+            return 40 + 80 * std::erfc((std::hypot(x - 40, y - 40) - (side > 0 ? r : 10)) / 1.2);
+        };
+        searchRadialEdges(imageOf<uchar>({80, 80}, greyAt), {40, 40}, 4, 25, points, directionTable(24), 12, 0.6f);
+        EXPECT_EQ(points.size(), count) << radius;
+    }
     // Grey values from the centre on along all rays. Coarse steps from 1.5 px on read every third of them, and the fine
     // samples go from 6 to 12 px; the fall goes on beyond them, and the parabola's top would lie 19.5 px away.
     const std::tuple<float, std::vector<int>, float> profiles[] = {
@@ -163,6 +172,8 @@ TEST(DetectRadialContours, AcceptsBrightRoundBlobsOnly) {
                        // A blob from column 3 of an image that is reduced by 2 has 6 px: three sigma, rounded up, and 3.
                        {"room for the surroundings", sharp(20, 14), {0}, 2, true, 0},
                        {"for a larger sigma there is none", sharp(20, 14), {}, 2, true, 0, {}, 1.01},
+                       {"nor for sigma 2, which needs 9 px, in 8", sharp(22, 14), {}, 2, true, 0, {}, 2},
+                       {"in 10 there is", sharp(24, 14), {0}, 2, true, 0, {}, 2},
                        {"four of five probes", disc, {72}, 1, false, 0.6f, {}, 1, probes(5, 1)},
                        {"79 of 100", disc, {}, 1, false, 0.6f, {}, 1, probes(100, 21)}};
     for (const Case& c : cases) {

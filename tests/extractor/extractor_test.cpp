@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -13,6 +14,7 @@
 #include "logging/logging.h"
 #include "support/calls.h"
 #include "support/configs.h"
+#include "support/teams.h"
 
 namespace kestrune::test::extractor {
 
@@ -120,6 +122,34 @@ TEST(Extractor, DividesTheLeastLengthByTheScaleAndNotTheLeastArea) {
     }
 }
 
+TEST(Extractor, RepeatsItsBitsInLaterCallsAndInCopies) {
+    const SharedLoops shared;
+    const cv::Mat large = imageOf<uchar>({1600, 1200}, [](int x, int y) {  // 768 discs
+        const double distance = std::hypot(x % 50 - 24.7, y % 50 - 25.2);
+        return 40 + 160 * std::clamp(8.5 + (x / 50 + y / 50) % 7 - distance, 0.0, 1.0);
+    });
+    for (const CicrleConfigs& configs : configsOfPaths()) {
+        const auto bitsOf = [&](CircleMarkerExtractor& extractor, int threads) {
+            omp_set_num_threads(threads);
+            std::vector<Corner> corners;
+            EXPECT_TRUE(ExtractCircleMarker(large, extractor, corners, 0, configs));
+            std::vector<double> bits = {static_cast<double>(corners.size())};
+            for (const Corner& c : corners) {
+                bits.insert(bits.end(), {c.x, c.y, c.area, c.fitResidual, c.fitError});
+                bits.insert(bits.end(), c.conic.begin(), c.conic.end());
+                for (const cv::Point2f& p : c.contour) bits.insert(bits.end(), {p.x, p.y});
+            }
+            return bits;
+        };
+        CircleMarkerExtractor first, assigned;
+        const std::vector<double> bits = bitsOf(first, 1);
+        EXPECT_GT(bits[0], 650);
+        CircleMarkerExtractor copy(first);
+        assigned = first;
+        EXPECT_TRUE(bitsOf(first, 3) == bits && bitsOf(copy, 2) == bits && bitsOf(assigned, 1) == bits);
+    }
+}
+
 TEST(FastPath, AppliesItsSwitchesAndBounds) {
     cv::Mat image(60, 120, CV_8UC1, cv::Scalar(100));  // 100 is background, 101 is not
     image(cv::Rect(10, 10, 11, 11)).setTo(101);        // contour through pixel centres: 10 x 10
@@ -222,6 +252,10 @@ TEST(Logging, WritesWholeLinesOnStandardOutput) {
         const std::regex form(R"((?=.{5}\d) *\d+ [A-Z]\w\w \d\d \d{4} \d\d:\d\d:\d\d )" + shown + "   text\n");
         EXPECT_TRUE(std::regex_match(written, form)) << written;
     }
+    std::FILE* const file = std::tmpfile();
+    const int descriptor = fileno(file);
+    { const LogIOSink sink(3, file); }
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "a sink closes its file";
     // Concurrent reports stay whole lines.
     const std::string text(200, 'x');
     std::string expected;

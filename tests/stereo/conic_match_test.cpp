@@ -45,6 +45,7 @@ TEST(CandidatePairs, KeepRowsClosedAndDepthsOpenAndHaveASampsonDistance) {
     cv::Mat single;
     Q.convertTo(single, CV_32F);
     EXPECT_EQ(rectifiedCandidatePairs(left, right, single, points, 2, 49.9, 500).size(), 5u);
+    EXPECT_EQ(rectifiedCandidatePairs(left, right, Q * 1.2e-7, points, 2, 51, 500).size(), 3u) << "a weight of 6e-7 is none";
     EXPECT_TRUE(rectifiedCandidatePairs(left, right, Q, points, 2, NAN, 500).empty());
     EXPECT_TRUE(rectifiedCandidatePairs({{120, 60}}, {{110, 70}, {110, NAN}}, Q, points, 2, 50, 500).empty());
     for (const cv::Mat& bad : {cv::Mat(), cv::Mat(cv::Mat::eye(3, 3, CV_64F)), cv::Mat(cv::Mat::eye(4, 4, CV_32S))})
@@ -90,8 +91,6 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
     const auto rightOf = [](const std::pair<Corner, Corner>& corners) { return corners.second; };
     const std::vector<Corner> steep = {tilted(0.3, 7).first};
     const Corner steeper = rightOf(tilted(0.3 + CV_PI / 9, 7)), lower = rightOf(cornersOf({0, 0, -1}, 7, 1.2 * onePixel));
-    // The two normals of this large disc have centres that are many pixels apart.
-    const auto [leftLarge, rightLarge] = cornersOf({-1, 1, -2}, 60);
     Corner hyperbola = right, broken = right, level = right;
     hyperbola.conic[0] = -hyperbola.conic[0], level.y = left.y;
     const CicrleConfigs configs = stereoConfigs(), anySize = stereoConfigs(false, {});
@@ -107,7 +106,6 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
         {"and more", steep, {steeper, rightOf(tilted(0.3, 0.9 * 7))}, anySize, {{0, 0}}},
         {"less than the row", {left}, {lower, rightOf(cornersOf({0, 0, -1}, 0.895 * 7))}, anySize, {{0, 1}}},
         {"and more", {left}, {lower, rightOf(cornersOf({0, 0, -1}, 0.875 * 7))}, anySize, {{0, 0}}},
-        {"the row is that of the chosen centres", {leftLarge}, {rightOf(cornersOf({-1, 1, -2}, 54)), rightLarge}, anySize, {{0, 1}}},
         {"a hyperbola", {left}, {hyperbola}, configs, {}},
         {"a score that is no number leaves no centres", {leftSmall}, {hyperbola}, anySize, {}},
         {"no nominal radius", {leftSmall}, {small}, configs, {}},
@@ -115,6 +113,10 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
         {"no two radii are like enough", {leftSmall}, {small}, unlike, {}},
         {"nobody", {}, {right}, configs, {}}};
     for (const auto& [what, l, r, c, pairs] : cases) EXPECT_EQ(Matched(l, r, e, c).pairs, pairs) << what;
+    for (const double radius : {3.5, 3.7, 4.3, 4.5, 6.2, 6.4, 7.6, 7.8}) {
+        const auto [l, r] = cornersOf({0, 0, -1}, radius);
+        EXPECT_EQ(Matched({l}, {r}, e, configs).pairs.size(), std::min(std::abs(radius / 4 - 1), std::abs(radius / 7 - 1)) < 0.1) << radius;
+    }
 
     // Nothing, a line twice, a point, two lines that cross, and two that do not: no marker, but the others stand.
     using Conic = std::array<double, 6>;
@@ -143,23 +145,30 @@ TEST(MatchConicCorners, SettlesRivalsAndRejectsWhatIsNoDisc) {
 TEST(MatchConicCorners, TellsWhatEndedEachPair) {
     const scene::Rig rig = scene::makeVergedRig({1280, 1024});
     CircleMarkerExtractor e = calibrated(rig);
-    const auto cornersOf = [&rig](const cv::Vec3d& centre, const cv::Vec3d& normal) {
-        const auto [left, right, seen] = exactCorners(rig, {{centre, cv::normalize(normal), 7, 200}});
+    const auto cornersOf = [&rig](const cv::Vec3d& centre, const cv::Vec3d& normal, double radius = 7) {
+        const auto [left, right, seen] = exactCorners(rig, {{centre, cv::normalize(normal), radius, 200}});
         return std::pair{left.at(0), right.at(0)};
     };
     const auto [left, right] = cornersOf({5, 8, 900}, {0, 0, -1});
     const auto [leftRival, rival] = cornersOf({5, 8, 900}, {0.5, 0.3, -1});
     const auto [leftBelow, below] = cornersOf({5, 28, 900}, {0, 0, -1});
+    // The two centres of this large disc are many pixels apart; those of its chosen normals lie in one row, for a score of 1.
+    const auto [leftLarge, rightLarge] = cornersOf({5, 8, 900}, {0.5, -0.4, -0.75}, 90);
+    const auto [leftLesser, lesser] = cornersOf({5, 8, 900}, {0.5, -0.4, -0.75}, 81);
     Corner noCircle = right;
     noCircle.conic[5] += 2;
     const CicrleConfigs good = stereoConfigs();
     CicrleConfigs near = good, small = stereoConfigs(false, {6, 4, 9}), unlike = good;
-    near.maxDepth = 800, unlike.minRadiusRatio = 1.5f;
+    CicrleConfigs far = small;
+    near.maxDepth = 800, unlike.minRadiusRatio = 1.5f, far.sizeTolerance = 0.9, far.markerRadii = {4};
+    const double farScore = std::pow(std::exp(-0.5 * 0.75 * 0.75), 0.3);  // of radii that are 75 % off
     using enum PairGate;
     const std::tuple<std::vector<Corner>, std::vector<Corner>, CicrleConfigs, PairVerdicts> cases[] = {
         {{left}, {right}, good, {{0, 0, none}}},
         {{left, leftBelow}, {right, rival}, good, {{0, 1, score, 0.99, 1}, {0, 0, none}, {1, 0, rows, 85.5, -kInf, 2}}},
         {{left}, {right, below, below}, good, {{0, 0, none}, {0, 1, rows, 85.5, -kInf, 2}, {0, 2, rows, 85.5, -kInf, 2}}},
+        {{leftLarge}, {lesser, rightLarge}, stereoConfigs(false, {}), {{0, 1, none}, {0, 0, score, std::pow(0.9, 0.15), 1}}},
+        {{left}, {right, right}, far, {{0, 0, score, farScore, farScore}, {0, 1, none}}},
         {{left}, {right}, near, {{0, 0, depth, 900, 300, 800}}},
         {{left}, {right}, small, {{0, 0, radius, 7, 5.4, 6.6}}},
         {{left}, {noCircle}, good, {{0, 0, circle}}},

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "kestrune/MarkerExtractor.h"
+#include <random>
+
 #include "support/calls.h"
+#include "support/rigs.h"
+#include "support/teams.h"
 
 namespace kestrune::test::from_corners {
 
@@ -90,6 +93,42 @@ TEST(FromCorners, AnswersBadInput) {
     Rows single({{1, 1}}, {{0, 1}});
     single.fundamental.convertTo(single.fundamental, CV_32F);
     EXPECT_EQ(single.match().size(), 1u);
+}
+
+TEST(FromCorners, MatchesNoisyCentresForAnyNumberOfThreads) {
+    const scene::Rig rig = scene::makeVergedRig({2448, 2048});
+    const CircleMarkerExtractor e = calibrated(rig);
+    const SharedLoops shared;
+    for (const double missing : {0.0, 0.1}) {
+        std::size_t all = 0, wrong = 0;
+        for (unsigned seed = 1; seed <= 10; ++seed) {
+            // True centres with 0.1 px of noise in each coordinate; the right list in another order.
+            auto [left, right, seen] = exactCorners(rig, scene::makeCurvedObject(rig, 60, 1.5, 2.5, 190, seed));
+            for (std::size_t k = 0; k < seen.size(); ++k) left[k].id = right[k].id = static_cast<int>(k);
+            std::shuffle(right.begin(), right.end(), std::mt19937(seed));
+            cv::RNG rng(seed);
+            for (std::vector<Corner>* corners : {&left, &right}) {
+                std::erase_if(*corners, [&](const Corner&) { return rng.uniform(0.0, 1.0) < missing; });
+                for (Corner& c : *corners) c.x += rng.gaussian(0.1), c.y += rng.gaussian(0.1);
+            }
+            std::vector<Point3_<double>> points;
+            Pairs pairs;
+            for (const int team : {1, static_cast<int>(2 + seed % 3)}) {
+                omp_set_num_threads(team);
+                const Pairs before = std::exchange(
+                    pairs, getStereoMarker3dPoints(left, right, e.leftTriangulation, e.leftIntrinsic, e.rightIntrinsic, e.fundamental, points));
+                EXPECT_TRUE(team == 1 || before == pairs) << seed;
+            }
+            all += pairs.size();
+            for (std::size_t m = 0; m < pairs.size(); ++m) {
+                const int id = left[pairs[m].first].id;
+                const bool isWrong = id != right[pairs[m].second].id;
+                wrong += isWrong;
+                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - seen[id].centre) < 0.4) << seed;
+            }
+        }
+        EXPECT_TRUE(all > (missing > 0 ? 460u : 590u) && wrong <= (missing > 0 ? 3 : 0)) << all << ' ' << wrong;
+    }
 }
 
 }  // namespace kestrune::test::from_corners

@@ -133,4 +133,28 @@ TEST(StereoFromImages, GivesTheRectanglesOfBothEyesAlsoToTheExtractorsOwnList) {
     }
 }
 
+TEST(StereoFromImages, ARefusedCallChangesNoMemberAndNoResult) {
+    using E = CircleMarkerExtractor;
+    const cv::Mat wide(1024, 1280, CV_16UC1, cv::Scalar(9)), tiny(2, 2, CV_8UC1, cv::Scalar(9)), &right = exposed().image[1];
+    const cv::Mat pairs(1, 5, CV_64FC2, cv::Scalar::all(0));
+    const std::tuple<const char*, Path, cv::Mat E::*, cv::Mat, cv::Mat> cases[] = {
+        {"image", kRows, nullptr, {}, wide},
+        {"scale", kRims, nullptr, {}, tiny},
+        {"rightDistortion", kRims, &E::rightDistortion, pairs, right},
+        {"rightDistortion", kRadial, &E::rightDistortion, hollow(1, 5), right},
+        {"leftDistortion", kRows, &E::leftDistortion, pairs, right}};
+    for (const auto& [name, path, member, value, image] : cases) {
+        E e = calibrated(exposed().rig);
+        if (member != nullptr) e.*member = value;
+        e.markerRects.resize(2), e.markerName = "before";
+        CicrleConfigs c = configsOf(path);
+        c.scale = 3;
+        Outcome o;
+        EXPECT_EQ(refused([&, &r = image] { o.run(exposed().image[0], r, e, c); }), name);
+        testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(e.markerRects.size() == 2 && e.markerName == "before" && e.rayDirections.empty()) << name;
+        EXPECT_TRUE(o.points.size() == 1 && o.left.size() == 3 && o.right.size() == 3) << name;
+    }
+}
+
 }  // namespace kestrune::test::from_images
