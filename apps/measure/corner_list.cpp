@@ -50,9 +50,9 @@ std::optional<Number> numberIn(const std::string& text) {
     return value;
 }
 
-class Reader {
+class CornerReader {
   public:
-    Reader(const std::string& file, std::optional<Pixels> pixels) : file_(file), pixels_(pixels) {}
+    CornerReader(const std::string& file, std::optional<Pixels> pixels) : file_(file), pixels_(pixels) {}
 
     CornerList read() {
         std::istringstream lines(readText(file_));
@@ -150,7 +150,7 @@ class Reader {
 }  // namespace
 
 CornerList readCorners(const std::string& file, std::optional<Pixels> pixels) {
-    return Reader(file, pixels).read();
+    return CornerReader(file, pixels).read();
 }
 
 }  // namespace kestrune::measure

@@ -22,9 +22,6 @@ namespace fs = std::filesystem;
 const cv::Size kDefaultSize(1632, 1360);
 constexpr double kSmallestRadiusPx = 7, kLargestRadiusPx = 30;
 constexpr double kMaxTiltDegrees = 25;
-constexpr double kClutterPerPixel = 18e-6;
-// A detection farther away than this from every marker's centre is no picture of a marker.
-constexpr double kMatchDistancePx = 3;
 
 constexpr std::array<const char*, 2> kEyeNames = {"left", "right"};
 

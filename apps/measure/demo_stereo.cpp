@@ -19,14 +19,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const cv::Size kDefaultSize(2448, 2048);
+const cv::Size kDefaultStereoSize(2448, 2048);
 // The markers of an image of the default width. The field is 300 mm wide whatever the image, so that in smaller images
 // larger discs are needed for the same number of pixels: these are 12 and 20 px.
 constexpr std::array<double, 2> kRadiiMm = {1.5, 2.5};
 constexpr double kMarkerGrey = 190;
-constexpr double kClutterPerPixel = 18e-6;
-// A pixel farther away than this from every marker's centre shows none of them.
-constexpr double kMatchDistancePx = 3;
 
 struct Branch {
     Path path;
@@ -47,7 +44,7 @@ struct Outcome {
 };
 
 double sizeFactor(cv::Size size) {
-    return static_cast<double>(kDefaultSize.width) / size.width;
+    return static_cast<double>(kDefaultStereoSize.width) / size.width;
 }
 
 scene::Exposure renderObject(const DemoOptions& options, cv::Size size) {
@@ -167,7 +164,7 @@ void nameStereoFiles(RunFiles& files, const fs::path& settings, const fs::path& 
 
 bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::path& out,
                 const InterruptWatch& watch) {
-    const cv::Size size = options.size.empty() ? kDefaultSize : options.size;
+    const cv::Size size = options.size.empty() ? kDefaultStereoSize : options.size;
     Progress progress(kBranches.size() + 1);
     progress.show(0, "rendering");
     const scene::Exposure exposure = renderObject(options, size);

@@ -10,6 +10,10 @@
 
 namespace kestrune::measure {
 
+// Of both parts of the demonstration.
+constexpr double kClutterPerPixel = 18e-6;  ///< things that are no markers
+constexpr double kMatchDistancePx = 3;  ///< a detection farther than this from every marker's centre shows none of them
+
 /// The rig as a host would hand it to the library.
 Rig calibrationOf(const scene::Rig& rig);
 

@@ -23,7 +23,7 @@ constexpr int kTangentShift = 15;
 constexpr int kTangent22 = 13573;
 
 constexpr std::size_t kLeastStack = 1024;
-constexpr int kBlock = 16;  ///< pixels that are passed over at once where no magnitude reaches the low threshold
+constexpr int kPixelsAtOnce = 16;  ///< pixels that are passed over at once where no magnitude reaches the low threshold
 
 /// Addresses of map cells whose neighbours are still to be looked at. Grows by half; never shrinks.
 class CellStack {
@@ -81,7 +81,7 @@ bool nothingAbove(const int* magnitudes, int limit) {
                               (cv::v_load(magnitudes + 8) > bound) | (cv::v_load(magnitudes + 12) > bound);
     return !cv::v_check_any(hit);
 #else
-    return std::none_of(magnitudes, magnitudes + kBlock, [limit](int m) { return m > limit; });
+    return std::none_of(magnitudes, magnitudes + kPixelsAtOnce, [limit](int m) { return m > limit; });
 #endif
 }
 
@@ -96,13 +96,13 @@ void judgeRow(const MagnitudeRows& rows, const short* dx, const short* dy, int w
     bool previousSeed = false;
     int j = 0;
     while (j < width) {
-        if (j + kBlock <= width && nothingAbove(rows.centre + j, limits.lowSquared)) {
-            std::memset(map + j, kNoEdge, kBlock);
+        if (j + kPixelsAtOnce <= width && nothingAbove(rows.centre + j, limits.lowSquared)) {
+            std::memset(map + j, kNoEdge, kPixelsAtOnce);
             previousSeed = false;
-            j += kBlock;
+            j += kPixelsAtOnce;
             continue;
         }
-        for (const int end = std::min(j + kBlock, width); j < end; ++j) {
+        for (const int end = std::min(j + kPixelsAtOnce, width); j < end; ++j) {
             const int m = rows.centre[j];
             if (m <= limits.lowSquared || !isLocalMaximum(rows, j, dx[j], dy[j])) {
                 map[j] = kNoEdge;

@@ -42,14 +42,14 @@ std::array<int, kPasses> boxWidths(float sigma) {
 
 // OpenCV's filters look beyond the border of a window into the image that it belongs to, where working storage holds
 // what another marker left behind; isolated, they do not.
-constexpr int kBorder = cv::BORDER_REPLICATE | cv::BORDER_ISOLATED;
+constexpr int kBeyondWindow = cv::BORDER_REPLICATE | cv::BORDER_ISOLATED;
 
 void boxPass(const cv::Mat& src, cv::Mat& dst, int width) {
     if (width == 1) {
         if (src.data != dst.data) src.copyTo(dst);
         return;
     }
-    cv::boxFilter(src, dst, CV_16U, cv::Size(width, width), cv::Point(-1, -1), true, kBorder);
+    cv::boxFilter(src, dst, CV_16U, cv::Size(width, width), cv::Point(-1, -1), true, kBeyondWindow);
 }
 
 void smooth(const cv::Mat& source, cv::Mat& dst, float sigma) {

@@ -15,7 +15,7 @@ namespace kestrune {
 
 namespace {
 
-constexpr int kBorder = cv::BORDER_REFLECT_101;
+constexpr int kBeyondImage = cv::BORDER_REFLECT_101;
 
 /// What the strips share. Each writes inside its own columns only.
 struct EdgeImages {
@@ -24,14 +24,14 @@ struct EdgeImages {
 
 void smooth(const cv::Mat& image, const EdgeSettings& settings, cv::Mat blurred) {
     cv::GaussianBlur(image, blurred, cv::Size(settings.aperture, settings.aperture), settings.sigma, settings.sigma,
-                     kBorder);
+                     kBeyondImage);
 }
 
 void differentiateAndLink(const EdgeSettings& settings, const cv::Mat& blurred, cv::Mat dx, cv::Mat dy, cv::Mat edges) {
     const cv::Mat ones = cv::Mat::ones(1, 1, CV_16S);
     const cv::Point centre(-1, -1);
-    cv::sepFilter2D(blurred, dx, CV_16S, settings.kernel, ones, centre, 0.0, kBorder);
-    cv::sepFilter2D(blurred, dy, CV_16S, ones, settings.kernel, centre, 0.0, kBorder);
+    cv::sepFilter2D(blurred, dx, CV_16S, settings.kernel, ones, centre, 0.0, kBeyondImage);
+    cv::sepFilter2D(blurred, dy, CV_16S, ones, settings.kernel, centre, 0.0, kBeyondImage);
     suppressAndLinkEdges(blurred, dx, dy, settings.lowScaled, settings.highScaled, edges);
 }
 

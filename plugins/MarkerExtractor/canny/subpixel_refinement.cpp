@@ -13,7 +13,7 @@ namespace {
 
 constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
 /// Points of one contour that make one item of the loop over all contours, and a bound of the time for one, ns.
-constexpr std::size_t kBlock = 512;
+constexpr std::size_t kChunk = 512;
 constexpr std::int64_t kPointTime = 500;
 constexpr double kLargestOffset = 0.5;  ///< px; beyond it another pixel is the nearest one to the line
 
@@ -112,14 +112,14 @@ void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std:
         contours[c].points.resize(count);
         contours[c].response.resize(count);
         contours[c].direction.resize(count);
-        for (std::size_t first = 0; first < count; first += kBlock) blocks.push_back({c, first});
+        for (std::size_t first = 0; first < count; first += kChunk) blocks.push_back({c, first});
     }
     // One loop over all contours: most of them are too short to be worth one each.
-    forEachInParallel(static_cast<int>(blocks.size()), kPointTime * static_cast<std::int64_t>(kBlock), [&](int b) {
+    forEachInParallel(static_cast<int>(blocks.size()), kPointTime * static_cast<std::int64_t>(kChunk), [&](int b) {
         const auto [c, first] = blocks[static_cast<std::size_t>(b)];
         const std::vector<cv::Point>& pixels = pixelContours[c];
         SubpixelContour& contour = contours[c];
-        for (std::size_t k = first; k < std::min(pixels.size(), first + kBlock); ++k) {
+        for (std::size_t k = first; k < std::min(pixels.size(), first + kChunk); ++k) {
             refinePoint(dx, dy, pixels[k], contour.points[k], contour.response[k], contour.direction[k]);
         }
     });

@@ -7,7 +7,7 @@ namespace kestrune {
 
 namespace {
 
-constexpr int kBorder = 2;             ///< px: ring of the image whose points are dropped
+constexpr int kRing = 2;               ///< px: ring of the image whose points are dropped
 constexpr float kLargestShift = 1.5f;  ///< px: a ridge farther away belongs to another pixel
 constexpr double kNearZero = 1e-8;     ///< what is below it is not divided by
 constexpr float kLargestInverse = 1e8f;
@@ -48,7 +48,7 @@ std::vector<cv::Point2f> refineContourOnGradient(const std::vector<cv::Point>& c
     std::vector<cv::Point2f> refined;
     refined.reserve(contour.size());
     for (const cv::Point& point : contour) {
-        if (point.x < kBorder || point.x >= cols - kBorder || point.y < kBorder || point.y >= rows - kBorder) continue;
+        if (point.x < kRing || point.x >= cols - kRing || point.y < kRing || point.y >= rows - kRing) continue;
         const cv::Point2f shift = shiftToRidge(img_grad + static_cast<std::ptrdiff_t>(point.y) * cols + point.x, cols);
         refined.emplace_back(static_cast<float>(point.x) + shift.x, static_cast<float>(point.y) + shift.y);
     }

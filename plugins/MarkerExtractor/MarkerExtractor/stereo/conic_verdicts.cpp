@@ -8,13 +8,6 @@ namespace kestrune {
 
 namespace {
 
-std::vector<double> rowsOf(const std::vector<cv::Point2f>& points) {
-    std::vector<double> rows;
-    rows.reserve(points.size());
-    for (const cv::Point2f& p : points) rows.push_back(p.y);
-    return rows;
-}
-
 /// Best score that each marker of one eye competes with.
 class BestScores {
   public:
@@ -51,7 +44,8 @@ void explainCandidates(const std::vector<DiscCandidate>& candidates, const std::
         }
         ++candidate;
     }
-    addNearestRows(rowsOf(centres.left), rowsOf(centres.right), bounds.maxRowDifference, verdicts);
+    const auto rowOf = [](const cv::Point2f& centre) { return static_cast<double>(centre.y); };
+    addNearestRows(centres.left, centres.right, rowOf, bounds.maxRowDifference, verdicts);
 }
 
 }  // namespace kestrune

@@ -42,8 +42,8 @@ bool isImaginary(const DiscPair& discs) {
 
 /// The radius that keeps a candidate from the nominal one that it comes nearest to.
 PairVerdict radiusVerdict(const DiscPair& discs, const MatchSettings& settings) {
-    PairVerdict verdict{-1, -1, PairGate::radius};
-    if (isImaginary(discs)) return {-1, -1, PairGate::circle};
+    PairVerdict verdict{kNobody, kNobody, PairGate::radius};
+    if (isImaginary(discs)) return {kNobody, kNobody, PairGate::circle};
     double nearest = std::numeric_limits<double>::infinity();
     for (const double nominal : settings.radii) {
         const double left = std::abs(discs.left.radius / nominal - 1),
@@ -78,13 +78,13 @@ void judge(DiscCandidate& candidate, const DiscPair& discs, const ConicRig& rig,
         return;
     }
     if (settings.minRadiusRatio > discs.radiusRatio) {
-        candidate.verdict = {-1, -1, PairGate::radiusRatio, discs.radiusRatio, settings.minRadiusRatio};
+        candidate.verdict = {kNobody, kNobody, PairGate::radiusRatio, discs.radiusRatio, settings.minRadiusRatio};
         return;
     }
     candidate.discs = discs;
     candidate.score = scoreOf(discs, *deviations, rig);
     if (isImaginary(discs)) return;
-    candidate.verdict = {-1, -1, PairGate::score, candidate.score};
+    candidate.verdict = {kNobody, kNobody, PairGate::score, candidate.score};
 }
 
 }  // namespace
@@ -114,7 +114,7 @@ cv::Vec3d DiscPair::normal() const {
 
 DiscCandidate compareDiscs(const RoughCentre& centre, const geometry::Conic& left, const geometry::Conic& right,
                            const ConicRig& rig, const ConicMatchSettings& settings) {
-    DiscCandidate candidate{centre.left, centre.right, std::nullopt, 0, {-1, -1, PairGate::circle}};
+    DiscCandidate candidate{centre.left, centre.right, std::nullopt, 0, {kNobody, kNobody, PairGate::circle}};
     const std::optional<CirclePose> leftPose = circlePose(rig.leftCamera, centre.inLeft, left);
     std::optional<CirclePose> rightPose = circlePose(rig.rightCamera, centre.inRight, right);
     if (leftPose && rightPose) {

@@ -28,12 +28,12 @@ constexpr std::int64_t kTestTime = 20;
 enum WhichImage { kLeftImage = 1, kRightImage = 2 };
 
 /// The markers of one eye, in px.
-struct Eye {
+struct SearchedEye {
     geometry::Pinhole camera;
     Pixels centres;
     std::vector<std::vector<int>> candidates;  ///< of each marker: the markers of the other eye on its epipolar line
 
-    Eye(const std::vector<Corner>& corners, const cv::Mat& cameraMatrix)
+    SearchedEye(const std::vector<Corner>& corners, const cv::Mat& cameraMatrix)
         : camera(geometry::Pinhole::of(cameraMatrix)), candidates(corners.size()) {
         centres.reserve(corners.size());
         for (const Corner& corner : corners) centres.emplace_back(corner.x, corner.y);
@@ -46,7 +46,7 @@ struct Eye {
 
 /// The eye with fewer markers is searched from: fewer epipolar lines.
 struct Search {
-    Eye a, b;
+    SearchedEye a, b;
     WhichImage imageOfA;
     cv::Matx34d relativePose;
 };

@@ -33,14 +33,14 @@ struct Output {
 };
 
 /// What the extraction sees in one image.
-struct Eye {
+struct EyeMarkers {
     bool isFound;
     std::vector<Corner> corners;
     std::vector<cv::RotatedRect> rects;
 };
 
 struct Exposure {
-    Eye left, right;
+    EyeMarkers left, right;
 
     bool isFound() const { return left.isFound && right.isFound; }
     Corner& leftOf(const MatchedPair& pair) { return left.corners[static_cast<std::size_t>(pair.left)]; }
@@ -87,8 +87,8 @@ std::exception_ptr gapOf(const CircleMarkerExtractor& e, const CicrleConfigs& co
     return nullptr;
 }
 
-Eye extractEye(const ExtractionCall& call, CircleMarkerExtractor& extractor) {
-    Eye eye;
+EyeMarkers extractEye(const ExtractionCall& call, CircleMarkerExtractor& extractor) {
+    EyeMarkers eye;
     eye.isFound = call.extract(extractor, eye.corners);
     eye.rects = extractor.markerRects;
     return eye;

@@ -3,14 +3,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <opencv2/calib3d.hpp>
 
 namespace kestrune {
 
 namespace {
-
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// Row differences of less than this have no sign: about what a contour's top and bottom scatter by.
 constexpr double kRowSlack = 1.0;
@@ -76,7 +73,7 @@ PairVerdict PairGates::refusal(const RectifiedMarker& left, const RectifiedMarke
     const SamplesInSpace samples = triangulate(*left.samples, *right.samples);
     const double depth = samples[kCentre][2];
     if (isDepthInRange(depth)) return size_.refusal(markerSize(samples));
-    return {-1, -1, PairGate::depth, depth, std::max(place_.minDepth, 0.0), place_.maxDepth};
+    return {kNobody, kNobody, PairGate::depth, depth, std::max(place_.minDepth, 0.0), place_.maxDepth};
 }
 
 bool PairGates::arePlacesAlike(const RectifiedMarker& left, const RectifiedMarker& right) const {
@@ -89,15 +86,15 @@ bool PairGates::arePlacesAlike(const RectifiedMarker& left, const RectifiedMarke
 PairVerdict PairGates::refusalOfPlaces(const RectifiedMarker& left, const RectifiedMarker& right) const {
     const double centre = left.centre.y - right.centre.y, band = place_.maxRowDifference;
     const bool inBand = comparesCentresOnly_ ? !(std::abs(centre) >= band) : std::abs(centre) < band;
-    if (!inBand) return {-1, -1, PairGate::rows, std::abs(centre), -kInfinity, band};
+    if (!inBand) return {kNobody, kNobody, PairGate::rows, std::abs(centre), -kUnbounded, band};
     if (!areasAgree(left.area, right.area, areaTolerance_)) {
         const double ratio = left.area < right.area ? left.area / right.area : right.area / left.area;
-        return {-1, -1, PairGate::area, ratio, 1.0 - std::abs(areaTolerance_)};
+        return {kNobody, kNobody, PairGate::area, ratio, 1.0 - std::abs(areaTolerance_)};
     }
     const Samples &l = *left.samples, &r = *right.samples;
     const double top = std::abs(l[kTop].y - r[kTop].y - centre);
     const double bottom = std::abs(l[kBottom].y - r[kBottom].y - centre);
-    return {-1, -1, PairGate::rimRows, std::max(top, bottom), -kInfinity, std::min(band, rowSlack_)};
+    return {kNobody, kNobody, PairGate::rimRows, std::max(top, bottom), -kUnbounded, std::min(band, rowSlack_)};
 }
 
 SamplesInSpace PairGates::triangulate(const Samples& left, const Samples& right) const {

@@ -9,11 +9,9 @@ namespace kestrune {
 
 namespace {
 
-constexpr int kNobody = -1;
-
 int nearest(const std::vector<double>& rows, double row) {
     int best = kNobody;
-    double least = std::numeric_limits<double>::infinity();
+    double least = kUnbounded;
     for (std::size_t k = 0; k < rows.size(); ++k) {
         if (!(std::abs(rows[k] - row) < least)) continue;
         least = std::abs(rows[k] - row);
@@ -26,7 +24,7 @@ int nearest(const std::vector<double>& rows, double row) {
 
 double PairVerdict::excess() const {
     const double beyond = std::max({least - measured, measured - largest, 0.0});
-    return std::isnan(measured) ? std::numeric_limits<double>::infinity() : beyond;
+    return std::isnan(measured) ? kUnbounded : beyond;
 }
 
 void addNearestRows(const std::vector<double>& leftRows, const std::vector<double>& rightRows, double maxRowDifference,

@@ -4,7 +4,9 @@
 // the library's interface: kestrune-measure shows it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <vector>
 
@@ -30,13 +32,16 @@ enum class PairGate : std::uint8_t {
     none            ///< a pair of the result
 };
 
+constexpr int kNobody = -1;  ///< in the place of a marker's index: the other one has failed alone
+constexpr double kUnbounded = std::numeric_limits<double>::infinity();  ///< with its sign: a bound that a gate has not
+
 /// What became of one left and one right marker.
 struct PairVerdict {
-    int left, right;  ///< indices; -1: the other marker has failed alone
+    int left, right;  ///< indices, or `kNobody`
     PairGate gate;
     double measured = std::numeric_limits<double>::quiet_NaN();  ///< NaN: the gate measures nothing
     /// What the gate asks for, in the unit of `measured`; infinite where it has no such bound.
-    double least = -std::numeric_limits<double>::infinity(), largest = std::numeric_limits<double>::infinity();
+    double least = -kUnbounded, largest = kUnbounded;
 
     /// How far the measured value is beyond the bounds; infinite where nothing is measured.
     double excess() const;
@@ -49,5 +54,15 @@ using PairVerdicts = std::vector<PairVerdict>;
 /// Adds, for each marker that stands in no verdict, the one of the other eye that is nearest in row.
 void addNearestRows(const std::vector<double>& leftRows, const std::vector<double>& rightRows, double maxRowDifference,
                     PairVerdicts& verdicts);
+
+/// The same for markers of any kind. @param rowOf  gives the row of one.
+template <typename Markers, typename RowOf>
+void addNearestRows(const Markers& left, const Markers& right, RowOf rowOf, double maxRowDifference,
+                    PairVerdicts& verdicts) {
+    std::vector<double> leftRows, rightRows;
+    std::ranges::transform(left, std::back_inserter(leftRows), rowOf);
+    std::ranges::transform(right, std::back_inserter(rightRows), rowOf);
+    addNearestRows(leftRows, rightRows, maxRowDifference, verdicts);
+}
 
 }  // namespace kestrune

@@ -3,23 +3,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "MarkerExtractor/stereo/nan_last.h"
 
 namespace kestrune {
 
 namespace {
-
-constexpr int kNobody = -1;
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-std::vector<double> rowsOf(const std::vector<RectifiedMarker>& markers) {
-    std::vector<double> rows;
-    rows.reserve(markers.size());
-    for (const RectifiedMarker& marker : markers) rows.push_back(marker.centre.y);
-    return rows;
-}
 
 /// Verdicts of the markers that have no pair in their row band. One whose neighbour in row is within the band, but was
 /// not tested, has no pair for the neighbour's outline and not for its row.
@@ -29,7 +18,8 @@ void explainLoneMarkers(const RectifiedResult& result, double maxRowDifference, 
     for (std::size_t j = 0; j < result.right.size(); ++j)
         if (!result.right[j].samples) verdicts.push_back({kNobody, static_cast<int>(j), PairGate::outline});
     const std::size_t explained = verdicts.size();
-    addNearestRows(rowsOf(result.left), rowsOf(result.right), maxRowDifference, verdicts);
+    const auto rowOf = [](const RectifiedMarker& marker) { return marker.centre.y; };
+    addNearestRows(result.left, result.right, rowOf, maxRowDifference, verdicts);
     for (std::size_t k = explained; k < verdicts.size(); ++k) {
         PairVerdict& verdict = verdicts[k];
         if (verdict.measured < maxRowDifference) verdict = {verdict.left, verdict.right, PairGate::outline};
@@ -57,8 +47,8 @@ PairVerdict edgeVerdict(cv::Point2d left, cv::Point2d right, const RectifiedResu
     const double length = median(std::move(lengths)), direction = median(std::move(directions));
     const double lengthBound = std::abs(tolerances.length), directionBound = tolerances.angle;
     if (length * directionBound > direction * lengthBound)
-        return {kNobody, kNobody, PairGate::edgeLength, length, -kInfinity, lengthBound};
-    return {kNobody, kNobody, PairGate::edgeDirection, direction, -kInfinity, directionBound};
+        return {kNobody, kNobody, PairGate::edgeLength, length, -kUnbounded, lengthBound};
+    return {kNobody, kNobody, PairGate::edgeDirection, direction, -kUnbounded, directionBound};
 }
 
 /// What is known of the markers of one eye.
@@ -83,7 +73,7 @@ void explainCandidates(const RectifiedResult& result, const EdgeTolerances& tole
         const auto i = static_cast<std::size_t>(v.left), j = static_cast<std::size_t>(v.right);
         if (v.gate != PairGate::none || left.partners[i] == v.right || right.partners[j] == v.left) continue;
         const int most = std::max(left.candidates[i], right.candidates[j]);
-        PairVerdict verdict{kNobody, kNobody, PairGate::ambiguous, static_cast<double>(most), -kInfinity, 1};
+        PairVerdict verdict{kNobody, kNobody, PairGate::ambiguous, static_cast<double>(most), -kUnbounded, 1};
         if (left.partners[i] != kNobody || right.partners[j] != kNobody) {
             verdict = {kNobody, kNobody, PairGate::taken};
         } else if (result.hasConsensus) {

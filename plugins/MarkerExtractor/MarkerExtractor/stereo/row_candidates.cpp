@@ -14,7 +14,6 @@ namespace kestrune {
 namespace {
 
 constexpr double kLeastDisparityWeight = 1e-6;  ///< below it the two rays are parallel
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// The points of a list by row, without those whose row is NaN: they lie in no band.
 class RowOrder {
@@ -73,7 +72,7 @@ std::vector<RowCandidate> candidatesInRows(const std::vector<cv::Point2f>& left,
         const int i = static_cast<int>(k);
         for (const int j : rows.near(left[k].y, bounds.maxRowDifference)) {
             const std::optional<cv::Vec3d> point = map.pointAt(left[k], right[static_cast<std::size_t>(j)]);
-            const double depth = point ? (*point)[2] : kInfinity;
+            const double depth = point ? (*point)[2] : std::numeric_limits<double>::infinity();
             const bool isInRange = point && depth > bounds.minDepth && depth < bounds.maxDepth;
             if (verdicts != nullptr) {
                 const PairGate gate = isInRange ? PairGate::none : PairGate::depth;

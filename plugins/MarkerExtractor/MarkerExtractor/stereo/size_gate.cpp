@@ -11,8 +11,6 @@ namespace kestrune {
 
 namespace {
 
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
 /// Share of `sizeTolerance` by which a radius may lie below the nominal one. Above it there is far more room, because
 /// the contour of a bright marker grows with exposure and blur.
 constexpr double kToleranceBelow = 0.5;
@@ -86,10 +84,10 @@ bool SizeGate::passes(const MarkerSize& size) const {
 PairVerdict SizeGate::refusal(const MarkerSize& size) const {
     const double largestSpread = deviationFactor_ * tolerance_;
     if (test_.limitsSpread && !(size.spread < largestSpread))
-        return {-1, -1, PairGate::spread, size.spread, -kInfinity, largestSpread};
-    PairVerdict window{-1, -1, PairGate::radius, size.radius}, score{-1, -1, PairGate::radiusScore};
+        return {kNobody, kNobody, PairGate::spread, size.spread, -kUnbounded, largestSpread};
+    PairVerdict window{kNobody, kNobody, PairGate::radius, size.radius}, score{kNobody, kNobody, PairGate::radiusScore};
     score.largest = deviationFactor_;
-    double nearest = kInfinity;
+    double nearest = std::numeric_limits<double>::infinity();
     for (const double nominal : radii_) {
         if (!(nominal > 0)) continue;
         if (isInWindow(size.radius, nominal)) {
