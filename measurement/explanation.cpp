@@ -19,9 +19,6 @@
 namespace kestrune::measure {
 namespace {
 
-// Of one gate: beyond this a table is scrolled past, and labels in a picture cover each other. It is always specks.
-constexpr std::size_t kMostListed = 200;
-
 constexpr double kNoNumber = std::numeric_limits<double>::quiet_NaN();
 constexpr const char* kColumns =
     "image,number,x,y,width,height,ellipseX,ellipseY,major,minor,angle,gate,measured,wanted,marker\n";
@@ -100,11 +97,6 @@ std::vector<ExplainedCandidate> explained(CircleMarkerExtractor& extractor, cons
     return explainExtraction(taken, extractor, eye, settings.configs, drops);
 }
 
-/// A line without the blanks behind its last field.
-std::string trimmed(std::string line) {
-    return line.erase(line.find_last_not_of(' ') + 1) + '\n';
-}
-
 /// Gates that refused too many to list each.
 std::set<std::string> crowdedGates(const std::vector<GateCount>& counts) {
     std::set<std::string> crowded;
@@ -131,6 +123,10 @@ std::vector<Mark> marksOf(const std::vector<Dropped>& dropped) {
 }
 
 }  // namespace
+
+std::string trimmed(std::string line) {
+    return line.erase(line.find_last_not_of(' ') + 1) + '\n';
+}
 
 std::vector<Candidate> explainMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
                                       const Camera& camera, const Settings& settings, std::vector<Dropped>* dropped) {

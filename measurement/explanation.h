@@ -18,6 +18,12 @@
 
 namespace kestrune::measure {
 
+// Of one gate: beyond this a table is scrolled past, and labels in a picture cover each other. It is always specks.
+constexpr std::size_t kMostListed = 200;
+
+/// A line without the blanks behind its last field.
+std::string trimmed(std::string line);
+
 struct Candidate {
     int number;                        ///< place among all that were delivered
     std::vector<cv::Point2f> contour;  ///< px of the full image, with the lens's distortion
@@ -58,9 +64,8 @@ std::string explanationTable(const std::vector<Candidate>& candidates);
 void writeExplanationCsv(std::ostream& stream, const std::string& image, const std::vector<Candidate>& candidates);
 
 /// The image as it was taken with the contours of all candidates, and the boxes of what was dropped before where there
-/// is something to look at. Markers are labelled with their id, what was refused
-/// with # and its number, but for gates that refused more than could be read, and for
-/// contours that coincide with a marker's.
+/// is something to look at. Markers are labelled with their id, what was refused with # and its number, but for gates
+/// that refused more than could be read, and for contours that coincide with a marker's.
 cv::Mat drawExplanation(const cv::Mat& image, const std::vector<Candidate>& candidates, const std::string& title,
                         const std::vector<Dropped>& dropped = {});
 

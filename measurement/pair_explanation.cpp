@@ -10,6 +10,7 @@
 #include <ostream>
 
 #include "csv.h"
+#include "explanation.h"
 #include "overlay.h"
 #include "stereo_exposure.h"
 #include "stereo_pictures.h"
@@ -17,8 +18,6 @@
 namespace kestrune::measure {
 namespace {
 
-// Beyond this a table is scrolled past, and labels in a picture cover each other.
-constexpr std::size_t kMostListed = 200;
 // The sentence names the tests that ended at least this share of the markers.
 constexpr double kWorthTelling = 0.25;
 constexpr const char* kEyes[] = {"left", "right"};
@@ -97,12 +96,8 @@ std::string wantedOf(const PairVerdict& v, const CicrleConfigs& configs) {
     return settings;
 }
 
-std::string numberText(double value) {
+std::string shortText(double value) {
     return std::isnan(value) ? "" : fmt::format("{:.4g}", value);
-}
-
-std::string trimmed(std::string line) {
-    return line.erase(line.find_last_not_of(' ') + 1) + '\n';
 }
 
 /// Whether a verdict says more about a marker than another one.
@@ -110,7 +105,7 @@ bool isBetter(const PairVerdict& a, const PairVerdict& b) {
     return a.gate != b.gate ? a.gate > b.gate : a.excess() < b.excess();
 }
 
-struct GateCount {
+struct PairGateCount {
     PairGate gate;
     std::size_t count = 0;
     std::vector<double> measured{};  ///< ascending
@@ -123,19 +118,19 @@ struct GateCount {
 };
 
 /// Those that ended most markers first.
-std::vector<GateCount> countGates(const std::vector<UnmatchedMarker>& markers) {
-    std::map<PairGate, GateCount> byGate;
+std::vector<PairGateCount> countGates(const std::vector<UnmatchedMarker>& markers) {
+    std::map<PairGate, PairGateCount> byGate;
     for (const UnmatchedMarker& m : markers) {
-        GateCount& count = byGate.try_emplace(m.verdict.gate, GateCount{m.verdict.gate}).first->second;
+        PairGateCount& count = byGate.try_emplace(m.verdict.gate, PairGateCount{m.verdict.gate}).first->second;
         ++count.count;
         if (!std::isnan(m.verdict.measured)) count.measured.push_back(m.verdict.measured);
     }
-    std::vector<GateCount> counts;
+    std::vector<PairGateCount> counts;
     for (auto& [gate, count] : byGate) {
         std::ranges::sort(count.measured);
         counts.push_back(std::move(count));
     }
-    std::ranges::stable_sort(counts, std::greater(), &GateCount::count);
+    std::ranges::stable_sort(counts, std::greater(), &PairGateCount::count);
     return counts;
 }
 
@@ -174,7 +169,7 @@ std::vector<UnmatchedMarker> unmatchedOf(const ExplainedMatch& match, std::size_
 std::string chiefObstacle(const StereoResult& result, const CicrleConfigs& configs) {
     const std::vector<UnmatchedMarker>& markers = ofPoorerEye(result);
     std::string text;
-    for (const GateCount& g : countGates(markers)) {
+    for (const PairGateCount& g : countGates(markers)) {
         if (static_cast<double>(g.count) < kWorthTelling * static_cast<double>(markers.size())) break;
         text += fmt::format("{} {} of {} without a partner ended at {}", text.empty() ? "" : ",", g.count,
                             markers.size(), textOf(g.gate).name);
@@ -186,15 +181,15 @@ std::string chiefObstacle(const StereoResult& result, const CicrleConfigs& confi
 }
 
 bool blamesTheRig(const StereoResult& result) {
-    const std::vector<GateCount> counts = countGates(ofPoorerEye(result));
+    const std::vector<PairGateCount> counts = countGates(ofPoorerEye(result));
     return !counts.empty() && (counts[0].gate == PairGate::rows || counts[0].gate == PairGate::depth ||
                                counts[0].gate == PairGate::radiusRatio || counts[0].gate == PairGate::score);
 }
 
 std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs& configs) {
-    const std::vector<GateCount> counts = countGates(ofBothEyes(result));
+    const std::vector<PairGateCount> counts = countGates(ofBothEyes(result));
     const auto isCrowded = [&](PairGate gate) {
-        return std::ranges::find(counts, gate, &GateCount::gate)->count > kMostListed;
+        return std::ranges::find(counts, gate, &PairGateCount::gate)->count > kMostListed;
     };
     constexpr const char* kRow = "{:<5} {:>6} {:>8} {:>8} {:>9}  {:<15} {:>10}  {}";
     std::string table =
@@ -205,12 +200,12 @@ std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs
             table += trimmed(fmt::format(kRow, kEyes[eye], m.number, fmt::format("{:.1f}", m.rim.center.x),
                                          fmt::format("{:.1f}", m.rim.center.y),
                                          m.partner < 0 ? "" : fmt::format("{}", m.partner), textOf(m.verdict.gate).name,
-                                         numberText(m.verdict.measured), wantedOf(m.verdict, configs)));
+                                         shortText(m.verdict.measured), wantedOf(m.verdict, configs)));
         }
     }
     table += fmt::format("\n{:>6}  {:<15} {:>22}  {}\n{:>6}  pairs of {} left and {} right markers\n", "count", "test",
                          "mostly", "wanted", result.markers.size(), result.found[0], result.found[1]);
-    for (const GateCount& g : counts)
+    for (const PairGateCount& g : counts)
         table += trimmed(fmt::format("{:>6}  {:<15} {:>22}  {}{}", g.count, textOf(g.gate).name, g.range(),
                                      settingsOf(g.gate, configs), isCrowded(g.gate) ? " (not listed above)" : ""));
     return table;
@@ -242,16 +237,16 @@ cv::Mat drawPairExplanation(const std::array<cv::Mat, 2>& images, const StereoRe
     for (std::size_t k = 0; k < result.markers.size(); ++k)
         for (std::size_t eye = 0; eye < 2; ++eye)
             add(eye, MarkKind::paired, fmt::format("{}", result.markers[k].number[eye]), result.markers[k].rim[eye]);
-    const std::vector<GateCount> counts = countGates(ofBothEyes(result));
+    const std::vector<PairGateCount> counts = countGates(ofBothEyes(result));
     for (std::size_t eye = 0; eye < 2; ++eye) {
         for (const UnmatchedMarker& m : result.unmatched[eye]) {
-            const bool crowded = std::ranges::find(counts, m.verdict.gate, &GateCount::gate)->count > kMostListed;
+            const bool crowded = std::ranges::find(counts, m.verdict.gate, &PairGateCount::gate)->count > kMostListed;
             add(eye, MarkKind::unmatched, crowded ? "" : fmt::format("#{}", m.number), m.rim);
             marks.back().colour = textOf(m.verdict.gate).colour;
         }
     }
     Legend legend = {{MarkKind::paired, result.markers.size()}};
-    for (const GateCount& g : counts)
+    for (const PairGateCount& g : counts)
         legend.push_back({MarkKind::unmatched, g.count, textOf(g.gate).name, textOf(g.gate).colour});
     return drawOverlay(both.image, marks, title, legend);
 }

@@ -38,24 +38,24 @@ void onRead(png_structp png, png_bytep to, std::size_t size) {
 void onWarning(png_structp /*png*/, png_const_charp /*text*/) {}
 
 /// Gives back what the library holds, whatever happened.
-struct Picture {
+struct PngPicture {
     Source source;
     png_structp png;
     png_infop info;
-    explicit Picture(std::span<const unsigned char> bytes)
+    explicit PngPicture(std::span<const unsigned char> bytes)
         : source{bytes.data(), bytes.size(), {}},
           png(png_create_read_struct(PNG_LIBPNG_VER_STRING, &source, onError, onWarning)),
           info(png == nullptr ? nullptr : png_create_info_struct(png)) {
         if (info == nullptr) throw std::bad_alloc();
         png_set_read_fn(png, &source, onRead);
     }
-    Picture(const Picture&) = delete;
-    Picture& operator=(const Picture&) = delete;
-    ~Picture() { png_destroy_read_struct(&png, &info, nullptr); }
+    PngPicture(const PngPicture&) = delete;
+    PngPicture& operator=(const PngPicture&) = delete;
+    ~PngPicture() { png_destroy_read_struct(&png, &info, nullptr); }
 };
 
 /// Reads the head and asks for the layout. False for an error, whose text is then there.
-bool begin(Picture& picture) {
+bool begin(PngPicture& picture) {
     png_structp png = picture.png;
     if (setjmp(png_jmpbuf(png)) != 0) return false;  // NOLINT(*-err52-cpp): C code, through which nothing may be thrown
     png_read_info(png, picture.info);
@@ -72,7 +72,7 @@ bool begin(Picture& picture) {
 }
 
 /// Reads the pixels, and to the end of the picture.
-bool readRows(Picture& picture, std::vector<png_bytep>& rows) {
+bool readRows(PngPicture& picture, std::vector<png_bytep>& rows) {
     if (setjmp(png_jmpbuf(picture.png)) != 0) return false;  // NOLINT(*-err52-cpp)
     png_read_image(picture.png, rows.data());
     png_read_end(picture.png, nullptr);
@@ -82,7 +82,7 @@ bool readRows(Picture& picture, std::vector<png_bytep>& rows) {
 }  // namespace
 
 cv::Mat decodePng(std::span<const unsigned char> bytes) {
-    Picture picture(bytes);
+    PngPicture picture(bytes);
     if (!begin(picture)) throw std::runtime_error(picture.source.error);
     const auto width = png_get_image_width(picture.png, picture.info);
     const auto height = png_get_image_height(picture.png, picture.info);
