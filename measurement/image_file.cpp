@@ -94,14 +94,20 @@ cv::Mat decodeImage(const std::string& file) {
 }
 
 cv::Mat readImage(const std::string& file, bool invert, const std::optional<GreyRange>& range) {
-    cv::Mat image = decodeImage(file);
+    return inEightBits(decodeImage(file), invert, range);
+}
+
+cv::Mat inEightBits(const cv::Mat& image, bool invert, const std::optional<GreyRange>& range) {
+    cv::Mat result = image;
     if (image.depth() != CV_8U) {
         RangeOfData own;
         if (!range) own.add(image);
-        image = toEightBits(image, range ? *range : own.range());
+        result = toEightBits(image, range ? *range : own.range());
     }
-    if (invert) cv::bitwise_not(image, image);
-    return image;
+    if (!invert) return result;
+    cv::Mat inverted;
+    cv::bitwise_not(result, inverted);
+    return inverted;
 }
 
 bool tellsEightBits(const std::string& file) {

@@ -25,6 +25,9 @@ cv::Mat decodeImage(const std::string& file);
 /// @throws InputError
 cv::Mat readImage(const std::string& file, bool invert, const std::optional<GreyRange>& range = {});
 
+/// The same of an image in memory, which shares its pixels where nothing is to be changed.
+cv::Mat inEightBits(const cv::Mat& image, bool invert, const std::optional<GreyRange>& range = {});
+
 /// The same for all images of a run.
 struct ImageIntake {
     bool invert = false;

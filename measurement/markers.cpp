@@ -45,8 +45,7 @@ void addFromEllipse(Marker& marker, const cv::Mat& image, const cv::RotatedRect&
 }
 
 std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                             const CicrleConfigs& configs) {
-    std::vector<Corner> corners;
+                             const CicrleConfigs& configs, std::vector<Corner>& corners) {
     extractor.extractMarkPointsFast(asTaken(image, Path::fast), corners, eye, configs);
     std::vector<Marker> markers;
     for (const Corner& corner : corners) {
@@ -57,9 +56,8 @@ std::vector<Marker> findFast(CircleMarkerExtractor& extractor, const cv::Mat& im
 }
 
 std::vector<Marker> findByHand(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                               const CicrleConfigs& configs) {
+                               const CicrleConfigs& configs, std::vector<Corner>& corners) {
     cv::Mat colour = asTaken(image, Path::hand);
-    std::vector<Corner> corners;
     extractor.CircleExtractSimpleForHand(colour, corners, eye, configs);
     std::vector<Marker> markers;
     for (const Corner& corner : corners) {
@@ -72,11 +70,10 @@ std::vector<Marker> findByHand(CircleMarkerExtractor& extractor, const cv::Mat& 
 }
 
 std::vector<Marker> findByContours(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye,
-                                   const Camera& camera, const Settings& settings) {
+                                   const Camera& camera, const Settings& settings, std::vector<Corner>& corners) {
     const Enlargement enlarge = enlargementOf(image, settings);
     setCamera(extractor, eye, camera, enlarge, settings);
     const bool complex = settings.path == Path::complex;
-    std::vector<Corner> corners;
     if (complex)
         extractor.CircleExtractComplex(image, corners, eye, settings.configs);
     else
@@ -134,10 +131,12 @@ Rim rimOf(const cv::RotatedRect& ellipse, const Enlargement& enlarge) {
 }
 
 std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
-                                const Settings& settings) {
-    if (settings.path == Path::fast) return findFast(extractor, image, eye, settings.configs);
-    if (settings.path == Path::hand) return findByHand(extractor, image, eye, settings.configs);
-    return findByContours(extractor, image, eye, camera, settings);
+                                const Settings& settings, std::vector<Corner>* records) {
+    std::vector<Corner> own;
+    std::vector<Corner>& corners = records == nullptr ? own : *records;
+    if (settings.path == Path::fast) return findFast(extractor, image, eye, settings.configs, corners);
+    if (settings.path == Path::hand) return findByHand(extractor, image, eye, settings.configs, corners);
+    return findByContours(extractor, image, eye, camera, settings, corners);
 }
 
 cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& settings) {

@@ -64,9 +64,10 @@ Rim rimOf(const cv::RotatedRect& ellipse, const Enlargement& enlarge);
 ///
 /// @param eye     0 left, 1 right.
 /// @param camera  of that eye; may be empty unless `deliversUndistorted`.
+/// @param records  if not null, the library's own records of the markers, in their order, as the path delivers them.
 /// @throws cv::Exception  from the library.
 std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
-                                const Settings& settings);
+                                const Settings& settings, std::vector<Corner>* records = nullptr);
 
 /// The image in whose pixels the markers' coordinates are: `image` itself, or without the lens's distortion.
 cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& settings);

@@ -146,6 +146,10 @@ const std::vector<UnmatchedMarker>& ofPoorerEye(const StereoResult& result) {
 
 }  // namespace
 
+const char* testOf(const UnmatchedMarker& marker) {
+    return textOf(marker.verdict.gate).name;
+}
+
 std::vector<UnmatchedMarker> unmatchedOf(const ExplainedMatch& match, std::size_t eye,
                                          const std::vector<cv::RotatedRect>& rims) {
     std::vector<const PairVerdict*> best(rims.size());

@@ -25,6 +25,9 @@ struct UnmatchedMarker {
     int partner;  ///< number of the candidate in the other eye; -1: none
 };
 
+/// The name of the test that ended the marker's best candidate.
+const char* testOf(const UnmatchedMarker& marker);
+
 /// The markers of one eye that are in no pair.
 ///
 /// @param rims  of all its markers.

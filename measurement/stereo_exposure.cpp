@@ -27,37 +27,50 @@ cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleC
     return configs.outputRectified ? rectification : rectification.t();
 }
 
+InputError noContours(const std::string& origin, Path path) {
+    return {origin, fmt::format("path {} finds no contours: stereo takes simple, radial or complex", nameOf(path))};
+}
+
+void requireSize(const cv::Mat& image, const std::string& name, cv::Size size) {
+    if (image.size() == size) return;
+    throw InputError(name, fmt::format("is {} x {} px, the calibration is for {} x {}", image.cols, image.rows,
+                                       size.width, size.height));
+}
+
 }  // namespace
 
 Settings readStereoSettings(const std::string& file, std::optional<Path> path) {
-    if (path && !canUndistort(*path))
-        throw InputError(
-            file, fmt::format("path {} finds no contours: stereo takes simple, radial or complex", nameOf(*path)));
-    Settings settings = readSettings(file, path, Use::stereo);
+    if (path && !canUndistort(*path)) throw noContours(file, *path);
+    return asStereo(readSettings(file, path, Use::stereo), file);
+}
+
+Settings asStereo(Settings settings, const std::string& origin) {
     CicrleConfigs& configs = settings.configs;
+    if (!canUndistort(settings.path)) throw noContours(origin, settings.path);
     if (settings.path == Path::simple && configs.scale != 1) {
         throw InputError(
-            file,
+            origin,
             fmt::format("field 'scale' {}: path simple measures in the reduced image, stereo needs 1", configs.scale));
     }
     if (settings.path == Path::simple && std::ranges::none_of(configs.markerRadii, [](double r) { return r > 0; }))
-        throw InputError(file, "field 'markerRadii' names no radius: path simple needs at least one for stereo");
+        throw InputError(origin, "field 'markerRadii' names no radius: path simple needs at least one for stereo");
     configs.skipUndistort = configs.cornersRectified;
     return settings;
+}
+
+void requireExposure(const std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, cv::Size size) {
+    for (std::size_t eye = 0; eye < 2; ++eye) requireSize(images[eye], names[eye], size);
+    if (images[0].type() == images[1].type() && cv::norm(images[0], images[1], cv::NORM_INF) == 0)
+        throw InputError(names[1], "shows the same as " + names[0] + ", pixel for pixel: two eyes never do");
 }
 
 std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
                                     cv::Size size) {
     std::array<cv::Mat, 2> images;
-    for (std::size_t eye = 0; eye < 2; ++eye) {
-        const std::string& file = eye == 0 ? left : right;
-        images[eye] = readImage(file, intake.invert, intake.range);
-        if (images[eye].size() == size) continue;
-        throw InputError(file, fmt::format("is {} x {} px, the calibration is for {} x {}", images[eye].cols,
-                                           images[eye].rows, size.width, size.height));
-    }
-    if (images[0].type() == images[1].type() && cv::norm(images[0], images[1], cv::NORM_INF) == 0)
-        throw InputError(right, "shows the same as " + left + ", pixel for pixel: two eyes never do");
+    images[0] = readImage(left, intake.invert, intake.range);
+    requireSize(images[0], left, size);  // before the other is opened
+    images[1] = readImage(right, intake.invert, intake.range);
+    requireExposure(images, {left, right}, size);
     return images;
 }
 
@@ -66,12 +79,13 @@ bool matchesConics(Path path) {
 }
 
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings, double minShare) {
+                             const Settings& settings, double minShare,
+                             std::vector<std::pair<Corner, Corner>>* records) {
     StereoResult result;
     std::vector<Point3_<double>> points;
     std::array<std::vector<cv::RotatedRect>, 2> rims;
     ExplainedMatch match;
-    const std::vector<Pair> pairs =
+    std::vector<Pair> pairs =
         explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs, match);
     result.found = {rims[0].size(), rims[1].size()};
     for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
@@ -105,6 +119,7 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
     }
     result.failure = objectionTo(result, settings.configs, minShare);
     if (result.failure.empty()) result.doubt = doubtAbout(result);
+    if (records != nullptr) *records = std::move(pairs);
     return result;
 }
 

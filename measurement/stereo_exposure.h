@@ -49,6 +49,17 @@ struct StereoResult {
 ///                                    contours.
 Settings readStereoSettings(const std::string& file, std::optional<Path> path);
 
+/// The same of settings at hand.
+///
+/// @param origin  stands for the file in the texts of errors.
+Settings asStereo(Settings settings, const std::string& origin);
+
+/// Holds the images of an exposure to the calibration: they have its size and are not one and the same.
+///
+/// @param names  left and right, for the texts of errors.
+/// @throws InputError
+void requireExposure(const std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, cv::Size size);
+
 /// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
 ///
 /// @throws InputError
@@ -60,8 +71,10 @@ bool matchesConics(Path path);
 
 /// @param extractor  calibrated; its scratch storage is used.
 /// @param minShare   see `objectionTo`.
+/// @param records    if not null, the library's own records of the pairs, in the order of `markers`.
 /// @throws cv::Exception, std::runtime_error  from the library.
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings, double minShare);
+                             const Settings& settings, double minShare,
+                             std::vector<std::pair<Corner, Corner>>* records = nullptr);
 
 }  // namespace kestrune::measure

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <kestrune/MarkerMetrology.h>
+#include "centre_match.h"
 #include "commands.h"
 #include "corner_list.h"
 #include "csv.h"
@@ -28,23 +29,9 @@ std::vector<Corner> loadList(const std::string& file, const MatchOptions& option
     return std::move(list.corners);
 }
 
-/// The rig through the library's intake. Lists tell no image size, and the matching has no use for one: only the
-/// rectification depends on it.
-CircleMarkerExtractor takeIn(Rig calibration, const std::string& file) {
-    if (calibration.size.empty()) calibration.size = {1, 1};
-    try {
-        return calibratedExtractor(calibration);
-    } catch (const cv::Exception& error) {
-        throw InputError(file, plainText(error));
-    }
-}
-
 cv::Mat loadFundamental(const std::string& file, CircleMarkerExtractor& rig) {
+    if (file.empty()) return fundamentalOf(rig);
     cv::Mat fundamental;
-    if (file.empty()) {
-        rig.CalcFoundationMat(rig.rotation, rig.translation, rig.leftIntrinsic, rig.rightIntrinsic, fundamental);
-        return fundamental;
-    }
     const cv::FileStorage storage = parseYaml(file, readText(file));
     try {
         if (storage["F"].isMap()) storage["F"] >> fundamental;
@@ -73,24 +60,20 @@ int runMatch(const MatchOptions& options) {
     const Rig calibration = readRig(options.calibration);
     std::vector<Corner> left = loadList(options.left, options, calibration.cameras[0]);
     std::vector<Corner> right = loadList(options.right, options, calibration.cameras[1]);
-    CircleMarkerExtractor rig = takeIn(calibration, options.calibration);
+    CircleMarkerExtractor rig = rigOfLists(calibration, options.calibration);
     const cv::Mat fundamental = loadFundamental(options.fundamental, rig);
     OutputFile csv;
     csv.open(options.csv);
     csv.stream() << "pair,left,right,leftX,leftY,rightX,rightY,X,Y,Z\n";
     csv.flush();
     if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
-    cv::Mat relativePose;
-    cv::hconcat(rig.rotation, rig.translation, relativePose);
-
-    std::vector<Point3_<double>> points;
-    const auto pairs =
-        getStereoMarker3dPoints(left, right, relativePose, rig.leftIntrinsic, rig.rightIntrinsic, fundamental, points);
+    const std::vector<CentrePair> pairs = matchCentres(rig, fundamental, left, right);
     for (std::size_t k = 0; k < pairs.size(); ++k) {
-        const Corner& a = left[static_cast<std::size_t>(pairs[k].first)];
-        const Corner& b = right[static_cast<std::size_t>(pairs[k].second)];
-        csv.stream() << k << ',' << a.matchIndex << ',' << b.matchIndex;
-        for (const double value : {a.x, a.y, b.x, b.y, points[k].x, points[k].y, points[k].z})
+        const CentrePair& pair = pairs[k];
+        csv.stream() << k << ',' << left[static_cast<std::size_t>(pair.place[0])].matchIndex << ','
+                     << right[static_cast<std::size_t>(pair.place[1])].matchIndex;
+        for (const double value : {pair.pixel[0].x, pair.pixel[0].y, pair.pixel[1].x, pair.pixel[1].y, pair.point[0],
+                                   pair.point[1], pair.point[2]})
             csv.stream() << ',' << csvField(value);
         csv.stream() << '\n';
     }

@@ -275,6 +275,29 @@ class RigReader {
     std::vector<std::string> problems_;
 };
 
+Rig rigFrom(RigReader reader) {
+    Rig rig;
+    for (std::size_t eye = 0; eye < 2; ++eye) rig.cameras[eye] = reader.hostCamera(eye);
+    rig.poses = reader.poses();
+    rig.size = reader.imageSize();
+    rig.rectifyFlags = reader.rectifyFlags();
+    reader.finish();
+    return rig;
+}
+
+/// As OpenCV's stereo calibration writes it.
+std::string textOf(const RigMatrices& matrices) {
+    cv::FileStorage storage(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
+    if (!matrices.size.empty())
+        storage << "image_width" << matrices.size.width << "image_height" << matrices.size.height;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const Camera& camera = matrices.cameras[eye];
+        storage << fmt::format("M{}", eye + 1) << camera.matrix << fmt::format("D{}", eye + 1) << camera.distortion;
+    }
+    storage << "R" << matrices.rotation << "T" << matrices.translation << "rectify_flags" << matrices.rectifyFlags;
+    return storage.releaseAndGetString();
+}
+
 }  // namespace
 
 Cameras readCameras(const std::string& file, int eye) {
@@ -290,27 +313,25 @@ Cameras readCameras(const std::string& file, int eye) {
 }
 
 Rig readRig(const std::string& file) {
-    RigReader reader(file);
-    Rig rig;
-    for (std::size_t eye = 0; eye < 2; ++eye) rig.cameras[eye] = reader.hostCamera(eye);
-    rig.poses = reader.poses();
-    rig.size = reader.imageSize();
-    rig.rectifyFlags = reader.rectifyFlags();
-    reader.finish();
-    return rig;
+    return rigFrom(RigReader(file));
+}
+
+Rig rigOf(const RigMatrices& matrices, const std::string& origin) {
+    return rigFrom(RigReader(origin, textOf(matrices)));
+}
+
+RigMatrices matricesOf(const Rig& rig) {
+    const auto turn = [&](std::size_t eye) { return cv::Matx33d(rig.poses[eye].values); };
+    const auto place = [&](std::size_t eye) { return cv::Vec3d(rig.poses[eye].values + 9); };
+    return {{asMatrices(rig.cameras[0]), asMatrices(rig.cameras[1])},
+            cv::Mat(turn(1) * turn(0).t()),
+            cv::Mat(turn(1) * (place(0) - place(1))),
+            rig.size,
+            rig.rectifyFlags};
 }
 
 void writeRig(const std::string& file, const Rig& rig) {
-    const auto turn = [&](std::size_t eye) { return cv::Matx33d(rig.poses[eye].values); };
-    const auto place = [&](std::size_t eye) { return cv::Vec3d(rig.poses[eye].values + 9); };
-    cv::FileStorage storage(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
-    storage << "image_width" << rig.size.width << "image_height" << rig.size.height;
-    for (std::size_t eye = 0; eye < 2; ++eye) {
-        const Camera camera = asMatrices(rig.cameras[eye]);
-        storage << fmt::format("M{}", eye + 1) << camera.matrix << fmt::format("D{}", eye + 1) << camera.distortion;
-    }
-    storage << "R" << cv::Mat(turn(1) * turn(0).t()) << "T" << cv::Mat(turn(1) * (place(0) - place(1)));
-    const std::string text = storage.releaseAndGetString();
+    const std::string text = textOf(matricesOf(rig));
     writeWhole(file, text.data(), text.size());
 }
 

@@ -47,6 +47,25 @@ KESTRUNE_API Rig readRig(const std::string& file);
 /// OutputError
 KESTRUNE_API void writeRig(const std::string& file, const Rig& rig);
 
+/// A rig in the terms of OpenCV's stereo calibration, with the left camera as the world.
+struct RigMatrices {
+    Cameras cameras;   ///< the distortion of each may have the 4, 5, 8, 12 or 14 coefficients of OpenCV, of which those
+                       ///< behind the fifth must be 0
+    cv::Mat rotation;  ///< R, 3 by 3: a point X in left camera coordinates is R X + T in right ones
+    cv::Mat translation;  ///< T, 3 by 1 or 1 by 3, unit of the points
+    cv::Size size{};      ///< of the images, px; empty where it is not known
+    int rectifyFlags = 0;
+};
+
+/// The rig of these matrices.
+///
+/// @param origin  stands for a file in the texts of errors.
+/// @throws InputError  as `readRig`, by the names of OpenCV's file: M1, D1, M2, D2, R, T.
+KESTRUNE_API Rig rigOf(const RigMatrices& matrices, const std::string& origin = "rig");
+
+/// The matrices of a rig.
+KESTRUNE_API RigMatrices matricesOf(const Rig& rig);
+
 /// The camera in OpenCV's terms.
 KESTRUNE_API Camera asMatrices(const Camera_<double, 2, 2>& camera);
 

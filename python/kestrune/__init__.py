@@ -1,0 +1,62 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Finds small flat circular markers in images of a calibrated camera pair, and measures them in space.
+
+    >>> import kestrune
+    >>> settings = kestrune.Settings.read("examples/settings/bright-complex.yaml")
+    >>> extractor = kestrune.Extractor(settings, kestrune.Rig.read("calibration.yaml"))
+    >>> points = extractor.stereo(kestrune.read_image("left.png"), kestrune.read_image("right.png"))
+    >>> points["X"], points.failure
+
+Begin with :class:`Settings` (how to look), :class:`Rig` (the cameras) and :class:`Extractor`, whose methods are the
+operations: ``extract`` (markers of an image), ``explain`` (why something was no marker), ``stereo`` (points in space),
+``match`` and ``depth``. Results are tables (:class:`Table`): ``result["x"]`` is a column, ``result.columns`` tells what
+each means, ``result.to_pandas()`` makes a DataFrame. ``kestrune.batch`` measures thousands of exposures.
+
+Fields, columns and settings have the names that they have in C++ and in the program's tables. Everything that travels
+between processes can be pickled. What is wrong with an image, file or setting raises :class:`InputError`, a
+ValueError.
+"""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Optional, Tuple
+
+import numpy.typing as npt
+
+from . import _native
+from ._native import Corner, Corners, InputError, LibraryError, __version__
+from .extractor import LEAST_SHARE, Extractor
+from .results import Depths, Explanation, Markers, Pairs, Points, Table, Unmatched
+from .settings import Field, File, Rig, Settings, setting_fields
+
+
+def read_image(file: File, *, invert: bool = False,
+               range: Optional[Tuple[float, float]] = None) -> npt.NDArray[Any]:
+    """Reads an image as the program does: uint8, grey or BGR, never rotated; InputError for one that is damaged.
+
+    :param range: (low, high) of images of more than 8 bits; without it that of the image's own data.
+    """
+    return _native.read_image(os.fspath(file), invert, range)
+
+
+def image_size(file: File) -> Tuple[int, int]:
+    """(width, height) of an image file, px."""
+    return _native.image_size(os.fspath(file))
+
+
+def bit_depth(file: File) -> int:
+    """8 for an image file of 8 bits or less, else the bits of its samples."""
+    return _native.bit_depth(os.fspath(file))
+
+
+def set_threads(count: int) -> None:
+    """Threads that one call may use in this process (OpenMP's and OpenCV's); results do not depend on it."""
+    _native.set_threads(count)
+
+
+__all__ = [
+    "Corner", "Corners", "Depths", "Explanation", "Extractor", "Field", "InputError", "LEAST_SHARE", "LibraryError",
+    "Markers", "Pairs", "Points", "Rig", "Settings", "Table", "Unmatched", "__version__", "bit_depth", "image_size",
+    "read_image", "set_threads", "setting_fields",
+]

@@ -1,0 +1,143 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The operations: from images to markers and points."""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Optional, Tuple, Union
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _native
+from .results import Depths, Explanation, Markers, Pairs, Points, Unmatched
+from .settings import File, InputError, Rig, Settings
+
+Image = npt.NDArray[Any]
+Range = Optional[Tuple[float, float]]
+Eye = Union[str, int]
+
+# Share of the poorer eye's markers that must be paired: that of the program.
+LEAST_SHARE = 0.5
+
+
+def _eye(eye: Eye) -> int:
+    if eye in (0, "left"):
+        return 0
+    if eye in (1, "right"):
+        return 1
+    raise InputError(f"eye: {eye!r} is neither 'left' nor 'right'")
+
+
+def _centres(markers: Any) -> npt.NDArray[np.float64]:
+    array = np.asarray(markers)
+    if array.dtype.names:
+        array = np.stack([array["x"], array["y"]], axis=1)
+    return np.ascontiguousarray(array, dtype=np.float64)
+
+
+class Extractor:
+    """Finds markers by one set of settings, and points by one rig.
+
+    One object may be used from any number of threads at once: each call works on scratch storage of its own, and the
+    interpreter's lock is released while it works. The same input gives the same result, bit for bit, in any thread and
+    process, and the same as the program ``kestrune-measure``.
+
+    Images are arrays of rows by columns (grey) or rows by columns by 3 (BGR), of uint8; uint16 and floating point are
+    mapped to 8 bits by ``range``: (low, high), of which low becomes 0 and high 255, without it the range of the data of
+    the call. Arrays are read where they are if each pixel's channels and each row's pixels lie side by side, else
+    copied. ``invert`` turns dark into bright, for markers that are dark on a light ground.
+
+    :param settings: settings of a path.
+    :param rig: calibration, needed for stereo, match and depth, and where the lens's distortion is taken out.
+    """
+
+    def __init__(self, settings: Settings, rig: Optional[Rig] = None) -> None:
+        self._settings, self._rig = settings._of(settings._held), rig
+        self._native = _native.Extractor(settings._held, None if rig is None else rig._held)
+
+    @property
+    def settings(self) -> Settings:
+        """The settings as they were when the extractor was made."""
+        return self._settings._of(self._settings._held)
+
+    @property
+    def rig(self) -> Optional[Rig]:
+        """The calibration."""
+        return self._rig
+
+    def extract(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None,
+                picture: bool = False) -> Markers:
+        """The markers of one image.
+
+        :param eye: whose lens is taken out: ``left`` or ``right``.
+        :param picture: draw the markers into a copy of the image as well.
+        :raises InputError: for an image or settings that the path cannot work with.
+        """
+        array, corners, pixels, drawn = self._native.extract(image, _eye(eye), invert, range, picture)
+        return Markers(array, corners, pixels, drawn)
+
+    def explain(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None,
+                picture: bool = False) -> Explanation:
+        """Why was this no marker? All candidates, each with the gate that refused it. Arguments as for extract."""
+        return Explanation(*self._native.explain(image, _eye(eye), invert, range, picture))
+
+    def refinement_warning(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None) -> str:
+        """What ``refineAtFullSize`` has spoilt on this image, as a sentence; empty: nothing. Measures twice."""
+        return self._native.refinement_warning(image, _eye(eye), invert, range)
+
+    def stereo(self, left: Image, right: Image, *, invert: bool = False, range: Range = None,
+               min_share: float = LEAST_SHARE, picture: bool = False) -> Points:
+        """The markers of both images of one exposure in space.
+
+        :param min_share: share of the poorer eye's markers, 0 to 1, that must be paired; with fewer the exposure has
+            failed (``Points.failure``).
+        :param picture: draw the pairs and the discs in space as well.
+        :raises InputError: for images that are no exposure of this rig, and settings or calibration that are not
+            enough.
+        """
+        return self._points(self._native.stereo(left, right, invert, range, min_share, picture))
+
+    def stereo_files(self, left: File, right: File, *, invert: bool = False, range: Range = None,
+                     min_share: float = LEAST_SHARE, picture: bool = False) -> Points:
+        """The same of two image files, which are read without the interpreter's lock."""
+        return self._points(
+            self._native.stereo_files(os.fspath(left), os.fspath(right), invert, range, min_share, picture))
+
+    @staticmethod
+    def _points(result: Tuple[Any, ...]) -> Points:
+        array, left, right, failure, warning, found, left_unmatched, right_unmatched, text, pictures = result
+        picture, view = pictures or (None, None)
+        return Points(array, failure, warning, found, (Unmatched(left_unmatched), Unmatched(right_unmatched)), left,
+                      right, text, picture, view if view is not None and view.size else None)
+
+    def match(self, left: Union[Markers, npt.ArrayLike], right: Union[Markers, npt.ArrayLike]) -> Pairs:
+        """Pairs of markers of which only the centres are known, by the epipolar lines and distances.
+
+        A pair may be wrong, more often so than by :meth:`stereo`, which knows more of a marker.
+
+        :param left: markers of the left image without the lens's distortion: ``Markers``, or centres as n by 2, px.
+        :param right: the same of the right image.
+        """
+        for name, markers in (("left", left), ("right", right)):
+            if isinstance(markers, Markers) and markers.pixels != "undistorted":
+                raise InputError(f"{name}: is of {markers.pixels} pixels, match needs undistorted ones")
+        return Pairs(self._native.match(_centres(left), _centres(right)))
+
+    def depth(self, image: Image, depth: Image, eye: Eye = "left", *, scale: float = 1.0, invert: bool = False,
+              range: Range = None) -> Depths:
+        """The markers of an image placed by a depth image.
+
+        :param depth: z of each pixel, float32 or uint16, of the image's size; 0 or NaN where there is none.
+        :param scale: unit of the result for each unit of the depth image.
+        """
+        return Depths(self._native.depth(image, depth, scale, _eye(eye), invert, range))
+
+    def __reduce__(self) -> Tuple[Any, ...]:
+        return Extractor, (self._settings, self._rig)
+
+    def __repr__(self) -> str:
+        return f"<Extractor: path {self._settings.path}, {self._rig!r}>"
+
+
+__all__ = ["Extractor", "LEAST_SHARE"]

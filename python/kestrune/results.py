@@ -1,0 +1,225 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the operations give: tables of one row a marker, with everything that is known beside."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from typing import Any, ClassVar, Dict, Iterator, Sequence, Tuple, Union
+
+import numpy as np
+import numpy.typing as npt
+
+from ._native import Corner, Corners
+
+Array = npt.NDArray[Any]
+
+
+@dataclass(frozen=True, eq=False)
+class Table:
+    """Rows of a structured array, with the meaning of each column in ``columns``.
+
+    ``table["x"]`` is a column, ``table[3]`` a row, ``table[mask]`` and ``table[2:5]`` are arrays of rows;
+    ``numpy.asarray(table)`` is the array itself. Two tables are equal if every column is, bit for bit; NaN equals NaN.
+    """
+
+    array: Array
+    columns: ClassVar[Dict[str, str]] = {}
+
+    def __len__(self) -> int:
+        return len(self.array)
+
+    def __getitem__(self, key: Union[str, int, slice, Sequence[str], Array]) -> Any:
+        return self.array[key]
+
+    def __iter__(self) -> Iterator[Any]:
+        return iter(self.array)
+
+    def __array__(self, dtype: Any = None, copy: Any = None) -> Array:
+        return self.array if dtype is None else self.array.astype(dtype)
+
+    def __eq__(self, other: object) -> bool:
+        if type(other) is not type(self):
+            return NotImplemented
+        theirs = other.array  # type: ignore[attr-defined]
+        return self.array.dtype.names == theirs.dtype.names and all(
+            np.array_equal(self.array[name], theirs[name], equal_nan=self.array[name].dtype.kind == "f")
+            for name in self.array.dtype.names or ()
+        )
+
+    __hash__ = None  # type: ignore[assignment]
+
+    def to_pandas(self) -> Any:
+        """The rows as a ``pandas.DataFrame``. ImportError where pandas is not installed."""
+        import pandas
+
+        return pandas.DataFrame({name: self.array[name] for name in self.array.dtype.names or ()})
+
+    def __repr__(self) -> str:
+        return f"<{type(self).__name__}: {len(self)} rows>"
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Markers(Table):
+    """Markers of one image, in the order of first acceptance.
+
+    NaN stands for what the path does not measure.
+    """
+
+    columns: ClassVar[Dict[str, str]] = {
+        "id": "place in the list",
+        "x": "centre, column, px of the full image; (0, 0) is the centre of the first pixel",
+        "y": "centre, row, px",
+        "major": "larger half axis of the rim's ellipse, px",
+        "minor": "smaller half axis, px",
+        "angle": "of the major axis to the x axis, degrees in [0, 180)",
+        "area": "product of the full axes, px^2; path fast: area of the contour",
+        "eccentricity": "sqrt(a^2 - b^2) / a of the half axes",
+        "circularity": "4 pi area / perimeter^2; paths simple and radial",
+        "fitError": "RMS distance of the contour from the ellipse, px; paths simple and hand",
+        "fitResidual": "RMS of the conic over the contour; paths radial and complex",
+        "polarity": "bright, dark or nothing; path complex",
+    }
+    corners: Corners = field(default_factory=Corners)
+    """The library's full records in the same order, in the pixels of the path: contour, conic, scatter matrix."""
+    pixels: str = ""
+    """What x and y are pixels of: ``undistorted``, ``distorted`` (the image as taken) or ``rectified``."""
+    picture: Any = None
+    """The image with the markers drawn, uint8 BGR, where it was asked for."""
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Unmatched(Table):
+    """Markers of one eye that are in no pair, with the test that ended the candidate that got furthest."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        "number": "place among the markers of the eye",
+        "x": "centre of the ellipse, column, px",
+        "y": "centre of the ellipse, row, px",
+        "test": "that ended its best candidate",
+        "measured": "value of that test; NaN where it has none",
+        "partner": "number of the candidate in the other eye; -1: none",
+    }
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Points(Table):
+    """Markers of an exposure in space, one row a pair.
+
+    The frame is the left camera's, or the rectified left one with ``outputRectified``; the unit is the calibration's.
+    NaN stands for what the path does not measure. Where ``failure`` holds a text the rows are not to be trusted.
+    """
+
+    columns: ClassVar[Dict[str, str]] = {
+        "pair": "place in the list",
+        "leftX": "centre in the left image, column, undistorted px (rectified with cornersRectified)",
+        "leftY": "centre in the left image, row",
+        "rightX": "centre in the right image, column",
+        "rightY": "centre in the right image, row",
+        "X": "point, unit of the calibration",
+        "Y": "point",
+        "Z": "point",
+        "normalX": "unit normal of the disc, towards the cameras; paths radial and complex",
+        "normalY": "normal",
+        "normalZ": "normal",
+        "radius": "of the disc, unit of the calibration; paths radial and complex",
+        "rowResidual": "row of the left centre minus that of the right one, both rectified, px",
+        "leftResidual": "distance of the point's projection from the left centre, px",
+        "rightResidual": "distance of the point's projection from the right centre, px",
+    }
+    failure: str = ""
+    """Why the exposure gives no points; empty: it does."""
+    warning: str = ""
+    """What to look at in an exposure that gives points."""
+    found: Tuple[int, int] = (0, 0)
+    """Markers of the left and of the right eye, paired or not."""
+    unmatched: Tuple[Unmatched, Unmatched] = field(default_factory=lambda: (_none(), _none()))
+    """Those of each eye that are in no pair."""
+    left: Corners = field(default_factory=Corners)
+    """The library's full records of the left markers, in the order of the pairs."""
+    right: Corners = field(default_factory=Corners)
+    """The same of the right markers."""
+    text: str = ""
+    """The markers without a partner and the counts of the tests, as a table to read."""
+    picture: Any = None
+    """Both images side by side with the pairs, uint8 BGR, where it was asked for."""
+    view: Any = None
+    """The discs in space, uint8 BGR, where it was asked for and there are some."""
+
+    @property
+    def xyz(self) -> Array:
+        """The points as an array of n by 3."""
+        return np.stack([self.array[name] for name in "XYZ"], axis=1)
+
+
+def _none() -> Unmatched:
+    return Unmatched(np.empty(0, [(name, "f8") for name in Unmatched.columns]))
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Pairs(Table):
+    """Markers that were matched by their centres alone."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        "pair": "place in the list",
+        "left": "row of the left list",
+        "right": "row of the right list",
+        "leftX": "left centre, column, undistorted px",
+        "leftY": "left centre, row",
+        "rightX": "right centre, column",
+        "rightY": "right centre, row",
+        "X": "point in the left camera's frame, unit of the calibration",
+        "Y": "point",
+        "Z": "point",
+    }
+
+    @property
+    def xyz(self) -> Array:
+        """The points as an array of n by 3."""
+        return np.stack([self.array[name] for name in "XYZ"], axis=1)
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Depths(Table):
+    """Markers that a depth image places in space."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        "id": "of the marker",
+        "x": "centre, column, undistorted px",
+        "y": "centre, row",
+        "X": "point in the camera's frame, unit of the depth",
+        "Y": "point",
+        "Z": "point, away from the camera",
+    }
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Explanation(Table):
+    """Every candidate that the front end of a path delivered, with the gate that refused it."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        "number": "place among all candidates",
+        "x": "box about the contour, left column, px of the image as taken",
+        "y": "box, upper row",
+        "width": "box, px",
+        "height": "box, px",
+        "ellipseX": "centre of the last fit, column, px; NaN: refused before one was made",
+        "ellipseY": "centre of the last fit, row",
+        "major": "larger half axis of the fit, px",
+        "minor": "smaller half axis, px",
+        "angle": "of the major axis to the x axis, degrees",
+        "gate": "that refused it; empty: a marker",
+        "measured": "value of the gate; NaN where it has none",
+        "wanted": "what the gate asks for, with the settings' names",
+        "marker": "id of the marker that it is or that took its place; -1: none",
+    }
+    contours: Sequence[Array] = ()
+    """Of each candidate, n by 2, px of the image as taken."""
+    dropped: Any = None
+    """What never became a candidate: x, y, width, height, gate, measured, wanted."""
+    text: str = ""
+    """Candidates and counts as a table to read."""
+    picture: Any = None
+    """The image with the candidates drawn, uint8 BGR, where it was asked for."""
+
+
+__all__ = ["Corner", "Corners", "Depths", "Explanation", "Markers", "Pairs", "Points", "Table", "Unmatched"]

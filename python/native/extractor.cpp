@@ -1,0 +1,427 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "native/extractor.h"
+
+#include <fmt/format.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+
+#include "centre_match.h"
+#include "depth_points.h"
+#include "explanation.h"
+#include "files/inputs.h"
+#include "image_file.h"
+#include "native/images.h"
+#include "native/module.h"
+#include "native/tables.h"
+#include "overlay.h"
+#include "pair_explanation.h"
+#include "pixels.h"
+#include "refinement.h"
+#include "stereo_pictures.h"
+
+namespace kestrune::python {
+namespace {
+
+using measure::Candidate;
+using measure::Dropped;
+using measure::Marker;
+using measure::StereoMarker;
+using measure::StereoResult;
+using measure::UnmatchedMarker;
+
+constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+
+/// An extractor for one call; it goes back when the call ends, also by an exception.
+class Lease {
+  public:
+    template <typename Make>
+    Lease(IdleExtractors& idle, const Make& make) : idle_(idle), extractor_(idle.take(make)) {}
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    ~Lease() { idle_.giveBack(std::move(extractor_)); }
+
+    CircleMarkerExtractor& operator*() const { return *extractor_; }
+
+  private:
+    IdleExtractors& idle_;
+    IdleExtractors::Pointer extractor_;
+};
+
+CircleMarkerExtractor uncalibrated() {
+    return {};
+}
+
+py::array markerTable(const std::vector<Marker>& m) {
+    return tableOf({{"id", cellsOf(m, [](const Marker& r) { return r.id; })},
+                    {"x", cellsOf(m, [](const Marker& r) { return r.centre.x; })},
+                    {"y", cellsOf(m, [](const Marker& r) { return r.centre.y; })},
+                    {"major", cellsOf(m, [](const Marker& r) { return r.majorHalfAxis; })},
+                    {"minor", cellsOf(m, [](const Marker& r) { return r.minorHalfAxis; })},
+                    {"angle", cellsOf(m, [](const Marker& r) { return r.angle; })},
+                    {"area", cellsOf(m, [](const Marker& r) { return r.area; })},
+                    {"eccentricity", cellsOf(m, [](const Marker& r) { return r.eccentricity; })},
+                    {"circularity", cellsOf(m, [](const Marker& r) { return r.circularity; })},
+                    {"fitError", cellsOf(m, [](const Marker& r) { return r.fitError; })},
+                    {"fitResidual", cellsOf(m, [](const Marker& r) { return r.fitResidual; })},
+                    {"polarity", cellsOf(m, [](const Marker& r) { return std::string(measure::nameOf(r.polarity)); })}},
+                   m.size());
+}
+
+py::array candidateTable(const std::vector<Candidate>& c) {
+    const auto rim = [&](auto of) {
+        return cellsOf(c, [&](const Candidate& r) { return r.rim ? of(*r.rim) : kUnknown; });
+    };
+    return tableOf({{"number", cellsOf(c, [](const Candidate& r) { return r.number; })},
+                    {"x", cellsOf(c, [](const Candidate& r) { return r.box.x; })},
+                    {"y", cellsOf(c, [](const Candidate& r) { return r.box.y; })},
+                    {"width", cellsOf(c, [](const Candidate& r) { return r.box.width; })},
+                    {"height", cellsOf(c, [](const Candidate& r) { return r.box.height; })},
+                    {"ellipseX", rim([](const measure::Rim& r) { return r.centre.x; })},
+                    {"ellipseY", rim([](const measure::Rim& r) { return r.centre.y; })},
+                    {"major", rim([](const measure::Rim& r) { return r.majorHalfAxis; })},
+                    {"minor", rim([](const measure::Rim& r) { return r.minorHalfAxis; })},
+                    {"angle", rim([](const measure::Rim& r) { return r.angle; })},
+                    {"gate", cellsOf(c, [](const Candidate& r) { return r.gate; })},
+                    {"measured", cellsOf(c, [](const Candidate& r) { return r.measured; })},
+                    {"wanted", cellsOf(c, [](const Candidate& r) { return r.wanted; })},
+                    {"marker", cellsOf(c, [](const Candidate& r) { return r.marker; })}},
+                   c.size());
+}
+
+py::array dropTable(const std::vector<Dropped>& d) {
+    return tableOf({{"x", cellsOf(d, [](const Dropped& r) { return r.box.x; })},
+                    {"y", cellsOf(d, [](const Dropped& r) { return r.box.y; })},
+                    {"width", cellsOf(d, [](const Dropped& r) { return r.box.width; })},
+                    {"height", cellsOf(d, [](const Dropped& r) { return r.box.height; })},
+                    {"gate", cellsOf(d, [](const Dropped& r) { return r.gate; })},
+                    {"measured", cellsOf(d, [](const Dropped& r) { return r.measured; })},
+                    {"wanted", cellsOf(d, [](const Dropped& r) { return r.wanted; })}},
+                   d.size());
+}
+
+py::array pointTable(const std::vector<StereoMarker>& m) {
+    std::vector<std::int32_t> pair(m.size());
+    std::iota(pair.begin(), pair.end(), 0);
+    const auto column = [&](const char* name, auto of) { return Column{name, cellsOf(m, of)}; };
+    return tableOf({{"pair", pair},
+                    column("leftX", [](const StereoMarker& r) { return r.pixel[0].x; }),
+                    column("leftY", [](const StereoMarker& r) { return r.pixel[0].y; }),
+                    column("rightX", [](const StereoMarker& r) { return r.pixel[1].x; }),
+                    column("rightY", [](const StereoMarker& r) { return r.pixel[1].y; }),
+                    column("X", [](const StereoMarker& r) { return r.point[0]; }),
+                    column("Y", [](const StereoMarker& r) { return r.point[1]; }),
+                    column("Z", [](const StereoMarker& r) { return r.point[2]; }),
+                    column("normalX", [](const StereoMarker& r) { return r.normal[0]; }),
+                    column("normalY", [](const StereoMarker& r) { return r.normal[1]; }),
+                    column("normalZ", [](const StereoMarker& r) { return r.normal[2]; }),
+                    column("radius", [](const StereoMarker& r) { return r.radius; }),
+                    column("rowResidual", [](const StereoMarker& r) { return r.residuals.row; }),
+                    column("leftResidual", [](const StereoMarker& r) { return r.residuals.eye[0]; }),
+                    column("rightResidual", [](const StereoMarker& r) { return r.residuals.eye[1]; })},
+                   m.size());
+}
+
+py::array unmatchedTable(const std::vector<UnmatchedMarker>& u) {
+    return tableOf({{"number", cellsOf(u, [](const UnmatchedMarker& r) { return r.number; })},
+                    {"x", cellsOf(u, [](const UnmatchedMarker& r) { return static_cast<double>(r.rim.center.x); })},
+                    {"y", cellsOf(u, [](const UnmatchedMarker& r) { return static_cast<double>(r.rim.center.y); })},
+                    {"test", cellsOf(u, [](const UnmatchedMarker& r) { return std::string(measure::testOf(r)); })},
+                    {"measured", cellsOf(u, [](const UnmatchedMarker& r) { return r.verdict.measured; })},
+                    {"partner", cellsOf(u, [](const UnmatchedMarker& r) { return r.partner; })}},
+                   u.size());
+}
+
+/// An image of a call, in 8 bits, with the array that it may share pixels with.
+struct Taken {
+    ArrayImage source;
+    cv::Mat image;
+};
+
+Taken taken(const py::object& object, const char* name, bool invert, const std::optional<measure::GreyRange>& range) {
+    Taken result{imageOf(object, name), {}};
+    const py::gil_scoped_release others;
+    if (!result.source.image.empty()) result.image = measure::inEightBits(result.source.image, invert, range);
+    return result;
+}
+
+/// Both images of an exposure are mapped alike, by the range of the data of both; none where they have 8 bits.
+std::optional<measure::GreyRange> commonRange(const std::array<cv::Mat, 2>& images) {
+    measure::RangeOfData data;
+    bool deep = false;
+    for (const cv::Mat& image : images) {
+        if (image.depth() == CV_8U) continue;
+        data.add(image);
+        deep = true;
+    }
+    return deep ? std::optional(data.range()) : std::nullopt;
+}
+
+/// Two columns of numbers. @throws InputError
+std::vector<Corner> cornersOf(const py::array& array, const char* name) {
+    const auto centres = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(array);
+    if (!centres) throw py::error_already_set();
+    if (centres.ndim() != 2 || centres.shape(1) != 2) throw InputError(name, "is no array of centres by 2 (x, y)");
+    std::vector<Corner> corners(static_cast<std::size_t>(centres.shape(0)));
+    for (std::size_t i = 0; i < corners.size(); ++i) {
+        corners[i].x = centres.at(static_cast<py::ssize_t>(i), 0);
+        corners[i].y = centres.at(static_cast<py::ssize_t>(i), 1);
+    }
+    return corners;
+}
+
+cv::Mat pictureOf(const cv::Mat& image, const Camera& camera, const Settings& settings,
+                  const std::vector<Marker>& markers) {
+    std::vector<measure::Mark> marks;
+    marks.reserve(markers.size());
+    for (const Marker& marker : markers) marks.push_back(measure::markOf(marker, measure::foundKind(marker.polarity)));
+    return measure::drawOverlay(measure::imageBehind(image, camera, settings), marks,
+                                fmt::format("path {}", nameOf(settings.path)), measure::foundLegend(marks));
+}
+
+cv::Mat viewOf(const StereoResult& result) {
+    if (!result.failure.empty() || result.markers.empty()) return {};
+    const double nearest =
+        std::ranges::min(result.markers, {}, [](const StereoMarker& m) { return m.point[2]; }).point[2];
+    std::vector<measure::ViewDisc> discs;
+    for (const StereoMarker& m : result.markers)
+        discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
+    return measure::drawView(discs, {"markers in space", "behind the nearest", ""});
+}
+
+}  // namespace
+
+PythonExtractor::PythonExtractor(HeldSettings settings, std::optional<HeldRig> rig)
+    : settings_(std::move(settings)), rig_(std::move(rig)) {
+    const bool undistorts = measure::deliversUndistorted(settings_.settings);
+    if (undistorts && settings_.settings.configs.cornersRectified)
+        throw InputError(settings_.origin,
+                         "field 'cornersRectified' true, so that the image has no distortion, and 'skipUndistort' "
+                         "false, which would take it out once more");
+    if (rig_) size_ = rig_->rig.size;
+}
+
+Camera PythonExtractor::cameraOf(int eye) const {
+    if (eye != 0 && eye != 1) throw InputError("eye", fmt::format("{} is neither 0 (left) nor 1 (right)", eye));
+    if (!rig_) {
+        if (measure::deliversUndistorted(settings_.settings))
+            throw InputError(settings_.origin, "field 'skipUndistort' false needs a rig");
+        return {};
+    }
+    Camera camera = asMatrices(rig_->rig.cameras[static_cast<std::size_t>(eye)]);
+    camera.size = rig_->rig.size;
+    return camera;
+}
+
+py::tuple PythonExtractor::extract(const py::object& object, int eye, bool invert, const py::object& range,
+                                   bool picture) {
+    const Camera camera = cameraOf(eye);
+    const Taken input = taken(object, "image", invert, rangeOf(range));
+    std::vector<Marker> markers;
+    std::vector<Corner> corners;
+    cv::Mat drawn;
+    {
+        const py::gil_scoped_release others;
+        const Lease extractor(mono_, uncalibrated);
+        measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
+        if (!input.image.empty()) {
+            markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings, &corners);
+            if (picture) drawn = pictureOf(input.image, camera, settings_.settings, markers);
+        }
+    }
+    return py::make_tuple(markerTable(markers), pythonCorners(std::move(corners)),
+                          measure::nameOf(measure::pixelsOf(settings_.settings, camera)),
+                          picture ? py::object(arrayOf(drawn)) : py::none());
+}
+
+py::tuple PythonExtractor::explain(const py::object& object, int eye, bool invert, const py::object& range,
+                                   bool picture) {
+    const Camera camera = cameraOf(eye);
+    const Taken input = taken(object, "image", invert, rangeOf(range));
+    if (input.image.empty()) throw InputError("image", "is empty");
+    std::vector<Candidate> candidates;
+    std::vector<Dropped> dropped;
+    std::string text;
+    cv::Mat drawn;
+    {
+        const py::gil_scoped_release others;
+        const Lease extractor(mono_, uncalibrated);
+        measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
+        candidates = measure::explainMarkers(*extractor, input.image, eye, camera, settings_.settings, &dropped);
+        text = measure::explanationTable(candidates) + measure::droppedTable(dropped);
+        if (picture)
+            drawn = measure::drawExplanation(input.image, candidates,
+                                             fmt::format("path {}", nameOf(settings_.settings.path)), dropped);
+    }
+    py::list contours;
+    for (const Candidate& c : candidates) contours.append(arrayOf(cv::Mat(c.contour, true).reshape(1)));
+    return py::make_tuple(candidateTable(candidates), contours, dropTable(dropped), text,
+                          picture ? py::object(arrayOf(drawn)) : py::none());
+}
+
+std::string PythonExtractor::refinementWarning(const py::object& object, int eye, bool invert,
+                                               const py::object& range) {
+    const Camera camera = cameraOf(eye);
+    const Taken input = taken(object, "image", invert, rangeOf(range));
+    if (input.image.empty()) return "";
+    const py::gil_scoped_release others;
+    const Lease extractor(mono_, uncalibrated);
+    const std::vector<Marker> markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings);
+    return measure::refinementWarning(*extractor, input.image, eye, camera, settings_.settings, markers);
+}
+
+const HeldSettings& PythonExtractor::stereoSettings() const {
+    if (!rig_) throw InputError("rig", "is missing: stereo needs the calibration of both cameras");
+    if (settings_.use != Use::stereo)
+        throw InputError(settings_.origin,
+                         "was taken for extraction alone: use='stereo' tells what is missing for stereo");
+    return settings_;
+}
+
+CircleMarkerExtractor PythonExtractor::calibrated(cv::Size size) {
+    Rig rig = rig_->rig;
+    rig.size = size;
+    return calibratedExtractor(rig);
+}
+
+py::tuple PythonExtractor::stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
+                                  double minShare, bool picture) {
+    stereoSettings();
+    const std::array<ArrayImage, 2> sources = {imageOf(left, "left"), imageOf(right, "right")};
+    for (std::size_t eye = 0; eye < 2; ++eye)
+        if (sources[eye].image.empty()) throw InputError(eye == 0 ? "left" : "right", "is empty");
+    const auto wanted = rangeOf(range);
+    std::array<cv::Mat, 2> images = {sources[0].image, sources[1].image};
+    {
+        const py::gil_scoped_release others;
+        takeIn(images, {"left", "right"}, invert, wanted);
+    }
+    return measured(images, minShare, picture);
+}
+
+py::tuple PythonExtractor::stereoFiles(const std::string& left, const std::string& right, bool invert,
+                                       const py::object& range, double minShare, bool picture) {
+    stereoSettings();
+    const auto wanted = rangeOf(range);
+    std::array<cv::Mat, 2> images;
+    {
+        const py::gil_scoped_release others;
+        images = {measure::decodeImage(left), measure::decodeImage(right)};
+        takeIn(images, {left, right}, invert, wanted);
+    }
+    return measured(images, minShare, picture);
+}
+
+void PythonExtractor::takeIn(std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, bool invert,
+                             const std::optional<measure::GreyRange>& range) {
+    const auto common = range ? range : commonRange(images);
+    for (cv::Mat& image : images) image = measure::inEightBits(image, invert, common);
+    const std::lock_guard lock(sizeMutex_);
+    if (size_.empty()) size_ = images[0].size();
+    measure::requireExposure(images, names, size_);
+}
+
+py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double minShare, bool picture) {
+    if (!(minShare >= 0 && minShare <= 1)) throw InputError("min_share", fmt::format("{} is outside 0 to 1", minShare));
+    StereoResult result;
+    std::vector<std::pair<Corner, Corner>> records;
+    std::string text;
+    cv::Mat drawn, view;
+    {
+        const py::gil_scoped_release others;
+        const Settings settings = measure::asStereo(settings_.settings, settings_.origin);
+        const Lease extractor(stereo_, [&] { return calibrated(images[0].size()); });
+        result = measure::measureExposure(*extractor, images, settings, minShare, &records);
+        if (picture) {
+            std::array<cv::Mat, 2> behind;
+            for (std::size_t eye = 0; eye < 2; ++eye)
+                behind[eye] = measure::imageBehind(images[eye], asMatrices(rig_->rig.cameras[eye]), settings);
+            std::vector<int> untrusted(result.failure.empty() ? 0 : result.markers.size());
+            std::iota(untrusted.begin(), untrusted.end(), 0);
+            drawn = measure::drawPairs(behind, result, fmt::format("path {}", nameOf(settings.path)), {}, untrusted);
+            view = viewOf(result);
+        }
+    }
+    std::vector<Corner> left, right;
+    for (auto& [l, r] : records) {
+        left.push_back(std::move(l));
+        right.push_back(std::move(r));
+    }
+    return py::make_tuple(pointTable(result.markers), pythonCorners(std::move(left)), pythonCorners(std::move(right)),
+                          result.failure, result.doubt, py::make_tuple(result.found[0], result.found[1]),
+                          unmatchedTable(result.unmatched[0]), unmatchedTable(result.unmatched[1]),
+                          measure::pairExplanationTable(result, settings_.settings.configs),
+                          picture ? py::object(py::make_tuple(arrayOf(drawn), arrayOf(view))) : py::none());
+}
+
+py::array PythonExtractor::match(const py::array& left, const py::array& right) {
+    if (!rig_) throw InputError("rig", "is missing: a match needs the calibration of both cameras");
+    std::vector<Corner> lists[2] = {cornersOf(left, "left"), cornersOf(right, "right")};
+    std::vector<measure::CentrePair> pairs;
+    {
+        const py::gil_scoped_release others;
+        CircleMarkerExtractor rig = measure::rigOfLists(rig_->rig, rig_->origin);
+        pairs = measure::matchCentres(rig, measure::fundamentalOf(rig), lists[0], lists[1]);
+    }
+    std::vector<std::int32_t> number(pairs.size());
+    std::iota(number.begin(), number.end(), 0);
+    using P = measure::CentrePair;
+    return tableOf({{"pair", number},
+                    {"left", cellsOf(pairs, [](const P& r) { return r.place[0]; })},
+                    {"right", cellsOf(pairs, [](const P& r) { return r.place[1]; })},
+                    {"leftX", cellsOf(pairs, [](const P& r) { return r.pixel[0].x; })},
+                    {"leftY", cellsOf(pairs, [](const P& r) { return r.pixel[0].y; })},
+                    {"rightX", cellsOf(pairs, [](const P& r) { return r.pixel[1].x; })},
+                    {"rightY", cellsOf(pairs, [](const P& r) { return r.pixel[1].y; })},
+                    {"X", cellsOf(pairs, [](const P& r) { return r.point[0]; })},
+                    {"Y", cellsOf(pairs, [](const P& r) { return r.point[1]; })},
+                    {"Z", cellsOf(pairs, [](const P& r) { return r.point[2]; })}},
+                   pairs.size());
+}
+
+py::array PythonExtractor::depth(const py::object& object, const py::object& depth, double scale, int eye, bool invert,
+                                 const py::object& range) {
+    if (!rig_) throw InputError("rig", "is missing: depth needs the camera's matrix");
+    const Camera camera = cameraOf(eye);
+    measure::requireUndistorted(settings_.origin, rig_->origin, settings_.settings, camera);
+    const Taken input = taken(object, "image", invert, rangeOf(range));
+    const ArrayImage given = imageOf(depth, "depth");
+    std::vector<measure::DepthPoint> points;
+    if (!input.image.empty()) {
+        const py::gil_scoped_release others;
+        const Lease extractor(mono_, uncalibrated);
+        measure::CalibratedSize(rig_->origin, camera.size, true).require("image", input.image.size());
+        cv::Mat z = measure::asDepth(given.image, "depth", scale, input.image.size());
+        points = measure::placeByDepth(*extractor,
+                                       measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings),
+                                       z, camera.matrix);
+    }
+    using P = measure::DepthPoint;
+    return tableOf({{"id", cellsOf(points, [](const P& r) { return r.id; })},
+                    {"x", cellsOf(points, [](const P& r) { return r.pixel.x; })},
+                    {"y", cellsOf(points, [](const P& r) { return r.pixel.y; })},
+                    {"X", cellsOf(points, [](const P& r) { return r.point[0]; })},
+                    {"Y", cellsOf(points, [](const P& r) { return r.point[1]; })},
+                    {"Z", cellsOf(points, [](const P& r) { return r.point[2]; })}},
+                   points.size());
+}
+
+void defineExtractor(py::module_& module) {
+    using E = PythonExtractor;
+    py::class_<E>(module, "Extractor")
+        .def(py::init<HeldSettings, std::optional<HeldRig>>(), py::arg("settings"), py::arg("rig") = py::none())
+        .def_property_readonly("settings", [](const E& e) { return e.settings(); })
+        .def_property_readonly("rig", [](const E& e) { return e.rig(); })
+        .def("extract", &E::extract)
+        .def("explain", &E::explain)
+        .def("refinement_warning", &E::refinementWarning)
+        .def("stereo", &E::stereo)
+        .def("stereo_files", &E::stereoFiles)
+        .def("match", &E::match)
+        .def("depth", &E::depth);
+}
+
+}  // namespace kestrune::python

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The operations for Python. One object serves any number of threads: each call works on an extractor of its own, taken
+// from those that are idle, since the library's own serves one thread at a time.
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "grey_range.h"
+#include "markers.h"
+#include "native/held.h"
+#include "stereo_exposure.h"
+
+namespace kestrune::python {
+
+namespace py = pybind11;
+
+/// Extractors that are not at work, of one calibration.
+class IdleExtractors {
+  public:
+    using Pointer = std::unique_ptr<CircleMarkerExtractor>;
+
+    /// One that is idle, else by `make`.
+    template <typename Make>
+    Pointer take(const Make& make) {
+        {
+            const std::lock_guard lock(mutex_);
+            if (!idle_.empty()) {
+                Pointer extractor = std::move(idle_.back());
+                idle_.pop_back();
+                return extractor;
+            }
+        }
+        return std::make_unique<CircleMarkerExtractor>(make());
+    }
+
+    void giveBack(Pointer extractor) {
+        const std::lock_guard lock(mutex_);
+        idle_.push_back(std::move(extractor));
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<Pointer> idle_;
+};
+
+class PythonExtractor {
+  public:
+    /// @throws InputError  for settings that need a rig, without one.
+    PythonExtractor(HeldSettings settings, std::optional<HeldRig> rig);
+
+    const HeldSettings& settings() const { return settings_; }
+    const std::optional<HeldRig>& rig() const { return rig_; }
+
+    /// (table, corners, pixels, picture)
+    py::tuple extract(const py::object& image, int eye, bool invert, const py::object& range, bool picture);
+
+    /// (candidates, contours, dropped, text, picture)
+    py::tuple explain(const py::object& image, int eye, bool invert, const py::object& range, bool picture);
+
+    /// What `refineAtFullSize` has spoilt, as a sentence.
+    std::string refinementWarning(const py::object& image, int eye, bool invert, const py::object& range);
+
+    /// (table, left corners, right corners, failure, warning, found, left unmatched, right unmatched, text, pictures)
+    py::tuple stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
+                     double minShare, bool picture);
+    py::tuple stereoFiles(const std::string& left, const std::string& right, bool invert, const py::object& range,
+                          double minShare, bool picture);
+
+    /// table
+    py::array match(const py::array& left, const py::array& right);
+    py::array depth(const py::object& image, const py::object& depth, double scale, int eye, bool invert,
+                    const py::object& range);
+
+  private:
+    Camera cameraOf(int eye) const;
+    void requireSize(const cv::Mat& image, const char* name, int eye) const;
+    const HeldSettings& stereoSettings() const;
+    py::tuple measured(const std::array<cv::Mat, 2>& images, double minShare, bool picture);
+    /// In 8 bits, mapped alike, and held to the size of all exposures.
+    void takeIn(std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, bool invert,
+                const std::optional<measure::GreyRange>& range);
+    CircleMarkerExtractor calibrated(cv::Size size);
+
+    HeldSettings settings_;
+    std::optional<HeldRig> rig_;
+    IdleExtractors mono_, stereo_;
+    std::mutex sizeMutex_;
+    cv::Size size_;  ///< of the exposures; empty until the first where the rig does not tell
+};
+
+}  // namespace kestrune::python

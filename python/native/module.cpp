@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "native/module.h"
+
+#include <fmt/format.h>
+#include <omp.h>
+
+#include "files/inputs.h"
+#include "image_file.h"
+#include "kestrune/MarkerMetrology.h"
+#include "native/images.h"
+
+namespace kestrune::python {
+namespace {
+
+/// What a path cannot work with is a bad value; all else that OpenCV raises, it calls an error of its own.
+void defineErrors(py::module_& module) {
+    static py::exception<InputError> inputError(module, "InputError", PyExc_ValueError);
+    inputError.attr("__module__") = "kestrune";
+    inputError.attr("__doc__") = "A file, image or setting that is not what it should be; the text names it.";
+    static py::exception<cv::Exception> libraryError(module, "LibraryError", PyExc_RuntimeError);
+    libraryError.attr("__module__") = "kestrune";
+    libraryError.attr("__doc__") = "A call that OpenCV ended.";
+    py::register_exception_translator([](std::exception_ptr raised) {
+        try {
+            if (raised) std::rethrow_exception(raised);
+        } catch (const InputError& error) {
+            inputError(error.what());
+        } catch (const OutputError& error) {
+            PyErr_SetString(PyExc_OSError, error.what());
+        } catch (const cv::Exception& error) {
+            if (error.code == cv::Error::StsBadArg)
+                inputError(error.err.c_str());
+            else if (error.code == cv::Error::StsNoMem)
+                PyErr_SetString(PyExc_MemoryError, error.err.c_str());
+            else
+                libraryError(error.err.c_str());
+        }
+    });
+}
+
+void setThreads(int count) {
+    if (count < 1) throw InputError("count", fmt::format("{} must be 1 or more", count));
+    omp_set_num_threads(count);
+    cv::setNumThreads(count);
+}
+
+py::array readImageArray(const std::string& file, bool invert, const py::object& range) {
+    const auto wanted = rangeOf(range);
+    cv::Mat image;
+    {
+        const py::gil_scoped_release others;
+        image = measure::readImage(file, invert, wanted);
+    }
+    return arrayOf(image);
+}
+
+std::pair<int, int> imageSize(const std::string& file) {
+    const py::gil_scoped_release others;
+    const cv::Size size = measure::decodeImage(file).size();
+    return {size.width, size.height};
+}
+
+int bitDepth(const std::string& file) {
+    if (measure::tellsEightBits(file)) return 8;
+    const py::gil_scoped_release others;
+    return static_cast<int>(8 * measure::decodeImage(file).elemSize1());
+}
+
+}  // namespace
+}  // namespace kestrune::python
+
+PYBIND11_MODULE(_native, module) {
+    using namespace kestrune::python;
+    namespace py = pybind11;
+    module.doc() = "The compiled part of kestrune.";
+    module.attr("__version__") = KESTRUNE_VERSION;
+    defineErrors(module);
+    defineSettings(module);
+    defineRig(module);
+    defineCorners(module);
+    defineExtractor(module);
+    module.def("set_threads", &setThreads, py::arg("count"));
+    module.def("read_image", &readImageArray, py::arg("file"), py::arg("invert") = false,
+               py::arg("range") = py::none());
+    module.def("image_size", &imageSize, py::arg("file"));
+    module.def("bit_depth", &bitDepth, py::arg("file"));
+}

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "native/tables.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kestrune::python {
+namespace {
+
+// NumPy's texts have four bytes for each character, and none of them may be of no width.
+constexpr std::size_t kCharacterBytes = 4;
+
+/// The characters of UTF-8 as NumPy keeps them; what is none is replaced.
+std::vector<std::uint32_t> charactersOf(const std::string& text) {
+    const py::object decoded = py::reinterpret_steal<py::object>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
+    if (!decoded) throw py::error_already_set();
+    std::vector<std::uint32_t> characters;
+    for (py::ssize_t i = 0; i < PyUnicode_GET_LENGTH(decoded.ptr()); ++i)
+        characters.push_back(PyUnicode_READ_CHAR(decoded.ptr(), i));
+    return characters;
+}
+
+/// One column on its way into the rows.
+struct Part {
+    std::size_t size;  ///< bytes
+    std::string format;
+    std::vector<std::vector<std::uint32_t>> texts;  ///< of a column of texts
+};
+
+Part partOf(const Cells& cells) {
+    if (std::holds_alternative<std::vector<std::int32_t>>(cells)) return {sizeof(std::int32_t), "i4", {}};
+    if (std::holds_alternative<std::vector<double>>(cells)) return {sizeof(double), "f8", {}};
+    Part part{};
+    std::size_t widest = 1;
+    for (const std::string& text : std::get<std::vector<std::string>>(cells)) {
+        part.texts.push_back(charactersOf(text));
+        widest = std::max(widest, part.texts.back().size());
+    }
+    part.size = widest * kCharacterBytes;
+    part.format = "U" + std::to_string(widest);
+    return part;
+}
+
+void write(char* place, const Cells& cells, const Part& part, std::size_t row) {
+    std::visit(
+        [&](const auto& values) {
+            using Value = typename std::decay_t<decltype(values)>::value_type;
+            if constexpr (std::is_same_v<Value, std::string>) {
+                const std::vector<std::uint32_t>& text = part.texts[row];
+                std::memset(place, 0, part.size);
+                std::memcpy(place, text.data(), text.size() * kCharacterBytes);
+            } else {
+                std::memcpy(place, &values[row], sizeof(Value));
+            }
+        },
+        cells);
+}
+
+}  // namespace
+
+py::array tableOf(const std::vector<Column>& columns, std::size_t rows) {
+    py::list names, formats, offsets;
+    std::vector<Part> parts;
+    std::size_t size = 0;
+    for (const Column& column : columns) {
+        parts.push_back(partOf(column.cells));
+        names.append(column.name);
+        formats.append(parts.back().format);
+        offsets.append(size);
+        size += parts.back().size;
+    }
+    py::array table(py::dtype(names, formats, offsets, static_cast<py::ssize_t>(size)),
+                    std::vector<py::ssize_t>{static_cast<py::ssize_t>(rows)});
+    char* place = static_cast<char*>(table.mutable_data());
+    for (std::size_t row = 0; row < rows; ++row) {
+        for (std::size_t k = 0; k < columns.size(); ++k) {
+            write(place, columns[k].cells, parts[k], row);
+            place += parts[k].size;
+        }
+    }
+    return table;
+}
+
+}  // namespace kestrune::python
