@@ -9,13 +9,14 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
           nlohmann-json3-dev libjpeg-dev libpng-dev libtiff-dev libyaml-cpp-dev libgtest-dev libbenchmark-dev
+          python3-dev pybind11-dev python3-numpy python3-pytest python3-distributed
           dpkg-dev file doxygen)
 clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresses in the sanitizer's reports
 
 for extra in "$@"; do
     case $extra in
         clang) packages+=("${clang[@]}") ;;
-        lint) packages+=("${clang[@]}" clang-format clang-tidy shellcheck) ;;
+        lint) packages+=("${clang[@]}" clang-format clang-tidy shellcheck flake8 mypy) ;;
         *) echo "usage: scripts/setup.sh [clang] [lint]" >&2; exit 2 ;;
     esac
 done

@@ -4,7 +4,7 @@
 from __future__ import annotations
 
 from dataclasses import dataclass, field
-from typing import Any, ClassVar, Dict, Iterator, Sequence, Tuple, Union
+from typing import Any, ClassVar, Dict, Iterator, Sequence, Tuple
 
 import numpy as np
 import numpy.typing as npt
@@ -28,7 +28,7 @@ class Table:
     def __len__(self) -> int:
         return len(self.array)
 
-    def __getitem__(self, key: Union[str, int, slice, Sequence[str], Array]) -> Any:
+    def __getitem__(self, key: Any) -> Any:
         return self.array[key]
 
     def __iter__(self) -> Iterator[Any]:
@@ -50,7 +50,7 @@ class Table:
 
     def to_pandas(self) -> Any:
         """The rows as a ``pandas.DataFrame``. ImportError where pandas is not installed."""
-        import pandas
+        import pandas  # type: ignore[import]
 
         return pandas.DataFrame({name: self.array[name] for name in self.array.dtype.names or ()})
 

@@ -105,7 +105,7 @@ class Settings:
         return sorted({*super().__dir__(), *(field.name for field in setting_fields())})
 
     def __eq__(self, other: object) -> bool:
-        return self._held == other._held if isinstance(other, Settings) else NotImplemented
+        return bool(self._held == other._held) if isinstance(other, Settings) else NotImplemented
 
     __hash__ = None  # type: ignore[assignment]
 
@@ -202,7 +202,7 @@ class Rig:
         return self._held.rectify_flags
 
     def __eq__(self, other: object) -> bool:
-        return self._held == other._held if isinstance(other, Rig) else NotImplemented
+        return bool(self._held == other._held) if isinstance(other, Rig) else NotImplemented
 
     __hash__ = None  # type: ignore[assignment]
 

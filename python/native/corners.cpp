@@ -28,7 +28,8 @@ void setContour(Corner& corner, const Contour& array) {
     if (array.ndim() != 2 || array.shape(1) != 2) throw InputError("contour", "is no array of points by 2");
     corner.contour.resize(static_cast<std::size_t>(array.shape(0)));
     if (!corner.contour.empty())
-        std::memcpy(static_cast<void*>(corner.contour.data()), array.data(), corner.contour.size() * sizeof(cv::Point2f));
+        std::memcpy(static_cast<void*>(corner.contour.data()), array.data(),
+                    corner.contour.size() * sizeof(cv::Point2f));
 }
 
 /// What only markers with a conic have.
@@ -111,8 +112,9 @@ void defineCorners(py::module_& module) {
         .def_property_readonly("ellipse", [](const Corner& c) { return ifConic(c, ellipseOf(c)); })
         .def_property_readonly("fitResidual", [](const Corner& c) { return ifConic(c, c.fitResidual); })
         .def_readonly("conicValid", &Corner::conicValid)
-        .def_property_readonly("conic",
-                               [](const Corner& c) { return ifConic(c, Eigen::Map<const Eigen::Matrix<double, 6, 1>>(c.conic.data())); })
+        .def_property_readonly(
+            "conic",
+            [](const Corner& c) { return ifConic(c, Eigen::Map<const Eigen::Matrix<double, 6, 1>>(c.conic.data())); })
         .def_property_readonly("scatter", [](const Corner& c) { return ifConic(c, c.scatter); })
         .def_readonly("markerRadius", &Corner::markerRadius)
         .def_property_readonly("normal", [](const Corner& c) { return Eigen::Vector3d(c.normal); })
@@ -128,6 +130,7 @@ void defineCorners(py::module_& module) {
         .def("__repr__", [](const Corner& c) { return fmt::format("<Corner {} at {:.3f}, {:.3f}>", c.id, c.x, c.y); })
         .def(py::pickle(&stateOf, &cornerOfState));
     py::class_<CornerList>(module, "Corners")
+        .def(py::init([] { return CornerList{std::make_shared<std::vector<Corner>>()}; }))
         .def("__len__", [](const CornerList& list) { return list.corners->size(); })
         .def("__getitem__", &CornerList::at, py::return_value_policy::reference_internal)
         .def(py::pickle(

@@ -35,10 +35,11 @@ bool isNumber(const cv::FileNode& node) {
 /// Reads one file of either form and gathers what is wrong with it.
 class RigReader {
   public:
-    explicit RigReader(const std::string& file) : RigReader(file, readText(file)) {}
+    explicit RigReader(const std::string& file) : RigReader(file, readText(file), true) {}
 
-    RigReader(const std::string& file, const std::string& text)
-        : file_(file), storage_(parseYaml(file, text)), root_(storage_.root()), lines_(text) {
+    /// @param tellLines  of a text that somebody wrote.
+    RigReader(const std::string& file, const std::string& text, bool tellLines)
+        : file_(file), storage_(parseYaml(file, text)), root_(storage_.root()), lines_(tellLines ? text : "") {
         if (has("poses") || has("cameras")) {
             records_ = true;
             for (const char* name : {"M1", "D1", "M2", "D2", "R", "T"})
@@ -317,7 +318,7 @@ Rig readRig(const std::string& file) {
 }
 
 Rig rigOf(const RigMatrices& matrices, const std::string& origin) {
-    return rigFrom(RigReader(origin, textOf(matrices)));
+    return rigFrom(RigReader(origin, textOf(matrices), false));
 }
 
 RigMatrices matricesOf(const Rig& rig) {
