@@ -1,0 +1,66 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Chunks of exposures on this machine: threads that each own a child process."""
+
+import queue
+import threading
+from typing import List, Optional, Sequence, Union
+
+from .exposures import Exposure
+from .keeper import Keeper
+from .record import Record
+
+# Chunks ready for each process: the next is there when one is done, and few are held.
+_AHEAD = 2
+
+
+class LocalExecutor:
+    def __init__(self, task: bytes, processes: int, threads: int, timeout: Optional[float]):
+        self._keepers = [Keeper(task, threads, timeout) for _ in range(processes)]
+        self._work: "queue.Queue[Optional[Sequence[Exposure]]]" = queue.Queue()
+        self._done: "queue.Queue[Union[List[Record], BaseException]]" = queue.Queue()
+        self._flight = 0
+        self._threads: List[threading.Thread] = []
+
+    @property
+    def pending(self) -> bool:
+        return self._flight > 0
+
+    def room(self) -> bool:
+        return self._flight < _AHEAD * len(self._keepers)
+
+    def submit(self, chunk: Sequence[Exposure]) -> None:
+        self._flight += 1
+        self._work.put(chunk)
+        if len(self._threads) < len(self._keepers):  # no more processes than there are chunks
+            keeper = self._keepers[len(self._threads)]
+            self._threads.append(threading.Thread(target=self._measure, args=(keeper,), daemon=True))
+            self._threads[-1].start()
+
+    def next(self) -> List[Record]:
+        """Waits for a chunk. @raises BatchError"""
+        result = self._done.get()
+        self._flight -= 1
+        if isinstance(result, BaseException):
+            raise result
+        return result
+
+    def _measure(self, keeper: Keeper) -> None:
+        while True:
+            chunk = self._work.get()
+            if chunk is None:
+                break
+            try:
+                self._done.put([keeper.measure(exposure) for exposure in chunk])
+            except BaseException as error:
+                self._done.put(error)
+                break
+        keeper.close()
+
+    def close(self) -> None:
+        """Ends what is being measured, and all children."""
+        for keeper in self._keepers[:len(self._threads)] if self._flight else []:
+            keeper.stop()
+        for _ in self._threads:
+            self._work.put(None)
+        for thread in self._threads:
+            thread.join()
