@@ -22,9 +22,10 @@ from .parts import CSV, PARQUET, TABLES, best_format, part_file, remove_unknown,
 from .record import FAILED, Record
 
 RUN, JOURNAL, LOCK = "run.json", "journal.sqlite", "lock"
-# A part is written when this many exposures or pairs are held, which bounds memory, or this much time has passed, which
-# bounds what a killed run measures again.
-_EXPOSURES, _PAIRS, _SECONDS = 1000, 200_000, 5.0
+# A part is written when this many exposures or pairs are held, which bounds memory, or after some time, which bounds what
+# a killed run measures again: a twentieth of the run until now, within the bounds, so that long runs make few parts.
+_EXPOSURES, _PAIRS = 1000, 200_000
+_SHARE, _LEAST_SECONDS, _MOST_SECONDS = 0.05, 1.0, 10.0
 
 
 class RunFolder:
@@ -39,7 +40,8 @@ class RunFolder:
         """
         self.path = out
         self._held: List[Record] = []
-        self._held_pairs, self._since = 0, 0.0
+        self._held_pairs, self._begun = 0, time.monotonic()
+        self._since = self._begun
         if out.is_dir() and (out / RUN).exists() and not resume:
             raise InputError(f"{out}: holds a run; resume goes on with it")
         if out.exists() and not (out.is_dir() and (_is_ours(out) or not any(out.iterdir()))):
@@ -100,11 +102,13 @@ class RunFolder:
 
     def add(self, records: List[Record]) -> None:
         """@raises RunInterrupted  where the disk takes no more."""
+        now = time.monotonic()
         if not self._held:
-            self._since = time.monotonic()
+            self._since = now
         self._held += records
         self._held_pairs += sum(r.row.pairs for r in records)
-        if len(self._held) >= _EXPOSURES or self._held_pairs >= _PAIRS or time.monotonic() - self._since >= _SECONDS:
+        most = min(max(_LEAST_SECONDS, _SHARE * (now - self._begun)), _MOST_SECONDS)
+        if len(self._held) >= _EXPOSURES or self._held_pairs >= _PAIRS or now - self._since >= most:
             self.flush()
 
     def flush(self) -> None:

@@ -67,10 +67,15 @@ def _write_parquet(file: Path, columns: Dict[str, Any]) -> int:
     return write_whole(file, write)
 
 
+def empty(table: str) -> "np.ndarray[Any, Any]":
+    """A table without rows."""
+    return np.empty(0, [(name, _dtype(kind)) for name, kind in COLUMNS[table]])
+
+
 def read_part(folder: Path, table: str, number: int, format: str) -> "np.ndarray[Any, Any]":
     """A structured array. @raises InputError  where the part cannot be read."""
     file = part_file(folder, table, number, format)
-    dtype: Any = np.dtype([(name, _dtype(kind)) for name, kind in COLUMNS[table]])
+    dtype = empty(table).dtype
     try:
         if format == PARQUET:
             content = importlib.import_module("pyarrow.parquet").read_table(str(file))
@@ -81,7 +86,7 @@ def read_part(folder: Path, table: str, number: int, format: str) -> "np.ndarray
         numbers: Any = {place: _number for place, (_, kind) in enumerate(COLUMNS[table]) if kind is float}
         with open(file, encoding="utf-8", newline="") as stream:
             if not stream.readline() or stream.read(1) == "":
-                return np.empty(0, dtype)
+                return empty(table)
             stream.seek(0)
             rows: "np.ndarray[Any, Any]" = np.loadtxt(stream, dtype, delimiter=",", skiprows=1, quotechar='"',
                                                       comments=None, converters=numbers, ndmin=1)

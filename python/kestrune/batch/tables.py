@@ -9,7 +9,7 @@ import numpy as np
 
 from .folder import JOURNAL, read_run
 from .journal import order_of
-from .parts import read_part
+from .parts import empty, read_part
 
 
 class Tables(NamedTuple):
@@ -30,7 +30,7 @@ def read(out: Any) -> Tables:
 
     def table(name: str) -> Any:
         arrays = [read_part(folder, name, number, format) for number in parts]
-        return _frame(_in_order(arrays or [read_part(folder, name, -1, format)], places))
+        return _frame(_in_order(arrays or [empty(name)], places))
 
     return Tables(table("points"), table("exposures"))
 
