@@ -181,12 +181,14 @@ def test_resume_mends_what_was_torn(scene, tmp_path):
 
 
 def test_a_killed_client_loses_nothing_and_doubles_nothing(scene, tmp_path, monkeypatch):
-    out, count, tools = tmp_path / "out", 400, Path(__file__).parent
+    out, count, tools = tmp_path / "out", 600, Path(__file__).parent
     command = [sys.executable, tools / "batch_client.py", scene.rig_file.parent, out, str(count)]
     monkeypatch.setenv("PYTHONPATH", os.pathsep.join(p for p in sys.path if p))
-    for _ in range(3):
-        client = subprocess.Popen(command)
-        time.sleep(random.uniform(1.5, 2.5))
+    for pause in (0, 0.003, random.uniform(0, 0.3)):  # while a part is written, while it is journalled, anywhere
+        client, parts = subprocess.Popen(command), len(list(out.glob("exposures/*")))
+        while client.poll() is None and len(list(out.glob("exposures/*"))) <= parts:
+            time.sleep(0.0005)
+        time.sleep(pause)
         client.kill()
         client.wait()
     before = len(batch.read(out).exposures)

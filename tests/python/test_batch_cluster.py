@@ -25,26 +25,18 @@ def cluster(tmp_path):
 
 
 def test_workers_killed_at_random(cluster, tmp_path):
-    count, killed, over = 2000, [], threading.Event()
-    scene = Scene(tmp_path)
+    count, killed, scene = 2000, [], Scene(tmp_path)
 
-    def kill():
-        while not over.wait(random.uniform(1.5, 3.0)):
-            pid = random.choice(list(cluster.workers.values())).pid
-            if pid:
-                os.kill(pid, signal.SIGKILL)
-                killed.append(pid)
+    def kill(progress):
+        pid = random.choice(list(cluster.workers.values())).pid
+        if pid and progress.done >= 100 * (1 + len(killed)) + random.randrange(200):
+            os.kill(pid, signal.SIGKILL)
+            killed.append(pid)
 
-    killer = threading.Thread(target=kill)
     with distributed.Client(cluster) as client:
-        killer.start()
-        try:
-            summary = batch.measure(scene.many(count), scene.settings, scene.rig, tmp_path / "out", client=client,
-                                    chunk=20)
-        finally:
-            over.set()
-            killer.join()
-    assert killed and (summary.exposures, summary.failed) == (count, 0)
+        summary = batch.measure(scene.many(count), scene.settings, scene.rig, tmp_path / "out", client=client, chunk=20,
+                                progress=kill)
+    assert len(killed) >= 3 and (summary.exposures, summary.failed) == (count, 0)
     same(batch.read(tmp_path / "out"), scene.expected(count, tmp_path / "one"))
 
 

@@ -22,8 +22,8 @@ from .parts import CSV, PARQUET, TABLES, best_format, part_file, remove_unknown,
 from .record import FAILED, Record
 
 RUN, JOURNAL, LOCK = "run.json", "journal.sqlite", "lock"
-# A part is written when this many exposures or pairs are held, which bounds memory, or after some time, which bounds what
-# a killed run measures again: a twentieth of the run until now, within the bounds, so that long runs make few parts.
+# A part is written when this many exposures or pairs are held, which bounds memory, or after some time, which bounds
+# what a killed run measures again: a twentieth of the run until now, within bounds, so that long runs make few parts.
 _EXPOSURES, _PAIRS = 1000, 200_000
 _SHARE, _LEAST_SECONDS, _MOST_SECONDS = 0.05, 1.0, 10.0
 

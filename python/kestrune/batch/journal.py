@@ -113,12 +113,13 @@ class Journal:
 
 
 def order_of(file: Path) -> "tuple[list[int], dict[str, int]]":
-    """Numbers of the parts, and the place of each exposure that is done; nothing is changed.
+    """Numbers of the parts, and the place of each exposure that is done.
 
     @raises InputError  where it is no journal.
     """
     try:
-        db = sqlite3.connect(f"{file.absolute().as_uri()}?mode=ro", uri=True, timeout=_BUSY_SECONDS)
+        # Not read-only: the transaction of a process that was killed may have to be taken back.
+        db = sqlite3.connect(f"{file.absolute().as_uri()}?mode=rw", uri=True, timeout=_BUSY_SECONDS)
         try:
             numbers = [number for (number,) in db.execute("SELECT number FROM part ORDER BY number")]
             names = db.execute("SELECT name FROM exposure WHERE part IS NOT NULL ORDER BY place, name")

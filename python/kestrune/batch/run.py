@@ -19,6 +19,7 @@ from .record import FAILED, Record
 from .task import StereoTask, Task, usable_processors
 
 _LOCAL_CHUNK = 1
+_UNREADABLE = 1000  # so many left images are tried for the size that a calibration does not tell
 # Some tenths of a second, against which the milliseconds of a scheduler are small, and so is the wait for the last.
 _CLUSTER_CHUNK = 4
 
@@ -67,7 +68,7 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
                (name, left, right) or Exposure, which is taken one by one. Names are those of the left files without
                folder and suffix where none are given; a name that is there already gets -2, -3 and so on.
     settings   kestrune.Settings for use "stereo".
-    rig        kestrune.Rig.
+    rig        kestrune.Rig. One without image size gets that of the first left image that can be read.
     out        a folder that is new or empty, or with `resume` holds a run of the same settings, rig and options. Then
                only what is missing is measured; exposures may have been added.
     client     a distributed.Client: work is done by the workers of its Dask cluster, which must see the images under
@@ -88,6 +89,8 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     _check(processes, chunk, range, min_share, threads, timeout, client)
     span = None if range is None else (float(range[0]), float(range[1]))
     source, total = take(exposures)
+    if rig.size is None:
+        source, rig = _sized(source, rig)
     kestrune.Extractor(settings, rig)  # tells what does not fit
     options = {"invert": bool(invert), "range": None if span is None else list(span), "min_share": float(min_share)}
     folder = RunFolder(Path(out), {**describe(settings, rig), "options": options}, resume)
@@ -136,6 +139,19 @@ def execute(source: Iterator[Exposure], total: Optional[int], folder: RunFolder,
     return Summary(folder.path, *folder.totals(), measured=reporter.done, seconds=seconds)
 
 
+def _sized(source: Iterator[Exposure], rig: Any) -> Tuple[Iterator[Exposure], Any]:
+    """The rig with the size of the first left image that can be read, and all exposures still to come."""
+    seen = []
+    for exposure in itertools.islice(source, _UNREADABLE):
+        seen.append(exposure)
+        try:
+            return itertools.chain(seen, source), rig.with_size(*kestrune.image_size(exposure.left))
+        except InputError:  # its own row will tell
+            continue
+    raise InputError(f"the calibration has no image size, and none of the first {len(seen)} left images can be read to "
+                     "take it from")
+
+
 def _missing(source: Iterator[Exposure], folder: RunFolder, reporter: Reporter) -> Iterator[Exposure]:
     for exposure in source:
         admitted = folder.journal.admit(exposure)
@@ -165,5 +181,7 @@ def _check(processes: Optional[int], chunk: Optional[int], range: Optional[Tuple
         raise InputError(f"min_share: {min_share!r} is no share of 0 to 1")
     if range is not None and not (len(range) == 2 and float("-inf") < range[0] < range[1] < float("inf")):
         raise InputError(f"range: {range!r} is no (low, high)")
+    if client is not None and processes is not None:
+        raise InputError("processes: is for this machine, a cluster has its workers")
     if client is not None and getattr(client, "asynchronous", False):
         raise InputError("client: an asynchronous one cannot be used here")

@@ -39,10 +39,10 @@ class StereoTask:
 
         def measure(exposure: Exposure) -> Record:
             files = (exposure.left, exposure.right)
-            points = extractor.stereo_files(*files, invert=self.invert, range=self.range, min_share=self.min_share)
             if self.range is None and any(kestrune.bit_depth(file) > 8 for file in files):
                 return failed(exposure, "has more than 8 bits: all exposures of a run are mapped alike, which needs "
                                         "range=(low, high), on the command line --range LOW:HIGH")
+            points = extractor.stereo_files(*files, invert=self.invert, range=self.range, min_share=self.min_share)
             return measured(exposure, points, self.as_lines)
 
         return measure
