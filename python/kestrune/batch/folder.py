@@ -116,7 +116,7 @@ class RunFolder:
         if not self._held:
             return
         records, number = self._held, self._next
-        # Before anything can fail: what is not journalled then is measured again, but never written twice.
+        # Before anything can fail: what is not journalled in the end is measured again, but never written twice.
         self._held, self._held_pairs, self._next = [], 0, number + 1
         try:
             sizes = write_part(self.path, number, self.format, records)
@@ -125,6 +125,10 @@ class RunFolder:
             self.journal.commit(Part(number, len(records), bad, good, *sizes), (r.row.exposure for r in records))
         except (OSError, sqlite3.OperationalError) as error:
             raise RunInterrupted(f"{self.path}: {error}; {KEPT}") from error
+        except KeyboardInterrupt:
+            if not self.journal.has(number):
+                self._held = records
+            raise
 
     def totals(self) -> Totals:
         """Of what is journalled."""

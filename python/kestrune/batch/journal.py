@@ -89,9 +89,13 @@ class Journal:
 
     def commit(self, part: Part, names: Iterable[str]) -> None:
         """The part's files are in place: from now on its exposures are done."""
+        self._db.commit()  # what was admitted is not to be taken back with a part that fails
         with self._db:
             self._db.execute("INSERT INTO part VALUES (?, ?, ?, ?, ?, ?)", part)
             self._db.executemany("UPDATE exposure SET part = ? WHERE name = ?", ((part.number, n) for n in names))
+
+    def has(self, number: int) -> bool:
+        return self._db.execute("SELECT 1 FROM part WHERE number = ?", (number,)).fetchone() is not None
 
     def drop(self, number: int) -> None:
         """Its exposures are to be measured again."""
