@@ -105,7 +105,9 @@ class Settings:
         return sorted({*super().__dir__(), *(field.name for field in setting_fields())})
 
     def __eq__(self, other: object) -> bool:
-        return bool(self._held == other._held) if isinstance(other, Settings) else NotImplemented
+        if not isinstance(other, Settings):
+            return NotImplemented
+        return bool(self._held == other._held)
 
     __hash__ = None  # type: ignore[assignment]
 
@@ -202,7 +204,9 @@ class Rig:
         return self._held.rectify_flags
 
     def __eq__(self, other: object) -> bool:
-        return bool(self._held == other._held) if isinstance(other, Rig) else NotImplemented
+        if not isinstance(other, Rig):
+            return NotImplemented
+        return bool(self._held == other._held)
 
     __hash__ = None  # type: ignore[assignment]
 

@@ -15,7 +15,7 @@ constexpr std::array<bool, 5> kEverywhere{true, true, true, true, true};
 constexpr std::array<bool, 5> kOnlySimple{true, false, false, false, false};
 constexpr std::array<bool, 5> kOnlyRadial{false, true, false, false, false};
 constexpr std::array<bool, 5> kOnlyComplex{false, false, false, true, false};
-constexpr std::array<bool, 5> kAdaptive{false, true, false, true, false};  ///< those with an adaptive threshold
+constexpr std::array<bool, 5> kWithThreshold{false, true, false, true, false};  ///< those with an adaptive threshold
 
 template <auto Low, auto High>
 bool inOrder(const C& c) {
@@ -37,7 +37,7 @@ constexpr std::array kRules = {
     R{{"minDiameter", "maxDiameter"}, kEverywhere, inOrder<&C::minDiameter, &C::maxDiameter>, "wanted: min <= max"},
     R{{"aperture", nullptr}, kEverywhere, [](const C& c) { return c.aperture % 2 == 1; }, "must be odd"},
     R{{"aperture", nullptr},
-      kAdaptive,
+      kWithThreshold,
       [](const C& c) { return c.aperture >= 3; },
       "paths radial and complex need 3 or more"},
     // The derivative kernel reaches three sigma, rounded; below this it has no tap left.

@@ -46,8 +46,9 @@ std::size_t endOfValue(const std::string& text, const YAML::Node& value) {
     if (first == '[') return std::min(text.find(']', begin), text.size() - 1) + 1;
     if (first != '"' && first != '\'') return endOfPlain(text, begin);
     std::size_t end = begin + 1;
-    for (; end < text.size() && text[end] != first; ++end)
-        if (first == '"' && text[end] == '\\') ++end;
+    // Within quotes of one stroke two of them stand for one.
+    const auto escapes = [&] { return first == '"' ? text[end] == '\\' : text.compare(end, 2, "''") == 0; };
+    while (end < text.size() && (escapes() || text[end] != first)) end += escapes() ? 2U : 1U;
     return std::min(end + 1, text.size());
 }
 
@@ -74,6 +75,11 @@ bool isNothing(const CicrleConfigs& configs, const SettingField& field) {
 
 bool choosesPath(const SettingField& field) {
     return field.name == std::string("useComplexExtract") || field.name == std::string("useRadialContours");
+}
+
+/// Settings for stereo serve the extraction of one image as well.
+bool belongs(const SettingField& field, Path path, Use use) {
+    return field.isReadBy(path, use) || field.isReadBy(path, Use::extraction);
 }
 
 std::string lineOf(const CicrleConfigs& configs, const SettingField& field) {
@@ -123,7 +129,7 @@ std::string newText(const Settings& settings, Use use) {
     std::string text = fmt::format("# Settings of path {}{}.\n", nameOf(settings.path),
                                    use == Use::stereo ? ", for stereo measurements as well" : "");
     for (const SettingField& field : settingFields())
-        if (field.isReadBy(settings.path, use)) text += lineOf(settings.configs, field);
+        if (belongs(field, settings.path, use)) text += lineOf(settings.configs, field);
     return text;
 }
 
@@ -134,7 +140,7 @@ std::string changedText(const std::string& file, const std::string& text, const 
     std::map<std::size_t, std::pair<std::size_t, std::string>> changes;  // begin: end and new text
     std::string added;
     for (const SettingField& field : settingFields()) {
-        const bool isRead = field.isReadBy(settings.path, use);
+        const bool isRead = belongs(field, settings.path, use);
         const std::string wanted = textOf(settings.configs, field);
         bool isThere = false;
         for (const auto& entry : root) {

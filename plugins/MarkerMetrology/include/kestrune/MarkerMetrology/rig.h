@@ -43,8 +43,10 @@ struct Rig {
 /// @throws InputError  with a line for each field that is missing or wrong.
 KESTRUNE_API Rig readRig(const std::string& file);
 
-/// Writes the rig in the form of OpenCV's stereo calibration, with the left camera as the world. @throws InputError,
-/// OutputError
+/// Writes the rig in the form of OpenCV's stereo calibration, with the left camera as the world: read again, cameras are
+/// the same numbers, and the poses differ by rounding.
+///
+/// @throws InputError, OutputError
 KESTRUNE_API void writeRig(const std::string& file, const Rig& rig);
 
 /// A rig in the terms of OpenCV's stereo calibration, with the left camera as the world.
