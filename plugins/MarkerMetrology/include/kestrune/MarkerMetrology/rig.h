@@ -43,8 +43,8 @@ struct Rig {
 /// @throws InputError  with a line for each field that is missing or wrong.
 KESTRUNE_API Rig readRig(const std::string& file);
 
-/// Writes the rig in the form of OpenCV's stereo calibration, with the left camera as the world: read again, cameras are
-/// the same numbers, and the poses differ by rounding.
+/// Writes the rig in the form of OpenCV's stereo calibration, with the left camera as the world: read again, cameras
+/// are the same numbers, and the poses differ by rounding.
 ///
 /// @throws InputError, OutputError
 KESTRUNE_API void writeRig(const std::string& file, const Rig& rig);
