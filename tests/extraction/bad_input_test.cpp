@@ -92,11 +92,11 @@ TEST(BadInput, TinyAndEmptyImagesEndInNothingOrAnExceptionOnEveryPath) {
         cv::Mat noise(size, CV_8UC1), colour(size, CV_8UC3), white(size, CV_8UC1, cv::Scalar(255));
         if (!size.empty()) rng.fill(noise, cv::RNG::UNIFORM, 0, 256), rng.fill(colour, cv::RNG::UNIFORM, 0, 256);
         for (const auto& [what, change] : changes) {
-            for (int run = 0; run < 3 * 3 * 9; ++run) {  // path of the settings, scale, image, call
+            for (std::size_t run = 0; run < 3 * 3 * 9; ++run) {  // path of the settings, scale, image, call
                 C c = configsOfPaths()[run / 27];
                 change(c);
                 c.refineAtFullSize = true, c.scale = 1 + run / 9 % 3;
-                const int image = run / 3 % 3, call = run % 3;
+                const std::size_t image = run / 3 % 3, call = run % 3;
                 E e;
                 Corners corners;
                 bool found = false;

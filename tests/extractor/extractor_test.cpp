@@ -55,7 +55,8 @@ TEST(Extractor, OwnsScratchOfTheImagesSizeAndKeepsTheNameOnFailure) {
     for (const cv::Size size : {cv::Size(200, 150), cv::Size(100, 50), cv::Size(80, 60)}) {
         corners.clear(), configs.scale = size.width == 80 ? 1 : 3;
         extractor.CircleExtractSimple(discImage(size, {40, 25}, 8), corners, 0, configs);
-        const std::size_t full = size.area(), reduced = (size.width / configs.scale) * (size.height / configs.scale);  // 33 by 16 for the second
+        const auto full = static_cast<std::size_t>(size.area());
+        const auto reduced = static_cast<std::size_t>((size.width / configs.scale) * (size.height / configs.scale));  // 33 by 16 for the second
         EXPECT_EQ(std::tuple(extractor.scratchBlurFull.size(), extractor.scratchBinary.size()), std::tuple(full, full)) << size;
         EXPECT_EQ(std::tuple(extractor.scratchEdgeMask.size(), extractor.scratchLabels.size()), std::tuple(reduced, reduced)) << size;
         EXPECT_EQ(std::tuple(extractor.rayDirections.size(), extractor.probeDirections.size()), std::tuple(72u, 24u));

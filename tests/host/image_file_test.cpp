@@ -24,7 +24,8 @@ std::string tiffWithPixelsLast(const cv::Mat& image) {
         for (int i = 0; i < bytes; ++i) text += static_cast<char>(value >> (8 * i));
         return text;
     };
-    const unsigned size = image.cols * image.elemSize() * 16, strips = image.rows / 16, lists = 8 + 2 + 9 * 12 + 4, data = lists + 8 * strips;
+    const auto size = static_cast<unsigned>(16 * image.step[0]), strips = static_cast<unsigned>(image.rows / 16);
+    const unsigned lists = 8 + 2 + 9 * 12 + 4, data = lists + 8 * strips;
     std::string tiff = "II" + u(42, 2) + u(8, 4) + u(9, 2);
     const std::array<std::array<unsigned, 3>, 9> tags = {{{256, 1, static_cast<unsigned>(image.cols)},
                                                           {257, 1, static_cast<unsigned>(image.rows)},
@@ -130,7 +131,7 @@ TEST(HostGreyRange, IsThatOfTheWholeRunAndTold) {
     const scene::Exposure exposure = scene::render(rig, scene::makeCurvedObject(rig, 6, 8, 12, 200, 1), {}, {});
     writeRig("rig.yaml", rig);
     writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 8, 12 ]"}});
-    for (int eye = 0; eye < 2; ++eye) {
+    for (std::size_t eye = 0; eye < 2; ++eye) {
         const std::string name = eye == 0 ? "left" : "right";
         cv::Mat twelve, real, dim = exposure.image[eye] / 8;
         exposure.image[eye].convertTo(twelve, CV_16U, 16), exposure.image[eye].convertTo(real, CV_32F, 0.5, -3);

@@ -4,6 +4,7 @@
 #include <map>
 #include <opencv2/imgcodecs.hpp>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "csv.h"
 #include "explanation.h"
 #include "overlay.h"
@@ -70,7 +71,7 @@ TEST(HostProgram, DepthPlacesMarkersOnThePlate) {
     ASSERT_GE(markers.size(), 10u);
     cv::Mat plate(640, 800, CV_32FC1, cv::Scalar(1000));
     int hole = 0;
-    for (const double value : {0.0, -3.0, test::kNaN, test::kInf}) plate.at<float>(markers[2 * hole++].centre) = static_cast<float>(value);
+    for (const double value : {0.0, -3.0, test::kNaN, test::kInf}) plate.at<float>(markers[asIndex(2 * hole++)].centre) = static_cast<float>(value);
     cv::imwrite("plate.tiff", plate);
     cv::imwrite("plate.png", cv::Mat(640, 800, CV_16UC1, cv::Scalar(8000)));
     for (const auto& [arguments, dropped] : {std::pair("plate.tiff --depth-scale 1", 4u), {"plate.png --depth-scale 0.125", 0u}}) {

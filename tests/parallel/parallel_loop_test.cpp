@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "parallel/parallel_loop.h"
+#include "MarkerExtractor/stereo/index.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,10 +15,10 @@ namespace kestrune::test::parallel_loop {
 
 /// Runs a loop whose items listed in `failing` throw. @return what came out: the item that failed first, or -1.
 int failureOf(int count, const std::set<int>& failing, std::vector<int>& runs) {
-    runs.assign(count, 0);
+    runs.assign(asIndex(count), 0);
     try {
         forEachInParallel(count, 1, [&](int item) {
-            ++runs[item];
+            ++runs[asIndex(item)];
             if (failing.count(item)) throw item;
         });
     } catch (int item) {
@@ -33,7 +34,7 @@ TEST(ParallelLoop, RunsEachItemOnceAndRaisesTheFirstFailure) {
         omp_set_num_threads(threads);
         for (const int count : {0, 1, 2, 7, 1000}) {
             EXPECT_EQ(failureOf(count, {}, runs), -1) << threads;
-            EXPECT_EQ(runs, std::vector<int>(count, 1)) << threads;
+            EXPECT_EQ(runs, std::vector<int>(asIndex(count), 1)) << threads;
         }
         for (int repeat = 0; repeat < 100; ++repeat) {
             EXPECT_EQ(failureOf(1000, {400, 401, 700, 999}, runs), 400) << threads;
@@ -44,9 +45,9 @@ TEST(ParallelLoop, RunsEachItemOnceAndRaisesTheFirstFailure) {
 
 /// Threads that a loop of `count` items of `microseconds` each runs on.
 std::size_t threadsOf(int count, int microseconds, std::int64_t mostPerItem) {
-    std::vector<std::thread::id> ids(count);
+    std::vector<std::thread::id> ids(asIndex(count));
     forEachInParallel(count, mostPerItem, [&](int item) {
-        ids[item] = std::this_thread::get_id();
+        ids[asIndex(item)] = std::this_thread::get_id();
         const std::clock_t begin = std::clock();
         while (std::clock() - begin < microseconds * (CLOCKS_PER_SEC / 1'000'000)) {
         }

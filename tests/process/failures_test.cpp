@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "support/calls.h"
 #include "support/configs.h"
 #include "support/every_operation.h"
@@ -135,7 +136,7 @@ TEST(Failures, LeaveALoopToItsCallerWithoutMemoryOrThreadsForATeam) {
             omp_set_num_threads(4);
             allocations = 0, failsOnce = false, firstFailure = isShort, noThreads = lacksThreads;
             forEachInParallel(100, 1, [&](int item) {
-                ids[item] = std::this_thread::get_id();
+                ids[asIndex(item)] = std::this_thread::get_id();
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             });
             firstFailure = 0, noThreads = false;

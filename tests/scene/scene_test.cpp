@@ -81,7 +81,7 @@ TEST(Render, KeepsMomentsOrderAndNoise) {
     const std::vector<Patch> patches{{0, {{150, 139}, {350, 139}, {350, 179}, {150, 179}}, 90}};  // under the disc
     const auto renderWith = [&](int seed) { return render({kPlain, kPlain}, {disc}, patches, {40, 0.8, 2, static_cast<std::uint64_t>(seed)}).image; };
     const auto first = renderWith(1), again = renderWith(1), other = renderWith(2);
-    for (int eye = 0; eye < 2; ++eye) {
+    for (std::size_t eye = 0; eye < 2; ++eye) {
         EXPECT_EQ(cv::norm(first[eye], again[eye], cv::NORM_INF), 0);
         // Independent exposures differ by sqrt(2) of the noise and of the rounding's variance of 1/12.
         const cv::Rect plain(0, 0, 400, 120);
@@ -97,7 +97,7 @@ TEST(ReadyScenes, ShowDiscsInTheirPlacesApartAndClear) {
     for (const auto& discs : {makeScatteredDiscs(rig, 60, 6, 12, 30, 200, 5), makeCurvedObject(rig, 60, 3, 5, 200, 5)}) {
         EXPECT_EQ(discs.size(), 60U);
         const Exposure clutter = render(rig, {}, makeClutter(rig, discs, 60, 9), {40, 0.8, 0, 1}), clean = render(rig, discs, {}, {40, 0, 0, 1});
-        for (int eye = 0; eye < 2; ++eye) {
+        for (std::size_t eye = 0; eye < 2; ++eye) {
             cv::Mat_<std::uint8_t> seen(rig.left.size, 0), once(rig.left.size, 0);
             for (const MarkerTruth& marker : clean.markers) {
                 const EllipseTruth& e = marker.eye[eye];
@@ -124,7 +124,7 @@ TEST(ReadyScenes, AreTheSameOnEveryCompiler) {
 
 TEST(Score, PairsNearestFirst) {
     std::vector<MarkerTruth> truth(4);  // at x = 0, 10, 20 and, out of view, 30
-    for (int i = 0; i < 4; ++i) truth[i].eye[1] = {i < 3, {10.0 * i, 0}, {10.0 * i, 100}, {}, 0, 0, 0, {}};
+    for (std::size_t i = 0; i < 4; ++i) truth[i].eye[1] = {i < 3, {10.0 * i, 0}, {10.0 * i, 100}, {}, 0, 0, 0, {}};
     using Lists = std::vector<std::vector<int>>;
     // Detections, largest distance; marker, detection, marker, ..., then missed, then false ones; RMS, largest.
     const std::tuple<Polygon, double, Lists, double, double> table[] = {{{{6, 0}, {1, 0}}, 8, {{0, 1, 1, 0}, {2}, {}}, std::sqrt(8.5), 4},

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/stereo/conic_match.h"
+#include "MarkerExtractor/stereo/index.h"
 
 #include <random>
 
@@ -63,8 +64,9 @@ TEST(MatchConicCorners, RecoversDiscsInBothFrames) {
         const Matched m(left, right, e, stereoConfigs(rectified));
         ASSERT_EQ(m.pairs.size(), seen.size()) << rectified;
         const cv::Matx33d frame = rectified ? cv::Matx33d(e.leftRectification) : cv::Matx33d::eye();
-        for (int k = 0; k < static_cast<int>(m.pairs.size()); ++k) {
-            EXPECT_TRUE(m.pairs[k].first == k && right[m.pairs[k].second].id == k);
+        for (std::size_t k = 0; k < m.pairs.size(); ++k) {
+            EXPECT_EQ(asIndex(m.pairs[k].first), k);
+            EXPECT_EQ(asIndex(right[asIndex(m.pairs[k].second)].id), k);
             EXPECT_LT(cv::norm(cv::Vec3d(&m.points[k].x) - frame * seen[k].centre), 0.02);
             EXPECT_GT(cv::Vec3d(&m.normals[k].x).dot(frame * seen[k].normal), 1 - 1e-6);
             EXPECT_NEAR(m.radii[k], seen[k].radius, 1e-4 * seen[k].radius);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/stereo/constellation.h"
+#include "MarkerExtractor/stereo/index.h"
 
 #include <numeric>
 #include <random>
@@ -26,7 +27,7 @@ struct PlainEye {
         count = static_cast<int>(active.size()), edges = buildEdges(active);
         for (MarkerEdge& e : edges) e.first = static_cast<int>(e.from - all[0]), e.second = static_cast<int>(e.to - all[0]);
     }
-    cv::Point2d operator[](int i) const { return {all[i]->x, all[i]->y}; }
+    cv::Point2d operator[](int i) const { return {all[asIndex(i)]->x, all[asIndex(i)]->y}; }
     cv::Point2d mean(const Corners& c) const { return ((*this)[c[1]] + (*this)[c[2]] + (*this)[c[0]]) / 3.; }
 };
 
@@ -73,7 +74,7 @@ bool plainSearch(const Records& leftRecords, const Records& rightRecords, double
         for (int t = 0; t < static_cast<int>(left.all.size()); ++t) {
             double least = kInf;
             int u = -1;
-            for (int c : left.all[t]->matches) {
+            for (int c : left.all[asIndex(t)]->matches) {
                 const double cost = costOf(polar(leftCentroid, left[t]), polar(rightCentroid, right[c]));
                 if (cost == kInf || (u >= 0 && !(cost < least))) continue;
                 error += u < 0 ? cost : cost - least;
@@ -81,7 +82,7 @@ bool plainSearch(const Records& leftRecords, const Records& rightRecords, double
             }
             if (u < 0) continue;
             const cv::Point2d partner = polar(rightCentroid, right[u]);
-            const bool hasRival = std::any_of(right.all[u]->matches.begin(), right.all[u]->matches.end(),
+            const bool hasRival = std::any_of(right.all[asIndex(u)]->matches.begin(), right.all[asIndex(u)]->matches.end(),
                                               [&](int v) { return v != t && costOf(partner, polar(leftCentroid, left[v])) < least; });
             error -= hasRival ? least : 0;
             if (!hasRival) pairs.emplace_back(t, u);
@@ -108,13 +109,13 @@ bool plainSearch(const Records& leftRecords, const Records& rightRecords, double
         return false;
     };
 
-    std::vector<int> order(n);
+    std::vector<int> order(static_cast<std::size_t>(n));
     std::iota(order.begin(), order.end(), 0);
     std::mt19937 generator;
     std::uniform_int_distribution<int> draw(0, std::max(0, static_cast<int>(n) - 1));
     for (std::int64_t i = n < 2 ? 0 : n < 2000 ? n * (n - 1) / 2 : 2'000'000; i > 0; --i) {
-        for (int slot : {0, 1}) std::swap(order[slot], order[draw(generator)]);
-        if (!tryPair(left.edges[std::min(order[0], order[1])], left.edges[std::max(order[0], order[1])])) continue;
+        for (const std::size_t slot : {0U, 1U}) std::swap(order[slot], order[asIndex(draw(generator))]);
+        if (!tryPair(left.edges[asIndex(std::min(order[0], order[1]))], left.edges[asIndex(std::max(order[0], order[1]))])) continue;
         pruneInconsistentPairs(left.all, right.all, best, l, g);
         return true;
     }
@@ -129,20 +130,20 @@ using Scene = std::tuple<Records, Records, Pairs>;  // left, right, truth
 Scene makeScene(unsigned seed, int n, bool isGrid, double rivals, double truthShare, double size = 2000) {
     std::mt19937 generator(seed);
     const auto uniform = [&](double lo, double hi) { return lo + (hi - lo) * (generator() / 4294967296.0); };
-    std::vector<int> image(n);
+    std::vector<int> image(asIndex(n));
     std::iota(image.begin(), image.end(), 0);
-    for (int i = n - 1; i > 0; --i) std::swap(image[i], image[generator() % (i + 1)]);
-    Records left(n), right(n);
+    for (std::size_t i = image.size(); i-- > 1;) std::swap(image[i], image[generator() % (i + 1)]);
+    Records left(image.size()), right(image.size());
     Pairs truth;
     for (int i = 0, row = 0, side = std::max(1, static_cast<int>(std::sqrt(n))); i < n; row = ++i / side) {
         const double x = isGrid ? 60 * (i % side) : uniform(0, size), y = isGrid ? 60 * row : uniform(0, size / 6);
-        left[i] = at(x, y);
-        right[image[i]] = isGrid ? at(x - 99, y) : at(.98 * x + .01 * y + uniform(-.3, .3), y + uniform(-.3, .3));
+        left[asIndex(i)] = at(x, y);
+        right[asIndex(image[asIndex(i)])] = isGrid ? at(x - 99, y) : at(.98 * x + .01 * y + uniform(-.3, .3), y + uniform(-.3, .3));
     }
-    const auto link = [&](int i, int j) { left[i].matches.push_back(j), right[j].matches.push_back(i); };
+    const auto link = [&](int i, int j) { left[asIndex(i)].matches.push_back(j), right[asIndex(j)].matches.push_back(i); };
     for (int i = 0; i < n; ++i) {
-        for (int more = static_cast<int>(uniform(0, 2 * rivals)); more > 0; --more) link(i, static_cast<int>(generator() % n));
-        if (uniform(0, 1) < truthShare) link(i, image[i]), truth.emplace_back(i, image[i]);
+        for (int more = static_cast<int>(uniform(0, 2 * rivals)); more > 0; --more) link(i, static_cast<int>(generator() % image.size()));
+        if (uniform(0, 1) < truthShare) link(i, image[asIndex(i)]), truth.emplace_back(i, image[asIndex(i)]);
     }
     return {left, right, truth};
 }
@@ -152,12 +153,13 @@ TEST(FindConstellation, IsThePlainSearchForAnySceneAndNumberOfThreads) {
     const int total = 9 * 2 * 3 * 3 * 2 * 4;
     int reached = 0;
     for (int i = 0; i < total + 2; ++i) {
-        const int n = std::array{0, 1, 2, 3, 4, 6, 9, 13, 16}[i % 9], kind = i / 9;
-        const double rivals = std::array{0, 2, 9}[kind / 2 % 3], truthShare = std::array{0., .5, 1.}[kind / 6 % 3];
+        const int n = std::array{0, 1, 2, 3, 4, 6, 9, 13, 16}[asIndex(i % 9)], kind = i / 9;
+        const double rivals = std::array{0, 2, 9}[asIndex(kind / 2 % 3)], truthShare = std::array{0., .5, 1.}[asIndex(kind / 6 % 3)];
         // Two with loose tolerances and all markers candidates: more triangles in one go than one thread would be given.
         const bool isLarge = i >= total, isLoose = kind / 18 % 2 == 1;
         const double l = isLarge ? 0.5 : isLoose ? 0.3 : 0.1, g = isLarge ? 0.6 : isLoose ? 0.3 : 0.08, size = kind / 36 % 2 ? 40 : 400;
-        const auto [left, right, truth] = isLarge ? makeScene(11, 36, i == total, 60, 0.6) : makeScene(i, n, kind % 2 == 0, rivals, truthShare, size);
+        const auto [left, right, truth] =
+            isLarge ? makeScene(11, 36, i == total, 60, 0.6) : makeScene(static_cast<unsigned>(i), n, kind % 2 == 0, rivals, truthShare, size);
         leastSharedWork = isLarge ? 0 : shared.usual;  // a team for each of so many small batches takes long to gather on a busy machine
         Pairs pairs{{7, 7}}, expected;
         const bool isReached = plainSearch(left, right, l, g, expected);
@@ -194,7 +196,9 @@ TEST(BuildEdges, FoldsDirectionsAndSortsByLength) {
     ASSERT_EQ(edges.size(), 10u);
     for (std::size_t i = 0; i < std::size(expected); ++i) {
         const auto& [first, second, length, angle] = expected[i];
-        EXPECT_TRUE(edges[i].first == first && edges[i].second == second && edges[i].from == &records[first] && edges[i].to == &records[second]) << i;
+        EXPECT_TRUE(edges[i].first == first && edges[i].second == second && edges[i].from == &records[asIndex(first)] &&
+                    edges[i].to == &records[asIndex(second)])
+            << i;
         EXPECT_DOUBLE_EQ(edges[i].length, length) << i;
         EXPECT_DOUBLE_EQ(edges[i].angle, angle) << i;
     }
@@ -226,10 +230,11 @@ TEST(PruneInconsistentPairs, TheWorseOfTwoThatContradictGoes) {
     for (const auto& [what, left, right, kept, angleTolerance] : cases) {
         Records l, r;
         Pairs pairs, expected;
-        for (int i = 0, n = static_cast<int>(left.size()); i < n; ++i) {  // the right list is turned around
-            l.push_back(at(left[i].x, left[i].y)), r.insert(r.begin(), at(right[i].x, right[i].y)), pairs.emplace_back(i, n - 1 - i);
+        for (std::size_t i = 0; i < left.size(); ++i) {  // the right list is turned around
+            l.push_back(at(left[i].x, left[i].y)), r.insert(r.begin(), at(right[i].x, right[i].y));
+            pairs.emplace_back(i, left.size() - 1 - i);
         }
-        for (int i : kept) expected.push_back(pairs[i]);
+        for (int i : kept) expected.push_back(pairs[asIndex(i)]);
         pruneInconsistentPairs(PlainEye(l).all, PlainEye(r).all, pairs, 0.1, angleTolerance);
         EXPECT_EQ(pairs, expected) << what;
     }

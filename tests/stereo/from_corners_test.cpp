@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <random>
 
+#include "MarkerExtractor/stereo/index.h"
 #include "support/calls.h"
 #include "support/rigs.h"
 #include "support/teams.h"
@@ -62,7 +63,7 @@ TEST(FromCorners, PairsByItsRulesWhicheverEyeIsShorter) {
             ASSERT_EQ(rows.match(), expected) << what << turned;
             ASSERT_TRUE(rows.log.empty() && rows.refusal.empty() && rows.points.size() == expected.size()) << what;
             for (std::size_t m = 0; m < expected.size(); ++m) {
-                const Corner &l = rows.left[expected[m].first], &r = rows.right[expected[m].second];
+                const Corner &l = rows.left[asIndex(expected[m].first)], &r = rows.right[asIndex(expected[m].second)];
                 const double z = (turned ? -1 : 1) / (l.x - r.x);
                 EXPECT_TRUE(l.matched && r.matched && l.position == Eigen::Vector3d(&rows.points[m].x));
                 EXPECT_TRUE(l.y != r.y || (l.position - Eigen::Vector3d(l.x * z, l.y * z, z)).norm() < 1e-6) << what << m;
@@ -121,10 +122,10 @@ TEST(FromCorners, MatchesNoisyCentresForAnyNumberOfThreads) {
             }
             all += pairs.size();
             for (std::size_t m = 0; m < pairs.size(); ++m) {
-                const int id = left[pairs[m].first].id;
-                const bool isWrong = id != right[pairs[m].second].id;
+                const int id = left[asIndex(pairs[m].first)].id;
+                const bool isWrong = id != right[asIndex(pairs[m].second)].id;
                 wrong += isWrong;
-                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - seen[id].centre) < 0.4) << seed;
+                EXPECT_TRUE(isWrong || cv::norm(cv::Vec3d(&points[m].x) - seen[asIndex(id)].centre) < 0.4) << seed;
             }
         }
         EXPECT_TRUE(all > (missing > 0 ? 460u : 590u) && wrong <= (missing > 0 ? 3 : 0)) << all << ' ' << wrong;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "MarkerExtractor/stereo/index.h"
 #include "support/calls.h"
 #include "support/configs.h"
 #include "support/rigs.h"
@@ -43,7 +44,7 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
     const scene::Exposure rectified = scene::render(rectifiedCameras, scene::makeCurvedObject(parallel, 16, 4, 6, 190, 3), {}, {});
     std::vector<Eigen::Vector3d> normals[12];
     for (int run = 0; run < 12; ++run) {
-        const Path path = std::array{kRows, kRadial, kRims}[run / 4];
+        const Path path = std::array{kRows, kRadial, kRims}[asIndex(run / 4)];
         const bool cornersRectified = run & 1, outputRectified = run & 2;
         const scene::Exposure& exposure = cornersRectified ? rectified : exposed();
         CircleMarkerExtractor extractor = calibrated(cornersRectified ? parallel : exposed().rig);
@@ -61,9 +62,9 @@ TEST(StereoFromImages, MeasuresTheDiscsOnEveryPathInAllFrames) {
         EXPECT_TRUE(cornersRectified || (o.left.size() == 24 && o.right.size() == 24));
         ASSERT_EQ(o.points.size(), o.pairs.size());
         std::ptrdiff_t lastLeft = -1;
-        for (int k = 0; k < static_cast<int>(o.pairs.size()); ++k) {
+        for (std::size_t k = 0; k < o.pairs.size(); ++k) {
             const auto& [l, r] = o.pairs[k];
-            EXPECT_TRUE(l.id == k && r.id == k && l.matched && r.matched && l.position == r.position) << run;
+            EXPECT_TRUE(asIndex(l.id) == k && r.id == l.id && l.matched && r.matched && l.position == r.position) << run;
             const cv::Vec3d position(l.position.data());
             EXPECT_LT(cv::norm(cv::Vec3d(&o.points[k].x) - toOutput * position), 1e-9) << "the corners' positions stay in the corners' frame";
             const auto error = [&](const scene::MarkerTruth& m) { return cv::norm(ofCorners * m.disc.centre - position); };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/stereo/rectified_match.h"
+#include "MarkerExtractor/stereo/index.h"
 
 #include <algorithm>
 #include <cstring>
@@ -183,7 +184,9 @@ TEST(RectifiedMatch, PlacesDiscsInSpaceForAnyNumberOfThreads) {
         const Pairs pairs = e.match(run & 7);
         ASSERT_TRUE(static_cast<int>(pairs.size()) == count && e.points.size() == pairs.size() + 1 && e.points[0].z == 9) << run;
         for (int k = 0; k < count; ++k)
-            EXPECT_TRUE(pairs[k] == std::pair(k, count - 1 - k) && cv::norm(cv::Vec3d(&e.points[k + 1].x) - turn.t() * e.truth[k]) < 1e-8) << run;
+            EXPECT_TRUE(pairs[asIndex(k)] == std::pair(k, count - 1 - k) &&
+                        cv::norm(cv::Vec3d(&e.points[asIndex(k + 1)].x) - turn.t() * e.truth[asIndex(k)]) < 1e-8)
+                << run;
         if (run < 16) reference[run] = e.points;
         EXPECT_EQ(std::memcmp(e.points.data(), reference[run % 16].data(), sizeof(e.points[0]) * e.points.size()), 0) << run;
     }

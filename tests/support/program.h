@@ -110,7 +110,7 @@ inline std::vector<Row> rowsOf(const std::string& file, const std::string& heade
         }
         if (line.ends_with(',')) values.push_back(NAN);
         EXPECT_EQ(std::ranges::count(header, ','), std::ssize(values)) << line;
-        values.resize(std::ranges::count(header, ','));
+        values.resize(static_cast<std::size_t>(std::ranges::count(header, ',')));
     }
     return rows;
 }
