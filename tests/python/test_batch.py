@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 import csv
+import errno
 import os
 import random
 import shutil
@@ -20,7 +21,7 @@ from kestrune import batch
 from kestrune.batch.__main__ import main
 from kestrune.batch.exposures import Exposure, take
 from kestrune.batch.journal import Journal
-from kestrune.batch.record import csv_number
+from kestrune.batch.record import csv_lines, csv_number
 
 PROGRAM = os.environ.get("KESTRUNE_MEASURE") or shutil.which("kestrune-measure")
 
@@ -58,13 +59,15 @@ def test_tables_are_read_without_pandas(scene, tmp_path, monkeypatch):
     for array, frame in zip(batch.read(tmp_path), frames):
         assert isinstance(array, np.ndarray) and array.dtype.names == tuple(frame.columns)
         pandas.testing.assert_frame_equal(pandas.DataFrame(array), frame, check_exact=True)
-    assert list(frames.exposures.exposure) == ["a,\"b", "none"]
+    rows = frames.exposures
+    assert list(zip(rows.exposure, rows.rowResidual.isna())) == [("a,\"b", False), ("none", True)]
 
 
 @pytest.mark.parametrize("value, text", [(2.0, "2"), (-0.0, "-0"), (float("nan"), ""), (0.1, "0.1"), (1e-5, "1e-05"),
                                          (1e16, "1e+16"), (123456789012345.6, "123456789012345.6"), (7, "7")])
 def test_numbers_are_written_as_by_the_program(value, text):
-    assert csv_number(value) == text
+    array = np.array([(value, value)], [("X", type(value)), ("Y", type(value))])
+    assert (csv_number(value), csv_lines("a.0,b", array)) == (text, f'"a.0,b",{text},{text}\n')
 
 
 def test_names_are_given_once(tmp_path):
@@ -110,6 +113,29 @@ def test_images_that_fail_have_rows_with_reasons(scene, tmp_path):
         assert text in reason
     measure(scene, items[3:], tmp_path / "ranged", range=(0, 65535))
     assert "range=" not in batch.read(tmp_path / "ranged").exposures.reason[0]
+
+
+def test_a_rig_without_size_takes_that_of_the_first_image_that_can_be_read(scene, tmp_path):
+    file = tmp_path / "rig.yaml"
+    file.write_text("".join(line for line in open(scene.rig_file) if not line.startswith("image_")))
+    rig, items = kestrune.Rig.read(str(file)), [("none", "/no.pgm", "/no.pgm"), *scene.many(2)]
+    assert rig.size is None
+    batch.measure(iter(items), scene.settings, rig, tmp_path / "out")
+    measure(scene, items, tmp_path / "sized")
+    same(batch.read(tmp_path / "out"), batch.read(tmp_path / "sized"))
+    with pytest.raises(kestrune.InputError, match="none of the first 1 left images"):
+        batch.measure(items[:1], scene.settings, rig, tmp_path / "none")
+
+
+def test_a_full_disk_interrupts(scene, tmp_path, monkeypatch):
+    def full(*_):
+        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))
+
+    monkeypatch.setattr("kestrune.batch.folder.write_part", full)
+    with pytest.raises(batch.RunInterrupted, match="No space left on device; .* resume"):
+        measure(scene, scene.many(3), tmp_path)
+    monkeypatch.undo()
+    assert measure(scene, scene.many(3), tmp_path, resume=True).measured == 3
 
 
 def test_a_crash_is_the_fault_of_one_exposure(tmp_path):
