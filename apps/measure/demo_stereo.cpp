@@ -5,10 +5,13 @@
 
 #include <kestrune_scene/stereo_score.h>
 #include <array>
+#include <cmath>
 #include <functional>
 #include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "files/inputs.h"
+#include "files/output_file.h"
 #include "overlay.h"
 #include "progress.h"
 #include "stereo_exposure.h"
@@ -24,6 +27,8 @@ const cv::Size kDefaultStereoSize(2448, 2048);
 // larger discs are needed for the same number of pixels: these are 12 and 20 px.
 constexpr std::array<double, 2> kRadiiMm = {1.5, 2.5};
 constexpr double kMarkerGrey = 190;
+// A depth image of 16 bits reaches 1310 mm in these steps, and the object is nearer.
+constexpr double kDepthStepMm = 0.02;
 
 struct Branch {
     Path path;
@@ -31,11 +36,16 @@ struct Branch {
     const char* file;
     scene::PixelMeaning meaning;
 };
+constexpr std::size_t kBestBranch = 1;  // the most exact one, whose settings are written for the user
 constexpr std::array kBranches = {
     Branch{Path::radial, "conic", "bright-radial.yaml", scene::PixelMeaning::projectedCentre},
     Branch{Path::complex, "edge-conic", "bright-complex.yaml", scene::PixelMeaning::projectedCentre},
     Branch{Path::simple, "constellation", "bright-subpixel.yaml", scene::PixelMeaning::ellipseCentre},
 };
+
+// What a user may measure again.
+constexpr std::array kInputs = {"stereo-left.png", "stereo-right.png", "stereo-depth.png", "stereo-calibration.yaml",
+                                "stereo-settings.yaml"};
 
 /// What one branch made of the exposure.
 struct Outcome {
@@ -58,13 +68,51 @@ scene::Exposure renderObject(const DemoOptions& options, cv::Size size) {
                          scene::makeClutter(rig, discs, cvRound(kClutterPerPixel * size.area()), options.seed), light);
 }
 
+/// What a depth camera in the place of the left eye sees, without its lens: the discs; 0 on the ground between them.
+cv::Mat renderDepth(const scene::Exposure& exposure) {
+    const cv::Matx33d& k = exposure.rig.left.intrinsic;
+    cv::Mat depth = cv::Mat::zeros(exposure.rig.left.size, CV_16U);
+    for (const scene::MarkerTruth& marker : exposure.markers) {
+        const scene::EllipseTruth& rim = marker.eye[0];
+        const cv::Size2f axes(cv::Size2d(2 * rim.majorHalfAxis, 2 * rim.minorHalfAxis));
+        const cv::RotatedRect ellipse(rim.centre, axes, static_cast<float>(rim.angle * 180 / CV_PI));
+        cv::Mat inside = cv::Mat::zeros(depth.size(), CV_8U);
+        cv::ellipse(inside, ellipse, cv::Scalar::all(255), cv::FILLED);
+        const cv::Rect box = ellipse.boundingRect() & cv::Rect({}, depth.size());
+        for (int y = box.y; y < box.br().y; ++y) {
+            for (int x = box.x; x < box.br().x; ++x) {
+                if (inside.at<uchar>(y, x) == 0) continue;
+                const cv::Vec3d ray((x - k(0, 2)) / k(0, 0), (y - k(1, 2)) / k(1, 1), 1);
+                const double z = marker.disc.normal.dot(marker.disc.centre) / marker.disc.normal.dot(ray);
+                depth.at<ushort>(y, x) = cv::saturate_cast<ushort>(z / kDepthStepMm);
+            }
+        }
+    }
+    return depth;
+}
+
+/// The ready settings of a branch, with the radii of this exposure's markers.
+Settings settingsFor(const Branch& branch, const fs::path& folder, cv::Size size) {
+    Settings settings = readStereoSettings((folder / branch.file).string(), branch.path);
+    for (double& radius : settings.configs.markerRadii) radius = std::round(1000 * radius * sizeFactor(size)) / 1000;
+    return settings;
+}
+
+/// The ready file of the most exact branch with its comments, changed to fit this exposure. The lens is taken out,
+/// which stereo does anyway and a depth image needs.
+void writeBestSettings(const std::string& file, const fs::path& folder, cv::Size size) {
+    Settings settings = settingsFor(kBranches[kBestBranch], folder, size);
+    settings.configs.skipUndistort = false;
+    const std::string ready = readText((folder / kBranches[kBestBranch].file).string());
+    writeWhole(file, ready.data(), ready.size());
+    writeSettings(file, settings, Use::extraction);
+    writeSettings(file, settings, Use::stereo);
+}
+
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
                       CircleMarkerExtractor extractor) {
-    const std::string file = (folder / branch.file).string();
-    Settings settings = readStereoSettings(file, branch.path);
-    for (double& radius : settings.configs.markerRadii) radius *= sizeFactor(exposure.rig.left.size);
     Outcome outcome;
-    outcome.result = measureExposure(extractor, exposure.image, settings, 0);
+    outcome.result = measureExposure(extractor, exposure.image, settingsFor(branch, folder, exposure.rig.left.size), 0);
     std::vector<scene::MeasuredMarker> measured;
     for (const StereoMarker& m : outcome.result.markers) measured.push_back({m.pixel, m.point, m.normal, m.radius});
     outcome.score = scene::scoreStereo(exposure, measured, branch.meaning, kMatchDistancePx);
@@ -153,8 +201,7 @@ Rig calibrationOf(const scene::Rig& rig) {
 }
 
 void nameStereoFiles(RunFiles& files, const fs::path& settings, const fs::path& out) {
-    for (const char* name : {"stereo-left.png", "stereo-right.png", "stereo-calibration.yaml"})
-        files.writes("--out", (out / name).string());
+    for (const char* name : kInputs) files.writes("--out", (out / name).string());
     for (const Branch& branch : kBranches) {
         files.reads("--settings", (settings / branch.file).string());
         for (const char* ending : {"", "-3d"})
@@ -171,7 +218,9 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
     const Rig calibration = calibrationOf(exposure.rig);
     writePicture((out / "stereo-left.png").string(), exposure.image[0]);
     writePicture((out / "stereo-right.png").string(), exposure.image[1]);
+    writePicture((out / "stereo-depth.png").string(), renderDepth(exposure));
     writeRig((out / "stereo-calibration.yaml").string(), calibration);
+    writeBestSettings((out / "stereo-settings.yaml").string(), settings, size);
 
     std::vector<Outcome> outcomes;
     for (const Branch& branch : kBranches) {
@@ -192,8 +241,10 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
         "\n(centre errors with the lens taken out; the conic branches measure the image of the disc's centre, the\n"
         "constellation branch the centre of its image)\n"
         "exposure and calibration: {0}/stereo-left.png {0}/stereo-right.png {0}/stereo-calibration.yaml\n"
+        "settings of the {1} branch: {0}/stereo-settings.yaml\n"
+        "depth of the left eye's markers, {2} mm a step: {0}/stereo-depth.png\n"
         "pictures to look at:\n",
-        out.string()));
+        out.string(), kBranches[kBestBranch].name, kDepthStepMm));
     for (std::size_t i = 0; i < outcomes.size(); ++i)
         say(fmt::format("  {0}/stereo-{1}.png\n  {0}/stereo-{1}-3d.png\n", out.string(), kBranches[i].name));
 

@@ -40,6 +40,19 @@ def read_image(file: File, *, invert: bool = False,
     return _native.read_image(os.fspath(file), invert, range)
 
 
+def read_depth(file: File) -> npt.NDArray[Any]:
+    """Reads a depth image as it is, uint16 or float32; InputError for one that is damaged, or no depth image."""
+    return _native.read_depth(os.fspath(file))
+
+
+def write_image(file: File, image: npt.ArrayLike) -> None:
+    """Writes an image or a result's picture, uint8 or uint16 (PNG and TIFF), grey or BGR, as the file's extension says.
+
+    What was there stays until all is written. InputError for what is no image or no format, OSError where it fails.
+    """
+    _native.write_image(os.fspath(file), image)
+
+
 def image_size(file: File) -> Tuple[int, int]:
     """(width, height) of an image file, px."""
     return _native.image_size(os.fspath(file))
@@ -58,5 +71,5 @@ def set_threads(count: int) -> None:
 __all__ = [
     "Corner", "Corners", "Depths", "Explanation", "Extractor", "Field", "InputError", "LEAST_SHARE", "LibraryError",
     "Markers", "Pairs", "Points", "Rig", "Settings", "Table", "Unmatched", "__version__", "bit_depth", "image_size",
-    "read_image", "set_threads", "setting_fields",
+    "read_depth", "read_image", "set_threads", "setting_fields", "write_image",
 ]

@@ -8,6 +8,7 @@
 #include "image_file.h"
 #include "kestrune/MarkerMetrology.h"
 #include "native/images.h"
+#include "overlay.h"
 
 namespace kestrune::python {
 namespace {
@@ -54,6 +55,34 @@ py::array readImageArray(const std::string& file, bool invert, const py::object&
     return arrayOf(image);
 }
 
+py::array readDepthArray(const std::string& file) {
+    cv::Mat depth;
+    {
+        const py::gil_scoped_release others;
+        depth = measure::decodeImage(file);
+    }
+    const std::string type = cv::typeToString(depth.type());
+    if (depth.type() != CV_16UC1 && depth.type() != CV_32FC1)
+        throw InputError(file, "is of type " + type + "; a depth image is 32-bit float or 16-bit, of one channel");
+    return arrayOf(depth);
+}
+
+/// Other formats would clip 16 bits to 8 and not tell.
+bool holdsDepth(const std::string& file) {
+    return file.ends_with(".png") || file.ends_with(".tif") || file.ends_with(".tiff");
+}
+
+void writeImageArray(const std::string& file, const py::object& object) {
+    const ArrayImage source = imageOf(object, "image");
+    const py::gil_scoped_release others;
+    if (source.image.empty()) throw InputError("image", "is empty");
+    if (source.image.depth() != CV_8U && source.image.depth() != CV_16U)
+        throw InputError("image", "is of floating point; files are written of uint8 and uint16");
+    if (source.image.depth() == CV_16U && !holdsDepth(file))
+        throw InputError(file, "takes 8 bits; images of 16 bits go to .png, .tif or .tiff");
+    measure::writePicture(file, source.image);
+}
+
 std::pair<int, int> imageSize(const std::string& file) {
     const py::gil_scoped_release others;
     const cv::Size size = measure::decodeImage(file).size();
@@ -82,6 +111,8 @@ PYBIND11_MODULE(_native, module) {
     module.def("set_threads", &setThreads, py::arg("count"));
     module.def("read_image", &readImageArray, py::arg("file"), py::arg("invert") = false,
                py::arg("range") = py::none());
+    module.def("read_depth", &readDepthArray, py::arg("file"));
+    module.def("write_image", &writeImageArray, py::arg("file"), py::arg("image"));
     module.def("image_size", &imageSize, py::arg("file"));
     module.def("bit_depth", &bitDepth, py::arg("file"));
 }
