@@ -105,7 +105,6 @@ void writeBestSettings(const std::string& file, const fs::path& folder, cv::Size
     settings.configs.skipUndistort = false;
     const std::string ready = readText((folder / kBranches[kBestBranch].file).string());
     writeWhole(file, ready.data(), ready.size());
-    writeSettings(file, settings, Use::extraction);
     writeSettings(file, settings, Use::stereo);
 }
 

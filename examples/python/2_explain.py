@@ -28,6 +28,6 @@ explanation = kestrune.Extractor(settings).explain(image, picture=True)
 kestrune.write_image(out + "-after.png", explanation.picture)
 print(f"with maxArea {settings.maxArea}:", dict(Counter(explanation["gate"])))
 
-# What is still refused should be no marker. The file keeps what is in it but for the value.
+# What is still refused should be no marker. A new file tells what each field means, another keeps its comments.
 settings.write(out + ".yaml")
 print("never candidates:", dict(Counter(explanation.dropped["gate"])))
