@@ -2,7 +2,7 @@
 """What a run costs besides measuring: memory of client and scheduler, and the scheduler's time, with exposures that do
 nothing.
 
-    python3 tests/python/batch_memory.py COUNT [CHUNK] [local]
+    python3 tests/python/batch_memory.py COUNT [CHUNK, 0: by the rate] [local]
 """
 
 import os
@@ -24,7 +24,7 @@ def run(count, chunk, client):
     with tempfile.TemporaryDirectory() as out:
         folder = RunFolder(Path(out), {}, False)
         source = (batch.Exposure("/l", "/r", f"e{k}") for k in range(count))
-        summary = execute(source, count, folder, executor_for(Nothing(), client, 2, 1, None), chunk, None)
+        summary = execute(source, count, folder, executor_for(Nothing(), client, 2, 1, None), chunk or None, None)
         folder.close()
     assert (summary.exposures, summary.failed) == (count, 0)
     return summary.seconds
@@ -37,7 +37,7 @@ def of_process(pid):
     return *(int(lines[f].split()[0]) / 1024 for f in ("VmRSS", "VmHWM")), ticks / os.sysconf("SC_CLK_TCK")
 
 
-def main(count, chunk=4, where="cluster"):
+def main(count, chunk=0, where="cluster"):
     if where == "local":
         seconds, scheduler = run(count, chunk, None), ""
     else:
@@ -47,7 +47,8 @@ def main(count, chunk=4, where="cluster"):
             now, most, used = of_process(process.pid)
             scheduler = f"; scheduler {now:.0f} MB, at most {most:.0f} MB, {used / count * 1e3:.2f} ms an exposure"
     most = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
-    print(f"{count} exposures in chunks of {chunk}: {count / seconds:.0f}/s; client at most {most:.0f} MB{scheduler}")
+    chunks = f"chunks of {chunk}" if chunk else "chunks by the rate"
+    print(f"{count} exposures, {chunks}: {count / seconds:.0f}/s; client at most {most:.0f} MB{scheduler}")
 
 
 if __name__ == "__main__":

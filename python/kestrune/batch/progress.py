@@ -53,9 +53,14 @@ class Reporter:
             self._shown = now
             self._tell()
 
-    def _tell(self) -> None:
+    @property
+    def rate(self) -> float:
+        """Exposures a second."""
         seconds = time.monotonic() - self._start
-        rate = self.done / seconds if seconds > 0 else 0.0
+        return self.done / seconds if seconds > 0 else 0.0
+
+    def _tell(self) -> None:
+        rate = self.rate
         total = None if self.total is None else max(self.total - self.skipped, self.done)
         remaining = None if total is None or not self.done else (total - self.done) / rate
         progress = Progress(self.done, self.failed, total, rate, remaining)

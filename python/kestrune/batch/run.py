@@ -20,8 +20,10 @@ from .task import StereoTask, Task, usable_processors
 
 _LOCAL_CHUNK = 1
 _UNREADABLE = 1000  # so many left images are tried for the size that a calibration does not tell
-# Some tenths of a second, against which the milliseconds of a scheduler are small, and so is the wait for the last.
-_CLUSTER_CHUNK = 4
+# Against some tenths of a second the milliseconds of a scheduler are small, and so is the wait for the last. It keeps
+# something of every chunk: where exposures are done by the thousand in a second, chunks are larger.
+_CLUSTER_CHUNK, _LARGEST_CHUNK = 4, 100
+_CHUNKS_A_SECOND = 20
 
 
 @dataclass(frozen=True)
@@ -74,7 +76,8 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     client     a distributed.Client: work is done by the workers of its Dask cluster, which must see the images under
                the same names.
     processes  on this machine, without client: how many at once; as many as there are processors for this process.
-    chunk      exposures that are handed over at once; 1 on this machine, 4 on a cluster.
+    chunk      exposures that are handed over at once; without it 1 on this machine, and on a cluster 4 to 100, by their
+               rate.
     invert     dark markers on bright ground, for paths that find bright ones.
     range      (low, high) grey values of images of more than 8 bits that become 0 and 255. Such exposures fail without.
     min_share  an exposure fails where less than this share of the markers of the poorer eye is paired; 0 to 1.
@@ -97,7 +100,7 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     try:
         task = StereoTask(settings, rig, bool(invert), span, float(min_share), threads, folder.as_lines)
         executor = executor_for(task, client, processes, threads, timeout)
-        return execute(source, total, folder, executor, chunk or (_LOCAL_CHUNK if client is None else _CLUSTER_CHUNK),
+        return execute(source, total, folder, executor, _LOCAL_CHUNK if client is None and not chunk else chunk,
                        progress)
     finally:
         folder.close()
@@ -112,17 +115,21 @@ def executor_for(task: Task, client: Any, processes: Optional[int], threads: int
     return ClusterExecutor(client, data, threads, timeout)
 
 
-def execute(source: Iterator[Exposure], total: Optional[int], folder: RunFolder, executor: Executor, chunk: int,
-            progress: Union[Show, bool, None]) -> Summary:
-    """Measures what the journal does not have, and closes the executor."""
+def execute(source: Iterator[Exposure], total: Optional[int], folder: RunFolder, executor: Executor,
+            chunk: Optional[int], progress: Union[Show, bool, None]) -> Summary:
+    """Measures what the journal does not have, and closes the executor.
+
+    chunk  None: by the rate.
+    """
     reporter = Reporter(progress, total)
     missing = _missing(source, folder, reporter)
     try:
         ended = False
         while True:
             while not ended and executor.room():
-                exposures = list(itertools.islice(missing, chunk))
-                ended = len(exposures) < chunk
+                size = chunk or min(max(int(reporter.rate / _CHUNKS_A_SECOND), _CLUSTER_CHUNK), _LARGEST_CHUNK)
+                exposures = list(itertools.islice(missing, size))
+                ended = len(exposures) < size
                 if exposures:
                     executor.submit(exposures)
             if not executor.pending:
