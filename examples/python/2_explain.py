@@ -17,7 +17,7 @@ explanation = kestrune.Extractor(settings).explain(image, picture=True)
 kestrune.write_image(out + "-before.png", explanation.picture)
 
 # Each candidate has the gate that refused it, what was measured there, and what was asked for. A marker has none.
-print("candidates:", dict(Counter(explanation["gate"])))
+print("candidates:", dict(Counter(explanation["gate"].tolist())))
 refused = explanation[explanation["gate"] == "area"]
 for row in refused[:3]:
     print(f"  at {row['x']:.0f}, {row['y']:.0f}: area {row['measured']:.0f}, wanted {row['wanted']}")
@@ -26,8 +26,8 @@ for row in refused[:3]:
 settings.maxArea = float(round(1.1 * refused["measured"].max()))
 explanation = kestrune.Extractor(settings).explain(image, picture=True)
 kestrune.write_image(out + "-after.png", explanation.picture)
-print(f"with maxArea {settings.maxArea}:", dict(Counter(explanation["gate"])))
+print(f"with maxArea {settings.maxArea}:", dict(Counter(explanation["gate"].tolist())))
 
 # What is still refused should be no marker. A new file tells what each field means, another keeps its comments.
 settings.write(out + ".yaml")
-print("never candidates:", dict(Counter(explanation.dropped["gate"])))
+print("never candidates:", dict(Counter(explanation.dropped["gate"].tolist())))
