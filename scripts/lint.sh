@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Checks the layout (clang-format), the scripts (shellcheck) and the code (clang-tidy), and changes nothing.
+# Checks the layout (clang-format), the scripts (shellcheck), Python (flake8, mypy) and the code (clang-tidy), and changes
+# nothing.
 # usage: scripts/lint.sh               everything
 #        scripts/lint.sh --quick       clang-tidy leaves out tests, benchmarks, fuzzers and its analyzer of flows, which
 #                                      takes as long as all the rest; sanitizers and fuzzers look at flows, too
@@ -45,7 +46,10 @@ check_quickly() {
 
 scripts/setup.sh lint
 find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run -Werror || clean=1
-shellcheck scripts/*.sh .ci/run benchmarks/compare tests/packaging/*.sh || clean=1
+shellcheck scripts/*.sh .ci/run benchmarks/compare tests/packaging/*.sh cmake/python/* || clean=1
+python=/usr/bin/python3  # Debian's, that has numpy's types
+"$python" -m flake8 python examples docs tests || clean=1
+"$python" -m mypy --strict python/kestrune && "$python" -m mypy examples/python || clean=1
 
 cmake --preset release -B build/lint -DKESTRUNE_PRECOMPILE=OFF --log-level=WARNING
 if [[ ${1:-} == --quick ]]; then
