@@ -12,6 +12,7 @@ namespace kestrune {
 /// A file that is not what it should be; the text begins with the file's name.
 class KESTRUNE_API InputError : public std::runtime_error {
   public:
+    /// @param file     its name, as the caller gave it.
     /// @param problem  what is wrong with the file, without its name.
     InputError(const std::string& file, const std::string& problem);
     /// @param text  the whole text.
@@ -28,6 +29,7 @@ class KESTRUNE_API SettingsError : public InputError {
 /// A write that failed, with the file's name and the system's reason.
 class KESTRUNE_API OutputError : public std::runtime_error {
   public:
+    /// @param file    its name.
     /// @param reason  an `errno`.
     OutputError(const std::string& file, int reason);
 };

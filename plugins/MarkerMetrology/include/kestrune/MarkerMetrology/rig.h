@@ -14,19 +14,20 @@
 
 namespace kestrune {
 
-/// One eye's camera matrix (3 by 3, px) and distortion coefficients (OpenCV's order), `CV_64F`; both empty where no
-/// calibration is known.
+/// One eye, in px, `CV_64F`; both matrices empty where no calibration is known.
 struct Camera {
-    cv::Mat matrix, distortion;
-    cv::Size size{};  ///< of the images, px; empty where the file does not tell
+    cv::Mat matrix;      ///< 3 by 3
+    cv::Mat distortion;  ///< coefficients in OpenCV's order
+    cv::Size size{};     ///< of the images, px; empty where the file does not tell
 };
 
 /// Left and right.
 using Cameras = std::array<Camera, 2>;
 
-/// Reads the cameras alone, of either form.
+/// Reads the cameras alone.
 ///
-/// @param eye  the one that must be there: 0 left, 1 right.
+/// @param file  of either form.
+/// @param eye   the one that must be there: 0 left, 1 right.
 /// @throws InputError  with a line for each field that is missing or wrong.
 KESTRUNE_API Cameras readCameras(const std::string& file, int eye);
 
@@ -54,14 +55,15 @@ struct RigMatrices {
     Cameras cameras;   ///< the distortion of each may have the 4, 5, 8, 12 or 14 coefficients of OpenCV, of which those
                        ///< behind the fifth must be 0
     cv::Mat rotation;  ///< R, 3 by 3: a point X in left camera coordinates is R X + T in right ones
-    cv::Mat translation;  ///< T, 3 by 1 or 1 by 3, unit of the points
-    cv::Size size{};      ///< of the images, px; empty where it is not known
-    int rectifyFlags = 0;
+    cv::Mat translation;   ///< T, 3 by 1 or 1 by 3, unit of the points
+    cv::Size size{};       ///< of the images, px; empty where it is not known
+    int rectifyFlags = 0;  ///< `flags` of `cv::stereoRectify`
 };
 
 /// The rig of these matrices.
 ///
-/// @param origin  stands for a file in the texts of errors.
+/// @param matrices  of both eyes; R and T must be there, the size may be empty.
+/// @param origin    stands for a file in the texts of errors.
 /// @throws InputError  as `readRig`, by the names of OpenCV's file: M1, D1, M2, D2, R, T.
 KESTRUNE_API Rig rigOf(const RigMatrices& matrices, const std::string& origin = "rig");
 

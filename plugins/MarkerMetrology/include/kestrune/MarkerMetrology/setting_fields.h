@@ -35,24 +35,28 @@ enum class Use { extraction, stereo };
 /// A set of pairs of path and use, one bit each.
 using Readers = unsigned;
 
+/// The set of this pair alone.
 constexpr Readers readerOf(Path path, Use use) {
     return 1U << (2 * static_cast<unsigned>(path) + (use == Use::stereo ? 1 : 0));
 }
 
+/// A member of the record, of whatever type it is.
 using SettingMember =
     std::variant<bool CicrleConfigs::*, std::int32_t CicrleConfigs::*, float CicrleConfigs::*, double CicrleConfigs::*,
                  std::string CicrleConfigs::*, std::vector<double> CicrleConfigs::*>;
 
 /// One field: its name, where it stands, who reads it, and what it may be.
 struct SettingField {
-    const char* name;
-    SettingMember member;
-    Readers readers;
-    double low = 0;  ///< of numbers, and of each entry of a list; both ends belong to the range
-    double high = 0;
-    const char* meaning;
+    const char* name;      ///< in files, and of the record's member
+    SettingMember member;  ///< where it stands in the record
+    Readers readers;       ///< those that need it
+    double low = 0;        ///< of numbers, and of each entry of a list; both ends belong to the range
+    double high = 0;       ///< the other end; both 0: any number
+    const char* meaning;   ///< one line
 
+    /// Whether the path reads it for this use.
     bool isReadBy(Path path, Use use) const { return (readers & readerOf(path, use)) != 0; }
+    /// Whether it has a range.
     bool isRanged() const { return low != high; }
 };
 

@@ -26,7 +26,9 @@ struct Settings {
 
 /// Reads and checks a settings file. It must hold every field that the path reads for this use, and may hold others.
 ///
+/// @param file  its name, for the texts of errors as well.
 /// @param path  the way to take; without one, `useComplexExtract` and then `useRadialContours` of the file decide.
+/// @param use   what is done with the markers: that of stereo needs more fields.
 /// @throws InputError     for a file that cannot be read or is no YAML, with the line.
 /// @throws SettingsError  naming every missing, repeated, unknown, wrongly typed and out-of-range field with line and
 ///                        value.
@@ -37,6 +39,9 @@ using SettingValue = std::variant<bool, std::int64_t, double, std::string, std::
 
 /// The same of values that a program holds, under the fields' names.
 ///
+/// @param values  at most one for a field; fields that the path does not read may be missing.
+/// @param path    as `readSettings`.
+/// @param use     as `readSettings`.
 /// @param origin  stands for the file in the texts of errors, which name no line.
 /// @throws SettingsError  as `readSettings`.
 KESTRUNE_API Settings settingsOf(const std::vector<std::pair<std::string, SettingValue>>& values,
