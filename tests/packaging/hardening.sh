@@ -17,4 +17,5 @@ entries=$("$readelf" --wide --dynamic --dyn-syms "$library")
 for entry in NODELETE "soname: \[$soname\]" ${guards// /@ }@; do
     grep -q "$entry" <<<"$entries" || { echo "$library: no $entry"; exit 1; }
 done
-if "$readelf" --wide --relocs "$library" | grep 'N8kestrune'; then exit 1; fi  # bound by name, so that another may take its place
+# Bound by name though defined here, so that another may take its place; what is not defined has no address.
+if "$readelf" --wide --relocs "$library" | grep 'N8kestrune' | grep -vE ' 0{16} _Z'; then exit 1; fi
