@@ -40,6 +40,7 @@ class Listener : public std::streambuf {
 };
 
 void hearTiff(const char* module, const char* format, std::va_list arguments) {
+    if (listening == 0) return;  // of others in this process
     std::array<char, 512> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
     heard += std::string(module == nullptr ? "" : module) + ": " + text.data() + "\n";

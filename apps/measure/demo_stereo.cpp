@@ -105,7 +105,7 @@ void writeBestSettings(const std::string& file, const fs::path& folder, cv::Size
     settings.configs.skipUndistort = false;
     const std::string ready = readText((folder / kBranches[kBestBranch].file).string());
     writeWhole(file, ready.data(), ready.size());
-    writeSettings(file, settings, Use::stereo);
+    for (const Use use : {Use::stereo, Use::extraction}) writeSettings(file, settings, use);
 }
 
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,

@@ -31,18 +31,18 @@ from .results import Depths, Explanation, Markers, Pairs, Points, Table, Unmatch
 from .settings import Field, File, Rig, Settings, setting_fields
 
 
-def read_image(file: File, *, invert: bool = False,
-               range: Optional[Tuple[float, float]] = None) -> npt.NDArray[Any]:
-    """Reads an image as the program does: uint8, grey or BGR, never rotated; InputError for one that is damaged.
+def read_image(file: File, *, range: Optional[Tuple[float, float]] = None) -> npt.NDArray[Any]:
+    """Reads an image as the program does: grey or BGR, never rotated, uint8, or uint16 and float as the file has it;
+    InputError for one that is damaged.
 
-    :param range: (low, high) of images of more than 8 bits; without it that of the image's own data.
+    :param range: (low, high) that become 0 and 255, for uint8 of an image of more bits.
     """
-    return _native.read_image(os.fspath(file), invert, range)
+    return _native.read_image(os.fsencode(file), range)
 
 
 def read_depth(file: File) -> npt.NDArray[Any]:
     """Reads a depth image as it is, uint16 or float32; InputError for one that is damaged, or no depth image."""
-    return _native.read_depth(os.fspath(file))
+    return _native.read_depth(os.fsencode(file))
 
 
 def write_image(file: File, image: npt.ArrayLike) -> None:
@@ -50,17 +50,17 @@ def write_image(file: File, image: npt.ArrayLike) -> None:
 
     What was there stays until all is written. InputError for what is no image or no format, OSError where it fails.
     """
-    _native.write_image(os.fspath(file), image)
+    _native.write_image(os.fsencode(file), image)
 
 
 def image_size(file: File) -> Tuple[int, int]:
     """(width, height) of an image file, px."""
-    return _native.image_size(os.fspath(file))
+    return _native.image_size(os.fsencode(file))
 
 
 def bit_depth(file: File) -> int:
     """8 for an image file of 8 bits or less, else the bits of its samples."""
-    return _native.bit_depth(os.fspath(file))
+    return _native.bit_depth(os.fsencode(file))
 
 
 def set_threads(count: int) -> None:

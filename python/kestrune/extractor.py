@@ -33,7 +33,7 @@ def _centres(markers: Any) -> npt.NDArray[np.float64]:
     array = np.asarray(markers)
     if array.dtype.names:
         array = np.stack([array["x"], array["y"]], axis=1)
-    return np.ascontiguousarray(array, dtype=np.float64)
+    return np.ascontiguousarray(array.reshape(0, 2) if array.size == 0 else array, dtype=np.float64)
 
 
 class Extractor:
@@ -53,6 +53,10 @@ class Extractor:
     """
 
     def __init__(self, settings: Settings, rig: Optional[Rig] = None) -> None:
+        if not isinstance(settings, Settings):
+            raise TypeError(f"settings: {settings!r} is no kestrune.Settings; Settings.read reads a file")
+        if rig is not None and not isinstance(rig, Rig):
+            raise TypeError(f"rig: {rig!r} is no kestrune.Rig; Rig.read reads a file")
         self._settings, self._rig = settings._of(settings._held), rig
         self._native = _native.Extractor(settings._held, None if rig is None else rig._held)
 
@@ -102,7 +106,7 @@ class Extractor:
                      min_share: float = LEAST_SHARE, picture: bool = False) -> Points:
         """The same of two image files, which are read without the interpreter's lock."""
         return self._points(
-            self._native.stereo_files(os.fspath(left), os.fspath(right), invert, range, min_share, picture))
+            self._native.stereo_files(os.fsencode(left), os.fsencode(right), invert, range, min_share, picture))
 
     @staticmethod
     def _points(result: Tuple[Any, ...]) -> Points:

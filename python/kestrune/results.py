@@ -19,11 +19,13 @@ class Table:
     """Rows of a structured array, with the meaning of each column in ``columns``.
 
     ``table["x"]`` is a column, ``table[3]`` a row, ``table[mask]`` and ``table[2:5]`` are arrays of rows;
-    ``numpy.asarray(table)`` is the array itself. Two tables are equal if every column is, bit for bit; NaN equals NaN.
+    ``numpy.asarray(table)`` is the array itself. Two tables are equal if every number is and what is told beside, where
+    NaN equals NaN; pictures, contours and records do not count.
     """
 
     array: Array
     columns: ClassVar[Dict[str, str]] = {}
+    _beside: ClassVar[Tuple[str, ...]] = ()  # what else must be equal of two that are
 
     def __len__(self) -> int:
         return len(self.array)
@@ -35,11 +37,13 @@ class Table:
         return iter(self.array)
 
     def __array__(self, dtype: Any = None, copy: Any = None) -> Array:
-        return self.array if dtype is None else self.array.astype(dtype)
+        return self.array.astype(dtype or self.array.dtype, copy=bool(copy))
 
     def __eq__(self, other: object) -> bool:
         if type(other) is not type(self):
             return NotImplemented
+        if any(getattr(self, name) != getattr(other, name) for name in self._beside):
+            return False
         theirs = other.array  # type: ignore[attr-defined]
         return self.array.dtype.names == theirs.dtype.names and all(
             np.array_equal(self.array[name], theirs[name], equal_nan=self.array[name].dtype.kind == "f")
@@ -79,6 +83,7 @@ class Markers(Table):
         "fitResidual": "RMS of the conic over the contour; paths radial and complex",
         "polarity": "bright, dark or nothing; path complex",
     }
+    _beside: ClassVar[Tuple[str, ...]] = ("pixels",)
     corners: Corners = field(default_factory=Corners)
     """The library's full records in the same order, in the pixels of the path: contour, conic, scatter matrix."""
     pixels: str = ""
@@ -126,6 +131,7 @@ class Points(Table):
         "leftResidual": "distance of the point's projection from the left centre, px",
         "rightResidual": "distance of the point's projection from the right centre, px",
     }
+    _beside: ClassVar[Tuple[str, ...]] = ("failure", "warning", "found", "unmatched")
     failure: str = ""
     """Why the exposure gives no points; empty: it does."""
     warning: str = ""

@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import os
+from operator import index
 from typing import Any, Dict, Iterator, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
 
 import numpy as np
@@ -57,7 +58,7 @@ class Settings:
     @classmethod
     def read(cls, file: File, path: Optional[str] = None, use: Optional[str] = None) -> Settings:
         """Reads a settings file (YAML). InputError with file, line and field for all that is wrong with it."""
-        return cls._of(_native.Settings.read(os.fspath(file), path, use))
+        return cls._of(_native.Settings.read(os.fsencode(file), path, use))
 
     @classmethod
     def _of(cls, held: _native.Settings) -> Settings:
@@ -96,7 +97,7 @@ class Settings:
 
     def write(self, file: File) -> None:
         """Writes a settings file. One that is there keeps its comments, its order and what the path does not read."""
-        self._held.write(os.fspath(file))
+        self._held.write(os.fsencode(file))
 
     def __iter__(self) -> Iterator[Tuple[str, Any]]:
         return iter(self.to_dict().items())
@@ -122,6 +123,8 @@ class Settings:
 class Rig:
     """A calibrated pair of cameras: a point X in left camera coordinates is R X + T in right ones.
 
+    What is wrong with the numbers is told under the names of a calibration file: M1, D1 (left), M2, D2, R and T.
+
     :param left_matrix: 3 by 3: [fx 0 cx; 0 fy cy; 0 0 1], px.
     :param left_distortion: k1, k2, p1, p2, k3 in OpenCV's order (4, 5, 8, 12 or 14 numbers, those behind the fifth 0).
     :param rotation: R, 3 by 3.
@@ -141,13 +144,14 @@ class Rig:
 
         self._held = _native.Rig([numbers(left_matrix), numbers(right_matrix)],
                                  [numbers(left_distortion), numbers(right_distortion)], numbers(rotation),
-                                 numbers(translation), None if size is None else (int(size[0]), int(size[1])),
+                                 numbers(translation), None if size is None else (index(size[0]), index(size[1])),
                                  rectify_flags)
 
     @classmethod
     def read(cls, file: File) -> Rig:
-        """Reads a calibration file. InputError with file, line and field for all that is wrong with it."""
-        return cls._of(_native.Rig.read(os.fspath(file)))
+        """Reads a calibration file of both cameras, whose lenses have no more than the five coefficients k1, k2, p1, p2, k3
+        that differ from 0. InputError with file, line and field for all that is wrong with it."""
+        return cls._of(_native.Rig.read(os.fsencode(file)))
 
     @classmethod
     def _of(cls, held: _native.Rig) -> Rig:
@@ -156,8 +160,8 @@ class Rig:
         return rig
 
     def write(self, file: File) -> None:
-        """Writes a calibration file as OpenCV's stereo calibration does."""
-        self._held.write(os.fspath(file))
+        """Writes a calibration file as OpenCV's stereo calibration does; poses may differ from it in the last digit."""
+        self._held.write(os.fsencode(file))
 
     def with_size(self, width: int, height: int) -> Rig:
         """The same rig for images of this size, px."""

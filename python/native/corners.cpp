@@ -104,34 +104,48 @@ py::object pythonCorners(std::vector<Corner> corners) {
 }
 
 void defineCorners(py::module_& module) {
-    py::class_<Corner>(module, "Corner")
+    py::class_<Corner>(module, "Corner", "One marker as the library records it, in the pixels of its path.")
         .def(py::init(&emptyCorner))
-        .def_readonly("id", &Corner::id)
-        .def_readonly("x", &Corner::x)
-        .def_readonly("y", &Corner::y)
-        .def_property_readonly("ellipse", [](const Corner& c) { return ifConic(c, ellipseOf(c)); })
-        .def_property_readonly("fitResidual", [](const Corner& c) { return ifConic(c, c.fitResidual); })
-        .def_readonly("conicValid", &Corner::conicValid)
+        .def_readonly("id", &Corner::id, "running number in its list")
+        .def_readonly("x", &Corner::x, "centre, column, px of the path")
+        .def_readonly("y", &Corner::y, "centre, row, px of the path")
+        .def_property_readonly(
+            "ellipse", [](const Corner& c) { return ifConic(c, ellipseOf(c)); },
+            "((x, y), (width, height), angle in degrees) of the fitted ellipse, full axes in px; or None")
+        .def_property_readonly(
+            "fitResidual", [](const Corner& c) { return ifConic(c, c.fitResidual); },
+            "RMS of the conic over the contour; or None")
+        .def_readonly("conicValid", &Corner::conicValid,
+                      "whether ellipse, fitResidual, conic and scatter are there: paths radial and complex")
         .def_property_readonly(
             "conic",
-            [](const Corner& c) { return ifConic(c, Eigen::Map<const Eigen::Matrix<double, 6, 1>>(c.conic.data())); })
-        .def_property_readonly("scatter", [](const Corner& c) { return ifConic(c, c.scatter); })
-        .def_readonly("markerRadius", &Corner::markerRadius)
-        .def_property_readonly("normal", [](const Corner& c) { return Eigen::Vector3d(c.normal); })
-        .def_property_readonly("position", [](const Corner& c) { return Eigen::Vector3d(c.position); })
-        .def_property_readonly("contour", &contourOf)
-        .def_readonly("matched", &Corner::matched)
-        .def_readonly("area", &Corner::area)
-        .def_readonly("compactness", &Corner::compactness)
-        .def_readonly("fitError", &Corner::fitError)
-        .def_readonly("eccentricity", &Corner::eccentricity)
-        .def_readonly("convexRatio", &Corner::convexRatio)
-        .def_readonly("circularity", &Corner::circularity)
+            [](const Corner& c) { return ifConic(c, Eigen::Map<const Eigen::Matrix<double, 6, 1>>(c.conic.data())); },
+            "A, B, C, D, E, F of A x^2 + B x y + C y^2 + D x + E y + F = 0, -1 at the centre; or None")
+        .def_property_readonly(
+            "scatter", [](const Corner& c) { return ifConic(c, c.scatter); },
+            "6 by 6: sum over the contour of the outer products of (x^2, x y, y^2, x, y, 1); or None")
+        .def_readonly("markerRadius", &Corner::markerRadius,
+                      "radius of the disc in space, unit of the calibration; 0 where no stereo measurement set it")
+        .def_property_readonly(
+            "normal", [](const Corner& c) { return Eigen::Vector3d(c.normal); },
+            "unit normal of the disc; 0 where no stereo measurement set it")
+        .def_property_readonly(
+            "position", [](const Corner& c) { return Eigen::Vector3d(c.position); },
+            "centre of the disc in space; 0 where no measurement set it")
+        .def_property_readonly("contour", &contourOf, "points by 2, px, float32")
+        .def_readonly("matched", &Corner::matched, "whether it stands in a stereo pair")
+        .def_readonly("area", &Corner::area, "product of the full axes, px^2; path fast: area of the contour")
+        .def_readonly("compactness", &Corner::compactness, "perimeter^2 / area; path hand")
+        .def_readonly("fitError", &Corner::fitError, "RMS distance of the contour from the ellipse, px")
+        .def_readonly("eccentricity", &Corner::eccentricity, "sqrt(a^2 - b^2) / a of the half axes")
+        .def_readonly("convexRatio", &Corner::convexRatio, "area of the contour over that of its hull")
+        .def_readonly("circularity", &Corner::circularity, "4 pi area / perimeter^2")
         .def("__repr__", [](const Corner& c) { return fmt::format("<Corner {} at {:.3f}, {:.3f}>", c.id, c.x, c.y); })
         .def(py::pickle(&stateOf, &cornerOfState));
-    py::class_<CornerList>(module, "Corners")
+    py::class_<CornerList>(module, "Corners", "Records of one image, in the order of its markers.")
         .def(py::init([] { return CornerList{std::make_shared<std::vector<Corner>>()}; }))
         .def("__len__", [](const CornerList& list) { return list.corners->size(); })
+        .def("__repr__", [](const CornerList& list) { return fmt::format("<Corners: {}>", list.corners->size()); })
         .def("__getitem__", &CornerList::at, py::return_value_policy::reference_internal)
         .def(py::pickle(
             [](const CornerList& list) {

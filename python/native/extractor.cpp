@@ -17,6 +17,7 @@
 #include "native/images.h"
 #include "native/module.h"
 #include "native/tables.h"
+#include "native/threads.h"
 #include "overlay.h"
 #include "pair_explanation.h"
 #include "pixels.h"
@@ -39,7 +40,9 @@ constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 class Lease {
   public:
     template <typename Make>
-    Lease(IdleExtractors& idle, const Make& make) : idle_(idle), extractor_(idle.take(make)) {}
+    Lease(IdleExtractors& idle, const Make& make) : idle_(idle), extractor_(idle.take(make)) {
+        applyWantedThreads();
+    }
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     ~Lease() { idle_.giveBack(std::move(extractor_)); }
@@ -205,6 +208,7 @@ PythonExtractor::PythonExtractor(HeldSettings settings, std::optional<HeldRig> r
 }
 
 Camera PythonExtractor::cameraOf(int eye) const {
+    if (!settings_.lacks.empty()) throw InputError(settings_.lacks);
     if (eye != 0 && eye != 1) throw InputError("eye", fmt::format("{} is neither 0 (left) nor 1 (right)", eye));
     if (!rig_) {
         if (measure::deliversUndistorted(settings_.settings))
@@ -269,6 +273,7 @@ std::string PythonExtractor::refinementWarning(const py::object& object, int eye
     if (input.image.empty()) return "";
     const py::gil_scoped_release others;
     const Lease extractor(mono_, uncalibrated);
+    measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
     const std::vector<Marker> markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings);
     return measure::refinementWarning(*extractor, input.image, eye, camera, settings_.settings, markers);
 }
@@ -319,9 +324,13 @@ void PythonExtractor::takeIn(std::array<cv::Mat, 2>& images, const std::array<st
                              const std::optional<measure::GreyRange>& range) {
     const auto common = range ? range : commonRange(images);
     for (cv::Mat& image : images) image = measure::inEightBits(image, invert, common);
+    const auto known = [this] {
+        const std::lock_guard lock(sizeMutex_);
+        return size_;
+    }();
+    measure::requireExposure(images, names, known.empty() ? images[0].size() : known);
     const std::lock_guard lock(sizeMutex_);
-    if (size_.empty()) size_ = images[0].size();
-    measure::requireExposure(images, names, size_);
+    if (size_.empty()) size_ = images[0].size();  // only that of a good exposure
 }
 
 py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double minShare, bool picture) {

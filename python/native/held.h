@@ -16,6 +16,7 @@ struct HeldSettings {
     Settings settings;
     Use use;
     std::string origin;  ///< the file, or "settings"; for the texts of errors
+    std::string lacks;   ///< what is missing for an extraction alone, as a text; empty: nothing
 };
 
 struct HeldRig {

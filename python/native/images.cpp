@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <limits>
-#include <opencv2/imgproc.hpp>
 
 #include "kestrune/MarkerMetrology/errors.h"
 
@@ -14,13 +13,17 @@ namespace {
 
 constexpr int kMostChannels = 4;
 
-/// OpenCV's depth of the elements; -1: none.
+/// OpenCV's depth of the elements, in whatever order of bytes; -1: none.
 int depthOf(const py::dtype& type) {
-    if (type.is(py::dtype::of<std::uint8_t>())) return CV_8U;
-    if (type.is(py::dtype::of<std::uint16_t>())) return CV_16U;
-    if (type.is(py::dtype::of<float>())) return CV_32F;
-    if (type.is(py::dtype::of<double>())) return CV_64F;
+    if (type.kind() == 'u' && type.itemsize() == 1) return CV_8U;
+    if (type.kind() == 'u' && type.itemsize() == 2) return CV_16U;
+    if (type.kind() == 'f' && type.itemsize() == 4) return CV_32F;
+    if (type.kind() == 'f' && type.itemsize() == 8) return CV_64F;
     return -1;
+}
+
+bool isNative(const py::array& array) {
+    return array.dtype().attr("isnative").cast<bool>();
 }
 
 /// Whether OpenCV can read the pixels where they are.
@@ -52,8 +55,8 @@ ArrayImage imageOf(const py::object& object, const char* name) {
                                  array.ndim() == 3 ? fmt::format(" and {} channels", channels) : ""));
     for (const int axis : {0, 1})
         if (array.shape(axis) > std::numeric_limits<int>::max() / kMostChannels) throw refuse("is too large");
-    if (!isShareable(array, channels)) array = py::array::ensure(array, py::array::c_style);
-    if (!array) throw py::error_already_set();
+    if (!isNative(array)) array = array.attr("astype")(array.dtype().attr("newbyteorder")("="));
+    if (!isShareable(array, channels)) array = array.attr("copy")("C");
     const int rows = static_cast<int>(array.shape(0)), columns = static_cast<int>(array.shape(1));
     if (rows == 0 || columns == 0) return result;
     // The library only reads.
@@ -61,8 +64,8 @@ ArrayImage imageOf(const py::object& object, const char* name) {
     const std::size_t step = rows == 1 ? std::size_t{cv::Mat::AUTO_STEP} : static_cast<std::size_t>(array.strides(0));
     result.image = cv::Mat(rows, columns, CV_MAKETYPE(depth, static_cast<int>(channels)), pixels, step);
     if (channels == kMostChannels) {
-        cv::Mat opaque;
-        cv::cvtColor(result.image, opaque, cv::COLOR_BGRA2BGR);
+        cv::Mat opaque(rows, columns, CV_MAKETYPE(depth, 3));
+        cv::mixChannels({result.image}, {opaque}, {0, 0, 1, 1, 2, 2});
         result.image = opaque;
     }
     return result;

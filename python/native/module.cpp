@@ -2,18 +2,26 @@
 #include "native/module.h"
 
 #include <fmt/format.h>
-#include <omp.h>
 
 #include "files/inputs.h"
 #include "image_file.h"
 #include "kestrune/MarkerMetrology.h"
 #include "native/images.h"
+#include "native/threads.h"
 #include "overlay.h"
 
 namespace kestrune::python {
 namespace {
 
 /// What a path cannot work with is a bad value; all else that OpenCV raises, it calls an error of its own.
+void raise(const py::handle& type, const std::string& text) {
+    // Names of files may hold any bytes.
+    PyObject* const decoded = PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace");
+    if (decoded == nullptr) return;
+    PyErr_SetObject(type.ptr(), decoded);
+    Py_DECREF(decoded);
+}
+
 void defineErrors(py::module_& module) {
     static py::exception<InputError> inputError(module, "InputError", PyExc_ValueError);
     inputError.attr("__module__") = "kestrune";
@@ -25,32 +33,33 @@ void defineErrors(py::module_& module) {
         try {
             if (raised) std::rethrow_exception(raised);
         } catch (const InputError& error) {
-            inputError(error.what());
+            raise(inputError, error.what());
         } catch (const OutputError& error) {
-            PyErr_SetString(PyExc_OSError, error.what());
+            raise(PyExc_OSError, error.what());
         } catch (const cv::Exception& error) {
             if (error.code == cv::Error::StsBadArg)
-                inputError(error.err.c_str());
+                raise(inputError, error.err);
             else if (error.code == cv::Error::StsNoMem)
-                PyErr_SetString(PyExc_MemoryError, error.err.c_str());
+                raise(PyExc_MemoryError, error.err);
             else
-                libraryError(error.err.c_str());
+                raise(libraryError, error.err);
         }
     });
 }
 
 void setThreads(int count) {
     if (count < 1) throw InputError("count", fmt::format("{} must be 1 or more", count));
-    omp_set_num_threads(count);
+    wantedThreads() = count;
     cv::setNumThreads(count);
 }
 
-py::array readImageArray(const std::string& file, bool invert, const py::object& range) {
+py::array readImageArray(const std::string& file, const py::object& range) {
     const auto wanted = rangeOf(range);
     cv::Mat image;
     {
         const py::gil_scoped_release others;
-        image = measure::readImage(file, invert, wanted);
+        image = measure::decodeImage(file);
+        if (wanted) image = measure::inEightBits(image, false, wanted);
     }
     return arrayOf(image);
 }
@@ -90,8 +99,8 @@ std::pair<int, int> imageSize(const std::string& file) {
 }
 
 int bitDepth(const std::string& file) {
-    if (measure::tellsEightBits(file)) return 8;
     const py::gil_scoped_release others;
+    if (measure::tellsEightBits(file)) return 8;
     return static_cast<int>(8 * measure::decodeImage(file).elemSize1());
 }
 
@@ -109,8 +118,7 @@ PYBIND11_MODULE(_native, module) {
     defineCorners(module);
     defineExtractor(module);
     module.def("set_threads", &setThreads, py::arg("count"));
-    module.def("read_image", &readImageArray, py::arg("file"), py::arg("invert") = false,
-               py::arg("range") = py::none());
+    module.def("read_image", &readImageArray, py::arg("file"), py::arg("range") = py::none());
     module.def("read_depth", &readDepthArray, py::arg("file"));
     module.def("write_image", &writeImageArray, py::arg("file"), py::arg("image"));
     module.def("image_size", &imageSize, py::arg("file"));

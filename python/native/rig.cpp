@@ -28,6 +28,14 @@ cv::Mat matrixOf(const Numbers& array, const char* name) {
 
 using Size = std::optional<std::pair<int, int>>;
 
+// As for a calibration file.
+constexpr int kLargestSide = 1'000'000;
+
+void requireSize(int width, int height) {
+    if (std::min(width, height) < 1 || std::max(width, height) > kLargestSide)
+        throw InputError("rig", fmt::format("size {} x {} is none of an image", width, height));
+}
+
 HeldRig makeRig(const std::array<Numbers, 2>& matrices, const std::array<Numbers, 2>& lenses, const Numbers& rotation,
                 const Numbers& translation, const Size& size, int rectifyFlags) {
     RigMatrices parts;
@@ -37,7 +45,10 @@ HeldRig makeRig(const std::array<Numbers, 2>& matrices, const std::array<Numbers
     }
     parts.rotation = matrixOf(rotation, "rotation");
     parts.translation = matrixOf(translation, "translation");
-    if (size) parts.size = {size->first, size->second};
+    if (size) {
+        requireSize(size->first, size->second);
+        parts.size = {size->first, size->second};
+    }
     parts.rectifyFlags = rectifyFlags;
     return {rigOf(parts, "rig"), "rig"};
 }
@@ -48,18 +59,16 @@ Size sizeOf(const HeldRig& held) {
 }
 
 HeldRig withSize(const HeldRig& held, int width, int height) {
-    if (width < 1 || height < 1)
-        throw InputError(held.origin, fmt::format("size {} x {} is none of an image", width, height));
+    requireSize(width, height);
     HeldRig changed = held;
     changed.rig.size = {width, height};
     return changed;
 }
 
-using State = std::tuple<std::array<std::array<double, 12>, 2>, std::array<std::array<double, 10>, 2>, int, int, int,
-                         std::string>;
+using State = std::tuple<std::array<std::array<double, 12>, 2>, std::array<std::array<double, 10>, 2>, int, int, int>;
 
 State stateOf(const HeldRig& held) {
-    State state{{}, {}, held.rig.size.width, held.rig.size.height, held.rig.rectifyFlags, held.origin};
+    State state{{}, {}, held.rig.size.width, held.rig.size.height, held.rig.rectifyFlags};
     for (std::size_t eye = 0; eye < 2; ++eye) {
         std::ranges::copy(held.rig.poses[eye].values, std::get<0>(state)[eye].begin());
         std::ranges::copy(held.rig.cameras[eye].values, std::get<1>(state)[eye].begin());
@@ -67,8 +76,8 @@ State stateOf(const HeldRig& held) {
     return state;
 }
 
-HeldRig rigOfState(const State& state) {
-    HeldRig held{{}, std::get<5>(state)};
+HeldRig rigOfState(const State& state, const std::string& origin) {
+    HeldRig held{{}, origin};
     for (std::size_t eye = 0; eye < 2; ++eye) {
         std::ranges::copy(std::get<0>(state)[eye], held.rig.poses[eye].values);
         std::ranges::copy(std::get<1>(state)[eye], held.rig.cameras[eye].values);
@@ -78,10 +87,9 @@ HeldRig rigOfState(const State& state) {
     return held;
 }
 
+/// Where they come from does not count.
 bool areSame(const HeldRig& a, const HeldRig& b) {
-    State first = stateOf(a), second = stateOf(b);
-    std::get<5>(first).clear(), std::get<5>(second).clear();  // where they come from does not count
-    return first == second;
+    return stateOf(a) == stateOf(b);
 }
 
 }  // namespace
@@ -102,9 +110,10 @@ void defineRig(py::module_& module) {
             [](const std::string& file) {
                 return HeldRig{readRig(file), file};
             },
-            py::arg("file"))
+            py::arg("file"), py::call_guard<py::gil_scoped_release>())
         .def(
-            "write", [](const HeldRig& held, const std::string& file) { writeRig(file, held.rig); }, py::arg("file"))
+            "write", [](const HeldRig& held, const std::string& file) { writeRig(file, held.rig); }, py::arg("file"),
+            py::call_guard<py::gil_scoped_release>())
         .def("with_size", &withSize, py::arg("width"), py::arg("height"))
         .def_property_readonly("left_matrix", camera(0, false))
         .def_property_readonly("left_distortion", camera(0, true))
@@ -116,9 +125,10 @@ void defineRig(py::module_& module) {
                                [](const HeldRig& held) { return arrayOf(cv::Mat(matricesOf(held.rig).translation)); })
         .def_property_readonly("size", &sizeOf)
         .def_property_readonly("rectify_flags", [](const HeldRig& held) { return held.rig.rectifyFlags; })
-        .def_property_readonly("origin", [](const HeldRig& held) { return held.origin; })
         .def("__eq__", &areSame, py::is_operator())
-        .def(py::pickle(&stateOf, &rigOfState));
+        .def(py::pickle(
+            [](const HeldRig& held) { return py::make_tuple(stateOf(held), py::bytes(held.origin)); },
+            [](const py::tuple& state) { return rigOfState(state[0].cast<State>(), state[1].cast<std::string>()); }));
 }
 
 }  // namespace kestrune::python

@@ -45,6 +45,8 @@ TEST(WriteSettings, ChangesValuesWhereTheyStand) {
         {"cannyLow: 30\n", "cannyLow: 30\n"},  // not read, and nothing is said about it
         {"nmsFactor: 1\n", "nmsFactor: 0.96\n"},
         {"useComplexExtract: 0\n", "useComplexExtract: true\n"},
+        {"sigma: ~  # px\n", "sigma: 1.25  # px\n"},
+        {"minAxisRatio: &a 0.4\nsigma: *a\n", "minAxisRatio: &a 0.4\nsigma: 1.25\n"},
     };
     enterOwnDirectory();
     Settings settings = readSettings("ready/bright-complex.yaml", Path::complex, Use::stereo);
@@ -81,6 +83,8 @@ TEST(WriteSettings, RefusesWhatCouldNotBeReadAndLeavesTheFile) {
         {"{ sigma: 1 }\n", good, "stands in braces"},
         {"sigma: 1\n...\n", good, "is missing"},  // what is added behind the end of the document is not of it
         {"- 1\n", good, "holds no list of named fields"},
+        {"  sigma: 1\n", good, "is missing"},
+        {"markerName: |\n  two\n  lines\n", good, "has a form in which a value cannot be changed"},
     };
     for (const Case& c : cases) {
         const std::string what = test::refused([&] { rewritten(c.before, c.settings); });
@@ -117,6 +121,15 @@ TEST(RigFile, KeepsEveryNumberAndTellsLines) {
     text.replace(at, 4, "\nD2: 5\nD3:");
     expectComplaint(
         text, [](const std::string& file) { readRig(file); }, cv::format("line %ld: field 'D2' is missing or is no matrix", line));
+    for (const char* level : {"[", "{\"a\":", "- "})
+        expectComplaint(
+            "%YAML:1.0\n---\nM1: " +
+                [&] {
+                    std::string deep;
+                    for (int k = 0; k < 100'000; ++k) deep += level;
+                    return deep;
+                }(),
+            [](const std::string& file) { readRig(file); }, "is nested too deeply");
     const std::string what = test::refused([&] {
         RigMatrices broken = matricesOf(rig);
         broken.rotation.at<double>(0, 0) += 1;

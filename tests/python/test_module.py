@@ -107,6 +107,9 @@ def test_any_form_of_an_image_gives_the_same(eyes):
         "read-only": frozen,
         "inverted": (255 - image, {"invert": True}),
         "16 bits": (image.astype(np.uint16) * 257, {"range": (0, 65535)}),
+        "other order of bytes": ((image.astype(np.uint16) * 257).astype(">u2"), {"range": (0, 65535)}),
+        "from elsewhere": pickle.loads(pickle.dumps(image)),
+        "double precision, four channels": (np.dstack([image.astype(float)] * 4), {"range": (0, 255)}),
         "floating point": (image.astype(np.float32), {"range": (0, 255)}),
     }
     for name, form in forms.items():
@@ -124,7 +127,12 @@ def test_bad_input_is_refused_by_name(demo, rig, eyes, tmp_path):
     cases = [
         (lambda: extractor.extract("left.png"), "image: is no NumPy array"),
         (lambda: extractor.extract(image.astype(np.int32)), "image: is of int32"),
-        (lambda: extractor.extract(image.astype(">u2")), "image: is of >u2"),
+        (lambda: good.replace(markerRadii=[[1, 2]]), "field 'markerRadii': [1, 2] is no value"),
+        (lambda: good.replace(markerRadii=["1"]), "field 'markerRadii': '1' is no value"),
+        (lambda: good.replace(scale=10**30), "field 'scale': 1000000000000000000000000000000 is no value"),
+        (lambda: good.replace(useComplexExtract=False), "field 'useComplexExtract' chooses the path"),
+        (lambda: rig.with_size(10**7, 5), "size 10000000 x 5 is none of an image"),
+        (lambda: Settings.read(b"d\xf6.yaml"), "d\ufffd.yaml: cannot be read"),
         (lambda: extractor.extract(np.dstack([image] * 2)), "3 dimensions and 2 channels"),
         (lambda: extractor.extract(image[0]), "has 1 dimensions"),
         (lambda: extractor.extract(image[:9]), "image: is 640 x 9 px, the calibration is for 640 x 512"),
@@ -157,6 +165,10 @@ def test_bad_input_is_refused_by_name(demo, rig, eyes, tmp_path):
             call()
         assert expected in str(raised.value)
         assert raised.type.__module__ == "kestrune" and isinstance(raised.value, ValueError)
+    with pytest.raises(MemoryError):
+        extractor.extract(np.broadcast_to(image[:1, :1], (400000000, 400000000)))
+    with pytest.raises(TypeError, match="is no kestrune.Settings"):
+        Extractor("settings.yaml")
     with pytest.raises(AttributeError, match="no field 'sigmo'"):
         good.sigmo = 1
     with pytest.raises(InputError, match="/proc/nothing/s.yaml: cannot be written"):
@@ -168,7 +180,7 @@ def test_settings_and_rigs_come_from_files_and_from_values(rig, tmp_path):
     settings = settings_of("bright-complex")
     assert Settings(settings.to_dict()) == settings and Settings(dict(settings), path="complex") == settings
     assert settings.nmsFactor == 0.96 and settings.use == "stereo"  # a float field, as it is written
-    changed = settings.replace(sigma=2, markerRadii=(1, 2))
+    changed = settings.replace(sigma=np.float32(2), markerRadii=np.array([1, 2]), scale=np.array(2))
     assert changed != settings and changed.markerRadii == [1, 2] and changed.sigma == 2
     (tmp_path / "s.yaml").write_text("# of plate 7\nsigma: 1  # px\n")
     changed.write(tmp_path / "s.yaml")
@@ -179,6 +191,29 @@ def test_settings_and_rigs_come_from_files_and_from_values(rig, tmp_path):
     np.testing.assert_allclose(made.translation, rig.translation, rtol=1e-14)
     assert made.size == (640, 512) and np.array_equal(made.left_distortion, rig.left_distortion)
     assert rig.with_size(9, 8).size == (9, 8) and rig.with_size(*rig.size) == rig
+
+
+def test_settings_for_stereo_alone_serve_stereo_alone(rig, eyes, tmp_path):
+    whole = settings_of("bright-complex", markerRadii=RADII)
+    text = (tmp_path / "s.yaml", whole.write(tmp_path / "s.yaml"))[0].read_text()
+    (tmp_path / "s.yaml").write_text("".join(line for line in text.splitlines(True) if not line.startswith("skipUndistort")))
+    settings = Settings.read(tmp_path / "s.yaml")
+    for extractor in (Extractor(settings, rig), pickle.loads(pickle.dumps(Extractor(settings, rig)))):
+        assert len(extractor.stereo(*eyes)) > 5
+        with pytest.raises(InputError, match="s.yaml: field 'skipUndistort' is missing"):
+            extractor.extract(eyes[0])
+    settings.write(tmp_path / "s.yaml")
+    assert "skipUndistort" not in (tmp_path / "s.yaml").read_text()
+    assert len(Extractor(settings.replace(skipUndistort=True), rig).extract(eyes[0])) > 5
+
+
+def test_a_bad_exposure_leaves_the_extractor_as_it_was(rig, eyes):
+    matrices = rig.left_matrix, rig.left_distortion, rig.right_matrix, rig.right_distortion
+    sizeless = Rig(*matrices, rig.rotation, rig.translation, None, rig.rectify_flags)
+    extractor = Extractor(settings_of("bright-complex", markerRadii=RADII), sizeless)
+    with pytest.raises(InputError, match="calibration is for 100 x 100"):
+        extractor.stereo(eyes[0][:100, :100], eyes[1])
+    assert len(extractor.stereo(*eyes)) > 5
 
 
 def test_whatever_travels_is_the_same_after_it(rig, eyes):

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "files/inputs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -18,6 +19,23 @@ fs::path withoutLinks(const fs::path& path) {
     std::error_code failed;
     const fs::path result = fs::weakly_canonical(path, failed);
     return failed ? path.lexically_normal() : result;
+}
+
+// OpenCV's parser calls itself for each level, and has no limit of its own; the deepest file of ours has five.
+constexpr int kDeepestNesting = 200;
+
+/// At most so many lists, maps and elements lie in each other, of brackets, tags and dashes.
+int nestingOf(const std::string& text) {
+    int open = 0, dashes = 0, deepest = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i], next = i + 1 < text.size() ? text[i + 1] : '\0';
+        if (c == '\n') dashes = 0;
+        if (c == '-' && (next == ' ' || next == '\t')) ++dashes;
+        if (c == '[' || c == '{' || (c == '<' && next != '/')) ++open;
+        if ((c == ']' || c == '}' || (c == '<' && next == '/')) && open > 0) --open;
+        deepest = std::max(deepest, open + dashes);
+    }
+    return deepest;
 }
 
 }  // namespace
@@ -55,6 +73,7 @@ std::string readText(const std::string& file) {
 }
 
 cv::FileStorage parseYaml(const std::string& file, const std::string& text) {
+    if (nestingOf(text) > kDeepestNesting) throw InputError(file, "is nested too deeply for a file of this kind");
     try {
         cv::FileStorage storage(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
         if (storage.root().isMap()) return storage;

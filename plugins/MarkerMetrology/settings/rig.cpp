@@ -287,7 +287,7 @@ Rig rigFrom(RigReader reader) {
 }
 
 /// As OpenCV's stereo calibration writes it.
-std::string textOf(const RigMatrices& matrices) {
+std::string yamlOf(const RigMatrices& matrices) {
     cv::FileStorage storage(".yaml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
     if (!matrices.size.empty())
         storage << "image_width" << matrices.size.width << "image_height" << matrices.size.height;
@@ -318,7 +318,7 @@ Rig readRig(const std::string& file) {
 }
 
 Rig rigOf(const RigMatrices& matrices, const std::string& origin) {
-    return rigFrom(RigReader(origin, textOf(matrices), false));
+    return rigFrom(RigReader(origin, yamlOf(matrices), false));
 }
 
 RigMatrices matricesOf(const Rig& rig) {
@@ -332,7 +332,7 @@ RigMatrices matricesOf(const Rig& rig) {
 }
 
 void writeRig(const std::string& file, const Rig& rig) {
-    const std::string text = textOf(matricesOf(rig));
+    const std::string text = yamlOf(matricesOf(rig));
     writeWhole(file, text.data(), text.size());
 }
 

@@ -38,11 +38,9 @@ std::size_t endOfPlain(const std::string& text, std::size_t begin) {
     return last == std::string::npos || last < begin ? begin : last + 1;
 }
 
-std::size_t endOfValue(const std::string& text, const YAML::Node& value) {
-    if (value.IsSequence() && value.size() > 0 && value.Style() == YAML::EmitterStyle::Block)
-        return endOfValue(text, value[value.size() - 1]);
-    const std::size_t begin = placeOf(text, value.Mark());
-    const char first = begin < text.size() ? text[begin] : '\n';
+/// The end of a value that begins here, on the line of its field.
+std::size_t endOfValue(const std::string& text, std::size_t begin) {
+    const char first = text[begin];
     if (first == '[') return std::min(text.find(']', begin), text.size() - 1) + 1;
     if (first != '"' && first != '\'') return endOfPlain(text, begin);
     std::size_t end = begin + 1;
@@ -55,8 +53,11 @@ std::size_t endOfValue(const std::string& text, const YAML::Node& value) {
 /// From behind the colon of a field to the end of its value.
 Span valueOf(const std::string& text, const YAML::Node& key, const YAML::Node& value) {
     const std::size_t colon = text.find(':', placeOf(text, key.Mark()) + key.Scalar().size());
-    if (value.IsNull()) return {colon + 1, colon + 1};
-    return {colon + 1, std::max(colon + 1, endOfValue(text, value))};
+    const std::size_t begin = std::min(text.find_first_not_of(" \t", colon + 1), text.size());
+    if (begin < text.size() && std::string("#\r\n").find(text[begin]) == std::string::npos)
+        return {colon + 1, endOfValue(text, begin)};
+    if (!value.IsSequence() || value.size() == 0) return {colon + 1, colon + 1};
+    return {colon + 1, endOfPlain(text, placeOf(text, value[value.size() - 1].Mark()))};  // a list, one line each
 }
 
 /// Of two texts of one value.
@@ -75,11 +76,6 @@ bool isNothing(const CicrleConfigs& configs, const SettingField& field) {
 
 bool choosesPath(const SettingField& field) {
     return field.name == std::string("useComplexExtract") || field.name == std::string("useRadialContours");
-}
-
-/// Settings for stereo serve the extraction of one image as well.
-bool belongs(const SettingField& field, Path path, Use use) {
-    return field.isReadBy(path, use) || field.isReadBy(path, Use::extraction);
 }
 
 std::string lineOf(const CicrleConfigs& configs, const SettingField& field) {
@@ -125,11 +121,15 @@ std::string textOf(const CicrleConfigs& configs, const SettingField& field) {
     return std::visit([&](auto member) { return textOf(configs.*member); }, field.member);
 }
 
+bool belongs(const SettingField& field, const Settings& settings, Use use) {
+    return field.isReadBy(settings.path, use) || (!choosesPath(field) && !isNothing(settings.configs, field));
+}
+
 std::string newText(const Settings& settings, Use use) {
     std::string text = fmt::format("# Settings of path {}{}.\n", nameOf(settings.path),
                                    use == Use::stereo ? ", for stereo measurements as well" : "");
     for (const SettingField& field : settingFields())
-        if (belongs(field, settings.path, use)) text += lineOf(settings.configs, field);
+        if (belongs(field, settings, use)) text += lineOf(settings.configs, field);
     return text;
 }
 
@@ -140,14 +140,14 @@ std::string changedText(const std::string& file, const std::string& text, const 
     std::map<std::size_t, std::pair<std::size_t, std::string>> changes;  // begin: end and new text
     std::string added;
     for (const SettingField& field : settingFields()) {
-        const bool isRead = belongs(field, settings.path, use);
+        const bool isRead = belongs(field, settings, use);
         const std::string wanted = textOf(settings.configs, field);
         bool isThere = false;
         for (const auto& entry : root) {
             if (!entry.first.IsScalar() || entry.first.Scalar() != field.name) continue;
             isThere = true;
             if (saySame(entry.second, wanted, field)) continue;
-            if (!isRead && !choosesPath(field) && isNothing(settings.configs, field)) continue;
+            if (!isRead && !choosesPath(field)) continue;
             const Span span = valueOf(text, entry.first, entry.second);
             changes[span.begin] = {span.end, " " + wanted};
         }

@@ -23,7 +23,10 @@ std::string textOf(const std::vector<double>& value);
 /// The value of a field.
 std::string textOf(const CicrleConfigs& configs, const SettingField& field);
 
-/// A whole file: the fields that the path reads for this use, each with its meaning.
+/// Whether a file of these settings holds the field: the path reads it for this use, or it holds something.
+bool belongs(const SettingField& field, const Settings& settings, Use use);
+
+/// A whole file: the fields that belong there, each with its meaning.
 std::string newText(const Settings& settings, Use use);
 
 /// The text with the values of these settings. Fields that the path does not read for this use stay as they are where

@@ -22,6 +22,22 @@ bool decode(const YAML::Node& node, Value& value) {
     return node.IsScalar() && node.Tag() != kQuoted && YAML::convert<Value>::decode(node, value);
 }
 
+/// Whether each byte that begins a character is followed by as many as it says.
+bool isUtf8(const std::string& text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const auto first = static_cast<unsigned char>(text[i++]);
+        const int more = first < 0x80U          ? 0
+                         : first >> 5U == 0x6U  ? 1
+                         : first >> 4U == 0xeU  ? 2
+                         : first >> 3U == 0x1eU ? 3
+                                                : -1;
+        if (more < 0) return false;
+        for (int k = 0; k < more; ++k)
+            if (i == text.size() || (static_cast<unsigned char>(text[i++]) & 0xc0U) != 0x80U) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 YAML::Node parseFields(const std::string& file, const std::string& text) {
@@ -132,6 +148,7 @@ bool SettingsReader::readInto(double& value, const YAML::Node& node, const Setti
 bool SettingsReader::readInto(std::string& value, const YAML::Node& node, const SettingField& field) {
     double number = 0;
     if (!node.IsScalar() || decode(node, number)) return refuse(field, node, "a text in quotes");
+    if (!isUtf8(node.Scalar())) return refuse(field, node, "a text of UTF-8");
     value = node.Scalar();
     return true;
 }

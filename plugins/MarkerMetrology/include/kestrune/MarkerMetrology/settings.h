@@ -50,8 +50,8 @@ KESTRUNE_API Settings settingsOf(const std::vector<std::pair<std::string, Settin
 
 /// Writes settings to a file. One that is there keeps its comments, the order of its fields and all that is not of a
 /// field: values that differ are changed where they stand, and fields that the path reads are added at the end where
-/// they are missing. A new file holds the fields that the path reads for an extraction and for this
-/// use, each with its meaning.
+/// they are missing. A new file holds the fields that the path reads for this use, and others that
+/// hold something, each with its meaning.
 ///
 /// What is written gives the same settings when it is read again: numbers have the shortest decimals that do.
 ///
