@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Tells which packages of Debian 12 or 13 are missing and installs them. Without arguments: what the library, the program,
+# Tells which packages of Debian 12 or 13 are missing and installs them. Without arguments: what the library, the program, Python,
 # the tests, the benchmarks, the packages and the reference need. `clang` adds the compiler of the sanitizers and fuzzers,
 # `lint` what scripts/lint.sh needs.
 # Works as root, or through sudo; does nothing where everything is there. KESTRUNE_SETUP=never only tells.
