@@ -9,12 +9,14 @@ import time
 from pathlib import Path
 
 import numpy as np
-import pandas
+import pytest
 
 import kestrune
 from kestrune import batch
 from kestrune.batch.folder import RunFolder
 from kestrune.batch.run import execute, executor_for
+
+pandas = pytest.importorskip("pandas")
 
 ROOT = Path(__file__).resolve().parents[2]
 WIDTH, HEIGHT, FOCAL, BASE, DEPTH = 160, 120, 400.0, 40.0, 1000.0

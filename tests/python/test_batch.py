@@ -11,9 +11,8 @@ import time
 from pathlib import Path
 
 import numpy as np
-import pandas
 import pytest
-from batch_scene import Scene, pgm, run_task, same
+from batch_scene import Scene, pandas, pgm, run_task, same
 from batch_tasks import Task
 
 import kestrune
