@@ -9,8 +9,9 @@ from .exposures import Exposure
 from .keeper import Keeper
 from .record import Record
 
-# Chunks ready for each process: the next is there when one is done, and few are held.
-_AHEAD = 2
+# Chunks for each process: one under way, and enough for the time in which a part is made to last on disk, which is some
+# tenths of a second on a slow one.
+_AHEAD = 8
 
 
 class LocalExecutor:
