@@ -29,6 +29,7 @@ void defineErrors(py::module_& module) {
     static py::exception<cv::Exception> libraryError(module, "LibraryError", PyExc_RuntimeError);
     libraryError.attr("__module__") = "kestrune";
     libraryError.attr("__doc__") = "A call that OpenCV ended.";
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): the form that pybind11 asks for
     py::register_exception_translator([](std::exception_ptr raised) {
         try {
             if (raised) std::rethrow_exception(raised);
