@@ -54,7 +54,7 @@ Corner emptyCorner() {
     return corner;
 }
 
-py::tuple stateOf(const Corner& c) {
+py::tuple stateOfCorner(const Corner& c) {
     return py::make_tuple(c.id, c.x, c.y, ellipseOf(c), c.fitResidual, c.conicValid, c.conic, c.scatter, c.markerRadius,
                           Eigen::Vector3d(c.normal), Eigen::Vector3d(c.position), contourOf(c), c.matched, c.area,
                           c.compactness, c.fitError, c.eccentricity, c.convexRatio, c.circularity);
@@ -141,7 +141,7 @@ void defineCorners(py::module_& module) {
         .def_readonly("convexRatio", &Corner::convexRatio, "area of the contour over that of its hull")
         .def_readonly("circularity", &Corner::circularity, "4 pi area / perimeter^2")
         .def("__repr__", [](const Corner& c) { return fmt::format("<Corner {} at {:.3f}, {:.3f}>", c.id, c.x, c.y); })
-        .def(py::pickle(&stateOf, &cornerOfState));
+        .def(py::pickle(&stateOfCorner, &cornerOfState));
     py::class_<CornerList>(module, "Corners", "Records of one image, in the order of its markers.")
         .def(py::init([] { return CornerList{std::make_shared<std::vector<Corner>>()}; }))
         .def("__len__", [](const CornerList& list) { return list.corners->size(); })
@@ -150,7 +150,7 @@ void defineCorners(py::module_& module) {
         .def(py::pickle(
             [](const CornerList& list) {
                 py::list states;
-                for (const Corner& corner : *list.corners) states.append(stateOf(corner));
+                for (const Corner& corner : *list.corners) states.append(stateOfCorner(corner));
                 return states;
             },
             &listOfState));

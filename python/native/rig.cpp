@@ -88,7 +88,7 @@ HeldRig rigOfState(const State& state, const std::string& origin) {
 }
 
 /// Where they come from does not count.
-bool areSame(const HeldRig& a, const HeldRig& b) {
+bool sameRigs(const HeldRig& a, const HeldRig& b) {
     return stateOf(a) == stateOf(b);
 }
 
@@ -125,7 +125,7 @@ void defineRig(py::module_& module) {
                                [](const HeldRig& held) { return arrayOf(cv::Mat(matricesOf(held.rig).translation)); })
         .def_property_readonly("size", &sizeOf)
         .def_property_readonly("rectify_flags", [](const HeldRig& held) { return held.rig.rectifyFlags; })
-        .def("__eq__", &areSame, py::is_operator())
+        .def("__eq__", &sameRigs, py::is_operator())
         .def(py::pickle(
             [](const HeldRig& held) { return py::make_tuple(stateOf(held), py::bytes(held.origin)); },
             [](const py::tuple& state) { return rigOfState(state[0].cast<State>(), state[1].cast<std::string>()); }));

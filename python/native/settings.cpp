@@ -173,7 +173,7 @@ HeldSettings replaced(const HeldSettings& held, const py::dict& changes) {
     return makeHeld(valuesOf(fields), nameOf(held.settings.path), nameOfUse(held.use), held.origin);
 }
 
-bool areSame(const HeldSettings& a, const HeldSettings& b) {
+bool sameSettings(const HeldSettings& a, const HeldSettings& b) {
     return a.settings.path == b.settings.path && a.use == b.use &&
            std::ranges::all_of(settingFields(), [&](const SettingField& field) {
                return textOf(a.settings.configs, field) == textOf(b.settings.configs, field);
@@ -209,7 +209,7 @@ void defineSettings(py::module_& module) {
         .def_property_readonly("path", [](const HeldSettings& held) { return nameOf(held.settings.path); })
         .def_property_readonly("use", [](const HeldSettings& held) { return nameOfUse(held.use); })
 
-        .def("__eq__", &areSame, py::is_operator())
+        .def("__eq__", &sameSettings, py::is_operator())
         .def(py::pickle(
             [](const HeldSettings& held) {
                 return py::make_tuple(dictOf(held), nameOf(held.settings.path), nameOfUse(held.use),
