@@ -149,8 +149,8 @@ class Rig:
 
     @classmethod
     def read(cls, file: File) -> Rig:
-        """Reads a calibration file of both cameras, whose lenses have no more than the five coefficients k1, k2, p1, p2,
-        k3 that differ from 0. InputError with file, line and field for all that is wrong with it."""
+        """Reads a calibration file of both cameras; their lenses have no more coefficients than k1, k2, p1, p2 and k3
+        that differ from 0. InputError with file, line and field for all that is wrong with it."""
         return cls._of(_native.Rig.read(os.fsencode(file)))
 
     @classmethod
