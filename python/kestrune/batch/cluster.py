@@ -158,6 +158,9 @@ class ClusterExecutor:
         except (concurrent.futures.CancelledError, OSError, TimeoutError) as error:
             raise self._interrupted(error) from error
         except Exception as error:
+            # While a client closes, its futures fail with whatever they meet.
+            if self._client.status != "running":
+                raise self._interrupted("the client is closed") from error
             raise BatchError(f"a worker cannot measure: {reason_of(error)}") from error
         del self._flights[number]
         flight.future.release()
