@@ -346,6 +346,13 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
     return picture;
 }
 
+cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title) {
+    std::vector<Mark> marks;
+    marks.reserve(markers.size());
+    for (const Marker& marker : markers) marks.push_back(markOf(marker, foundKind(marker.polarity)));
+    return drawOverlay(image, marks, title, foundLegend(marks));
+}
+
 void writePicture(const std::string& file, const cv::Mat& picture) {
     std::vector<uchar> bytes;
     try {

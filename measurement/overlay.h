@@ -69,6 +69,9 @@ cv::Mat drawMarks(const cv::Mat& image, const std::vector<Mark>& marks, int zoom
 cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const std::string& title,
                     const Legend& legend, const MarkStyle& style = {});
 
+/// The markers of one image with their ids, each in the colour of its polarity.
+cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title);
+
 /// Writes a picture in the format of the file's extension. @throws InputError, OutputError
 void writePicture(const std::string& file, const cv::Mat& picture);
 

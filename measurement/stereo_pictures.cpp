@@ -85,4 +85,14 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
     return drawOverlay(both.image, marks, title, legend);
 }
 
+cv::Mat drawPoints(const StereoResult& result, const std::string& title) {
+    if (!result.failure.empty() || result.markers.empty()) return {};
+    const double nearest =
+        std::ranges::min(result.markers, {}, [](const StereoMarker& m) { return m.point[2]; }).point[2];
+    std::vector<ViewDisc> discs;
+    for (const StereoMarker& m : result.markers)
+        discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
+    return drawView(discs, {title, "behind the nearest", ""});
+}
+
 }  // namespace kestrune::measure

@@ -52,4 +52,7 @@ struct ViewText {
 /// and z away from the left camera. Needles are the normals, grey spots the discs' shadows on the floor.
 cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text);
 
+/// The discs of an exposure in space, coloured by how far behind the nearest they are; empty where it gives no points.
+cv::Mat drawPoints(const StereoResult& result, const std::string& title);
+
 }  // namespace kestrune::measure

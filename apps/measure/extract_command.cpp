@@ -76,12 +76,9 @@ struct Run {
     }
 
     cv::Mat draw(const std::string& file, const cv::Mat& image, const std::vector<Marker>& markers) const {
-        std::vector<Mark> marks;
-        marks.reserve(markers.size());
-        for (const Marker& marker : markers) marks.push_back(markOf(marker, foundKind(marker.polarity)));
         const std::string title =
             fmt::format("{}   path {}", fs::path(file).filename().string(), nameOf(settings.path));
-        return drawOverlay(imageBehind(image, camera, settings), marks, title, foundLegend(marks));
+        return drawFound(imageBehind(image, camera, settings), markers, title);
     }
 
     std::vector<std::string> overlays;  ///< first, since naming them checks all files

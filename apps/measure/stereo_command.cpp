@@ -133,14 +133,8 @@ struct Run {
             behind[eye] = imageBehind(images[eye], asMatrices(calibration.cameras[eye]), settings);
         writePicture((overlays / (picture + ".png")).string(),
                      drawPairs(behind, result, pictureTitle(name, result), {}, untrusted(result)));
-        if (!result.failure.empty()) return;
-        std::vector<ViewDisc> discs;
-        double nearest = result.markers[0].point[2];
-        for (const StereoMarker& m : result.markers) nearest = std::min(nearest, m.point[2]);
-        for (const StereoMarker& m : result.markers)
-            discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
-        writePicture((overlays / (picture + "-3d.png")).string(),
-                     drawView(discs, {name + "   markers in space", "behind the nearest", ""}));
+        const cv::Mat view = drawPoints(result, name + "   markers in space");
+        if (!view.empty()) writePicture((overlays / (picture + "-3d.png")).string(), view);
     }
 
     std::vector<std::string> pictures;  ///< first, since naming them checks all files

@@ -176,25 +176,6 @@ std::vector<Corner> cornersOf(const py::array& array, const char* name) {
     return corners;
 }
 
-cv::Mat pictureOf(const cv::Mat& image, const Camera& camera, const Settings& settings,
-                  const std::vector<Marker>& markers) {
-    std::vector<measure::Mark> marks;
-    marks.reserve(markers.size());
-    for (const Marker& marker : markers) marks.push_back(measure::markOf(marker, measure::foundKind(marker.polarity)));
-    return measure::drawOverlay(measure::imageBehind(image, camera, settings), marks,
-                                fmt::format("path {}", nameOf(settings.path)), measure::foundLegend(marks));
-}
-
-cv::Mat viewOf(const StereoResult& result) {
-    if (!result.failure.empty() || result.markers.empty()) return {};
-    const double nearest =
-        std::ranges::min(result.markers, {}, [](const StereoMarker& m) { return m.point[2]; }).point[2];
-    std::vector<measure::ViewDisc> discs;
-    for (const StereoMarker& m : result.markers)
-        discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
-    return measure::drawView(discs, {"markers in space", "behind the nearest", ""});
-}
-
 }  // namespace
 
 PythonExtractor::PythonExtractor(HeldSettings settings, std::optional<HeldRig> rig)
@@ -233,7 +214,9 @@ py::tuple PythonExtractor::extract(const py::object& object, int eye, bool inver
         measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
         if (!input.image.empty()) {
             markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings, &corners);
-            if (picture) drawn = pictureOf(input.image, camera, settings_.settings, markers);
+            if (picture)
+                drawn = measure::drawFound(measure::imageBehind(input.image, camera, settings_.settings), markers,
+                                           fmt::format("path {}", nameOf(settings_.settings.path)));
         }
     }
     return py::make_tuple(markerTable(markers), pythonCorners(std::move(corners)),
@@ -351,7 +334,7 @@ py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double
             std::vector<int> untrusted(result.failure.empty() ? 0 : result.markers.size());
             std::iota(untrusted.begin(), untrusted.end(), 0);
             drawn = measure::drawPairs(behind, result, fmt::format("path {}", nameOf(settings.path)), {}, untrusted);
-            view = viewOf(result);
+            view = measure::drawPoints(result, "markers in space");
         }
     }
     std::vector<Corner> left, right;
