@@ -21,6 +21,7 @@
 
 #include <Eigen/Core>
 #include <cstdint>
+#include <memory>
 #include <opencv2/core.hpp>
 #include <string>
 #include <utility>
@@ -33,6 +34,20 @@
 #include "kestrune/MarkerExtractor/version.h"
 
 namespace kestrune {
+
+struct Workspace;
+
+/// Owns the working storage of an extractor's paths, whose contents mean nothing between calls. A copy begins without.
+class WorkspaceOwner {
+  public:
+    WorkspaceOwner() noexcept = default;
+    /// Without storage.
+    WorkspaceOwner(const WorkspaceOwner& /*other*/) noexcept {}
+    /// Keeps its own.
+    WorkspaceOwner& operator=(const WorkspaceOwner& /*other*/) noexcept { return *this; }
+
+    std::shared_ptr<Workspace> owned;  ///< the library's
+};
 
 /// The long-lived object: calibration of a camera pair, tables that are built once, and scratch storage.
 ///
@@ -299,6 +314,7 @@ class CircleMarkerExtractor {
     std::vector<uchar> scratchGray;            ///< grey image of a colour input
     std::vector<uchar> scratchWorking;         ///< reduced image
     std::vector<std::uint16_t> scratchSmoothing;  ///< edges: a window with what its smoothing reaches
+    WorkspaceOwner workspace;                     ///< storage that the library does not tell about
 };
 
 /// The front door: extracts the markers of one eye and writes one warning line on standard output if there are none.

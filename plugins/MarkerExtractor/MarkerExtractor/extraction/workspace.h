@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Storage of the paths that goes from call to call, so that none of them allocates for an image of the size of the
+// last.
+#pragma once
+
+#include "kestrune/MarkerExtractor.h"
+
+namespace kestrune {
+
+/// One member for each room that keeps something, defined there.
+struct Workspace {};
+
+/// That of the extractor, made at the first call.
+Workspace& workspaceOf(CircleMarkerExtractor& extractor);
+
+}  // namespace kestrune
