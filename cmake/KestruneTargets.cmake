@@ -57,3 +57,21 @@ function(kestrune_target name)
         target_link_options(${name} PRIVATE -fsanitize=thread)
     endif()
 endfunction()
+
+# kestrune_manual(program component DEPENDENCY...): the manual page of a program, which says what its --help says. A
+# sanitizer's program may not start on every machine, and needs none.
+function(kestrune_manual program component)
+    if(CMAKE_CROSSCOMPILING OR KESTRUNE_SANITIZER)
+        return()
+    endif()
+    cmake_path(GET program FILENAME name)
+    if(TARGET ${program})
+        set(program $<TARGET_FILE:${program}>)
+    endif()
+    set(script ${PROJECT_SOURCE_DIR}/scripts/manual.sh)
+    set(page ${CMAKE_CURRENT_BINARY_DIR}/${name}.1.gz)
+    add_custom_command(OUTPUT ${page} VERBATIM
+        COMMAND ${script} ${program} ${PROJECT_VERSION} ${page} DEPENDS ${ARGN} ${script})
+    add_custom_target(${name}_manual ALL DEPENDS ${page})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+endfunction()

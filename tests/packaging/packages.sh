@@ -58,12 +58,17 @@ if [[ -n $python ]]; then
     suffix=$("$python" -c 'import sysconfig; print(sysconfig.get_config_var("EXT_SUFFIX"))')
     mapfile -t modules < <(cd "$source/python" && find kestrune ! -name '*.pyc' -type f -printf 'usr/lib/python3/dist-packages/%p\n')
     inspect python3-kestrune "python3.\(>=.$abi~\),.python3.\(<<.$next\) python3-numpy libyaml-cpp[0-9.]+ libopencv-core[0-9]+[a-z0-9]*" \
-        usr/bin/kestrune-batch "usr/lib/python3/dist-packages/kestrune/_native$suffix" "${modules[@]}"
+        usr/bin/kestrune-batch usr/share/man/man1/kestrune-batch.1.gz "usr/lib/python3/dist-packages/kestrune/_native$suffix" "${modules[@]}"
     # It stands alone, and what Python writes beside its files goes with them.
     if grep -q libkestrune <<<"$(dpkg-deb --field "$work/packages/python3-kestrune_${version}_$arch.deb" Depends)"; then exit 1; fi
     if objdump -p "$work/python3-kestrune/usr/lib/python3/dist-packages/kestrune/_native$suffix" | grep libkestrune; then exit 1; fi
     control python3-kestrune postinst | grep -q py3compile
     control python3-kestrune prerm | grep -q py3clean
+    manual=$(zcat "$work/python3-kestrune/usr/share/man/man1/kestrune-batch.1.gz")
+    mapfile -t options < <("$build/python/kestrune-batch" --help | grep -oP '^  (-h, )?\K--[a-z-]+')
+    (( ${#options[@]} > 10 ))
+    for option in "${options[@]}"; do grep -qE "^\.B (.*, )?${option//-/\\\\-}( |$)" <<<"$manual"; done
+    for section in SYNOPSIS DESCRIPTION OPTIONS NOTES; do grep -q "^\.SH $section$" <<<"$manual"; done
 fi
 
 # Each command of the program has its section, and a link of the guides leads to a file.

@@ -14,6 +14,17 @@ from . import BatchError, RunInterrupted, measure
 
 _GOOD, _PARTLY_FAILED, _WRONG_INPUT, _SIGNAL_BASE = 0, 1, 2, 128
 _CONNECT_SECONDS = 30
+_DETAILS = """\
+Each exposure is measured in a child process. One that ends its process or takes too long is tried three times and then
+becomes a failed row with its reason, as all that give no points. Tables are the same wherever the work is done.
+Folder: exposures/part-*.csv has a row for each exposure, points/part-*.csv one for each marker in space, run.json
+settings, calibration and options, journal.sqlite what is done. kestrune.batch.read makes one table of the parts.
+Files: nothing is written where settings, calibration or options are wrong. A part is written beside its place and takes
+it when it is whole; what ends the run in between leaves the rows that were journalled, and --resume does the rest. It
+refuses other settings, another calibration or other options than those of the run; exposures may have been added.
+Exit code: 0 if every exposure gave points, 1 if one did not or the run was cut off, 2 for wrong input, 130 after Ctrl-C
+and 143 after SIGTERM, which leave what is done.
+"""
 
 
 class _Ended(KeyboardInterrupt):
@@ -26,23 +37,31 @@ class _Ended(KeyboardInterrupt):
 def _arguments() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         "kestrune-batch", description="Measures many exposures of a camera pair, on this machine or on a Dask cluster.",
-        epilog="Exit codes: 0 all is well, 1 exposures failed or the run was cut off, 2 wrong input.")
-    parser.add_argument("--calibration", required=True, metavar="FILE", help="calibration of the pair")
-    parser.add_argument("--settings", required=True, metavar="FILE", help="settings")
-    parser.add_argument("--out", required=True, metavar="DIR", help="folder of the tables")
+        epilog=_DETAILS, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--calibration", required=True, metavar="FILE",
+                        help="YAML file of the camera pair (see docs/calibration.md)")
+    parser.add_argument("--settings", required=True, metavar="FILE",
+                        help="YAML file with every setting that the path reads")
+    parser.add_argument("--out", required=True, metavar="DIR",
+                        help="folder of the tables, new or empty; with --resume, that of the run")
     parser.add_argument("--left", metavar="PATTERN", help="left images, in quotes: 'left/*.png'; pairs by sorted names")
-    parser.add_argument("--right", metavar="PATTERN", help="right images")
+    parser.add_argument("--right", metavar="PATTERN", help="right images, one for each left one")
     parser.add_argument("--table", metavar="FILE", help="instead: CSV with columns left, right and perhaps name")
     parser.add_argument("--path", help="path to take, if not that of the settings")
-    parser.add_argument("--scheduler", metavar="ADDRESS", help="of a Dask cluster, such as tcp://host:8786")
+    parser.add_argument("--scheduler", metavar="ADDRESS",
+                        help="of a Dask cluster, such as tcp://host:8786; without it, this machine")
     parser.add_argument("--processes", type=int, metavar="N", help="at once on this machine; all processors")
     parser.add_argument("--threads", type=int, default=1, metavar="N", help="of each process; 1")
-    parser.add_argument("--chunk", type=int, metavar="N", help="exposures handed over at once; 1, on a cluster 4")
-    parser.add_argument("--resume", action="store_true", help="go on with the run in the folder")
-    parser.add_argument("--range", type=_range, metavar="LOW:HIGH", help="of images of more than 8 bits")
-    parser.add_argument("--invert", action="store_true", help="dark markers on bright ground")
-    parser.add_argument("--min-share", type=float, default=0.5, metavar="S", help="of markers to be paired; 0.5")
-    parser.add_argument("--timeout", type=float, metavar="S", help="seconds for one exposure; no limit")
+    parser.add_argument("--chunk", type=int, metavar="N",
+                        help="exposures handed over at once; 1, on a cluster 4 to 100 by their rate")
+    parser.add_argument("--resume", action="store_true", help="go on with the run in the folder, or begin it")
+    parser.add_argument("--range", type=_range, metavar="LOW:HIGH",
+                        help="values of images of more than 8 bits that become 0 and 255")
+    parser.add_argument("--invert", action="store_true", help="find dark markers: 255 - pixel")
+    parser.add_argument("--min-share", type=float, default=0.5, metavar="S",
+                        help="share of the poorer eye's markers that must be paired, or the exposure failed; 0.5")
+    parser.add_argument("--timeout", type=float, metavar="S",
+                        help="seconds for one exposure, which is tried three times; no limit")
     parser.add_argument("--version", action="version", version=kestrune.__version__)
     return parser
 
