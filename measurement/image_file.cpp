@@ -16,6 +16,7 @@
 #include "files/inputs.h"
 #include "jpeg_image.h"
 #include "library_text.h"
+#include "png_grey.h"
 #include "png_image.h"
 
 namespace kestrune::measure {
@@ -80,7 +81,10 @@ cv::Mat decodeImage(const std::string& file) {
     const Bytes bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     try {
         if (beginsWith(bytes, kJpeg)) return decodeJpeg(bytes);
-        if (beginsWith(bytes, kPng)) return decodePng(bytes);
+        if (beginsWith(bytes, kPng)) {
+            const cv::Mat grey = decodeGreyPng(bytes);
+            return grey.empty() ? decodePng(bytes) : grey;
+        }
         if (bytes.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
             throw InputError(file, "is too large for an image");
         if (isKnown(bytes)) return decodeByOpenCv(bytes);

@@ -27,6 +27,14 @@ cv::Matx33d normalRotation(const CircleMarkerExtractor& extractor, const CicrleC
     return configs.outputRectified ? rectification : rectification.t();
 }
 
+/// Looks no farther than the first row that differs.
+bool isSame(const cv::Mat& a, const cv::Mat& b) {
+    if (a.type() != b.type()) return false;
+    for (int y = 0; y < a.rows; ++y)
+        if (cv::norm(a.row(y), b.row(y), cv::NORM_INF) != 0) return false;
+    return true;
+}
+
 InputError noContours(const std::string& origin, Path path) {
     return {origin, fmt::format("path {} finds no contours: stereo takes simple, radial or complex", nameOf(path))};
 }
@@ -60,7 +68,7 @@ Settings asStereo(Settings settings, const std::string& origin) {
 
 void requireExposure(const std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, cv::Size size) {
     for (std::size_t eye = 0; eye < 2; ++eye) requireSize(images[eye], names[eye], size);
-    if (images[0].type() == images[1].type() && cv::norm(images[0], images[1], cv::NORM_INF) == 0)
+    if (isSame(images[0], images[1]))
         throw InputError(names[1], "shows the same as " + names[0] + ", pixel for pixel: two eyes never do");
 }
 

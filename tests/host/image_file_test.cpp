@@ -7,6 +7,10 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include <zlib.h>
+
+#include "png_grey.h"
+#include "png_image.h"
 #include "support/program.h"
 
 namespace kestrune::measure::image_file_test {
@@ -96,6 +100,110 @@ TEST(HostImageFile, NoPartOfAPictureIsTakenForAllOfIt) {
         EXPECT_TRUE(!checked || refusal("holed").starts_with("holed: is damaged or ends early (")) << name;
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "without the file's name";
+}
+
+std::string number(std::size_t value) {
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) text += static_cast<char>(value >> shift);
+    return text;
+}
+
+std::string chunk(const std::string& name, const std::string& data) {
+    return number(data.size()) + name + data +
+           number(crc32(crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>((name + data).data()), static_cast<uInt>(name.size() + data.size())));
+}
+
+/// Any bytes are a picture, as long as each row begins with a filter.
+struct Png {
+    cv::Size size;
+    std::string notes, stream, rest, kind = std::string("\x08\0\0\0\0", 5);
+    std::size_t piece = 100000;
+
+    Png(cv::Size picture, int level, cv::RNG& random) : size(picture) {
+        std::vector<uchar> rows;
+        for (int y = 0; y < size.height; ++y)
+            for (int x = 0; x <= size.width; ++x) rows.push_back(static_cast<uchar>(x == 0 ? random.uniform(0, 5) : random.gaussian(9)));
+        stream.resize(compressBound(rows.size()));
+        uLongf length = stream.size();
+        compress2(reinterpret_cast<Bytef*>(stream.data()), &length, rows.data(), rows.size(), level);
+        stream.resize(length);
+    }
+    std::string file() const {
+        std::string all = "\x89PNG\r\n\x1a\n" +
+                          chunk("IHDR", number(static_cast<std::size_t>(size.width)) + number(static_cast<std::size_t>(size.height)) + kind) + notes;
+        for (std::size_t at = 0; at < stream.size(); at += piece) all += chunk("IDAT", stream.substr(at, piece));
+        return all + rest + chunk("IEND", "");
+    }
+};
+
+/// Decoded as libpng and OpenCV do it, or left to them.
+bool isDecodedHere(const std::string& file) {
+    const std::span bytes(reinterpret_cast<const uchar*>(file.data()), file.size());
+    const cv::Mat image = decodeGreyPng(bytes);
+    if (image.empty()) return false;
+    for (const cv::Mat& other : {decodePng(bytes), cv::imdecode(std::vector<uchar>(file.begin(), file.end()), cv::IMREAD_UNCHANGED)})
+        EXPECT_TRUE(other.type() == CV_8UC1 && other.size() == image.size() && cv::norm(image, other, cv::NORM_INF) == 0);
+    return true;
+}
+
+TEST(HostGreyPng, IsDecodedAsByLibpngWhereItIsWhole) {
+    cv::RNG random(5);
+    for (int k = 0; k < 400; ++k) {
+        Png png({random.uniform(1, 71), random.uniform(1, 71)}, k % 10, random);
+        png.piece = static_cast<std::size_t>(random.uniform(1, 300));
+        EXPECT_TRUE(isDecodedHere(png.file())) << k << ": " << png.size;
+    }
+    for (const cv::Size size : {cv::Size(70001, 2), cv::Size(3, 70000), cv::Size(700, 500)})
+        EXPECT_TRUE(isDecodedHere(Png(size, 6, random).file())) << size;
+    const Png whole({40, 30}, 6, random);
+    const auto with = [&](auto&& change) {
+        Png png = whole;
+        change(png);
+        return png.file();
+    };
+    const std::string note = chunk("tEXt", std::string("Title\0disc", 10)), gamma = chunk("gAMA", number(45455));
+    EXPECT_TRUE(isDecodedHere(with([&](Png& png) { png.notes = note + gamma, png.rest = note; })));
+    EXPECT_TRUE(isDecodedHere(whole.file() + "more"));
+    const std::pair<const char*, std::string> left[] = {
+        {"interlaced", with([](Png& png) { png.kind[4] = 1; })},
+        {"16 bits", with([](Png& png) { png.kind[0] = 16; })},
+        {"colour", with([](Png& png) { png.kind[1] = 2; })},
+        {"palette", with([&](Png& png) { png.kind[1] = 3, png.notes = chunk("PLTE", std::string(768, 'p')); })},
+        {"transparent", with([](Png& png) { png.notes = chunk("tRNS", std::string(2, 'a')); })},
+        {"pixels in two runs", with([&](Png& png) { png.rest = note + chunk("IDAT", png.stream.substr(200)), png.stream.resize(200); })},
+        {"a row too few", with([](Png& png) { ++png.size.height; })},
+        {"a row too many", with([](Png& png) { --png.size.height; })},
+        {"bytes after the pixels", with([](Png& png) { png.stream += 'x'; })},
+        {"the wrong sum", with([](Png& png) { ++png.stream.back(); })},
+        {"no end", whole.file().substr(0, whole.file().size() - 12)},
+        {"no row", with([](Png& png) { png.size.height = 0; })},
+        {"rows for all memory", with([](Png& png) {
+             png.size = {1000000, 1000000};
+         })},
+        {"a filter that there is not", with([](Png& png) {
+             png.stream = std::string("\x78\x01\x01\x02\0\xfd\xff\x05\0\0\x0c\0\x06", 13), png.size = {1, 1};
+         })},
+    };
+    for (const auto& [what, file] : left) EXPECT_FALSE(isDecodedHere(file)) << what;
+}
+
+TEST(HostGreyPng, IsLeftToLibpngWhereAnythingIsWrong) {
+    cv::RNG random(6);
+    for (const int level : {0, 1, 9}) {
+        const Png whole({33, 21}, level, random);
+        const std::string file = whole.file();
+        for (std::size_t size = 0; size < file.size(); ++size) EXPECT_FALSE(isDecodedHere(file.substr(0, size))) << size;
+        for (std::size_t bit = 0; bit < 8 * file.size(); ++bit) {
+            std::string flipped = file;
+            flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << bit % 8));
+            EXPECT_FALSE(bit >= 64 && isDecodedHere(flipped)) << bit;  // the signature is for the caller to know
+        }
+        for (std::size_t bit = 0; bit < 8 * whole.stream.size(); ++bit) {
+            Png png = whole;
+            png.stream[bit / 8] = static_cast<char>(png.stream[bit / 8] ^ (1 << bit % 8));
+            isDecodedHere(png.file());
+        }
+    }
 }
 
 TEST(HostImageFile, ToldApartByWhatIsWrong) {

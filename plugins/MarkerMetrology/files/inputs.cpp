@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "files/inputs.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -65,6 +67,9 @@ std::string readText(const std::string& file) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.c_str(), "rbe"), &std::fclose);
     if (!stream) throw failed();
     std::string text;
+    struct stat about {};
+    if (::fstat(::fileno(stream.get()), &about) == 0 && S_ISREG(about.st_mode))
+        text.reserve(static_cast<std::size_t>(about.st_size));
     std::vector<char> part(1 << 16);
     while (const std::size_t n = std::fread(part.data(), 1, part.size(), stream.get())) text.append(part.data(), n);
     if (std::ferror(stream.get()) != 0) throw failed();  // a folder, for one
