@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -55,9 +56,9 @@ std::size_t threadsOf(int count, int microseconds, std::int64_t mostPerItem) {
     return std::set(ids.begin(), ids.end()).size();
 }
 
-TEST(ParallelLoop, TakesATeamOnlyForWorkThatIsWorthIt) {
+TEST(ParallelLoop, WakesThreadsOnlyForWorkThatIsWorthIt) {
     const SharedLoops shared;
-    leastSharedWork = shared.usual;
+    leastSharedWork = 50'000'000;
     omp_set_num_threads(3);
     EXPECT_EQ(threadsOf(1000, 0, 100'000), 1u);  // may be long, is not
     EXPECT_EQ(threadsOf(400, 500, 1), 1u);       // said to be short
@@ -68,7 +69,25 @@ TEST(ParallelLoop, TakesATeamOnlyForWorkThatIsWorthIt) {
     EXPECT_EQ(most, 1u);
 }
 
-TEST(ParallelLoop, RunsOnInAForkedChildWithoutATeam) {
+std::ptrdiff_t threadsOfProcess() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+TEST(ParallelLoop, LetsItsThreadsGoWithTheCall) {
+    const SharedLoops shared;
+    omp_set_num_threads(4);
+    const std::ptrdiff_t before = threadsOfProcess();
+    {
+        const ParallelCall call;
+        for (int loop = 0; loop < 3; ++loop) {
+            forEachLongItem(100, [](int) { forEachLongItem(3, [](int) { EXPECT_EQ(largestTeam(), 1); }); });
+            EXPECT_EQ(threadsOfProcess(), before + 3);
+        }
+    }
+    while (threadsOfProcess() > before) std::this_thread::yield();  // the suite's time limit ends what never comes
+}
+
+TEST(ParallelLoop, RunsInAForkedChild) {
     const SharedLoops shared;
     omp_set_num_threads(2);
     std::vector<int> runs;

@@ -37,7 +37,9 @@ bool isThere(std::size_t size) {
     const long first = firstFailure;
     if (first == 0) return true;
     const long number = ++allocations;
-    return failsOnce ? number != first : number < first;
+    if (failsOnce ? number != first : number < first) return true;
+    errno = ENOMEM;
+    return false;
 }
 
 }  // namespace

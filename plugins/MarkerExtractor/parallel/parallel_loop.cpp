@@ -2,118 +2,63 @@
 #include "parallel/parallel_loop.h"
 
 #include <omp.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 #include <exception>
-#include <latch>
 #include <mutex>
-#include <system_error>
-#include <thread>
-#include <vector>
+
+#include "parallel/team.h"
 
 namespace kestrune {
 
-std::atomic<std::int64_t> leastSharedWork{6'000'000};
+std::atomic<std::int64_t> leastSharedWork{150'000};
 
 namespace {
 
 /// What is done before the rest is judged by it, ns: enough for cold caches not to count.
-constexpr std::int64_t kTrial = 300'000;
+constexpr std::int64_t kTrial = 20'000;
 /// Portions that a thread takes, on average. The threads ask for them as they go: one that comes late finds little
-/// left, and does not hold up the others with a half of its own.
-constexpr int kPortions = 8;
-/// Threads that must be there besides those of a team. The system counts a thread for a moment after it was joined, and
-/// other parts of the process start threads, too.
-constexpr int kSpareThreads = 4;
-/// More than the runtime allocates when it makes a team, bytes.
-constexpr std::size_t kMemoryOfTeam = 64 << 10, kMemoryPerThread = 1 << 10;
+/// left, and one that the system stops in the middle holds up the others by no more.
+constexpr int kPortions = 16;
 
-const pid_t loadedBy = ::getpid();
-
-/// Size of the team that the calling thread was found able to start; the runtime keeps it for the thread's next region.
 /// Storage of this kind is there from the start; any other may have to be allocated at the first use, and the loader
 /// ends the process where it cannot be.
-[[gnu::tls_model("initial-exec")]] thread_local int triedTeam = 0;
+[[gnu::tls_model("initial-exec")]] thread_local Team* team = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local bool isInCall = false;
+[[gnu::tls_model("initial-exec")]] thread_local bool isInLoop = false;
 
-std::int64_t timeOf(clockid_t clock) {
-    timespec now{};
-    ::clock_gettime(clock, &now);
-    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
-bool canAllocate(std::size_t bytes) {
-    void* volatile memory = std::malloc(bytes);  // volatile: the pair would be left out otherwise
-    const bool isThere = memory != nullptr;
-    std::free(memory);
-    return isThere;
-}
-
-/// Whether `count` threads can run at the same time.
-bool canStartThreads(int count) {
-    std::latch gate{1};                 // outlives the threads: one that leaves it still looks at it
-    std::vector<std::jthread> threads;  // joined at the end
-    bool canStart = true;
-    try {
-        threads.reserve(static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i) threads.emplace_back([&gate] { gate.wait(); });
-    } catch (const std::exception&) {  // std::system_error or std::bad_alloc
-        canStart = false;
-    }
-    gate.count_down();
-    return canStart;
-}
-
-/// Whether a region of that many threads may be entered without a risk for the process.
-bool canFormTeam(int threads) {
-    if (::getpid() != loadedBy) return false;  // the threads of a team did not come along with `fork`
-    if (!canAllocate(kMemoryOfTeam + kMemoryPerThread * static_cast<std::size_t>(threads))) return false;
-    if (triedTeam != threads) {
-        if (!canStartThreads(threads - 1 + kSpareThreads)) return false;
-        triedTeam = threads;
-    }
-    return true;
-}
-
-/// Judges a loop as it goes on whether the rest of it is worth a team. The time that has passed comes without a system
-/// call, but holds what other processes took. It only arouses a suspicion; the processor time of the calling thread,
-/// from then to the next look, has to confirm it.
-class Judge {
+/// While items of a loop run on this thread.
+class InLoop {
   public:
-    Judge(int count, std::int64_t worth) : count_(count), worth_(worth) {}
-    /// Looks after 1, 2, 4, ... items. @param item  the items before it have run.
-    bool isRestWorthIt(int item) {
-        if (item < nextLook_) return false;
-        const bool isConfirmed =
-            suspectedAt_ > 0 && isWorthIt(timeOf(CLOCK_THREAD_CPUTIME_ID) - used_, suspectedAt_, item);
-        if (isConfirmed) return true;
-        const std::int64_t passed = timeOf(CLOCK_MONOTONIC) - begin_;
-        suspectedAt_ = passed >= kTrial && isWorthIt(passed, 0, item) ? item : 0;
-        if (suspectedAt_ > 0) used_ = timeOf(CLOCK_THREAD_CPUTIME_ID);
-        // Items may be long: the look that confirms comes soon.
-        nextLook_ = item + std::min(suspectedAt_ > 0 ? (item + kConfirming - 1) / kConfirming : item, count_ - item);
-        return false;
-    }
+    InLoop() noexcept { isInLoop = true; }
+    ~InLoop() { isInLoop = before_; }
+    InLoop(const InLoop&) = delete;
+    InLoop& operator=(const InLoop&) = delete;
 
   private:
-    /// @param time  that items `from` .. `to` - 1 took
-    bool isWorthIt(std::int64_t time, int from, int to) const { return time / (to - from) * (count_ - to) >= worth_; }
-
-    static constexpr int kConfirming = 4;
-    const int count_;
-    const std::int64_t worth_, begin_ = timeOf(CLOCK_MONOTONIC);
-    int nextLook_ = 1, suspectedAt_ = 0;
-    std::int64_t used_ = 0;
+    const bool before_ = isInLoop;
 };
 
-/// Runs items from 0 on until the rest of them is worth a team.
+std::int64_t now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_MONOTONIC, &time);
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+/// Runs items from 0 on until the rest of them is worth waking threads for, by the time that the first ones took.
 /// @return the first item that has not run.
 int runAlone(int count, std::int64_t worth, LoopBody body) {
-    Judge judge(count, worth);
-    int item = 0;
-    while (item < count && !judge.isRestWorthIt(item)) body(item++, 0);
+    const InLoop inLoop;
+    const std::int64_t begin = now();
+    int nextLook = 1, item = 0;
+    while (item < count) {
+        body(item++, 0);
+        if (item < nextLook) continue;
+        const std::int64_t passed = now() - begin;
+        if (passed >= std::min(kTrial, worth) && passed / item * (count - item) >= worth) break;
+        nextLook = item * 2;
+    }
     return item;
 }
 
@@ -138,44 +83,95 @@ class FirstFailure {
     std::mutex mutex_;
 };
 
-void runShared(int first, int count, int threads, LoopBody body) {
-    FirstFailure failure(count);
-    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): read by the region below
-    const int portion = std::max(1, (count - first) / (kPortions * threads));
-#pragma omp parallel for num_threads(threads) schedule(dynamic, portion) default(none) \
-    shared(first, count, body, failure, portion)
-    for (int item = first; item < count; ++item) {
-        if (failure.isBefore(item)) continue;
-        try {
-            body(item, omp_get_thread_num());
-        } catch (...) {  // none may leave a region
-            failure.keep(item);
+/// Items that the threads of a team take in portions.
+class SharedItems final : public SharedWork {
+  public:
+    SharedItems(int first, int count, int threads, LoopBody body)
+        : next_(first),
+          count_(count),
+          portion_(std::max(1, (count - first) / (kPortions * threads))),
+          body_(body),
+          failure_(count) {}
+
+    void help(int thread) noexcept override {
+        const InLoop inLoop;
+        for (;;) {
+            const int first = next_.fetch_add(portion_, std::memory_order_relaxed);
+            if (first >= count_) break;
+            for (int item = first; item < std::min(first + portion_, count_); ++item) run(item, thread);
         }
     }
-    failure.rethrow();
+    void rethrow() const { failure_.rethrow(); }
+
+  private:
+    void run(int item, int thread) noexcept {
+        if (failure_.isBefore(item)) return;
+        try {
+            body_(item, thread);
+        } catch (...) {
+            failure_.keep(item);
+        }
+    }
+
+    std::atomic<int> next_;
+    const int count_, portion_;
+    const LoopBody body_;
+    FirstFailure failure_;
+};
+
+/// The team of this call, with at least as many threads as can be had of those wanted beside the caller's.
+Team* teamOf(int helpers) {
+    try {
+        if (team == nullptr) team = new Team;
+        team->growTo(helpers);
+    } catch (const std::exception&) {  // std::bad_alloc or std::system_error: those that are there have to do
+    }
+    return team != nullptr && team->size() > 0 ? team : nullptr;
+}
+
+/// Runs the items from `first` on, by a team if there is one.
+void runShared(int first, int count, int threads, LoopBody body) {
+    const ParallelCall call;  // a loop outside of any call lets its threads go
+    Team* const helpers = threads > 1 ? teamOf(threads - 1) : nullptr;
+    if (helpers == nullptr) {
+        const InLoop inLoop;
+        for (int item = first; item < count; ++item) body(item, 0);
+        return;
+    }
+    SharedItems items(first, count, threads, body);
+    helpers->share(items, threads - 1);
+    items.rethrow();
 }
 
 }  // namespace
 
+ParallelCall::ParallelCall() noexcept : isOutermost_(!isInCall) {
+    isInCall = true;
+}
+
+ParallelCall::~ParallelCall() {
+    if (!isOutermost_) return;
+    isInCall = false;
+    delete team;
+    team = nullptr;
+}
+
 int largestTeam() {
-    if (omp_in_parallel()) return 1;
+    if (isInLoop || omp_in_parallel()) return 1;
     return std::max(1, std::min(omp_get_max_threads(), omp_get_thread_limit()));
 }
 
 void forEachInParallel(int count, std::int64_t mostPerItem, LoopBody body) {
     const std::int64_t worth = leastSharedWork.load(std::memory_order_relaxed);
+    const bool isTooLittle = worth > 0 && count < worth / std::max<std::int64_t>(1, mostPerItem);
+    const int most = isTooLittle ? 1 : largestTeam();
     int item = 0;
-    if (worth > 0 && count < worth / std::max<std::int64_t>(1, mostPerItem)) {
-        // Too little for a team, whatever the items are.
-    } else if (const int most = largestTeam(); most > 1) {
-        if (worth > 0) item = runAlone(count, worth, body);
-        const int threads = std::min(most, count - item);
-        if (threads > 1 && canFormTeam(threads)) {
-            runShared(item, count, threads, body);
-            return;
-        }
-    }
-    for (; item < count; ++item) body(item, 0);
+    if (most > 1 && worth > 0) item = runAlone(count, worth, body);
+    runShared(item, count, std::min(most, count - item), body);
+}
+
+void forEachLongItem(int count, LoopBody body) {
+    runShared(0, count, std::min(largestTeam(), count), body);
 }
 
 }  // namespace kestrune

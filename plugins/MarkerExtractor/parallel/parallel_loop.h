@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The one way of this library to share a loop among OpenMP threads.
+// The one way of this library to share a loop among threads.
 #pragma once
 
 #include <atomic>
@@ -9,9 +9,8 @@
 
 namespace kestrune {
 
-/// Work from which a loop is shared, ns on the caller's thread. A region ends when its last thread has come, and on a
-/// machine whose processors are all taken that thread gets its turn some milliseconds late: less work than this is
-/// done sooner by the caller's thread alone. With 0 every loop is shared at once, which is for tests.
+/// Work from which a loop is shared, ns on the caller's thread: several times what it costs to wake a thread. With 0
+/// every loop is shared at once, which is for tests.
 extern std::atomic<std::int64_t> leastSharedWork;
 
 /// The body of a loop, by reference: `item` and the number of the thread that runs it, below `largestTeam()`.
@@ -34,22 +33,38 @@ class LoopBody {
     void (*call_)(const void*, int, int);
 };
 
-/// Threads that a loop called from here may run on at most: OpenMP's default number, or 1 within a parallel region of
-/// the host, which has its processors busy already.
+/// Threads that a loop called from here may run on at most, the caller's among them: OpenMP's default number, by which
+/// a host limits them, or 1 within an item of a loop and within a parallel region of the host, which have their
+/// processors busy already.
 int largestTeam();
 
 /// Runs `body` for the items 0 .. `count` - 1. Each item writes only what belongs to it, so that the outcome depends
 /// neither on the number of threads nor on whether there is more than one.
 ///
-/// The caller's thread begins. Only if what is left is then seen to be worth it is a parallel region entered, and only
-/// if the threads and the memory that OpenMP needs can be had: its runtime ends the process where they cannot. In every
-/// other case, and in a child made by `fork`, where OpenMP's threads do not exist, the caller's thread goes on to the
-/// end. Before the first region of a thread, and whenever the size of its team changes, as many threads are started and
-/// joined once; if that fails the loop is not shared.
+/// The caller's thread begins. Once what is left is seen to be worth it, others are woken and help. The loop ends when
+/// all items have run: a thread that has not come by then is not waited for, so that on a machine whose processors are
+/// all taken the caller's thread does the work by itself. A thread that cannot be started is done without.
 ///
 /// @param mostPerItem  the longest that one item may take, ns, as a bound and not a guess: a loop that stays below
 ///                     `leastSharedWork` by it does not look at the clock.
 /// @throws what an item raised; if several did, what the first of them raised. Items behind it may not have run.
 void forEachInParallel(int count, std::int64_t mostPerItem, LoopBody body);
+
+/// The same for items that are known to be long, say a few rows of an image each: others are woken at once.
+void forEachLongItem(int count, LoopBody body);
+
+/// A call of the library. Threads that its loops need are started by the first one that is worth it, sleep between the
+/// loops and end with the call: a host finds none between calls. Within another call on the same thread, or where no
+/// loop is shared, it does nothing. A loop outside of any call is one of its own.
+class ParallelCall {
+  public:
+    ParallelCall() noexcept;
+    ~ParallelCall();
+    ParallelCall(const ParallelCall&) = delete;
+    ParallelCall& operator=(const ParallelCall&) = delete;
+
+  private:
+    bool isOutermost_;
+};
 
 }  // namespace kestrune

@@ -7,6 +7,7 @@
 #include "MarkerExtractor/extraction/working_images.h"
 #include "checks/settings_check.h"
 #include "ellipsedetection/ellipse_merging.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -106,6 +107,7 @@ RimImages RimCall::candidates(CircleMarkerExtractor& extractor, PixelContours& c
 }
 
 std::vector<Corner> RimCall::run(CircleMarkerExtractor& extractor, Findings* findings) const {
+    const ParallelCall call;
     PixelContours found;
     const RimImages images = candidates(extractor, found, dropsOf(findings));
     const std::vector<PassedRim> rims = passFirstStage(found, images, gates_, findings);

@@ -6,6 +6,7 @@
 
 #include "MarkerExtractor/extraction/working_images.h"
 #include "checks/settings_check.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -75,6 +76,7 @@ std::vector<SubpixelContour> SimpleCall::contours(CircleMarkerExtractor& extract
 
 std::vector<cv::RotatedRect> SimpleCall::run(CircleMarkerExtractor& extractor, std::vector<Corner>& corners,
                                              Findings* findings) const {
+    const ParallelCall call;
     requireEmptyList(corners);
     MarkerList markers{corners, {}, 0};
     CandidateAccount account(findings, gates_);

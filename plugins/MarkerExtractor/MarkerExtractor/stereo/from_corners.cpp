@@ -158,6 +158,7 @@ std::vector<std::pair<int, int>> getStereoMarker3dPoints(std::vector<Corner>& le
                                                          const cv::Mat& leftCamera, const cv::Mat& rightCamera,
                                                          const cv::Mat& fundamental,
                                                          std::vector<Point3_<double>>& points) {
+    const ParallelCall call;
     if (leftCorners.empty() || rightCorners.empty()) {
         reportWarning(report_sites::kCornerListEmpty);
         return {};

@@ -11,6 +11,7 @@
 #include "MarkerExtractor/stereo/rectified_match.h"
 #include "MarkerExtractor/stereo/space_points.h"
 #include "logging/report_sites.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune {
 
@@ -226,6 +227,7 @@ std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& le
                                                                std::vector<cv::RotatedRect>& leftRects,
                                                                std::vector<cv::RotatedRect>& rightRects,
                                                                const CicrleConfigs& configs) {
+    const ParallelCall call;
     return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, nullptr});
 }
 
@@ -233,6 +235,7 @@ std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
     const cv::Mat& leftImage, const cv::Mat& rightImage, CircleMarkerExtractor& extractor,
     std::vector<Point3_<double>>& points, std::vector<cv::RotatedRect>& leftRects,
     std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs, ExplainedMatch& explained) {
+    const ParallelCall call;
     explained = {};
     return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, &explained});
 }

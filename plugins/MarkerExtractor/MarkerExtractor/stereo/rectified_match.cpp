@@ -147,6 +147,7 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
     double maxRowDifference, double minDepth, double maxDepth, bool radiusScoreGate, bool looseSizeGate,
     double sizeTolerance, int deviationFactor, bool plainRowGate, double edgeLengthTolerance,
     double edgeAngleTolerance) {
+    const ParallelCall call;
     const RectifiedMatchSettings settings{
         {{maxRowDifference, minDepth, maxDepth}, std::move(markerRadii), sizeTolerance},
         radiusScoreGate,

@@ -9,13 +9,13 @@
 /// `std::bad_alloc` pass through every call, and `std::system_error` through one with `CicrleConfigs::useThreads` whose
 /// threads cannot be started; OpenCV built with TBB raises `std::runtime_error` where its own cannot. Settings that a
 /// path cannot work with raise `cv::Exception` with code `cv::Error::StsBadArg` and a text that names the setting and
-/// its value, before anything is written. The object can be used again after every exception. What only OpenMP's
-/// runtime decides where memory or threads run out stands in docs/threads.md.
+/// its value, before anything is written. The object can be used again after every exception. More on memory or threads
+/// that run out stands in docs/threads.md.
 ///
 /// @par Threads
 /// One extractor serves one thread at a time, because the paths share its scratch storage; a copy shares the
 /// calibration's pixels, owns its scratch storage, and is the way to a second thread. The same input gives the same
-/// output, bit for bit, on every run and for any number of OpenMP threads, on one kind of CPU: on another one OpenCV
+/// output, bit for bit, on every run and for any number of threads, on one kind of CPU: on another one OpenCV
 /// and Eigen may round otherwise.
 #pragma once
 

@@ -21,7 +21,7 @@ namespace kestrune {
 /// depth z, fits a column on as well, unless the depth range leaves out z b / (b + p) and z b / (b - p). On an object
 /// with depth it loses about half of the right pairs at tolerances of 0.3 and 0.2; both at 0 mean no consensus, and
 /// there give more right and fewer wrong pairs. Figures: docs/stereo.md. May be called from many threads at once. The
-/// result is the same, bit for bit, for any number of OpenMP threads.
+/// result is the same, bit for bit, for any number of threads.
 ///
 /// Bounds are compared as IEEE numbers: a depth bound or `sizeTolerance` that is NaN fits nothing, and neither
 /// does such a `maxRowDifference`, but for `plainRowGate`, where it refuses nothing. An `edgeAngleTolerance` that is
@@ -83,7 +83,7 @@ KESTRUNE_API std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
 /// best among the candidates kept is then taken as one among all candidates: behind a candidate that was thrown out,
 /// another marker is named than the one chosen. A marker with one candidate that has several is in no pair.
 ///
-/// May be called from many threads at once. The result is the same, bit for bit, for any number of OpenMP threads.
+/// May be called from many threads at once. The result is the same, bit for bit, for any number of threads.
 ///
 /// @param leftCorners, rightCorners  read are `x` and `y`, px free of distortion; a centre that is not finite has no
 ///                      candidate. Written for each pair: `matched`, and `position` in the left camera frame on the
