@@ -14,7 +14,7 @@ namespace {
 constexpr double kPerGain = 0.0078125;  ///< 1 / 128: the response in grey levels
 /// Points of one contour that make one item of the loop over all contours, and a bound of the time for one, ns.
 constexpr std::size_t kChunk = 512;
-constexpr std::int64_t kPointTime = 500;
+constexpr std::int64_t kRefinementTime = 500;
 constexpr double kLargestOffset = 0.5;  ///< px; beyond it another pixel is the nearest one to the line
 
 /// Second-order surface a0 + a1 x + a2 y + a3 x^2 + a4 x y + a5 y^2 through nine magnitudes.
@@ -115,7 +115,7 @@ void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std:
         for (std::size_t first = 0; first < count; first += kChunk) blocks.push_back({c, first});
     }
     // One loop over all contours: most of them are too short to be worth one each.
-    forEachInParallel(static_cast<int>(blocks.size()), kPointTime * static_cast<std::int64_t>(kChunk), [&](int b) {
+    forEachInParallel(static_cast<int>(blocks.size()), kRefinementTime * static_cast<std::int64_t>(kChunk), [&](int b) {
         const auto [c, first] = blocks[static_cast<std::size_t>(b)];
         const std::vector<cv::Point>& pixels = pixelContours[c];
         SubpixelContour& contour = contours[c];
