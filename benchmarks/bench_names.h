@@ -9,20 +9,25 @@
 
 namespace kestrune::bench {
 
-/// A path of the library and the floor that it stands on.
+/// A path of the library and the floor that it stands on, if it has one.
 struct PathName {
     std::string_view name;
     std::string_view floor;
 };
 
-constexpr std::array<PathName, 8> kPathNames{{{"radial_s1", "floor_radial_s1"},
-                                              {"radial_s2", "floor_radial_s2"},
-                                              {"radial_s2_refine", "floor_radial_s2"},
-                                              {"subpixel", "floor_subpixel"},
-                                              {"subpixel_threads", "floor_subpixel"},
-                                              {"fast", "floor_fast"},
-                                              {"complex_s1", "floor_complex_s1"},
-                                              {"complex_s2", "floor_complex_s2"}}};
+constexpr std::array<PathName, 10> kPathNames{{{"radial_s1", "floor_radial_s1"},
+                                               {"radial_s2", "floor_radial_s2"},
+                                               {"radial_s2_refine", "floor_radial_s2"},
+                                               {"subpixel", "floor_subpixel"},
+                                               {"subpixel_threads", "floor_subpixel"},
+                                               {"fast", "floor_fast"},
+                                               {"complex_s1", "floor_complex_s1"},
+                                               {"complex_s2", "floor_complex_s2"},
+                                               {"stereo_radial", ""},
+                                               {"stereo_complex", ""}}};
+
+/// Before the name of a path: the same in an earlier build.
+constexpr std::string_view kOtherBuild = "other_";
 
 constexpr std::array<std::string_view, 4> kRivalNames{"rival_blob", "rival_hough", "rival_edgedrawing", "rival_fit"};
 

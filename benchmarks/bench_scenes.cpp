@@ -46,7 +46,7 @@ BenchScene renderScene(cv::Size size, int markers) {
         throw std::runtime_error("only " + std::to_string(visible) + " of " + std::to_string(markers) +
                                  " markers are visible at " + std::to_string(size.width) + "x" +
                                  std::to_string(size.height));
-    return {exposure.image[0], std::move(exposure.markers)};
+    return {exposure.image[0], exposure.image[1], rig, std::move(exposure.markers)};
 }
 
 }  // namespace

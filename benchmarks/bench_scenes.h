@@ -19,6 +19,8 @@ constexpr double kDiscGrey = 180;
 
 struct BenchScene {
     cv::Mat image;  ///< CV_8UC1, the left eye; no lens distortion, so that every candidate works in the same pixels
+    cv::Mat right;
+    scene::Rig rig;
     std::vector<scene::MarkerTruth> markers;
 };
 

@@ -13,6 +13,9 @@ namespace {
 constexpr int kFullSizeAperture = 15;
 constexpr float kFullSizeMaxDiameter = 300;
 
+// The ready settings' bounds of a match: px, mm.
+constexpr double kRowDifference = 1.5, kLeastDepth = 600, kLargestDepth = 1200;
+
 CicrleConfigs readySettings(const char* file, Path path) {
     CicrleConfigs settings = readSettings(std::string(KESTRUNE_SETTINGS_DIR) + "/" + file, path).configs;
     settings.skipUndistort = true;
@@ -49,6 +52,15 @@ CicrleConfigs complexSettings(int scale) {
         settings.aperture = kFullSizeAperture;
         settings.maxDiameter = kFullSizeMaxDiameter;
     }
+    return settings;
+}
+
+CicrleConfigs stereoSettings(CicrleConfigs settings) {
+    settings.skipUndistort = false;
+    settings.markerRadii.clear();  // discs of many sizes
+    settings.maxRowDifference = kRowDifference;
+    settings.minDepth = kLeastDepth;
+    settings.maxDepth = kLargestDepth;
     return settings;
 }
 

@@ -11,4 +11,7 @@ CicrleConfigs subpixelSettings(bool threaded);
 CicrleConfigs fastSettings();
 CicrleConfigs complexSettings(int scale);
 
+/// With the bounds of depth and rows of the scenes' rig for the match.
+CicrleConfigs stereoSettings(CicrleConfigs settings);
+
 }  // namespace kestrune::bench

@@ -4,8 +4,11 @@
 // task. A factory takes the scene, allocates what can be allocated once, and returns the work of one image.
 #pragma once
 
+#include <kestrune/MarkerExtractor.h>
+
 #include <functional>
 #include <opencv2/core.hpp>
+#include <string>
 #include <vector>
 
 #include "bench_scenes.h"
@@ -17,11 +20,18 @@ struct Job {
     std::function<std::vector<cv::Point2d>()> centres = {};  ///< result of the last run; empty for a floor
 };
 
-// Paths of the library.
-Job radialPath(const BenchScene& scene, int scale, bool refineAtFullSize);
-Job subpixelPath(const BenchScene& scene, bool threaded);
-Job fastPath(const BenchScene& scene);
-Job complexPath(const BenchScene& scene, int scale);
+/// Operations of the library.
+enum class Operation { simple, complex, fast, stereo };
+
+/// One image through an extraction, or both eyes of the exposure to points in space.
+Job pathJob(const BenchScene& scene, const CicrleConfigs& settings, Operation operation);
+
+/// The same job in the library of an earlier build, which `benchmarks/compare --against` puts into a module.
+///
+/// @param file  the module.
+/// @throws std::runtime_error  where it cannot be loaded, or has other records.
+Job otherBuildsJob(const std::string& file, const BenchScene& scene, const CicrleConfigs& settings,
+                   Operation operation);
 
 // Floors: only those calls over the whole image, and for the edge-based path over the windows of its blobs, that the
 // path cannot do without, with the path's arguments.

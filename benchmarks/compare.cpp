@@ -99,7 +99,7 @@ std::string ratio(const Result& result, const ResultsByName& scene, std::string_
 }
 
 Row headings() {
-    Row row{"what", "image", "markers", "ms", "/ floor", "CPU / floor"};
+    Row row{"what", "image", "markers", "ms", "/ floor", "CPU / floor", "/ other build", "CPU / other build"};
     for (const std::string_view rival : kRivalTitles) row.push_back(fmt::format("/ {}", rival));
     row.insert(row.end(), {"recall %", "false", "centre RMS px"});
     return row;
@@ -114,11 +114,14 @@ std::optional<Row> rowOf(const Scene& scene, const ResultsByName& results, std::
     Row row{std::string(title), fmt::format("{}x{}", scene.width, scene.height), std::to_string(scene.markers)};
     const double time = median(result.milliseconds);
     row.push_back(decimals(time, time < 10 ? 2 : 1));
+    const std::string other = std::string(kOtherBuild) + std::string(name);
+    row.push_back(ratio(result, results, floor, &Result::milliseconds));
+    row.push_back(ratio(result, results, floor, &Result::cpuMilliseconds));
+    row.push_back(ratio(result, results, other, &Result::milliseconds));
+    row.push_back(ratio(result, results, other, &Result::cpuMilliseconds));
     if (floor.empty()) {
-        row.resize(row.size() + 2 + kRivalNames.size(), "-");
+        row.resize(row.size() + kRivalNames.size(), "-");
     } else {
-        row.push_back(ratio(result, results, floor, &Result::milliseconds));
-        row.push_back(ratio(result, results, floor, &Result::cpuMilliseconds));
         for (const std::string_view rival : kRivalNames)
             row.push_back(ratio(result, results, rival, &Result::milliseconds));
     }
@@ -139,30 +142,6 @@ std::vector<Row> tableOf(const Scene& scene, const ResultsByName& byName) {
     return table;
 }
 
-/// Time over floor of every path on every scene: a path is a row, a scene a column.
-std::vector<Row> floorTableOf(const Results& results) {
-    std::vector<Row> table{{"time / floor"}};
-    for (const auto& [scene, byName] : results)
-        table.front().push_back(fmt::format("{}x{}, {}", scene.width, scene.height, scene.markers));
-    for (const PathName& path : kPathNames) {
-        Row row{std::string(path.name)};
-        for (const auto& [scene, byName] : results) {
-            const auto found = byName.find(path.name);
-            row.push_back(found == byName.end() ? "-"
-                                                : ratio(found->second, byName, path.floor, &Result::milliseconds));
-        }
-        table.push_back(std::move(row));
-    }
-    return table;
-}
-
-/// The scene that stands for all: five megapixels with 120 markers or, where that was not run, the middle one.
-Results::const_iterator typicalScene(const Results& results) {
-    const auto typical = results.find({2448, 2048, 120});
-    return typical != results.end() ? typical
-                                    : std::next(results.begin(), static_cast<std::ptrdiff_t>(results.size() / 2));
-}
-
 void print(const std::vector<Row>& table) {
     std::vector<std::size_t> widths(table.front().size(), 0);
     for (const Row& row : table)
@@ -181,6 +160,50 @@ void print(const std::vector<Row>& table) {
     for (std::size_t i = 1; i < table.size(); ++i) printRow(table[i]);
 }
 
+/// One figure of every path on every scene: a path is a row, a scene a column. Rows without any figure are left out.
+template <typename Figure>
+std::vector<Row> tableOverScenes(const Results& results, const std::string& title, const Figure& figure) {
+    std::vector<Row> table{{title}};
+    for (const auto& [scene, byName] : results)
+        table.front().push_back(fmt::format("{}x{}, {}", scene.width, scene.height, scene.markers));
+    for (const PathName& path : kPathNames) {
+        Row row{std::string(path.name)};
+        for (const auto& [scene, byName] : results) {
+            const auto found = byName.find(path.name);
+            row.push_back(found == byName.end() ? "-" : figure(found->second, byName, path));
+        }
+        if (std::any_of(row.begin() + 1, row.end(), [](const std::string& cell) { return cell != "-"; }))
+            table.push_back(std::move(row));
+    }
+    return table;
+}
+
+void printOverScenes(const Results& results) {
+    const auto show = [&](const std::string& title, const auto& figure) {
+        const std::vector<Row> table = tableOverScenes(results, title, figure);
+        if (table.size() == 1) return;
+        fmt::print("\n");
+        print(table);
+    };
+    show("ms", [](const Result& result, const ResultsByName&, const PathName&) {
+        const double time = median(result.milliseconds);
+        return decimals(time, time < 10 ? 2 : 1);
+    });
+    show("time / floor", [](const Result& result, const ResultsByName& byName, const PathName& path) {
+        return ratio(result, byName, path.floor, &Result::milliseconds);
+    });
+    show("time / other build", [](const Result& result, const ResultsByName& byName, const PathName& path) {
+        return ratio(result, byName, std::string(kOtherBuild) + std::string(path.name), &Result::milliseconds);
+    });
+}
+
+/// The scene that stands for all: five megapixels with 120 markers or, where that was not run, the middle one.
+Results::const_iterator typicalScene(const Results& results) {
+    const auto typical = results.find({2448, 2048, 120});
+    return typical != results.end() ? typical
+                                    : std::next(results.begin(), static_cast<std::ptrdiff_t>(results.size() / 2));
+}
+
 void printPreamble(const json& context, const Results& results) {
     std::size_t least = std::numeric_limits<std::size_t>::max(), most = 0, measured = 0, unsteady = 0;
     for (const auto& [scene, byName] : results) {
@@ -192,12 +215,12 @@ void printPreamble(const json& context, const Results& results) {
         }
     }
     if (measured == 0) throw std::runtime_error("no times in the file");
-    fmt::print("Medians of {} repetitions of one run; {} processors at {} MHz, OpenCV {} with {} threads.\n",
+    fmt::print("Medians of {} repetitions of one run; {} processors at {} MHz, OpenCV {}, {} threads.\n",
                least == most ? std::to_string(least) : fmt::format("{} to {}", least, most),
                context.value("num_cpus", 0), context.value("mhz_per_cpu", 0), context.value("opencv", "?"),
-               context.value("opencv_threads", "?"));
+               context.value("threads", "?"));
     fmt::print(
-        "\"/ name\" is the time divided by that of the floor or detector named: below 1 is faster. CPU: time "
+        "\"/ name\" is the time divided by that of the floor, build or detector named: below 1 is faster. CPU: time "
         "of all threads together.\n");
     if (unsteady > 0)
         fmt::print("{} of {} times spread by more than {:.0f} % between repetitions: the machine was not idle.\n",
@@ -221,10 +244,7 @@ int run(const char* path) {
     printPreamble(document.at("context"), results);
     const auto typical = typicalScene(results);
     print(tableOf(typical->first, typical->second));
-    if (results.size() > 1) {
-        fmt::print("\n");
-        print(floorTableOf(results));
-    }
+    if (results.size() > 1) printOverScenes(results);
     return 0;
 }
 
