@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "MarkerExtractor/extraction/plain_road.h"
 #include "parallel/parallel_loop.h"
 
 namespace kestrune::fuzz {
@@ -144,6 +145,7 @@ void requireSame(const Record& a, const Record& b, const char* promise) {
 }
 
 void setThreads(const Circumstances& circumstances) {
+    takePlainRoad = circumstances.plainRoad;
     const int threads = circumstances.manyThreads || circumstances.teamsAreLate ? kManyThreads : 1;
     omp_set_num_threads(threads);
     cv::setNumThreads(threads);

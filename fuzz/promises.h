@@ -106,6 +106,7 @@ struct Circumstances {
     bool garbageInScratch = false;
     bool imagesAreWindows = false;  ///< of larger images
     bool teamsAreLate = false;      ///< threads join a loop in its midst, when it has taken long enough
+    bool plainRoad = false;         ///< every step by OpenCV's calls
     bool isAsked = false;           ///< for the reasons of a result, where a call can tell them
 
     /// The same pixels, with others around them where images are windows.
@@ -116,8 +117,8 @@ void setThreads(const Circumstances& circumstances);
 /// The same, and what scratch storage holds.
 void prepare(const Circumstances& circumstances, CircleMarkerExtractor& extractor);
 
-/// Runs once on a fresh copy of `base`, a second time on the same object, with late teams and asked for reasons, and
-/// once under all other circumstances. Ends the run naming what made a difference.
+/// Runs once on a fresh copy of `base`, a second time on the same object, with late teams and asked for reasons, once
+/// under all other circumstances, and once on the plain road. Ends the run naming what made a difference.
 ///
 /// @param run  makes everything but the extractor itself, calls, and gives the record of what the call left behind.
 template <typename Run>
@@ -135,6 +136,7 @@ void requireSameUnderAll(const CircleMarkerExtractor& base, const Run& run) {
     const Record second = run(kAskedLate, extractor);
     const Record changed =
         recordUnder({.manyThreads = true, .garbageInScratch = true, .imagesAreWindows = true, .isAsked = true});
+    requireSame(first, recordUnder({.plainRoad = true}), "the fast road equals the plain one");
     if (first.differenceFrom(second).empty() && second.differenceFrom(changed).empty()) return;
     requireSame(first, recordUnder({}), "a call with the same input equals the first");
     const Record asked = recordUnder(kAsked);

@@ -8,7 +8,7 @@ namespace kestrune {
 
 namespace {
 
-constexpr int kConnectivity = 8;
+constexpr int kEdgeConnectivity = 8;
 
 struct Line {
     float strongest = 0;
@@ -20,7 +20,7 @@ struct Line {
 void noteWeakEdges(const cv::Mat& all, const cv::Mat& edges, const cv::Mat& heights, const Drop& wanted, int minPixels,
                    Drops& drops) {
     cv::Mat labels, stats, centroids;
-    const int count = cv::connectedComponentsWithStats(all, labels, stats, centroids, kConnectivity, CV_32S);
+    const int count = cv::connectedComponentsWithStats(all, labels, stats, centroids, kEdgeConnectivity, CV_32S);
     std::vector<Line> lines(static_cast<std::size_t>(count));
     for (int y = 0; y < all.rows; ++y) {
         for (int x = 0; x < all.cols; ++x) {

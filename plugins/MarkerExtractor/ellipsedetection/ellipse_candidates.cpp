@@ -15,7 +15,7 @@ namespace kestrune {
 
 namespace {
 
-constexpr int kConnectivity = 8;
+constexpr int kBlobConnectivity = 8;
 constexpr int kExtraMargin = 5;  ///< px beyond the reach of the smoothing, so that an edge and its slopes are inside
 
 // Pixels over the box's perimeter, of a blob and of a contour: less is a fragment.
@@ -158,7 +158,7 @@ void detectEllipseCandidates(const CandidateImages& images, const RimSettings& s
                           settings.aperture, usableThresholdC(settings.thresholdC));
     cv::Mat stats, centroids;
     const int count =
-        cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kConnectivity, CV_32S);
+        cv::connectedComponentsWithStats(images.binary, images.labels, stats, centroids, kBlobConnectivity, CV_32S);
 
     WindowScratch scratch(images.smoothing);
     for (int label = 1; label < count; ++label) {  // 0 is the background
