@@ -2,11 +2,10 @@
 #include "MarkerExtractor/extraction/radial_contours.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cstdint>
 #include <opencv2/imgproc.hpp>
 #include <optional>
 
+#include "MarkerExtractor/extraction/radial_gates.h"
 #include "checks/settings_check.h"
 
 namespace kestrune {
@@ -14,29 +13,6 @@ namespace kestrune {
 namespace {
 
 constexpr int kConnectivity = 8;
-constexpr int kLeastBoxSide = 4;          ///< px: below it there is no ring to measure
-constexpr double kLargestBoxRatio = 3.0;  ///< longer over shorter side; a marker seen at 70 degrees has 2.9
-constexpr float kRingFactor = 1.5f;       ///< outer over inner radius of the ring around a blob
-constexpr int kProbesPerSide = 2;
-constexpr double kLeastProbeRatio = 0.8;  ///< share of probe directions that must show the contrast
-
-/// A blob in pixels of the reduced image.
-struct Blob {
-    int left, top, width, height, area;
-    cv::Point2f centre;
-};
-
-/// Where the ray search starts, in pixels of the full image.
-struct BlobAtFullSize {
-    cv::Point2f centre;
-    double diagonal;
-    int shortSide;
-};
-
-/// Px that a blob's surroundings need at full size.
-int marginOf(const RadialSettings& settings) {
-    return static_cast<int>(std::ceil(kWindowSigmas * settings.sigma)) + kWindowMargin;
-}
 
 void thresholdBright(const cv::Mat& image, cv::Mat& binary, const RadialSettings& settings) {
     cv::adaptiveThreshold(image, binary, 255.0, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, settings.aperture,
@@ -51,53 +27,12 @@ Blob readBlob(const cv::Mat& stats, const cv::Mat& centroids, int label) {
             row[cv::CC_STAT_AREA],  cv::Point2f(static_cast<float>(centroid[0]), static_cast<float>(centroid[1]))};
 }
 
-/// Cheap gates first: size, elongation, brightness against the ring around it, and the same along single directions.
-Drop judgeBlob(const cv::Mat& image, const Blob& blob, const std::vector<cv::Point2f>& probeDirections,
-               const RadialSettings& settings) {
-    if (blob.area < settings.minArea) return below(DropCause::kArea, blob.area, settings.minArea);
-    if (blob.width < kLeastBoxSide || blob.height < kLeastBoxSide) {
-        return below(DropCause::kSide, std::min(blob.width, blob.height), kLeastBoxSide);
-    }
-    const auto longer = static_cast<float>(std::max(blob.width, blob.height));
-    const auto shorter = static_cast<float>(std::min(blob.width, blob.height));
-    if (longer / shorter > kLargestBoxRatio) {
-        return above<double>(DropCause::kElongation, longer / shorter, kLargestBoxRatio);
-    }
-
-    const float r1 = static_cast<float>(blob.width + blob.height) * 0.25f;
-    const float r2 = r1 * kRingFactor;
-    const auto [meanIn, countIn] = meanInDisc(image, blob.centre, r1);
-    const auto [meanOut, countOut] = meanInDisc(image, blob.centre, r2);
-    const float ringMean = (static_cast<float>(countOut) * meanOut - static_cast<float>(countIn) * meanIn) /
-                           static_cast<float>(countOut - countIn);
-    if (static_cast<float>(settings.contrast) > meanIn - ringMean) {
-        return below<double>(DropCause::kRingContrast, meanIn - ringMean, settings.contrast);
-    }
-    const float bearing =
-        probeRadialContrast(image, blob.centre, r1, r2, settings.contrast, probeDirections, kProbesPerSide);
-    if (bearing < kLeastProbeRatio) return below<double>(DropCause::kProbeContrast, bearing, kLeastProbeRatio);
-    return {};
-}
-
-double diagonalOf(int width, int height) {
-    const std::int64_t w = width, h = height;
-    return std::sqrt(static_cast<double>(w * w + h * h));
-}
-
-BlobAtFullSize multiplyUp(const Blob& blob, int scale) {
-    const auto factor = static_cast<float>(scale);
-    return {cv::Point2f(factor * blob.centre.x, factor * blob.centre.y), scale * diagonalOf(blob.width, blob.height),
-            std::min(blob.width, blob.height) * scale};
-}
-
 /// The largest bright component near the blob at full size; none, and why, where its surroundings leave the image or
 /// hold nothing but background.
 std::optional<BlobAtFullSize> detectAgain(const cv::Mat& fullImage, cv::Mat& fullBinary, const Blob& blob,
                                           const RadialSettings& settings, Drop& drop) {
-    const int scale = settings.scale, margin = marginOf(settings);
-    const cv::Rect rect(blob.left * scale - margin, blob.top * scale - margin, blob.width * scale + 2 * margin,
-                        blob.height * scale + 2 * margin);
-    if (rect.x < 0 || rect.y < 0 || rect.x + rect.width > fullImage.cols || rect.y + rect.height > fullImage.rows) {
+    const cv::Rect rect = surroundingsAtFullSize(blob, settings);
+    if (!isWithin(rect, fullImage.size())) {
         drop = above(DropCause::kWindow,
                      std::max({-rect.x, -rect.y, rect.br().x - fullImage.cols, rect.br().y - fullImage.rows}), 0);
         return std::nullopt;
@@ -115,9 +50,7 @@ std::optional<BlobAtFullSize> detectAgain(const cv::Mat& fullImage, cv::Mat& ful
     cv::minMaxLoc(stats.col(stats.cols - 1).rowRange(1, count), nullptr, nullptr, nullptr, &largest);
     const Blob again = readBlob(stats, centroids, largest.y + 1);
     const double* const centroid = centroids.ptr<double>(largest.y + 1);
-    return BlobAtFullSize{
-        cv::Point2f(static_cast<float>(rect.x + centroid[0]), static_cast<float>(rect.y + centroid[1])),
-        diagonalOf(again.width, again.height), std::min(again.width, again.height)};
+    return BlobAtFullSize(rect.tl(), {centroid[0], centroid[1]}, cv::Size(again.width, again.height));
 }
 
 /// The points of a blob's rim, or why it has none.
@@ -127,15 +60,13 @@ Drop measureBlob(const RadialImages& images, const Blob& blob, const RadialSetti
     if (drop) return drop;
     const std::optional<BlobAtFullSize> full =
         settings.scale == 1 || !settings.refineAtFullSize
-            ? multiplyUp(blob, settings.scale)
+            ? BlobAtFullSize(blob, settings.scale)
             : detectAgain(images.fullImage, images.fullBinary, blob, settings, drop);
     if (!full) return drop;
-    const float rIn = static_cast<float>(full->shortSide) * 0.25f * 0.75f;
-    const auto rOut = static_cast<float>(full->diagonal * 0.5 * kOuterReach);
     const float least = settings.minRayRatio;
-    const RaySearch search = searchRadialEdges(images.blurredFull, full->centre, rIn, rOut, points, directions.rays,
-                                               settings.contrast / 2, least);
-    const float share = static_cast<float>(points.size()) / static_cast<float>(directions.rays.size());
+    const RaySearch search = searchRadialEdges(images.blurredFull, full->centre, full->rIn, full->rOut, points,
+                                               directions.rays, settings.contrast / 2, least);
+    const float share = shareOf(points, directions);
     if (!(least > share)) return {};
     if (search.beyond > 0) return above(DropCause::kBorder, search.beyond, 0.0);
     return least > search.bearing ? below(DropCause::kRays, search.bearing, least)
@@ -154,53 +85,6 @@ RadialSettings RadialSettings::of(const CicrleConfigs& c) {
 void RadialSettings::check() const {
     requireAperture(aperture, kLeastThresholdBlock);
     requireBlurSigma(sigma);
-}
-
-std::pair<float, int> meanInDisc(const cv::Mat& image, cv::Point2f centre, float radius) {
-    const int left = std::max(0, static_cast<int>(centre.x - radius));
-    const int right = std::min(static_cast<int>(centre.x + radius), image.cols - 1);
-    const int top = std::max(0, static_cast<int>(centre.y - radius));
-    const int bottom = std::min(static_cast<int>(centre.y + radius), image.rows - 1);
-    const float limit = radius * radius;
-    std::int64_t sum = 0;  // exact, whatever the size of the disc
-    int count = 0;
-    for (int j = top; j <= bottom; ++j) {
-        const uchar* const row = image.ptr<uchar>(j);
-        const float dy = static_cast<float>(j) - centre.y;
-        int rowSum = 0, rowCount = 0;  // a row at a time and without a branch, which the compiler makes vector code of
-        for (int i = left; i <= right; ++i) {
-            const float dx = static_cast<float>(i) - centre.x;
-            const int inside = dx * dx + dy * dy <= limit ? 1 : 0;
-            rowSum += inside * row[i];
-            rowCount += inside;
-        }
-        sum += rowSum;
-        count += rowCount;
-    }
-    if (count == 0) return {0.0f, 0};
-    return {static_cast<float>(sum) / static_cast<float>(count), count};
-}
-
-float probeRadialContrast(const cv::Mat& image, cv::Point2f centre, float r1, float r2, int contrast,
-                          const std::vector<cv::Point2f>& directions, int n) {
-    int bearing = 0;
-    for (const cv::Point2f& direction : directions) {
-        const auto valueAt = [&](float t) {
-            return sampleBilinear(image, centre.x + t * direction.x, centre.y + t * direction.y);
-        };
-        float inner = 0;
-        float outer = 255;
-        for (int k = 1; k <= n; ++k) {
-            const GreySample sample = valueAt(static_cast<float>(k) * r1 / static_cast<float>(n + 1));
-            if (sample.valid) inner = std::max(inner, sample.value);
-        }
-        for (int k = 1; k <= n; ++k) {
-            const GreySample sample = valueAt(r1 + static_cast<float>(k) * (r2 - r1) / static_cast<float>(n + 1));
-            if (sample.valid) outer = std::min(outer, sample.value);
-        }
-        if (inner - outer > static_cast<float>(contrast)) ++bearing;
-    }
-    return static_cast<float>(bearing) / static_cast<float>(directions.size());
 }
 
 // NOLINTNEXTLINE(readability-function-size): a list that others compile against

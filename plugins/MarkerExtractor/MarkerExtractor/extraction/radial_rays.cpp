@@ -12,6 +12,9 @@ namespace {
 constexpr float kLeastStart = 1.5f;  ///< px: nearer to the centre, neighbouring rays read the same pixels
 constexpr int kFineSamples = 7;      ///< 1 px apart, from half a coarse step before the steepest coarse step
 constexpr float kFineLead = 1.5f;
+/// Px behind the outer radius that are read: the last step begins there, and 5.5 px on the parabola looks at its last
+/// difference, between pixels; one more for rounding.
+constexpr int kReachBeyond = 8;
 constexpr float kLeastCurvature = 0.0001f;  ///< below it the three differences lie on a line
 constexpr float kNoRadius = -1.0f;
 constexpr int kHalfWindow = 2;            ///< rays to either side in the clean-up passes
@@ -20,7 +23,7 @@ constexpr std::size_t kLeastMedian = 3;   ///< radii that make a median
 
 /// What is common to all rays of a candidate.
 struct RayPlan {
-    const cv::Mat& image;
+    const GreyView& image;
     cv::Point2f centre;
     float start;  ///< radius of the first coarse sample
     int steps;    ///< number of coarse steps
@@ -32,17 +35,10 @@ struct RayPlan {
 };
 
 /// How far the outer circle and a step leave the image, px.
-double reachBeyond(const cv::Mat& image, cv::Point2f centre, float rOut) {
+double reachBeyond(const GreyView& image, cv::Point2f centre, float rOut) {
     const double room = std::min({static_cast<double>(centre.x), static_cast<double>(centre.y),
                                   image.cols - 1.0 - centre.x, image.rows - 1.0 - centre.y});
     return static_cast<double>(rOut) + kCoarseStep - room;
-}
-
-bool staysOnImage(const cv::Mat& image, cv::Point2f centre, float rOut) {
-    // In this form a centre or radius that is NaN stays outside.
-    return centre.x - rOut - kCoarseStep >= 0 && centre.y - rOut - kCoarseStep >= 0 &&
-           centre.x + rOut + kCoarseStep <= static_cast<float>(image.cols - 1) &&
-           centre.y + rOut + kCoarseStep <= static_cast<float>(image.rows - 1);
 }
 
 struct Fall {
@@ -73,7 +69,7 @@ Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction, std::vector<
         // The ray guard keeps every sample on the image.
         const int column = nearestPixel(plan.centre.x + r * direction.x);
         const int row = nearestPixel(plan.centre.y + r * direction.y);
-        samples[static_cast<std::size_t>(i)] = plan.image.ptr<uchar>(row)[column];
+        samples[static_cast<std::size_t>(i)] = *plan.image.at(column, row);
     }
     Fall fall;
     for (int i = 0; i < plan.steps; ++i) {
@@ -147,25 +143,29 @@ float meanOfNearest(const std::vector<float>& radii, const std::vector<char>& ke
     return count > 0 ? sum / static_cast<float>(count) : kNoRadius;
 }
 
-}  // namespace
-
-void medianFilterRadii(std::vector<float>& radii, int halfWindow) {
-    const std::vector<float> given = radii;
-    std::vector<float> sorted;
-    sorted.reserve(2 * static_cast<std::size_t>(halfWindow) + 1);
+void medianFilter(std::vector<float>& radii, int halfWindow, RayScratch& scratch) {
+    std::vector<float>& given = scratch.given;
+    given = radii;
+    std::vector<float>& sorted = scratch.sorted;
+    sorted.resize(2 * static_cast<std::size_t>(halfWindow) + 1);
     for (std::size_t ray = 0; ray < given.size(); ++ray) {
-        sorted.clear();
+        std::size_t count = 0;
         for (int k = -halfWindow; k <= halfWindow; ++k) {
             const float radius = given[wrapped(static_cast<std::ptrdiff_t>(ray) + k, given.size())];
-            if (radius > 0) sorted.insert(std::upper_bound(sorted.begin(), sorted.end(), radius), radius);
+            if (!(radius > 0)) continue;
+            std::size_t place = count++;
+            for (; place > 0 && sorted[place - 1] > radius; --place) sorted[place] = sorted[place - 1];
+            sorted[place] = radius;
         }
-        radii[ray] = sorted.size() < kLeastMedian ? kNoRadius : sorted[sorted.size() / 2];
+        radii[ray] = count < kLeastMedian ? kNoRadius : sorted[count / 2];
     }
 }
 
-void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWindow) {
-    const std::vector<float> given = radii;
-    std::vector<char> kept(given.size());
+void rejectAndSmooth(std::vector<float>& radii, float tolerance, int halfWindow, RayScratch& scratch) {
+    std::vector<float>& given = scratch.given;
+    given = radii;
+    std::vector<char>& kept = scratch.kept;
+    kept.resize(given.size());
     for (std::size_t ray = 0; ray < given.size(); ++ray) {
         kept[ray] = !(given[ray] < 0) && !isOutlier(given, ray, tolerance, halfWindow);
     }
@@ -175,18 +175,51 @@ void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWi
     }
 }
 
+}  // namespace
+
+void medianFilterRadii(std::vector<float>& radii, int halfWindow) {
+    RayScratch scratch;
+    medianFilter(radii, halfWindow, scratch);
+}
+
+void rejectAndSmoothRadii(std::vector<float>& radii, float tolerance, int halfWindow) {
+    RayScratch scratch;
+    rejectAndSmooth(radii, tolerance, halfWindow, scratch);
+}
+
+int reachOfRays(float rOut) {
+    return static_cast<int>(std::ceil(rOut)) + kReachBeyond;
+}
+
+bool areRaysOnImage(cv::Size image, cv::Point2f centre, float rOut) {
+    // In this form a centre or radius that is NaN stays outside.
+    return centre.x - rOut - kCoarseStep >= 0 && centre.y - rOut - kCoarseStep >= 0 &&
+           centre.x + rOut + kCoarseStep <= static_cast<float>(image.width - 1) &&
+           centre.y + rOut + kCoarseStep <= static_cast<float>(image.height - 1);
+}
+
 RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio) {
+    RayScratch scratch;
+    return searchRadialEdges(GreyView(image), centre, rIn, rOut, points, directions, dropThreshold, minRayRatio,
+                             scratch);
+}
+
+RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn, float rOut,
+                            std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
+                            int dropThreshold, float minRayRatio, RayScratch& scratch) {
     points.clear();
-    if (!staysOnImage(image, centre, rOut)) return {reachBeyond(image, centre, rOut), 0};
+    if (!areRaysOnImage(cv::Size(image.cols, image.rows), centre, rOut)) return {reachBeyond(image, centre, rOut), 0};
     const float start = std::max(kLeastStart, rIn - kCoarseStep);
     if (!(rOut + kCoarseStep >= start)) return {};  // no room for a sample
     const int steps = static_cast<int>(std::floor((rOut + kCoarseStep - start) / kCoarseStep));
     const RayPlan plan = {image, centre, start, steps};
 
-    std::vector<uchar> samples(static_cast<std::size_t>(steps) + 1);
-    std::vector<float> radii(directions.size(), kNoRadius);
+    std::vector<uchar>& samples = scratch.samples;
+    std::vector<float>& radii = scratch.radii;
+    samples.resize(static_cast<std::size_t>(steps) + 1);
+    radii.assign(directions.size(), kNoRadius);
     int found = 0;
     for (std::size_t ray = 0; ray < directions.size(); ++ray) {
         const Fall coarse = steepestCoarseFall(plan, directions[ray], samples);
@@ -200,8 +233,8 @@ RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn,
     const float bearing = static_cast<float>(found) / static_cast<float>(directions.size());
     if (minRayRatio > bearing) return {0, bearing};
 
-    medianFilterRadii(radii, kHalfWindow);
-    rejectAndSmoothRadii(radii, kRadiusTolerance, kHalfWindow);
+    medianFilter(radii, kHalfWindow, scratch);
+    rejectAndSmooth(radii, kRadiusTolerance, kHalfWindow, scratch);
     for (std::size_t ray = 0; ray < directions.size(); ++ray) {
         const float radius = radii[ray];
         if (radius >= 0)

@@ -15,20 +15,37 @@ struct GreySample {
     bool valid;   ///< the position lies on the image, between the centres of its outermost pixels
     float value;  ///< grey level; 0 if not valid
 };
+/// A part of an image, with places as in the whole one.
+struct GreyView {
+    GreyView(const cv::Mat& image)  // NOLINT(google-explicit-constructor): the whole of it
+        : first(image.ptr<uchar>()),
+          step(static_cast<std::ptrdiff_t>(image.step)),
+          cols(image.cols),
+          rows(image.rows) {}
+    GreyView(const uchar* pixels, std::ptrdiff_t rowStep, cv::Point origin, cv::Size whole)
+        : first(pixels), step(rowStep), left(origin.x), top(origin.y), cols(whole.width), rows(whole.height) {}
+    const uchar* at(int x, int y) const { return first + ((y - top) * step + (x - left)); }
+
+    const uchar* first;
+    std::ptrdiff_t step;  ///< bytes
+    int left = 0, top = 0;
+    int cols, rows;  ///< of the whole image
+};
+
 /// Inline, because it is the innermost step of the ray search.
-inline GreySample sampleBilinear(const cv::Mat& image, float x, float y) {
+inline GreySample sampleBilinear(const GreyView& image, float x, float y) {
     if (!(x >= 0 && x <= static_cast<float>(image.cols - 1) && y >= 0 && y <= static_cast<float>(image.rows - 1))) {
         return {false, 0};
     }
     const int x0 = static_cast<int>(x);
     const int y0 = static_cast<int>(y);
-    const int x1 = x0 + 1 < image.cols ? x0 + 1 : x0;
-    const int y1 = y0 + 1 < image.rows ? y0 + 1 : y0;
+    const std::ptrdiff_t right = x0 + 1 < image.cols ? 1 : 0;
+    const std::ptrdiff_t below = y0 + 1 < image.rows ? image.step : 0;
     const float fx = x - static_cast<float>(x0);
     const float fy = y - static_cast<float>(y0);
-    const uchar* const upper = image.ptr<uchar>(y0);
-    const uchar* const lower = image.ptr<uchar>(y1);
-    const float a = upper[x0], b = upper[x1], c = lower[x0], d = lower[x1];
+    const uchar* const upper = image.at(x0, y0);
+    const uchar* const lower = upper + below;
+    const float a = upper[0], b = upper[right], c = lower[0], d = lower[right];
     return {true, (1 - fy) * (a * (1 - fx) + b * fx) + fy * (c * (1 - fx) + d * fx)};
 }
 
@@ -37,6 +54,19 @@ struct RaySearch {
     double beyond;  ///< px by which the outer circle and a coarse step leave the image; 0 or less where they do not
     float bearing;  ///< share of the rays that bear an edge
 };
+
+/// Storage of a thread, kept from call to call.
+struct RayScratch {
+    std::vector<uchar> samples;
+    std::vector<float> radii, given, sorted;
+    std::vector<char> kept;
+};
+
+/// How far from the centre a search with this outer radius reads, px along either axis.
+int reachOfRays(float rOut);
+
+/// Whether the outer circle and a coarse step stay on the image. Without that no pixel is read.
+bool areRaysOnImage(cv::Size image, cv::Point2f centre, float rOut);
 
 /// Casts one ray along each direction and finds on it the point of steepest fall: coarsely in steps of `kCoarseStep`
 /// between `rIn` and `rOut`, then in steps of 1 px, then by a parabola through three differences. The radii are then
@@ -53,6 +83,11 @@ struct RaySearch {
 RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn, float rOut,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio);
+
+/// The same on an image of which a part is there: all that is within `reachOfRays`.
+RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn, float rOut,
+                            std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
+                            int dropThreshold, float minRayRatio, RayScratch& scratch);
 
 /// Replaces each radius by the upper median of the positive radii up to `halfWindow` places away on the circle, itself
 /// included; by -1 if there are fewer than three. A ray without an edge (-1) can gain a radius from its neighbours.

@@ -4,7 +4,10 @@
 #include <cmath>
 #include <numbers>
 
+#include "MarkerExtractor/extraction/plain_road.h"
+#include "MarkerExtractor/extraction/radial_fast.h"
 #include "MarkerExtractor/extraction/working_images.h"
+#include "MarkerExtractor/extraction/workspace.h"
 #include "checks/settings_check.h"
 #include "parallel/parallel_loop.h"
 
@@ -14,6 +17,7 @@ namespace {
 
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
+constexpr std::int64_t kMostPerContour = 1'000'000'000;  ///< ns: a contour may have as many points as the image
 
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
 void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
@@ -27,16 +31,21 @@ void fillDirections(std::vector<cv::Point2f>& directions, std::size_t n) {
 
 std::vector<SubpixelContour> radialContours(const cv::Mat& grey, const cv::Mat& working,
                                             CircleMarkerExtractor& extractor, const RadialSettings& settings,
-                                            Drops* drops) {
+                                            const Findings* findings) {
     fillDirections(extractor.rayDirections, kRays);
     fillDirections(extractor.probeDirections, kProbes);
+    const RadialDirections directions = {extractor.rayDirections, extractor.probeDirections};
+    std::vector<SubpixelContour> contours;
+    if (findings == nullptr && !takePlainRoad) {
+        detectRadialContoursFast(working, grey, settings, directions, workspaceOf(extractor).radial, contours);
+        return contours;
+    }
     cv::Mat blurredFull = wrapScratch(extractor.scratchBlurFull, grey.size(), CV_8UC1);
     cv::Mat binary = wrapScratch(extractor.scratchEdgeMask, working.size(), CV_8UC1);
     cv::Mat fullBinary = wrapScratch(extractor.scratchBinary, grey.size(), CV_8UC1);
     cv::Mat labels = wrapScratch(extractor.scratchLabels, working.size(), CV_32SC1);
-    std::vector<SubpixelContour> contours;
-    detectRadialContours({working, grey, blurredFull, binary, fullBinary, labels}, settings,
-                         {extractor.rayDirections, extractor.probeDirections}, contours, drops);
+    detectRadialContours({working, grey, blurredFull, binary, fullBinary, labels}, settings, directions, contours,
+                         dropsOf(findings));
     return contours;
 }
 
@@ -63,14 +72,14 @@ SimpleCall::SimpleCall(const cv::Mat& image, const CircleMarkerExtractor& extrac
       gates_(configs),
       markerName_(configs.markerName) {}
 
-std::vector<SubpixelContour> SimpleCall::contours(CircleMarkerExtractor& extractor, Drops* drops) const {
+std::vector<SubpixelContour> SimpleCall::contours(CircleMarkerExtractor& extractor, const Findings* findings) const {
     const cv::Mat grey = greyOf(image_, extractor);
     const cv::Mat working = reducedImage(grey, scale_, extractor);
     if (const auto* const radial = std::get_if<RadialSettings>(&frontEnd_)) {
-        return radialContours(grey, working, extractor, *radial, drops);
+        return radialContours(grey, working, extractor, *radial, findings);
     }
     std::vector<SubpixelContour> contours;
-    detectSubpixelContours(working, std::get<EdgeSettings>(frontEnd_), contours, drops);
+    detectSubpixelContours(working, std::get<EdgeSettings>(frontEnd_), contours, dropsOf(findings));
     return contours;
 }
 
@@ -80,11 +89,16 @@ std::vector<cv::RotatedRect> SimpleCall::run(CircleMarkerExtractor& extractor, s
     requireEmptyList(corners);
     MarkerList markers{corners, {}, 0};
     CandidateAccount account(findings, gates_);
-    for (const SubpixelContour& contour : contours(extractor, dropsOf(findings))) {
-        GateVerdict verdict = judgeContour(contour.points, gates_, lens_);
+    const std::vector<SubpixelContour> candidates = contours(extractor, findings);
+    std::vector<GateVerdict> verdicts(candidates.size());
+    forEachInParallel(static_cast<int>(candidates.size()), kMostPerContour, [&](int item) {
+        const auto k = static_cast<std::size_t>(item);
+        verdicts[k] = judgeContour(candidates[k].points, gates_, lens_);
+    });
+    for (std::size_t k = 0; k < candidates.size(); ++k) {
         std::optional<Admission> admission;
-        if (verdict.accepted()) admission = admitMarker(verdict, markers);
-        account.add(contour.points, verdict.rect, verdict, admission);
+        if (verdicts[k].accepted()) admission = admitMarker(verdicts[k], markers);
+        account.add(candidates[k].points, verdicts[k].rect, verdicts[k], admission);
     }
     return std::move(markers.rects);
 }

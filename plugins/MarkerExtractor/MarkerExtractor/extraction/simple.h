@@ -38,7 +38,7 @@ class SimpleCall {
     bool extract(CircleMarkerExtractor& extractor, std::vector<Corner>& corners) const;
 
   private:
-    std::vector<SubpixelContour> contours(CircleMarkerExtractor& extractor, Drops* drops) const;
+    std::vector<SubpixelContour> contours(CircleMarkerExtractor& extractor, const Findings* findings) const;
 
     cv::Mat image_;
     int scale_;

@@ -4,12 +4,15 @@
 // last.
 #pragma once
 
+#include "MarkerExtractor/extraction/radial_fast.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
 
 /// One member for each room that keeps something, defined there.
-struct Workspace {};
+struct Workspace {
+    RadialScratch radial;
+};
 
 /// That of the extractor, made at the first call.
 Workspace& workspaceOf(CircleMarkerExtractor& extractor);
