@@ -78,10 +78,11 @@ std::vector<std::uint16_t> measureTaps(const SmoothingPlan& plan) {
     impulse.at<uchar>(plan.aperture) = 255;
     blur(impulse, response, plan);
     std::vector<std::uint16_t> taps(1, kTapOne);
-    for (int k = 1; k <= plan.aperture / 2 && response.at<uchar>(plan.aperture + k) != 0; ++k) {
+    for (int k = 1; k <= plan.aperture / 2; ++k) {
         taps.push_back(response.at<uchar>(plan.aperture + k));
         taps[0] = static_cast<std::uint16_t>(taps[0] - 2 * taps.back());
     }
+    while (taps.size() > 1 && taps.back() == 0) taps.pop_back();  // further inwards there may be one, too
     return taps;
 }
 
@@ -109,7 +110,8 @@ SmoothingPlan::SmoothingPlan(int apertureGiven, double sigmaGiven) : aperture(ap
         const std::array<std::uint16_t, 2> pair = {
             taps[static_cast<std::size_t>(std::abs(k))],
             k < reach ? taps[static_cast<std::size_t>(std::abs(k + 1))] : std::uint16_t{0}};
-        for (std::size_t lane = 0; lane < kLanes; ++lane) pairLanes.push_back(static_cast<std::int16_t>(pair[lane % 2]));
+        for (std::size_t lane = 0; lane < kLanes; ++lane)
+            pairLanes.push_back(static_cast<std::int16_t>(pair[lane % 2]));
     }
     isExact = KESTRUNE_EXACT_LANES && isLikeOpenCv(*this);
 }
