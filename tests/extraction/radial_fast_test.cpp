@@ -56,8 +56,8 @@ TEST(DetectRadialContoursFast, FindsWhatThePlainRoadFinds) {
         for (const SubpixelContour& contour : plain) found += !contour.points.empty();
         crowded += scratch.whole.rows == grey.rows;
     }
-    EXPECT_GT(found, 200u);
-    EXPECT_GT(crowded, 5);
+    EXPECT_GT(found, 150u);
+    EXPECT_GT(crowded, 2);
 }
 
 }  // namespace kestrune::test::radial_fast

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "MarkerExtractor/extraction/ellipse_gates.h"
+#include "MarkerExtractor/extraction/plain_road.h"
 #include "logging/logging.h"
 #include "support/calls.h"
 #include "support/configs.h"
@@ -52,6 +53,7 @@ TEST(Extractor, OwnsScratchOfTheImagesSizeAndKeepsTheNameOnFailure) {
     CircleMarkerExtractor extractor;
     CicrleConfigs configs = discConfigs(true);
     std::vector<Corner> corners;
+    takePlainRoad = true;
     for (const cv::Size size : {cv::Size(200, 150), cv::Size(100, 50), cv::Size(80, 60)}) {
         corners.clear(), configs.scale = size.width == 80 ? 1 : 3;
         extractor.CircleExtractSimple(discImage(size, {40, 25}, 8), corners, 0, configs);
@@ -61,6 +63,7 @@ TEST(Extractor, OwnsScratchOfTheImagesSizeAndKeepsTheNameOnFailure) {
         EXPECT_EQ(std::tuple(extractor.scratchEdgeMask.size(), extractor.scratchLabels.size()), std::tuple(reduced, reduced)) << size;
         EXPECT_EQ(std::tuple(extractor.rayDirections.size(), extractor.probeDirections.size()), std::tuple(72u, 24u));
     }
+    takePlainRoad = false;
     EXPECT_EQ(std::tuple(extractor.markerName, extractor.markerRects.size()), std::tuple("dot", 1u));
     extractor.markerName = "other", corners.clear();
     EXPECT_FALSE(extractor.CircleExtractSimple(cv::Mat(50, 100, CV_8UC1, cv::Scalar(9)), corners, 0, configs));
@@ -137,7 +140,7 @@ TEST(Extractor, RepeatsItsBitsInLaterCallsAndInCopies) {
             std::vector<double> bits = {static_cast<double>(corners.size())};
             for (const Corner& c : corners) {
                 bits.insert(bits.end(), {c.x, c.y, c.area, c.fitResidual, c.fitError});
-                bits.insert(bits.end(), c.conic.begin(), c.conic.end());
+                if (c.conicValid) bits.insert(bits.end(), c.conic.begin(), c.conic.end());
                 for (const cv::Point2f& p : c.contour) bits.insert(bits.end(), {p.x, p.y});
             }
             return bits;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MarkerExtractor/extraction/simple.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -17,6 +18,7 @@ namespace {
 
 constexpr std::size_t kRays = 72;
 constexpr std::size_t kProbes = 24;
+constexpr std::size_t kPortion = 1024;  ///< contours whose verdicts are kept until it is their turn to be admitted
 constexpr std::int64_t kMostPerContour = 1'000'000'000;  ///< ns: a contour may have as many points as the image
 
 /// Entry i of n is (cos a, sin a) with a = 2 pi i / n, in single precision. A table that is there is left alone.
@@ -90,15 +92,19 @@ std::vector<cv::RotatedRect> SimpleCall::run(CircleMarkerExtractor& extractor, s
     MarkerList markers{corners, {}, 0};
     CandidateAccount account(findings, gates_);
     const std::vector<SubpixelContour> candidates = contours(extractor, findings);
-    std::vector<GateVerdict> verdicts(candidates.size());
-    forEachInParallel(static_cast<int>(candidates.size()), kMostPerContour, [&](int item) {
-        const auto k = static_cast<std::size_t>(item);
-        verdicts[k] = judgeContour(candidates[k].points, gates_, lens_);
-    });
-    for (std::size_t k = 0; k < candidates.size(); ++k) {
-        std::optional<Admission> admission;
-        if (verdicts[k].accepted()) admission = admitMarker(verdicts[k], markers);
-        account.add(candidates[k].points, verdicts[k].rect, verdicts[k], admission);
+    std::vector<GateVerdict> verdicts(std::min(candidates.size(), kPortion));
+    for (std::size_t begin = 0; begin < candidates.size(); begin += kPortion) {
+        const std::size_t count = std::min(candidates.size() - begin, kPortion);
+        forEachInParallel(static_cast<int>(count), kMostPerContour, [&](int item) {
+            const auto k = static_cast<std::size_t>(item);
+            verdicts[k] = judgeContour(candidates[begin + k].points, gates_, lens_);
+        });
+        for (std::size_t k = 0; k < count; ++k) {
+            GateVerdict& verdict = verdicts[k];
+            std::optional<Admission> admission;
+            if (verdict.accepted()) admission = admitMarker(verdict, markers);
+            account.add(candidates[begin + k].points, verdict.rect, verdict, admission);
+        }
     }
     return std::move(markers.rects);
 }
