@@ -3,11 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <opencv2/core/hal/intrin.hpp>
+
+#include "canny/local_maximum.h"
 
 namespace kestrune {
 
@@ -17,10 +18,6 @@ namespace {
 constexpr uchar kCandidate = 0;
 constexpr uchar kNoEdge = 1;
 constexpr uchar kEdge = 2;
-
-// tan(22.5 deg) in fixed point with 15 fractional bits; tan(67.5 deg) is that plus 2.
-constexpr int kTangentShift = 15;
-constexpr int kTangent22 = 13573;
 
 constexpr std::size_t kLeastStack = 1024;
 constexpr int kPixelsAtOnce = 16;  ///< pixels that are passed over at once where no magnitude reaches the low threshold
@@ -51,28 +48,6 @@ class CellStack {
     std::size_t capacity_;
     std::size_t size_ = 0;
 };
-
-/// The magnitudes around the row that is judged; each pointer may be read from -1 to the width.
-struct MagnitudeRows {
-    const int* above;
-    const int* centre;
-    const int* below;
-};
-
-/// Whether the magnitude at column j is the largest across the edge. The comparisons are strict on one side and closed
-/// on the other, so that of two equal neighbours exactly one is kept; on the diagonals both are strict.
-bool isLocalMaximum(const MagnitudeRows& rows, int j, int xs, int ys) {
-    const int m = rows.centre[j];
-    const int x = std::abs(xs);
-    const int y = std::abs(ys) << kTangentShift;
-    const int tg22x = x * kTangent22;
-    if (y < tg22x) return m > rows.centre[j - 1] && m >= rows.centre[j + 1];
-    // Steps above 212 grey levels would leave 32 bits here.
-    const std::int64_t tg67x = tg22x + (static_cast<std::int64_t>(x) << (kTangentShift + 1));
-    if (y > tg67x) return m > rows.above[j] && m >= rows.below[j];
-    const int s = (xs ^ ys) < 0 ? -1 : 1;
-    return m > rows.above[j - s] && m > rows.below[j + s];
-}
 
 bool nothingAbove(const int* magnitudes, int limit) {
 #if CV_SIMD128
@@ -129,12 +104,12 @@ void linkCandidates(CellStack& stack, std::ptrdiff_t mapStep) {
     }
 }
 
+}  // namespace
+
 int saturatedSquare(int threshold) {
     const std::int64_t value = std::max(threshold, 0);
     return static_cast<int>(std::min<std::int64_t>(value * value, std::numeric_limits<int>::max()));
 }
-
-}  // namespace
 
 void squaredMagnitudesPlain(const short* dx, const short* dy, int* magnitudes, int count) {
     for (int j = 0; j < count; ++j) {

@@ -5,6 +5,10 @@
 
 namespace kestrune {
 
+/// A threshold as squared magnitudes are compared with it: a negative one counts as 0, and a square that leaves 32 bits
+/// as the largest 32-bit number.
+int saturatedSquare(int threshold);
+
 /// Squared gradient magnitudes dx^2 + dy^2 of `count` pixels in 32 bits. The plain statement ...
 void squaredMagnitudesPlain(const short* dx, const short* dy, int* magnitudes, int count);
 /// ... and eight pixels at a time, with the same numbers for every input.

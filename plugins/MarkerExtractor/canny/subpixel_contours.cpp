@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <exception>
 #include <limits>
 #include <opencv2/imgproc.hpp>
 #include <thread>
 
+#include "canny/strip_threads.h"
 #include "canny/weak_edges.h"
 #include "checks/settings_check.h"
 
@@ -35,29 +35,6 @@ void differentiateAndLink(const EdgeSettings& settings, const cv::Mat& blurred, 
     suppressAndLinkEdges(blurred, dx, dy, settings.lowScaled, settings.highScaled, edges);
 }
 
-/// Runs `work` on every strip, one thread each, and waits for all of them. If a thread cannot be started, those that
-/// run are waited for before the error leaves; what strips raise leaves in strip order.
-template <typename Work>
-void runOnStrips(const std::vector<EdgeStrip>& strips, const Work& work) {
-    std::vector<std::exception_ptr> failures(strips.size());
-    {
-        std::vector<std::jthread> threads;  // joins in its destructor, also when starting the next one fails
-        threads.reserve(strips.size());
-        for (std::size_t k = 0; k < strips.size(); ++k) {
-            threads.emplace_back([&, k] {
-                try {
-                    work(strips[k]);
-                } catch (...) {
-                    failures[k] = std::current_exception();
-                }
-            });
-        }
-    }
-    for (const std::exception_ptr& failure : failures) {
-        if (failure) std::rethrow_exception(failure);
-    }
-}
-
 /// A strip reads the smoothed pixels of its neighbours, so no derivative is taken before all smoothing has ended: the
 /// columns beside a seam would differ from run to run. Suppression and hysteresis do end at the seams.
 void runThreaded(const cv::Mat& image, const EdgeSettings& settings, EdgeImages& images) {
@@ -65,11 +42,11 @@ void runThreaded(const cv::Mat& image, const EdgeSettings& settings, EdgeImages&
     const auto rectOf = [&image](const EdgeStrip& strip) {
         return cv::Rect(strip.firstColumn, 0, strip.width, image.rows);
     };
-    runOnStrips(strips, [&](const EdgeStrip& strip) {
+    runOnStrips(strips, [&](const EdgeStrip& strip, std::size_t /*number*/) {
         const cv::Rect rect = rectOf(strip);
         smooth(image(rect), settings, images.blurred(rect));
     });
-    runOnStrips(strips, [&](const EdgeStrip& strip) {
+    runOnStrips(strips, [&](const EdgeStrip& strip, std::size_t /*number*/) {
         const cv::Rect rect = rectOf(strip);
         differentiateAndLink(settings, images.blurred(rect), images.dx(rect), images.dy(rect), images.edges(rect));
     });

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "canny/edge_suppression.h"
+#include "canny/strip_threads.h"
 #include "canny/subpixel_refinement.h"
 #include "checks/drops.h"
 #include "kestrune/MarkerExtractor/records.h"
@@ -26,12 +27,6 @@ inline constexpr double kDerivativeGain = 128.0;
 /// @param sigma  px, above 1/6.
 /// @throws cv::Exception if `sigma` leaves one tap, or more than 2000 (which all round to zero).
 cv::Mat makeEdgeDerivativeKernel(double sigma);
-
-/// A strip of columns that one thread works on.
-struct EdgeStrip {
-    int firstColumn;
-    int width;
-};
 
 /// Cuts an image into strips of equal width; the last one takes the remainder. As many strips as hardware threads, but
 /// never more than columns and at least one.

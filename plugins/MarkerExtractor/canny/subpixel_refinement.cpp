@@ -71,34 +71,54 @@ PrincipalDirection principalDirection(double dxx, double dxy, double dyy) {
     return first ? PrincipalDirection{e1, -s, c} : PrincipalDirection{e2, c, s};
 }
 
+/// The line of the edge near a pixel.
+struct EdgeLine {
+    double height;          ///< of the facet at the pixel
+    double nx, ny;          ///< across the line
+    double ox = 0, oy = 0;  ///< from the pixel to the line
+    explicit EdgeLine(const double m[9]) {
+        const Facet f = fitFacet(m);
+        const double dxx = 2 * f.a3;
+        const double dxy = f.a4;
+        const double dyy = 2 * f.a5;
+        const PrincipalDirection p = principalDirection(dxx, dxy, dyy);
+        double offset = 0;
+        if (p.eigenvalue < 0) {  // a ridge of the magnitude; in a valley the pixel stays
+            offset = -(p.nx * f.a1 + p.ny * f.a2) / (dxx * p.nx * p.nx + 2 * dxy * p.nx * p.ny + dyy * p.ny * p.ny);
+        }
+        height = f.a0;
+        nx = p.nx;
+        ny = p.ny;
+        ox = nx * offset;
+        oy = ny * offset;
+    }
+    cv::Point2f near(const cv::Point& pixel) const {
+        cv::Point2f point(static_cast<float>(pixel.x), static_cast<float>(pixel.y));
+        if (std::abs(ox) <= kLargestOffset && std::abs(oy) <= kLargestOffset) {
+            point.x += static_cast<float>(ox);
+            point.y += static_cast<float>(oy);
+        }
+        return point;
+    }
+};
+
 void refinePoint(const cv::Mat& dx, const cv::Mat& dy, const cv::Point& pixel, cv::Point2f& point, float& response,
                  float& direction) {
     double m[9];
     readMagnitudes(dx, dy, pixel, m);
-    const Facet f = fitFacet(m);
-    const double dxx = 2 * f.a3;
-    const double dxy = f.a4;
-    const double dyy = 2 * f.a5;
-    const PrincipalDirection p = principalDirection(dxx, dxy, dyy);
-
-    double offset = 0;
-    if (p.eigenvalue < 0) {  // a ridge of the magnitude; in a valley the pixel stays
-        offset = -(p.nx * f.a1 + p.ny * f.a2) / (dxx * p.nx * p.nx + 2 * dxy * p.nx * p.ny + dyy * p.ny * p.ny);
-    }
-    const double ox = p.nx * offset;
-    const double oy = p.ny * offset;
-    point = cv::Point2f(static_cast<float>(pixel.x), static_cast<float>(pixel.y));
-    if (std::abs(ox) <= kLargestOffset && std::abs(oy) <= kLargestOffset) {
-        point.x += static_cast<float>(ox);
-        point.y += static_cast<float>(oy);
-    }
-    response = static_cast<float>(f.a0 * kPerGain);
-    double angle = std::atan2(p.nx, p.ny);  // in this order: the angle is counted from the y axis
+    const EdgeLine line(m);
+    point = line.near(pixel);
+    response = static_cast<float>(line.height * kPerGain);
+    double angle = std::atan2(line.nx, line.ny);  // in this order: the angle is counted from the y axis
     if (angle < 0) angle += 2 * std::numbers::pi;
     direction = static_cast<float>(angle);
 }
 
 }  // namespace
+
+cv::Point2f refinedPoint(const cv::Point& pixel, const double magnitudes[9]) {
+    return EdgeLine(magnitudes).near(pixel);
+}
 
 void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
                     std::vector<SubpixelContour>& contours) {

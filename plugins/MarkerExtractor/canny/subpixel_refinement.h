@@ -22,4 +22,10 @@ struct SubpixelContour {
 void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
                     std::vector<SubpixelContour>& contours);
 
+/// Where one pixel goes by that.
+///
+/// @param magnitudes  of the gradient in its 3 by 3 neighbourhood in row order; beyond the border the centre row or
+///                    column stands in.
+cv::Point2f refinedPoint(const cv::Point& pixel, const double magnitudes[9]);
+
 }  // namespace kestrune

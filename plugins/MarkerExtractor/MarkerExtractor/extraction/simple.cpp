@@ -80,8 +80,11 @@ std::vector<SubpixelContour> SimpleCall::contours(CircleMarkerExtractor& extract
     if (const auto* const radial = std::get_if<RadialSettings>(&frontEnd_)) {
         return radialContours(grey, working, extractor, *radial, findings);
     }
+    const EdgeSettings& settings = std::get<EdgeSettings>(frontEnd_);
     std::vector<SubpixelContour> contours;
-    detectSubpixelContours(working, std::get<EdgeSettings>(frontEnd_), contours, dropsOf(findings));
+    const bool isDone = findings == nullptr && !takePlainRoad &&
+                        detectContourPoints(working, settings, workspaceOf(extractor).edges, contours);
+    if (!isDone) detectSubpixelContours(working, settings, contours, dropsOf(findings));
     return contours;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "MarkerExtractor/extraction/radial_fast.h"
+#include "canny/fast_contours.h"
 #include "kestrune/MarkerExtractor.h"
 
 namespace kestrune {
@@ -12,6 +13,7 @@ namespace kestrune {
 /// One member for each room that keeps something, defined there.
 struct Workspace {
     RadialScratch radial;
+    EdgeScratch edges;
 };
 
 /// That of the extractor, made at the first call.

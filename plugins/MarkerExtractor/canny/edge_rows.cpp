@@ -1,0 +1,260 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "canny/edge_rows.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "canny/edge_suppression.h"
+#include "canny/local_maximum.h"
+#include "canny/wide_lanes.h"
+
+namespace kestrune {
+
+namespace {
+
+constexpr std::size_t kRadii = EdgeRows::kLargestRadius + 1;
+constexpr int kLargestGrey = 255;
+constexpr int kFlagsAtOnce = 8;
+
+using Taps = std::array<short, kRadii>;
+
+// By value: compilers make vector instructions of them.
+KESTRUNE_BOTH uchar larger(uchar a, uchar b) {
+    return a > b ? a : b;
+}
+KESTRUNE_BOTH uchar smaller(uchar a, uchar b) {
+    return a < b ? a : b;
+}
+KESTRUNE_BOTH uchar difference(uchar a, uchar b) {
+    return static_cast<uchar>(larger(a, b) - smaller(a, b));
+}
+
+/// Largest difference of two pixels at equal distances on both sides, along the row or the column.
+template <std::size_t... kTap>
+KESTRUNE_BOTH uchar contrastAt(std::index_sequence<kTap...>, const uchar* const* centre, int x) {
+    uchar largest = 0;
+    ((largest = larger(largest, larger(difference(centre[0][x - 1 - static_cast<int>(kTap)],
+                                                  centre[0][x + 1 + static_cast<int>(kTap)]),
+                                       difference(centre[-1 - static_cast<int>(kTap)][x], centre[kTap + 1][x])))),
+     ...);
+    return largest;
+}
+
+/// Numbers the groups of columns in which some contrast exceeds the limit.
+///
+/// @return how many.
+template <std::size_t kRadius>
+KESTRUNE_BOTH std::size_t findActive(const uchar* const* centre, int firstColumn, int groups, int limit,
+                                     int* __restrict active) {
+    std::array<const uchar*, 2 * kRadius + 1> rows;
+    std::copy_n(centre - kRadius, rows.size(), rows.begin());
+    std::size_t count = 0;
+    for (int group = 0; group < groups; ++group) {
+        uchar largest = 0;
+        const int first = firstColumn + group * kLanes;
+        for (int x = first; x < first + kLanes; ++x) {
+            largest = larger(largest, contrastAt(std::make_index_sequence<kRadius>(), rows.data() + kRadius, x));
+        }
+        active[count] = group;
+        count += largest > limit ? 1 : 0;
+    }
+    return count;
+}
+
+template <std::size_t... kTap>
+KESTRUNE_BOTH int alongRow(std::index_sequence<kTap...>, const Taps& taps, const uchar* at) {
+    return (0 + ... + (taps[kTap + 1] * (at[kTap + 1] - at[-1 - static_cast<int>(kTap)])));
+}
+
+template <std::size_t... kTap>
+KESTRUNE_BOTH int downColumn(std::index_sequence<kTap...>, const Taps& taps, const uchar* const* centre, int x) {
+    return (0 + ... + (taps[kTap + 1] * (centre[kTap + 1][x] - centre[-1 - static_cast<int>(kTap)][x])));
+}
+
+KESTRUNE_BOTH short saturated(int value) {
+    return static_cast<short>(std::clamp(value, -32768, 32767));
+}
+
+/// Derivatives and squared magnitudes of one group, and which of these exceed the limit.
+template <std::size_t kRadius>
+KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const Taps& tapList, int limit,
+                                 short* __restrict dx, short* __restrict dy, int* __restrict magnitudes,
+                                 uchar* __restrict isHigh) {
+    constexpr std::make_index_sequence<kRadius> kTaps;
+    const Taps taps = tapList;
+    std::array<const uchar*, 2 * kRadius + 1> rows;
+    std::copy_n(centre - kRadius, rows.size(), rows.begin());
+    for (int j = 0; j < kLanes; ++j) dx[j] = saturated(alongRow(kTaps, taps, rows[kRadius] + first + j));
+    for (int j = 0; j < kLanes; ++j) dy[j] = saturated(downColumn(kTaps, taps, rows.data() + kRadius, first + j));
+    for (int j = 0; j < kLanes; ++j) {
+        const auto x = static_cast<std::uint32_t>(dx[j] * dx[j]);
+        const auto y = static_cast<std::uint32_t>(dy[j] * dy[j]);
+        magnitudes[j] = static_cast<int>(x + y);  // 2^31 wraps
+    }
+    for (int j = 0; j < kLanes; ++j) isHigh[j] = magnitudes[j] > limit ? 1 : 0;
+}
+
+template <std::size_t kRadius>
+void magnitudesAround(const uchar* const* centre, int x, const Taps& tapList, Magnitudes& magnitudes) {
+    constexpr std::make_index_sequence<kRadius> kTaps;
+    const Taps taps = tapList;
+    std::array<const uchar*, 2 * kRadius + 3> rows;
+    std::copy_n(centre - kRadius - 1, rows.size(), rows.begin());
+    for (std::size_t i = 0; i < 3; ++i) {
+        const uchar* const* const row = rows.data() + kRadius + i;
+        int dx[4], dy[4];
+        for (int j = 0; j < 4; ++j) dx[j] = saturated(alongRow(kTaps, taps, row[0] + x - 1 + j));
+        for (int j = 0; j < 4; ++j) dy[j] = saturated(downColumn(kTaps, taps, row, x - 1 + j));
+        for (std::size_t j = 0; j < 4; ++j) {
+            const double gx = dx[j];
+            const double gy = dy[j];
+            magnitudes[i][j] = std::sqrt(gx * gx + gy * gy);
+        }
+    }
+}
+
+template <std::size_t kRadius>
+std::size_t findActivePlain(const uchar* const* centre, int firstColumn, int groups, int limit, int* active) {
+    return findActive<kRadius>(centre, firstColumn, groups, limit, active);
+}
+template <std::size_t kRadius>
+KESTRUNE_WIDE std::size_t findActiveWide(const uchar* const* centre, int firstColumn, int groups, int limit,
+                                         int* active) {
+    return findActive<kRadius>(centre, firstColumn, groups, limit, active);
+}
+template <std::size_t kRadius>
+void differentiatePlain(const uchar* const* centre, int first, const Taps& taps, int limit, short* dx, short* dy,
+                        int* magnitudes, uchar* isHigh) {
+    differentiate<kRadius>(centre, first, taps, limit, dx, dy, magnitudes, isHigh);
+}
+template <std::size_t kRadius>
+KESTRUNE_WIDE void differentiateWide(const uchar* const* centre, int first, const Taps& taps, int limit, short* dx,
+                                     short* dy, int* magnitudes, uchar* isHigh) {
+    differentiate<kRadius>(centre, first, taps, limit, dx, dy, magnitudes, isHigh);
+}
+
+using FindActive = decltype(&findActivePlain<0>);
+using Differentiate = decltype(&differentiatePlain<0>);
+using MagnitudesAround = decltype(&magnitudesAround<0>);
+constexpr auto kFindActive = functionTable<FindActive, kRadii>([](auto r) { return findActivePlain<r>; });
+constexpr auto kFindActiveWide = functionTable<FindActive, kRadii>([](auto r) { return findActiveWide<r>; });
+constexpr auto kDifferentiate = functionTable<Differentiate, kRadii>([](auto r) { return differentiatePlain<r>; });
+constexpr auto kDifferentiateWide = functionTable<Differentiate, kRadii>([](auto r) { return differentiateWide<r>; });
+constexpr auto kMagnitudesAround = functionTable<MagnitudesAround, kRadii>([](auto r) { return magnitudesAround<r>; });
+
+int groupsOf(int width) {
+    return (width + kLanes - 1) / kLanes;
+}
+
+/// Column 0 of a row of magnitudes, with one cell before it that is never written.
+constexpr std::ptrdiff_t kBefore = 1;
+
+void makeRoom(GradientRows::Row& row, int width) {
+    const auto groups = static_cast<std::size_t>(groupsOf(width));
+    const std::size_t columns = groups * kLanes;
+    row.dx.resize(columns);
+    row.dy.resize(columns);
+    row.magnitudes.assign(columns + 2 * kBefore, 0);
+    row.isHigh.resize(columns);
+    row.active.resize(groups + 1);
+    row.activeCount = 0;
+}
+
+void flatten(GradientRows::Row& row) {
+    for (std::size_t k = 0; k < row.activeCount; ++k) {
+        std::fill_n(row.magnitudes.data() + kBefore + row.active[k] * kLanes, kLanes, 0);
+    }
+    row.activeCount = 0;
+}
+
+}  // namespace
+
+void reflectMargins(uchar* row, int width) {
+    for (int i = 1; i <= SmoothedRows::kMargin; ++i) {
+        for (const int x : {-i, width - 1 + i}) row[x] = row[cv::borderInterpolate(x, width, cv::BORDER_REFLECT_101)];
+    }
+}
+
+std::optional<EdgeRows> EdgeRows::of(const cv::Mat& kernel, int low, int high) {
+    const int radius = kernel.rows / 2;
+    if (radius > kLargestRadius) return std::nullopt;
+    EdgeRows result;
+    result.radius_ = radius;
+    std::int64_t gain = 0;
+    for (int i = 1; i <= radius; ++i) {
+        const short tap = kernel.at<short>(radius + i);
+        result.taps_[static_cast<std::size_t>(i)] = tap;
+        gain += std::abs(tap);
+    }
+    result.lowSquared_ = saturatedSquare(low);
+    result.highSquared_ = saturatedSquare(high);
+    // A derivative is at most the gain times the largest difference, and a squared magnitude twice its square.
+    const auto isFlat = [&](std::int64_t step) { return 2 * (gain * step) * (gain * step) <= result.lowSquared_; };
+    while (result.flatDifference_ < kLargestGrey && isFlat(result.flatDifference_ + 1)) ++result.flatDifference_;
+    return result;
+}
+
+void EdgeRows::fill(const uchar* const* rows, const cv::Rect& bounds, bool wide, GradientRows::Row& row) const {
+    const auto r = static_cast<std::size_t>(radius_);
+    row.activeCount = (wide ? kFindActiveWide : kFindActive)[r](rows, bounds.x, groupsOf(bounds.width), flatDifference_,
+                                                                row.active.data());
+    const auto differentiateGroup = (wide ? kDifferentiateWide : kDifferentiate)[r];
+    int* const magnitudes = row.magnitudes.data() + kBefore;
+    for (std::size_t k = 0; k < row.activeCount; ++k) {
+        const int first = row.active[k] * kLanes;
+        differentiateGroup(rows, bounds.x + first, taps_, lowSquared_, row.dx.data() + first, row.dy.data() + first,
+                           magnitudes + first, row.isHigh.data() + first);
+        for (int j = bounds.width; j < first + kLanes; ++j) {
+            magnitudes[j] = 0;
+            row.isHigh[static_cast<std::size_t>(j)] = 0;
+        }
+    }
+}
+
+/// Keeps the local maxima of the middle row.
+void EdgeRows::judge(const GradientRows::Row& above, const GradientRows::Row& centre, const GradientRows::Row& below,
+                     const cv::Point& origin, EdgePixels& pixels) const {
+    const MagnitudeRows around = {above.magnitudes.data() + kBefore, centre.magnitudes.data() + kBefore,
+                                  below.magnitudes.data() + kBefore};
+    for (std::size_t k = 0; k < centre.activeCount; ++k) {
+        const int first = centre.active[k] * kLanes;
+        for (int from = first; from < first + kLanes; from += kFlagsAtOnce) {
+            std::array<uchar, kFlagsAtOnce> flags;
+            std::memcpy(flags.data(), centre.isHigh.data() + from, kFlagsAtOnce);
+            if (std::bit_cast<std::uint64_t>(flags) == 0) continue;
+            for (int j = from; j < from + kFlagsAtOnce; ++j) {
+                if (flags[static_cast<std::size_t>(j - from)] == 0) continue;
+                const auto place = static_cast<std::size_t>(j);
+                if (!isLocalMaximum(around, j, centre.dx[place], centre.dy[place])) continue;
+                pixels.candidates.emplace_back(origin.x + j, origin.y);
+                if (around.centre[j] > highSquared_) pixels.seeds.emplace_back(origin.x + j, origin.y);
+            }
+        }
+    }
+}
+
+void EdgeRows::suppress(const SmoothedRows& rows, const cv::Rect& strip, const cv::Rect& bounds, bool wide,
+                        GradientRows& scratch, EdgePixels& pixels) const {
+    pixels.candidates.clear();
+    pixels.seeds.clear();
+    for (GradientRows::Row& row : scratch.rows) makeRoom(row, bounds.width);
+    GradientRows::Row* above = &scratch.rows[0];
+    GradientRows::Row* centre = &scratch.rows[1];
+    GradientRows::Row* below = &scratch.rows[2];
+    for (int y = strip.y - 1; y <= strip.br().y; ++y) {
+        flatten(*below);
+        if (y >= bounds.y && y < bounds.br().y) fill(rows.at(y), bounds, wide, *below);
+        if (y > strip.y) judge(*above, *centre, *below, {bounds.x, y - 1}, pixels);
+        std::swap(above, centre);
+        std::swap(centre, below);
+    }
+}
+
+void EdgeRows::magnitudesAround(const uchar* const* rows, int x, Magnitudes& magnitudes) const {
+    kMagnitudesAround[static_cast<std::size_t>(radius_)](rows, x, taps_, magnitudes);
+}
+
+}  // namespace kestrune
