@@ -64,9 +64,13 @@ set(CPACK_COMPONENT_METROLOGY_DEVELOPMENT_DESCRIPTION
     "finds circular markers in camera images - settings and calibration, development files\n${text}\n\n${text_files}
 This package has its headers, the CMake package and the pkg-config file.")
 
+# Program and module load it themselves, when an image needs it: 4.6 is in libopencv-imgcodecs406, 4.10 in 410.
+math(EXPR number "100 * ${OpenCV_VERSION_MAJOR} + ${OpenCV_VERSION_MINOR}")
+set(codecs libopencv-imgcodecs${number})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kestrune-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION graphics)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${codecs}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "finds circular markers in camera images - program\n${text}
 
 This package has the program kestrune-measure and settings to start from.")
@@ -76,7 +80,7 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kestrune)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
-    "python3 (>= ${kestrune_python_version}~), python3 (<< ${kestrune_python_next}), python3-numpy")
+    "python3 (>= ${kestrune_python_version}~), python3 (<< ${kestrune_python_next}), python3-numpy, ${codecs}")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-distributed, python3-pandas")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/cmake/python/postinst ${PROJECT_SOURCE_DIR}/cmake/python/prerm)

@@ -13,6 +13,7 @@
 #include <span>
 #include <string_view>
 
+#include "codecs.h"
 #include "files/inputs.h"
 #include "jpeg_image.h"
 #include "library_text.h"
@@ -68,8 +69,7 @@ cv::Mat decodeByOpenCv(Bytes bytes) {
     // Off unless asked for, since the format's reader was unsafe with files of strangers. Who names one asks for it.
     if (beginsWith(bytes, kExr)) ::setenv("OPENCV_IO_ENABLE_OPENEXR", "1", 0);
     const LibraryText text;
-    const cv::Mat wrapped(1, static_cast<int>(bytes.size()), CV_8UC1, const_cast<unsigned char*>(bytes.data()));
-    cv::Mat image = cv::imdecode(wrapped, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR | cv::IMREAD_IGNORE_ORIENTATION);
+    cv::Mat image = decodeByCodec(bytes, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR | cv::IMREAD_IGNORE_ORIENTATION);
     if (image.empty() || text.tiffFailed()) throw std::runtime_error(text.reason());
     return image;
 }

@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
 
+#include "codecs.h"
 #include "picture_size.h"
 
 namespace kestrune::measure {
@@ -84,9 +85,7 @@ cv::Mat decodeJpeg(std::span<const unsigned char> bytes) {
     if (!readRows(info, picture.reports, image)) throw std::runtime_error(picture.reports.text);
     if (channels == 3) cv::cvtColor(image, image, cv::COLOR_RGB2BGR);
     // Printing colours are rare, and how OpenCV turns them into light is its own affair. That they are whole is known.
-    if (channels == 4)
-        return cv::imdecode(cv::Mat(1, static_cast<int>(bytes.size()), CV_8UC1, const_cast<uchar*>(bytes.data())),
-                            cv::IMREAD_COLOR | cv::IMREAD_IGNORE_ORIENTATION);
+    if (channels == 4) return decodeByCodec(bytes, cv::IMREAD_COLOR | cv::IMREAD_IGNORE_ORIENTATION);
     return image;
 }
 

@@ -13,6 +13,8 @@
 #include <streambuf>
 #include <vector>
 
+#include "codecs.h"
+
 namespace kestrune::measure {
 namespace {
 
@@ -57,7 +59,7 @@ void installListeners() {
     // OpenCV sets handlers of its own when it meets its first TIFF; this is one of no use but that.
     const cv::Mat pixel(1, 1, CV_8UC1, cv::Scalar(0));
     std::vector<uchar> bytes;
-    if (cv::imencode(".tiff", pixel, bytes)) cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
+    if (encodeByCodec(".tiff", pixel, bytes)) decodeByCodec(bytes, cv::IMREAD_UNCHANGED);
     TIFFSetErrorHandler(hearTiff);
     TIFFSetWarningHandler(hearTiffWarning);
     static Listener* const listener = new Listener(std::cerr.rdbuf());  // std::cerr outlives what is static

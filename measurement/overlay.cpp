@@ -8,9 +8,9 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "codecs.h"
 #include "files/inputs.h"
 #include "files/output_file.h"
 
@@ -356,7 +356,7 @@ cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, cons
 void writePicture(const std::string& file, const cv::Mat& picture) {
     std::vector<uchar> bytes;
     try {
-        cv::imencode(std::filesystem::path(file).extension().string(), picture, bytes);
+        encodeByCodec(std::filesystem::path(file).extension().string(), picture, bytes);
     } catch (const cv::Exception& error) {
         throw InputError(file, plainText(error));
     }

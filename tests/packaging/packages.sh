@@ -57,7 +57,7 @@ if [[ -n $python ]]; then
     read -r abi next < <("$python" -c 'import sys; print("%d.%d" % sys.version_info[:2], "%d.%d" % (sys.version_info[0], sys.version_info[1] + 1))')
     suffix=$("$python" -c 'import sysconfig; print(sysconfig.get_config_var("EXT_SUFFIX"))')
     mapfile -t modules < <(cd "$source/python" && find kestrune ! -name '*.pyc' -type f -printf 'usr/lib/python3/dist-packages/%p\n')
-    inspect python3-kestrune "python3.\(>=.$abi~\),.python3.\(<<.$next\) python3-numpy libyaml-cpp[0-9.]+ libopencv-core[0-9]+[a-z0-9]*" \
+    inspect python3-kestrune "python3.\(>=.$abi~\),.python3.\(<<.$next\) python3-numpy libopencv-imgcodecs[0-9]+[a-z0-9]* libyaml-cpp[0-9.]+ libopencv-core[0-9]+[a-z0-9]*" \
         usr/bin/kestrune-batch usr/share/man/man1/kestrune-batch.1.gz "usr/lib/python3/dist-packages/kestrune/_native$suffix" "${modules[@]}"
     # It stands alone, and what Python writes beside its files goes with them.
     if grep -q libkestrune <<<"$(dpkg-deb --field "$work/packages/python3-kestrune_${version}_$arch.deb" Depends)"; then exit 1; fi
