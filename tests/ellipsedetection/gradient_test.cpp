@@ -10,6 +10,7 @@
 
 #include "canny/fast_gaussian.h"
 #include "ellipsedetection/gradient_plain.h"
+#include "ellipsedetection/private_window.h"
 #include "ellipsedetection/window_edges.h"
 
 namespace kestrune::test::gradient {
@@ -155,8 +156,9 @@ TEST(Gradient, AWindowIsSmoothedAsAPartOfItsImage) {
     cv::RNG rng(8);
     for (const int type : {CV_8UC1, CV_16UC1}) {
         cv::Mat image(97, 203, type), whole, part;
+        SmoothingScratch scratch;
         rng.fill(image, cv::RNG::UNIFORM, 0, type == CV_8UC1 ? 256 : 65536);
-        for (const float sigma : {0.0f, 1.0f, 2.0f, 3.4f, 5.0f, 9.0f}) {
+        for (const float sigma : {0.0f, 1.0f, 1.3f, 2.0f, 3.4f, 5.0f, 9.0f}) {
             fastGaussianApprox(image, whole, sigma);
             for (int round = 0; round < 60; ++round) {
                 const cv::Point from(rng.uniform(0, 203), rng.uniform(0, 97)), to(rng.uniform(0, 203), rng.uniform(0, 97));
@@ -164,6 +166,7 @@ TEST(Gradient, AWindowIsSmoothedAsAPartOfItsImage) {
                 std::vector<std::uint16_t> storage(static_cast<std::size_t>(rng.uniform(0, 203 * 97)), 7777);
                 fastGaussianOfWindow(image, window, part, sigma, storage);
                 ASSERT_TRUE(sameBits(part, whole(window))) << sigma << ' ' << window;
+                ASSERT_TRUE(type == CV_16UC1 || sameBits(smoothedWindow(image, window, sigma, scratch), part)) << sigma << ' ' << window;
             }
         }
     }
@@ -194,8 +197,29 @@ TEST(Gradient, WrongTypesRaiseTheAssertionOfTheRoutine) {
     EXPECT_TRUE(mask.empty()) << "untouched";
 }
 
+TEST(Gradient, ListsOfPixelsAreThinnedLikeMasks) {
+    cv::RNG rng(9);
+    ThinningLists lists;
+    for (int round = 0; round < 400; ++round) {
+        cv::Mat mask = cv::Mat::zeros(rng.uniform(3, 50), rng.uniform(3, 70), CV_8UC1), inner = mask(cv::Rect(1, 1, mask.cols - 2, mask.rows - 2)),
+                expected;
+        if (round % 2 == 0) rng.fill(inner, cv::RNG::UNIFORM, 0, 256);
+        inner = inner > round % 256;
+        for (int k = round % 2 == 0 ? 0 : rng.uniform(1, 6); k > 0; --k)
+            cv::circle(inner, {rng.uniform(0, 60), rng.uniform(0, 40)}, rng.uniform(1, 30), 255, rng.uniform(-1, 6));
+        std::vector<int> edges;
+        for (int i = 0; i < mask.rows * mask.cols; ++i)
+            if (mask.data[i] != 0) edges.push_back(i);
+        cv::ximgproc::thinning(mask, expected, cv::ximgproc::THINNING_ZHANGSUEN);
+        if (round % 3 == 0) std::ranges::reverse(edges);
+        thinPixels(mask, edges, lists);
+        ASSERT_TRUE(sameBits(mask, expected)) << round;
+    }
+}
+
 TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
     cv::RNG rng(6);
+    PrivateWindow own;
     for (int round = 0; round < 60; ++round) {
         cv::Mat image(11 + 5 * round % 60, 9 + 7 * round % 80, CV_8UC1, cv::Scalar(70));
         for (int k = 0; k < std::min(round, 4); ++k) {  // first a flat image, without any edge
@@ -223,6 +247,8 @@ TEST(Gradient, EdgesAreThinnedAsIfTheWholeWindowWere) {
         for (int i = 0; i < image.rows * image.cols; ++i) marks.at<uchar>(i / image.cols, i % image.cols) = stateOf(i);
         cv::ximgproc::thinning(marks, expected, cv::ximgproc::THINNING_ZHANGSUEN);
         ASSERT_TRUE(sameBits(window.mask, expected)) << round;
+        ASSERT_EQ(own.findEdges(image, cv::Rect({}, image.size()), {1, 3, 0, 1, percentile, 0.95f, 0, 0, 0}), box) << round;
+        ASSERT_TRUE(sameBits(own.images().mask, expected) && sameBits(own.images().blur16U, blur)) << round;
         if (!box.empty()) expected(box) = uchar{0};
         ASSERT_EQ(cv::countNonZero(expected), 0) << round << ": the box holds all";
     }

@@ -4,7 +4,11 @@
 
 #include "MarkerExtractor/extraction/complex.h"
 #include "MarkerExtractor/extraction/explain.h"
+#include "MarkerExtractor/extraction/plain_road.h"
 #include "MarkerExtractor/extraction/rim_markers.h"
+#include "MarkerExtractor/extraction/rim_windows.h"
+#include "canny/fast_gaussian.h"
+#include "ellipsedetection/gradient.h"
 #include "support/calls.h"
 #include "support/configs.h"
 
@@ -233,6 +237,60 @@ TEST(ComplexPath, SeesNothingOfAnEarlierImage) {
     };
     smoothed(used, {20, 20});
     EXPECT_EQ(cv::norm(smoothed(used, {65, 55}), smoothed(fresh, {65, 55}), cv::NORM_INF), 0);
+}
+
+TEST(ComplexPath, BothRoadsGiveTheSameBitsWhereWindowsOverlap) {
+    cv::RNG rng(12);
+    std::size_t found = 0;
+    for (int round = 0; round < 210; ++round) {
+        cv::Mat image(rng.uniform(20, 250), rng.uniform(20, 250), CV_8UC1, cv::Scalar(90));
+        for (int k = rng.uniform(1, 25); k > 0; --k)  // discs, rings and arcs, whose centres may be far off
+            cv::ellipse(image, {rng.uniform(0, 250), rng.uniform(0, 250)}, cv::Size(rng.uniform(4, 25), rng.uniform(4, 25)), rng.uniform(0, 180), 0,
+                        round % 2 == 0 ? 360 : rng.uniform(60, 360), rng.uniform(0, 256), rng.uniform(-1, 5), cv::LINE_AA);
+        CicrleConfigs configs = rimConfigs();
+        configs.sigma = round % 4 == 3 ? 5 : 0.65 * (round % 4), configs.scale = 1 + round / 4 % 2, configs.minDiameter = 2,
+        configs.maxFitResidual = 1;
+        std::array<std::vector<double>, 2> bits;
+        for (const bool isPlain : {true, false}) {
+            takePlainRoad = isPlain;
+            const Found all(image, configs);
+            takePlainRoad = false;
+            for (const Corner& c : all.corners) {
+                bits[isPlain].insert(bits[isPlain].end(), {static_cast<double>(c.id), c.x, c.y, c.fitResidual, c.ellipse.angle});
+                for (const cv::Point2f& p : c.contour) bits[isPlain].insert(bits[isPlain].end(), {p.x, p.y});
+            }
+            found += all.corners.size();
+        }
+        ASSERT_EQ(bits[0], bits[1]) << round;
+    }
+    EXPECT_GT(found, 250u);
+}
+
+TEST(ComplexPath, ARimWhoseCentreLeavesItsWindowIsJudgedAsInTheWholeImage) {
+    cv::RNG rng(4);
+    RimScratch scratch;
+    std::set<Gate> refused;
+    for (int round = 0; round < 300; ++round) {
+        const cv::Mat grey =
+            imageOf<uchar>({150, 140}, [&, step = rng.uniform(-3, 4)](int x, int) { return 120 + step * (x - 75) + rng.uniform(0, 2); });
+        const RimWindows windows(grey, {{5, 5, 60, 50}, {20, 60, 50, 30}}, {1, 3, 0, 1, 0.8f, 1, 0, 0, 0});
+        cv::Mat smooth, blur(grey.size(), CV_16UC1, cv::Scalar(0)), grad, dx, dy;
+        fastGaussianApprox(grey, smooth, 1);
+        for (const std::size_t k : {0u, 1u}) smooth(windows[k]).copyTo(blur(windows[k]));
+        float min = 0, max = 0;
+        calc_gradient(smooth, grad, dx, dy, min, max);
+        const cv::Rect place = windows[0];
+        std::vector<cv::Point> arc;
+        cv::ellipse2Poly({rng.uniform(0, 150), rng.uniform(0, 140)}, cv::Size(rng.uniform(10, 90), rng.uniform(10, 90)), 0, 0, 360, 1, arc);
+        std::erase_if(arc, [&](const cv::Point& p) { return !(place + cv::Point(2, 2) - cv::Size(4, 4)).contains(p); });
+        CicrleConfigs configs = rimConfigs();
+        configs.minAxisRatio = 0, configs.maxFitResidual = 1e9f;
+        const RimVerdict whole = judgeRim(arc, {blur, grad, dx, dy}, RimGates(configs), scratch),
+                         part = judgeRim(arc, {blur(place), grad(place), dx(place), dy(place), place.tl(), &windows}, RimGates(configs), scratch);
+        ASSERT_EQ(std::tuple(whole.refusedBy, whole.measured), std::tuple(part.refusedBy, part.measured)) << round;
+        refused.insert(whole.refusedBy);
+    }
+    EXPECT_TRUE(refused.contains(Gate::kContrast) && refused.contains(Gate::kHull));
 }
 
 TEST(ExplainedPaths, NameTheGateOfEachCandidateAndTheRivalOfOneThatWasMerged) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
+#include "canny/whole_boxes.h"
 #include "checks/settings_check.h"
 #include "logging/report_sites.h"
 
@@ -19,10 +20,8 @@ constexpr int kPasses = 3;
 constexpr double kGreyFactor = 256.0;
 
 // OpenCV scales the sums of a box in groups of columns in single precision and the columns left over at the end of a
-// row in double. Up to this width both round to the same number: a mean over n = 49 pixels of 16 bits is at least
-// 1 / 98 away from where it turns, and single precision is off by no more than 1 / 128. Wider boxes take their groups
-// where the whole image has them, at multiples of a number that any vector of today divides.
-constexpr int kWidestAlikeBox = 7;
+// row in double. Up to `kWidestWholeBox` both round to the same number. Wider boxes take their groups where the whole
+// image has them, at multiples of a number that any vector of today divides.
 constexpr int kColumnGroup = 64;
 
 /// In single precision throughout, which decides at the very sizes where a pass changes its width.
@@ -67,7 +66,7 @@ void smooth(const cv::Mat& source, cv::Mat& dst, float sigma) {
 cv::Rect grownWindow(const cv::Rect& window, const cv::Size& size, float sigma) {
     const std::array<int, kPasses> widths = boxWidths(sigma);
     const int reach = (widths[0] + widths[1] + widths[2] - kPasses) / 2;
-    const int group = widths[kPasses - 1] > kWidestAlikeBox ? kColumnGroup : 1;
+    const int group = widths[kPasses - 1] > kWidestWholeBox ? kColumnGroup : 1;
     const int left = std::max(window.x - reach, 0) / group * group;
     const int right = (window.br().x + reach + group - 1) / group * group;
     const int top = std::max(window.y - reach, 0);
@@ -91,6 +90,31 @@ void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat&
     cv::Mat smoothed(grown.size(), CV_16UC1, storage.data());
     smooth(image(grown), smoothed, sigma);
     smoothed(window - grown.tl()).copyTo(dst);
+}
+
+cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, SmoothingScratch& scratch) {
+    const std::array<int, kPasses> widths = boxWidths(sigma);
+    const cv::Rect grown = grownWindow(window, image.size(), sigma);
+    const auto count = static_cast<std::size_t>(grown.area());
+    for (std::vector<std::uint16_t>& pixels : scratch.pixels) {
+        if (pixels.size() < count) pixels.resize(count);
+    }
+    std::array<cv::Mat, 2> buffers = {cv::Mat(grown.size(), CV_16UC1, scratch.pixels[0].data()),
+                                      cv::Mat(grown.size(), CV_16UC1, scratch.pixels[1].data())};
+    cv::Mat smoothed = image(grown);
+    if (widths.back() == 1 || widths.back() > kWidestWholeBox) {
+        smooth(smoothed, buffers[0], sigma);
+        smoothed = buffers[0];
+    } else {
+        std::size_t next = 0;
+        for (const int width : widths) {
+            if (width == 1) continue;
+            boxOfWhole(smoothed, buffers[next], width, scratch.sums);
+            smoothed = buffers[next];
+            next = 1 - next;
+        }
+    }
+    return smoothed(window - grown.tl());
 }
 
 }  // namespace kestrune

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <opencv2/core.hpp>
 #include <vector>
@@ -31,5 +32,17 @@ void fastGaussianApprox(const cv::Mat& src, cv::Mat& dst, float sigma);
 ///                 What is in it has no say.
 void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat& dst, float sigma,
                           std::vector<std::uint16_t>& storage);
+
+/// Storage that goes from window to window.
+struct SmoothingScratch {
+    std::array<std::vector<std::uint16_t>, 2> pixels;
+    std::vector<std::uint32_t> sums;
+};
+
+/// The same, by own code where that gives the same bits.
+///
+/// @param image  `CV_8UC1`.
+/// @return       the window, in the storage of `scratch`.
+cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, SmoothingScratch& scratch);
 
 }  // namespace kestrune

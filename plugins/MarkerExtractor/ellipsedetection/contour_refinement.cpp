@@ -45,11 +45,21 @@ cv::Point2f shiftToRidge(const float* g, std::ptrdiff_t cols) {
 
 std::vector<cv::Point2f> refineContourOnGradient(const std::vector<cv::Point>& contour, const float* img_grad, int rows,
                                                  int cols) {
+    // A header over pixels that are only read.
+    const cv::Mat whole(rows, cols, CV_32FC1, const_cast<float*>(img_grad));  // NOLINT(*-const-cast)
+    return refineContourInWindow(contour, whole, {0, 0}, whole.size());
+}
+
+std::vector<cv::Point2f> refineContourInWindow(const std::vector<cv::Point>& contour, const cv::Mat& img_grad,
+                                               const cv::Point& origin, const cv::Size& size) {
+    const auto stride = static_cast<std::ptrdiff_t>(img_grad.step1());
     std::vector<cv::Point2f> refined;
     refined.reserve(contour.size());
     for (const cv::Point& point : contour) {
-        if (point.x < kRing || point.x >= cols - kRing || point.y < kRing || point.y >= rows - kRing) continue;
-        const cv::Point2f shift = shiftToRidge(img_grad + static_cast<std::ptrdiff_t>(point.y) * cols + point.x, cols);
+        if (point.x < kRing || point.x >= size.width - kRing || point.y < kRing || point.y >= size.height - kRing) {
+            continue;
+        }
+        const cv::Point2f shift = shiftToRidge(img_grad.ptr<float>(point.y - origin.y, point.x - origin.x), stride);
         refined.emplace_back(static_cast<float>(point.x) + shift.x, static_cast<float>(point.y) + shift.y);
     }
     return refined;

@@ -16,4 +16,12 @@ namespace kestrune {
 std::vector<cv::Point2f> refineContourOnGradient(const std::vector<cv::Point>& contour, const float* img_grad, int rows,
                                                  int cols);
 
+/// The same with the magnitudes of a window of the image, which holds each pixel and those around it.
+///
+/// @param img_grad  `CV_32FC1`.
+/// @param origin    of the window in the image.
+/// @param size      of the image.
+std::vector<cv::Point2f> refineContourInWindow(const std::vector<cv::Point>& contour, const cv::Mat& img_grad,
+                                               const cv::Point& origin, const cv::Size& size);
+
 }  // namespace kestrune

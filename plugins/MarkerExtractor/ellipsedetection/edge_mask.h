@@ -7,8 +7,8 @@
 namespace kestrune {
 
 // What a mask of edges holds, besides 0.
-constexpr uchar kStrongEdge = 255;
-constexpr uchar kWeakEdge = 127;
+constexpr uchar kStrongPixel = 255;
+constexpr uchar kWeakPixel = 127;
 
 /// Marks the pixels whose magnitude is a maximum along the gradient: strong above `high`, weak above `low`. Two pixels
 /// at each border are never marked.

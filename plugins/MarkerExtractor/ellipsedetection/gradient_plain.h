@@ -102,7 +102,7 @@ struct EdgeRow {
     bool hasDirection(int x) const { return std::abs(dx[x]) > kLeastComponent || std::abs(dy[x]) > kLeastComponent; }
 
     void mark(int x, bool isStrong) const {
-        mask[x] = isStrong ? kStrongEdge : kWeakEdge;
+        mask[x] = isStrong ? kStrongPixel : kWeakPixel;
         (isStrong ? strong : weak).push_back(start + x);
     }
 

@@ -10,11 +10,6 @@
 
 namespace kestrune {
 
-namespace {
-
-/// Weak pixels that hang together with a strong one become strong; the others are no edge.
-///
-/// @param mask  no pixel of its outer two rows and columns is marked, so that no neighbour is beyond an end.
 void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& weak) {
     const int cols = mask.cols;
     const auto stride = static_cast<int>(mask.step1());
@@ -24,24 +19,21 @@ void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& 
     };
     const std::array<int, 8> places = ringOf(stride);
     const std::array<int, 8> indices = ringOf(cols);
-    while (!strong.empty()) {
-        const int index = strong.back();
+    for (std::size_t next = 0; next < strong.size(); ++next) {
+        const int index = strong[next];
         uchar* const centre = stateOf(index);
-        strong.pop_back();
         for (std::size_t k = 0; k < places.size(); ++k) {
             uchar& state = centre[places[k]];
-            if (state != kWeakEdge) continue;
-            state = kStrongEdge;
+            if (state != kWeakPixel) continue;
+            state = kStrongPixel;
             strong.push_back(index + indices[k]);
         }
     }
     for (const int index : weak) {
         uchar& state = *stateOf(index);
-        if (state == kWeakEdge) state = 0;
+        if (state == kWeakPixel) state = 0;
     }
 }
-
-}  // namespace
 
 cv::Rect thinEdges(const cv::Mat& image, const cv::Rect& place, EdgeWindow& window, float sigma, float percentile,
                    float nmsFactor, WindowScratch& scratch) {

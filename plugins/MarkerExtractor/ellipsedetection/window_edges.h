@@ -21,6 +21,12 @@ struct WindowScratch {
     std::vector<cv::Vec4i> hierarchy;
 };
 
+/// Weak pixels that hang together with a strong one become strong; the others are no edge.
+///
+/// @param mask    no pixel of its outer two rows and columns is marked, so that no neighbour is beyond an end.
+/// @param strong  appended to: each weak one that became strong.
+void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& weak);
+
 /// Edges of a window, one pixel wide: smoothing, gradient, a threshold at `percentile` of the window's magnitudes with
 /// hysteresis down to half of it, non-maximum suppression, and thinning after Zhang and Suen.
 ///

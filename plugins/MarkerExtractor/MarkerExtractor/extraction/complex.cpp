@@ -3,8 +3,11 @@
 
 #include <algorithm>
 
+#include "MarkerExtractor/extraction/plain_road.h"
 #include "MarkerExtractor/extraction/rim_markers.h"
+#include "MarkerExtractor/extraction/rim_windows.h"
 #include "MarkerExtractor/extraction/working_images.h"
+#include "MarkerExtractor/extraction/workspace.h"
 #include "checks/settings_check.h"
 #include "ellipsedetection/ellipse_merging.h"
 #include "parallel/parallel_loop.h"
@@ -13,14 +16,9 @@ namespace kestrune {
 
 namespace {
 
-/// A rim that passed the first stage.
-struct PassedRim {
-    std::size_t candidate;  ///< its place among the candidates
-    PolarEllipse ellipse;
-    std::vector<cv::Point> points;
-};
-
 using PixelContours = std::vector<std::vector<cv::Point>>;
+
+constexpr std::int64_t kMostPerRim = 1'000'000'000;  ///< ns: of one that goes around the image
 
 std::vector<PassedRim> passFirstStage(const PixelContours& candidates, const RimImages& images, const RimGates& gates,
                                       Findings* findings) {
@@ -30,7 +28,7 @@ std::vector<PassedRim> passFirstStage(const PixelContours& candidates, const Rim
     for (std::size_t k = 0; k < candidates.size(); ++k) {
         RimVerdict verdict = judgeRim(candidates[k], images, gates, scratch);
         account.add(candidates[k], verdict.ellipse.record.ellipse, verdict, std::nullopt);
-        if (verdict.accepted()) passed.push_back({k, std::move(verdict.ellipse), std::move(verdict.points)});
+        if (verdict.accepted()) passed.push_back({k, std::move(verdict.ellipse), std::move(verdict.points), {}});
     }
     return passed;
 }
@@ -75,6 +73,16 @@ void noteMarkers(Findings* findings, const std::vector<RimMarker>& markers) {
     }
 }
 
+std::vector<Corner> numbered(std::vector<RimMarker>&& markers) {
+    std::vector<Corner> corners;
+    corners.reserve(markers.size());
+    for (RimMarker& marker : markers) {
+        marker.corner.id = static_cast<std::int32_t>(corners.size());
+        corners.push_back(std::move(marker.corner));
+    }
+    return corners;
+}
+
 }  // namespace
 
 RimCall::RimCall(const cv::Mat& image, const CircleMarkerExtractor& extractor, int cameraIndex,
@@ -108,6 +116,7 @@ RimImages RimCall::candidates(CircleMarkerExtractor& extractor, PixelContours& c
 
 std::vector<Corner> RimCall::run(CircleMarkerExtractor& extractor, Findings* findings) const {
     const ParallelCall call;
+    if (findings == nullptr && !takePlainRoad.load(std::memory_order_relaxed)) return runFast(extractor);
     PixelContours found;
     const RimImages images = candidates(extractor, found, dropsOf(findings));
     const std::vector<PassedRim> rims = passFirstStage(found, images, gates_, findings);
@@ -123,14 +132,29 @@ std::vector<Corner> RimCall::run(CircleMarkerExtractor& extractor, Findings* fin
         }
     }
     noteMarkers(findings, markers);
+    return numbered(std::move(markers));
+}
 
-    std::vector<Corner> corners;
-    corners.reserve(markers.size());
-    for (RimMarker& marker : markers) {
-        marker.corner.id = static_cast<std::int32_t>(corners.size());
-        corners.push_back(std::move(marker.corner));
+std::vector<Corner> RimCall::runFast(CircleMarkerExtractor& extractor) const {
+    const cv::Mat grey = greyOf(image_, extractor);
+    const cv::Mat reduced = reducedImage(grey, settings_.scale, extractor);
+    Workspace& workspace = workspaceOf(extractor);
+    findBrightBlobs(reduced, settings_.aperture, settings_.thresholdC, workspace.blobs, workspace.rims.blobs);
+    std::vector<PassedRim> rims = passRims(grey, settings_, gates_, workspace.rims);
+    const Merging merging = merge(rims, nullptr);
+
+    std::vector<MarkerVerdict> verdicts(merging.kept.size());
+    forEachInParallel(static_cast<int>(verdicts.size()), kMostPerRim, [&](int item) {
+        const auto k = static_cast<std::size_t>(item);
+        verdicts[k] = measureRefinedRim(std::move(rims[merging.kept[k]].refined), grey.size(), gates_, lens_);
+    });
+    std::vector<RimMarker> markers;
+    for (std::size_t k = 0; k < verdicts.size(); ++k) {
+        if (!verdicts[k].accepted()) continue;
+        const PassedRim& rim = rims[merging.kept[k]];
+        admitRim(std::move(verdicts[k].marker), rim.ellipse.brightInside, rim.candidate, markers);
     }
-    return corners;
+    return numbered(std::move(markers));
 }
 
 bool RimCall::extract(CircleMarkerExtractor& extractor, std::vector<Corner>& corners) const {

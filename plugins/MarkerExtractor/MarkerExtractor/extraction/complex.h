@@ -47,6 +47,9 @@ class RimCall {
                          Drops* drops) const;
 
   private:
+    /// `run` without findings, on any number of threads.
+    std::vector<Corner> runFast(CircleMarkerExtractor& extractor) const;
+
     cv::Mat image_;
     std::optional<LensModel> lens_;
     RimSettings settings_;

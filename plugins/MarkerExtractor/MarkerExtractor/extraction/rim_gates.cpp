@@ -61,8 +61,8 @@ float gradientAlongNormal(const std::vector<cv::Point>& contour, const geometry:
         const auto [nx, ny] = geometry::gradientAt(conic, point.x, point.y).val;
         const auto length = static_cast<float>(std::sqrt(nx * nx + ny * ny));
         if (!(length >= kLeastNormal)) continue;
-        const float alongX = static_cast<float>(nx / length) * images.dx.at<float>(point);
-        const float alongY = static_cast<float>(ny / length) * images.dy.at<float>(point);
+        const float alongX = static_cast<float>(nx / length) * images.dx.at<float>(point - images.origin);
+        const float alongY = static_cast<float>(ny / length) * images.dy.at<float>(point - images.origin);
         sum += alongY + alongX;
     }
     return sum;
@@ -78,16 +78,43 @@ struct Brightness {
     }
 };
 
-Brightness brightnessOf(const std::vector<cv::Point>& contour, const cv::Point2f& centre, const cv::Mat& blur16U) {
-    const double cx = centre.x;
-    const double cy = centre.y;
+/// The pixel halfway between a point and the centre of its ellipse, kept within the image.
+class Halfway {
+  public:
+    Halfway(const cv::Point2f& centre, const cv::Size& size) : cx_(centre.x), cy_(centre.y), size_(size) {}
+
+    cv::Point operator()(const cv::Point& point) const {
+        const double x = (point.x - cx_) * 0.5 + cx_ + 0.5;
+        const double y = (point.y - cy_) * 0.5 + cy_ + 0.5;
+        return {std::clamp(static_cast<int>(x), 0, size_.width - 1),
+                std::clamp(static_cast<int>(y), 0, size_.height - 1)};
+    }
+
+    /// The box that holds these pixels of all points of a box.
+    cv::Rect operator()(const cv::Rect& box) const {
+        return {(*this)(box.tl()), (*this)(box.br() - cv::Point(1, 1)) + cv::Point(1, 1)};
+    }
+
+  private:
+    double cx_, cy_;
+    cv::Size size_;
+};
+
+Brightness brightnessOf(const std::vector<cv::Point>& contour, const cv::Point2f& centre, const RimImages& images) {
+    const Halfway halfway(centre, images.wholeSize());
+    cv::Mat blurInside = images.blur16U;
+    cv::Point origin = images.origin;
+    if (images.whole != nullptr) {
+        const cv::Rect part = halfway(cv::boundingRect(contour));
+        if ((part & cv::Rect(origin, blurInside.size())) != part) {
+            blurInside = images.whole->smoothed(part);
+            origin = part.tl();
+        }
+    }
     std::int64_t edge = 0, inside = 0;
     for (const cv::Point& point : contour) {
-        const double x = (point.x - cx) * 0.5 + cx + 0.5;
-        const double y = (point.y - cy) * 0.5 + cy + 0.5;
-        edge += blur16U.at<std::uint16_t>(point);
-        inside += blur16U.at<std::uint16_t>(std::clamp(static_cast<int>(y), 0, blur16U.rows - 1),
-                                            std::clamp(static_cast<int>(x), 0, blur16U.cols - 1));
+        edge += images.blur16U.at<std::uint16_t>(point - images.origin);
+        inside += blurInside.at<std::uint16_t>(halfway(point) - origin);
     }
     const auto count = static_cast<float>(contour.size());
     return {static_cast<float>(edge) / count, static_cast<float>(inside) / count};
@@ -157,7 +184,7 @@ void judgeStep(const std::vector<cv::Point>& contour, const RimImages& images, c
     const float gradient = gradientAlongNormal(contour, record.conic, images);
     if (!gates[Gate::kGradient].passes(std::abs(gradient))) return verdict.refuse(gates[Gate::kGradient], gradient);
     verdict.ellipse.brightInside = gradient < 0;
-    const Brightness mean = brightnessOf(contour, record.ellipse.center, images.blur16U);
+    const Brightness mean = brightnessOf(contour, record.ellipse.center, images);
     const GateRule& contrast = gates[Gate::kContrast];
     if (!mean.showsContrast(verdict.ellipse.brightInside, contrast.largest)) {
         verdict.refuse(contrast, mean.inside / mean.edge);
@@ -204,7 +231,7 @@ RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& imag
     unsorted.largest *= kSpareLength;
     unsorted.least = std::max(unsorted.least, static_cast<double>(kLeastFitPoints));
     if (verdict.fails(unsorted, static_cast<double>(contour.size()))) return verdict;
-    judgeFirstEllipse(contour, images.blur16U.size(), gates, verdict);
+    judgeFirstEllipse(contour, images.wholeSize(), gates, verdict);
     if (verdict.accepted()) judgeStep(contour, images, gates, verdict);
     if (!verdict.accepted()) return verdict;
 
@@ -218,10 +245,17 @@ RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& imag
 
 MarkerVerdict measureRim(const std::vector<cv::Point>& points, const RimImages& images, const RimGates& gates,
                          const std::optional<LensModel>& lens) {
+    return measureRefinedRim(
+        refineContourOnGradient(points, images.grad.ptr<float>(), images.grad.rows, images.grad.cols),
+        images.blur16U.size(), gates, lens);
+}
+
+MarkerVerdict measureRefinedRim(std::vector<cv::Point2f>&& points, const cv::Size& size, const RimGates& gates,
+                                const std::optional<LensModel>& lens) {
     MarkerVerdict verdict;
     Corner& marker = verdict.marker;
     marker.x = marker.y = 0;  // travels along with the contour and is replaced by the fit
-    marker.contour = refineContourOnGradient(points, images.grad.ptr<float>(), images.grad.rows, images.grad.cols);
+    marker.contour = std::move(points);
     if (lens && !marker.contour.empty()) undistortCorner(marker, lens->intrinsic, lens->distortion);
     const auto count = static_cast<double>(marker.contour.size());
     if (verdict.fails(gates[Gate::kPoints], count)) return verdict;
@@ -233,12 +267,12 @@ MarkerVerdict measureRim(const std::vector<cv::Point>& points, const RimImages& 
     const cv::RotatedRect rect = cv::fitEllipseDirect(aroundTheirMean(marker.contour));
     fillConic(marker, rect);
     const auto [shorter, longer] = std::minmax(rect.size.width, rect.size.height);
-    const GateRule& size = gates[Gate::kFinalSize];
-    const auto least = static_cast<float>(size.least);
-    if (!geometry::isFinite(rect) || !size.passes(shorter) ||
+    const GateRule& axes = gates[Gate::kFinalSize];
+    const auto least = static_cast<float>(axes.least);
+    if (!geometry::isFinite(rect) || !axes.passes(shorter) ||
         kLeastAreaFactor * least * least > rect.size.width * rect.size.height) {
-        verdict.refuse(size, shorter);
-    } else if (!isInImage(rect.center, images.blur16U.size())) {
+        verdict.refuse(axes, shorter);
+    } else if (!isInImage(rect.center, size)) {
         verdict.refuse(gates[Gate::kFinalPlace], rect.center.x);
     } else if (!verdict.fails(gates[Gate::kFinalAxisRatio], shorter / longer)) {
         marker.x = rect.center.x;

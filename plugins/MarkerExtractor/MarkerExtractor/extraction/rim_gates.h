@@ -23,11 +23,34 @@ struct RimGates : GateTable {
     explicit RimGates(const CicrleConfigs& configs);
 };
 
-/// Full-size images that the gates read.
+/// The whole image, of which `RimImages` show a window.
+class WholeImage {
+  public:
+    explicit WholeImage(const cv::Size& size) : size_(size) {}
+    virtual ~WholeImage() = default;
+    WholeImage(const WholeImage&) = delete;
+    WholeImage& operator=(const WholeImage&) = delete;
+
+    const cv::Size& size() const { return size_; }
+
+    /// A part of the smoothed image, `CV_16UC1`: 0 where no window is.
+    virtual cv::Mat smoothed(const cv::Rect& part) const = 0;
+
+  private:
+    cv::Size size_;
+};
+
+/// Images that the gates read: of full size, or a window of them.
 struct RimImages {
     cv::Mat blur16U;  ///< `CV_16UC1`
-    cv::Mat grad;     ///< `CV_32FC1` without gaps between the rows
+    cv::Mat grad;     ///< `CV_32FC1`, without gaps between the rows where it is of full size
     cv::Mat dx, dy;   ///< `CV_32FC1`
+
+    // Of a window only.
+    cv::Point origin = {};              ///< of the window in the whole image
+    const WholeImage* whole = nullptr;  ///< what it is a window of
+
+    cv::Size wholeSize() const { return whole != nullptr ? whole->size() : blur16U.size(); }
 };
 
 struct RimVerdict : Verdict {
@@ -44,7 +67,7 @@ struct RimScratch {
 
 /// First stage: number of pixels, ellipse, residual, sign and strength of the step across the rim, and hull.
 ///
-/// @param contour  px of the full image, at least two px from its border.
+/// @param contour  px of the full image, at least two px from its border, or from that of the window.
 RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& images, const RimGates& gates,
                     RimScratch& scratch);
 
@@ -60,5 +83,11 @@ struct MarkerVerdict : Verdict {
 /// @throws cv::Exception from the undistortion, for matrices of wrong size.
 MarkerVerdict measureRim(const std::vector<cv::Point>& points, const RimImages& images, const RimGates& gates,
                          const std::optional<LensModel>& lens);
+
+/// The same from the refined points on.
+///
+/// @param size  of the whole image.
+MarkerVerdict measureRefinedRim(std::vector<cv::Point2f>&& points, const cv::Size& size, const RimGates& gates,
+                                const std::optional<LensModel>& lens);
 
 }  // namespace kestrune

@@ -5,6 +5,8 @@
 #pragma once
 
 #include "MarkerExtractor/extraction/radial_fast.h"
+#include "MarkerExtractor/extraction/rim_windows.h"
+#include "blobs/bright_blobs.h"
 #include "canny/fast_contours.h"
 #include "kestrune/MarkerExtractor.h"
 
@@ -14,6 +16,8 @@ namespace kestrune {
 struct Workspace {
     RadialScratch radial;
     EdgeScratch edges;
+    BlobScratch blobs;
+    RimStorage rims;
 };
 
 /// That of the extractor, made at the first call.
