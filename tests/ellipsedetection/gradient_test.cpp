@@ -156,7 +156,7 @@ TEST(Gradient, AWindowIsSmoothedAsAPartOfItsImage) {
     cv::RNG rng(8);
     for (const int type : {CV_8UC1, CV_16UC1}) {
         cv::Mat image(97, 203, type), whole, part;
-        SmoothingScratch scratch;
+        BoxScratch scratch;
         rng.fill(image, cv::RNG::UNIFORM, 0, type == CV_8UC1 ? 256 : 65536);
         for (const float sigma : {0.0f, 1.0f, 1.3f, 2.0f, 3.4f, 5.0f, 9.0f}) {
             fastGaussianApprox(image, whole, sigma);

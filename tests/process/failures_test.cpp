@@ -189,16 +189,12 @@ TEST(Allocation, LaterCallsOfTheRadialAndTheEdgeBasedPathAllocateNoImage) {
                 const long second = largeAllocationsOf([&] { ExtractCircleMarker(image, extractor, again, 0, configs); });
                 ASSERT_EQ(corners.size(), 30u);
                 // What OpenCV allocates in the calls that the path must make, into buffers that are there already.
-                cv::Mat grey8(grey.size(), CV_8UC1), stats, centroids;
-                cv::Mat working(grey.size() / configs.scale, CV_8UC1), binary(working.size(), CV_8UC1), labels(working.size(), CV_32SC1);
+                cv::Mat grey8(grey.size(), CV_8UC1), working(grey.size() / configs.scale, CV_8UC1);
                 const long unavoidable = largeAllocationsOf([&] {
                     if (image.channels() == 3) cv::cvtColor(image, grey8, cv::COLOR_BGR2GRAY);
                     cv::resize(grey, working, working.size(), 0, 0, cv::INTER_LINEAR);
-                    if (configs.useRadialContours) return;
-                    cv::adaptiveThreshold(working, binary, 255, cv::ADAPTIVE_THRESH_GAUSSIAN_C, cv::THRESH_BINARY, configs.aperture, -8);
-                    cv::connectedComponentsWithStats(binary, labels, stats, centroids, 8, CV_32S);
                 });
-                EXPECT_GE(first - unavoidable, configs.useRadialContours ? 0 : 7) << "the first call's buffers are seen";
+                EXPECT_GE(first - unavoidable, image.channels() / 3) << "the first call's buffers are seen";
                 EXPECT_EQ(second, unavoidable) << image.channels() << " channels, scale " << configs.scale;
             }
         }

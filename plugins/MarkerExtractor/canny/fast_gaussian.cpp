@@ -92,7 +92,7 @@ void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat&
     smoothed(window - grown.tl()).copyTo(dst);
 }
 
-cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, SmoothingScratch& scratch) {
+cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, BoxScratch& scratch) {
     const std::array<int, kPasses> widths = boxWidths(sigma);
     const cv::Rect grown = grownWindow(window, image.size(), sigma);
     const auto count = static_cast<std::size_t>(grown.area());

@@ -34,7 +34,7 @@ void fastGaussianOfWindow(const cv::Mat& image, const cv::Rect& window, cv::Mat&
                           std::vector<std::uint16_t>& storage);
 
 /// Storage that goes from window to window.
-struct SmoothingScratch {
+struct BoxScratch {
     std::array<std::vector<std::uint16_t>, 2> pixels;
     std::vector<std::uint32_t> sums;
 };
@@ -43,6 +43,6 @@ struct SmoothingScratch {
 ///
 /// @param image  `CV_8UC1`.
 /// @return       the window, in the storage of `scratch`.
-cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, SmoothingScratch& scratch);
+cv::Mat smoothedWindow(const cv::Mat& image, const cv::Rect& window, float sigma, BoxScratch& scratch);
 
 }  // namespace kestrune

@@ -34,7 +34,7 @@ class PrivateWindow {
   private:
     cv::Rect place_;
     EdgeWindow images_;
-    SmoothingScratch smoothing_;
+    BoxScratch smoothing_;
     std::vector<float> grad_, dx_, dy_;
     std::vector<uchar> mask_;
     std::vector<int> strong_, weak_;

@@ -70,7 +70,7 @@ RimWindows::RimWindows(const cv::Mat& grey, const std::vector<cv::Rect>& blobs, 
 }
 
 cv::Mat RimWindows::smoothed(const cv::Rect& part) const {
-    SmoothingScratch scratch;
+    BoxScratch scratch;
     const cv::Mat all = smoothedWindow(grey_, part, sigma_, scratch);
     cv::Mat covered(part.size(), CV_16UC1, cv::Scalar(0));
     for (const cv::Rect& place : places_) {
