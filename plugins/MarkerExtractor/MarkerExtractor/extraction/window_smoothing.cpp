@@ -12,6 +12,8 @@ namespace kestrune {
 namespace {
 
 constexpr int kLanes = 8;
+constexpr int kCacheLine = 64;  ///< bytes
+constexpr int kRowsAhead = 8;
 constexpr int kTapBits = 8;
 constexpr int kTapOne = 1 << kTapBits;
 constexpr int kOffset = 0x8000;  ///< takes a sum along a row, below 2^16, into 16 bits with a sign
@@ -23,6 +25,12 @@ void blur(const cv::Mat& image, cv::Mat& smooth, const SmoothingPlan& plan) {
 }
 
 #if KESTRUNE_EXACT_LANES
+/// Asks for a row's pixels early: rows of a window lie too far apart for the processor to see what comes next.
+void askForRow(const uchar* row, const cv::Rect& window) {
+    for (int x = 0; x < window.width; x += kCacheLine) __builtin_prefetch(row + window.x + x);
+    __builtin_prefetch(row + window.x + window.width - 1);
+}
+
 /// A row of the image from `reach` before the window to `reach` behind it.
 void readRow(const uchar* row, const cv::Rect& window, int reach, SmoothingScratch& scratch) {
     const int first = window.x - reach, count = window.width + 2 * reach;
@@ -135,6 +143,7 @@ void smoothWindow([[maybe_unused]] const cv::Mat& image, [[maybe_unused]] const 
     }
     for (int k = 0; k < rows; ++k) {
         const int row = cv::borderInterpolate(window.y - reach + k, image.rows, cv::BORDER_REFLECT_101);
+        if (row + kRowsAhead < image.rows) askForRow(image.ptr<uchar>(row + kRowsAhead), window);
         readRow(image.ptr<uchar>(row), window, reach, scratch);
         smoothAlongRow(plan, scratch.line.data(), stride / kLanes,
                        scratch.rows.data() + static_cast<std::ptrdiff_t>(k) * stride);
