@@ -2,6 +2,7 @@
 #include "MarkerExtractor/extraction/radial_rays.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 
@@ -25,14 +26,21 @@ constexpr std::size_t kLeastMedian = 3;   ///< radii that make a median
 struct RayPlan {
     const GreyView& image;
     cv::Point2f centre;
-    float start;  ///< radius of the first coarse sample
-    int steps;    ///< number of coarse steps
+    float start;    ///< radius of the first coarse sample
+    int steps;      ///< number of coarse steps
+    bool isInside;  ///< all that a ray reads lies on the image, with a pixel to its right and one below
 
     GreySample at(cv::Point2f direction, float radius) const {
         return sampleBilinear(image, centre.x + radius * direction.x, centre.y + radius * direction.y);
     }
     float coarseRadius(int i) const { return kCoarseStep * static_cast<float>(i) + start; }
 };
+
+bool isAllInside(const GreyView& image, cv::Point2f centre, float rOut) {
+    const auto reach = static_cast<float>(reachOfRays(rOut));
+    return centre.x >= reach && centre.y >= reach && centre.x + reach + 2 <= static_cast<float>(image.cols) &&
+           centre.y + reach + 2 <= static_cast<float>(image.rows);
+}
 
 /// How far the outer circle and a step leave the image, px.
 double reachBeyond(const GreyView& image, cv::Point2f centre, float rOut) {
@@ -62,39 +70,89 @@ int nearestPixel(float coordinate) {
 }
 
 /// The samples are read first and compared then: their addresses do not depend on each other, and reading them together
-/// hides the way to memory, which costs more than all else on a ray.
-Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction, std::vector<uchar>& samples) {
+/// hides the way to memory, which costs more than all else on a ray. Their places are found before, several at a time.
+Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction, RayScratch& scratch) {
+    int* const columns = scratch.columns.data();
+    int* const rows = scratch.rows.data();
+    uchar* const samples = scratch.samples.data();
     for (int i = 0; i <= plan.steps; ++i) {
         const float r = std::max(0.0f, plan.coarseRadius(i));
         // The ray guard keeps every sample on the image.
-        const int column = nearestPixel(plan.centre.x + r * direction.x);
-        const int row = nearestPixel(plan.centre.y + r * direction.y);
-        samples[static_cast<std::size_t>(i)] = *plan.image.at(column, row);
+        columns[i] = nearestPixel(plan.centre.x + r * direction.x);
+        rows[i] = nearestPixel(plan.centre.y + r * direction.y);
     }
-    Fall fall;
+    for (int i = 0; i <= plan.steps; ++i) samples[i] = *plan.image.at(columns[i], rows[i]);
+    int steepest = -1, height = -1;  // the first of equal falls stays
     for (int i = 0; i < plan.steps; ++i) {
-        const auto k = static_cast<std::size_t>(i);
-        fall.offer(i, static_cast<float>(samples[k]) - static_cast<float>(samples[k + 1]));
+        const int fall = samples[i] - samples[i + 1];
+        steepest = fall > height ? i : steepest;
+        height = std::max(height, fall);
+    }
+    return {steepest, static_cast<float>(height)};
+}
+
+/// The fine samples of a ray, and one that none asks for.
+using FineSamples = std::array<float, kFineSamples + 1>;
+
+/// `sampleBilinear` of all of them, where no bound has to be looked at.
+FineSamples readFineSamples(const RayPlan& plan, cv::Point2f direction, float coarse) {
+    constexpr std::size_t kCount = kFineSamples + 1;
+    std::array<int, kCount> columns, rows;
+    FineSamples fx, fy, a, b, c, d, values;
+    for (std::size_t k = 0; k < kCount; ++k) {
+        const float radius = coarse - kFineLead + static_cast<float>(static_cast<int>(k));
+        const float x = plan.centre.x + radius * direction.x;
+        const float y = plan.centre.y + radius * direction.y;
+        columns[k] = static_cast<int>(x);
+        rows[k] = static_cast<int>(y);
+        fx[k] = x - static_cast<float>(columns[k]);
+        fy[k] = y - static_cast<float>(rows[k]);
+    }
+    for (std::size_t k = 0; k < kCount; ++k) {
+        const uchar* const upper = plan.image.at(columns[k], rows[k]);
+        const uchar* const lower = upper + plan.image.step;
+        a[k] = upper[0], b[k] = upper[1], c[k] = lower[0], d[k] = lower[1];
+    }
+    for (std::size_t k = 0; k < kCount; ++k) {
+        values[k] = (1 - fy[k]) * (a[k] * (1 - fx[k]) + b[k] * fx[k]) + fy[k] * (c[k] * (1 - fx[k]) + d[k] * fx[k]);
+    }
+    return values;
+}
+
+/// The steepest of the fine samples, which become `values`, 0 where a place lies off the image.
+Fall steepestFineFall(const RayPlan& plan, cv::Point2f direction, float coarse, FineSamples& values) {
+    Fall fall;
+    if (plan.isInside) {
+        values = readFineSamples(plan, direction, coarse);
+        for (int k = 0; k + 1 < kFineSamples; ++k) {
+            const auto i = static_cast<std::size_t>(k);
+            fall.offer(k, values[i] - values[i + 1]);
+        }
+        return fall;
+    }
+    bool isValid = false;
+    for (int k = 0; k < kFineSamples; ++k) {
+        const GreySample sample = plan.at(direction, coarse - kFineLead + static_cast<float>(k));
+        const auto i = static_cast<std::size_t>(k);
+        values[i] = sample.value;
+        if (isValid && sample.valid) fall.offer(k - 1, values[i - 1] - sample.value);
+        isValid = sample.valid;
     }
     return fall;
 }
 
 /// Radius of the edge near the coarse step that begins at `coarse`. It may be as low as -1 for a blob of a few pixels.
 std::optional<float> fineRadius(const RayPlan& plan, cv::Point2f direction, float coarse) {
-    GreySample f[kFineSamples];
-    for (int k = 0; k < kFineSamples; ++k) f[k] = plan.at(direction, coarse - kFineLead + static_cast<float>(k));
-    Fall fall;
-    for (int k = 0; k + 1 < kFineSamples; ++k) {
-        if (f[k].valid && f[k + 1].valid) fall.offer(k, f[k].value - f[k + 1].value);
-    }
-    const int k = fall.index;
+    FineSamples f{};
+    const int k = steepestFineFall(plan, direction, coarse, f).index;
     if (k < 0) return std::nullopt;  // the grey value rises all along, by more than one level a pixel
 
     const float rk = coarse - kFineLead + static_cast<float>(k);
-    const float p0 = k >= 1 ? f[k - 1].value : plan.at(direction, rk - 1.0f).value;
-    const float p1 = f[k].value;
-    const float p2 = f[k + 1].value;
-    const float p3 = k < kFineSamples - 2 ? f[k + 2].value : plan.at(direction, rk + 2.0f).value;
+    const auto i = static_cast<std::size_t>(k);
+    const float p0 = k >= 1 ? f[i - 1] : plan.at(direction, rk - 1.0f).value;
+    const float p1 = f[i];
+    const float p2 = f[i + 1];
+    const float p3 = k < kFineSamples - 2 ? f[i + 2] : plan.at(direction, rk + 2.0f).value;
     const float a = p0 - p1;
     const float b = p2 - p3;
     const float curvature = a - 2.0f * (p1 - p2) + b;
@@ -214,15 +272,16 @@ RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn
     const float start = std::max(kLeastStart, rIn - kCoarseStep);
     if (!(rOut + kCoarseStep >= start)) return {};  // no room for a sample
     const int steps = static_cast<int>(std::floor((rOut + kCoarseStep - start) / kCoarseStep));
-    const RayPlan plan = {image, centre, start, steps};
+    const RayPlan plan = {image, centre, start, steps, isAllInside(image, centre, rOut)};
 
-    std::vector<uchar>& samples = scratch.samples;
     std::vector<float>& radii = scratch.radii;
-    samples.resize(static_cast<std::size_t>(steps) + 1);
+    scratch.samples.resize(static_cast<std::size_t>(steps) + 1);
+    scratch.columns.resize(scratch.samples.size());
+    scratch.rows.resize(scratch.samples.size());
     radii.assign(directions.size(), kNoRadius);
     int found = 0;
     for (std::size_t ray = 0; ray < directions.size(); ++ray) {
-        const Fall coarse = steepestCoarseFall(plan, directions[ray], samples);
+        const Fall coarse = steepestCoarseFall(plan, directions[ray], scratch);
         if (static_cast<float>(dropThreshold) > coarse.height) continue;
         // With a threshold below 0 a ray that only rises comes here too, and is looked at before its first sample.
         const std::optional<float> radius = fineRadius(plan, directions[ray], plan.coarseRadius(coarse.index));

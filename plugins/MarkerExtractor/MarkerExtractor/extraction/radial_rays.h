@@ -58,6 +58,7 @@ struct RaySearch {
 /// Storage of a thread, kept from call to call.
 struct RayScratch {
     std::vector<uchar> samples;
+    std::vector<int> columns, rows;
     std::vector<float> radii, given, sorted;
     std::vector<char> kept;
 };
