@@ -26,6 +26,20 @@ TEST(SmoothWindow, ShowsWhatOpenCvSmooths) {
     }
 }
 
+TEST(SearchRadialEdges, ReadsAPartOfAnImageOfAnySize) {
+    const cv::Mat disc = discImage({80, 80}, {40, 40}, 12);
+    const std::vector<cv::Point2f> rays = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}, {0.6f, 0.8f}, {-0.6f, 0.8f}};
+    std::vector<cv::Point2f> whole, part;
+    searchRadialEdges(disc, {40, 40}, 4, 20, whole, rays, 12, 0.6f);
+    ASSERT_EQ(whole.size(), rays.size());
+    RayScratch scratch;
+    for (const int rows : {80, 1 << 30}) {  // places in the second need more than 32 bits
+        const GreyView view(disc.ptr(10) + 11, 80, {11, 10}, {80, rows});
+        searchRadialEdges(view, {40, 40}, 4, 20, part, rays, 12, 0.6f, scratch);
+        EXPECT_EQ(part, whole) << rows;
+    }
+}
+
 TEST(DetectRadialContoursFast, FindsWhatThePlainRoadFinds) {
     cv::RNG random(9);
     const SharedLoops shared;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <optional>
 
 namespace kestrune {
@@ -69,26 +70,44 @@ int nearestPixel(float coordinate) {
     return whole + static_cast<int>(coordinate - static_cast<float>(whole) >= 0.5f);
 }
 
-/// The samples are read first and compared then: their addresses do not depend on each other, and reading them together
-/// hides the way to memory, which costs more than all else on a ray. Their places are found before, several at a time.
-Fall steepestCoarseFall(const RayPlan& plan, cv::Point2f direction, RayScratch& scratch) {
-    int* const columns = scratch.columns.data();
-    int* const rows = scratch.rows.data();
-    uchar* const samples = scratch.samples.data();
+/// The steepest coarse fall of every ray: step by step for all rays at once, whose samples do not depend on each other.
+/// @tparam Offset  holds a place in the image.
+template <typename Offset>
+void findCoarseFalls(const RayPlan& plan, const std::vector<cv::Point2f>& directions, RayScratch& scratch) {
+    const std::size_t n = directions.size();
+    std::vector<Offset>& offsets = scratch.offsetsOf<Offset>();
+    offsets.resize(n);
+    scratch.before.resize(n);
+    scratch.here.resize(n);
+    scratch.steepest.assign(n, -1);
+    scratch.heights.assign(n, -1);
+    const auto step = static_cast<Offset>(plan.image.step);
+    const uchar* const origin = plan.image.at(plan.image.left, plan.image.top);
     for (int i = 0; i <= plan.steps; ++i) {
         const float r = std::max(0.0f, plan.coarseRadius(i));
         // The ray guard keeps every sample on the image.
-        columns[i] = nearestPixel(plan.centre.x + r * direction.x);
-        rows[i] = nearestPixel(plan.centre.y + r * direction.y);
+        for (std::size_t ray = 0; ray < n; ++ray) {
+            const int column = nearestPixel(plan.centre.x + r * directions[ray].x) - plan.image.left;
+            const int row = nearestPixel(plan.centre.y + r * directions[ray].y) - plan.image.top;
+            offsets[ray] = static_cast<Offset>(row) * step + static_cast<Offset>(column);
+        }
+        for (std::size_t ray = 0; ray < n; ++ray) scratch.here[ray] = origin[offsets[ray]];
+        for (std::size_t ray = 0; i > 0 && ray < n; ++ray) {
+            const int fall = scratch.before[ray] - scratch.here[ray];
+            const bool isSteeper = fall > scratch.heights[ray];  // the first of equal falls stays
+            scratch.steepest[ray] = isSteeper ? i - 1 : scratch.steepest[ray];
+            scratch.heights[ray] = isSteeper ? fall : scratch.heights[ray];
+        }
+        std::swap(scratch.before, scratch.here);
     }
-    for (int i = 0; i <= plan.steps; ++i) samples[i] = *plan.image.at(columns[i], rows[i]);
-    int steepest = -1, height = -1;  // the first of equal falls stays
-    for (int i = 0; i < plan.steps; ++i) {
-        const int fall = samples[i] - samples[i + 1];
-        steepest = fall > height ? i : steepest;
-        height = std::max(height, fall);
+}
+
+void findCoarseFalls(const RayPlan& plan, const std::vector<cv::Point2f>& directions, RayScratch& scratch) {
+    if (plan.image.step * plan.image.rows <= std::numeric_limits<int>::max()) {
+        findCoarseFalls<int>(plan, directions, scratch);
+    } else {
+        findCoarseFalls<std::ptrdiff_t>(plan, directions, scratch);
     }
-    return {steepest, static_cast<float>(height)};
 }
 
 /// The fine samples of a ray, and one that none asks for.
@@ -201,35 +220,76 @@ float meanOfNearest(const std::vector<float>& radii, const std::vector<char>& ke
     return count > 0 ? sum / static_cast<float>(count) : kNoRadius;
 }
 
-void medianFilter(std::vector<float>& radii, int halfWindow, RayScratch& scratch) {
-    std::vector<float>& given = scratch.given;
-    given = radii;
-    std::vector<float>& sorted = scratch.sorted;
+/// Copies the radii, and `kHalfWindow` of either end behind the other one, where the usual window is asked for.
+/// @return the first of them, or null where each place has to be wrapped around.
+const float* copyAround(const std::vector<float>& radii, int halfWindow, RayScratch& scratch) {
+    scratch.given = radii;
+    if (halfWindow != kHalfWindow || radii.size() <= 2 * kHalfWindow) return nullptr;
+    std::vector<float>& around = scratch.around;
+    around.assign(radii.end() - kHalfWindow, radii.end());
+    around.insert(around.end(), radii.begin(), radii.end());
+    around.insert(around.end(), radii.begin(), radii.begin() + kHalfWindow);
+    return around.data() + kHalfWindow;
+}
+
+float medianOfFive(float a, float b, float c, float d, float e) {
+    const float low = std::max(std::min(a, b), std::min(c, d));
+    const float high = std::min(std::max(a, b), std::max(c, d));
+    return std::max(std::min(low, high), std::min(std::max(low, high), e));
+}
+
+float medianOfPositive(const std::vector<float>& given, std::size_t ray, int halfWindow, std::vector<float>& sorted) {
     sorted.resize(2 * static_cast<std::size_t>(halfWindow) + 1);
-    for (std::size_t ray = 0; ray < given.size(); ++ray) {
-        std::size_t count = 0;
-        for (int k = -halfWindow; k <= halfWindow; ++k) {
-            const float radius = given[wrapped(static_cast<std::ptrdiff_t>(ray) + k, given.size())];
-            if (!(radius > 0)) continue;
-            std::size_t place = count++;
-            for (; place > 0 && sorted[place - 1] > radius; --place) sorted[place] = sorted[place - 1];
-            sorted[place] = radius;
+    std::size_t count = 0;
+    for (int k = -halfWindow; k <= halfWindow; ++k) {
+        const float radius = given[wrapped(static_cast<std::ptrdiff_t>(ray) + k, given.size())];
+        if (!(radius > 0)) continue;
+        std::size_t place = count++;
+        for (; place > 0 && sorted[place - 1] > radius; --place) sorted[place] = sorted[place - 1];
+        sorted[place] = radius;
+    }
+    return count < kLeastMedian ? kNoRadius : sorted[count / 2];
+}
+
+void medianFilter(std::vector<float>& radii, int halfWindow, RayScratch& scratch) {
+    const std::size_t n = radii.size();
+    std::vector<char>& isWhole = scratch.kept;  // all radii of a window count, as nearly everywhere
+    isWhole.assign(n, 0);
+    if (const float* p = copyAround(radii, halfWindow, scratch)) {
+        for (std::size_t ray = 0; ray < n; ++ray, ++p) {
+            isWhole[ray] = (p[-2] > 0) & (p[-1] > 0) & (p[0] > 0) & (p[1] > 0) & (p[2] > 0);
+            radii[ray] = medianOfFive(p[-2], p[-1], p[0], p[1], p[2]);
         }
-        radii[ray] = count < kLeastMedian ? kNoRadius : sorted[count / 2];
+    }
+    for (std::size_t ray = 0; ray < n; ++ray) {
+        if (!isWhole[ray]) radii[ray] = medianOfPositive(scratch.given, ray, halfWindow, scratch.sorted);
     }
 }
 
 void rejectAndSmooth(std::vector<float>& radii, float tolerance, int halfWindow, RayScratch& scratch) {
-    std::vector<float>& given = scratch.given;
-    given = radii;
+    const float* const around = copyAround(radii, halfWindow, scratch);
+    const std::vector<float>& given = scratch.given;
+    const float* const first = around != nullptr ? around : given.data();
     std::vector<char>& kept = scratch.kept;
     kept.resize(given.size());
     for (std::size_t ray = 0; ray < given.size(); ++ray) {
-        kept[ray] = !(given[ray] < 0) && !isOutlier(given, ray, tolerance, halfWindow);
+        const float* const p = first + ray;
+        const bool isWhole = around != nullptr && !(p[-2] < 0) && !(p[-1] < 0) && !(p[1] < 0) && !(p[2] < 0);
+        const bool isFar = isWhole ? std::abs((p[-2] + p[-1] + p[1] + p[2]) / 4.0f - *p) > tolerance
+                                   : isOutlier(given, ray, tolerance, halfWindow);
+        kept[ray] = !(given[ray] < 0) && !isFar;
     }
-    for (std::size_t ray = 0; ray < given.size(); ++ray) {
+    const std::size_t n = given.size(), side = kHalfWindow;
+    for (std::size_t ray = 0; ray < n; ++ray) {
+        const float* const p = first + ray;
+        const bool isWhole = around != nullptr && ray >= side && ray + side < n && kept[ray - 2] && kept[ray - 1] &&
+                             kept[ray + 1] && kept[ray + 2];
         // A kept radius is replaced, too: its neighbours know it better than it does itself.
-        radii[ray] = kept[ray] ? meanOfNearest(given, kept, ray, halfWindow) : kNoRadius;
+        if (!kept[ray]) {
+            radii[ray] = kNoRadius;
+        } else {
+            radii[ray] = isWhole ? (p[1] + p[2] + p[-1] + p[-2]) / 4.0f : meanOfNearest(given, kept, ray, halfWindow);
+        }
     }
 }
 
@@ -275,16 +335,13 @@ RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn
     const RayPlan plan = {image, centre, start, steps, isAllInside(image, centre, rOut)};
 
     std::vector<float>& radii = scratch.radii;
-    scratch.samples.resize(static_cast<std::size_t>(steps) + 1);
-    scratch.columns.resize(scratch.samples.size());
-    scratch.rows.resize(scratch.samples.size());
     radii.assign(directions.size(), kNoRadius);
+    findCoarseFalls(plan, directions, scratch);
     int found = 0;
     for (std::size_t ray = 0; ray < directions.size(); ++ray) {
-        const Fall coarse = steepestCoarseFall(plan, directions[ray], scratch);
-        if (static_cast<float>(dropThreshold) > coarse.height) continue;
+        if (static_cast<float>(dropThreshold) > static_cast<float>(scratch.heights[ray])) continue;
         // With a threshold below 0 a ray that only rises comes here too, and is looked at before its first sample.
-        const std::optional<float> radius = fineRadius(plan, directions[ray], plan.coarseRadius(coarse.index));
+        const std::optional<float> radius = fineRadius(plan, directions[ray], plan.coarseRadius(scratch.steepest[ray]));
         if (!radius) continue;
         radii[ray] = *radius;
         ++found;

@@ -3,7 +3,9 @@
 // Rays from the centre of a blob, and where on each the grey value falls most.
 #pragma once
 
+#include <cstddef>
 #include <opencv2/core.hpp>
+#include <type_traits>
 #include <vector>
 
 namespace kestrune {
@@ -57,9 +59,19 @@ struct RaySearch {
 
 /// Storage of a thread, kept from call to call.
 struct RayScratch {
-    std::vector<uchar> samples;
-    std::vector<int> columns, rows;
-    std::vector<float> radii, given, sorted;
+    template <typename Offset>
+    std::vector<Offset>& offsetsOf() {
+        if constexpr (std::is_same_v<Offset, int>) {
+            return offsets;
+        } else {
+            return longOffsets;
+        }
+    }
+    std::vector<int> offsets;
+    std::vector<std::ptrdiff_t> longOffsets;
+    std::vector<int> before, here;       ///< grey values of all rays
+    std::vector<int> steepest, heights;  ///< step and grey levels of the coarse fall of each ray
+    std::vector<float> radii, given, around, sorted;
     std::vector<char> kept;
 };
 
