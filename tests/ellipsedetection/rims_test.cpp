@@ -5,6 +5,8 @@
 #include "ellipsedetection/conic_record.h"
 #include "ellipsedetection/contour_tree.h"
 #include "ellipsedetection/ellipse_candidates.h"
+#include "ellipsedetection/pixel_set.h"
+#include "kestrune_geometry/contour_shape.h"
 #include "support/configs.h"
 
 namespace kestrune::test::rims {
@@ -86,6 +88,24 @@ TEST(Rims, PointsMoveToTheRidgeOfTheMagnitude) {
     const cv::Mat flat(20, 30, CV_32FC1, cv::Scalar(1));
     const std::vector<cv::Point2f> inner = refined({{1, 9}, {2, 2}, {9, 1}, {28, 9}, {27, 17}, {9, 18}, {-4, 9}, {9, 99}}, flat);
     EXPECT_EQ(inner, (std::vector<cv::Point2f>{{2, 2}, {27, 17}})) << "two pixels at each border go";
+}
+
+TEST(Rims, PixelsOfALineAreSortedAndTheirHullHasTheAreaOfOpenCvs) {
+    cv::RNG rng(3);
+    PixelSet set;
+    for (int round = 0; round < 500; ++round) {
+        const cv::Point origin(rng.uniform(-9, 9000), rng.uniform(-9, 9000)), reach(rng.uniform(1, 60), rng.uniform(1, 60));
+        std::vector<cv::Point> points, hull;
+        if (round % 3 == 0) cv::ellipse2Poly(origin, {reach.x, reach.y}, rng.uniform(0, 180), 0, rng.uniform(1, 360), 1, points);
+        for (int k = round % 3 == 0 ? 0 : rng.uniform(1, 90); k >= 0; --k)
+            points.push_back(origin + cv::Point(rng.uniform(0, reach.x), rng.uniform(0, reach.y)));
+        set.assign(points);
+        EXPECT_EQ(set.hullArea(), geometry::hullArea(points, hull));
+        std::ranges::sort(points, {}, [](const cv::Point& p) { return std::pair(p.y, p.x); });
+        points.erase(std::unique(points.begin(), points.end()), points.end());
+        EXPECT_EQ(set.pixels(), points);
+        EXPECT_EQ(set.size(), points.size());
+    }
 }
 
 TEST(Rims, NestingTellsAClosedLineFromAnOpenOne) {

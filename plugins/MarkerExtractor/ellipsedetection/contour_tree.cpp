@@ -5,7 +5,7 @@
 #include <limits>
 #include <opencv2/imgproc.hpp>
 
-#include "kestrune_geometry/contour_shape.h"
+#include "ellipsedetection/pixel_set.h"
 
 namespace kestrune {
 
@@ -33,12 +33,16 @@ double areaOfChildren(int firstChild, const std::vector<double>& areas, const st
 std::vector<double> signedAreas(const std::vector<std::vector<cv::Point>>& contours,
                                 const std::vector<cv::Vec4i>& hierarchy) {
     std::vector<double> areas(contours.size(), 0.0);
-    std::vector<cv::Point> hull;
+    PixelSet pixels;
     for (std::size_t k = 0; k < contours.size(); ++k) {
         const bool isAlone = hierarchy[k][kChild] < 0 && hierarchy[k][kParent] < 0;
         if (isAlone || contours[k].size() < 3) continue;
-        areas[k] =
-            hierarchy[k][kChild] < 0 ? geometry::hullArea(contours[k], hull) : cv::contourArea(contours[k], true);
+        if (hierarchy[k][kChild] < 0) {
+            pixels.assign(contours[k]);
+            areas[k] = pixels.hullArea();
+        } else {
+            areas[k] = cv::contourArea(contours[k], true);
+        }
     }
     return areas;
 }

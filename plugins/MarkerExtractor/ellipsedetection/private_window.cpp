@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ellipsedetection/private_window.h"
 
+#include <algorithm>
 #include <opencv2/imgproc.hpp>
 
 #include "ellipsedetection/gradient.h"
@@ -25,7 +26,7 @@ cv::Rect PrivateWindow::findEdges(const cv::Mat& image, const cv::Rect& place, c
     images_ = {smoothedWindow(image, place, settings.sigma, smoothing_), imageOver(grad_, place.size(), CV_32FC1),
                imageOver(dx_, place.size(), CV_32FC1), imageOver(dy_, place.size(), CV_32FC1),
                imageOver(mask_, place.size(), CV_8UC1)};
-    images_.mask.setTo(0);
+    std::fill_n(mask_.begin(), place.area(), uchar{0});
     float min = 0, max = 0;
     calc_gradient(images_.blur16U, images_.grad, images_.dx, images_.dy, min, max);
     const float threshold = calc_stable_edge_threshold(images_.grad, min, max, settings.edgePercentile);

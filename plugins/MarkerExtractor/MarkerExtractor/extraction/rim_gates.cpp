@@ -21,7 +21,6 @@ namespace {
 constexpr double kRimShare = 0.7;
 constexpr float kLeastDiameter = 1.0f;   ///< px, of a first ellipse
 constexpr std::size_t kSpareLength = 2;  ///< a contour may run out and back along a line, before its pixels are sorted
-constexpr std::size_t kUsualLength = 1024;  ///< pixels for which lists have room from the start
 constexpr std::size_t kLeastFitPoints = 5;  ///< what an ellipse needs
 constexpr int kBorder = 1;  ///< px: a centre within it, or on the pixel beyond it, belongs to no whole marker
 constexpr double kLooseResidual = 5.0;  ///< whole pixels are this much worse than refined points
@@ -120,23 +119,6 @@ Brightness brightnessOf(const std::vector<cv::Point>& contour, const cv::Point2f
     return {static_cast<float>(edge) / count, static_cast<float>(inside) / count};
 }
 
-/// Distinct pixels, by rows and then by columns: sorted as whole numbers with the row in the upper half.
-std::vector<cv::Point> distinctPixels(const std::vector<cv::Point>& points, std::vector<std::uint64_t>& keys) {
-    keys.clear();
-    for (const cv::Point& point : points) {
-        keys.push_back(static_cast<std::uint64_t>(static_cast<std::uint32_t>(point.y)) << 32 |
-                       static_cast<std::uint32_t>(point.x));
-    }
-    std::ranges::sort(keys);
-    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    std::vector<cv::Point> pixels;
-    pixels.reserve(keys.size());
-    for (const std::uint64_t key : keys) {
-        pixels.emplace_back(static_cast<int>(key & 0xffffffffU), static_cast<int>(key >> 32));
-    }
-    return pixels;
-}
-
 bool allFinite(const std::vector<cv::Point2f>& points) {
     return std::ranges::all_of(
         points, [](const cv::Point2f& point) { return std::isfinite(point.x) && std::isfinite(point.y); });
@@ -219,11 +201,6 @@ RimGates::RimGates(const CicrleConfigs& c)
           atLeast(Gate::kFinalAxisRatio, "axis ratio", "minAxisRatio {}", c.minAxisRatio),
           strict(atMost(Gate::kFinalResidual, "fit residual", "maxFitResidual {}", c.maxFitResidual), Ends::kClosed)} {}
 
-RimScratch::RimScratch() {
-    hull.reserve(kUsualLength);
-    keys.reserve(kUsualLength);
-}
-
 RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& images, const RimGates& gates,
                     RimScratch& scratch) {
     RimVerdict verdict;
@@ -235,11 +212,10 @@ RimVerdict judgeRim(const std::vector<cv::Point>& contour, const RimImages& imag
     if (verdict.accepted()) judgeStep(contour, images, gates, verdict);
     if (!verdict.accepted()) return verdict;
 
-    std::vector<cv::Point> pixels = distinctPixels(contour, scratch.keys);
-    if (verdict.fails(gates[Gate::kLength], static_cast<double>(pixels.size()))) return verdict;
-    const double hull =
-        geometry::hullArea(pixels, scratch.hull) / geometry::ellipseArea(verdict.ellipse.record.ellipse.size);
-    if (!verdict.fails(gates[Gate::kHull], hull)) verdict.points = std::move(pixels);
+    scratch.pixels.assign(contour);
+    if (verdict.fails(gates[Gate::kLength], static_cast<double>(scratch.pixels.size()))) return verdict;
+    const double hull = scratch.pixels.hullArea() / geometry::ellipseArea(verdict.ellipse.record.ellipse.size);
+    if (!verdict.fails(gates[Gate::kHull], hull)) verdict.points = scratch.pixels.pixels();
     return verdict;
 }
 

@@ -5,7 +5,6 @@
 // fraction of a pixel. Bright and dark markers pass by mirrored tests and are kept apart throughout.
 #pragma once
 
-#include <cstdint>
 #include <opencv2/core.hpp>
 #include <optional>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "MarkerExtractor/extraction/gate_rules.h"
 #include "MarkerExtractor/extraction/marker_fit.h"
 #include "ellipsedetection/conic_record.h"
+#include "ellipsedetection/pixel_set.h"
 #include "kestrune/MarkerExtractor/records.h"
 
 namespace kestrune {
@@ -58,11 +58,9 @@ struct RimVerdict : Verdict {
     std::vector<cv::Point> points;  ///< of an accepted rim: its distinct pixels in raster order, no longer a path
 };
 
-/// Lists whose storage goes from candidate to candidate.
+/// Storage that goes from candidate to candidate.
 struct RimScratch {
-    RimScratch();
-    std::vector<cv::Point> hull;
-    std::vector<std::uint64_t> keys;
+    PixelSet pixels;
 };
 
 /// First stage: number of pixels, ellipse, residual, sign and strength of the step across the rim, and hull.

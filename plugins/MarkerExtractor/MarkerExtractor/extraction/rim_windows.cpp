@@ -16,6 +16,10 @@ namespace {
 
 constexpr std::int64_t kMostPerWindow = 1'000'000'000;  ///< ns: a window may be as large as the image
 
+/// Pixels of a window from which it is left to the caller's thread: storage as large as the image for every thread
+/// would be too much.
+constexpr int kLargestShared = 1 << 20;
+
 /// The smallest box that holds all lines, and the pixels around them.
 cv::Rect boxAround(const std::vector<std::vector<cv::Point>>& lines) {
     cv::Rect all;
@@ -94,8 +98,12 @@ std::vector<PassedRim> passRims(const cv::Mat& grey, const RimSettings& settings
     std::vector<std::vector<PassedRim>> passed(blobs.size());
     forEachInParallel(static_cast<int>(blobs.size()), kMostPerWindow, [&](int item, int thread) {
         const auto index = static_cast<std::size_t>(item);
+        if (windows[index].area() > kLargestShared) return;
         stage.judgeWindow(index, storage.threads[static_cast<std::size_t>(thread)], passed[index]);
     });
+    for (std::size_t index = 0; index < blobs.size(); ++index) {
+        if (windows[index].area() > kLargestShared) stage.judgeWindow(index, storage.threads[0], passed[index]);
+    }
     std::vector<PassedRim> all;
     for (std::vector<PassedRim>& rims : passed) std::ranges::move(rims, std::back_inserter(all));
     return all;
