@@ -31,6 +31,22 @@ bool areLike(const PolarEllipse& kept, const PolarEllipse& other, double shapeTo
     return std::sqrt((u * u + v * v) * 0.5) < shapeTolerance;
 }
 
+/// What tells of most ellipses that they are not like a kept one, side by side: with many markers nearly all pairs are
+/// looked at.
+struct Vicinity {
+    Vicinity(const PolarEllipse& kept, double centreTolerance)
+        : x(kept.record.ellipse.center.x),
+          y(kept.record.ellipse.center.y),
+          reach((kept.record.ellipse.size.width + kept.record.ellipse.size.height) * 0.5 * centreTolerance) {}
+
+    /// The distance of centres is no less than either of its components, rounded as they are.
+    bool mayHold(const cv::Point2f& centre) const {
+        return std::abs(x - centre.x) < reach && std::abs(y - centre.y) < reach;
+    }
+
+    double x, y, reach;
+};
+
 }  // namespace
 
 Merging mergeAlike(const std::vector<const PolarEllipse*>& ellipses, double shapeTolerance, double centreTolerance) {
@@ -38,17 +54,23 @@ Merging mergeAlike(const std::vector<const PolarEllipse*>& ellipses, double shap
     std::iota(order.begin(), order.end(), std::size_t{0});
     std::ranges::stable_sort(order, {}, [&ellipses](std::size_t index) { return axisProduct(*ellipses[index]); });
     Merging merging;
+    std::vector<Vicinity> vicinities;                  // of the kept ones
     std::vector<std::size_t> groups(ellipses.size());  // of each ellipse: its place in `kept`
     for (const std::size_t index : order) {
         const PolarEllipse& ellipse = *ellipses[index];
-        const auto like = std::ranges::find_if(merging.kept, [&](std::size_t kept) {
-            return areLike(*ellipses[kept], ellipse, shapeTolerance, centreTolerance);
-        });
-        groups[index] = static_cast<std::size_t>(like - merging.kept.begin());
-        if (like == merging.kept.end()) {
+        std::size_t group = 0;
+        while (group < vicinities.size() &&
+               !(vicinities[group].mayHold(ellipse.record.ellipse.center) &&
+                 areLike(*ellipses[merging.kept[group]], ellipse, shapeTolerance, centreTolerance))) {
+            ++group;
+        }
+        groups[index] = group;
+        if (group == vicinities.size()) {
             merging.kept.push_back(index);
-        } else if (ellipses[*like]->record.fitResidual > ellipse.record.fitResidual) {
-            *like = index;
+            vicinities.emplace_back(ellipse, centreTolerance);
+        } else if (ellipses[merging.kept[group]]->record.fitResidual > ellipse.record.fitResidual) {
+            merging.kept[group] = index;
+            vicinities[group] = Vicinity(ellipse, centreTolerance);
         }
     }
     merging.into.reserve(groups.size());

@@ -13,7 +13,9 @@ namespace kestrune {
 void linkEdges(cv::Mat& mask, std::vector<int>& strong, const std::vector<int>& weak) {
     const int cols = mask.cols;
     const auto stride = static_cast<int>(mask.step1());
-    const auto stateOf = [&mask, cols, stride](int index) { return mask.data + index / cols * stride + index % cols; };
+    const auto stateOf = [&mask, cols, stride](int index) {
+        return mask.data + (stride == cols ? index : index / cols * stride + index % cols);  // divisions take long
+    };
     const auto ringOf = [](int width) {
         return std::array<int, 8>{-width - 1, -width, -width + 1, -1, 1, width - 1, width, width + 1};
     };
