@@ -59,8 +59,9 @@ TEST(ContourTracer, GivesTheContoursAndTheTreeOfFindContours) {
         if (cv::countNonZero(edges) > 0) cv::findNonZero(edges, pixels[0].candidates);
         map.begin(edges.size());
         map.mark(pixels[0].candidates);
-        map.link(pixels[0].candidates, 0, edges.cols);
-        map.settle(pixels);
+        pixels[0].seeds = pixels[0].candidates;
+        map.link(pixels, 0, edges.cols);
+        map.settle(pixels, true);
         tracer.trace(map);
         map.end();
         const std::vector<int>& order = tracer.inTreeOrder();

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "canny/edge_map.h"
 
-#include <array>
-
 namespace kestrune {
 
 namespace {
 
 constexpr EdgeMap::Cell kNothing = 0;
-constexpr EdgeMap::Cell kEdge = 1;
+constexpr EdgeMap::Cell kEdge = 1;  ///< a bit, beside that of the candidate until the map is settled
 constexpr EdgeMap::Cell kCandidate = 2;
 
 }  // namespace
@@ -25,46 +23,88 @@ void EdgeMap::mark(const std::vector<cv::Point>& candidates) {
     for (const cv::Point& pixel : candidates) *at(pixel) = kCandidate;
 }
 
-void EdgeMap::link(const std::vector<cv::Point>& seeds, int first, int end) {
-    // Right to left: at the ends of the columns the neighbours beyond are left out.
+/// Most candidates get their edge from a neighbour that lies before them, and most of the others from one that lies
+/// behind. Both passes take what their neighbours have without a branch; only what winds more is followed by a flood.
+template <bool kSeams>
+void EdgeMap::linkWithin(std::span<const EdgePixels> parts, int first, int end) {
     const std::ptrdiff_t down = step();
-    const std::array<cv::Point, 8> steps = {{{1, -1}, {1, 0}, {1, 1}, {0, -1}, {0, 1}, {-1, -1}, {-1, 0}, {-1, 1}}};
-    std::array<std::ptrdiff_t, 8> offsets;
-    for (std::size_t i = 0; i < 8; ++i) offsets[i] = steps[i].y * down + steps[i].x;
-    for (const cv::Point& seed : seeds) {
-        if (*at(seed) != kCandidate) continue;
-        *at(seed) = kEdge;
-        open_.push_back(seed);
-        while (!open_.empty()) {
-            const cv::Point pixel = open_.back();
-            open_.pop_back();
-            Cell* const cell = at(pixel);
-            const std::size_t to = pixel.x > first ? 8 : 5;
-            for (std::size_t i = pixel.x + 1 < end ? 0 : 3; i < to; ++i) {
-                if (cell[offsets[i]] != kCandidate) continue;
-                cell[offsets[i]] = kEdge;
-                open_.push_back(pixel + steps[i]);
+    // What the neighbours in the row above or below have, and the one beside.
+    const auto take = [&](const cv::Point& pixel, std::ptrdiff_t row, std::ptrdiff_t beside) {
+        Cell* const cell = at(pixel);
+        int all = cell[row];
+        if (!kSeams || pixel.x > first) all |= cell[row - 1];
+        if (!kSeams || pixel.x + 1 < end) all |= cell[row + 1];
+        if (!kSeams || (beside < 0 ? pixel.x > first : pixel.x + 1 < end)) all |= cell[beside];
+        *cell = static_cast<Cell>(*cell | (all & kEdge));
+    };
+    for (const EdgePixels& part : parts) {
+        for (const cv::Point& seed : part.seeds) *at(seed) = kCandidate | kEdge;
+    }
+    for (const EdgePixels& part : parts) {
+        for (const cv::Point& pixel : part.candidates) take(pixel, -down, -1);
+    }
+    for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
+        for (auto pixel = part->candidates.rbegin(); pixel != part->candidates.rend(); ++pixel) take(*pixel, down, 1);
+    }
+    for (const EdgePixels& part : parts) {
+        for (const cv::Point& pixel : part.candidates) {
+            if (*at(pixel) != kCandidate) continue;
+            take(pixel, -down, -1);
+            take(pixel, down, 1);
+            if (*at(pixel) != kCandidate) flood(pixel, first, end);
+        }
+    }
+}
+
+void EdgeMap::flood(const cv::Point& edge, int first, int end) {
+    open_.push_back(edge);
+    while (!open_.empty()) {
+        const cv::Point pixel = open_.back();
+        open_.pop_back();
+        for (int dx = pixel.x > first ? -1 : 0; dx <= (pixel.x + 1 < end ? 1 : 0); ++dx) {
+            for (int dy = -1; dy <= 1; ++dy) {
+                const cv::Point neighbour(pixel.x + dx, pixel.y + dy);
+                if (*at(neighbour) != kCandidate) continue;
+                *at(neighbour) = kCandidate | kEdge;
+                open_.push_back(neighbour);
             }
         }
     }
 }
 
-void EdgeMap::settle(const std::vector<EdgePixels>& found) {
-    rowEnds_.assign(static_cast<std::size_t>(size_.height) + 1, 0);
-    for (const EdgePixels& part : found) {
+void EdgeMap::link(std::span<const EdgePixels> parts, int first, int end) {
+    if (first == 0 && end == size_.width) {
+        linkWithin<false>(parts, first, end);
+    } else {
+        linkWithin<true>(parts, first, end);
+    }
+}
+
+void EdgeMap::settle(std::span<const EdgePixels> parts, bool areBelowEachOther) {
+    std::size_t most = 1;
+    for (const EdgePixels& part : parts) most += part.candidates.size();
+    edges_.resize(most);
+    std::size_t count = 0;
+    for (const EdgePixels& part : parts) {
         for (const cv::Point& pixel : part.candidates) {
             Cell& cell = *at(pixel);
-            if (cell == kEdge) ++rowEnds_[static_cast<std::size_t>(pixel.y) + 1];
-            if (cell == kCandidate) cell = kNothing;
+            cell = static_cast<Cell>(cell & kEdge);
+            edges_[count] = pixel;
+            count += static_cast<std::size_t>(cell);
         }
     }
+    edges_.resize(count);
+    if (!areBelowEachOther) sortByRow();
+}
+
+/// Pixels of one row keep their order.
+void EdgeMap::sortByRow() {
+    rowEnds_.assign(static_cast<std::size_t>(size_.height) + 1, 0);
+    for (const cv::Point& pixel : edges_) ++rowEnds_[static_cast<std::size_t>(pixel.y) + 1];
     for (std::size_t y = 1; y < rowEnds_.size(); ++y) rowEnds_[y] += rowEnds_[y - 1];
-    edges_.resize(rowEnds_.back());
-    for (const EdgePixels& part : found) {
-        for (const cv::Point& pixel : part.candidates) {
-            if (*at(pixel) == kEdge) edges_[rowEnds_[static_cast<std::size_t>(pixel.y)]++] = pixel;
-        }
-    }
+    sorted_.resize(edges_.size());
+    for (const cv::Point& pixel : edges_) sorted_[rowEnds_[static_cast<std::size_t>(pixel.y)]++] = pixel;
+    edges_.swap(sorted_);
 }
 
 void EdgeMap::end() {

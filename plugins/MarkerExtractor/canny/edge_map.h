@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <opencv2/core.hpp>
+#include <span>
 #include <vector>
 
 #include "canny/edge_rows.h"
@@ -21,14 +22,16 @@ class EdgeMap {
     /// Marks candidates. Calls for different pixels may run at the same time.
     void mark(const std::vector<cv::Point>& candidates);
 
-    /// Makes edges, which hold 1, of the seeds and of all candidates that are linked to one of them by neighbours
-    /// within the columns `first` .. `end` - 1.
-    void link(const std::vector<cv::Point>& seeds, int first, int end);
-
-    /// Takes the other candidates off the map.
+    /// Makes edges of the seeds and of all candidates that are linked to one of them by neighbours within the columns
+    /// `first` .. `end` - 1.
     ///
-    /// @param found  all that was marked, in parts; pixels of a row are in order from part to part.
-    void settle(const std::vector<EdgePixels>& found);
+    /// @param parts  what was marked there, in the order of rows.
+    void link(std::span<const EdgePixels> parts, int first, int end);
+
+    /// Takes the other candidates off the map; the cells of edges hold 1 from here on.
+    ///
+    /// @param parts  all that was marked: parts below each other, or beside each other, from left to right.
+    void settle(std::span<const EdgePixels> parts, bool areBelowEachOther);
 
     /// Clears the map. Without it the next `begin` does, at the price of an image.
     void end();
@@ -42,10 +45,15 @@ class EdgeMap {
     const cv::Size& size() const { return size_; }
 
   private:
+    template <bool kSeams>
+    void linkWithin(std::span<const EdgePixels> parts, int first, int end);
+    void flood(const cv::Point& edge, int first, int end);
+    void sortByRow();
+
     cv::Size size_;
     std::vector<Cell> cells_;
     bool isClean_ = false;
-    std::vector<cv::Point> open_, edges_;
+    std::vector<cv::Point> open_, edges_, sorted_;
     std::vector<std::size_t> rowEnds_;
 };
 

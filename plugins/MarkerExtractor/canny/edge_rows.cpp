@@ -2,7 +2,6 @@
 #include "canny/edge_rows.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +9,7 @@
 #include "canny/edge_suppression.h"
 #include "canny/local_maximum.h"
 #include "canny/wide_lanes.h"
+#include "ellipsedetection/vector_lanes.h"
 
 namespace kestrune {
 
@@ -78,11 +78,10 @@ KESTRUNE_BOTH short saturated(int value) {
     return static_cast<short>(std::clamp(value, -32768, 32767));
 }
 
-/// Derivatives and squared magnitudes of one group, and which of these exceed the limit.
+/// Derivatives and squared magnitudes of one group.
 template <std::size_t kRadius>
-KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const Taps& tapList, int limit,
-                                 short* __restrict dx, short* __restrict dy, int* __restrict magnitudes,
-                                 uchar* __restrict isHigh) {
+KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const Taps& tapList, short* __restrict dx,
+                                 short* __restrict dy, int* __restrict magnitudes) {
     constexpr std::make_index_sequence<kRadius> kTaps;
     const Taps taps = tapList;
     std::array<const uchar*, 2 * kRadius + 1> rows;
@@ -94,7 +93,48 @@ KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const Ta
         const auto y = static_cast<std::uint32_t>(dy[j] * dy[j]);
         magnitudes[j] = static_cast<int>(x + y);  // 2^31 wraps
     }
-    for (int j = 0; j < kLanes; ++j) isHigh[j] = magnitudes[j] > limit ? 1 : 0;
+}
+
+/// `isLocalMaximum` above the limit, of one group, without a branch.
+KESTRUNE_BOTH void findMaxima(const MagnitudeRows& rows, const short* dx, const short* dy, int limit,
+                              uchar* __restrict isMaximum) {
+    const int* const above = rows.above;
+    const int* const centre = rows.centre;
+    const int* const below = rows.below;
+    for (int j = 0; j < kLanes; ++j) {
+        const int m = centre[j];
+        const int x = std::abs(int{dx[j]});
+        const int y = std::abs(int{dy[j]}) << kTangentShift;
+        const int tg22x = x * kTangent22;
+        const int isFlat = y < tg22x ? 1 : 0;
+        // With 32768 for 32767 the right side would leave 32 bits; the left one is far below either.
+        const int isSteep = y - tg22x > (x < 32767 ? x : 32767) << (kTangentShift + 1) ? 1 : 0;
+        const int isOpposite = (dx[j] ^ dy[j]) < 0 ? 1 : 0;
+        const int along = (m > centre[j - 1] ? 1 : 0) & (m >= centre[j + 1] ? 1 : 0);
+        const int down = (m > above[j] ? 1 : 0) & (m >= below[j] ? 1 : 0);
+        const int rising = (m > above[j + 1] ? 1 : 0) & (m > below[j - 1] ? 1 : 0);
+        const int falling = (m > above[j - 1] ? 1 : 0) & (m > below[j + 1] ? 1 : 0);
+        const int diagonal = isOpposite != 0 ? rising : falling;
+        const int across = isSteep != 0 ? down : diagonal;
+        isMaximum[j] = static_cast<uchar>((m > limit ? 1 : 0) & (isFlat != 0 ? along : across));
+    }
+}
+
+/// Magnitudes of four derivatives.
+KESTRUNE_BOTH void takeRoots(const int* dx, const int* dy, double* magnitudes) {
+#if KESTRUNE_EXACT_LANES
+    const cv::v_int32x4 x = cv::v_load(dx), y = cv::v_load(dy);
+    const cv::v_float64x2 x0 = cv::v_cvt_f64(x), x1 = cv::v_cvt_f64_high(x);
+    const cv::v_float64x2 y0 = cv::v_cvt_f64(y), y1 = cv::v_cvt_f64_high(y);
+    cv::v_store(magnitudes, cv::v_sqrt(x0 * x0 + y0 * y0));
+    cv::v_store(magnitudes + 2, cv::v_sqrt(x1 * x1 + y1 * y1));
+#else
+    for (int j = 0; j < 4; ++j) {
+        const double x = dx[j];
+        const double y = dy[j];
+        magnitudes[j] = std::sqrt(x * x + y * y);
+    }
+#endif
 }
 
 template <std::size_t kRadius>
@@ -108,11 +148,7 @@ void magnitudesAround(const uchar* const* centre, int x, const Taps& tapList, Ma
         int dx[4], dy[4];
         for (int j = 0; j < 4; ++j) dx[j] = saturated(alongRow(kTaps, taps, row[0] + x - 1 + j));
         for (int j = 0; j < 4; ++j) dy[j] = saturated(downColumn(kTaps, taps, row, x - 1 + j));
-        for (std::size_t j = 0; j < 4; ++j) {
-            const double gx = dx[j];
-            const double gy = dy[j];
-            magnitudes[i][j] = std::sqrt(gx * gx + gy * gy);
-        }
+        takeRoots(dx, dy, magnitudes[i].data());
     }
 }
 
@@ -126,14 +162,22 @@ KESTRUNE_WIDE std::size_t findActiveWide(const uchar* const* centre, int firstCo
     return findActive<kRadius>(centre, firstColumn, groups, limit, active);
 }
 template <std::size_t kRadius>
-void differentiatePlain(const uchar* const* centre, int first, const Taps& taps, int limit, short* dx, short* dy,
-                        int* magnitudes, uchar* isHigh) {
-    differentiate<kRadius>(centre, first, taps, limit, dx, dy, magnitudes, isHigh);
+void differentiatePlain(const uchar* const* centre, int first, const Taps& taps, short* dx, short* dy,
+                        int* magnitudes) {
+    differentiate<kRadius>(centre, first, taps, dx, dy, magnitudes);
 }
 template <std::size_t kRadius>
-KESTRUNE_WIDE void differentiateWide(const uchar* const* centre, int first, const Taps& taps, int limit, short* dx,
-                                     short* dy, int* magnitudes, uchar* isHigh) {
-    differentiate<kRadius>(centre, first, taps, limit, dx, dy, magnitudes, isHigh);
+KESTRUNE_WIDE void differentiateWide(const uchar* const* centre, int first, const Taps& taps, short* dx, short* dy,
+                                     int* magnitudes) {
+    differentiate<kRadius>(centre, first, taps, dx, dy, magnitudes);
+}
+
+void findMaximaPlain(const MagnitudeRows& rows, const short* dx, const short* dy, int limit, uchar* isMaximum) {
+    findMaxima(rows, dx, dy, limit, isMaximum);
+}
+KESTRUNE_WIDE void findMaximaWide(const MagnitudeRows& rows, const short* dx, const short* dy, int limit,
+                                  uchar* isMaximum) {
+    findMaxima(rows, dx, dy, limit, isMaximum);
 }
 
 using FindActive = decltype(&findActivePlain<0>);
@@ -158,7 +202,6 @@ void makeRoom(GradientRows::Row& row, int width) {
     row.dx.resize(columns);
     row.dy.resize(columns);
     row.magnitudes.assign(columns + 2 * kBefore, 0);
-    row.isHigh.resize(columns);
     row.active.resize(groups + 1);
     row.activeCount = 0;
 }
@@ -205,32 +248,32 @@ void EdgeRows::fill(const uchar* const* rows, const cv::Rect& bounds, bool wide,
     int* const magnitudes = row.magnitudes.data() + kBefore;
     for (std::size_t k = 0; k < row.activeCount; ++k) {
         const int first = row.active[k] * kLanes;
-        differentiateGroup(rows, bounds.x + first, taps_, lowSquared_, row.dx.data() + first, row.dy.data() + first,
-                           magnitudes + first, row.isHigh.data() + first);
-        for (int j = bounds.width; j < first + kLanes; ++j) {
-            magnitudes[j] = 0;
-            row.isHigh[static_cast<std::size_t>(j)] = 0;
-        }
+        differentiateGroup(rows, bounds.x + first, taps_, row.dx.data() + first, row.dy.data() + first,
+                           magnitudes + first);
+        if (first + kLanes > bounds.width) std::fill(magnitudes + bounds.width, magnitudes + first + kLanes, 0);
     }
 }
 
 /// Keeps the local maxima of the middle row.
-void EdgeRows::judge(const GradientRows::Row& above, const GradientRows::Row& centre, const GradientRows::Row& below,
-                     const cv::Point& origin, EdgePixels& pixels) const {
-    const MagnitudeRows around = {above.magnitudes.data() + kBefore, centre.magnitudes.data() + kBefore,
-                                  below.magnitudes.data() + kBefore};
+void EdgeRows::judge(const std::array<const GradientRows::Row*, 3>& rows, const cv::Point& origin, bool wide,
+                     EdgePixels& pixels) const {
+    const GradientRows::Row& centre = *rows[1];
+    const auto findGroup = wide ? findMaximaWide : findMaximaPlain;
     for (std::size_t k = 0; k < centre.activeCount; ++k) {
         const int first = centre.active[k] * kLanes;
-        for (int from = first; from < first + kLanes; from += kFlagsAtOnce) {
-            std::array<uchar, kFlagsAtOnce> flags;
-            std::memcpy(flags.data(), centre.isHigh.data() + from, kFlagsAtOnce);
-            if (std::bit_cast<std::uint64_t>(flags) == 0) continue;
-            for (int j = from; j < from + kFlagsAtOnce; ++j) {
-                if (flags[static_cast<std::size_t>(j - from)] == 0) continue;
-                const auto place = static_cast<std::size_t>(j);
-                if (!isLocalMaximum(around, j, centre.dx[place], centre.dy[place])) continue;
-                pixels.candidates.emplace_back(origin.x + j, origin.y);
-                if (around.centre[j] > highSquared_) pixels.seeds.emplace_back(origin.x + j, origin.y);
+        const std::ptrdiff_t cell = kBefore + first;
+        const MagnitudeRows around = {rows[0]->magnitudes.data() + cell, centre.magnitudes.data() + cell,
+                                      rows[2]->magnitudes.data() + cell};
+        std::array<uchar, kLanes> isMaximum;
+        findGroup(around, centre.dx.data() + first, centre.dy.data() + first, lowSquared_, isMaximum.data());
+        for (int from = 0; from < kLanes; from += kFlagsAtOnce) {
+            std::uint64_t flags = 0;
+            std::memcpy(&flags, isMaximum.data() + from, sizeof flags);
+            for (int j = from; flags != 0 && j < from + kFlagsAtOnce; ++j) {
+                if (isMaximum[static_cast<std::size_t>(j)] == 0) continue;
+                const cv::Point pixel(origin.x + first + j, origin.y);
+                pixels.candidates.push_back(pixel);
+                if (around.centre[j] > highSquared_) pixels.seeds.push_back(pixel);
             }
         }
     }
@@ -247,7 +290,7 @@ void EdgeRows::suppress(const SmoothedRows& rows, const cv::Rect& strip, const c
     for (int y = strip.y - 1; y <= strip.br().y; ++y) {
         flatten(*below);
         if (y >= bounds.y && y < bounds.br().y) fill(rows.at(y), bounds, wide, *below);
-        if (y > strip.y) judge(*above, *centre, *below, {bounds.x, y - 1}, pixels);
+        if (y > strip.y) judge({above, centre, below}, {bounds.x, y - 1}, wide, pixels);
         std::swap(above, centre);
         std::swap(centre, below);
     }

@@ -48,8 +48,7 @@ struct GradientRows {
     struct Row {
         std::vector<short> dx, dy;
         std::vector<int> magnitudes;
-        std::vector<uchar> isHigh;  ///< 1 above the low threshold, of groups that are not flat
-        std::vector<int> active;    ///< groups of columns that are not flat
+        std::vector<int> active;  ///< groups of columns that are not flat
         std::size_t activeCount = 0;
     };
     std::array<Row, 3> rows;
@@ -82,8 +81,8 @@ class EdgeRows {
   private:
     EdgeRows() = default;
     void fill(const uchar* const* rows, const cv::Rect& bounds, bool wide, GradientRows::Row& row) const;
-    void judge(const GradientRows::Row& above, const GradientRows::Row& centre, const GradientRows::Row& below,
-               const cv::Point& origin, EdgePixels& pixels) const;
+    void judge(const std::array<const GradientRows::Row*, 3>& rows, const cv::Point& origin, bool wide,
+               EdgePixels& pixels) const;
 
     int radius_ = 0;
     std::array<short, kLargestRadius + 1> taps_{};  ///< from the centre on

@@ -90,7 +90,7 @@ void findInRows(const Job& job, const RowGaussian& gaussian) {
         job.edgeRows.suppress(own.rows, strip, whole, job.wide, own.gradients, pixels);
         scratch.map.mark(pixels.candidates);
     });
-    for (const EdgePixels& pixels : scratch.pixels) scratch.map.link(pixels.seeds, 0, whole.width);
+    scratch.map.link(scratch.pixels, 0, whole.width);
 }
 
 /// Strips of columns with a thread each. Edges end at their seams, and OpenCV smooths windows of an image, as the
@@ -117,7 +117,7 @@ void findInColumns(const Job& job) {
         scratch.map.mark(scratch.pixels[number].candidates);
     });
     for (std::size_t k = 0; k < strips.size(); ++k) {
-        scratch.map.link(scratch.pixels[k].seeds, strips[k].firstColumn, strips[k].firstColumn + strips[k].width);
+        scratch.map.link({&scratch.pixels[k], 1}, strips[k].firstColumn, strips[k].firstColumn + strips[k].width);
     }
 }
 
@@ -169,7 +169,7 @@ bool detectContourPoints(const cv::Mat& image, const EdgeSettings& settings, Edg
     } else {
         findInRows(job, *gaussian);
     }
-    scratch.map.settle(scratch.pixels);
+    scratch.map.settle(scratch.pixels, !settings.threaded);
     scratch.tracer.trace(scratch.map);
     scratch.map.end();
 

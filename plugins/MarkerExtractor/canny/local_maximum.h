@@ -6,6 +6,10 @@
 
 namespace kestrune {
 
+// tan(22.5 deg) in fixed point with 15 fractional bits; tan(67.5 deg) is that plus 2.
+inline constexpr int kTangentShift = 15;
+inline constexpr int kTangent22 = 13573;
+
 /// The squared magnitudes around the row that is judged; each pointer may be read from -1 to the width.
 struct MagnitudeRows {
     const int* above;
@@ -18,9 +22,6 @@ struct MagnitudeRows {
 ///
 /// @param xs,ys  derivatives there.
 inline bool isLocalMaximum(const MagnitudeRows& rows, int j, int xs, int ys) {
-    // tan(22.5 deg) in fixed point with 15 fractional bits; tan(67.5 deg) is that plus 2.
-    constexpr int kTangentShift = 15;
-    constexpr int kTangent22 = 13573;
     const int m = rows.centre[j];
     const int x = std::abs(xs);
     const int y = std::abs(ys) << kTangentShift;
