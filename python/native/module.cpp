@@ -8,6 +8,7 @@
 #include "image_file.h"
 #include "kestrune/MarkerMetrology.h"
 #include "native/images.h"
+#include "native/tables.h"
 #include "native/threads.h"
 #include "overlay.h"
 
@@ -126,5 +127,6 @@ PYBIND11_MODULE(_native, module) {
     module.def("read_depth", &readDepthArray, py::arg("file"));
     module.def("write_image", &writeImageArray, py::arg("file"), py::arg("image"));
     module.def("image_size", &imageSize, py::arg("file"));
+    module.def("csv_lines", &csvLines, py::arg("head"), py::arg("table"));
     module.def("bit_depth", &bitDepth, py::arg("file"));
 }

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "native/tables.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+
+#include "csv.h"
 
 namespace kestrune::python {
 namespace {
@@ -57,7 +62,57 @@ void write(char* place, const Cells& cells, const Part& part, std::size_t row) {
         cells);
 }
 
+template <typename Value>
+Value valueAt(const char* place) {
+    Value value;
+    std::memcpy(&value, place, sizeof(Value));
+    return value;
+}
+
+/// A field of a structured array: its kind and size in bytes as NumPy has them, and where it lies in a row.
+struct Field {
+    char kind;
+    py::ssize_t size;
+    std::size_t offset;
+
+    bool isNumber() const { return kind == 'i' ? size == 4 || size == 8 : kind == 'f' && size == 8; }
+    void append(std::string& line, const char* row) const {
+        const char* const place = row + offset;
+        line += ',';
+        if (kind == 'f')
+            line += measure::csvField(valueAt<double>(place));
+        else
+            fmt::format_to(std::back_inserter(line), "{}",
+                           size == 4 ? valueAt<std::int32_t>(place) : valueAt<std::int64_t>(place));
+    }
+};
+
+std::vector<Field> fieldsOf(const py::array& table) {
+    std::vector<Field> fields;
+    const py::dtype type = table.dtype();
+    if (table.ndim() != 1 || type.attr("names").is_none()) throw py::type_error("is no structured array");
+    for (const py::handle name : type.attr("names")) {
+        const py::tuple entry = type.attr("fields")[name];
+        const auto of = entry[0].cast<py::dtype>();
+        fields.push_back({of.kind(), of.itemsize(), entry[1].cast<std::size_t>()});
+        if (!fields.back().isNumber()) throw py::type_error("has a field of no number");
+    }
+    return fields;
+}
+
 }  // namespace
+
+std::string csvLines(const std::string& head, const py::array& table) {
+    const std::vector<Field> fields = fieldsOf(table);
+    std::string lines;
+    for (py::ssize_t row = 0; row < table.shape(0); ++row) {
+        lines += head;
+        for (const Field& field : fields)
+            field.append(lines, static_cast<const char*>(table.data()) + row * table.strides(0));
+        lines += '\n';
+    }
+    return lines;
+}
 
 py::array tableOf(const std::vector<Column>& columns, std::size_t rows) {
     py::list names, formats, offsets;

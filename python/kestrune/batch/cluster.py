@@ -78,7 +78,7 @@ def measure_chunk(version: str, run: str, task: bytes, threads: int, timeout: Op
         raise BatchError(f"the worker has version {kestrune.__version__}, the client {version}")
     keeper = _keepers.take(run) or Keeper(task, threads, timeout)
     try:
-        return [keeper.measure(exposure) for exposure in chunk]
+        return [keeper.measure(*pair) for pair in zip(chunk, [*chunk[1:], None])]
     finally:
         _keepers.give_back(run, keeper)
 

@@ -16,10 +16,19 @@ class Late(Exception):
     """The deadline passed before the object was there."""
 
 
+def frame(value: Any) -> bytes:
+    data = pickle.dumps(value, protocol=pickle.HIGHEST_PROTOCOL)
+    return _LENGTH.pack(len(data)) + data
+
+
 def send(fd: int, value: Any) -> None:
     """@raises OSError  where the reader is gone."""
-    data = pickle.dumps(value, protocol=pickle.HIGHEST_PROTOCOL)
-    rest = memoryview(_LENGTH.pack(len(data)) + data)
+    write(fd, frame(value))
+
+
+def write(fd: int, data: bytes) -> None:
+    """@raises OSError  where the reader is gone."""
+    rest = memoryview(data)
     while rest:
         rest = rest[os.write(fd, rest):]
 

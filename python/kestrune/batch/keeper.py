@@ -19,6 +19,8 @@ TRIES = 3
 # Imports from a slow shared folder take their time; a child that says nothing for longer never will.
 _START_SECONDS = 300.0
 _END_SECONDS = 5.0
+# Bytes of an exposure that is handed over ahead: the pipe holds several, so that nobody waits while the child does.
+_MOST_AHEAD = 1 << 14
 _LIBRARY_VARIABLES = {"OPENCV_LOG_LEVEL": "SILENT"}  # what cannot be read is told in the tables
 _BOOT = ("import json, sys; sys.path[:] = json.loads(sys.argv[1]); "
          "from kestrune.batch.child import main; main()")
@@ -39,7 +41,9 @@ class Child:
         self._process = subprocess.Popen([sys.executable, "-c", _BOOT, path, "kestrune-batch-child"], bufsize=0,
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=environment,
                                          start_new_session=True)
-        objection = self._ask(task, _START_SECONDS)
+        self._ahead: Optional[Exposure] = None  # is with the child, but was not asked for yet
+        self._send(frames.frame(task))
+        objection = self._answer(_START_SECONDS)
         if objection:
             self.close()
             raise BatchError(f"a child process cannot work: {objection}")
@@ -48,12 +52,21 @@ class Child:
     def pid(self) -> int:
         return self._process.pid
 
-    def measure(self, exposure: Exposure, timeout: Optional[float]) -> Record:
-        """@param timeout  seconds; None: no limit.
+    def measure(self, exposure: Exposure, following: Optional[Exposure], timeout: Optional[float]) -> Record:
+        """@param following  the one that is asked for next. The child has it at hand, and does not wait for us.
+        @param timeout  seconds; None: no limit.
 
         @raises ChildEnded  the child is closed then.
         """
-        record = self._ask(exposure, timeout)
+        assert self._ahead is None or self._ahead is exposure
+        if self._ahead is None:
+            self._send(frames.frame(exposure))
+        self._ahead = None
+        data = frames.frame(following) if following else b""
+        if 0 < len(data) <= _MOST_AHEAD:
+            self._send(data)
+            self._ahead = following
+        record = self._answer(timeout)
         assert isinstance(record, Record)
         return record
 
@@ -71,11 +84,18 @@ class Child:
             self._process.kill()
             self._process.wait()
 
-    def _ask(self, question: object, seconds: Optional[float]) -> object:
-        assert self._process.stdin and self._process.stdout
+    def _send(self, data: bytes) -> None:
+        """To a child that has ended as well, whose last answer may be there still."""
+        assert self._process.stdin
+        try:
+            frames.write(self._process.stdin.fileno(), data)
+        except OSError:
+            pass
+
+    def _answer(self, seconds: Optional[float]) -> object:
+        assert self._process.stdout
         deadline = None if seconds is None else time.monotonic() + seconds
         try:
-            frames.send(self._process.stdin.fileno(), question)
             return frames.receive(self._process.stdout.fileno(), deadline)
         except frames.Late:
             self._process.kill()
@@ -104,16 +124,17 @@ class Keeper:
         self._lock = threading.Lock()
         self._stopped = False
 
-    def measure(self, exposure: Exposure) -> Record:
+    def measure(self, exposure: Exposure, following: Optional[Exposure] = None) -> Record:
         """Tries an exposure that ends its child three times, each in a new one, then gives it up as failed.
 
+        @param following  the next one, if it is known: none other may be asked for then.
         @raises BatchError  where children cannot start, or after `stop`.
         """
         endings: List[str] = []
         while len(endings) < TRIES:
             child = self._start() if self._child is None else self._child
             try:
-                return child.measure(exposure, self._timeout)
+                return child.measure(exposure, following, self._timeout)
             except ChildEnded as ending:
                 self._child = None
                 if self._stopped:

@@ -46,16 +46,28 @@ class LocalExecutor:
         return result
 
     def _measure(self, keeper: Keeper) -> None:
-        while True:
-            chunk = self._work.get()
-            if chunk is None:
-                break
+        chunk = self._work.get()
+        while chunk is not None:
+            ahead = self._take_ahead()
             try:
-                self._done.put([keeper.measure(exposure) for exposure in chunk])
+                self._done.put([keeper.measure(*pair) for pair in zip(chunk, [*chunk[1:], ahead and ahead[0]])])
             except BaseException as error:
                 self._done.put(error)
                 break
+            chunk = ahead or self._work.get()
         keeper.close()
+
+    def _take_ahead(self) -> Optional[Sequence[Exposure]]:
+        """The next chunk. None where there are so few that another process may run out of them."""
+        if self._work.qsize() <= len(self._keepers):
+            return None
+        try:
+            chunk = self._work.get_nowait()
+        except queue.Empty:
+            return None
+        if chunk is None:
+            self._work.put(chunk)  # the end, which is for `_measure` to take
+        return chunk
 
     def close(self) -> None:
         """Ends what is being measured, and all children."""
