@@ -3,10 +3,10 @@
 
 #include <array>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/ximgproc.hpp>
 
 #include "canny/fast_gaussian.h"
 #include "ellipsedetection/gradient.h"
+#include "ellipsedetection/thinning.h"
 
 namespace kestrune {
 
@@ -48,15 +48,12 @@ cv::Rect thinEdges(const cv::Mat& image, const cv::Rect& place, EdgeWindow& wind
                        threshold, nmsFactor);
     linkEdges(window.mask, scratch.strong, scratch.weak);
 
-    // Thinning takes its time by the pixel, and nothing comes of pixels without an edge: the edges' box is thinned,
-    // with the empty frame around it that makes its border like any other place.
     const cv::Rect edges = cv::boundingRect(window.mask);
     if (edges.empty()) return {};
-    const cv::Rect box(edges.x - 1, edges.y - 1, edges.width + 2, edges.height + 2);
-    cv::Mat thin;
-    cv::ximgproc::thinning(window.mask(box), thin, cv::ximgproc::THINNING_ZHANGSUEN);
-    thin.copyTo(window.mask(box));
-    return box;
+    cv::Mat thin = window.mask.clone();  // without gaps between the rows
+    thinPixels(thin, scratch.strong, scratch.thinning);
+    thin.copyTo(window.mask);
+    return {edges.x - 1, edges.y - 1, edges.width + 2, edges.height + 2};
 }
 
 }  // namespace kestrune

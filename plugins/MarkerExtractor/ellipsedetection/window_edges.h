@@ -5,6 +5,8 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "ellipsedetection/thinning.h"
+
 namespace kestrune {
 
 /// Windows of the full-size working images around one blob; the pixels belong to those.
@@ -17,6 +19,7 @@ struct WindowScratch {
     explicit WindowScratch(std::vector<std::uint16_t>& smooth) : smoothing(smooth) {}
     std::vector<std::uint16_t>& smoothing;  ///< of `fastGaussianOfWindow`
     std::vector<int> strong, weak;
+    ThinningLists thinning;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Vec4i> hierarchy;
 };
