@@ -7,81 +7,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <fstream>
-#include <iterator>
 #include <limits>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
-#include <regex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench_names.h"
+#include "results.h"
 
 namespace kestrune::bench {
 namespace {
-
-using nlohmann::json;
-
-// Repetitions that lie farther apart than this share of their median tell of a machine that had other work to do.
-constexpr double kLargestSpread = 0.25;
-
-struct Result {
-    std::vector<double> milliseconds;     ///< wall time of one image, one a repetition
-    std::vector<double> cpuMilliseconds;  ///< processor time of all threads
-    std::optional<double> recall, falseOnes, centreRms;
-};
-
-/// One image: results of everything that ran on it, by name.
-struct Scene {
-    int width = 0, height = 0, markers = 0;
-    bool operator<(const Scene& other) const {
-        const auto pixels = [](const Scene& s) { return static_cast<long long>(s.width) * s.height; };
-        return std::pair{pixels(*this), markers} < std::pair{pixels(other), other.markers};
-    }
-};
-using ResultsByName = std::map<std::string, Result, std::less<>>;
-using Results = std::map<Scene, ResultsByName>;
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    if (values.size() % 2 == 1) return *middle;
-    return (*middle + *std::max_element(values.begin(), middle)) / 2;
-}
-
-bool isUnsteady(const Result& result) {
-    const auto [least, most] = std::minmax_element(result.milliseconds.begin(), result.milliseconds.end());
-    return *most - *least > kLargestSpread * median(result.milliseconds);
-}
-
-std::optional<double> counterOf(const json& run, std::string_view name) {
-    const auto found = run.find(std::string(name));
-    if (found == run.end() || !found->is_number()) return std::nullopt;
-    return found->get<double>();
-}
-
-void addRun(const json& run, Results& results) {
-    // What is summed up over repetitions is summed up here; names are "what/WIDTHxHEIGHT/markers/..." .
-    if (run.value("run_type", "iteration") != "iteration") return;
-    const std::string name = run.at("name");
-    const std::size_t slash = name.find('/');
-    Scene scene;
-    if (slash == std::string::npos ||
-        std::sscanf(name.c_str() + slash, "/%dx%d/%d", &scene.width, &scene.height, &scene.markers) != 3)
-        throw std::runtime_error("unknown benchmark name " + name);
-    Result& result = results[scene][name.substr(0, slash)];
-    if (run.value("error_occurred", false))
-        throw std::runtime_error(name + ": " + run.value("error_message", "failed"));
-    if (run.at("time_unit") != "ms") throw std::runtime_error(name + " is not in milliseconds");
-    result.milliseconds.push_back(run.at("real_time"));
-    result.cpuMilliseconds.push_back(run.at("cpu_time"));
-    result.recall = counterOf(run, kRecallCounter);
-    result.falseOnes = counterOf(run, kFalseCounter);
-    result.centreRms = counterOf(run, kCentreRmsCounter);
-}
 
 using Row = std::vector<std::string>;
 
@@ -204,21 +141,20 @@ Results::const_iterator typicalScene(const Results& results) {
                                     : std::next(results.begin(), static_cast<std::ptrdiff_t>(results.size() / 2));
 }
 
-void printPreamble(const json& context, const Results& results) {
+void printPreamble(const RunOfBenchmarks& run) {
     std::size_t least = std::numeric_limits<std::size_t>::max(), most = 0, measured = 0, unsteady = 0;
-    for (const auto& [scene, byName] : results) {
+    for (const auto& [scene, byName] : run.results) {
         for (const auto& [name, result] : byName) {
             least = std::min(least, result.milliseconds.size());
             most = std::max(most, result.milliseconds.size());
             ++measured;
-            if (isUnsteady(result)) ++unsteady;
+            if (result.isUnsteady()) ++unsteady;
         }
     }
     if (measured == 0) throw std::runtime_error("no times in the file");
     fmt::print("Medians of {} repetitions of one run; {} processors at {} MHz, OpenCV {}, {} threads.\n",
-               least == most ? std::to_string(least) : fmt::format("{} to {}", least, most),
-               context.value("num_cpus", 0), context.value("mhz_per_cpu", 0), context.value("opencv", "?"),
-               context.value("threads", "?"));
+               least == most ? std::to_string(least) : fmt::format("{} to {}", least, most), run.processors,
+               run.megahertz, run.openCv, run.threads);
     fmt::print(
         "\"/ name\" is the time divided by that of the floor, build or detector named: below 1 is faster. CPU: time "
         "of all threads together.\n");
@@ -228,20 +164,10 @@ void printPreamble(const json& context, const Results& results) {
     fmt::print("\n");
 }
 
-/// The benchmark library writes the relative spread of a counter that is always 0 as a bare NaN, which JSON does not
-/// have.
-json parseResults(std::istream& file) {
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    return json::parse(std::regex_replace(text, std::regex(": -?(NaN|Infinity)"), ": null"));
-}
-
 int run(const char* path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error(std::string("cannot read ") + path);
-    const json document = parseResults(file);
-    Results results;
-    for (const json& entry : document.at("benchmarks")) addRun(entry, results);
-    printPreamble(document.at("context"), results);
+    const RunOfBenchmarks run = readResults(path);
+    const Results& results = run.results;
+    printPreamble(run);
     const auto typical = typicalScene(results);
     print(tableOf(typical->first, typical->second));
     if (results.size() > 1) printOverScenes(results);
@@ -252,14 +178,18 @@ int run(const char* path) {
 }  // namespace kestrune::bench
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fmt::print(stderr, "usage: {} RESULT.json\n", argc > 0 ? argv[0] : "kestrune_compare");
+    const bool plots = argc == 4 && std::string_view(argv[1]) == "--plot";
+    if (argc != 2 && !plots) {
+        fmt::print(stderr, "usage: {0} RESULT.json\n       {0} --plot FILE.svg RESULT.json\n",
+                   argc > 0 ? argv[0] : "kestrune_compare");
         return 2;
     }
+    const char* const file = argv[argc - 1];
     try {
-        return kestrune::bench::run(argv[1]);
+        if (plots) kestrune::bench::plotGrowth(kestrune::bench::readResults(file).results, argv[2]);
+        return plots ? 0 : kestrune::bench::run(file);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "{}: {}\n", argv[1], error.what());
+        fmt::print(stderr, "{}: {}\n", file, error.what());
         return 1;
     }
 }
