@@ -11,6 +11,7 @@
 #include "ellipsedetection/gradient.h"
 #include "support/calls.h"
 #include "support/configs.h"
+#include "support/teams.h"
 
 namespace kestrune::test::complex_path {
 
@@ -240,6 +241,8 @@ TEST(ComplexPath, SeesNothingOfAnEarlierImage) {
 }
 
 TEST(ComplexPath, BothRoadsGiveTheSameBitsWhereWindowsOverlap) {
+    const SharedLoops shared;
+    omp_set_num_threads(3);
     cv::RNG rng(12);
     std::size_t found = 0;
     for (int round = 0; round < 210; ++round) {
