@@ -12,15 +12,15 @@ namespace kestrune {
 namespace {
 
 /// By which 8-bit grey levels are raised.
-constexpr std::uint32_t kGreyFactor = 256;
+constexpr std::uint32_t kRaised = 256;
 
 /// One row: the sums of the box's columns, and where the means go.
 template <typename Pixel, int kWidth>
-struct Row {
+struct BoxRow {
     static constexpr bool kIsGrey = std::is_same_v<Pixel, uchar>;
     static constexpr int kReach = kWidth / 2;
     static constexpr std::uint32_t kCount = kWidth * kWidth;
-    static constexpr std::uint32_t kFactor = kIsGrey ? kGreyFactor : 1;
+    static constexpr std::uint32_t kFactor = kIsGrey ? kRaised : 1;
     static constexpr int kLanes = 8;
 
     std::array<const Pixel*, static_cast<std::size_t>(kWidth)> rows;
@@ -83,7 +83,7 @@ struct Row {
 
 template <typename Pixel, int kWidth>
 void filter(const cv::Mat& src, cv::Mat& dst, std::uint32_t* sums) {
-    Row<Pixel, kWidth> row;
+    BoxRow<Pixel, kWidth> row;
     row.sums = sums;
     row.cols = src.cols;
     for (int y = 0; y < src.rows; ++y) {
