@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "edge_twins.h"
 
+#include <opencv2/ximgproc.hpp>
+
 #include "canny/fast_gaussian.h"
 #include "ellipsedetection/gradient_plain.h"
+#include "ellipsedetection/thinning.h"
+#include "ellipsedetection/window_edges.h"
 #include "promises.h"
 
 namespace kestrune::fuzz {
@@ -63,6 +67,8 @@ cv::Mat smoothed(const cv::Mat& grey, const cv::Rect& window, float sigma) {
     requireSame(recordOf(whole), recordOf(raised), "8 bits are smoothed like 16");
     fastGaussianOfWindow(grey, window, ofWindow, sigma, storage);
     requireSame(recordOf(whole(window)), recordOf(ofWindow), "a window is smoothed like the whole image");
+    BoxScratch scratch;
+    requireSame(recordOf(ofWindow), recordOf(smoothedWindow(grey, window, sigma, scratch)), "own boxes equal OpenCV's");
     return ofWindow;
 }
 
@@ -85,6 +91,11 @@ void checkEdgeTwins(const cv::Mat& grey, Input& input) {
     find_edge_mask_nms(fast.grad, fast.dx, fast.dy, fast.mask, fast.strong, fast.weak, low, 2 * low, nmsFactor);
     plain::find_edge_mask_nms(slow.grad, slow.dx, slow.dy, slow.mask, slow.strong, slow.weak, low, 2 * low, nmsFactor);
     requireSame(fast.record(), slow.record(), "edges by groups equal those by pixels");
+    linkEdges(fast.mask, fast.strong, fast.weak);
+    cv::ximgproc::thinning(fast.mask, slow.mask, cv::ximgproc::THINNING_ZHANGSUEN);
+    ThinningLists lists;
+    thinPixels(fast.mask, fast.strong, lists);
+    requireSame(recordOf(fast.mask), recordOf(slow.mask), "lists of pixels are thinned like masks");
 }
 
 }  // namespace kestrune::fuzz
