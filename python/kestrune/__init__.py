@@ -64,7 +64,7 @@ def bit_depth(file: File) -> int:
 
 
 def set_threads(count: int) -> None:
-    """Threads that one call may use in this process: OpenMP's, and at least two of OpenCV's. No result depends on it."""
+    """Threads that one call may use in this process: OpenMP's, at least two of OpenCV's. No result depends on it."""
     _native.set_threads(count)
 
 
