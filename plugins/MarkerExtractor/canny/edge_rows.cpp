@@ -120,37 +120,63 @@ KESTRUNE_BOTH void findMaxima(const MagnitudeRows& rows, const short* dx, const 
     }
 }
 
-/// Magnitudes of four derivatives.
-KESTRUNE_BOTH void takeRoots(const int* dx, const int* dy, double* magnitudes) {
 #if KESTRUNE_EXACT_LANES
-    const cv::v_int32x4 x = cv::v_load(dx), y = cv::v_load(dy);
-    const cv::v_float64x2 x0 = cv::v_cvt_f64(x), x1 = cv::v_cvt_f64_high(x);
-    const cv::v_float64x2 y0 = cv::v_cvt_f64(y), y1 = cv::v_cvt_f64_high(y);
-    cv::v_store(magnitudes, cv::v_sqrt(x0 * x0 + y0 * y0));
-    cv::v_store(magnitudes + 2, cv::v_sqrt(x1 * x1 + y1 * y1));
-#else
-    for (int j = 0; j < 4; ++j) {
-        const double x = dx[j];
-        const double y = dy[j];
-        magnitudes[j] = std::sqrt(x * x + y * y);
+/// Sum of the differences of pixels at equal distances, for four pixels. Two taps at a time: their differences stand in
+/// the lanes by turns.
+///
+/// @param difference  of eight pixels at that distance.
+template <std::size_t kRadius, typename Difference>
+KESTRUNE_BOTH cv::v_int32x4 derivativesOfFour(const Taps& taps, const Difference& difference) {
+    cv::v_int32x4 sum = cv::v_setzero_s32();
+    for (std::size_t t = 1; t <= kRadius; t += 2) {
+        const short near = taps[t], far = t < kRadius ? taps[t + 1] : short{0};
+        cv::v_int16x8 low, high;
+        cv::v_zip(difference(t), t < kRadius ? difference(t + 1) : cv::v_setzero_s16(), low, high);
+        sum = cv::v_dotprod(low, cv::v_int16x8(near, far, near, far, near, far, near, far), sum);
     }
-#endif
+    return sum;
+}
+
+KESTRUNE_BOTH cv::v_int16x8 eightPixels(const uchar* pixels) {
+    return cv::v_reinterpret_as_s16(cv::v_load_expand(pixels));
 }
 
 template <std::size_t kRadius>
 void magnitudesAround(const uchar* const* centre, int x, const Taps& tapList, Magnitudes& magnitudes) {
-    constexpr std::make_index_sequence<kRadius> kTaps;
     const Taps taps = tapList;
-    std::array<const uchar*, 2 * kRadius + 3> rows;
-    std::copy_n(centre - kRadius - 1, rows.size(), rows.begin());
-    for (std::size_t i = 0; i < 3; ++i) {
-        const uchar* const* const row = rows.data() + kRadius + i;
-        int dx[4], dy[4];
-        for (int j = 0; j < 4; ++j) dx[j] = saturated(alongRow(kTaps, taps, row[0] + x - 1 + j));
-        for (int j = 0; j < 4; ++j) dy[j] = saturated(downColumn(kTaps, taps, row, x - 1 + j));
-        takeRoots(dx, dy, magnitudes[i].data());
+    const uchar* const* row = centre - 1;
+    for (std::array<double, 4>& roots : magnitudes) {
+        const auto along = [&](std::size_t t) {
+            return eightPixels(row[0] + x - 1 + t) - eightPixels(row[0] + x - 1 - static_cast<std::ptrdiff_t>(t));
+        };
+        const auto down = [&](std::size_t t) {
+            return eightPixels(row[t] + x - 1) - eightPixels(row[-static_cast<std::ptrdiff_t>(t)] + x - 1);
+        };
+        cv::v_int32x4 dx, dy;
+        cv::v_expand(cv::v_pack(derivativesOfFour<kRadius>(taps, along), derivativesOfFour<kRadius>(taps, down)), dx,
+                     dy);
+        const cv::v_float64x2 x0 = cv::v_cvt_f64(dx), x1 = cv::v_cvt_f64_high(dx);
+        const cv::v_float64x2 y0 = cv::v_cvt_f64(dy), y1 = cv::v_cvt_f64_high(dy);
+        cv::v_store(roots.data(), cv::v_sqrt(x0 * x0 + y0 * y0));
+        cv::v_store(roots.data() + 2, cv::v_sqrt(x1 * x1 + y1 * y1));
+        ++row;
     }
 }
+#else
+template <std::size_t kRadius>
+void magnitudesAround(const uchar* const* centre, int x, const Taps& taps, Magnitudes& magnitudes) {
+    constexpr std::make_index_sequence<kRadius> kTaps;
+    const uchar* const* row = centre - 1;
+    for (std::array<double, 4>& roots : magnitudes) {
+        for (int j = 0; j < 3; ++j) {
+            const double dx = saturated(alongRow(kTaps, taps, row[0] + x - 1 + j));
+            const double dy = saturated(downColumn(kTaps, taps, row, x - 1 + j));
+            roots[static_cast<std::size_t>(j)] = std::sqrt(dx * dx + dy * dy);
+        }
+        ++row;
+    }
+}
+#endif
 
 template <std::size_t kRadius>
 std::size_t findActivePlain(const uchar* const* centre, int firstColumn, int groups, int limit, int* active) {

@@ -140,17 +140,31 @@ std::vector<int> innerContours(const ContourTracer& tracer, int minLength) {
 }
 
 /// @param rows  all of the image.
-cv::Point2f refinePixel(const SmoothedRows& rows, const cv::Size& size, const EdgeRows& edgeRows,
-                        const cv::Point& pixel) {
+void magnitudesOf(const SmoothedRows& rows, const cv::Size& size, const EdgeRows& edgeRows, const cv::Point& pixel,
+                  double (&inOrder)[9]) {
     Magnitudes m;
     edgeRows.magnitudesAround(rows.at(pixel.y), pixel.x, m);
     // Beyond the border the centre row or column stands in.
     if (pixel.y == 0) m[0] = m[1];
     if (pixel.y + 1 == size.height) m[2] = m[1];
     const std::size_t left = pixel.x == 0 ? 1 : 0, right = pixel.x + 1 == size.width ? 1 : 2;
-    const double inOrder[9] = {m[0][left],  m[0][1],    m[0][right], m[1][left], m[1][1],
-                               m[1][right], m[2][left], m[2][1],     m[2][right]};
-    return refinedPoint(pixel, inOrder);
+    for (std::size_t i = 0; i < 3; ++i) {
+        inOrder[3 * i] = m[i][left];
+        inOrder[3 * i + 1] = m[i][1];
+        inOrder[3 * i + 2] = m[i][right];
+    }
+}
+
+/// Two at a time; of an odd number the last one is done with itself.
+void refine(const SmoothedRows& rows, const cv::Size& size, const EdgeRows& edgeRows, const cv::Point* pixels,
+            std::vector<cv::Point2f>& points) {
+    double magnitudes[2][9];
+    for (std::size_t k = 0; k < points.size(); k += 2) {
+        const std::size_t next = std::min(k + 1, points.size() - 1);
+        magnitudesOf(rows, size, edgeRows, pixels[k], magnitudes[0]);
+        magnitudesOf(rows, size, edgeRows, pixels[next], magnitudes[1]);
+        refinePair({&pixels[k], &pixels[next]}, magnitudes, {&points[k], &points[next]});
+    }
 }
 
 }  // namespace
@@ -184,10 +198,8 @@ bool detectContourPoints(const cv::Mat& image, const EdgeSettings& settings, Edg
     smoothed.listRows(edgeRows->radius() + 1, scratch.rows);
     forEachInParallel(static_cast<int>(inner.size()), kPointTime * static_cast<std::int64_t>(longest), [&](int item) {
         const auto k = static_cast<std::size_t>(item);
-        const cv::Point* pixel = scratch.tracer.pointsOf(scratch.tracer.contours()[static_cast<std::size_t>(inner[k])]);
-        for (cv::Point2f& point : contours[k].points) {
-            point = refinePixel(scratch.rows, image.size(), *edgeRows, *pixel++);
-        }
+        const auto& contour = scratch.tracer.contours()[static_cast<std::size_t>(inner[k])];
+        refine(scratch.rows, image.size(), *edgeRows, scratch.tracer.pointsOf(contour), contours[k].points);
     });
     return true;
 }

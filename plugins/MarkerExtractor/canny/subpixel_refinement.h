@@ -22,10 +22,11 @@ struct SubpixelContour {
 void refineContours(const cv::Mat& dx, const cv::Mat& dy, const std::vector<std::vector<cv::Point>>& pixelContours,
                     std::vector<SubpixelContour>& contours);
 
-/// Where one pixel goes by that.
+/// Where two pixels go by that.
 ///
-/// @param magnitudes  of the gradient in its 3 by 3 neighbourhood in row order; beyond the border the centre row or
-///                    column stands in.
-cv::Point2f refinedPoint(const cv::Point& pixel, const double magnitudes[9]);
+/// @param magnitudes  of the gradient in the 3 by 3 neighbourhood of each, in row order; beyond the border the centre
+/// row
+///                    or column stands in.
+void refinePair(const cv::Point* const (&pixels)[2], const double (&magnitudes)[2][9], cv::Point2f* const (&points)[2]);
 
 }  // namespace kestrune

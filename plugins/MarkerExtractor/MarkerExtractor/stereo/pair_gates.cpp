@@ -59,10 +59,27 @@ PairGates::PairGates(const RectifiedRig& rig, const RectifiedMatchSettings& sett
       comparesCentresOnly_(settings.plainRowGate),
       rowSlack_(rowSlackOf(settings)) {}
 
+/// Each point is found by itself, and by a decomposition: it pays to ask for no more than are needed.
+template <std::size_t kFirst, std::size_t kCount>
+void PairGates::triangulate(const RectifiedMarker& left, const RectifiedMarker& right, SamplesInSpace& samples) const {
+    std::array<cv::Point2d, kCount> inLeft, inRight;
+    std::copy_n(&(*left.samples)[kFirst], kCount, inLeft.begin());
+    std::copy_n(&(*right.samples)[kFirst], kCount, inRight.begin());
+    cv::Matx<double, 4, int{kCount}> homogeneous;
+    cv::triangulatePoints(rig_.leftProjection, rig_.rightProjection, inLeft, inRight, homogeneous);
+    for (std::size_t c = 0; c < kCount; ++c) {
+        const auto column = static_cast<int>(c);
+        const double w = homogeneous(3, column);
+        for (int r = 0; r < 3; ++r) samples[kFirst + c][r] = homogeneous(r, column) / w;
+    }
+}
+
 std::optional<PairCandidate> PairGates::candidateOf(const RectifiedMarker& left, const RectifiedMarker& right) const {
     if (!arePlacesAlike(left, right)) return std::nullopt;
-    const SamplesInSpace samples = triangulate(*left.samples, *right.samples);
+    SamplesInSpace samples;
+    triangulate<kCentre, 1>(left, right, samples);
     if (!isDepthInRange(samples[kCentre][2])) return std::nullopt;
+    triangulate<kCentre + 1, kSampleCount - 1>(left, right, samples);
     const MarkerSize size = markerSize(samples);
     if (!size_.passes(size)) return std::nullopt;
     return PairCandidate{-1, rig_.toResult * samples[kCentre], size.radius};
@@ -70,7 +87,8 @@ std::optional<PairCandidate> PairGates::candidateOf(const RectifiedMarker& left,
 
 PairVerdict PairGates::refusal(const RectifiedMarker& left, const RectifiedMarker& right) const {
     if (!arePlacesAlike(left, right)) return refusalOfPlaces(left, right);
-    const SamplesInSpace samples = triangulate(*left.samples, *right.samples);
+    SamplesInSpace samples;
+    triangulate<kCentre, kSampleCount>(left, right, samples);
     const double depth = samples[kCentre][2];
     if (isDepthInRange(depth)) return size_.refusal(markerSize(samples));
     return {kNobody, kNobody, PairGate::depth, depth, std::max(place_.minDepth, 0.0), place_.maxDepth};
@@ -95,17 +113,6 @@ PairVerdict PairGates::refusalOfPlaces(const RectifiedMarker& left, const Rectif
     const double top = std::abs(l[kTop].y - r[kTop].y - centre);
     const double bottom = std::abs(l[kBottom].y - r[kBottom].y - centre);
     return {kNobody, kNobody, PairGate::rimRows, std::max(top, bottom), -kUnbounded, std::min(band, rowSlack_)};
-}
-
-SamplesInSpace PairGates::triangulate(const Samples& left, const Samples& right) const {
-    cv::Matx<double, 4, kSampleCount> homogeneous;
-    cv::triangulatePoints(rig_.leftProjection, rig_.rightProjection, left, right, homogeneous);
-    SamplesInSpace points;
-    for (int c = 0; c < kSampleCount; ++c) {
-        const double w = homogeneous(3, c);
-        for (int r = 0; r < 3; ++r) points[static_cast<std::size_t>(c)][r] = homogeneous(r, c) / w;
-    }
-    return points;
 }
 
 }  // namespace kestrune

@@ -43,7 +43,9 @@ class PairGates {
   private:
     bool arePlacesAlike(const RectifiedMarker& left, const RectifiedMarker& right) const;
     PairVerdict refusalOfPlaces(const RectifiedMarker& left, const RectifiedMarker& right) const;
-    SamplesInSpace triangulate(const Samples& left, const Samples& right) const;
+    /// Places `kCount` samples from `kFirst` on in space.
+    template <std::size_t kFirst, std::size_t kCount>
+    void triangulate(const RectifiedMarker& left, const RectifiedMarker& right, SamplesInSpace& samples) const;
     bool isDepthInRange(double depth) const {
         return depth > 0.0 && depth > place_.minDepth && depth < place_.maxDepth;
     }
