@@ -3,7 +3,7 @@
 // One number for all that each operation gives on fixed scenes. Two builds on one kind of CPU, or two numbers of
 // threads, that print the same table give the same bits; where a row differs, `--each` names the scenes.
 //
-// usage: kestrune_digests [--scenes N] [--threads N] [--each]
+// usage: kestrune_digests [--scenes N] [--threads N] [--plain] [--each]
 #include <fmt/format.h>
 #include <kestrune/MarkerExtractor.h>
 #include <kestrune_scene/records.h>
@@ -17,6 +17,9 @@
 #include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
+
+#include "MarkerExtractor/extraction/plain_road.h"
+#include "parallel/parallel_loop.h"
 
 #if defined(_OPENMP)
 #include <omp.h>
@@ -280,14 +283,17 @@ int main(int argc, char** argv) {
         const std::string argument = argv[k];
         if (argument == "--each") {
             each = true;
+        } else if (argument == "--plain") {
+            kestrune::takePlainRoad = true;
         } else if (k + 1 < argc && argument == "--scenes") {
             scenes = std::atoi(argv[++k]);
         } else if (k + 1 < argc && argument == "--threads") {
 #if defined(_OPENMP)
             omp_set_num_threads(std::max(1, std::atoi(argv[++k])));
+            kestrune::leastSharedWork = 0;  // however small a loop is
 #endif
         } else {
-            fmt::print(stderr, "usage: kestrune_digests [--scenes N] [--threads N] [--each]\n");
+            fmt::print(stderr, "usage: kestrune_digests [--scenes N] [--threads N] [--plain] [--each]\n");
             return EXIT_FAILURE;
         }
     }
