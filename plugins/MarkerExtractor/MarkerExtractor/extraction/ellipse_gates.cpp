@@ -102,21 +102,29 @@ GateVerdict judgeContour(const std::vector<cv::Point2f>& contour, const SimpleGa
 
 Admission admitMarker(GateVerdict& verdict, MarkerList& markers) {
     Corner& candidate = verdict.candidate;
-    for (std::size_t k = 0; k < markers.corners.size(); ++k) {
+    const auto placeOf = [&verdict, &candidate] {
+        const cv::Size2f& size = verdict.rect.size;
+        return MarkerList::Place{candidate.x, candidate.y, 0.5f * std::max(size.width, size.height)};
+    };
+    for (std::size_t k = 0; k < markers.places.size(); ++k) {
+        const MarkerList::Place& place = markers.places[k];
+        const double dx = candidate.x - place.x, dy = candidate.y - place.y;
+        const double reach = std::max(verdict.halfAxis, place.halfAxis);
+        if (std::abs(dx) >= reach || std::abs(dy) >= reach) continue;  // nor is the distance below it, rounded or not
+        const double distance = std::sqrt(dx * dx + dy * dy);
+        if (!(distance > 0 && distance < reach)) continue;
         Corner& known = markers.corners[k];
-        const cv::Size2f& size = markers.rects[k].size;
-        const double distance = std::sqrt(std::pow(candidate.x - known.x, 2) + std::pow(candidate.y - known.y, 2));
-        const float reach = std::max({verdict.halfAxis, 0.5f * size.width, 0.5f * size.height});
-        if (!(distance > 0 && distance < static_cast<double>(reach))) continue;
         const std::int32_t id = known.id;
         if (!(candidate.circularity > known.circularity && known.fitError > candidate.fitError)) {
             return {Admission::kDropped, id};
         }
         candidate.id = id;
+        markers.places[k] = placeOf();
         known = std::move(candidate);
         markers.rects[k] = verdict.rect;
         return {Admission::kReplaced, id};
     }
+    markers.places.push_back(placeOf());
     candidate.id = markers.nextId++;
     const std::int32_t id = candidate.id;
     markers.corners.push_back(std::move(candidate));

@@ -42,6 +42,13 @@ struct MarkerList {
     std::vector<Corner>& corners;
     std::vector<cv::RotatedRect> rects;
     std::int32_t nextId = 0;
+
+    /// What a candidate is compared with first, px: side by side, since a corner fills a good part of a page.
+    struct Place {
+        double x, y;
+        float halfAxis;
+    };
+    std::vector<Place> places = {};
 };
 
 /// Adds an accepted candidate, unless it repeats a marker of the list: one whose centre is nearer than the larger half
