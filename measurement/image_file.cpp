@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "image_file.h"
 
+#include <fcntl.h>
 #include <tiffio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <opencv2/imgcodecs.hpp>
@@ -95,6 +98,15 @@ cv::Mat decodeImage(const std::string& file) {
         throw InputError(file, "is damaged or ends early" + (reason.empty() ? "" : " (" + reason + ")"));
     }
     throw InputError(file, "is in no image format that is known here");
+}
+
+void announceRead(const std::string& file) {
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(file, unknown)) return;  // a pipe's writer would take us for its reader
+    const int opened = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // NOLINT(*-vararg)
+    if (opened < 0) return;
+    ::posix_fadvise(opened, 0, 0, POSIX_FADV_WILLNEED);
+    ::close(opened);
 }
 
 cv::Mat readImage(const std::string& file, bool invert, const std::optional<GreyRange>& range) {

@@ -19,6 +19,10 @@ namespace kestrune::measure {
 ///                     each by its name and in words of its own.
 cv::Mat decodeImage(const std::string& file);
 
+/// Lets the system bring a file into memory that is to be read soon, while something else is measured. One that is not
+/// there will be told by whoever reads it.
+void announceRead(const std::string& file);
+
 /// The image in 8 bits: as it is where it has no more, else by the range, and without one by that of its own pixels.
 ///
 /// @param invert  dark becomes bright, for markers that are dark on a light ground.

@@ -28,7 +28,7 @@ constexpr std::size_t kChunkFrame = 12;  // length, name and sum
 /// Chunks that change no grey pixel and that writers like to add.
 constexpr std::array<std::string_view, 7> kNotes = {"bKGD", "cHRM", "gAMA", "pHYs", "sRGB", "tEXt", "tIME"};
 constexpr std::size_t kLargestNote = 1 << 16;
-constexpr std::uint32_t kLongestSide = 1'000'000;  // libpng refuses more
+constexpr std::uint32_t kLongestOfLibpng = 1'000'000;  // libpng refuses more
 constexpr std::size_t kMostBytes = std::size_t{1} << 30;
 /// Deflate makes at most so many bytes of one: a head that tells of more is not worth the memory.
 constexpr std::size_t kLargestGain = 1032;
@@ -95,7 +95,7 @@ bool readContents(Bytes bytes, Contents& contents) {
     if (!head || !isPlainGrey(*head)) return false;
     contents.width = numberAt(head->data.data());
     contents.height = numberAt(head->data.data() + 4);
-    if (contents.width - 1 >= kLongestSide || contents.height - 1 >= kLongestSide) return false;  // or 0
+    if (contents.width - 1 >= kLongestOfLibpng || contents.height - 1 >= kLongestOfLibpng) return false;  // or 0
     if (contents.size() > kMostBytes || bytes.size() > kMostBytes) return false;
     if (contents.size() / kLargestGain > bytes.size()) return false;
     contents.pixels.reserve(bytes.size());

@@ -209,6 +209,10 @@ int runStereo(const StereoOptions& options) {
     const auto work = [&](std::size_t index, std::size_t worker) {
         // One thread an exposure; the parallel loops of the matching would only get in each other's way.
         if (workers > 1) omp_set_num_threads(1);
+        if (const std::size_t after = index + workers; after < names.size()) {
+            announceRead(names[after].left);
+            announceRead(names[after].right);
+        }
         return run.measure(names[index], index, extractors[worker]);
     };
     std::set<std::string> lost;  // why outputs could not be written
