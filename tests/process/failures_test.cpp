@@ -173,13 +173,13 @@ long largeAllocationsOf(const Call& call) {
     return largeOnes - before;
 }
 
-TEST(Allocation, LaterCallsOfTheRadialAndTheEdgeBasedPathAllocateNoImage) {
+TEST(Allocation, LaterCallsOfAPathAllocateNoImage) {
     const SharedLoops shared;
     omp_set_num_threads(1);  // another thread would allocate its own at its first turn, whenever that is
     cv::Mat grey(512, 640, CV_8UC1, cv::Scalar(40)), colour;
     for (int k = 0; k < 30; ++k) addDisc(grey, {60.3 + 100 * (k % 6), 60.7 + 90 * (k / 6)}, 14);
     cv::cvtColor(grey, colour, cv::COLOR_GRAY2BGR);
-    for (CicrleConfigs configs : {discConfigs(true), rimConfigs()}) {
+    for (CicrleConfigs configs : configsOfPaths()) {
         for (const cv::Mat& image : {grey, colour}) {
             for (configs.scale = 1; configs.scale <= 2; ++configs.scale) {
                 configs.refineAtFullSize = configs.scale == 2;
