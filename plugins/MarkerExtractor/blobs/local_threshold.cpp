@@ -45,10 +45,9 @@ int decideFinely(const cv::Mat& image, const ThresholdPlan& plan, int x, int y, 
     for (int j = 0; j < n; ++j) {
         const uchar* const row = image.ptr<uchar>(clampTo(y + j - reach, image.rows));
         const auto tap = static_cast<double>(plan.taps[static_cast<std::size_t>(j)]);
-        double* const sum = sums.data();
+        double* const __restrict sum = sums.data();
         if (isInside) {
             const uchar* const first = row + x - reach;
-#pragma omp simd
             for (int i = 0; i < n; ++i) sum[i] += tap * first[i];
         } else {
             for (int i = 0; i < n; ++i) sum[i] += tap * row[clampTo(x + i - reach, image.cols)];

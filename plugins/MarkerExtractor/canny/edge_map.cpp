@@ -6,8 +6,8 @@ namespace kestrune {
 namespace {
 
 constexpr EdgeMap::Cell kNothing = 0;
-constexpr EdgeMap::Cell kEdge = 1;  ///< a bit, beside that of the candidate until the map is settled
-constexpr EdgeMap::Cell kCandidate = 2;
+constexpr EdgeMap::Cell kEdgeCell = 1;  ///< a bit, beside that of the candidate until the map is settled
+constexpr EdgeMap::Cell kCandidateCell = 2;
 
 }  // namespace
 
@@ -20,7 +20,7 @@ void EdgeMap::begin(const cv::Size& size) {
 }
 
 void EdgeMap::mark(const std::vector<cv::Point>& candidates) {
-    for (const cv::Point& pixel : candidates) *at(pixel) = kCandidate;
+    for (const cv::Point& pixel : candidates) *at(pixel) = kCandidateCell;
 }
 
 /// Most candidates get their edge from a neighbour that lies before them, and most of the others from one that lies
@@ -35,10 +35,10 @@ void EdgeMap::linkWithin(std::span<const EdgePixels> parts, int first, int end) 
         if (!kSeams || pixel.x > first) all |= cell[row - 1];
         if (!kSeams || pixel.x + 1 < end) all |= cell[row + 1];
         if (!kSeams || (beside < 0 ? pixel.x > first : pixel.x + 1 < end)) all |= cell[beside];
-        *cell = static_cast<Cell>(*cell | (all & kEdge));
+        *cell = static_cast<Cell>(*cell | (all & kEdgeCell));
     };
     for (const EdgePixels& part : parts) {
-        for (const cv::Point& seed : part.seeds) *at(seed) = kCandidate | kEdge;
+        for (const cv::Point& seed : part.seeds) *at(seed) = kCandidateCell | kEdgeCell;
     }
     for (const EdgePixels& part : parts) {
         for (const cv::Point& pixel : part.candidates) take(pixel, -down, -1);
@@ -48,10 +48,10 @@ void EdgeMap::linkWithin(std::span<const EdgePixels> parts, int first, int end) 
     }
     for (const EdgePixels& part : parts) {
         for (const cv::Point& pixel : part.candidates) {
-            if (*at(pixel) != kCandidate) continue;
+            if (*at(pixel) != kCandidateCell) continue;
             take(pixel, -down, -1);
             take(pixel, down, 1);
-            if (*at(pixel) != kCandidate) flood(pixel, first, end);
+            if (*at(pixel) != kCandidateCell) flood(pixel, first, end);
         }
     }
 }
@@ -64,8 +64,8 @@ void EdgeMap::flood(const cv::Point& edge, int first, int end) {
         for (int dx = pixel.x > first ? -1 : 0; dx <= (pixel.x + 1 < end ? 1 : 0); ++dx) {
             for (int dy = -1; dy <= 1; ++dy) {
                 const cv::Point neighbour(pixel.x + dx, pixel.y + dy);
-                if (*at(neighbour) != kCandidate) continue;
-                *at(neighbour) = kCandidate | kEdge;
+                if (*at(neighbour) != kCandidateCell) continue;
+                *at(neighbour) = kCandidateCell | kEdgeCell;
                 open_.push_back(neighbour);
             }
         }
@@ -88,7 +88,7 @@ void EdgeMap::settle(std::span<const EdgePixels> parts, bool areBelowEachOther) 
     for (const EdgePixels& part : parts) {
         for (const cv::Point& pixel : part.candidates) {
             Cell& cell = *at(pixel);
-            cell = static_cast<Cell>(cell & kEdge);
+            cell = static_cast<Cell>(cell & kEdgeCell);
             edges_[count] = pixel;
             count += static_cast<std::size_t>(cell);
         }

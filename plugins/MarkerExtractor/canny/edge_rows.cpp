@@ -15,11 +15,11 @@ namespace kestrune {
 
 namespace {
 
-constexpr std::size_t kRadii = EdgeRows::kLargestRadius + 1;
+constexpr std::size_t kEdgeRadii = EdgeRows::kLargestRadius + 1;
 constexpr int kLargestGrey = 255;
 constexpr int kFlagsAtOnce = 8;
 
-using Taps = std::array<short, kRadii>;
+using EdgeTaps = std::array<short, kEdgeRadii>;
 
 // By value: compilers make vector instructions of them.
 KESTRUNE_BOTH uchar larger(uchar a, uchar b) {
@@ -65,12 +65,12 @@ KESTRUNE_BOTH std::size_t findActive(const uchar* const* centre, int firstColumn
 }
 
 template <std::size_t... kTap>
-KESTRUNE_BOTH int alongRow(std::index_sequence<kTap...>, const Taps& taps, const uchar* at) {
+KESTRUNE_BOTH int alongRow(std::index_sequence<kTap...>, const EdgeTaps& taps, const uchar* at) {
     return (0 + ... + (taps[kTap + 1] * (at[kTap + 1] - at[-1 - static_cast<int>(kTap)])));
 }
 
 template <std::size_t... kTap>
-KESTRUNE_BOTH int downColumn(std::index_sequence<kTap...>, const Taps& taps, const uchar* const* centre, int x) {
+KESTRUNE_BOTH int downColumn(std::index_sequence<kTap...>, const EdgeTaps& taps, const uchar* const* centre, int x) {
     return (0 + ... + (taps[kTap + 1] * (centre[kTap + 1][x] - centre[-1 - static_cast<int>(kTap)][x])));
 }
 
@@ -80,10 +80,10 @@ KESTRUNE_BOTH short saturated(int value) {
 
 /// Derivatives and squared magnitudes of one group.
 template <std::size_t kRadius>
-KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const Taps& tapList, short* __restrict dx,
+KESTRUNE_BOTH void differentiate(const uchar* const* centre, int first, const EdgeTaps& tapList, short* __restrict dx,
                                  short* __restrict dy, int* __restrict magnitudes) {
     constexpr std::make_index_sequence<kRadius> kTaps;
-    const Taps taps = tapList;
+    const EdgeTaps taps = tapList;
     std::array<const uchar*, 2 * kRadius + 1> rows;
     std::copy_n(centre - kRadius, rows.size(), rows.begin());
     for (int j = 0; j < kLanes; ++j) dx[j] = saturated(alongRow(kTaps, taps, rows[kRadius] + first + j));
@@ -126,7 +126,7 @@ KESTRUNE_BOTH void findMaxima(const MagnitudeRows& rows, const short* dx, const 
 ///
 /// @param difference  of eight pixels at that distance.
 template <std::size_t kRadius, typename Difference>
-KESTRUNE_BOTH cv::v_int32x4 derivativesOfFour(const Taps& taps, const Difference& difference) {
+KESTRUNE_BOTH cv::v_int32x4 derivativesOfFour(const EdgeTaps& taps, const Difference& difference) {
     cv::v_int32x4 sum = cv::v_setzero_s32();
     for (std::size_t t = 1; t <= kRadius; t += 2) {
         const short near = taps[t], far = t < kRadius ? taps[t + 1] : short{0};
@@ -142,8 +142,8 @@ KESTRUNE_BOTH cv::v_int16x8 eightPixels(const uchar* pixels) {
 }
 
 template <std::size_t kRadius>
-void magnitudesAround(const uchar* const* centre, int x, const Taps& tapList, Magnitudes& magnitudes) {
-    const Taps taps = tapList;
+void magnitudesAround(const uchar* const* centre, int x, const EdgeTaps& tapList, Magnitudes& magnitudes) {
+    const EdgeTaps taps = tapList;
     const uchar* const* row = centre - 1;
     for (std::array<double, 4>& roots : magnitudes) {
         const auto along = [&](std::size_t t) {
@@ -164,7 +164,7 @@ void magnitudesAround(const uchar* const* centre, int x, const Taps& tapList, Ma
 }
 #else
 template <std::size_t kRadius>
-void magnitudesAround(const uchar* const* centre, int x, const Taps& taps, Magnitudes& magnitudes) {
+void magnitudesAround(const uchar* const* centre, int x, const EdgeTaps& taps, Magnitudes& magnitudes) {
     constexpr std::make_index_sequence<kRadius> kTaps;
     const uchar* const* row = centre - 1;
     for (std::array<double, 4>& roots : magnitudes) {
@@ -188,12 +188,12 @@ KESTRUNE_WIDE std::size_t findActiveWide(const uchar* const* centre, int firstCo
     return findActive<kRadius>(centre, firstColumn, groups, limit, active);
 }
 template <std::size_t kRadius>
-void differentiatePlain(const uchar* const* centre, int first, const Taps& taps, short* dx, short* dy,
+void differentiatePlain(const uchar* const* centre, int first, const EdgeTaps& taps, short* dx, short* dy,
                         int* magnitudes) {
     differentiate<kRadius>(centre, first, taps, dx, dy, magnitudes);
 }
 template <std::size_t kRadius>
-KESTRUNE_WIDE void differentiateWide(const uchar* const* centre, int first, const Taps& taps, short* dx, short* dy,
+KESTRUNE_WIDE void differentiateWide(const uchar* const* centre, int first, const EdgeTaps& taps, short* dx, short* dy,
                                      int* magnitudes) {
     differentiate<kRadius>(centre, first, taps, dx, dy, magnitudes);
 }
@@ -209,11 +209,13 @@ KESTRUNE_WIDE void findMaximaWide(const MagnitudeRows& rows, const short* dx, co
 using FindActive = decltype(&findActivePlain<0>);
 using Differentiate = decltype(&differentiatePlain<0>);
 using MagnitudesAround = decltype(&magnitudesAround<0>);
-constexpr auto kFindActive = functionTable<FindActive, kRadii>([](auto r) { return findActivePlain<r>; });
-constexpr auto kFindActiveWide = functionTable<FindActive, kRadii>([](auto r) { return findActiveWide<r>; });
-constexpr auto kDifferentiate = functionTable<Differentiate, kRadii>([](auto r) { return differentiatePlain<r>; });
-constexpr auto kDifferentiateWide = functionTable<Differentiate, kRadii>([](auto r) { return differentiateWide<r>; });
-constexpr auto kMagnitudesAround = functionTable<MagnitudesAround, kRadii>([](auto r) { return magnitudesAround<r>; });
+constexpr auto kFindActive = functionTable<FindActive, kEdgeRadii>([](auto r) { return findActivePlain<r>; });
+constexpr auto kFindActiveWide = functionTable<FindActive, kEdgeRadii>([](auto r) { return findActiveWide<r>; });
+constexpr auto kDifferentiate = functionTable<Differentiate, kEdgeRadii>([](auto r) { return differentiatePlain<r>; });
+constexpr auto kDifferentiateWide =
+    functionTable<Differentiate, kEdgeRadii>([](auto r) { return differentiateWide<r>; });
+constexpr auto kMagnitudesAround =
+    functionTable<MagnitudesAround, kEdgeRadii>([](auto r) { return magnitudesAround<r>; });
 
 int groupsOf(int width) {
     return (width + kLanes - 1) / kLanes;
