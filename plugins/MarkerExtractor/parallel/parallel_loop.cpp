@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <ctime>
 #include <exception>
+#include <memory>
 #include <mutex>
 
 #include "parallel/team.h"
@@ -122,7 +123,7 @@ class SharedItems final : public SharedWork {
 /// The team of this call, with at least as many threads as can be had of those wanted beside the caller's.
 Team* teamOf(int helpers) {
     try {
-        if (team == nullptr) team = new Team;
+        if (team == nullptr) team = Team::take().release();
         team->growTo(helpers);
     } catch (const std::exception&) {  // std::bad_alloc or std::system_error: those that are there have to do
     }
@@ -152,7 +153,7 @@ ParallelCall::ParallelCall() noexcept : isOutermost_(!isInCall) {
 ParallelCall::~ParallelCall() {
     if (!isOutermost_) return;
     isInCall = false;
-    delete team;
+    if (team != nullptr) Team::giveBack(std::unique_ptr<Team>(team));
     team = nullptr;
 }
 

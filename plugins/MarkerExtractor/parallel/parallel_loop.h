@@ -53,9 +53,9 @@ void forEachInParallel(int count, std::int64_t mostPerItem, LoopBody body);
 /// The same for items that are known to be long, say a few rows of an image each: others are woken at once.
 void forEachLongItem(int count, LoopBody body);
 
-/// A call of the library. Threads that its loops need are started by the first one that is worth it, sleep between the
-/// loops and end with the call: a host finds none between calls. Within another call on the same thread, or where no
-/// loop is shared, it does nothing. A loop outside of any call is one of its own.
+/// A call of the library. Threads that its loops need are its own until it ends; then they sleep, and later calls use
+/// them again. Within another call on the same thread, or where no loop is shared, it does nothing. A loop outside of
+/// any call is one of its own.
 class ParallelCall {
   public:
     ParallelCall() noexcept;

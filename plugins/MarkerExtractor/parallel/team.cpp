@@ -2,13 +2,16 @@
 #include "parallel/team.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cfenv>
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace kestrune {
 
@@ -40,7 +43,53 @@ class BlockedSignals {
     sigset_t before_{};
 };
 
+/// Teams whose calls have ended, of this process. A lock that another thread holds, perhaps for ever since this is a
+/// child that `fork` made at that moment, is not waited for.
+struct IdleTeams {
+    std::mutex mutex;
+    pid_t process = ::getpid();
+    std::vector<std::unique_ptr<Team>> teams;
+
+    /// The threads of teams of a parent did not come along with `fork`.
+    void forgetParents() {
+        if (process == ::getpid()) return;
+        for (std::unique_ptr<Team>& team : teams) static_cast<void>(team.release());
+        teams.clear();
+        process = ::getpid();
+    }
+};
+
+/// Never destroyed: calls may run while `exit` does.
+IdleTeams& idleTeams() {
+    static IdleTeams& idle = *new IdleTeams;
+    return idle;
+}
+
 }  // namespace
+
+std::unique_ptr<Team> Team::take() {
+    IdleTeams& idle = idleTeams();
+    if (const std::unique_lock lock(idle.mutex, std::try_to_lock); lock) {
+        idle.forgetParents();
+        if (!idle.teams.empty()) {
+            std::unique_ptr<Team> team = std::move(idle.teams.back());
+            idle.teams.pop_back();
+            return team;
+        }
+    }
+    return std::make_unique<Team>();
+}
+
+void Team::giveBack(std::unique_ptr<Team> team) noexcept {
+    try {
+        IdleTeams& idle = idleTeams();
+        const std::unique_lock lock(idle.mutex, std::try_to_lock);
+        if (!lock) return;
+        idle.forgetParents();
+        idle.teams.push_back(std::move(team));
+    } catch (const std::exception&) {  // std::bad_alloc: the team ends here
+    }
+}
 
 /// What owner and threads have in common; the last of them removes it.
 struct Team::Post {
@@ -49,6 +98,7 @@ struct Team::Post {
     SharedWork* work = nullptr;  ///< none: there is nothing to begin any more
     int places = 0;              ///< left for threads that come
     int entered = 0;             ///< threads that took a place of this work
+    std::fenv_t arithmetic{};    ///< the owner's: how a host has its threads round is how all of them round
     std::atomic<int> inside{0};  ///< changes under the mutex
     bool isOver = false;
 };
@@ -78,6 +128,7 @@ void Team::serve(const std::shared_ptr<Post>& post) {
         SharedWork& work = *post->work;
         const int thread = ++post->entered;
         post->inside.fetch_add(1, std::memory_order_relaxed);
+        std::fesetenv(&post->arithmetic);
         lock.unlock();
         work.help(thread);
         lock.lock();
@@ -93,6 +144,7 @@ void Team::share(SharedWork& work, int most) {
         post.work = &work;
         post.places = places;
         post.entered = 0;
+        std::fegetenv(&post.arithmetic);
     }
     for (int k = 0; k < places; ++k) post.workIsThere.notify_one();
     work.help(0);

@@ -15,11 +15,20 @@ class SharedWork {
     ~SharedWork() = default;
 };
 
-/// Threads that help the one that owns the team. They sleep while there is nothing to do. They belong to one thread:
-/// two calls of a host on two threads have a team each.
+/// Threads that help the one that owns the team. They sleep while there is nothing to do. They belong to one thread at
+/// a time: two calls of a host on two threads have a team each.
 class Team {
   public:
+    /// One that an earlier call has left, or a new one without threads.
+    ///
+    /// Threads are used again and not ended: for each thread that ends, OpenCV keeps what it knew of it, so that a host
+    /// that runs all day would grow, and to keep it needs memory, without which the process ends.
+    ///
     /// @throws std::bad_alloc
+    static std::unique_ptr<Team> take();
+    /// Leaves it, with its threads asleep, to a later call.
+    static void giveBack(std::unique_ptr<Team> team) noexcept;
+
     Team();
     /// Lets the threads go. They end by themselves, and nobody waits until each of them had its turn.
     ~Team();
