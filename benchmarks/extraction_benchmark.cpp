@@ -27,7 +27,7 @@ struct Scene {
     std::array<int, 4> markers;
 };
 // Common sensors of 1.3, 5 and 20 megapixels, and on either side of them what shows how times grow.
-const std::array<Scene, 5> kScenes{{{{640, 480}, {1, 20}},
+const std::array<Scene, 5> kScenes{{{{640, 480}, {1, 12}},
                                     {{1280, 1024}, {1, 20, 120, 500}},
                                     {{2448, 2048}, {1, 20, 120, 500}},
                                     {{5472, 3648}, {1, 20, 120, 500}},

@@ -12,9 +12,9 @@
 namespace kestrune::bench {
 namespace {
 
-constexpr int kPanelWidth = 380, kPanelHeight = 300, kMargin = 60;  ///< px
+constexpr int kPanelWidth = 380, kPanelHeight = 300, kMargin = 60, kLineHeight = 16;  ///< px
 // What the two panels hold fixed.
-constexpr int kMarkers = 120, kWidth = 2448;
+constexpr int kMarkers = 1, kWidth = 8192;
 constexpr std::array<const char*, 5> kColours{"#1b6ca8", "#c0392b", "#2e8b57", "#8e44ad", "#d68910"};
 
 /// A logarithmic axis over whole decades.
@@ -59,22 +59,19 @@ struct Panel {
 
 using Points = std::vector<std::pair<double, double>>;
 
-std::string line(const Panel& panel, const Points& points, const char* colour, std::string_view name) {
-    std::string places, dots;
+std::string line(const Panel& panel, const Points& points, const char* colour) {
+    std::string places;
     for (const auto& [x, y] : points) places += panel.place(x, y) + ' ';
-    const std::string svg = fmt::format("<polyline points='{}' stroke='{}' stroke-width='2'/>\n", places, colour);
-    if (points.empty()) return {};
-    return svg + fmt::format("<g fill='{}'>{}</g>\n", colour,
-                             panel.label(points.back().first, points.back().second, "end", -4, -6, std::string(name)));
+    return fmt::format("<polyline points='{}' stroke='{}' stroke-width='2'/>\n", places, colour);
 }
 
 }  // namespace
 
 void plotGrowth(const Results& results, const std::string& file) {
-    const Axis times{0, 3, kPanelHeight};
+    const Axis times{-1, 3, kPanelHeight};
     const std::array<Panel, 2> panels{
-        Panel{fmt::format("megapixels, {} markers", kMarkers), {-1, 2, kPanelWidth}, times, kMargin},
-        Panel{"markers, 5 megapixels", {0, 3, kPanelWidth}, times, 2.5 * kMargin + kPanelWidth}};
+        Panel{"megapixels, one marker", {-1, 2, kPanelWidth}, times, kMargin},
+        Panel{"markers, 50 megapixels", {0, 4, kPanelWidth}, times, 2.5 * kMargin + kPanelWidth}};
     std::string svg = fmt::format(
         "<svg xmlns='http://www.w3.org/2000/svg' width='{}' height='{}' font-family='sans-serif' font-size='12' "
         "fill='none'>\n<rect width='100%' height='100%' fill='white'/>\n<g fill='#333'>\n",
@@ -92,8 +89,10 @@ void plotGrowth(const Results& results, const std::string& file) {
             if (scene.width == kWidth) points[1].emplace_back(scene.markers, time);
         }
         if (points[0].empty() && points[1].empty()) continue;
-        const char* const stroke = kColours[colour++ % kColours.size()];
-        for (std::size_t k = 0; k < panels.size(); ++k) lines += line(panels[k], points[k], stroke, path.name);
+        const char* const stroke = kColours[colour % kColours.size()];
+        for (std::size_t k = 0; k < panels.size(); ++k) lines += line(panels[k], points[k], stroke);
+        lines += fmt::format("<text x='{}' y='{}' fill='{}'>{}</text>\n", kMargin + 10,
+                             kMargin + kLineHeight * static_cast<int>(++colour), stroke, path.name);
     }
     fmt::output_file(file).print("{}</g>\n{}</svg>\n", svg, lines);
 }
