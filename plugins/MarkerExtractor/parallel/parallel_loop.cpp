@@ -25,7 +25,7 @@ constexpr int kPortions = 16;
 
 /// Storage of this kind is there from the start; any other may have to be allocated at the first use, and the loader
 /// ends the process where it cannot be.
-[[gnu::tls_model("initial-exec")]] thread_local Team* team = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local Team* callersTeam = nullptr;
 [[gnu::tls_model("initial-exec")]] thread_local bool isInCall = false;
 [[gnu::tls_model("initial-exec")]] thread_local bool isInLoop = false;
 
@@ -123,11 +123,11 @@ class SharedItems final : public SharedWork {
 /// The team of this call, with at least as many threads as can be had of those wanted beside the caller's.
 Team* teamOf(int helpers) {
     try {
-        if (team == nullptr) team = Team::take().release();
-        team->growTo(helpers);
+        if (callersTeam == nullptr) callersTeam = Team::take().release();
+        callersTeam->growTo(helpers);
     } catch (const std::exception&) {  // std::bad_alloc or std::system_error: those that are there have to do
     }
-    return team != nullptr && team->size() > 0 ? team : nullptr;
+    return callersTeam != nullptr && callersTeam->size() > 0 ? callersTeam : nullptr;
 }
 
 /// Runs the items from `first` on, by a team if there is one.
@@ -153,8 +153,8 @@ ParallelCall::ParallelCall() noexcept : isOutermost_(!isInCall) {
 ParallelCall::~ParallelCall() {
     if (!isOutermost_) return;
     isInCall = false;
-    if (team != nullptr) Team::giveBack(std::unique_ptr<Team>(team));
-    team = nullptr;
+    if (callersTeam != nullptr) Team::giveBack(std::unique_ptr<Team>(callersTeam));
+    callersTeam = nullptr;
 }
 
 int largestTeam() {
