@@ -37,7 +37,9 @@ Record recordOf(bool isPlain, CircleMarkerExtractor& extractor, const cv::Mat& i
     std::vector<Corner> corners;
     Record record;
     bool found = false;
-    record.outcome(outcomeOf([&] { found = ExtractCircleMarker(image, extractor, corners, 0, configs); }));
+    const Outcome outcome = outcomeOf([&] { found = ExtractCircleMarker(image, extractor, corners, 0, configs); });
+    record.outcome(outcome);
+    if (!outcome.answered()) return record;  // its members are those of the call before
     record.numbers("found", found);
     record.corners("corners", corners);
     record.rects("markerRects", extractor.markerRects);

@@ -35,7 +35,7 @@ TEST(SearchRadialEdges, ReadsAPartOfAnImageOfAnySize) {
     RayScratch scratch;
     for (const int rows : {80, 1 << 30}) {  // places in the second need more than 32 bits
         const GreyView view(disc.ptr(10) + 11, 80, {11, 10}, {80, rows});
-        searchRadialEdges(view, {40, 40}, 4, 20, part, rays, 12, 0.6f, scratch);
+        searchRadialEdges(view, {40, 40}, {4, 20}, part, rays, 12, 0.6f, scratch);
         EXPECT_EQ(part, whole) << rows;
     }
 }

@@ -205,7 +205,8 @@ ThresholdPlan::ThresholdPlan(int apertureGiven, int thresholdC)
     taps.assign(kernel.ptr<float>(), kernel.ptr<float>() + aperture);
     double tapError = 0;
     for (int k = 0; k <= reach(); ++k) {
-        const auto tap = static_cast<double>(taps[static_cast<std::size_t>(reach() + k)]);
+        const int place = reach() + k;
+        const auto tap = static_cast<double>(taps[static_cast<std::size_t>(place)]);
         const auto whole = static_cast<std::uint16_t>(std::lround(tap * kTapOne));
         tapError += (k == 0 ? 1 : 2) * std::abs(whole / kTapOne - tap);
         if (whole == 0) continue;

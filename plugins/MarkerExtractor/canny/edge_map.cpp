@@ -31,7 +31,7 @@ void EdgeMap::linkWithin(std::span<const EdgePixels> parts, int first, int end) 
     // What the neighbours in the row above or below have, and the one beside.
     const auto take = [&](const cv::Point& pixel, std::ptrdiff_t row, std::ptrdiff_t beside) {
         Cell* const cell = at(pixel);
-        int all = cell[row];
+        int all = static_cast<uchar>(cell[row]);
         if (!kSeams || pixel.x > first) all |= cell[row - 1];
         if (!kSeams || pixel.x + 1 < end) all |= cell[row + 1];
         if (!kSeams || (beside < 0 ? pixel.x > first : pixel.x + 1 < end)) all |= cell[beside];

@@ -142,7 +142,8 @@ void RowGaussian::smoothRow(const cv::Mat& image, int y, Scratch& scratch, uchar
 
     std::array<const uchar*, 2 * kLargestRadius + 1> rows{};
     for (int i = -radius_; i <= radius_; ++i) {
-        rows[static_cast<std::size_t>(i + radius_)] =
+        const int place = i + radius_;
+        rows[static_cast<std::size_t>(place)] =
             image.ptr<uchar>(cv::borderInterpolate(y + i, image.rows, cv::BORDER_REFLECT_101));
     }
     (wide ? kSumDownWide : kSumDown)[r](rows.data() + radius_, taps_, image.cols, sums, highBytes);

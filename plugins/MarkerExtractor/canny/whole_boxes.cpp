@@ -106,7 +106,7 @@ void filterOf(int width, const cv::Mat& src, cv::Mat& dst, std::uint32_t* sums) 
 }  // namespace
 
 void boxOfWhole(const cv::Mat& src, cv::Mat& dst, int width, std::vector<std::uint32_t>& sums) {
-    const auto needed = static_cast<std::size_t>(src.cols + kWidestWholeBox);
+    const auto needed = static_cast<std::size_t>(src.cols) + static_cast<std::size_t>(kWidestWholeBox);
     if (sums.size() < needed) sums.resize(needed);
     src.depth() == CV_8U ? filterOf<uchar>(width, src, dst, sums.data())
                          : filterOf<std::uint16_t>(width, src, dst, sums.data());

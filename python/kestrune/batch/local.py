@@ -49,8 +49,9 @@ class LocalExecutor:
         chunk = self._work.get()
         while chunk is not None:
             ahead = self._take_ahead()
+            following = [*chunk[1:], ahead[0] if ahead else None]
             try:
-                self._done.put([keeper.measure(*pair) for pair in zip(chunk, [*chunk[1:], ahead and ahead[0]])])
+                self._done.put([keeper.measure(one, then) for one, then in zip(chunk, following)])
             except BaseException as error:
                 self._done.put(error)
                 break

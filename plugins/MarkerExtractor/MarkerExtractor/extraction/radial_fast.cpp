@@ -120,7 +120,7 @@ void detectRadialContoursFast(const cv::Mat& image, const cv::Mat& fullImage, co
                                                    cv::Point(), fullImage.size())
                                         : smoothAround(fullImage, blob, *scratch.smoothing, storage);
         SubpixelContour contour;
-        searchRadialEdges(smooth, blob.centre, blob.rIn, blob.rOut, contour.points, directions.rays,
+        searchRadialEdges(smooth, blob.centre, {blob.rIn, blob.rOut}, contour.points, directions.rays,
                           settings.contrast / 2, settings.minRayRatio, storage.rays);
         if (!(settings.minRayRatio > shareOf(contour.points, directions))) scratch.contours[k] = std::move(contour);
     });

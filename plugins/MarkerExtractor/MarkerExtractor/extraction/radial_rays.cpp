@@ -320,13 +320,14 @@ RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio) {
     RayScratch scratch;
-    return searchRadialEdges(GreyView(image), centre, rIn, rOut, points, directions, dropThreshold, minRayRatio,
+    return searchRadialEdges(GreyView(image), centre, {rIn, rOut}, points, directions, dropThreshold, minRayRatio,
                              scratch);
 }
 
-RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn, float rOut,
+RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, const RayReach& reach,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio, RayScratch& scratch) {
+    const auto [rIn, rOut] = reach;
     points.clear();
     if (!areRaysOnImage(cv::Size(image.cols, image.rows), centre, rOut)) return {reachBeyond(image, centre, rOut), 0};
     const float start = std::max(kLeastStart, rIn - kCoarseStep);

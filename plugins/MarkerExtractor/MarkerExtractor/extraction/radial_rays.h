@@ -97,8 +97,13 @@ RaySearch searchRadialEdges(const cv::Mat& image, cv::Point2f centre, float rIn,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio);
 
+/// Radii between which edges are searched, px.
+struct RayReach {
+    float rIn, rOut;
+};
+
 /// The same on an image of which a part is there: all that is within `reachOfRays`.
-RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, float rIn, float rOut,
+RaySearch searchRadialEdges(const GreyView& image, cv::Point2f centre, const RayReach& reach,
                             std::vector<cv::Point2f>& points, const std::vector<cv::Point2f>& directions,
                             int dropThreshold, float minRayRatio, RayScratch& scratch);
 

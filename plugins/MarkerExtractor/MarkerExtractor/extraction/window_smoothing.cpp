@@ -133,7 +133,8 @@ void smoothWindow([[maybe_unused]] const cv::Mat& image, [[maybe_unused]] const 
                   [[maybe_unused]] uchar* to, [[maybe_unused]] std::ptrdiff_t step) {
 #if KESTRUNE_EXACT_LANES
     const int stride = smoothedStride(window.width), reach = plan.reach, rows = window.height + 2 * reach;
-    scratch.line.resize(static_cast<std::size_t>(stride + 2 * reach));
+    const int lineLength = stride + 2 * reach;
+    scratch.line.resize(static_cast<std::size_t>(lineLength));
     scratch.rows.resize(static_cast<std::size_t>(stride) * static_cast<std::size_t>(rows));
     scratch.columns.clear();
     if (window.x < reach || window.br().x + reach > image.cols) {

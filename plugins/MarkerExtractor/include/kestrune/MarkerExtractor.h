@@ -44,6 +44,7 @@ class WorkspaceOwner {
     /// Without storage.
     WorkspaceOwner(const WorkspaceOwner& /*other*/) noexcept {}
     /// Keeps its own.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned
     WorkspaceOwner& operator=(const WorkspaceOwner& /*other*/) noexcept { return *this; }
 
     std::shared_ptr<Workspace> owned;  ///< the library's
