@@ -122,7 +122,8 @@ struct Png {
     Png(cv::Size picture, int level, cv::RNG& random) : size(picture) {
         std::vector<uchar> rows;
         for (int y = 0; y < size.height; ++y)
-            for (int x = 0; x <= size.width; ++x) rows.push_back(static_cast<uchar>(x == 0 ? random.uniform(0, 5) : random.gaussian(9)));
+            for (int x = 0; x <= size.width; ++x)
+                rows.push_back(static_cast<uchar>(x == 0 ? random.uniform(0, 5) : static_cast<int>(random.gaussian(9))));
         stream.resize(compressBound(rows.size()));
         uLongf length = stream.size();
         compress2(reinterpret_cast<Bytef*>(stream.data()), &length, rows.data(), rows.size(), level);
