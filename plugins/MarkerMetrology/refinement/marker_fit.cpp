@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "refinement/marker_fit.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace kestrune::refinement {
+
+using geometry::SmoothEllipse;
+
+namespace {
+
+constexpr int kMostRounds = 5;
+constexpr double kSlack = 0.7;          // px by which a rim may move within its window
+constexpr double kLeastGround = 4;      // px of ground beyond the reach of the blur ...
+constexpr double kGroundShare = 0.5;    // ... or this share of the marker's size, to tell the light by
+constexpr double kFewestForNoise = 24;  // pixels that tell a variance
+constexpr double kNoiseChange = 1.2;    // factor of a weight from which a fit is made again
+constexpr double kLeastRimShare = 0.6;
+// How far a fit may run from its start: the paths are off by less than a pixel, a half of small markers.
+constexpr double kMostMove = 1.5, kMostMoveShare = 0.35;
+// A contrast of so many of its own standard deviations is a marker.
+constexpr double kLeastContrast = 6;
+// Of a real marker's rim, RMS px by which it may be no ellipse: beyond, it is something else, or half hidden.
+constexpr double kMostRimError = 0.35;
+// A neighbour's blur may be taken away up to this far from its rim, in its own blurs.
+constexpr double kClearance = 0.5;
+
+double perimeterOf(const SmoothEllipse& e) {
+    const double a = e.majorHalfAxis(), b = e.minorHalfAxis();
+    return std::numbers::pi * (3 * (a + b) - std::sqrt((3 * a + b) * (a + 3 * b)));
+}
+
+double distance(const SmoothEllipse& a, const SmoothEllipse& b) {
+    return std::hypot(a.x - b.x, a.y - b.y) + std::abs(a.s - b.s) + std::hypot(a.e1 - b.e1, a.e2 - b.e2);
+}
+
+NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, std::vector<ResidualSample>& samples) {
+    samples.clear();
+    const auto add = [&](const FlatSums& sums, double level) {
+        if (sums.count >= kFewestForNoise) samples.push_back({level, sums.variance(), sums.count - 1 - kLightTerms});
+    };
+    add(window.inside(), model.inside);
+    add(window.outside(), model.outside);
+    return noiseOf(samples);
+}
+
+/// With the rim's residuals, in five levels: for markers so small that their middle is all blur.
+NoiseModel noiseOfRim(const MarkerWindow& window, const FittedMarker& fitted, const DiscFit& fit,
+                      std::vector<ResidualSample>& samples) {
+    constexpr int kLevels = 5;
+    NoiseModel before = fitted.noise;
+    const DiscModel& model = fitted.outcome.model;
+    noiseOfGround(window, model, samples);
+    std::array<ResidualSample, kLevels> levels{};
+    for (int i = 0; i < window.rimCount(); ++i) {
+        const double level = static_cast<double>(fit.levels()[i]);
+        const double m = (level - model.outside) / model.contrast();
+        ResidualSample& sample = levels[static_cast<std::size_t>(std::clamp(m * kLevels, 0.0, kLevels - 1.0))];
+        const double residual = static_cast<double>(fit.residuals()[i]);
+        sample.count += 1, sample.level += level, sample.variance += residual * residual * before.variance(level);
+    }
+    for (ResidualSample& sample : levels) {
+        if (sample.count < 4) continue;
+        sample.level /= sample.count, sample.variance /= sample.count;
+        // The unknowns of the rim have taken their share of the residuals.
+        const double free = sample.count * (1 - static_cast<double>(kLight) / window.rimCount());
+        samples.push_back({sample.level, sample.variance * sample.count / free, free});
+    }
+    return noiseOf(samples);
+}
+
+bool differs(const NoiseModel& a, const NoiseModel& b, const DiscModel& model) {
+    const double inside = a.variance(model.inside) / b.variance(model.inside);
+    const double outside = a.variance(model.outside) / b.variance(model.outside);
+    return std::max(inside, outside) / std::min(inside, outside) > kNoiseChange;
+}
+
+/// Light of the neighbours at the window's rim pixels, grey levels; false where there is none.
+bool lightOfOthers(const std::vector<KnownNeighbour>& neighbours, const DiscModel& own, FitScratch& scratch) {
+    scratch.known.others.assign(static_cast<std::size_t>(scratch.window.rimCount()), 0.0F);
+    bool any = false;
+    for (const KnownNeighbour& other : neighbours) {
+        if (!other.model || other.gap > kReach * (totalBlur(own.blur) + totalBlur(other.model->blur)) + kSlack)
+            continue;
+        any = true;
+        const SmoothEllipse& e = other.model->ellipse;
+        const double reach = kReach * totalBlur(other.model->blur) + 3;
+        const cv::Point2d half = halfSize(e) + cv::Point2d(reach, reach);
+        const cv::Point from(static_cast<int>(e.x - half.x) - 1, static_cast<int>(e.y - half.y) - 1);
+        const cv::Point to(static_cast<int>(e.x + half.x) + 2, static_cast<int>(e.y + half.y) + 2);
+        scratch.other.reset({from, to});
+        if (!scratch.other.add(e, other.model->blur)) continue;
+        const auto contrast = static_cast<float>(other.model->contrast());
+        const bool around = surrounds(e, own.ellipse);
+        const cv::Rect& box = scratch.other.box();
+        for (const MarkerWindow::Run& run : scratch.window.runs()) {
+            if (run.first < 0) continue;
+            const bool crosses = run.y >= box.y && run.y < box.br().y;
+            float m = 0;
+            int x = box.x;
+            for (int i = 0; i < run.count; ++i) {
+                if (crosses)
+                    for (; x < box.br().x && x <= run.x + i; ++x) m += scratch.other.row(run.y)[x - box.x].step;
+                scratch.known.others[static_cast<std::size_t>(run.first + i)] += contrast * (around ? m - 1 : m);
+            }
+        }
+    }
+    return any;
+}
+
+void listNeighbours(const std::vector<KnownNeighbour>& known, std::vector<Neighbour>& list) {
+    list.clear();
+    for (const KnownNeighbour& other : known) {
+        // Half of the way between the rims, as long as the other's blur is not known.
+        const double half = std::clamp(other.gap / 2, 0.5, 3.0);
+        if (other.model) {
+            const double blur = totalBlur(other.model->blur);
+            list.push_back({other.model->ellipse, kClearance * blur, kReach * blur});
+        } else {
+            list.push_back({other.ellipse, half, half});
+        }
+    }
+}
+
+/// Whether the contrast stands out of the noise, by the pixels of the rim alone.
+bool isFaint(const DiscModel& model, const NoiseModel& noise) {
+    const double c = model.contrast(), variance = noise.variance((model.inside + model.outside) / 2);
+    return c * c * perimeterOf(model.ellipse) * totalBlur(model.blur) < kLeastContrast * kLeastContrast * variance;
+}
+
+/// Why the outcome is not to be believed.
+RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
+    const DiscModel& model = fitted.outcome.model;
+    const double moved = std::hypot(model.ellipse.x - start.x, model.ellipse.y - start.y);
+    if (moved > std::max(kMostMove, kMostMoveShare * start.minorHalfAxis())) return RefinementStatus::notConverged;
+    const double variance = fitted.noise.variance((model.inside + model.outside) / 2);
+    const double length = perimeterOf(model.ellipse), blur = totalBlur(model.blur);
+    if (isFaint(model, fitted.noise)) return RefinementStatus::tooFaint;
+    // A rim that is off by d px RMS leaves c^2 d^2 length / (2 sqrt(pi) blur).
+    const double excess = (fitted.outcome.equations.rimCost - static_cast<double>(fitted.rimPixels)) * variance;
+    const double rimError =
+        std::sqrt(std::max(0.0, excess) * 2 * std::sqrt(std::numbers::pi) * blur / length) / std::abs(model.contrast());
+    return rimError > kMostRimError ? RefinementStatus::notADisc : RefinementStatus::refined;
+}
+
+/// The rim must be wholly on the image.
+bool isOnImage(const SmoothEllipse& ellipse, const cv::Size& size) {
+    const cv::Point2d half = halfSize(ellipse);
+    return ellipse.x - half.x >= 0 && ellipse.x + half.x <= size.width - 1 && ellipse.y - half.y >= 0 &&
+           ellipse.y + half.y <= size.height - 1;
+}
+
+}  // namespace
+
+FittedMarker fitMarker(const cv::Mat& image, const SmoothEllipse& start, const std::vector<KnownNeighbour>& neighbours,
+                       const LightPrior& light, const std::optional<DiscModel>& before, FitScratch& scratch) {
+    FittedMarker result;
+    MarkerWindow& window = scratch.window;
+    if (!isOnImage(start, image.size())) {
+        result.status = RefinementStatus::leavesImage;
+        return result;
+    }
+    listNeighbours(neighbours, scratch.neighbours);
+    const auto guess = before ? before : firstGuess(image, start, scratch.neighbours, window);
+    if (!guess) {
+        result.status = RefinementStatus::tooFaint;
+        return result;
+    }
+    DiscModel model = *guess;
+    DiscFit::Knowledge& known = scratch.known;
+    known.limits = {0, image.depth() == CV_8U ? 255.0 : 65535.0};
+    known.light = light;
+    result.status = RefinementStatus::notConverged;
+    bool knowsNoise = false;
+    for (int round = 0; round < kMostRounds; ++round) {
+        const double reach = kReach * totalBlur(model.blur) + kSlack;
+        const double ground = reach + std::max(kLeastGround, kGroundShare * model.ellipse.s);
+        window.take(image, model.ellipse, reach, ground, scratch.neighbours);
+        if (window.rimShare() < kLeastRimShare) {
+            result.status = neighbours.empty() ? RefinementStatus::leavesImage : RefinementStatus::touchesAnother;
+            return result;
+        }
+        if (!lightOfOthers(neighbours, model, scratch)) known.others.clear();
+        if (!knowsNoise) result.noise = noiseOfGround(window, model, scratch.samples);
+        if (round == 0 && isFaint(model, result.noise)) {
+            result.status = RefinementStatus::tooFaint;
+            return result;
+        }
+        known.noise = result.noise;
+        result.outcome = scratch.fit.fit(window, start, model, known);
+        result.rimPixels = window.rimCount();
+        result.pixels = window.rimCount() + static_cast<int>(window.inside().count + window.outside().count);
+        const DiscModel& now = result.outcome.model;
+        const bool fits = distance(now.ellipse, model.ellipse) < kSlack && kReach * totalBlur(now.blur) < reach;
+        model = now;
+        if (!isOnImage(model.ellipse, image.size())) return result;
+        if (!fits || !result.outcome.converged) continue;
+        if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
+            knowsNoise = true;
+            const NoiseModel better = noiseOfRim(window, result, scratch.fit, scratch.samples);
+            const bool again = differs(better, result.noise, model);
+            if (again) result.noise = better;
+            if (again) continue;
+        }
+        result.status = judge(result, start);
+        return result;
+    }
+    return result;
+}
+
+}  // namespace kestrune::refinement
