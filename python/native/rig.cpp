@@ -65,10 +65,15 @@ HeldRig withSize(const HeldRig& held, int width, int height) {
     return changed;
 }
 
-using State = std::tuple<std::array<std::array<double, 12>, 2>, std::array<std::array<double, 10>, 2>, int, int, int>;
+using Sigmas = std::tuple<std::array<std::array<double, 4>, 2>, std::array<std::array<double, 5>, 2>,
+                          std::array<double, 3>, std::array<double, 3>>;
+using State =
+    std::tuple<std::array<std::array<double, 12>, 2>, std::array<std::array<double, 10>, 2>, int, int, int, Sigmas>;
 
 State stateOf(const HeldRig& held) {
-    State state{{}, {}, held.rig.size.width, held.rig.size.height, held.rig.rectifyFlags};
+    const RigUncertainty& u = held.rig.uncertainty;
+    const Sigmas sigmas{u.cameras, u.distortions, u.rotation, u.translation};
+    State state{{}, {}, held.rig.size.width, held.rig.size.height, held.rig.rectifyFlags, sigmas};
     for (std::size_t eye = 0; eye < 2; ++eye) {
         std::ranges::copy(held.rig.poses[eye].values, std::get<0>(state)[eye].begin());
         std::ranges::copy(held.rig.cameras[eye].values, std::get<1>(state)[eye].begin());
@@ -84,6 +89,8 @@ HeldRig rigOfState(const State& state, const std::string& origin) {
     }
     held.rig.size = {std::get<2>(state), std::get<3>(state)};
     held.rig.rectifyFlags = std::get<4>(state);
+    RigUncertainty& u = held.rig.uncertainty;
+    std::tie(u.cameras, u.distortions, u.rotation, u.translation) = std::get<5>(state);
     return held;
 }
 

@@ -115,6 +115,7 @@ TEST(RigFile, KeepsEveryNumberAndTellsLines) {
     EXPECT_EQ(again.rectifyFlags, 0);
     for (std::size_t eye = 0; eye < 2; ++eye)
         EXPECT_TRUE(std::equal(rig.cameras[eye].values, rig.cameras[eye].values + 10, again.cameras[eye].values));
+    EXPECT_EQ(readText("rig.yaml").find("sigma"), std::string::npos);
     std::string text = readText("rig.yaml");
     const auto at = text.find("\nD2:");
     const long line = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n') + 2;
@@ -136,6 +137,51 @@ TEST(RigFile, KeepsEveryNumberAndTellsLines) {
         rigOf(broken);
     });
     EXPECT_TRUE(what.starts_with("rig: field 'R' is no rotation")) << what;
+}
+
+/// Standard deviations are optional in both forms, as lists or matrices, and go through files.
+TEST(RigFile, HoldsItsUncertainty) {
+    enterOwnDirectory();
+    const auto numbersOf = [](const RigUncertainty& u) {
+        std::vector<double> all;
+        for (const auto& list : u.cameras) all.insert(all.end(), list.begin(), list.end());
+        for (const auto& list : u.distortions) all.insert(all.end(), list.begin(), list.end());
+        all.insert(all.end(), u.rotation.begin(), u.rotation.end());
+        all.insert(all.end(), u.translation.begin(), u.translation.end());
+        return all;
+    };
+    writeRig("rig.yaml", scene::makeVergedRig({640, 480}));
+    const std::string matrices = readText("rig.yaml"),
+                      records =
+                          "%YAML:1.0\n---\n"
+                          "cameras:\n   left: { fx: 700., fy: 700., cx: 320., cy: 240., distortion: [ 0, 0, 0, 0 ] }\n"
+                          "   right: { fx: 700., fy: 700., cx: 320., cy: 240., distortion: [ 0, 0, 0, 0 ] }\n"
+                          "poses:\n   left: { rotation: [ 1, 0, 0, 0, 1, 0, 0, 0, 1 ], position: [ 0, 0, 0 ] }\n"
+                          "   right: { rotation: [ 1, 0, 0, 0, 1, 0, 0, 0, 1 ], position: [ 100, 0, 0 ] }\n";
+    const std::string sigmas =
+        "M1_sigma: [ 0.5, 0.6, 0.7, 0.8 ]\nD2_sigma: [ 1e-3, 2e-3, 3e-3, 4e-3, 5e-3, 0, 0, 0 ]\nR_sigma: [ 1e-4, 2e-4, 3e-4 ]\n"
+        "T_sigma: !!opencv-matrix\n   rows: 3\n   cols: 1\n   dt: d\n   data: [ 0.1, 0.2, 0.3 ]\n";
+    const std::vector<double> expected = {0.5, 0.6,  0.7,  0.8,  0,    0,    0,    0,    0,    0,   0,   0,
+                                          0,   1e-3, 2e-3, 3e-3, 4e-3, 5e-3, 1e-4, 2e-4, 3e-4, 0.1, 0.2, 0.3};
+    for (const std::string& form : {matrices, records}) {
+        std::ofstream("given.yaml") << form << sigmas;
+        const Rig rig = readRig("given.yaml");
+        EXPECT_EQ(numbersOf(rig.uncertainty), expected);
+        kestrune::writeRig("again.yaml", rig);
+        EXPECT_EQ(numbersOf(readRig("again.yaml").uncertainty), expected);
+        const long line = std::count(form.begin(), form.end(), '\n') + 1;
+        const std::pair<std::string, std::string> cases[] = {
+            {"M1_sigma: [ 1, 2, 3 ]", "'M1_sigma' is no list of numbers of 4"},
+            {"M2_sigma: [ 1, 2, 3, x ]", "'M2_sigma' holds a value that is no finite number"},
+            {"D1_sigma: [ 1, 2, 3, 4, -5 ]", "'D1_sigma' holds a negative number"},
+            {"D1_sigma: [ 1, 2, 3, 4, 5, 6, 0, 0 ]", "'D1_sigma': only the first 5 can be other than 0"},
+            {"R_sigma: 1e-4", "'R_sigma' is no list of numbers of 3"},
+            {"T_sigma: !!opencv-matrix\n   rows: 2\n   cols: 1\n   dt: d\n   data: [ 1, 2 ]", "'T_sigma' holds 2 numbers, not 3"},
+            {"T_sigma: { x: 1 }", "'T_sigma': "}};
+        for (const auto& [text, what] : cases)
+            expectComplaint(
+                form + text + "\n", [](const std::string& file) { readRig(file); }, cv::format("line %ld: field ", line) + what);
+    }
 }
 
 }  // namespace kestrune::measure::settings_writing_test

@@ -191,6 +191,11 @@ def test_settings_and_rigs_come_from_files_and_from_values(rig, tmp_path):
     np.testing.assert_allclose(made.translation, rig.translation, rtol=1e-14)
     assert made.size == (640, 512) and np.array_equal(made.left_distortion, rig.left_distortion)
     assert rig.with_size(9, 8).size == (9, 8) and rig.with_size(*rig.size) == rig
+    rig.write(tmp_path / "r.yaml")
+    plain = (tmp_path / "r.yaml").read_text()
+    (tmp_path / "r.yaml").write_text(plain + "R_sigma: [ 1e-4, 0., 0. ]\n")
+    known = Rig.read(tmp_path / "r.yaml")
+    assert known != rig and pickle.loads(pickle.dumps(known)) == known
 
 
 def test_settings_for_stereo_alone_serve_stereo_alone(rig, eyes, tmp_path):

@@ -111,6 +111,18 @@ class RigReader {
         return 0;
     }
 
+    /// Each is optional, in either form.
+    RigUncertainty uncertainty() {
+        RigUncertainty result;
+        for (std::size_t eye = 0; eye < 2; ++eye) {
+            sigmas(fmt::format("M{}_sigma", eye + 1), {4}, result.cameras[eye]);
+            sigmas(fmt::format("D{}_sigma", eye + 1), {4, 5, 8, 12, 14}, result.distortions[eye]);
+        }
+        sigmas("R_sigma", {3}, result.rotation);
+        sigmas("T_sigma", {3}, result.translation);
+        return result;
+    }
+
     void finish() const {
         std::string text;
         for (const std::string& p : problems_) text += (text.empty() ? "" : "\n" + file_ + ": ") + p;
@@ -160,6 +172,30 @@ class RigReader {
             return {};
         }
         return finite(name, values) ? values : std::vector<double>();
+    }
+
+    /// Standard deviations, as a list or as a matrix of one row or column; what there are more than are held must be 0.
+    template <std::size_t count>
+    void sigmas(const std::string& name, const std::vector<std::size_t>& lengths, std::array<double, count>& held) {
+        if (!has(name)) return;
+        std::vector<double> values;
+        if (root_[name].isMap()) {
+            const cv::Mat given = matrix(name);
+            if (given.empty()) return;
+            values.assign(given.begin<double>(), given.end<double>());
+            if (std::find(lengths.begin(), lengths.end(), values.size()) == lengths.end())
+                return problem(name,
+                               fmt::format(" holds {} numbers, not {}", values.size(), fmt::join(lengths, " or ")));
+        } else {
+            values = numbers(name, root_[name], lengths, false);
+        }
+        const bool isNegative = std::any_of(values.begin(), values.end(), [](double v) { return v < 0; });
+        if (isNegative) return problem(name, " holds a negative number: standard deviations are wanted");
+        const std::size_t kept = std::min(values.size(), count);
+        if (std::any_of(values.begin() + static_cast<std::ptrdiff_t>(kept), values.end(),
+                        [](double v) { return v != 0; }))
+            return problem(name, fmt::format(": only the first {} can be other than 0", count));
+        std::copy_n(values.begin(), kept, held.begin());
     }
 
     cv::Mat matrix(const std::string& name) {
@@ -282,8 +318,16 @@ Rig rigFrom(RigReader reader) {
     rig.poses = reader.poses();
     rig.size = reader.imageSize();
     rig.rectifyFlags = reader.rectifyFlags();
+    rig.uncertainty = reader.uncertainty();
     reader.finish();
     return rig;
+}
+
+/// Nothing for zeros, which are what is read where there is nothing.
+template <std::size_t count>
+void writeSigmas(cv::FileStorage& storage, const std::string& name, const std::array<double, count>& values) {
+    if (std::all_of(values.begin(), values.end(), [](double v) { return v == 0; })) return;
+    storage << name << cv::Mat(1, static_cast<int>(count), CV_64F, const_cast<double*>(values.data()));
 }
 
 /// As OpenCV's stereo calibration writes it.
@@ -296,6 +340,13 @@ std::string yamlOf(const RigMatrices& matrices) {
         storage << fmt::format("M{}", eye + 1) << camera.matrix << fmt::format("D{}", eye + 1) << camera.distortion;
     }
     storage << "R" << matrices.rotation << "T" << matrices.translation << "rectify_flags" << matrices.rectifyFlags;
+    const RigUncertainty& u = matrices.uncertainty;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        writeSigmas(storage, fmt::format("M{}_sigma", eye + 1), u.cameras[eye]);
+        writeSigmas(storage, fmt::format("D{}_sigma", eye + 1), u.distortions[eye]);
+    }
+    writeSigmas(storage, "R_sigma", u.rotation);
+    writeSigmas(storage, "T_sigma", u.translation);
     return storage.releaseAndGetString();
 }
 
@@ -328,7 +379,8 @@ RigMatrices matricesOf(const Rig& rig) {
             cv::Mat(turn(1) * turn(0).t()),
             cv::Mat(turn(1) * (place(0) - place(1))),
             rig.size,
-            rig.rectifyFlags};
+            rig.rectifyFlags,
+            rig.uncertainty};
 }
 
 void writeRig(const std::string& file, const Rig& rig) {

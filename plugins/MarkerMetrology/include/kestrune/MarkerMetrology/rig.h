@@ -31,12 +31,21 @@ using Cameras = std::array<Camera, 2>;
 /// @throws InputError  with a line for each field that is missing or wrong.
 KESTRUNE_API Cameras readCameras(const std::string& file, int eye);
 
+/// How well a calibration knows its numbers: standard deviations, as if each were off by itself. 0 where none is known.
+struct RigUncertainty {
+    std::array<std::array<double, 4>, 2> cameras{};      ///< left, right: of fx, fy, cx, cy, px
+    std::array<std::array<double, 5>, 2> distortions{};  ///< of k1, k2, p1, p2, k3
+    std::array<double, 3> rotation{};     ///< of the rotation vector of R, from left to right camera, rad
+    std::array<double, 3> translation{};  ///< of T, unit of the points
+};
+
 /// What the calibration intake takes, left and right.
 struct Rig {
     std::array<Pose_<double>, 2> poses;            ///< A point X of the world is A (X - c) to an eye: 9 of A, 3 of c.
     std::array<Camera_<double, 2, 2>, 2> cameras;  ///< fx, fy, cx, cy, k1, k2, p1, p2, k3; px
     cv::Size size;                                 ///< of the images, px; empty where the file does not tell
     int rectifyFlags = 0;                          ///< `flags` of `cv::stereoRectify`
+    RigUncertainty uncertainty{};                  ///< of `matricesOf` the rig
 };
 
 /// Reads a calibration file of either form.
@@ -58,13 +67,14 @@ struct RigMatrices {
     cv::Mat translation;   ///< T, 3 by 1 or 1 by 3, unit of the points
     cv::Size size{};       ///< of the images, px; empty where it is not known
     int rectifyFlags = 0;  ///< `flags` of `cv::stereoRectify`
+    RigUncertainty uncertainty{};
 };
 
 /// The rig of these matrices.
 ///
 /// @param matrices  of both eyes; R and T must be there, the size may be empty.
 /// @param origin    stands for a file in the texts of errors.
-/// @throws InputError  as `readRig`, by the names of OpenCV's file: M1, D1, M2, D2, R, T.
+/// @throws InputError  as `readRig`, by the names of OpenCV's file: M1, D1, M2, D2, R, T, M1_sigma, ...
 KESTRUNE_API Rig rigOf(const RigMatrices& matrices, const std::string& origin = "rig");
 
 /// The matrices of a rig.
