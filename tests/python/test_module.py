@@ -269,7 +269,7 @@ def test_one_extractor_serves_many_threads_and_leaves_the_interpreter_free(rig, 
         ticks.append(len(results))
         time.sleep(0.0005)
     assert len(results) == 20 and all(result == expected for result in results)
-    assert len(ticks) > 20  # this thread ran all the while
+    assert max(map(ticks.count, range(20))) > 2  # this thread ran while calls did, and not only between them
 
 
 def test_tables_go_to_pandas(eyes):

@@ -15,10 +15,10 @@ namespace kestrune {
 /// A disc in the frame of the left camera (x right, y down, z away), in the unit of the rig's positions.
 struct DiscEstimate {
     bool found =
-        false;         ///< false: the two ellipses are no image of one disc in front of both eyes; nothing else is set
-    cv::Vec3d centre;  ///< of the disc, not of its images
-    cv::Vec3d normal;  ///< unit, towards the cameras
-    double radius = 0;
+        false;          ///< false: the two ellipses are no image of one disc in front of both eyes; nothing else is set
+    cv::Vec3d centre;   ///< of the disc, not of its images
+    cv::Vec3d normal;   ///< unit, towards the cameras
+    double radius = 0;  ///< unit of the rig's positions
 
     /// Of (centre x, y, z, turn of the normal about `tangents[0]` and `tangents[1]` in radians, radius).
     cv::Matx<double, 6, 6> covariance = cv::Matx<double, 6, 6>::zeros();
@@ -32,9 +32,10 @@ struct DiscEstimate {
     /// one disc seen rightly by a right calibration.
     double chiSquare = 0;
 
+    /// Of x, y and z, by what both eyes saw alone.
     cv::Matx33d centreCovariance() const { return covariance.get_minor<3, 3>(0, 0); }
     cv::Matx33d normalCovariance() const;  ///< of the unit vector, of rank 2
-    double radiusSigma() const;
+    double radiusSigma() const;            ///< standard deviation of the radius
 };
 
 /// The most likely disc for what both eyes saw (maximum likelihood): Gauss-Newton on centre, normal and radius against

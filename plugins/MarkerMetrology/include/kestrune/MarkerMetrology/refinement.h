@@ -33,8 +33,8 @@ KESTRUNE_API const char* nameOf(RefinementStatus status);
 /// A marker with its uncertainty. One that was not refined has the ellipse of its record, no light, blur or levels
 /// (NaN), and a covariance that covers what the paths are known to be off by.
 struct MarkerEstimate {
-    RefinementStatus status = RefinementStatus::noOutline;
-    cv::Point2d centre;        ///< of the rim's ellipse, px
+    RefinementStatus status = RefinementStatus::noOutline;  ///< whether it was refined, or why not
+    cv::Point2d centre;                                     ///< of the rim's ellipse, px
     double majorHalfAxis = 0;  ///< px; where a blurred step is half way up, in the limit of a sharp image
     double minorHalfAxis = 0;  ///< px
     double angle = 0;          ///< of the major axis, from x towards y, radians in [0, pi)
@@ -52,17 +52,21 @@ struct MarkerEstimate {
     /// px and grey levels. All zero but the first five by five for a marker that was not refined.
     cv::Matx<double, 8, 8> covariance = cv::Matx<double, 8, 8>::zeros();
 
+    /// Whether the fit is believed.
     bool isRefined() const { return status == RefinementStatus::refined; }
     cv::Matx22d centreCovariance() const { return covariance.get_minor<2, 2>(0, 0); }  ///< of x and y, px^2
+    /// Of x, y, s, e1 and e2, px^2.
     cv::Matx<double, 5, 5> ellipseCovariance() const { return covariance.get_minor<5, 5>(0, 0); }
 };
 
-/// Standard deviations of half axes and angle, by the covariance; the angle's is pi / sqrt(12), that of no knowledge,
-/// where the marker is too round for one.
+/// Standard deviations of half axes and angle.
 struct AxisSigmas {
-    double major, minor;  ///< px
-    double angle;         ///< radians
+    double major;  ///< of the larger half axis, px
+    double minor;  ///< of the smaller one, px
+    double angle;  ///< radians
 };
+
+/// By the estimate's covariance. The angle's is at most pi / sqrt(12), that of no knowledge: a round marker has none.
 KESTRUNE_API AxisSigmas axisSigmas(const MarkerEstimate& estimate);
 
 /// How the records are to be read, and what the fit may use.

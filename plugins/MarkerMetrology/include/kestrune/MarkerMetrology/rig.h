@@ -45,7 +45,8 @@ struct Rig {
     std::array<Camera_<double, 2, 2>, 2> cameras;  ///< fx, fy, cx, cy, k1, k2, p1, p2, k3; px
     cv::Size size;                                 ///< of the images, px; empty where the file does not tell
     int rectifyFlags = 0;                          ///< `flags` of `cv::stereoRectify`
-    RigUncertainty uncertainty{};                  ///< of `matricesOf` the rig
+    RigUncertainty uncertainty{};  ///< of all of these; zero where the calibration tells none                  ///< of
+                                   ///< `matricesOf` the rig
 };
 
 /// Reads a calibration file of either form.
@@ -64,10 +65,10 @@ struct RigMatrices {
     Cameras cameras;   ///< the distortion of each may have the 4, 5, 8, 12 or 14 coefficients of OpenCV, of which those
                        ///< behind the fifth must be 0
     cv::Mat rotation;  ///< R, 3 by 3: a point X in left camera coordinates is R X + T in right ones
-    cv::Mat translation;   ///< T, 3 by 1 or 1 by 3, unit of the points
-    cv::Size size{};       ///< of the images, px; empty where it is not known
-    int rectifyFlags = 0;  ///< `flags` of `cv::stereoRectify`
-    RigUncertainty uncertainty{};
+    cv::Mat translation;           ///< T, 3 by 1 or 1 by 3, unit of the points
+    cv::Size size{};               ///< of the images, px; empty where it is not known
+    int rectifyFlags = 0;          ///< `flags` of `cv::stereoRectify`
+    RigUncertainty uncertainty{};  ///< of all of these; zero where the calibration tells none
 };
 
 /// The rig of these matrices.
