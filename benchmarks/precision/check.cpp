@@ -8,7 +8,7 @@
 #include <numbers>
 #include <string>
 
-#include "scene.h"
+#include "bound.h"
 
 namespace kestrune::bench {
 namespace {

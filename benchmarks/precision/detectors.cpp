@@ -45,13 +45,16 @@ double meanHalfAxisOf(const Corner& corner) {
 
 Findings findingsOf(const Scene& scene, const std::vector<Corner>& corners, bool isUndistorted) {
     Findings findings;
-    for (const Corner& corner : corners)
-        findings.found.push_back({.centre = {corner.x, corner.y}, .meanHalfAxis = meanHalfAxisOf(corner)});
+    for (const Corner& corner : corners) {
+        const cv::Point2d centre(corner.x, corner.y);
+        findings.found.push_back({.centre = scene.lens && !isUndistorted ? scene.lens->inverse(centre) : centre,
+                                  .meanHalfAxis = meanHalfAxisOf(corner)});
+    }
     RefinementOptions options;
     const Camera camera{scene.cameraMatrix(), scene.distortion(), scene.image.size()};
     if (isUndistorted) options.camera = camera;
     for (const MarkerEstimate& estimate : refineMarkers(scene.image, corners, options)) {
-        const MarkerEstimate final = isUndistorted ? undistorted(estimate, camera) : estimate;
+        const MarkerEstimate final = scene.lens ? undistorted(estimate, camera) : estimate;
         findings.refined.push_back({.centre = final.centre,
                                     .meanHalfAxis = 0.5 * (final.majorHalfAxis + final.minorHalfAxis),
                                     .estimate = final});

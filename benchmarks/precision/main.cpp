@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bound.h"
 #include "check.h"
 #include "kinds.h"
 #include "tables.h"
@@ -23,12 +24,13 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: kestrune_precision [--kinds even|shading|halo|neighbours|occlusion|lens|polarity|shot|all] [--markers N]\n"
-    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX] [--each] [--csv FILE]\n"
+    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX | --ideal] [--each] [--csv FILE]\n"
     "       kestrune_precision --check\n"
     "  --kinds    families of kinds, separated by commas (all)\n"
     "  --markers  of each kind (100)\n"
     "  --radius   only kinds of this radius\n"
     "  --perturb  refine true ellipses with this error instead of what paths and OpenCV's detectors find\n"
+    "  --ideal    a fit of the renderer's own image from the truth instead: as good as it gets\n"
     "  --each     a row for each kind\n"
     "  --check    the rendered images and the bound against closed forms and plain sums\n"
     "  --csv      writes one, a line for each kind and detector\n";
@@ -38,15 +40,19 @@ struct Options {
     int markers = 100, threads = 1;
     unsigned seed = 1;
     double perturb = 0, radius = 0;
-    bool each = false, check = false;
+    bool each = false, check = false, ideal = false;
 };
 
 Options parse(int argc, char** argv) {
     Options options;
     for (int k = 1; k < argc; ++k) {
         const std::string name = argv[k];
-        if (name == "--each" || name == "--check") {
-            (name == "--each" ? options.each : options.check) = true;
+        bool* const flag = name == "--each"    ? &options.each
+                           : name == "--check" ? &options.check
+                           : name == "--ideal" ? &options.ideal
+                                               : nullptr;
+        if (flag != nullptr) {
+            *flag = true;
             continue;
         }
         if (k + 1 == argc) throw std::invalid_argument(fmt::format("{} is no option, or lacks its value", name));
@@ -88,7 +94,9 @@ int run(const Options& options) {
     if (options.check) return checkPictures() ? 0 : 1;
     const std::vector<Kind> kinds = chosenKinds(options);
     std::vector<Detector> detectors;
-    if (options.perturb > 0) {
+    if (options.ideal) {
+        detectors.push_back(idealFit());
+    } else if (options.perturb > 0) {
         detectors.push_back(perturbedTruth(options.perturb));
     } else {
         for (const Detector& detector : pathDetectors()) detectors.push_back(detector);

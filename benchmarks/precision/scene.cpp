@@ -10,11 +10,11 @@ namespace {
 constexpr int kSide = 800;                                ///< px; an image has about this width
 constexpr double kFreeGround = 8;                         ///< px about a marker and what is blurred of it
 constexpr double kGap = 3;                                ///< px between the rims of a pair
+constexpr double kFreeShare = 0.6;                        ///< of the radius, added to that
 constexpr double kFocal = 1000;                           ///< px
 constexpr double kCoveredFrom = 0.6;                      ///< of the radius: a fifth of the diameter is behind it
 constexpr double kCoverHalfWidth = 1.3, kCoverEnd = 1.5;  ///< of what covers, radii
 constexpr double kThirdLevel = 0.5;                       ///< its grey, of the way from ground to marker
-constexpr double kDifference = 0.01;                      ///< px, of the derivatives
 
 double uniform(std::mt19937_64& random, double low, double high) {
     return std::uniform_real_distribution<double>(low, high)(random);
@@ -48,7 +48,7 @@ struct Grid {
 };
 
 Grid gridFor(const Kind& kind, const Blur& blur) {
-    const double free = kFreeGround + 2.5 * blur.widest();
+    const double free = kFreeGround + 2.5 * blur.widest() + kFreeShare * kind.radius;
     double extent = 2 * kind.radius;
     if (kind.pairs) extent += 2 * kind.minorHalfAxis() + kGap;
     if (kind.cover == Cover::third) extent = 2 * kind.radius * kCoverEnd;
@@ -134,16 +134,6 @@ cv::Mat1d meanOf(const Scene& scene, const cv::Size& size) {
     return image;
 }
 
-/// Share of each pixel of the window that a marker with these parameters covers.
-cv::Mat1d areaIn(const cv::Rect& window, const Scene& scene, const TrueMarker& marker,
-                 const std::array<double, 6>& parameters) {
-    const auto& [x, y, s, e1, e2, sigma] = parameters;
-    cv::Mat1d area(window.size(), 0.0);
-    const Blur blur{sigma, scene.blur.halo};
-    addArea(area, window.tl(), outlineOf({x, y, s, e1, e2}, marker.covered, scene.lens, sigma), blur, 1);
-    return area;
-}
-
 }  // namespace
 
 cv::Mat Scene::cameraMatrix() const {
@@ -179,40 +169,6 @@ Scene makeScene(const Kind& kind, int most, std::mt19937_64& random) {
     scene.mean = meanOf(scene, size);
     scene.image = exposed(scene.mean, {kind.noise, kind.shot}, kind.bits, random);
     return scene;
-}
-
-double roundingVariance(const Kind& kind) {
-    const double step = kind.bits == 8 ? 1 : 1.0 / 256;
-    return step * step / 12;
-}
-
-cv::Matx<double, 8, 8> bound(const Scene& scene, const TrueMarker& marker, double roundingVariance) {
-    const cv::Rect window = scene.windowOf(marker.ellipse);
-    const Ellipse& e = marker.ellipse;
-    const std::array<double, 6> at{e.x, e.y, e.s, e.e1, e.e2, scene.blur.sigma};
-    const double step = scene.kind.inside() - scene.kind.ground();
-    const cv::Mat1d area = areaIn(window, scene, marker, at);
-    std::array<cv::Mat1d, 8> derivatives;
-    for (std::size_t k = 0; k < at.size(); ++k) {
-        std::array<double, 6> up = at, down = at;
-        up[k] += kDifference, down[k] -= kDifference;
-        const cv::Mat difference = areaIn(window, scene, marker, up) - areaIn(window, scene, marker, down);
-        derivatives[k < 5 ? k : 7] = difference * (step / (2 * kDifference));
-    }
-    derivatives[5] = area;
-    derivatives[6] = cv::Mat(1 - area);
-
-    const Noise noise{scene.kind.noise, scene.kind.shot};
-    cv::Matx<double, 8, 8> information = cv::Matx<double, 8, 8>::zeros();
-    for (int y = 0; y < window.height; ++y)
-        for (int x = 0; x < window.width; ++x) {
-            const double light = scene.light(x + window.x, y + window.y);
-            const double variance = noise.variance(scene.mean(y + window.y, x + window.x)) + roundingVariance;
-            cv::Vec<double, 8> row;
-            for (int k = 0; k < 8; ++k) row[k] = derivatives[static_cast<std::size_t>(k)](y, x) * light;
-            information += row * row.t() * (1 / variance);
-        }
-    return information.inv(cv::DECOMP_CHOLESKY);
 }
 
 }  // namespace kestrune::bench

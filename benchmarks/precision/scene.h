@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Markers of one kind in one image, at random places on a grid, and the bound of what can be known of them.
+// Markers of one kind in one image, at random places on a grid.
 #pragma once
 
 #include <optional>
@@ -36,14 +36,5 @@ struct Scene {
 
 /// At most `most` markers of this kind, as many as an image of moderate size holds.
 Scene makeScene(const Kind& kind, int most, std::mt19937_64& random);
-
-/// Covariance, by the inverse of the Fisher information, of (x, y, s, e1, e2, inside, outside, blur) of a marker whose
-/// pixels tell nothing else: light, halo and neighbours are known. Derivatives by differences of the rendered image.
-///
-/// @param roundingVariance  of a pixel, beside that of the noise, grey levels^2.
-cv::Matx<double, 8, 8> bound(const Scene& scene, const TrueMarker& marker, double roundingVariance);
-
-/// Of rounding to whole grey levels or to those of 16 bits.
-double roundingVariance(const Kind& kind);
 
 }  // namespace kestrune::bench

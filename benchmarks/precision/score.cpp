@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "bound.h"
+
 namespace kestrune::bench {
 namespace {
 
@@ -86,7 +88,7 @@ struct LimitSums {
         for (const TrueMarker& marker : scene.markers) {
             if (markers == kBoundMarkers) return;
             ++markers;
-            const auto real = bound(scene, marker, roundingVariance(scene.kind)), exact = bound(scene, marker, 0);
+            const Matrix8 real = bound(scene, marker, roundingVariance(scene.kind)), exact = bound(scene, marker, 0);
             centre += 0.5 * (real(0, 0) + real(1, 1));
             centreExact += 0.5 * (exact(0, 0) + exact(1, 1));
             radius += real(2, 2);
