@@ -24,7 +24,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: kestrune_precision [--kinds even|shading|halo|neighbours|occlusion|lens|polarity|shot|all] [--markers N]\n"
-    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX | --ideal] [--each] [--csv FILE]\n"
+    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX | --ideal] [--each] [--csv FILE] "
+    "[--plot FILE]\n"
     "       kestrune_precision --check\n"
     "  --kinds    families of kinds, separated by commas (all)\n"
     "  --markers  of each kind (100)\n"
@@ -33,10 +34,11 @@ constexpr const char* kUsage =
     "  --ideal    a fit of the renderer's own image from the truth instead: as good as it gets\n"
     "  --each     a row for each kind\n"
     "  --check    the rendered images and the bound against closed forms and plain sums\n"
-    "  --csv      writes one, a line for each kind and detector\n";
+    "  --csv      writes one, a line for each kind and detector\n"
+    "  --plot     writes a picture (SVG) of the even kinds\n";
 
 struct Options {
-    std::string kinds = "all", csv;
+    std::string kinds = "all", csv, plot;
     int markers = 100, threads = 1;
     unsigned seed = 1;
     double perturb = 0, radius = 0;
@@ -61,6 +63,8 @@ Options parse(int argc, char** argv) {
             options.kinds = value;
         else if (name == "--csv")
             options.csv = value;
+        else if (name == "--plot")
+            options.plot = value;
         else if (name == "--markers")
             options.markers = std::stoi(value);
         else if (name == "--threads")
@@ -121,6 +125,7 @@ int run(const Options& options) {
     for (const auto& part : rowsOf) rows.insert(rows.end(), part.begin(), part.end());
     printTables(rows, options.each);
     if (!options.csv.empty()) writeCsv(options.csv, rows);
+    if (!options.plot.empty()) plotRatios(options.plot, rows);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
     fmt::print(stderr, "{} kinds, {} markers each, {:.1f} s\n", kinds.size(), options.markers, taken.count());
     return 0;

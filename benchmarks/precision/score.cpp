@@ -12,6 +12,8 @@ namespace {
 constexpr double kHitRadius = 2;   ///< px: a detection farther away is of something else
 constexpr int kBoundMarkers = 16;  ///< of which the bound is averaged over places in the pixel and angles
 
+constexpr double kBeyond = 4.5;  ///< sigmas of the centre: one right error in 25000 is larger
+
 constexpr int kNone = -1;
 
 /// The marker of each detection, nearest pairs first, each used once.
@@ -49,6 +51,9 @@ void addNormalised(Score& score, const TrueMarker& truth, const MarkerEstimate& 
                                    measured.e1 - right.e1, measured.e2 - right.e2};
     const cv::Matx<double, 5, 5> covariance = estimate.ellipseCovariance();
     score.normalisedCentre += error[0] * error[0] / covariance(0, 0) + error[1] * error[1] / covariance(1, 1);
+    const cv::Vec2d off(error[0], error[1]);
+    const double distance = off.dot(estimate.centreCovariance().inv() * off);
+    if (distance > kBeyond * kBeyond) ++score.beyond;
     score.normalisedRadius += error[2] * error[2] / covariance(2, 2);
     score.chiSquare += (error.t() * covariance.inv() * error)[0];
 }
@@ -84,9 +89,12 @@ struct LimitSums {
     int markers = 0;
     double centre = 0, centreExact = 0, radius = 0, leastAxis = 0;
 
+    /// Of markers from all over the scene, as the lens and the light change the bound with the place.
     void add(const Scene& scene) {
-        for (const TrueMarker& marker : scene.markers) {
-            if (markers == kBoundMarkers) return;
+        if (markers >= kBoundMarkers) return;
+        const std::size_t step = (scene.markers.size() + kBoundMarkers - 1) / kBoundMarkers;
+        for (std::size_t k = 0; k < scene.markers.size(); k += step) {
+            const TrueMarker& marker = scene.markers[k];
             ++markers;
             const Matrix8 real = bound(scene, marker, roundingVariance(scene.kind)), exact = bound(scene, marker, 0);
             centre += 0.5 * (real(0, 0) + real(1, 1));

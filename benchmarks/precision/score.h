@@ -22,6 +22,7 @@ struct Score {
     double squares = 0, along = 0;               ///< of the centre's error; the error towards `direction`; px
     cv::Point2d sum;                             ///< of the centre's error, px
     double radiusSum = 0, radiusSquares = 0;     ///< of the mean half axis' error
+    int beyond = 0;                              ///< centres farther off than 4.5 of their sigmas
     double normalisedCentre = 0;                 ///< sum over both coordinates of (error / sigma)^2
     double normalisedRadius = 0, chiSquare = 0;  ///< the same of the mean half axis; of the five with their covariance
 
@@ -43,6 +44,8 @@ struct Row {
     Score score;
     Limits limits;
 
+    /// Whether errors are small enough for a bound that is one of small errors.
+    bool isBounded() const { return limits.leastAxis < 0.1; }
     double ratio() const { return score.rms() / limits.centre; }
     double radiusError() const;       ///< mean, px
     double normalisedCentre() const;  ///< RMS of error over sigma

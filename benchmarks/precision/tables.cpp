@@ -12,106 +12,133 @@
 namespace kestrune::bench {
 namespace {
 
-// A bound is that of small errors. Where it leaves the half axes this uncertain, errors are not small.
-constexpr double kLeastKnown = 0.1;
+// Kinds of which less is found tell no ratio.
+constexpr int kLeastJudged = 8;
 
-bool isBounded(const Row& row) {
-    return row.limits.leastAxis < kLeastKnown;
+double mean(const std::vector<double>& values) {
+    double sum = 0;
+    for (const double value : values) sum += value;
+    return sum / static_cast<double>(values.size());
 }
 
-/// All kinds of a group, of one detector.
+double rootMeanSquare(std::vector<double> values) {
+    for (double& value : values) value *= value;
+    return std::sqrt(mean(values));
+}
+
+double largest(const std::vector<double>& values) {
+    double most = 0;
+    for (const double value : values) most = std::max(most, std::abs(value));
+    return most;
+}
+
+/// One detector on all kinds of a group, with or without refinement.
 struct Summary {
-    int kinds = 0, markers = 0, judged = 0, wrong = 0, empty = 0;
-    double ratios = 0, worst = 0, along = 0, mostAlong = 0, radius = 0, mostRadius = 0;
-    double centre = 0, mean = 0, ellipse = 0;
-    std::string worstName;
+    int markers = 0, judged = 0, wrong = 0, beyond = 0;
+    std::vector<double> ratios, biases, radii, centre, radius, ellipse;  ///< of each kind
+    std::string worst;
 
     void add(const Row& row) {
-        markers += row.score.markers, judged += row.score.judged, wrong += row.score.wrong;
-        if (row.score.judged == 0) {
-            ++empty;
-            return;
-        }
-        ++kinds;
-        const double ratio = row.ratio(), bias = row.score.along / row.score.judged;
-        ratios += ratio * ratio;
-        if (ratio > worst) {
-            worst = ratio;
-            worstName = fmt::format("r {:g}, blur {:g}, tilt {:g}, {}", row.kind.radius, row.kind.blur, row.kind.tilt,
-                                    row.kind.name);
-        }
-        mostAlong = std::max(mostAlong, std::abs(bias));
-        along += bias;
-        if (row.score.radii > 0) {
-            radius += row.radiusError();
-            mostRadius = std::max(mostRadius, std::abs(row.radiusError()));
-        }
-        centre += row.normalisedCentre() * row.normalisedCentre();
-        mean += row.normalisedRadius() * row.normalisedRadius();
-        ellipse += row.normalisedEllipse() * row.normalisedEllipse();
+        const Score& score = row.score;
+        markers += score.markers, judged += score.judged, wrong += score.wrong, beyond += score.beyond;
+        if (score.judged < kLeastJudged) return;
+        if (ratios.empty() || row.ratio() > *std::max_element(ratios.begin(), ratios.end()))
+            worst = fmt::format("r {:g}, blur {:g}, tilt {:g}, {}", row.kind.radius, row.kind.blur, row.kind.tilt,
+                                row.kind.name);
+        ratios.push_back(row.ratio());
+        biases.push_back(score.along / score.judged);
+        if (score.radii > 0) radii.push_back(row.radiusError());
+        centre.push_back(row.normalisedCentre());
+        radius.push_back(row.normalisedRadius());
+        ellipse.push_back(row.normalisedEllipse());
     }
-    std::string text(bool refined) const {
-        if (kinds == 0) return "0 | | | | | | | | |";
-        const double n = kinds;
-        std::string line =
-            fmt::format("{:.1f} | {} | {:.4f} | {:.4f} | {:.4f} | {:.4f} | {:.2f} | {:.2f} |", 100.0 * judged / markers,
-                        wrong, along / n, mostAlong, radius / n, mostRadius, std::sqrt(ratios / n), worst);
-        if (!refined) return line + " |";
-        return line + fmt::format(" {:.2f}, {:.2f}, {:.2f} |", std::sqrt(centre / n), std::sqrt(mean / n),
-                                  std::sqrt(ellipse / n));
+    /// Share, ratios, bias, radius.
+    std::string errors() const {
+        const std::string share = markers > 0 ? fmt::format("{:.1f}", 100.0 * judged / markers) : "";
+        if (ratios.empty()) return share + " | | |";
+        return fmt::format("{} | {:.2f}, {:.2f}, {:.2f} | {:.4f} | {}", share, median(ratios), rootMeanSquare(ratios),
+                           largest(ratios), largest(biases),
+                           radii.empty() ? "" : fmt::format("{:.4f}, {:.4f}", mean(radii), largest(radii)));
     }
+    std::string sigmas() const {
+        if (ratios.empty()) return " | ";
+        return fmt::format("{:.2f}, {:.2f}, {:.2f} | {:.2f}", rootMeanSquare(centre), rootMeanSquare(radius),
+                           rootMeanSquare(ellipse), 100.0 * beyond / judged);
+    }
+};
+
+struct Line {
+    std::string group, detector;
+    Summary found, refined;
 };
 
 std::string groupOf(const Row& row, bool each) {
     const Kind& kind = row.kind;
     if (each) return fmt::format("{}, r {:g}, blur {:g}, tilt {:g}", kind.name, kind.radius, kind.blur, kind.tilt);
-    if (!isBounded(row)) return "beyond small errors";
+    if (!row.isBounded()) return "beyond small errors";
     return kind.family == "even" ? fmt::format("radius {:g}", kind.radius) : kind.name;
 }
 
-std::string nameOf(const Row& row) {
-    return row.detector + (row.refined ? ", refined" : "");
+/// Groups in their order, then what all of them come to.
+std::vector<Line> linesOf(const std::vector<Row>& rows, const std::string& family, bool each) {
+    std::vector<Line> lines, whole;
+    const auto add = [](std::vector<Line>& to, const std::string& group, const Row& row) {
+        auto line = std::find_if(to.begin(), to.end(),
+                                 [&](const Line& one) { return one.group == group && one.detector == row.detector; });
+        if (line == to.end()) line = to.insert(to.end(), {group, row.detector, {}, {}});
+        (row.refined ? line->refined : line->found).add(row);
+    };
+    for (const Row& row : rows) {
+        if (row.kind.family != family) continue;
+        add(lines, groupOf(row, each), row);
+        if (row.isBounded()) add(whole, "**all**", row);
+    }
+    std::stable_sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) {
+        return (a.group == "beyond small errors") < (b.group == "beyond small errors");
+    });
+    lines.insert(lines.end(), whole.begin(), whole.end());
+    return lines;
 }
 
 void printStatuses(const std::vector<Row>& rows) {
     std::array<int, kStatuses> sums{};
     for (const Row& row : rows)
         for (std::size_t k = 0; k < kStatuses; ++k) sums[k] += row.score.statuses[k];
-    fmt::print("Refinement:");
+    std::string text;
     for (std::size_t k = 0; k < kStatuses; ++k)
-        if (sums[k] > 0) fmt::print(" {} {},", sums[k], kestrune::nameOf(static_cast<RefinementStatus>(k)));
-    fmt::print("\n\n");
+        if (sums[k] > 0)
+            text += fmt::format("{} {} {}", text.empty() ? "" : ",", sums[k], nameOf(static_cast<RefinementStatus>(k)));
+    fmt::print("Of the markers found:{}.\n\n", text);
 }
 
 }  // namespace
 
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : 0.5 * (values[middle - 1] + values[middle]);
+}
+
 void printTables(const std::vector<Row>& rows, bool each) {
+    fmt::print(
+        "Ratios: median, root mean square and largest of the kinds. Bias: largest of a kind, px. Radius: mean "
+        "half axis, mean error and largest of a kind, px.\nNormalised: RMS of error / sigma of centre and mean "
+        "half axis, and of the ellipse. Beyond: centres more than 4.5 sigmas off, %.\n\n");
     std::vector<std::string> families;
     for (const Row& row : rows)
         if (std::find(families.begin(), families.end(), row.kind.family) == families.end())
             families.push_back(row.kind.family);
     for (const std::string& family : families) {
         fmt::print(
-            "### {}\n\n| kinds | detector | recall % | wrong | bias px | most | radius px | most | RMS / bound | "
-            "worst kind | normalised centre, radius, ellipse |\n|---|---|{}\n",
-            family, "---:|---:|---:|---:|---:|---:|---:|---:|---:|");
-        std::vector<std::pair<std::string, std::string>> order;
-        std::map<std::pair<std::string, std::string>, std::pair<Summary, bool>> groups;
-        std::map<std::string, Summary> whole;
-        for (const Row& row : rows) {
-            if (row.kind.family != family) continue;
-            if (row.refined && row.score.found == 0 && row.score.judged == 0) continue;
-            const std::pair key{groupOf(row, each), nameOf(row)};
-            if (!groups.contains(key)) order.push_back(key);
-            auto& [summary, refined] = groups[key];
-            summary.add(row), refined = row.refined;
-            if (isBounded(row)) whole[nameOf(row)].add(row);
+            "### {}\n\n| kinds | detector | false | found % | RMS / bound | bias | radius | refined % | RMS / "
+            "bound | bias | radius | normalised | beyond |\n|---|---|{}\n",
+            family, "---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|");
+        for (const Line& line : linesOf(rows, family, each)) {
+            fmt::print("| {} | {} | {} | {} | {} | {} |\n", line.group, line.detector, line.found.wrong,
+                       line.found.errors(), line.refined.errors(), line.refined.sigmas());
+            if (line.group == "**all**" && !line.refined.worst.empty())
+                fmt::print(stderr, "{}, {}, worst refined: {}\n", family, line.detector, line.refined.worst);
         }
-        for (const auto& key : order)
-            fmt::print("| {} | {} | {}\n", key.first, key.second, groups[key].first.text(groups[key].second));
-        for (const auto& [name, summary] : whole)
-            fmt::print("| **all {}** | {} | {} worst: {}\n", summary.kinds, name,
-                       summary.text(name.ends_with("refined")), summary.worstName);
         fmt::print("\n");
     }
     printStatuses(rows);
@@ -122,17 +149,18 @@ void writeCsv(const std::string& file, const std::vector<Row>& rows) {
     out.print(
         "family,name,radius,contrast,noise,shot,blur,tilt,detector,refined,markers,found,judged,wrong,rms,bound,"
         "bound_unrounded,ratio,bias,mean_x,mean_y,radius_error,radius_rms,radius_bound,normalised_centre,"
-        "normalised_radius,normalised_ellipse,bounded\n");
+        "normalised_radius,normalised_ellipse,beyond,bounded\n");
     for (const Row& row : rows) {
         const Kind& k = row.kind;
         const Score& s = row.score;
         const double n = s.judged;
         out.print("{},\"{}\",{},{},{},{},{},{},{},{:d},{},{},{},{},", k.family, k.name, k.radius, k.contrast, k.noise,
                   k.shot, k.blur, k.tilt, row.detector, row.refined, s.markers, s.found, s.judged, s.wrong);
-        out.print("{:.6g},{:.6g},{:.6g},{:.4f},{:.6g},{:.6g},{:.6g},{:.6g},{:.6g},{:.6g},{:.4f},{:.4f},{:.4f},{:d}\n",
-                  s.rms(), row.limits.centre, row.limits.centreExact, row.ratio(), s.along / n, s.sum.x / n,
-                  s.sum.y / n, row.radiusError(), std::sqrt(s.radiusSquares / s.radii), row.limits.radius,
-                  row.normalisedCentre(), row.normalisedRadius(), row.normalisedEllipse(), isBounded(row));
+        out.print(
+            "{:.6g},{:.6g},{:.6g},{:.4f},{:.6g},{:.6g},{:.6g},{:.6g},{:.6g},{:.6g},{:.4f},{:.4f},{:.4f},{},{:d}\n",
+            s.rms(), row.limits.centre, row.limits.centreExact, row.ratio(), s.along / n, s.sum.x / n, s.sum.y / n,
+            row.radiusError(), std::sqrt(s.radiusSquares / s.radii), row.limits.radius, row.normalisedCentre(),
+            row.normalisedRadius(), row.normalisedEllipse(), s.beyond, row.isBounded());
     }
 }
 

@@ -11,6 +11,12 @@ namespace kestrune::bench {
 /// Markdown: for each family a row for each group of kinds and each detector.
 void printTables(const std::vector<Row>& rows, bool each);
 
+/// Not of nothing.
+double median(std::vector<double> values);
+
+/// SVG: by radius, on even light.
+void plotRatios(const std::string& file, const std::vector<Row>& rows);
+
 /// One line for each kind and detector.
 void writeCsv(const std::string& file, const std::vector<Row>& rows);
 
