@@ -7,6 +7,8 @@
 #include <functional>
 #include <numbers>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "bound.h"
 
@@ -43,15 +45,13 @@ double pixelShare(double t, double blur) {
 
 /// The sum over points of the plane that are inside.
 double plainSum(const cv::Point& pixel, double blur, const std::function<bool(const cv::Point2d&)>& isInside) {
-    const int reach = static_cast<int>(std::ceil(reachOf(blur) * kPointsPerPixel));
-    const double h = 1 / kPointsPerPixel;
-    std::vector<double> share;
-    for (int k = -reach; k < reach; ++k) share.push_back(pixelShare((k + 0.5) * h, blur) * h);
+    const double h = 1 / kPointsPerPixel, reach = reachOf(blur);
+    std::vector<std::pair<double, double>> points;  // place and share
+    for (double t = -reach + h / 2; t < reach; t += h) points.emplace_back(t, pixelShare(t, blur) * h);
     double sum = 0;
-    for (int j = -reach; j < reach; ++j)
-        for (int i = -reach; i < reach; ++i)
-            if (isInside({pixel.x + (i + 0.5) * h, pixel.y + (j + 0.5) * h}))
-                sum += share[static_cast<std::size_t>(i + reach)] * share[static_cast<std::size_t>(j + reach)];
+    for (const auto& [dy, shareY] : points)
+        for (const auto& [dx, shareX] : points)
+            if (isInside({pixel.x + dx, pixel.y + dy})) sum += shareX * shareY;
     return sum;
 }
 

@@ -186,6 +186,7 @@ Findings findBlobs(const Scene& scene, std::mt19937_64&) {
     std::vector<cv::KeyPoint> points;
     cv::SimpleBlobDetector::create(params)->detect(brightImage(scene, true), points);
     std::vector<cv::RotatedRect> ellipses;
+    ellipses.reserve(points.size());
     for (const cv::KeyPoint& point : points) ellipses.emplace_back(point.pt, cv::Size2f(point.size, point.size), 0.F);
     Findings findings{.found = foundAt(scene, ellipses), .refined = {}};
     // Twice the median distance of outline points from the centre, which is no half axis of an ellipse.

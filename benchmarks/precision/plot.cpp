@@ -105,7 +105,7 @@ void plotRatios(const std::string& file, const std::vector<Row>& rows) {
         ratios.add(row.kind.radius, row.ratio());
         if (isShownInPixels(row.kind)) errors.add(row.kind.radius, row.score.rms());
     }
-    std::string lines = pixels.line(bounds.medians(), "black", "stroke-width='1'"), legend;
+    std::string lines = pixels.line(bounds.medians(), "black", ""), legend;
     const double legendLeft = pixels.left + kWidth + 20;
     double legendTop = kMargin;
     const auto explain = [&](const char* colour, const std::string& words) {

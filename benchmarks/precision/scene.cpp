@@ -39,7 +39,8 @@ struct Grid {
     int side;  ///< tiles in a row
 
     cv::Point2d middleOf(int index) const {
-        return {margin + tile * (index % side + 0.5), margin + tile * (index / side + 0.5)};
+        const int row = index / side;
+        return {margin + tile * (index % side + 0.5), margin + tile * (row + 0.5)};
     }
     cv::Size size() const {
         const int length = static_cast<int>(std::ceil(2 * margin + tile * side));
