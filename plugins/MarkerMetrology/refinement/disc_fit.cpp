@@ -209,15 +209,29 @@ bool DiscFit::evaluate(const MarkerWindow& window, const DiscModel& model, Norma
     return std::isfinite(equations.cost);
 }
 
-DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
-                              const Knowledge& known) {
+void DiscFit::begin(const MarkerWindow& window, const Knowledge& known) {
     const auto size = static_cast<std::size_t>((window.rimCount() + 2 * kLanes - 1) / (2 * kLanes) * (2 * kLanes));
     for (auto& column : columns_) column.assign(size, 0.0F);
     residual_.assign(size, 0.0F);
-    level_.assign(size, static_cast<float>((start.inside + start.outside) / 2));
+    level_.assign(size, 0.0F);
     others_ = known.others;
     others_.resize(size, 0.0F);
     limits_ = known.limits;
+    weight_.assign(size, 1.0F);
+    insideWeight_ = outsideWeight_ = 1;
+}
+
+bool DiscFit::look(const MarkerWindow& window, const DiscModel& model, const Knowledge& known) {
+    NormalEquations equations;
+    begin(window, known);
+    if (!evaluate(window, model, equations)) return false;
+    weigh(window, model, known.noise);
+    return evaluate(window, model, equations);
+}
+
+DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
+                              const Knowledge& known) {
+    begin(window, known);
     const double perPixel = window.frame().perPixel;
     const int unknowns = unknownsOf(known.light.degree());
     const int free =
@@ -243,8 +257,6 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
     Point here, there;
     here.model = start;
     here.model.lightDegree = known.light.degree();
-    weight_.assign(size, 1.0F);
-    insideWeight_ = outsideWeight_ = 1;
     if (!evaluate(window, here.model, here.equations)) return result;
     weigh(window, here.model, known.noise);
     if (!look(here)) return result;

@@ -34,8 +34,8 @@ struct DiscModel {
 
 /// What the pixels say of a model: the normal equations of its unknowns, in units of the noise.
 struct NormalEquations {
-    Eigen::Matrix<double, kUnknowns, kUnknowns> matrix;
-    Eigen::Matrix<double, kUnknowns, 1> right;
+    Eigen::Matrix<double, kUnknowns, kUnknowns> matrix = Eigen::Matrix<double, kUnknowns, kUnknowns>::Zero();
+    Eigen::Matrix<double, kUnknowns, 1> right = Eigen::Matrix<double, kUnknowns, 1>::Zero();
     double cost = 0;     ///< sum of squared residuals, all pixels
     double rimCost = 0;  ///< of the pixels about the rim
 };
@@ -64,12 +64,16 @@ class DiscFit {
     Outcome fit(const MarkerWindow& window, const geometry::SmoothEllipse& record, const DiscModel& start,
                 const Knowledge& known);
 
+    /// Fills residuals and levels of a model as it is. @returns false where it leaves the window.
+    bool look(const MarkerWindow& window, const DiscModel& model, const Knowledge& known);
+
     /// Residuals of the last evaluation and the model's grey levels, at the window's rim pixels; in units of the noise
     /// and grey levels.
     const float* residuals() const { return residual_.data(); }
     const float* levels() const { return level_.data(); }
 
   private:
+    void begin(const MarkerWindow& window, const Knowledge& known);
     bool evaluate(const MarkerWindow& window, const DiscModel& model, NormalEquations& equations);
     void prepareRim(const MarkerWindow& window, const DiscModel& model);
     void addRim(NormalEquations& equations) const;

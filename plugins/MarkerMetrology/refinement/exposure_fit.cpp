@@ -114,8 +114,7 @@ class ExposureFit {
                 neighbours.push_back({*starts_[near.other], near.gap, {}});
                 if (other.status == RefinementStatus::refined) neighbours.back().model = other.outcome.model;
             }
-            std::optional<DiscModel> begin;
-            if (before[i].status == RefinementStatus::refined) begin = before[i].outcome.model;
+            const FittedMarker* begin = before[i].status == RefinementStatus::refined ? &before[i] : nullptr;
             fitted_[i] =
                 fitMarker(image_, *starts_[i], neighbours, light, begin, scratch_[static_cast<std::size_t>(thread)]);
         });

@@ -16,9 +16,10 @@ namespace kestrune::refinement {
 
 /// What one marker, fitted in even light, says of the light's polynomial.
 struct LightEvidence {
-    Eigen::Matrix<double, kLightTerms, 1> value;     ///< of each term, the other unknowns free
-    Eigen::Matrix<double, kLightTerms, 1> variance;  ///< of it
-    double perPixel = 1;                             ///< of the marker's `LightFrame`
+    using Terms = Eigen::Matrix<double, kLightTerms, 1>;
+    Terms value = Terms::Zero();     ///< of each term, the other unknowns free
+    Terms variance = Terms::Zero();  ///< of it
+    double perPixel = 1;             ///< of the marker's `LightFrame`
 };
 
 /// Standard deviations over an exposure, relative: of the slope along each axis, 1 / px, and of the terms of degree

@@ -16,8 +16,17 @@ constexpr double kSlack = 0.7;          // px by which a rim may move within its
 constexpr double kLeastGround = 4;      // px of ground beyond the reach of the blur ...
 constexpr double kGroundShare = 0.5;    // ... or this share of the marker's size, to tell the light by
 constexpr double kFewestForNoise = 24;  // pixels that tell a variance
-constexpr double kNoiseChange = 1.2;    // factor of a weight from which a fit is made again
-constexpr double kLeastRimShare = 0.6;
+// Pixels of one level whose variance is so many times that of their steps are not of one level.
+constexpr double kUneven = 2;
+// Noise that is all light's grows as the level; so many times that is no noise.
+constexpr double kMostShot = 2;
+constexpr double kNoiseChange = 1.2;  // factor of a weight from which a fit is made again
+constexpr double kLeastRimShare = 0.45;
+// Where the rim's mean squared residual is beyond this, in units of the noise, it is looked at whether something lies
+// over it; no more than this many sectors may be hidden.
+constexpr double kSuspicious = 1.5;
+constexpr std::size_t kMostHidden = 12;
+constexpr int kMostVisible = 4;
 // How far a fit may run from its start: the paths are off by less than a pixel, a half of small markers.
 constexpr double kMostMove = 1.5, kMostMoveShare = 0.35;
 // A contrast of so many of its own standard deviations is a marker.
@@ -36,37 +45,46 @@ double distance(const SmoothEllipse& a, const SmoothEllipse& b) {
     return std::hypot(a.x - b.x, a.y - b.y) + std::abs(a.s - b.s) + std::hypot(a.e1 - b.e1, a.e2 - b.e2);
 }
 
+/// Variance of pixels that should be of one level: where they are not, that of their steps.
+double varianceOf(const FlatSums& sums, const std::vector<float>& steps) {
+    const double variance = sums.variance(), bySteps = varianceBySteps(steps);
+    return bySteps > 0 && variance > kUneven * std::max(bySteps, kRounding) ? bySteps : variance;
+}
+
 NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, std::vector<ResidualSample>& samples) {
     samples.clear();
-    const auto add = [&](const FlatSums& sums, double level) {
-        if (sums.count >= kFewestForNoise) samples.push_back({level, sums.variance(), sums.count - 1 - kLightTerms});
+    const auto add = [&](const FlatSums& sums, const std::vector<float>& steps, double level) {
+        if (sums.count >= kFewestForNoise)
+            samples.push_back({level, varianceOf(sums, steps), sums.count - 1 - kLightTerms});
     };
-    add(window.inside(), model.inside);
-    add(window.outside(), model.outside);
+    add(window.inside(), window.insideSteps(), model.inside);
+    add(window.outside(), window.outsideSteps(), model.outside);
     return noiseOf(samples);
 }
 
-/// With the rim's residuals, in five levels: for markers so small that their middle is all blur.
+/// With the rim's residuals, in five levels: for markers so small that their middle is all blur. They may be more than
+/// the ground's variance as far as light explains it.
 NoiseModel noiseOfRim(const MarkerWindow& window, const FittedMarker& fitted, const DiscFit& fit,
                       std::vector<ResidualSample>& samples) {
     constexpr int kLevels = 5;
-    NoiseModel before = fitted.noise;
     const DiscModel& model = fitted.outcome.model;
-    noiseOfGround(window, model, samples);
+    const NoiseModel ground = noiseOfGround(window, model, samples);
     std::array<ResidualSample, kLevels> levels{};
     for (int i = 0; i < window.rimCount(); ++i) {
         const double level = static_cast<double>(fit.levels()[i]);
         const double m = (level - model.outside) / model.contrast();
         ResidualSample& sample = levels[static_cast<std::size_t>(std::clamp(m * kLevels, 0.0, kLevels - 1.0))];
         const double residual = static_cast<double>(fit.residuals()[i]);
-        sample.count += 1, sample.level += level, sample.variance += residual * residual * before.variance(level);
+        sample.count += 1, sample.level += level, sample.variance += residual * residual * fitted.noise.variance(level);
     }
     for (ResidualSample& sample : levels) {
         if (sample.count < 4) continue;
         sample.level /= sample.count, sample.variance /= sample.count;
         // The unknowns of the rim have taken their share of the residuals.
         const double free = sample.count * (1 - static_cast<double>(kLight) / window.rimCount());
-        samples.push_back({sample.level, sample.variance * sample.count / free, free});
+        const double most =
+            kMostShot * ground.variance(model.outside) * std::max(1.0, sample.level / std::max(1.0, model.outside));
+        samples.push_back({sample.level, std::min(most, sample.variance * sample.count / free), free});
     }
     return noiseOf(samples);
 }
@@ -152,62 +170,136 @@ bool isOnImage(const SmoothEllipse& ellipse, const cv::Size& size) {
            ellipse.y + half.y <= size.height - 1;
 }
 
-}  // namespace
+/// The fit of one marker in an image, with its windows.
+class MarkerFit {
+  public:
+    MarkerFit(const cv::Mat& image, const SmoothEllipse& start, const std::vector<KnownNeighbour>& neighbours,
+              const LightPrior& light, FitScratch& scratch)
+        : image_(image), start_(start), neighbours_(neighbours), scratch_(scratch) {
+        scratch.known.limits = {0, image.depth() == CV_8U ? 255.0 : 65535.0};
+        scratch.known.light = light;
+        listNeighbours(neighbours, scratch.neighbours);
+    }
 
-FittedMarker fitMarker(const cv::Mat& image, const SmoothEllipse& start, const std::vector<KnownNeighbour>& neighbours,
-                       const LightPrior& light, const std::optional<DiscModel>& before, FitScratch& scratch) {
-    FittedMarker result;
-    MarkerWindow& window = scratch.window;
-    if (!isOnImage(start, image.size())) {
-        result.status = RefinementStatus::leavesImage;
-        return result;
-    }
-    listNeighbours(neighbours, scratch.neighbours);
-    const auto guess = before ? before : firstGuess(image, start, scratch.neighbours, window);
-    if (!guess) {
-        result.status = RefinementStatus::tooFaint;
-        return result;
-    }
-    DiscModel model = *guess;
-    DiscFit::Knowledge& known = scratch.known;
-    known.limits = {0, image.depth() == CV_8U ? 255.0 : 65535.0};
-    known.light = light;
-    result.status = RefinementStatus::notConverged;
-    bool knowsNoise = false;
-    for (int round = 0; round < kMostRounds; ++round) {
-        const double reach = kReach * totalBlur(model.blur) + kSlack;
-        const double ground = reach + std::max(kLeastGround, kGroundShare * model.ellipse.s);
-        window.take(image, model.ellipse, reach, ground, scratch.neighbours);
-        if (window.rimShare() < kLeastRimShare) {
-            result.status = neighbours.empty() ? RefinementStatus::leavesImage : RefinementStatus::touchesAnother;
+    FittedMarker run(const FittedMarker* before) {
+        FittedMarker result;
+        if (!isOnImage(start_, image_.size())) {
+            result.status = RefinementStatus::leavesImage;
             return result;
         }
-        if (!lightOfOthers(neighbours, model, scratch)) known.others.clear();
-        if (!knowsNoise) result.noise = noiseOfGround(window, model, scratch.samples);
-        if (round == 0 && isFaint(model, result.noise)) {
+        const std::optional<DiscModel> guess =
+            before ? before->outcome.model : firstGuess(image_, start_, scratch_.neighbours, scratch_.window);
+        if (!guess) {
             result.status = RefinementStatus::tooFaint;
             return result;
         }
-        known.noise = result.noise;
-        result.outcome = scratch.fit.fit(window, start, model, known);
-        result.rimPixels = window.rimCount();
-        result.pixels = window.rimCount() + static_cast<int>(window.inside().count + window.outside().count);
-        const DiscModel& now = result.outcome.model;
-        const bool fits = distance(now.ellipse, model.ellipse) < kSlack && kReach * totalBlur(now.blur) < reach;
-        model = now;
-        if (!isOnImage(model.ellipse, image.size())) return result;
-        if (!fits || !result.outcome.converged) continue;
-        if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
-            knowsNoise = true;
-            const NoiseModel better = noiseOfRim(window, result, scratch.fit, scratch.samples);
-            const bool again = differs(better, result.noise, model);
-            if (again) result.noise = better;
-            if (again) continue;
+        result = follow(*guess, before ? before->hidden : Sectors());
+        return isSuspicious(result) ? fitVisible(*guess, result) : result;
+    }
+
+  private:
+    /// Fits, and takes the window anew where the rim has left it.
+    FittedMarker follow(DiscModel model, const Sectors& hidden) {
+        FittedMarker result;
+        result.hidden = hidden;
+        result.status = RefinementStatus::notConverged;
+        MarkerWindow& window = scratch_.window;
+        DiscFit::Knowledge& known = scratch_.known;
+        bool knowsNoise = false;
+        for (int round = 0; round < kMostRounds; ++round) {
+            const double reach = takeWindow(model, hidden);
+            if (window.rimShare() < kLeastRimShare) {
+                result.status = neighbours_.empty() && hidden.none() ? RefinementStatus::leavesImage
+                                                                     : RefinementStatus::touchesAnother;
+                return result;
+            }
+            if (!knowsNoise) result.noise = noiseOfGround(window, model, scratch_.samples);
+            if (round == 0 && isFaint(model, result.noise)) {
+                result.status = RefinementStatus::tooFaint;
+                return result;
+            }
+            known.noise = result.noise;
+            result.outcome = scratch_.fit.fit(window, start_, model, known);
+            result.rimPixels = window.rimCount();
+            result.pixels = window.rimCount() + static_cast<int>(window.inside().count + window.outside().count);
+            const DiscModel& now = result.outcome.model;
+            const bool fits = distance(now.ellipse, model.ellipse) < kSlack && kReach * totalBlur(now.blur) < reach;
+            model = now;
+            if (!isOnImage(model.ellipse, image_.size())) return result;
+            if (!fits || !result.outcome.converged) continue;
+            if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
+                knowsNoise = true;
+                const NoiseModel better = noiseOfRim(window, result, scratch_.fit, scratch_.samples);
+                const bool again = differs(better, result.noise, model);
+                if (again) result.noise = better;
+                if (again) continue;
+            }
+            result.status = judge(result, start_);
+            return result;
         }
-        result.status = judge(result, start);
         return result;
     }
-    return result;
+
+    /// @returns the reach of the blur, px.
+    double takeWindow(const DiscModel& model, const Sectors& hidden) {
+        const double reach = kReach * totalBlur(model.blur) + kSlack;
+        const double ground = reach + std::max(kLeastGround, kGroundShare * model.ellipse.s);
+        scratch_.window.take(image_, model.ellipse, reach, ground, scratch_.neighbours, hidden);
+        if (!lightOfOthers(neighbours_, model, scratch_)) scratch_.known.others.clear();
+        return reach;
+    }
+
+    static bool isSuspicious(const FittedMarker& fitted) {
+        return fitted.status == RefinementStatus::notADisc || fitted.status == RefinementStatus::notConverged ||
+               (fitted.status == RefinementStatus::refined &&
+                fitted.outcome.equations.rimCost > kSuspicious * fitted.rimPixels);
+    }
+
+    /// Leaves out what something lies over, as the first guess sees it and then as each fit of the rest does. A rim
+    /// that differs from the fit in one part more than elsewhere is not believed.
+    FittedMarker fitVisible(const DiscModel& guess, FittedMarker whole) {
+        FittedMarker result = whole;
+        Sectors now = hiddenAt(guess);
+        for (int i = 0; i < kMostVisible && now.any() && now.count() <= kMostHidden; ++i) {
+            result = follow(i == 0 ? guess : result.outcome.model, now);
+            if (!result.outcome.converged) break;
+            const Sectors next = hiddenAt(result.outcome.model);
+            if (result.status == RefinementStatus::refined && (next & ~result.hidden).none()) return result;
+            now = next;
+        }
+        if (whole.status == RefinementStatus::refined && hiddenAt(whole.outcome.model).any())
+            whole.status = RefinementStatus::notADisc;
+        return whole;
+    }
+
+    /// The sectors that do not look as the model does.
+    Sectors hiddenAt(const DiscModel& model) {
+        MarkerWindow& window = scratch_.window;
+        takeWindow(model, {});
+        scratch_.known.noise = noiseOfGround(window, model, scratch_.samples);
+        if (!scratch_.fit.look(window, model, scratch_.known)) return Sectors();
+        scratch_.sectors.assign(kSectors, {});
+        for (const MarkerWindow::Run& run : window.runs())
+            for (int i = 0; run.first >= 0 && i < run.count; ++i) {
+                const double residual = static_cast<double>(scratch_.fit.residuals()[run.first + i]);
+                SectorResidual& sector =
+                    scratch_.sectors[static_cast<std::size_t>(sectorOf(model.ellipse, run.x + i, run.y))];
+                sector.sum += residual * residual, ++sector.count;
+            }
+        return hiddenSectors(scratch_.sectors);
+    }
+
+    const cv::Mat& image_;
+    const SmoothEllipse& start_;
+    const std::vector<KnownNeighbour>& neighbours_;
+    FitScratch& scratch_;
+};
+
+}  // namespace
+
+FittedMarker fitMarker(const cv::Mat& image, const SmoothEllipse& start, const std::vector<KnownNeighbour>& neighbours,
+                       const LightPrior& light, const FittedMarker* before, FitScratch& scratch) {
+    return MarkerFit(image, start, neighbours, light, scratch).run(before);
 }
 
 }  // namespace kestrune::refinement

@@ -11,6 +11,7 @@
 #include "kestrune/MarkerMetrology/refinement.h"
 #include "refinement/disc_fit.h"
 #include "refinement/first_guess.h"
+#include "refinement/hidden_sectors.h"
 #include "refinement/light_prior.h"
 #include "refinement/marker_window.h"
 
@@ -29,6 +30,7 @@ struct FittedMarker {
     NoiseModel noise;
     int pixels = 0;     ///< that took part
     int rimPixels = 0;  ///< of them those about the rim
+    Sectors hidden;     ///< parts that something lies over
 };
 
 /// Scratch storage of one thread.
@@ -38,15 +40,16 @@ struct FitScratch {
     DiscImage other;
     std::vector<Neighbour> neighbours;
     DiscFit::Knowledge known;
+    std::vector<SectorResidual> sectors;
     std::vector<ResidualSample> samples;
 };
 
 /// @param image       `CV_8UC1` or `CV_16UC1`
 /// @param start       the record's ellipse, px of the image
 /// @param neighbours  markers whose rims or blur may reach the window
-/// @param before      a fit of this marker, to begin from
+/// @param before      a fit of this marker, to begin from; none that is not refined
 FittedMarker fitMarker(const cv::Mat& image, const geometry::SmoothEllipse& start,
                        const std::vector<KnownNeighbour>& neighbours, const LightPrior& light,
-                       const std::optional<DiscModel>& before, FitScratch& scratch);
+                       const FittedMarker* before, FitScratch& scratch);
 
 }  // namespace kestrune::refinement

@@ -61,7 +61,7 @@ void MarkerWindow::copyPatch(const cv::Mat& image) {
 }
 
 void MarkerWindow::take(const cv::Mat& image, const SmoothEllipse& ellipse, double reach, double ground,
-                        const std::vector<Neighbour>& neighbours) {
+                        const std::vector<Neighbour>& neighbours, const Sectors& hidden) {
     reach_ = reach, ground_ = ground;
     const cv::Point2d half = halfSize(dilated(ellipse, ground + 2));
     const cv::Point from(static_cast<int>(std::floor(ellipse.x - half.x)),
@@ -76,16 +76,18 @@ void MarkerWindow::take(const cv::Mat& image, const SmoothEllipse& ellipse, doub
     rimPixels_ = 0;
     runs_.clear();
     grey_.clear(), u_.clear(), v_.clear();
+    insideSteps_.clear(), outsideSteps_.clear();
     const double reference = visible_.contains({frame_.x, frame_.y}) ? at(frame_.x, frame_.y) : 0;
     insideMoments_.reset(frame_, reference);
     outsideMoments_.reset(frame_, reference);
-    for (int y = box_.y; y < box_.br().y; ++y) sortRow(y, ellipse, neighbours);
+    for (int y = box_.y; y < box_.br().y; ++y) sortRow(y, ellipse, neighbours, hidden);
     inside_ = insideMoments_.sums();
     outside_ = outsideMoments_.sums();
     for (std::vector<float>* list : {&grey_, &u_, &v_}) list->resize(list->size() + kPadding, 0.0F);
 }
 
-void MarkerWindow::sortRow(int y, const SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours) {
+void MarkerWindow::sortRow(int y, const SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours,
+                           const Sectors& hidden) {
     const RowInterval all = rowOf(dilated(ellipse, ground_), y);
     if (all.from > all.to) return;
     const RowInterval blurred = rowOf(dilated(ellipse, reach_), y), middle = rowOf(shrunk(ellipse, reach_), y);
@@ -94,6 +96,11 @@ void MarkerWindow::sortRow(int y, const SmoothEllipse& ellipse, const std::vecto
     if (y < visible_.y || y >= visible_.br().y) return;
     taken_.assign(static_cast<std::size_t>(box_.width), 0);
     for (const Neighbour& other : neighbours) markTaken(y, ellipse, other);
+    if (hidden.any()) {
+        for (int x = box_.x; x < box_.br().x; ++x)
+            if (hidden[static_cast<std::size_t>(sectorOf(ellipse, x, y))])
+                taken_[static_cast<std::size_t>(x - box_.x)] = 2;
+    }
     if (blurred.from > blurred.to) {
         takeRow(y, all.from, all.to, kOutside);
         return;
@@ -148,6 +155,8 @@ void MarkerWindow::takeRun(int y, int from, int to, int kind) {
     const float* pixels = &patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (from - box_.x))];
     if (kind == kInside || kind == kOutside) {
         (kind == kInside ? insideMoments_ : outsideMoments_).add(from, y, to - from, pixels);
+        std::vector<float>& steps = kind == kInside ? insideSteps_ : outsideSteps_;
+        for (int i = 1; i < to - from; ++i) steps.push_back(pixels[i] - pixels[i - 1]);
         return;
     }
     const bool lost = kind != kRim;

@@ -10,6 +10,7 @@
 
 #include "kestrune_geometry/smooth_ellipse.h"
 #include "refinement/flat_moments.h"
+#include "refinement/hidden_sectors.h"
 
 namespace kestrune::refinement {
 
@@ -28,8 +29,9 @@ class MarkerWindow {
     /// @param reach       distance from the rim to which its blur is looked at, px
     /// @param ground      distance from the rim to which its ground is looked at, px; above `reach`
     /// @param neighbours  other rims nearby
+    /// @param hidden      sectors that are left out
     void take(const cv::Mat& image, const geometry::SmoothEllipse& ellipse, double reach, double ground,
-              const std::vector<Neighbour>& neighbours);
+              const std::vector<Neighbour>& neighbours, const Sectors& hidden = {});
 
     const cv::Rect& box() const { return box_; }  ///< may lie over the edge of the image
     const LightFrame& frame() const { return frame_; }
@@ -48,6 +50,9 @@ class MarkerWindow {
 
     const FlatSums& inside() const { return inside_; }
     const FlatSums& outside() const { return outside_; }
+    /// Differences of neighbouring pixels of a row, of the middle and of the ground.
+    const std::vector<float>& insideSteps() const { return insideSteps_; }
+    const std::vector<float>& outsideSteps() const { return outsideSteps_; }
     /// Share of the pixels about the rim, 0 to 1, that are in the image and nobody else's.
     double rimShare() const { return static_cast<double>(rimCount()) / std::max(1, rimPixels_); }
 
@@ -58,7 +63,8 @@ class MarkerWindow {
 
   private:
     void copyPatch(const cv::Mat& image);
-    void sortRow(int y, const geometry::SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours);
+    void sortRow(int y, const geometry::SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours,
+                 const Sectors& hidden);
     void markTaken(int y, const geometry::SmoothEllipse& ellipse, const Neighbour& other);
     void takeRow(int y, int from, int to, int kind);
     void takeRun(int y, int from, int to, int kind);
@@ -66,7 +72,7 @@ class MarkerWindow {
     cv::Rect box_, visible_;
     LightFrame frame_;
     std::vector<float> patch_;
-    std::vector<float> grey_, u_, v_;
+    std::vector<float> grey_, u_, v_, insideSteps_, outsideSteps_;
     std::vector<Run> runs_;
     std::vector<unsigned char> taken_;  // of a row: 1 where a neighbour's blur is, 2 where its rim has it
     FlatMoments insideMoments_, outsideMoments_;
