@@ -13,6 +13,7 @@ using geometry::SmoothEllipse;
 
 namespace {
 
+constexpr double kLeastHalfAxis = 0.5;  // px
 constexpr int kMostEvaluations = 40;
 // A step this small in units of its own uncertainty, squared: the next one would be far below it.
 constexpr double kSmallStep = 5e-2;
@@ -108,75 +109,10 @@ void holdLeastBlur(const DiscModel& model, NormalEquations& equations) {
 
 }  // namespace
 
-void DiscFit::weigh(const MarkerWindow& window, const DiscModel& model, const NoiseModel& noise) {
+void DiscFit::weigh(const DiscModel& model, const NoiseModel& noise) {
     insideWeight_ = 1 / noise.variance(model.inside);
     outsideWeight_ = 1 / noise.variance(model.outside);
-    const int count = window.rimCount();
-    // The level of each pixel is that of its place in the first model; where none was evaluated, the middle's.
-    for (int i = 0; i < count; ++i)
-        weight_[static_cast<std::size_t>(i)] =
-            static_cast<float>(1 / std::sqrt(noise.variance(level_[static_cast<std::size_t>(i)])));
-}
-
-void DiscFit::prepareRim(const MarkerWindow& window, const DiscModel& model) {
-    const auto contrast = static_cast<float>(model.contrast()), outside = static_cast<float>(model.outside);
-    std::array<float, kLightTerms> g;
-    std::transform(model.light.begin(), model.light.end(), g.begin(), [](double v) { return static_cast<float>(v); });
-    float m = 0;
-    int y = -1, x = 0;
-    for (const MarkerWindow::Run& run : window.runs()) {
-        const DiscPixel* row = image_.row(run.y);
-        if (run.y != y) m = 0, y = run.y, x = image_.box().x;
-        for (; x < run.x; ++x) m += row[x - image_.box().x].step;
-        if (run.first < 0) continue;
-        for (int i = run.first; x < run.x + run.count; ++x, ++i) {
-            const DiscPixel& pixel = row[x - image_.box().x];
-            m += pixel.step;
-            const auto at = static_cast<std::size_t>(i);
-            const float u = window.u()[i], v = window.v()[i];
-            const float light = 1 + (g[0] * u + g[1] * v) + (g[2] * (u * u) + g[3] * (u * v) + g[4] * (v * v));
-            const float even = outside + contrast * m, level = light * even;
-            float w = weight_[at];
-            float residual = window.grey()[i] - others_[at] - level;
-            // A pixel that is as bright (dark) as the image can hold may stand for any level beyond.
-            if ((window.grey()[i] >= limits_[1] && residual < 0) || (window.grey()[i] <= limits_[0] && residual > 0))
-                w = 0;
-            level_[at] = level;
-            residual_[at] = w * residual;
-            const float lc = w * light * contrast, l = w * light, e = w * even;
-            columns_[kX][at] = lc * pixel.x;
-            columns_[kY][at] = lc * pixel.y;
-            columns_[kS][at] = lc * pixel.s;
-            columns_[kE1][at] = lc * pixel.e1;
-            columns_[kE2][at] = lc * pixel.e2;
-            columns_[kBlur][at] = lc * pixel.blur;
-            columns_[kIn][at] = l * m;
-            columns_[kOut][at] = l - l * m;
-            columns_[kLight][at] = e * u;
-            columns_[kLight + 1][at] = e * v;
-            columns_[kLight + 2][at] = e * (u * u);
-            columns_[kLight + 3][at] = e * (u * v);
-            columns_[kLight + 4][at] = e * (v * v);
-        }
-    }
-}
-
-void DiscFit::addRim(NormalEquations& equations) const {
-    const int count = static_cast<int>(residual_.size());
-    const auto dot = [count](const float* a, const float* b) {
-        Lanes first{}, second{};
-        for (int i = 0; i < count; i += 2 * kLanes) {
-            first += load(a + i) * load(b + i);
-            second += load(a + i + kLanes) * load(b + i + kLanes);
-        }
-        return static_cast<double>(sum(first + second));
-    };
-    for (int a = 0; a < kUnknowns; ++a) {
-        for (int b = 0; b <= a; ++b) equations.matrix(a, b) = dot(columns_[a].data(), columns_[b].data());
-        equations.right[a] = dot(columns_[a].data(), residual_.data());
-    }
-    equations.rimCost = dot(residual_.data(), residual_.data());
-    equations.cost = equations.rimCost;
+    rim_.weigh(model, noise);
 }
 
 void DiscFit::addFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
@@ -197,41 +133,45 @@ void DiscFit::addFlat(const FlatSums& sums, double DiscModel::*level, Unknown un
     equations.cost += weight * (sums.greySquared - 2 * l * light.dot(sums.grey) + l * l * light.dot(lit));
 }
 
-bool DiscFit::evaluate(const MarkerWindow& window, const DiscModel& model, NormalEquations& equations) {
-    if (!model.ellipse.isFinite() || !(model.ellipse.minorHalfAxis() > 0.5)) return false;
-    image_.reset(window.box());
+bool DiscFit::draw(const MarkerWindow& window, const DiscModel& model) {
+    if (!model.ellipse.isFinite() || !(model.ellipse.minorHalfAxis() > kLeastHalfAxis)) return false;
+    image_.reset(window.rimBox());
     if (!image_.add(model.ellipse, model.blur)) return false;
-    prepareRim(window, model);
-    addRim(equations);
+    rim_.draw(window, image_);
+    return true;
+}
+
+void DiscFit::evaluate(const MarkerWindow& window, const DiscModel& model, int unknowns, NormalEquations& equations) {
+    rim_.fillColumns(model, unknowns);
+    equations = NormalEquations();
+    for (int a = 0; a < unknowns; ++a) {
+        for (int b = 0; b <= a; ++b) equations.matrix(a, b) = rim_.product(a, b);
+        equations.right[a] = rim_.residualProduct(a);
+    }
+    equations.rimCost = equations.cost = rim_.residualSquares();
     addFlat(window.inside(), &DiscModel::inside, kIn, model, equations);
     addFlat(window.outside(), &DiscModel::outside, kOut, model, equations);
     equations.matrix.triangularView<Eigen::StrictlyUpper>() = equations.matrix.transpose();
-    return std::isfinite(equations.cost);
 }
 
-void DiscFit::begin(const MarkerWindow& window, const Knowledge& known) {
-    const auto size = static_cast<std::size_t>((window.rimCount() + 2 * kLanes - 1) / (2 * kLanes) * (2 * kLanes));
-    for (auto& column : columns_) column.assign(size, 0.0F);
-    residual_.assign(size, 0.0F);
-    level_.assign(size, 0.0F);
-    others_ = known.others;
-    others_.resize(size, 0.0F);
-    limits_ = known.limits;
-    weight_.assign(size, 1.0F);
-    insideWeight_ = outsideWeight_ = 1;
+NormalEquations DiscFit::allEquations(const MarkerWindow& window, const DiscModel& model) {
+    NormalEquations equations;
+    evaluate(window, model, kUnknowns, equations);
+    holdLeastBlur(model, equations);
+    return equations;
 }
 
 bool DiscFit::look(const MarkerWindow& window, const DiscModel& model, const Knowledge& known) {
-    NormalEquations equations;
-    begin(window, known);
-    if (!evaluate(window, model, equations)) return false;
-    weigh(window, model, known.noise);
-    return evaluate(window, model, equations);
+    rim_.take(window, known.others, known.limits);
+    if (!draw(window, model)) return false;
+    weigh(model, known.noise);
+    rim_.fillColumns(model, kLight);
+    return true;
 }
 
 DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
                               const Knowledge& known) {
-    begin(window, known);
+    rim_.take(window, known.others, known.limits);
     const double perPixel = window.frame().perPixel;
     const int unknowns = unknownsOf(known.light.degree());
     const int free =
@@ -244,7 +184,8 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         double gain = 0;  // of the cost by the step, to first order
     };
     const auto look = [&](Point& point) {
-        if (!evaluate(window, point.model, point.equations)) return false;
+        evaluate(window, point.model, unknowns, point.equations);
+        if (!std::isfinite(point.equations.cost)) return false;
         addPrior(known.light, perPixel, point.model, point.equations);
         addSize(record, point.model, point.equations);
         holdLeastBlur(point.model, point.equations);
@@ -257,14 +198,16 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
     Point here, there;
     here.model = start;
     here.model.lightDegree = known.light.degree();
-    if (!evaluate(window, here.model, here.equations)) return result;
-    weigh(window, here.model, known.noise);
+    if (!draw(window, here.model)) return result;
+    weigh(here.model, known.noise);
     if (!look(here)) return result;
+    bool isDrawn = true;  // what `here` says is what the columns hold
     double damping = 0;
     for (result.evaluations = 1; result.evaluations < kMostEvaluations; ++result.evaluations) {
         const double scale = std::max(kLeastScale, (here.equations.cost - here.gain) / free);
         if (here.definite && here.gain < kSmallStep * scale) {
-            if (known.light.degree() == 0) result.light = lightEvidence(here.equations, perPixel, scale);
+            if (known.light.degree() == 0 && (isDrawn || draw(window, here.model)))
+                result.light = lightEvidence(allEquations(window, here.model), perPixel, scale);
             here.model = moved(here.model, here.step);
             result.converged = true;
             break;
@@ -272,11 +215,13 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         Vector step;
         const bool solved = solve(here.equations, unknowns, damping, step);
         there.model = moved(here.model, step);
-        const bool better = solved && look(there) &&
+        isDrawn = false;
+        const bool better = solved && draw(window, there.model) && look(there) &&
                             (there.equations.cost <= here.equations.cost ||
                              (damping == 0 && there.definite && there.gain < kGoodStep * here.gain));
         if (better) {
             std::swap(here, there);
+            isDrawn = true;
             damping = damping < 1e-4 ? 0 : damping / 10;
         } else {
             damping = damping == 0 ? 1e-3 : damping * 10;

@@ -15,22 +15,9 @@
 #include "refinement/light_prior.h"
 #include "refinement/marker_window.h"
 #include "refinement/noise_model.h"
+#include "refinement/rim_pixels.h"
 
 namespace kestrune::refinement {
-
-/// Places of the unknowns.
-enum Unknown { kX, kY, kS, kE1, kE2, kBlur, kIn, kOut, kLight, kUnknowns = kLight + kLightTerms };
-
-/// A disc in an image.
-struct DiscModel {
-    geometry::SmoothEllipse ellipse;
-    double blur = 0;                          ///< px
-    double inside = 0, outside = 0;           ///< grey levels where the light is 1
-    std::array<double, kLightTerms> light{};  ///< g
-    int lightDegree = 0;                      ///< beyond it g is 0
-
-    double contrast() const { return inside - outside; }
-};
 
 /// What the pixels say of a model: the normal equations of its unknowns, in units of the noise.
 struct NormalEquations {
@@ -67,26 +54,20 @@ class DiscFit {
     /// Fills residuals and levels of a model as it is. @returns false where it leaves the window.
     bool look(const MarkerWindow& window, const DiscModel& model, const Knowledge& known);
 
-    /// Residuals of the last evaluation and the model's grey levels, at the window's rim pixels; in units of the noise
-    /// and grey levels.
-    const float* residuals() const { return residual_.data(); }
-    const float* levels() const { return level_.data(); }
+    /// The rim's pixels as they were looked at last.
+    const RimPixels& rim() const { return rim_; }
 
   private:
-    void begin(const MarkerWindow& window, const Knowledge& known);
-    bool evaluate(const MarkerWindow& window, const DiscModel& model, NormalEquations& equations);
-    void prepareRim(const MarkerWindow& window, const DiscModel& model);
-    void addRim(NormalEquations& equations) const;
+    bool draw(const MarkerWindow& window, const DiscModel& model);
+    void evaluate(const MarkerWindow& window, const DiscModel& model, int unknowns, NormalEquations& equations);
+    NormalEquations allEquations(const MarkerWindow& window, const DiscModel& model);
     void addFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
                  NormalEquations& equations) const;
-    void weigh(const MarkerWindow& window, const DiscModel& model, const NoiseModel& noise);
+    void weigh(const DiscModel& model, const NoiseModel& noise);
 
     DiscImage image_;
-    std::vector<float> columns_[kUnknowns];  // derivatives at the rim's pixels, in units of the noise
-    std::vector<float> weight_, residual_, level_;
-    std::vector<float> others_;
-    cv::Vec2d limits_;
-    double insideWeight_ = 0, outsideWeight_ = 0;
+    RimPixels rim_;
+    double insideWeight_ = 1, outsideWeight_ = 1;
 };
 
 }  // namespace kestrune::refinement

@@ -9,57 +9,55 @@
 #include "refinement/lanes.h"
 
 namespace kestrune::refinement {
+
+using geometry::SmoothEllipse;
+
 namespace {
 
 // A step of the rim in blurs, and of the pixel's square where there is hardly any blur: the error of the trapezoidal
 // rule is exp(-2 pi^2 / 1.2^2), 1e-6.
 constexpr double kStep = 1.2;
+constexpr double kPixelBlur = 0.5;
 constexpr int kFewestSteps = 24;  // the rim itself must be followed, too
-
-// Pixels that the largest blur reaches, with what vectors read beyond.
-constexpr int kLongest = 2 * 31 + 2 * kLanes;
-
-/// k, k' and the steps of S along one axis, for the pixels from `first` on.
-struct Kernel {
-    int first = 0;
-    float k[kLongest], slope[kLongest], step[kLongest];
-};
 
 /// Phi, phi and the integral of Phi of u_i = u + i du.
 struct NormalIntegrals {
-    float density[kLongest], phi[kLongest], integral[kLongest];
-
-    void fill(float u, float du, int count) {
-        const Lanes offsets = {0, 1, 2, 3};
-        for (int i = 0; i < count; i += kLanes) {
-            const Lanes at = all(u) + (all(static_cast<float>(i)) + offsets) * all(du);
-            const Lanes e = exponential(all(-0.5F) * at * at);
-            const IntLanes negative = at < all(0);
-            const Lanes z = negative ? -at : at;
-            // Abramowitz and Stegun 7.1.26 (1.5e-7), with z for sqrt(2) times theirs.
-            const Lanes t = all(1) / (all(1) + all(0.3275911F * 0.70710678F) * z);
-            const Lanes poly =
-                ((((all(1.061405429F) * t - all(1.453152027F)) * t + all(1.421413741F)) * t - all(0.284496736F)) * t +
-                 all(0.254829592F)) *
-                t;
-            const Lanes tail = all(0.5F) * poly * e;
-            const Lanes f = negative ? tail : all(1) - tail;
-            const Lanes d = e * all(0.39894228F);
-            store(density + i, d);
-            store(phi + i, f);
-            store(integral + i, at * f + d);
-        }
-    }
+    float density[kLongestKernel], phi[kLongestKernel], integral[kLongestKernel];
 };
 
-/// @param centre  of the kernel, px
-/// @param count   pixels
-void fillKernel(Kernel& kernel, double centre, double reach, int count, float blur) {
+KESTRUNE_BOTH void fillBoth(NormalIntegrals& n, float u, float du, int count) {
+    const Lanes offsets = {0, 1, 2, 3, 4, 5, 6, 7};
+    for (int i = 0; i < count; i += kLanes) {
+        const Lanes at = u + (static_cast<float>(i) + offsets) * du;
+        Lanes e;
+        exponential(-0.5F * at * at, e);
+        const IntLanes negative = at < 0;
+        const Lanes z = negative ? -at : at;
+        // Abramowitz and Stegun 7.1.26 (1.5e-7), with z for sqrt(2) times theirs.
+        const Lanes t = 1 / (1 + 0.3275911F * 0.70710678F * z);
+        const Lanes poly =
+            ((((1.061405429F * t - 1.453152027F) * t + 1.421413741F) * t - 0.284496736F) * t + 0.254829592F) * t;
+        const Lanes tail = 0.5F * poly * e;
+        const Lanes f = negative ? tail : 1 - tail;
+        const Lanes d = e * 0.39894228F;
+        store(n.density + i, d);
+        store(n.phi + i, f);
+        store(n.integral + i, at * f + d);
+    }
+}
+void fillAny(NormalIntegrals& n, float u, float du, int count) {
+    fillBoth(n, u, du, count);
+}
+KESTRUNE_WIDE void fillWide(NormalIntegrals& n, float u, float du, int count) {
+    fillBoth(n, u, du, count);
+}
+
+/// @param first  of the pixels, from the kernel's middle
+void fillKernel(DiscKernel& kernel, double first, float blur, int count) {
     NormalIntegrals n;
-    kernel.first = static_cast<int>(std::ceil(centre - reach));
     const float perBlur = 1 / blur;
     // Edges of the pixels, from the left edge of the one before the first.
-    n.fill(static_cast<float>(kernel.first - 1.5 - centre) * perBlur, perBlur, count + 2);
+    (hasWideLanes() ? fillWide : fillAny)(n, static_cast<float>(first - 1.5) * perBlur, perBlur, count + 2);
     // What is cut off is shared among the rest, so that a marker's middle is 1.
     const float whole = 1 / (n.phi[count + 1] - n.phi[1]);
     float before = 0;
@@ -72,55 +70,106 @@ void fillKernel(Kernel& kernel, double centre, double reach, int count, float bl
     }
 }
 
+KESTRUNE_BOTH void between(const float* a, const float* b, float share, int count, float* result) {
+    for (int i = 0; i < count; i += kLanes) {
+        Lanes from, to;
+        load(a + i, from);
+        load(b + i, to);
+        store(result + i, from + (to - from) * share);
+    }
+}
+
+/// @returns the first pixel of the kernel about `centre`, px.
+KESTRUNE_BOTH int kernelAt(const DiscKernels& kernels, double centre, DiscKernel& kernel) {
+    const double first = std::ceil(centre - kernels.reach);
+    const double place = (first - (centre - kernels.reach)) * DiscKernels::kRows;
+    const int row = std::min(static_cast<int>(place), DiscKernels::kRows - 1);
+    const auto share = static_cast<float>(place - row);
+    const DiscKernel &a = kernels.rows[static_cast<std::size_t>(row)],
+                     &b = kernels.rows[static_cast<std::size_t>(row) + 1];
+    between(a.k, b.k, share, kernels.count, kernel.k);
+    between(a.slope, b.slope, share, kernels.count, kernel.slope);
+    between(a.step, b.step, share, kernels.count, kernel.step);
+    return static_cast<int>(first);
+}
+
+/// Adds a piece of the rim with the normal n, times its length, at (x, y), where exp(i u) = (c, d) of the rim's
+/// parameter.
+KESTRUNE_BOTH void addPiece(const DiscKernel& kx, const DiscKernel& ky, const DiscKernels& kernels, float nx, float ny,
+                            float c, float d, DiscPixel* to, int stride) {
+    const auto blur = static_cast<float>(kernels.blur);
+    Lanes spread[kLongestKernel], other[kLongestKernel];
+    for (int i = 0; i < kernels.count; ++i) {
+        const float k = kx.k[i];
+        spread[i] = Lanes{k, k, k, k, k, k, k, k};
+        other[i] = Lanes{0, 0, 0, 0, 0, kx.slope[i], kx.step[i], 0};
+    }
+    const Lanes moves = {nx, ny, c * nx + d * ny, c * nx - d * ny, d * nx + c * ny, 0, 0, 0};
+    const Lanes along = {0, 0, 0, 0, 0, -blur * ny, 0, 0}, across = {0, 0, 0, 0, 0, -blur * nx, -nx, 0};
+    for (int j = 0; j < kernels.count; ++j, to += stride) {
+        const Lanes near = ky.k[j] * moves + ky.slope[j] * along, far = ky.k[j] * across;
+        float* pixel = &to->x;
+        for (int i = 0; i < kernels.count; ++i, pixel += kLanes) {
+            Lanes p;
+            load(pixel, p);
+            store(pixel, p + (spread[i] * near + other[i] * far));
+        }
+    }
+}
+
+KESTRUNE_BOTH void addRimBoth(const DiscKernels& kernels, const SmoothEllipse& e, const cv::Rect& box,
+                              DiscPixel* pixels) {
+    const double longest = kStep * std::max(kernels.blur, kPixelBlur);
+    const int steps =
+        std::max(kFewestSteps, static_cast<int>(std::ceil(2 * std::numbers::pi * e.majorHalfAxis() / longest)));
+    const double dt = 2 * std::numbers::pi / steps, turnC = std::cos(dt), turnD = std::sin(dt);
+    DiscKernel kx, ky;
+    double c = 1, d = 0;
+    for (int i = 0; i < steps; ++i) {
+        const double x = e.x + (e.s + e.e1) * c + e.e2 * d, y = e.y + (e.s - e.e1) * d + e.e2 * c;
+        const double nx = ((e.s - e.e1) * c - e.e2 * d) * dt, ny = ((e.s + e.e1) * d - e.e2 * c) * dt;
+        const int left = kernelAt(kernels, x, kx) - box.x, top = kernelAt(kernels, y, ky) - box.y;
+        addPiece(kx, ky, kernels, static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(c),
+                 static_cast<float>(d), pixels + static_cast<std::ptrdiff_t>(top) * box.width + left, box.width);
+        const double next = c * turnC - d * turnD;
+        d = c * turnD + d * turnC;
+        c = next;
+    }
+}
+void addRimAny(const DiscKernels& kernels, const SmoothEllipse& e, const cv::Rect& box, DiscPixel* pixels) {
+    addRimBoth(kernels, e, box, pixels);
+}
+KESTRUNE_WIDE void addRimWide(const DiscKernels& kernels, const SmoothEllipse& e, const cv::Rect& box,
+                              DiscPixel* pixels) {
+    addRimBoth(kernels, e, box, pixels);
+}
+
 }  // namespace
+
+void DiscKernels::fill(double newBlur, double newReach) {
+    blur = newBlur, reach = newReach;
+    count = static_cast<int>(2 * reach) + 1;
+    for (int row = 0; row <= kRows; ++row)
+        fillKernel(rows[static_cast<std::size_t>(row)], static_cast<double>(row) / kRows - reach,
+                   static_cast<float>(blur), count);
+}
 
 void DiscImage::reset(const cv::Rect& box) {
     box_ = box;
-    pixels_.assign(static_cast<std::size_t>(box.area()), DiscPixel{});
+    const auto size = static_cast<std::size_t>(box.area());
+    if (pixels_.size() < size) pixels_.resize(size);
+    std::memset(static_cast<void*>(pixels_.data()), 0, size * sizeof(DiscPixel));
 }
 
-bool DiscImage::add(const geometry::SmoothEllipse& ellipse, double blur) {
+bool DiscImage::add(const SmoothEllipse& ellipse, double blur) {
     const double reach = kReach * totalBlur(blur);
-    const int count = static_cast<int>(2 * reach) + 1;
     const double halfWidth = std::hypot(ellipse.s + ellipse.e1, ellipse.e2);
     const double halfHeight = std::hypot(ellipse.s - ellipse.e1, ellipse.e2);
     if (!(ellipse.x - halfWidth - reach - 1 >= box_.x && ellipse.x + halfWidth + reach + 1 <= box_.br().x - 1 &&
           ellipse.y - halfHeight - reach - 1 >= box_.y && ellipse.y + halfHeight + reach + 1 <= box_.br().y - 1))
         return false;
-
-    const double longest = kStep * std::max(blur, 0.5);
-    const int steps =
-        std::max(kFewestSteps, static_cast<int>(std::ceil(2 * std::numbers::pi * ellipse.majorHalfAxis() / longest)));
-    const double dt = 2 * std::numbers::pi / steps;
-    Kernel kx, ky;
-    const std::complex<double> turn(std::cos(dt), std::sin(dt));
-    std::complex<double> at(1, 0);
-    const auto b = static_cast<float>(blur);
-    for (int i = 0; i < steps; ++i, at *= turn) {
-        const double c = at.real(), d = at.imag();
-        const double x = ellipse.x + (ellipse.s + ellipse.e1) * c + ellipse.e2 * d;
-        const double y = ellipse.y + (ellipse.s - ellipse.e1) * d + ellipse.e2 * c;
-        const double nx = ((ellipse.s - ellipse.e1) * c - ellipse.e2 * d) * dt;  // of the normal, times the step
-        const double ny = ((ellipse.s + ellipse.e1) * d - ellipse.e2 * c) * dt;
-        fillKernel(kx, x, reach, count, b);
-        fillKernel(ky, y, reach, count, b);
-        const Lanes move = {static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(c * nx + d * ny),
-                            static_cast<float>(c * nx - d * ny)};
-        const auto turned = static_cast<float>(d * nx + c * ny);
-        const auto nxf = static_cast<float>(nx), nyf = static_cast<float>(ny);
-        for (int j = 0; j < count; ++j) {
-            float* to = &row(ky.first + j)[kx.first - box_.x].x;
-            const Lanes first = all(ky.k[j]) * move;
-            const Lanes second = {ky.k[j] * turned, -b * ky.slope[j] * nyf, 0, 0};
-            const Lanes third = {0, -b * ky.k[j] * nxf, -ky.k[j] * nxf, 0};
-            for (int k = 0; k < count; ++k, to += 8) {
-                const Lanes kk = all(kx.k[k]);
-                const Lanes other = {0, kx.slope[k], kx.step[k], 0};
-                store(to, load(to) + kk * first);
-                store(to + 4, load(to + 4) + (kk * second + other * third));
-            }
-        }
-    }
+    if (kernels_.blur != blur) kernels_.fill(blur, reach);
+    (hasWideLanes() ? addRimWide : addRimAny)(kernels_, ellipse, box_, pixels_.data());
     return true;
 }
 

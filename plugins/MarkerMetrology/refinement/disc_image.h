@@ -33,11 +33,30 @@ inline double totalBlur(double blur) {
     return std::sqrt(blur * blur + 1.0 / 12);
 }
 
-/// M of one row of pixels from its left end, and its derivatives by centre x, centre y, s, e1, e2 and blur.
+/// Derivatives of M by centre x, centre y, s, e1, e2 and blur, and M itself by its steps along the row.
 struct DiscPixel {
     float x, y, s, e1, e2, blur;
     float step;   ///< M less that of the pixel to the left
     float spare;  ///< 0
+};
+
+/// Pixels that the largest blur reaches, with what vectors read beyond.
+inline constexpr int kLongestKernel = 2 * 31 + 16;
+
+/// k, its slope and the steps of S along one axis, for the pixels about a point.
+struct DiscKernel {
+    float k[kLongestKernel], slope[kLongestKernel], step[kLongestKernel];
+};
+
+/// The kernels of points anywhere between two pixels: a table whose steps are so small that a straight line from row to
+/// row is right to 1e-5.
+struct DiscKernels {
+    static constexpr int kRows = 64;
+    std::array<DiscKernel, kRows + 1> rows{};
+    double blur = 0, reach = 0;  ///< px; reach to both sides
+    int count = 0;               ///< pixels
+
+    void fill(double newBlur, double newReach);
 };
 
 /// Scratch storage for the images of discs in one box of pixels.
@@ -61,6 +80,7 @@ class DiscImage {
   private:
     cv::Rect box_;
     std::vector<DiscPixel> pixels_;
+    DiscKernels kernels_;
 };
 
 }  // namespace kestrune::refinement

@@ -12,8 +12,7 @@ using geometry::SmoothEllipse;
 
 namespace {
 
-constexpr double kFirstReach = 3;     // px: the blur of an image in focus
-constexpr double kGround = 3;         // px beyond it
+constexpr double kFirstReach = 3.9;   // px: the blur of an image in focus
 constexpr double kReachChange = 0.5;  // px: a window that is so far from what the blur asks for is taken again
 constexpr int kMostWindows = 4;
 constexpr int kFewestFlat = 4;  // pixels that tell a level
@@ -64,7 +63,7 @@ std::optional<DiscModel> firstGuess(const cv::Mat& image, const SmoothEllipse& e
     guess.ellipse = ellipse;
     double reach = kFirstReach;
     for (int i = 0; i < kMostWindows; ++i) {
-        window.take(image, ellipse, reach, reach + kGround, neighbours);
+        window.take(image, ellipse, reach, groundOf(ellipse, reach), neighbours);
         if (window.outside().count < kFewestFlat) return std::nullopt;
         guess.outside = window.outside().level();
         guess.inside = window.inside().count >= kFewestFlat ? window.inside().level() : middleLevel(window, ellipse);

@@ -19,6 +19,28 @@ std::array<double, 5> powerSums(double n) {
     return {n, n1 / 2, n1 * odd / 6, n1 * n1 / 4, n1 * odd * (3 * n * n + 3 * n - 1) / 30};
 }
 
+/// Sums of I, i I, i^2 I and I^2 of a run, I less the reference.
+KESTRUNE_BOTH void momentsBoth(const float* grey, int count, float reference, float* result) {
+    Lanes s0{}, s1{}, s2{}, squares{}, at = {0, 1, 2, 3, 4, 5, 6, 7};
+    for (int i = 0; i < count; i += kLanes, at += static_cast<float>(kLanes)) {
+        Lanes value;
+        load(grey + i, value);
+        value -= reference;
+        if (i + kLanes > count) value = at < static_cast<float>(count) ? value : Lanes{};
+        s0 += value;
+        s1 += value * at;
+        s2 += value * at * at;
+        squares += value * value;
+    }
+    result[0] = sum(s0), result[1] = sum(s1), result[2] = sum(s2), result[3] = sum(squares);
+}
+void momentsAny(const float* grey, int count, float reference, float* result) {
+    momentsBoth(grey, count, reference, result);
+}
+KESTRUNE_WIDE void momentsWide(const float* grey, int count, float reference, float* result) {
+    momentsBoth(grey, count, reference, result);
+}
+
 }  // namespace
 
 double FlatSums::variance() const {
@@ -40,22 +62,14 @@ void FlatMoments::add(int x, int y, int count, const float* grey) {
     for (std::size_t j = 0; j < 5; ++j, py *= Y)
         for (std::size_t i = 0; i + j < 5; ++i) powers_[i][j] += (to[i] - from[i]) * py;
 
-    const Lanes reference = all(static_cast<float>(reference_));
-    Lanes s0{}, s1{}, s2{}, squares{}, at = {0, 1, 2, 3};
-    for (int i = 0; i < count; i += kLanes, at += all(kLanes)) {
-        Lanes value = load(grey + i) - reference;
-        if (i + kLanes > count) value = at < all(static_cast<float>(count)) ? value : Lanes{};
-        s0 += value;
-        s1 += value * at;
-        s2 += value * at * at;
-        squares += value * value;
-    }
-    const double i0 = sum(s0), i1 = sum(s1), i2 = sum(s2);
+    std::array<float, 4> moments;
+    (hasWideLanes() ? momentsWide : momentsAny)(grey, count, static_cast<float>(reference_), moments.data());
+    const double i0 = moments[0], i1 = moments[1], i2 = moments[2];
     const double ix = i1 + X * i0;
     const double ixx = i2 + 2 * X * i1 + X * X * i0;
     const std::array<double, 6> part = {i0, ix, Y * i0, ixx, Y * ix, Y * Y * i0};
     for (std::size_t k = 0; k < part.size(); ++k) grey_[k] += part[k];
-    greySquared_ += sum(squares);
+    greySquared_ += moments[3];
 }
 
 FlatSums FlatMoments::sums() const {

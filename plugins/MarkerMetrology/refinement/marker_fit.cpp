@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "refinement/pixel_steps.h"
+
 namespace kestrune::refinement {
 
 using geometry::SmoothEllipse;
@@ -12,9 +14,8 @@ using geometry::SmoothEllipse;
 namespace {
 
 constexpr int kMostRounds = 5;
+constexpr double kLeastSlack = 0.5;
 constexpr double kSlack = 0.7;          // px by which a rim may move within its window
-constexpr double kLeastGround = 4;      // px of ground beyond the reach of the blur ...
-constexpr double kGroundShare = 0.5;    // ... or this share of the marker's size, to tell the light by
 constexpr double kFewestForNoise = 24;  // pixels that tell a variance
 // Pixels of one level whose variance is so many times that of their steps are not of one level.
 constexpr double kUneven = 2;
@@ -46,19 +47,19 @@ double distance(const SmoothEllipse& a, const SmoothEllipse& b) {
 }
 
 /// Variance of pixels that should be of one level: where they are not, that of their steps.
-double varianceOf(const FlatSums& sums, const std::vector<float>& steps) {
-    const double variance = sums.variance(), bySteps = varianceBySteps(steps);
+double varianceOf(const FlatSums& sums, const std::vector<FlatRun>& runs) {
+    const double variance = sums.variance(), bySteps = varianceBySteps(runs);
     return bySteps > 0 && variance > kUneven * std::max(bySteps, kRounding) ? bySteps : variance;
 }
 
 NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, std::vector<ResidualSample>& samples) {
     samples.clear();
-    const auto add = [&](const FlatSums& sums, const std::vector<float>& steps, double level) {
+    const auto add = [&](const FlatSums& sums, const std::vector<FlatRun>& runs, double level) {
         if (sums.count >= kFewestForNoise)
-            samples.push_back({level, varianceOf(sums, steps), sums.count - 1 - kLightTerms});
+            samples.push_back({level, varianceOf(sums, runs), sums.count - 1 - kLightTerms});
     };
-    add(window.inside(), window.insideSteps(), model.inside);
-    add(window.outside(), window.outsideSteps(), model.outside);
+    add(window.inside(), window.insideRuns(), model.inside);
+    add(window.outside(), window.outsideRuns(), model.outside);
     return noiseOf(samples);
 }
 
@@ -71,10 +72,10 @@ NoiseModel noiseOfRim(const MarkerWindow& window, const FittedMarker& fitted, co
     const NoiseModel ground = noiseOfGround(window, model, samples);
     std::array<ResidualSample, kLevels> levels{};
     for (int i = 0; i < window.rimCount(); ++i) {
-        const double level = static_cast<double>(fit.levels()[i]);
+        const double level = static_cast<double>(fit.rim().levels()[i]);
         const double m = (level - model.outside) / model.contrast();
         ResidualSample& sample = levels[static_cast<std::size_t>(std::clamp(m * kLevels, 0.0, kLevels - 1.0))];
-        const double residual = static_cast<double>(fit.residuals()[i]);
+        const double residual = static_cast<double>(fit.rim().residuals()[i]);
         sample.count += 1, sample.level += level, sample.variance += residual * residual * fitted.noise.variance(level);
     }
     for (ResidualSample& sample : levels) {
@@ -193,13 +194,15 @@ class MarkerFit {
             result.status = RefinementStatus::tooFaint;
             return result;
         }
-        result = follow(*guess, before ? before->hidden : Sectors());
+        result = follow(*guess, before ? before->hidden : Sectors(), !before);
         return isSuspicious(result) ? fitVisible(*guess, result) : result;
     }
 
   private:
     /// Fits, and takes the window anew where the rim has left it.
-    FittedMarker follow(DiscModel model, const Sectors& hidden) {
+    ///
+    /// @param isTaken  the window is that of the first guess.
+    FittedMarker follow(DiscModel model, const Sectors& hidden, bool isTaken = false) {
         FittedMarker result;
         result.hidden = hidden;
         result.status = RefinementStatus::notConverged;
@@ -207,7 +210,7 @@ class MarkerFit {
         DiscFit::Knowledge& known = scratch_.known;
         bool knowsNoise = false;
         for (int round = 0; round < kMostRounds; ++round) {
-            const double reach = takeWindow(model, hidden);
+            const double reach = takeWindow(model, hidden, isTaken && round == 0);
             if (window.rimShare() < kLeastRimShare) {
                 result.status = neighbours_.empty() && hidden.none() ? RefinementStatus::leavesImage
                                                                      : RefinementStatus::touchesAnother;
@@ -240,13 +243,16 @@ class MarkerFit {
         return result;
     }
 
-    /// @returns the reach of the blur, px.
-    double takeWindow(const DiscModel& model, const Sectors& hidden) {
-        const double reach = kReach * totalBlur(model.blur) + kSlack;
-        const double ground = reach + std::max(kLeastGround, kGroundShare * model.ellipse.s);
-        scratch_.window.take(image_, model.ellipse, reach, ground, scratch_.neighbours, hidden);
+    /// @returns the distance from the rim to which the blur is looked at, px.
+    double takeWindow(const DiscModel& model, const Sectors& hidden, bool isTaken = false) {
+        const double blur = kReach * totalBlur(model.blur);
+        MarkerWindow& window = scratch_.window;
+        if (!isTaken || hidden.any() || !window.serves(model.ellipse, blur + kLeastSlack, blur + 2 * kSlack)) {
+            const double reach = blur + kSlack;
+            window.take(image_, model.ellipse, reach, groundOf(model.ellipse, reach), scratch_.neighbours, hidden);
+        }
         if (!lightOfOthers(neighbours_, model, scratch_)) scratch_.known.others.clear();
-        return reach;
+        return window.reach();
     }
 
     static bool isSuspicious(const FittedMarker& fitted) {
@@ -281,7 +287,7 @@ class MarkerFit {
         scratch_.sectors.assign(kSectors, {});
         for (const MarkerWindow::Run& run : window.runs())
             for (int i = 0; run.first >= 0 && i < run.count; ++i) {
-                const double residual = static_cast<double>(scratch_.fit.residuals()[run.first + i]);
+                const double residual = static_cast<double>(scratch_.fit.rim().residuals()[run.first + i]);
                 SectorResidual& sector =
                     scratch_.sectors[static_cast<std::size_t>(sectorOf(model.ellipse, run.x + i, run.y))];
                 sector.sum += residual * residual, ++sector.count;

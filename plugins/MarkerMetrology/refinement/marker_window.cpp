@@ -12,6 +12,18 @@ namespace {
 
 enum Kind { kInside, kRim, kOutside };
 
+// A rim may move by this, or its blur grow, and still be drawn in its box, px.
+constexpr double kRoom = 3;
+
+cv::Rect boxAbout(const SmoothEllipse& ellipse, double margin) {
+    const cv::Point2d half = halfSize(dilated(ellipse, margin));
+    const cv::Point from(static_cast<int>(std::floor(ellipse.x - half.x)),
+                         static_cast<int>(std::floor(ellipse.y - half.y)));
+    const cv::Point to(static_cast<int>(std::ceil(ellipse.x + half.x)) + 1,
+                       static_cast<int>(std::ceil(ellipse.y + half.y)) + 1);
+    return {from, to};
+}
+
 }  // namespace
 
 cv::Point2d halfSize(const SmoothEllipse& ellipse) {
@@ -49,7 +61,10 @@ RowInterval rowOf(const SmoothEllipse& ellipse, int y) {
 }
 
 void MarkerWindow::copyPatch(const cv::Mat& image) {
-    patch_.assign(static_cast<std::size_t>(box_.area()) + kPadding, 0.0F);
+    const auto size = static_cast<std::size_t>(box_.area()) + kPadding;
+    for (std::vector<float>* list : {&patch_, &grey_, &u_, &v_})
+        if (list->size() < size) list->resize(size);
+    if (visible_ != box_) std::fill(patch_.begin(), patch_.end(), 0.0F);
     for (int y = visible_.y; y < visible_.br().y; ++y) {
         float* to = &patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (visible_.x - box_.x))];
         if (image.depth() == CV_8U) {
@@ -63,27 +78,28 @@ void MarkerWindow::copyPatch(const cv::Mat& image) {
 void MarkerWindow::take(const cv::Mat& image, const SmoothEllipse& ellipse, double reach, double ground,
                         const std::vector<Neighbour>& neighbours, const Sectors& hidden) {
     reach_ = reach, ground_ = ground;
-    const cv::Point2d half = halfSize(dilated(ellipse, ground + 2));
-    const cv::Point from(static_cast<int>(std::floor(ellipse.x - half.x)),
-                         static_cast<int>(std::floor(ellipse.y - half.y)));
-    const cv::Point to(static_cast<int>(std::ceil(ellipse.x + half.x)) + 1,
-                       static_cast<int>(std::ceil(ellipse.y + half.y)) + 1);
-    box_ = {from, to};
+    ellipse_ = ellipse, isWhole_ = hidden.none();
+    box_ = boxAbout(ellipse, ground + 2);
+    rimBox_ = boxAbout(ellipse, reach + kRoom);
     visible_ = box_ & cv::Rect({}, image.size());
     copyPatch(image);
     frame_ = {static_cast<int>(std::lround(ellipse.x)), static_cast<int>(std::lround(ellipse.y)),
               1 / (ellipse.s + ground)};
     rimPixels_ = 0;
     runs_.clear();
-    grey_.clear(), u_.clear(), v_.clear();
-    insideSteps_.clear(), outsideSteps_.clear();
+    rimCount_ = 0;
+    insideRuns_.clear(), outsideRuns_.clear();
     const double reference = visible_.contains({frame_.x, frame_.y}) ? at(frame_.x, frame_.y) : 0;
     insideMoments_.reset(frame_, reference);
     outsideMoments_.reset(frame_, reference);
     for (int y = box_.y; y < box_.br().y; ++y) sortRow(y, ellipse, neighbours, hidden);
     inside_ = insideMoments_.sums();
     outside_ = outsideMoments_.sums();
-    for (std::vector<float>* list : {&grey_, &u_, &v_}) list->resize(list->size() + kPadding, 0.0F);
+}
+
+bool MarkerWindow::serves(const SmoothEllipse& ellipse, double leastReach, double mostReach) const {
+    return isWhole_ && ellipse.x == ellipse_.x && ellipse.y == ellipse_.y && ellipse.s == ellipse_.s &&
+           ellipse.e1 == ellipse_.e1 && ellipse.e2 == ellipse_.e2 && reach_ >= leastReach && reach_ <= mostReach;
 }
 
 void MarkerWindow::sortRow(int y, const SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours,
@@ -155,19 +171,21 @@ void MarkerWindow::takeRun(int y, int from, int to, int kind) {
     const float* pixels = &patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (from - box_.x))];
     if (kind == kInside || kind == kOutside) {
         (kind == kInside ? insideMoments_ : outsideMoments_).add(from, y, to - from, pixels);
-        std::vector<float>& steps = kind == kInside ? insideSteps_ : outsideSteps_;
-        for (int i = 1; i < to - from; ++i) steps.push_back(pixels[i] - pixels[i - 1]);
+        (kind == kInside ? insideRuns_ : outsideRuns_).push_back({pixels, to - from});
         return;
     }
     const bool lost = kind != kRim;
-    runs_.push_back({y, from, to - from, lost ? -1 : static_cast<int>(grey_.size())});
+    runs_.push_back({y, from, to - from, lost ? -1 : rimCount_});
     if (lost) return;
     const auto v = static_cast<float>((y - frame_.y) * frame_.perPixel);
-    for (int x = from; x < to; ++x) {
-        grey_.push_back(pixels[x - from]);
-        u_.push_back(static_cast<float>((x - frame_.x) * frame_.perPixel));
-        v_.push_back(v);
+    const auto perPixel = static_cast<float>(frame_.perPixel);
+    const auto at = static_cast<std::size_t>(rimCount_);
+    for (std::size_t i = 0; i < static_cast<std::size_t>(to - from); ++i) {
+        grey_[at + i] = pixels[i];
+        u_[at + i] = static_cast<float>(from - frame_.x + static_cast<int>(i)) * perPixel;
+        v_[at + i] = v;
     }
+    rimCount_ += to - from;
 }
 
 }  // namespace kestrune::refinement

@@ -21,6 +21,12 @@ struct Neighbour {
     double blurred = 0;    ///< px on this side of its rim that are no ground
 };
 
+/// Neighbouring pixels of a row.
+struct FlatRun {
+    const float* grey;
+    int count;
+};
+
 /// Grey levels as numbers; pixels outside of the image are taken by no run.
 class MarkerWindow {
   public:
@@ -33,11 +39,16 @@ class MarkerWindow {
     void take(const cv::Mat& image, const geometry::SmoothEllipse& ellipse, double reach, double ground,
               const std::vector<Neighbour>& neighbours, const Sectors& hidden = {});
 
-    const cv::Rect& box() const { return box_; }  ///< may lie over the edge of the image
+    /// Whether it was taken about this ellipse, with nothing hidden, and so far that a reach between the two is served.
+    bool serves(const geometry::SmoothEllipse& ellipse, double leastReach, double mostReach) const;
+    double reach() const { return reach_; }  ///< px
+
+    const cv::Rect& box() const { return box_; }        ///< may lie over the edge of the image
+    const cv::Rect& rimBox() const { return rimBox_; }  ///< of the pixels about the rim, with room for it to move
     const LightFrame& frame() const { return frame_; }
 
     // The pixels of the rim, row by row.
-    int rimCount() const { return static_cast<int>(grey_.size()) - kPadding; }
+    int rimCount() const { return rimCount_; }
     const float* grey() const { return grey_.data(); }
     const float* u() const { return u_.data(); }
     const float* v() const { return v_.data(); }
@@ -50,16 +61,16 @@ class MarkerWindow {
 
     const FlatSums& inside() const { return inside_; }
     const FlatSums& outside() const { return outside_; }
-    /// Differences of neighbouring pixels of a row, of the middle and of the ground.
-    const std::vector<float>& insideSteps() const { return insideSteps_; }
-    const std::vector<float>& outsideSteps() const { return outsideSteps_; }
+    /// Pixels of the middle and of the ground, run by run.
+    const std::vector<FlatRun>& insideRuns() const { return insideRuns_; }
+    const std::vector<FlatRun>& outsideRuns() const { return outsideRuns_; }
     /// Share of the pixels about the rim, 0 to 1, that are in the image and nobody else's.
     double rimShare() const { return static_cast<double>(rimCount()) / std::max(1, rimPixels_); }
 
     /// Grey level of a pixel of the box; 0 outside of the image.
     float at(int x, int y) const { return patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (x - box_.x))]; }
 
-    static constexpr int kPadding = 8;  ///< zeros behind the list's last pixel
+    static constexpr int kPadding = 16;  ///< numbers behind the lists' last pixel that may be read, too
 
   private:
     void copyPatch(const cv::Mat& image);
@@ -69,17 +80,28 @@ class MarkerWindow {
     void takeRow(int y, int from, int to, int kind);
     void takeRun(int y, int from, int to, int kind);
 
-    cv::Rect box_, visible_;
+    cv::Rect box_, rimBox_, visible_;
     LightFrame frame_;
     std::vector<float> patch_;
-    std::vector<float> grey_, u_, v_, insideSteps_, outsideSteps_;
+    std::vector<float> grey_, u_, v_;
+    std::vector<FlatRun> insideRuns_, outsideRuns_;
     std::vector<Run> runs_;
     std::vector<unsigned char> taken_;  // of a row: 1 where a neighbour's blur is, 2 where its rim has it
     FlatMoments insideMoments_, outsideMoments_;
     FlatSums inside_, outside_;
+    geometry::SmoothEllipse ellipse_;
+    bool isWhole_ = false;
     double reach_ = 0, ground_ = 0;
+    int rimCount_ = 0;
     int rimPixels_ = 0;  // taken or not
 };
+
+/// Distance from the rim, px, to which its ground is looked at: some pixels beyond the blur, and as many as tell the
+/// light across the marker.
+inline double groundOf(const geometry::SmoothEllipse& ellipse, double reach) {
+    constexpr double kLeast = 4, kShare = 0.5;
+    return reach + std::max(kLeast, kShare * ellipse.s);
+}
 
 /// Columns of a row inside of an ellipse: from <= x <= to; none if from > to.
 struct RowInterval {

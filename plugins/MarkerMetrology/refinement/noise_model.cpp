@@ -1,36 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "refinement/noise_model.h"
 
-#include <limits>
-
 namespace kestrune::refinement {
 namespace {
 
 constexpr int kIterations = 3;         // of the weights, which want the variance that is asked for
 constexpr double kSignificance = 2.5;  // standard deviations of the slope from which it is believed
 
-// Of Gaussian steps, those within three standard deviations have this share of the variance.
-constexpr double kWithinThree = 0.9733;
-constexpr std::size_t kFewestSteps = 8;
-constexpr int kClippings = 4;
-
 }  // namespace
-
-double varianceBySteps(const std::vector<float>& steps) {
-    if (steps.size() < kFewestSteps) return 0;
-    double most = std::numeric_limits<double>::infinity(), variance = 0;
-    for (int i = 0; i <= kClippings; ++i) {
-        double sum = 0, count = 0;
-        for (const float step : steps) {
-            const double square = static_cast<double>(step) * static_cast<double>(step);
-            if (square <= most) sum += square, ++count;
-        }
-        variance = sum / std::max(1.0, count) / (i > 0 ? kWithinThree : 1);
-        // Whole grey levels: a single step of one is no outlier.
-        most = 9 * std::max(variance, kRounding * 2);
-    }
-    return variance / 2;
-}
 
 NoiseModel noiseOf(const std::vector<ResidualSample>& samples) {
     double all = 0, count = 0, lowest = 0;

@@ -26,10 +26,6 @@ struct ResidualSample {
     double count = 0;     ///< pixels, less the unknowns that they determined
 };
 
-/// Variance of a pixel by the differences of neighbours, those beyond three standard deviations left out: what lies
-/// over a part of the pixels shows only at its edges. 0 for fewer than eight differences.
-double varianceBySteps(const std::vector<float>& steps);
-
 /// The straight line through the samples' variances, by weighted least squares with the variance that squares of
 /// Gaussian residuals have (2 v^2); level where its slope is not significant.
 ///
