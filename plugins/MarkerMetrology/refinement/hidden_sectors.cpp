@@ -13,14 +13,14 @@ constexpr double kFewest = 3;  // pixels that tell anything of a sector
 
 }  // namespace
 
-Sectors hiddenSectors(const std::vector<SectorResidual>& residuals) {
+Sectors hiddenSectors(const std::vector<SectorResidual>& residuals, double least) {
     std::vector<double> means;
     for (const SectorResidual& r : residuals)
         if (r.count >= kFewest) means.push_back(r.mean());
     if (means.empty()) return Sectors().set();
     const auto middle = means.begin() + static_cast<std::ptrdiff_t>(means.size() / 2);
     std::nth_element(means.begin(), middle, means.end());
-    const double most = kFactor * std::max(1.0, *middle);
+    const double most = std::max(least, kFactor * std::max(1.0, *middle));
     Sectors hidden, wider;
     for (std::size_t k = 0; k < residuals.size(); ++k)
         hidden[k] = residuals[k].count < kFewest || residuals[k].mean() > most;

@@ -34,6 +34,7 @@ struct SectorResidual {
 /// The sectors that something lies over: whose mean square is many times the median's, with those beside them.
 ///
 /// @param residuals  of all sectors, in units of the noise; one without pixels counts as hidden
-Sectors hiddenSectors(const std::vector<SectorResidual>& residuals);
+/// @param least      mean square of a rim that is as far off as any rim of a marker may be
+Sectors hiddenSectors(const std::vector<SectorResidual>& residuals, double least);
 
 }  // namespace kestrune::refinement

@@ -27,6 +27,8 @@ constexpr double kLeastRimShare = 0.45;
 // over it; no more than this many sectors may be hidden.
 constexpr double kSuspicious = 1.5;
 constexpr std::size_t kMostHidden = 12;
+// The lens and real markers bend a rim by hundredths of a pixel; what lies over one moves it by more than this, px.
+constexpr double kHiddenBy = 0.2;
 constexpr int kMostVisible = 4;
 // How far a fit may run from its start: the paths are off by less than a pixel, a half of small markers.
 constexpr double kMostMove = 1.5, kMostMoveShare = 0.35;
@@ -269,9 +271,14 @@ class MarkerFit {
         for (int i = 0; i < kMostVisible && now.any() && now.count() <= kMostHidden; ++i) {
             result = follow(i == 0 ? guess : result.outcome.model, now);
             if (!result.outcome.converged) break;
-            const Sectors next = hiddenAt(result.outcome.model);
-            if (result.status == RefinementStatus::refined && (next & ~result.hidden).none()) return result;
-            now = next;
+            now = hiddenAt(result.outcome.model);
+            // What the start's error has hidden comes back.
+            const bool last = now == result.hidden || i + 1 == kMostVisible;
+            if (last && result.status == RefinementStatus::refined && (now & ~result.hidden).none()) return result;
+        }
+        if (now.none() && result.outcome.converged) {
+            result = follow(result.outcome.model, {});
+            if (result.status == RefinementStatus::refined) whole = result;
         }
         if (whole.status == RefinementStatus::refined && hiddenAt(whole.outcome.model).any())
             whole.status = RefinementStatus::notADisc;
@@ -292,7 +299,11 @@ class MarkerFit {
                     scratch_.sectors[static_cast<std::size_t>(sectorOf(model.ellipse, run.x + i, run.y))];
                 sector.sum += residual * residual, ++sector.count;
             }
-        return hiddenSectors(scratch_.sectors);
+        // A rim that is off by d px leaves c^2 d^2 / (2 sqrt(pi) blur) a pixel of its length, in all pixels across it.
+        const double c = model.contrast(), reach = window.reach();
+        const double variance = scratch_.known.noise.variance((model.inside + model.outside) / 2);
+        const double across = 2 * std::sqrt(std::numbers::pi) * totalBlur(model.blur) * 2 * reach;
+        return hiddenSectors(scratch_.sectors, c * c * kHiddenBy * kHiddenBy / (across * variance));
     }
 
     const cv::Mat& image_;
