@@ -24,7 +24,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: kestrune_precision [--kinds even|shading|halo|neighbours|occlusion|lens|polarity|shot|all] [--markers N]\n"
-    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX | --ideal] [--each] [--csv FILE] "
+    "                          [--radius PX] [--seed N] [--threads N] [--perturb PX | --ideal] [--each | --overview] "
+    "[--csv FILE] "
     "[--plot FILE]\n"
     "       kestrune_precision --check\n"
     "  --kinds    families of kinds, separated by commas (all)\n"
@@ -33,6 +34,7 @@ constexpr const char* kUsage =
     "  --perturb  refine true ellipses with this error instead of what paths and OpenCV's detectors find\n"
     "  --ideal    a fit of the renderer's own image from the truth instead: as good as it gets\n"
     "  --each     a row for each kind\n"
+    "  --overview two tables of what all come to\n"
     "  --check    the rendered images and the bound against closed forms and plain sums\n"
     "  --csv      writes one, a line for each kind and detector\n"
     "  --plot     writes a picture (SVG) of the even kinds\n";
@@ -42,17 +44,18 @@ struct Options {
     int markers = 100, threads = 1;
     unsigned seed = 1;
     double perturb = 0, radius = 0;
-    bool each = false, check = false, ideal = false;
+    bool each = false, check = false, ideal = false, overview = false;
 };
 
 Options parse(int argc, char** argv) {
     Options options;
     for (int k = 1; k < argc; ++k) {
         const std::string name = argv[k];
-        bool* const flag = name == "--each"    ? &options.each
-                           : name == "--check" ? &options.check
-                           : name == "--ideal" ? &options.ideal
-                                               : nullptr;
+        bool* const flag = name == "--each"       ? &options.each
+                           : name == "--check"    ? &options.check
+                           : name == "--ideal"    ? &options.ideal
+                           : name == "--overview" ? &options.overview
+                                                  : nullptr;
         if (flag != nullptr) {
             *flag = true;
             continue;
@@ -123,7 +126,10 @@ int run(const Options& options) {
     if (failure) std::rethrow_exception(failure);
     std::vector<Row> rows;
     for (const auto& part : rowsOf) rows.insert(rows.end(), part.begin(), part.end());
-    printTables(rows, options.each);
+    if (options.overview)
+        printOverview(rows);
+    else
+        printTables(rows, options.each);
     if (!options.csv.empty()) writeCsv(options.csv, rows);
     if (!options.plot.empty()) plotRatios(options.plot, rows);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <map>
 
 namespace kestrune::bench {
@@ -79,6 +80,18 @@ std::string groupOf(const Row& row, bool each) {
     return kind.family == "even" ? fmt::format("radius {:g}", kind.radius) : kind.name;
 }
 
+/// Of the overview: even kinds by radius, others by family.
+std::string rangeOf(const Row& row) {
+    return row.kind.family == "even" ? fmt::format("even light, radius {:g}", row.kind.radius) : row.kind.family;
+}
+
+std::vector<std::string> namesOf(const std::vector<Row>& rows, const std::function<std::string(const Row&)>& name) {
+    std::vector<std::string> names;
+    for (const Row& row : rows)
+        if (std::find(names.begin(), names.end(), name(row)) == names.end()) names.push_back(name(row));
+    return names;
+}
+
 /// Groups in their order, then what all of them come to.
 std::vector<Line> linesOf(const std::vector<Row>& rows, const std::string& family, bool each) {
     std::vector<Line> lines, whole;
@@ -111,6 +124,16 @@ void printStatuses(const std::vector<Row>& rows) {
     fmt::print("Of the markers found:{}.\n\n", text);
 }
 
+/// Of one detector, or of all that are refined, before or after.
+Summary summaryOf(const std::vector<Row>& rows, const std::string& group, const std::string& detector, bool refined) {
+    Summary summary;
+    for (const Row& row : rows)
+        if (row.refined == refined && row.isBounded() && rangeOf(row) == group &&
+            (detector.empty() || row.detector == detector))
+            summary.add(row);
+    return summary;
+}
+
 }  // namespace
 
 double median(std::vector<double> values) {
@@ -124,11 +147,7 @@ void printTables(const std::vector<Row>& rows, bool each) {
         "Ratios: median, root mean square and largest of the kinds. Bias: largest of a kind, px. Radius: mean "
         "half axis, mean error and largest of a kind, px.\nNormalised: RMS of error / sigma of centre and mean "
         "half axis, and of the ellipse. Beyond: centres more than 4.5 sigmas off, %.\n\n");
-    std::vector<std::string> families;
-    for (const Row& row : rows)
-        if (std::find(families.begin(), families.end(), row.kind.family) == families.end())
-            families.push_back(row.kind.family);
-    for (const std::string& family : families) {
+    for (const std::string& family : namesOf(rows, [](const Row& row) { return row.kind.family; })) {
         fmt::print(
             "### {}\n\n| kinds | detector | false | found % | RMS / bound | bias | radius | refined % | RMS / "
             "bound | bias | radius | normalised | beyond |\n|---|---|{}\n",
@@ -142,6 +161,44 @@ void printTables(const std::vector<Row>& rows, bool each) {
         fmt::print("\n");
     }
     printStatuses(rows);
+}
+
+void printOverview(const std::vector<Row>& rows) {
+    const std::vector<std::string> detectors = namesOf(rows, [](const Row& row) { return row.detector; });
+    const std::vector<std::string> ranges = namesOf(rows, rangeOf);
+    fmt::print(
+        "Found %; RMS of the centre / bound, median of the kinds; after refinement, root mean square of the "
+        "kinds:\n\n|");
+    for (const std::string& detector : detectors) fmt::print(" | {}", detector);
+    fmt::print(" |\n|---|");
+    for (std::size_t k = 0; k < detectors.size(); ++k) fmt::print("---:|");
+    for (const std::string& range : ranges) {
+        fmt::print("\n| {} |", range);
+        for (const std::string& detector : detectors) {
+            const Summary before = summaryOf(rows, range, detector, false),
+                          after = summaryOf(rows, range, detector, true);
+            fmt::print(" {:.0f}%", 100.0 * before.judged / before.markers);
+            if (!before.ratios.empty()) fmt::print("; {:.1f}", median(before.ratios));
+            if (!after.ratios.empty()) fmt::print("; **{:.2f}**", rootMeanSquare(after.ratios));
+            fmt::print(" |");
+        }
+    }
+    fmt::print(
+        "\n\nAfter refinement, all paths:\n\n"
+        "| | refined, of those found | RMS / bound, largest | radius, mean error and largest, px | normalised: "
+        "centre, radius, ellipse | centres beyond 4.5 sigma |\n|---|---:|---:|---:|---:|---:|\n");
+    for (const std::string& range : ranges) {
+        const Summary after = summaryOf(rows, range, "", true);
+        int found = 0;
+        for (const Row& row : rows)
+            if (row.refined && row.isBounded() && rangeOf(row) == range) found += row.score.found;
+        if (after.ratios.empty()) continue;
+        fmt::print("| {} | {:.1f}% | {:.2f} | {:.4f}, {:.4f} | {:.2f}, {:.2f}, {:.2f} | {:.2f}% |\n", range,
+                   100.0 * after.judged / found, largest(after.ratios), mean(after.radii), largest(after.radii),
+                   rootMeanSquare(after.centre), rootMeanSquare(after.radius), rootMeanSquare(after.ellipse),
+                   100.0 * after.beyond / after.judged);
+    }
+    fmt::print("\n");
 }
 
 void writeCsv(const std::string& file, const std::vector<Row>& rows) {

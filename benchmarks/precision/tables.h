@@ -11,6 +11,9 @@ namespace kestrune::bench {
 /// Markdown: for each family a row for each group of kinds and each detector.
 void printTables(const std::vector<Row>& rows, bool each);
 
+/// Markdown: what all detectors and families come to, in two tables.
+void printOverview(const std::vector<Row>& rows);
+
 /// Not of nothing.
 double median(std::vector<double> values);
 
