@@ -10,6 +10,7 @@
 #include "refinement/flat_moments.h"
 #include "refinement/light_prior.h"
 #include "refinement/noise_model.h"
+#include "refinement/spot.h"
 #include "support/teams.h"
 
 namespace kestrune::refinement_test {
@@ -224,6 +225,25 @@ TEST(RefineMarkers, GivesTheSameInAnyOrderOnAnyNumberOfThreads) {
             EXPECT_EQ(cv::norm(one[i].covariance - two[one.size() - 1 - i].covariance), 0) << i;
         }
     }
+}
+
+TEST(RefineMarkers, BeginsAtTheSpotWhereARecordHasNoOutline) {
+    for (const double contrast : {150, -30}) {
+        Rendered scene(12, 0.8, contrast, 2);
+        const std::vector<MarkerEstimate> wanted = refineMarkers(scene.image, scene.corners);
+        for (Corner& c : scene.corners) c.ellipse = {}, c.area = 400;
+        const std::vector<MarkerEstimate> found = refineMarkers(scene.image, scene.corners);
+        for (std::size_t i = 0; i < found.size(); ++i) EXPECT_LT(cv::norm(found[i].centre - wanted[i].centre), 2e-3) << i;
+    }
+    cv::Mat image(200, 200, CV_8U, cv::Scalar(50));
+    cv::ellipse(image, {90, 110}, {60, 20}, 30, 0, 360, cv::Scalar(150), cv::FILLED);
+    const SmoothEllipse circle{91, 109, 34, 0, 0}, spot = ellipseOfSpot(image, circle);
+    EXPECT_LT(std::hypot(spot.x - 90, spot.y - 110), 0.1);
+    EXPECT_NEAR(spot.majorHalfAxis(), 60, 1);
+    EXPECT_NEAR(spot.minorHalfAxis(), 20, 1);
+    EXPECT_NEAR(spot.angle(), CV_PI / 6, 0.01);
+    for (const SmoothEllipse& other : {SmoothEllipse{91, 109, 60, 0, 0}, {20, 20, 8, 0, 0}, {199.9, 199.9, 5, 0, 0}, {-9, 0, 5, 0, 0}})
+        EXPECT_EQ(ellipseOfSpot(image, other).s, other.s) << "no spot of that size there";
 }
 
 TEST(RefineMarkers, SaysWhyOneIsLeftAsItWas) {

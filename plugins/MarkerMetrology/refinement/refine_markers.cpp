@@ -9,6 +9,7 @@
 #include "refinement/exposure_fit.h"
 #include "refinement/first_guess.h"
 #include "refinement/lens.h"
+#include "refinement/spot.h"
 
 namespace kestrune {
 
@@ -114,8 +115,12 @@ std::vector<MarkerEstimate> refineMarkers(const cv::Mat& image, const std::vecto
     std::vector<std::optional<SmoothEllipse>> starts;
     starts.reserve(corners.size());
     for (const Corner& corner : corners) {
-        starts.push_back(ellipseOfRecord(corner));
-        if (starts.back()) starts.back() = inImage(*starts.back(), image.size(), options);
+        std::optional<SmoothEllipse> start = ellipseOfRecord(corner);
+        const bool hasOutline = start.has_value();
+        if (!hasOutline) start = circleOfRecord(corner);
+        if (start) start = inImage(*start, image.size(), options);
+        if (start && !hasOutline) start = ellipseOfSpot(grey, *start);
+        starts.push_back(start);
     }
     const std::vector<FittedMarker> fitted = fitExposure(grey, starts, options.mostLightDegree);
     std::vector<MarkerEstimate> result;
