@@ -153,38 +153,30 @@ TEST(MeasureDisc, TellsWhatTheCalibrationAddsToTheCentre) {
     const auto measured = [&](const RigMatrices& by) {
         return measureDisc({undistorted(image[0], by.cameras[0]), undistorted(image[1], by.cameras[1])}, by);
     };
-    cv::Vec3d vector;
-    cv::Rodrigues(rig.rotation, vector);
-    cv::Matx33d expected = cv::Matx33d::zeros();
-    const auto moves = [&](double sigma, const auto& change) {
-        if (sigma == 0) return;
-        RigMatrices changed[2];
-        for (int side = 0; side < 2; ++side) {
-            RigMatrices& r = changed[side];
-            r = rig;
-            for (Camera& camera : r.cameras) camera.matrix = camera.matrix.clone(), camera.distortion = camera.distortion.clone();
-            r.rotation = rig.rotation.clone(), r.translation = rig.translation.clone();
-            change(r, side == 0 ? sigma : -sigma);
-        }
-        const cv::Vec3d move = 0.5 * (measured(changed[0]).centre - measured(changed[1]).centre);
-        expected += move * move.t();
+    // The numbers of the uncertainty in their order, with the one of the rig that each is of.
+    const auto number = [](RigUncertainty& u, std::size_t k) -> double& {
+        if (k < 8) return u.cameras[k / 4][k % 4];
+        if (k < 18) return u.distortions[(k - 8) / 5][(k - 8) % 5];
+        return k < 21 ? u.rotation[k - 18] : u.translation[k - 21];
     };
-    const RigUncertainty& u = rig.uncertainty;
-    for (std::size_t eye = 0; eye < 2; ++eye) {
-        for (int k = 0; k < 4; ++k)
-            moves(u.cameras[eye].at(static_cast<std::size_t>(k)),
-                  [&](RigMatrices& r, double by) { r.cameras[eye].matrix.at<double>(k % 2, k < 2 ? k : 2) += by; });
-        for (int k = 0; k < 5; ++k)
-            moves(u.distortions[eye].at(static_cast<std::size_t>(k)),
-                  [&](RigMatrices& r, double by) { r.cameras[eye].distortion.at<double>(k) += by; });
-    }
-    for (int k = 0; k < 3; ++k) {
-        moves(u.rotation.at(static_cast<std::size_t>(k)), [&](RigMatrices& r, double by) {
-            cv::Vec3d turned = vector;
-            turned[k] += by;
-            cv::Rodrigues(turned, r.rotation);
-        });
-        moves(u.translation.at(static_cast<std::size_t>(k)), [&](RigMatrices& r, double by) { r.translation.at<double>(k) += by; });
+    const auto changed = [&](std::size_t k, double by) {
+        RigMatrices r{{}, rig.rotation.clone(), rig.translation.clone()};
+        for (std::size_t eye = 0; eye < 2; ++eye) r.cameras[eye] = {rig.cameras[eye].matrix.clone(), rig.cameras[eye].distortion.clone(), {}};
+        const int n = static_cast<int>(k);
+        if (k < 8) r.cameras[k / 4].matrix.at<double>(n % 2, n % 4 < 2 ? n % 2 : 2) += by;
+        if (k >= 8 && k < 18) r.cameras[(k - 8) / 5].distortion.at<double>((n - 8) % 5) += by;
+        if (k >= 21) r.translation.at<double>(n - 21) += by;
+        cv::Vec3d vector;
+        cv::Rodrigues(rig.rotation, vector);
+        if (k >= 18 && k < 21) vector[n - 18] += by;
+        cv::Rodrigues(vector, r.rotation);
+        return r;
+    };
+    cv::Matx33d expected = cv::Matx33d::zeros();
+    for (std::size_t k = 0; k < 24; ++k) {
+        const double sigma = number(rig.uncertainty, k);
+        const cv::Vec3d move = 0.5 * (measured(changed(k, sigma)).centre - measured(changed(k, -sigma)).centre);
+        expected += move * move.t();
     }
     const DiscEstimate found = measured(rig);
     ASSERT_TRUE(found.found);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include <kestrune/MarkerMetrology/discs.h>
 #include <kestrune/MarkerMetrology/refinement.h>

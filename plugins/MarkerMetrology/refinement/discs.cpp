@@ -21,11 +21,14 @@ using Matrix6 = Eigen::Matrix<double, 6, 6>;
 using Matrix5 = Eigen::Matrix<double, 5, 5>;
 
 constexpr int kMostDescents = 40;
-constexpr double kFirstDamping = 1e-6, kMostDamping = 1e10, kDampingFactor = 10;
+constexpr double kLeastDamping = 1e-6, kMostDamping = 1e10, kDampingFactor = 10;
+// A step that gains less than one share of what it promised went too far, one that gains more than the other has a
+// model to be trusted. Where noise makes an ellipse rounder than any disc would be, undamped steps go to and fro.
+constexpr double kPoorShare = 0.25, kGoodShare = 0.75, kPoorDamping = 1e-3;
 // A step that promises less of chi-square than this moves no number by a ten-millionth of its sigma.
 constexpr double kLeastGain = 1e-14;
-// One that promises this share is the end as well where rounding leaves no more.
-constexpr double kRoundingGain = 1e-9;
+// What rounding, or steps that were too many, may leave: a hundredth of a sigma; and a share of chi-square.
+constexpr double kEnoughGain = 1e-4, kRoundingGain = 1e-9;
 // A search that comes as near as this to an end that is known, in sigmas, would only find it again.
 constexpr double kSameEnd = 0.1;
 // The images of a disc lie on both ellipses to this share of their size; two markers that are not one do not.
@@ -124,7 +127,7 @@ std::optional<Fit> descend(const std::array<Sight, 2>& sights, const SpaceDisc& 
     Fit fit, trial;
     fit.disc = start;
     if (!evaluate(sights, fit)) return std::nullopt;
-    double damping = kFirstDamping, promised = 0;
+    double damping = kLeastDamping, promised = 0;
     for (int step = 0; step < kMostDescents && damping < kMostDamping; ++step) {
         if (known && isSameEnd(*known, fit.disc)) return std::nullopt;
         Matrix6 damped = fit.normal;
@@ -134,14 +137,13 @@ std::optional<Fit> descend(const std::array<Sight, 2>& sights, const SpaceDisc& 
         promised = move.dot(fit.gradient);
         if (promised <= kLeastGain) return fit;
         trial.disc = moved(fit, move);
-        if (solver.info() == Eigen::Success && evaluate(sights, trial) && trial.chiSquare < fit.chiSquare) {
-            std::swap(fit, trial);
-            damping /= kDampingFactor;
-        } else {
-            damping = std::max(damping, kFirstDamping) * kDampingFactor;
-        }
+        const bool isSeen = solver.info() == Eigen::Success && evaluate(sights, trial);
+        const double gained = isSeen ? fit.chiSquare - trial.chiSquare : 0;
+        if (!(gained > kPoorShare * promised)) damping = kDampingFactor * std::max(damping, kPoorDamping);
+        if (gained > kGoodShare * promised) damping = std::max(damping / kDampingFactor, kLeastDamping);
+        if (gained > 0) std::swap(fit, trial);
     }
-    if (promised <= kRoundingGain * (1 + fit.chiSquare)) return fit;
+    if (promised <= kEnoughGain + kRoundingGain * fit.chiSquare) return fit;
     return std::nullopt;
 }
 

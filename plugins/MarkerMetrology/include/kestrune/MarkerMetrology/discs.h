@@ -42,8 +42,13 @@ struct DiscEstimate {
 /// both ellipses with their covariances. Eccentricity, the offset of an ellipse's centre from the image of the disc's
 /// centre, is part of the model.
 ///
+/// The more a disc faces an eye, the less its ellipse tells of the normal. Of draws the errors of the normal scatter as
+/// the covariance says, to 5 %, while its sigmas are below an eighth of the angle between the normal and the nearer
+/// eye's ray; by up to twice as much where they reach half of it (a marker of 8 px radius whose ellipse is known to 0.1
+/// px). Centre and radius keep their sigmas there.
+///
 /// @param eyes  left, right; in pixels without lens distortion (`undistorted`), refined or not.
-/// @param rig   as calibrated; distortion is not read.
+/// @param rig   as calibrated; distortion is read only for what `rig.uncertainty` does to the centre.
 /// @throws cv::Exception  `StsBadArg` for a rig that is none.
 KESTRUNE_API DiscEstimate measureDisc(const std::array<MarkerEstimate, 2>& eyes, const RigMatrices& rig);
 

@@ -100,13 +100,17 @@ KESTRUNE_API std::vector<MarkerEstimate> refineMarkers(const cv::Mat& image, con
 /// The marker in pixels without lens distortion: the ellipse whose image through the lens comes nearest to the one that
 /// was fitted, all along the rim, and the covariance through the Jacobian of that. Levels and blur stay.
 ///
+/// Where the lens has folded, as polynomials do outside of the field they were fitted in, or a rim leaves what it
+/// images, there is no such ellipse: it and the covariance are NaN then, and a refined marker is `notConverged`.
+///
 /// @throws cv::Exception  `StsBadArg` for a camera that is none.
 KESTRUNE_API MarkerEstimate undistorted(const MarkerEstimate& estimate, const Camera& camera);
 
-/// Puts a refined marker into its record: centre, ellipse, conic, contour, scatter and fit residual, so that every
-/// matcher works with it; nothing of one that was not refined.
+/// Puts a refined marker into its record: centre, ellipse, conic, contour, scatter, fit residual, eccentricity and area
+/// (4 a b, on every path), so that every matcher works with it; nothing of one that was not refined. What else was
+/// measured of the outline that was found (fit error, circularity, hull) stays.
 ///
-/// @param corner    of a path that delivers conics, or with a contour; `conicValid` is set.
+/// @param corner    of any path; `conicValid` is set. The contour has as many points as before, 48 at least.
 /// @param estimate  in the pixels that the matcher wants: of `undistorted` unless the images have none.
 KESTRUNE_API void updateCorner(Corner& corner, const MarkerEstimate& estimate);
 
