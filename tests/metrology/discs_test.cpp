@@ -172,16 +172,19 @@ TEST(MeasureDisc, TellsWhatTheCalibrationAddsToTheCentre) {
         cv::Rodrigues(vector, r.rotation);
         return r;
     };
-    cv::Matx33d expected = cv::Matx33d::zeros();
+    RigUncertainty all = rig.uncertainty;
+    cv::Matx33d sum = cv::Matx33d::zeros();
     for (std::size_t k = 0; k < 24; ++k) {
-        const double sigma = number(rig.uncertainty, k);
+        const double sigma = number(all, k);
+        rig.uncertainty = {};
+        number(rig.uncertainty, k) = sigma;
+        const cv::Matx33d found = measured(rig).calibrationCovariance;
         const cv::Vec3d move = 0.5 * (measured(changed(k, sigma)).centre - measured(changed(k, -sigma)).centre);
-        expected += move * move.t();
+        EXPECT_LE(cv::norm(found - move * move.t()), (k < 8 || k > 17 ? 0.02 : 0.08) * move.dot(move)) << k;  // a lens is told of at the centre alone
+        sum += found;
     }
-    const DiscEstimate found = measured(rig);
-    ASSERT_TRUE(found.found);
-    EXPECT_LT(cv::norm(found.calibrationCovariance - expected), 0.01 * cv::norm(expected)) << found.calibrationCovariance << expected;
-    for (int k = 0; k < 3; ++k) EXPECT_NEAR(found.calibrationCovariance(k, k) / expected(k, k), 1, 0.02) << k;
+    rig.uncertainty = all;
+    EXPECT_LT(cv::norm(measured(rig).calibrationCovariance - sum), 1e-9 * cv::norm(sum));
 }
 
 TEST(MeasureDisc, FindsNoneWhereThereIsNone) {

@@ -85,14 +85,15 @@ TEST(Undistorted, CarriesTheCovarianceByItsJacobian) {
 
 TEST(Undistorted, TellsWhereTheLensFolds) {
     struct Case {
-        double k1, x;
+        double k1, k2, x;
         bool isKept;
-    } cases[] = {{-0.3, 100, true}, {-2, 900, true}, {-2, 100, false}, {-2, -1e5, false}, {-0.3, 1e300, false}, {1e300, 100, false}};
+    } cases[] = {{-0.3, 0, 100, true},    {-2, 0, 900, true},     {-2, 0, 100, false}, {-2, 0, -1e5, false},
+                 {-0.3, 0, 1e300, false}, {1e300, 0, 100, false}, {-3, 3, 930, true},  {-3, 3, -170, false}};  // beyond a fold and back
     for (const Case& c : cases)
         for (const RefinementStatus status : {RefinementStatus::refined, RefinementStatus::touchesAnother}) {
             MarkerEstimate given = estimateOf(SmoothEllipse::of({c.x, 1000}, 20, 15, 1));
             given.status = status, given.inside = 200;
-            const MarkerEstimate found = undistorted(given, cameraOf(2000, {c.k1, 0, 0, 0}));
+            const MarkerEstimate found = undistorted(given, cameraOf(2000, {c.k1, c.k2, 0, 0}));
             EXPECT_EQ(std::isfinite(found.centre.x + found.minorHalfAxis + cv::sum(found.covariance)[0]), c.isKept) << c.k1 << ' ' << c.x;
             EXPECT_EQ(found.status, c.isKept || !given.isRefined() ? status : RefinementStatus::notConverged) << c.k1 << ' ' << c.x;
             EXPECT_EQ(found.inside, 200);
