@@ -99,9 +99,15 @@ TEST(Undistorted, TellsWhereTheLensFolds) {
             EXPECT_EQ(found.inside, 200);
             EXPECT_EQ(distortedEllipse({1e4, 1000, 10, 0, 0}, cameraOf(2000, {-2, 0, 0, 0})).isFinite(), false);
         }
-    const MarkerEstimate given = estimateOf(SmoothEllipse::of({100, 100}, 20, 15, 1));
+    MarkerEstimate given = estimateOf(SmoothEllipse::of({100, 100}, 20, 15, 1));
     for (const Camera& ideal : {cameraOf(2000, {0, 0, 0, 0}), Camera{cameraOf(2000, {0}).matrix, {}, {}}})
         EXPECT_EQ(undistorted(given, ideal).centre, given.centre);
+    given.status = RefinementStatus::noOutline, given.minorHalfAxis = given.majorHalfAxis = 0;
+    const Camera camera = cameraOf(2000, kLenses[1]);
+    const cv::Point2d point = undistorted(given, camera).centre;
+    const SmoothEllipse back = distortedEllipse({point.x, point.y, 0, 0, 0}, camera);
+    EXPECT_LT(cv::norm(cv::Point2d(back.x, back.y) - given.centre), 1e-8);
+    EXPECT_GT(cv::norm(point - given.centre), 10);
 }
 
 TEST(Undistorted, RefusesWhatIsNoCamera) {
@@ -127,9 +133,9 @@ TEST(Undistorted, RefusesWhatIsNoCamera) {
                                                     {lens(cv::Mat::zeros(2, 2, CV_64F)), "camera.distortion"},
                                                     {lens(cv::Mat::zeros(1, 5, CV_32F)), "camera.distortion"},
                                                     {lens(cv::Mat(1, 5, CV_64F, cv::Scalar(kInf))), "camera.distortion"}};
-    for (const auto& [camera, name] : cases) {
-        EXPECT_EQ(refused([&] { undistorted({}, camera); }), name);
-        EXPECT_EQ(refused([&] { distortedEllipse({}, camera); }), name);
+    for (const auto& c : cases) {
+        EXPECT_EQ(refused([&] { undistorted({}, c.first); }), c.second);
+        EXPECT_EQ(refused([&] { distortedEllipse({}, c.first); }), c.second);
     }
 }
 

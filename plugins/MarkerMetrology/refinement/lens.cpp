@@ -29,7 +29,7 @@ constexpr std::size_t kRimPoints = 24;
 constexpr std::size_t kDerivativeStride = 2;
 // A step divides what is left by ten at least where a marker takes a tenth of the field.
 constexpr int kMostRimSteps = 12;
-constexpr double kLeastRimStep = 1e-5;  // px
+constexpr double kLeastRimStep = 1e-4;  // px; what it leaves is a hundredth of it
 // After a step of more than this share of the shorter half axis derivatives are taken anew: they are to be those of the
 // end, for the covariance.
 constexpr double kRoughStep = 1e-3;
@@ -107,8 +107,9 @@ bool addOffsets(const LensModel& lens, const SmoothEllipse& before, const Rim& b
 }
 
 bool addAll(const LensModel& lens, const SmoothEllipse& before, const Rim& behind, Sums& sums) {
+    const auto& angles = rimAngles();
     for (std::size_t k = 0; k < kRimPoints; k += kDerivativeStride) {
-        const Angle& u = rimAngles()[k];
+        const Angle& u = angles[k];
         const LensPoint p = lens.distortedWithDerivatives(pointOf(before, u));
         if (!p.keepsOrder()) return false;
         const Foot foot = behind.footOf(p.x, p.y);
@@ -187,7 +188,12 @@ SmoothEllipse distortedEllipse(const SmoothEllipse& undistortedPx, const Camera&
     const SmoothEllipse none{kNoEllipse, kNoEllipse, kNoEllipse, kNoEllipse, kNoEllipse};
     if (lens.isIdeal()) return undistortedPx;
     const cv::Point2d centre(undistortedPx.x, undistortedPx.y);
-    if (!isEllipse(undistortedPx) || !lens.isWithinFold(centre)) return none;
+    if (!lens.isWithinFold(centre)) return none;
+    if (undistortedPx.s == 0) {
+        const cv::Point2d image = lens.distortedPixel(centre);
+        return {image.x, image.y, 0, 0, 0};
+    }
+    if (!isEllipse(undistortedPx)) return none;
     const LensPoint map = lens.distortedWithDerivatives(centre);
     SmoothEllipse behind = mappedBy(map, undistortedPx, {map.x, map.y});
     Sums sums;
@@ -209,8 +215,12 @@ MarkerEstimate undistorted(const MarkerEstimate& estimate, const Camera& camera)
     const LensModel lens(camera);
     const auto given =
         SmoothEllipse::of(estimate.centre, estimate.majorHalfAxis, estimate.minorHalfAxis, estimate.angle);
-    if (lens.isIdeal() || !isEllipse(given)) return estimate;
+    if (lens.isIdeal()) return estimate;
     MarkerEstimate result = estimate;
+    if (!isEllipse(given)) {  // a centre is all that such a record has
+        result.centre = lens.undistortedPixel(estimate.centre);
+        return result;
+    }
     const std::optional<Before> found = before(given, lens);
     if (!found) {
         if (estimate.isRefined()) result.status = RefinementStatus::notConverged;

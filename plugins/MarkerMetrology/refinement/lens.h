@@ -10,7 +10,8 @@
 
 namespace kestrune {
 
-/// The ellipse that stands in the image for one in pixels without distortion; not finite where the lens has folded.
+/// The ellipse that stands in the image for one in pixels without distortion; not finite where the lens has folded. One
+/// of no size at all stands for a point.
 ///
 /// @throws cv::Exception  `StsBadArg` for a camera that is none.
 geometry::SmoothEllipse distortedEllipse(const geometry::SmoothEllipse& undistortedPx, const Camera& camera);

@@ -58,10 +58,9 @@ SmoothEllipse inImage(SmoothEllipse ellipse, const cv::Size& image, const Refine
     return options.camera ? distortedEllipse(ellipse, *options.camera) : ellipse;
 }
 
-MarkerEstimate unrefined(const std::optional<SmoothEllipse>& start, const Corner& corner, RefinementStatus status) {
+MarkerEstimate unrefined(const SmoothEllipse& ellipse, RefinementStatus status) {
     MarkerEstimate estimate;
     estimate.status = status;
-    const SmoothEllipse ellipse = start.value_or(SmoothEllipse{corner.x, corner.y, 0, 0, 0});
     estimate.centre = {ellipse.x, ellipse.y};
     estimate.majorHalfAxis = ellipse.majorHalfAxis(), estimate.minorHalfAxis = ellipse.minorHalfAxis();
     estimate.angle = ellipse.angle();
@@ -127,7 +126,8 @@ std::vector<MarkerEstimate> refineMarkers(const cv::Mat& image, const std::vecto
     result.reserve(corners.size());
     for (std::size_t i = 0; i < corners.size(); ++i) {
         const bool done = fitted[i].status == RefinementStatus::refined;
-        result.push_back(done ? refined(fitted[i]) : unrefined(starts[i], corners[i], fitted[i].status));
+        if (!done && !starts[i]) starts[i] = inImage({corners[i].x, corners[i].y, 0, 0, 0}, image.size(), options);
+        result.push_back(done ? refined(fitted[i]) : unrefined(*starts[i], fitted[i].status));
     }
     return result;
 }

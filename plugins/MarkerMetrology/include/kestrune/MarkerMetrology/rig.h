@@ -45,8 +45,7 @@ struct Rig {
     std::array<Camera_<double, 2, 2>, 2> cameras;  ///< fx, fy, cx, cy, k1, k2, p1, p2, k3; px
     cv::Size size;                                 ///< of the images, px; empty where the file does not tell
     int rectifyFlags = 0;                          ///< `flags` of `cv::stereoRectify`
-    RigUncertainty uncertainty{};  ///< of all of these; zero where the calibration tells none                  ///< of
-                                   ///< `matricesOf` the rig
+    RigUncertainty uncertainty{};                  ///< of `matricesOf` the rig; zeros where the file tells none
 };
 
 /// Reads a calibration file of either form.
@@ -68,7 +67,7 @@ struct RigMatrices {
     cv::Mat translation;           ///< T, 3 by 1 or 1 by 3, unit of the points
     cv::Size size{};               ///< of the images, px; empty where it is not known
     int rectifyFlags = 0;          ///< `flags` of `cv::stereoRectify`
-    RigUncertainty uncertainty{};  ///< of all of these; zero where the calibration tells none
+    RigUncertainty uncertainty{};  ///< of all of these; zeros where the calibration tells none
 };
 
 /// The rig of these matrices.
