@@ -26,6 +26,9 @@ enum class Operation { simple, complex, fast, stereo };
 /// One image through an extraction, or both eyes of the exposure to points in space.
 Job pathJob(const BenchScene& scene, const CicrleConfigs& settings, Operation operation);
 
+/// What the refinement adds to the edge-based path: its markers, found once, fitted to the grey levels.
+Job refinementJob(const BenchScene& scene, const CicrleConfigs& settings);
+
 /// The same job in the library of an earlier build, which `benchmarks/compare --against` puts into a module.
 ///
 /// @param file  the module.

@@ -69,6 +69,7 @@ std::vector<Candidate> candidates(const std::string& otherBuild) {
         {"floor_fast", fastFloor},
         {"floor_complex_s1", [](const BenchScene& scene) { return complexFloor(scene, 1); }},
         {"floor_complex_s2", [](const BenchScene& scene) { return complexFloor(scene, 2); }},
+        {"refinement", [](const BenchScene& scene) { return refinementJob(scene, complexSettings(2)); }},
         {"rival_blob", blobRival},
         {"rival_hough", houghRival},
         {"rival_edgedrawing", edgeDrawingRival},

@@ -212,6 +212,21 @@ TEST(RefineMarkers, ReachesTheBoundAndKnowsIt) {
     }
 }
 
+/// A strip of another level over a fifth of every marker: what is left is measured, and its sigmas know that it is less.
+TEST(RefineMarkers, LeavesOutWhatLiesOverAMarker) {
+    Rendered scene(16, 0.8, 120, 2);
+    for (const SmoothEllipse& e : scene.truth) scene.image(cv::Rect(cvRound(e.x + 0.6 * e.majorHalfAxis()), cvRound(e.y - 20), 9, 40)).setTo(90);
+    const std::vector<MarkerEstimate> found = refineMarkers(scene.image, scene.corners);
+    double normal = 0, count = 0;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        if (!found[i].isRefined()) continue;
+        const double dx = found[i].centre.x - scene.truth[i].x;
+        normal += dx * dx / found[i].covariance(0, 0), ++count;
+    }
+    EXPECT_GT(count, 0.7 * static_cast<double>(found.size()));
+    EXPECT_NEAR(std::sqrt(normal / count), 1, 0.35);
+}
+
 TEST(RefineMarkers, GivesTheSameInAnyOrderOnAnyNumberOfThreads) {
     const Rendered scene(10, 0.8, 100, 2, 2e-4);
     const std::vector<MarkerEstimate> one = refineMarkers(scene.image, scene.corners);
