@@ -15,8 +15,9 @@ namespace {
 
 constexpr double kLeastHalfAxis = 0.5;  // px
 constexpr int kMostEvaluations = 40;
-// A step this small in units of its own uncertainty, squared: the next one would be far below it.
-constexpr double kSmallStep = 5e-2;
+// A step below this in units of its own uncertainty, squared: what it leaves is its square over the blur, a hundredth
+// of the uncertainty.
+constexpr double kSmallStep = 0.5;
 // The blur is cut off at its reach, so that the cost jumps a little as a rim crosses pixels. Near the end a step is
 // good as well if it leaves this share, or less, of what could be gained before it.
 constexpr double kGoodStep = 0.25;
