@@ -30,24 +30,43 @@ void forEachRow(const cv::Mat& image, const Use& use) {
     for (int y = 0; y < image.rows; ++y) use(y, image.ptr<Value>(y), perRow);
 }
 
+template <typename Level>
 class Mapping {
   public:
     explicit Mapping(const GreyRange& range)
-        : low_(range.low), scale_(range.high > range.low ? 255 / (range.high - range.low) : 0) {}
+        : low_(range.low), scale_(range.high > range.low ? kMost / (range.high - range.low) : 0) {}
 
-    uchar operator()(double value) const {
+    Level operator()(double value) const {
         if (!std::isfinite(value)) return 0;
-        return static_cast<uchar>(std::nearbyint(std::clamp((value - low_) * scale_, 0.0, 255.0)));
+        return static_cast<Level>(std::nearbyint(std::clamp((value - low_) * scale_, 0.0, kMost)));
     }
 
   private:
+    static constexpr double kMost = std::numeric_limits<Level>::max();
     double low_, scale_;
 };
 
-template <typename Value, typename Map>
+template <typename Value, typename Level, typename Map>
 void mapRows(const cv::Mat& image, cv::Mat& result, const Map& map) {
     forEachRow<Value>(
-        image, [&](int y, const Value* from, int n) { std::transform(from, from + n, result.ptr<uchar>(y), map); });
+        image, [&](int y, const Value* from, int n) { std::transform(from, from + n, result.ptr<Level>(y), map); });
+}
+
+template <typename Level>
+cv::Mat mapped(const cv::Mat& image, const GreyRange& range) {
+    const cv::Mat simple = simplified(image);
+    cv::Mat result(image.size(), CV_MAKETYPE(cv::DataType<Level>::depth, image.channels()));
+    const Mapping<Level> mapping(range);
+    if (simple.depth() == CV_16U) {
+        std::vector<Level> table(kValues16);
+        for (int value = 0; value < kValues16; ++value) table[static_cast<std::size_t>(value)] = mapping(value);
+        mapRows<ushort, Level>(simple, result, [&](ushort value) { return table[value]; });
+    } else if (simple.depth() == CV_32F) {
+        mapRows<float, Level>(simple, result, mapping);
+    } else {
+        mapRows<double, Level>(simple, result, mapping);
+    }
+    return result;
 }
 
 template <typename Value>
@@ -88,19 +107,11 @@ GreyRange RangeOfData::range() const {
 }
 
 cv::Mat toEightBits(const cv::Mat& image, const GreyRange& range) {
-    const cv::Mat simple = simplified(image);
-    cv::Mat result(image.size(), CV_8UC(image.channels()));
-    const Mapping mapping(range);
-    if (simple.depth() == CV_16U) {
-        std::vector<uchar> table(kValues16);
-        for (int value = 0; value < kValues16; ++value) table[static_cast<std::size_t>(value)] = mapping(value);
-        mapRows<ushort>(simple, result, [&](ushort value) { return table[value]; });
-    } else if (simple.depth() == CV_32F) {
-        mapRows<float>(simple, result, mapping);
-    } else {
-        mapRows<double>(simple, result, mapping);
-    }
-    return result;
+    return mapped<uchar>(image, range);
+}
+
+cv::Mat toSixteenBits(const cv::Mat& image, const GreyRange& range) {
+    return mapped<ushort>(image, range);
 }
 
 }  // namespace kestrune::measure

@@ -36,4 +36,7 @@ class RangeOfData {
 /// and a range without extent gives 0 everywhere.
 cv::Mat toEightBits(const cv::Mat& image, const GreyRange& range);
 
+/// The same with 65535 in the place of 255.
+cv::Mat toSixteenBits(const cv::Mat& image, const GreyRange& range);
+
 }  // namespace kestrune::measure

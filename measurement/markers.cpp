@@ -8,6 +8,7 @@
 #include <ostream>
 
 #include "csv.h"
+#include "refined_markers.h"
 
 namespace kestrune::measure {
 namespace {
@@ -146,18 +147,31 @@ cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& 
     return undistorted;
 }
 
-void writeCsvHeader(std::ostream& stream) {
-    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity,pixels\n";
+void writeCsvHeader(std::ostream& stream, bool refined) {
+    stream << "image,id,x,y,major,minor,angle,area,eccentricity,circularity,fitError,fitResidual,polarity,pixels";
+    if (refined) {
+        stream << ",status";
+        for (const EstimateColumn& column : estimateColumns()) stream << ',' << column.name;
+    }
+    stream << '\n';
 }
 
-void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels) {
-    for (const Marker& m : markers) {
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels,
+                  const std::vector<MarkerEstimate>* estimates) {
+    for (std::size_t i = 0; i < markers.size(); ++i) {
+        const Marker& m = markers[i];
         stream << csvField(image) << ',' << m.id;
         for (const double value : {m.centre.x, m.centre.y, m.majorHalfAxis, m.minorHalfAxis, m.angle, m.area,
                                    m.eccentricity, m.circularity, m.fitError, m.fitResidual}) {
             stream << ',' << csvField(value);
         }
-        stream << ',' << nameOf(m.polarity) << ',' << nameOf(pixels) << '\n';
+        stream << ',' << nameOf(m.polarity) << ',' << nameOf(pixels);
+        if (estimates != nullptr) {
+            stream << ',' << nameOf((*estimates)[i].status);
+            for (const EstimateColumn& column : estimateColumns())
+                stream << ',' << csvField(column.valueOf((*estimates)[i]));
+        }
+        stream << '\n';
     }
 }
 

@@ -73,10 +73,15 @@ std::vector<Marker> findMarkers(CircleMarkerExtractor& extractor, const cv::Mat&
 cv::Mat imageBehind(const cv::Mat& image, const Camera& camera, const Settings& settings);
 
 /// Writes the header row of the CSV.
-void writeCsvHeader(std::ostream& stream);
+///
+/// @param refined  with the columns of estimates as well.
+void writeCsvHeader(std::ostream& stream, bool refined = false);
 
 /// Writes one row for each marker: shortest decimals that give the same numbers again, nothing where nothing was
 /// measured.
-void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels);
+///
+/// @param estimates  of the markers; null: they were not refined.
+void writeCsvRows(std::ostream& stream, const std::string& image, const std::vector<Marker>& markers, Pixels pixels,
+                  const std::vector<MarkerEstimate>* estimates = nullptr);
 
 }  // namespace kestrune::measure

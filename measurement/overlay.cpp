@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "codecs.h"
+#include "error_marks.h"
 #include "files/inputs.h"
 #include "files/output_file.h"
 
@@ -51,6 +52,7 @@ constexpr double kLargestStep = 3;
 const cv::Scalar kDark(16, 16, 16);
 const cv::Scalar kBanner(48, 40, 36);
 const cv::Scalar kBannerText(240, 240, 240);
+const cv::Scalar kError(90, 230, 255);
 
 struct Style {
     const char* name;
@@ -59,7 +61,7 @@ struct Style {
 };
 
 const Style& styleOf(MarkKind kind) {
-    static const std::array<Style, 8> kStyles = {
+    static const std::array<Style, 9> kStyles = {
         Style{"found", {120, 255, 60}, {255, 80, 255}},
         Style{"missed", {0, 170, 255}, {0, 170, 255}},
         Style{"false", {60, 60, 255}, {60, 60, 255}},
@@ -68,6 +70,7 @@ const Style& styleOf(MarkKind kind) {
         Style{"bright", {120, 255, 60}, {255, 80, 255}},
         Style{"dark", {255, 220, 60}, {255, 80, 255}},
         Style{"refused", {160, 160, 160}, {160, 160, 160}},
+        Style{"not refined", {255, 110, 190}, {255, 110, 190}},
     };
     return kStyles[static_cast<std::size_t>(kind)];
 }
@@ -114,6 +117,10 @@ Mark enlarged(Mark mark, int zoom) {
     mark.centre = enlarged(mark.centre, zoom);
     mark.majorHalfAxis *= zoom;
     mark.minorHalfAxis *= zoom;
+    if (mark.error) {
+        mark.error->majorHalfAxis *= zoom;
+        mark.error->minorHalfAxis *= zoom;
+    }
     return mark;
 }
 
@@ -160,6 +167,16 @@ void drawMark(cv::Mat& canvas, const Mark& mark, int rim, double growth, int zoo
             cv::line(canvas, fixedPoint(mark.centre - d), fixedPoint(mark.centre + d), colour, width, cv::LINE_AA,
                      kFractionBits);
         }
+    });
+}
+
+void drawError(cv::Mat& canvas, const Mark& mark, double scale, int thickness) {
+    if (!mark.error || scale <= 0) return;
+    const ErrorEllipse& error = *mark.error;
+    const cv::Point axes = fixedPoint(scale * cv::Point2d(error.majorHalfAxis, error.minorHalfAxis));
+    drawTwice(kError, thickness, [&](const cv::Scalar& colour, int width) {
+        cv::ellipse(canvas, fixedPoint(mark.centre), cv::Size(axes), error.angle, 0, 360, colour, width, cv::LINE_AA,
+                    kFractionBits);
     });
 }
 
@@ -312,7 +329,7 @@ MarkKind foundKind(Polarity polarity) {
 
 Legend foundLegend(const std::vector<Mark>& marks) {
     Legend legend;
-    for (const MarkKind kind : {MarkKind::bright, MarkKind::dark, MarkKind::found}) {
+    for (const MarkKind kind : {MarkKind::bright, MarkKind::dark, MarkKind::found, MarkKind::unrefined}) {
         const auto count = static_cast<std::size_t>(std::ranges::count(marks, kind, &Mark::kind));
         if (count > 0 || (kind == MarkKind::found && legend.empty())) legend.push_back({kind, count});
     }
@@ -332,6 +349,7 @@ cv::Mat drawMarks(const cv::Mat& image, const std::vector<Mark>& marks, int zoom
         for (const Mark& mark : large)
             if (above == (mark.kind != MarkKind::refused)) drawMark(canvas, mark, rim, growth, zoom);
     }
+    for (const Mark& mark : large) drawError(canvas, mark, style.errorScale, grown(1, growth));
     drawLabels(canvas, large, style.leastText, growth);
     return canvas;
 }
@@ -346,11 +364,17 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
     return picture;
 }
 
-cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title) {
+cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title,
+                  const std::vector<MarkerEstimate>* estimates) {
     std::vector<Mark> marks;
     marks.reserve(markers.size());
-    for (const Marker& marker : markers) marks.push_back(markOf(marker, foundKind(marker.polarity)));
-    return drawOverlay(image, marks, title, foundLegend(marks));
+    for (std::size_t i = 0; i < markers.size(); ++i) {
+        marks.push_back(markOf(markers[i], foundKind(markers[i].polarity)));
+        if (estimates != nullptr) addError(marks.back(), (*estimates)[i]);
+    }
+    MarkStyle style;
+    style.errorScale = errorScaleOf(marks);
+    return drawOverlay(image, marks, title + errorCaption(style.errorScale), foundLegend(marks), style);
 }
 
 void writePicture(const std::string& file, const cv::Mat& picture) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "error_ellipse.h"
 #include "markers.h"
 
 namespace kestrune::measure {
@@ -22,6 +23,7 @@ enum class MarkKind {
     bright,     ///< found, and brighter than its ground
     dark,       ///< found, and darker than its ground: drawn dashed
     refused,    ///< a candidate that is no marker: drawn below the others
+    unrefined,  ///< found, and kept as the path measured it where others were refined
 };
 
 /// An ellipse to draw, in pixels of the image.
@@ -36,6 +38,7 @@ struct Mark {
     bool dashed = false;                 ///< whatever the kind
     /// Drawn in place of the ellipse, which still says how large the mark is: lines between points that are near.
     std::vector<cv::Point2f> outline{};
+    std::optional<ErrorEllipse> error{};  ///< of the centre, px; drawn enlarged by `MarkStyle::errorScale`
 };
 
 /// What the banner tells of each kind.
@@ -60,6 +63,7 @@ MarkKind foundKind(Polarity polarity);
 struct MarkStyle {
     int rim = 2;             ///< width of an ellipse, px
     double leastText = 0.5;  ///< scale of the smallest label
+    double errorScale = 0;   ///< of the marks' error ellipses; 0: none are drawn
 };
 
 /// The image (`CV_8UC1` or `CV_8UC3`) `zoom` times as large, a little darker, with the marks on it.
@@ -70,7 +74,10 @@ cv::Mat drawOverlay(const cv::Mat& image, const std::vector<Mark>& marks, const 
                     const Legend& legend, const MarkStyle& style = {});
 
 /// The markers of one image with their ids, each in the colour of its polarity.
-cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title);
+///
+/// @param estimates  of the markers, in the same pixels; null: they were not refined.
+cv::Mat drawFound(const cv::Mat& image, const std::vector<Marker>& markers, const std::string& title,
+                  const std::vector<MarkerEstimate>* estimates = nullptr);
 
 /// Writes a picture in the format of the file's extension. @throws InputError, OutputError
 void writePicture(const std::string& file, const cv::Mat& picture);

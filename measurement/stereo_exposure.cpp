@@ -45,6 +45,41 @@ void requireSize(const cv::Mat& image, const std::string& name, cv::Size size) {
                                        size.width, size.height));
 }
 
+/// Replaces points, normals and radii of the matcher, also in the records, by those of the discs, where there is one.
+void measureDiscs(StereoResult& result, std::vector<Pair>& pairs, const RigMatrices& rig, const cv::Matx33d& turn) {
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        StereoMarker& marker = result.markers[k];
+        PairEstimate estimate;
+        for (std::size_t eye = 0; eye < 2; ++eye)
+            estimate.eyes[eye] = result.estimates[eye][static_cast<std::size_t>(marker.number[eye])];
+        const DiscEstimate disc = measureDisc(estimate.eyes, rig);
+        estimate.disc = turned(disc, turn);
+        if (disc.found) {
+            marker.point = estimate.disc.centre;
+            marker.normal = estimate.disc.normal;
+            marker.radius = disc.radius;
+            for (Corner* corner : {&pairs[k].first, &pairs[k].second}) {
+                corner->position = {disc.centre[0], disc.centre[1], disc.centre[2]};
+                corner->normal = {disc.normal[0], disc.normal[1], disc.normal[2]};
+                corner->markerRadius = disc.radius;
+            }
+        }
+        marker.estimate = estimate;
+    }
+}
+
+void tellPolarities(StereoResult& result, const CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
+                    const Settings& settings) {
+    Cameras lenses;
+    if (deliversUndistorted(settings)) {
+        lenses = {Camera{extractor.leftIntrinsic, extractor.leftDistortion},
+                  Camera{extractor.rightIntrinsic, extractor.rightDistortion}};
+    }
+    for (StereoMarker& marker : result.markers)
+        for (std::size_t eye = 0; eye < 2; ++eye)
+            marker.polarity[eye] = polarityOf(images[eye], marker.rim[eye], lenses[eye]);
+}
+
 }  // namespace
 
 Settings readStereoSettings(const std::string& file, std::optional<Path> path) {
@@ -73,11 +108,15 @@ void requireExposure(const std::array<cv::Mat, 2>& images, const std::array<std:
 }
 
 std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
-                                    cv::Size size) {
+                                    cv::Size size, std::array<GreyImage, 2>* grey) {
     std::array<cv::Mat, 2> images;
-    images[0] = readImage(left, intake.invert, intake.range);
-    requireSize(images[0], left, size);  // before the other is opened
-    images[1] = readImage(right, intake.invert, intake.range);
+    const std::array<const std::string*, 2> names = {&left, &right};
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        const cv::Mat read = decodeImage(*names[eye]);
+        requireSize(read, *names[eye], size);  // before the other is opened
+        images[eye] = inEightBits(read, intake.invert, intake.range);
+        if (grey != nullptr) (*grey)[eye] = inAllBits(read, intake.range);
+    }
     requireExposure(images, {left, right}, size);
     return images;
 }
@@ -87,23 +126,25 @@ bool matchesConics(Path path) {
 }
 
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings, double minShare,
+                             const Settings& settings, double minShare, const RefinementInput* refinement,
                              std::vector<std::pair<Corner, Corner>>* records) {
     StereoResult result;
     std::vector<Point3_<double>> points;
     std::array<std::vector<cv::RotatedRect>, 2> rims;
     ExplainedMatch match;
-    std::vector<Pair> pairs =
-        explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs, match);
+    std::vector<Pair> pairs;
+    if (refinement == nullptr) {
+        pairs = explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs,
+                                            match);
+    } else {
+        RefinedEyes eyes = refineEyes(extractor, images, refinement->grey, settings);
+        pairs = explainStereoMatch(std::move(eyes.corners), extractor, points, settings.configs, match);
+        rims = std::move(eyes.rims);
+        result.estimates = std::move(eyes.estimates);
+    }
     result.found = {rims[0].size(), rims[1].size()};
     for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
-    const bool conic = matchesConics(settings.path);
     const cv::Matx33d turn = normalRotation(extractor, settings.configs);
-    Cameras lenses;
-    if (deliversUndistorted(settings)) {
-        lenses = {Camera{extractor.leftIntrinsic, extractor.leftDistortion},
-                  Camera{extractor.rightIntrinsic, extractor.rightDistortion}};
-    }
     for (std::size_t k = 0; k < pairs.size(); ++k) {
         const auto& [left, right] = pairs[k];
         const auto& [i, j] = match.pairs[k];
@@ -114,17 +155,17 @@ StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<
                             {points[k].x, points[k].y, points[k].z},
                             {kUnknown, kUnknown, kUnknown},
                             kUnknown};
-        marker.residuals = residualsOf(extractor, settings.configs, marker.pixel, marker.point);
-        if (conic) {
+        if (matchesConics(settings.path)) {
             marker.normal = turn * cv::Vec3d(left.normal.data());
             marker.radius = left.markerRadius;
         }
-        if (settings.path == Path::complex) {
-            for (std::size_t eye = 0; eye < 2; ++eye)
-                marker.polarity[eye] = polarityOf(images[eye], marker.rim[eye], lenses[eye]);
-        }
         result.markers.push_back(marker);
     }
+    if (refinement != nullptr)
+        measureDiscs(result, pairs, rigOfPixels(extractor, settings.configs, refinement->calibration), turn);
+    for (StereoMarker& marker : result.markers)
+        marker.residuals = residualsOf(extractor, settings.configs, marker.pixel, marker.point);
+    if (settings.path == Path::complex) tellPolarities(result, extractor, images, settings);
     result.failure = objectionTo(result, settings.configs, minShare);
     if (result.failure.empty()) result.doubt = doubtAbout(result);
     if (records != nullptr) *records = std::move(pairs);

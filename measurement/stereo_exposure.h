@@ -7,6 +7,7 @@
 
 #include <array>
 #include <opencv2/core.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,9 +15,13 @@
 #include "image_file.h"
 #include "pair_explanation.h"
 #include "polarity.h"
+#include "refined_pairs.h"
 #include "stereo_quality.h"
 
 namespace kestrune::measure {
+
+/// Whether a stereo measurement refines its markers if it is not told.
+constexpr bool kRefineStereo = false;
 
 /// A matched marker. What the branch does not measure is NaN. The frame of `point` and `normal` is the left
 /// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
@@ -28,15 +33,18 @@ struct StereoMarker {
     std::array<int, 2> number;           ///< places among the markers of each eye
     std::array<Polarity, 2> polarity{};  ///< path complex only
     cv::Vec3d point;
-    cv::Vec3d normal;  ///< unit, towards the cameras; not on path simple
-    double radius;     ///< not on path simple
+    cv::Vec3d normal;  ///< unit, towards the cameras; on path simple only of a disc that `estimate` tells of
+    double radius;     ///< likewise
     Residuals residuals{};
+    std::optional<PairEstimate> estimate{};  ///< of a measurement that refines
 };
 
 struct StereoResult {
     std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
     std::array<std::vector<UnmatchedMarker>, 2> unmatched;  ///< the others of each eye
     std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
+    /// Of all markers of each eye that were refined, or could not be; empty where that was not asked for.
+    std::array<std::vector<MarkerEstimate>, 2> estimates{};
     /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
     std::string failure;
     std::string doubt;  ///< what to look at in an exposure that gives points; empty: nothing
@@ -62,19 +70,22 @@ void requireExposure(const std::array<cv::Mat, 2>& images, const std::array<std:
 
 /// Reads both images of an exposure and checks that they have the size of the calibration and are not one and the same.
 ///
+/// @param grey  if not null, the images with all their bits.
 /// @throws InputError
 std::array<cv::Mat, 2> readExposure(const std::string& left, const std::string& right, const ImageIntake& intake,
-                                    cv::Size size);
+                                    cv::Size size, std::array<GreyImage, 2>* grey = nullptr);
 
 /// True where the markers are matched by their conics, which tells normals and radii.
 bool matchesConics(Path path);
 
 /// @param extractor  calibrated; its scratch storage is used.
 /// @param minShare   see `objectionTo`.
+/// @param refinement  if not null, the markers are refined before they are matched, and the points are those of the
+///                   discs that both eyes see.
 /// @param records    if not null, the library's own records of the pairs, in the order of `markers`.
 /// @throws cv::Exception, std::runtime_error  from the library.
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
-                             const Settings& settings, double minShare,
+                             const Settings& settings, double minShare, const RefinementInput* refinement = nullptr,
                              std::vector<std::pair<Corner, Corner>>* records = nullptr);
 
 }  // namespace kestrune::measure

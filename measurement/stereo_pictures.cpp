@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
+#include "error_marks.h"
+
 namespace kestrune::measure {
 namespace {
 
@@ -57,7 +59,8 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
         for (std::size_t eye = 0; eye < 2; ++eye) {
             Mark mark = both.mark(eye, isWrong ? MarkKind::wrong : MarkKind::paired,
                                   labels.empty() ? fmt::format("{}", k) : labels[k], marker.rim[eye]);
-            if (!isWrong) mark.colour = pairColour(k);
+            if (marker.estimate && !isWrong) addError(mark, marker.estimate->eyes[eye]);
+            if (mark.kind == MarkKind::paired) mark.colour = pairColour(k);
             mark.dashed = marker.polarity[eye] == Polarity::dark;
             marks.push_back(std::move(mark));
         }
@@ -82,7 +85,18 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
         legend.push_back({MarkKind::wrong, wrong.size()});
     }
     legend.push_back({MarkKind::unmatched, result.unmatched[0].size() + result.unmatched[1].size()});
-    return drawOverlay(both.image, marks, title, legend);
+    const auto unrefined = static_cast<std::size_t>(std::ranges::count(marks, MarkKind::unrefined, &Mark::kind));
+    if (unrefined > 0) legend.push_back({MarkKind::unrefined, unrefined, "in one eye not refined"});
+    MarkStyle style;
+    style.errorScale = errorScaleOf(marks);
+    return drawOverlay(both.image, marks, title + errorCaption(style.errorScale), legend, style);
+}
+
+std::optional<cv::Matx33d> spreadOf(const StereoMarker& marker) {
+    if (!marker.estimate || !marker.estimate->disc.found) return std::nullopt;
+    const auto& eyes = marker.estimate->eyes;
+    if (!eyes[0].isRefined() || !eyes[1].isRefined()) return std::nullopt;
+    return marker.estimate->disc.centreCovariance();
 }
 
 cv::Mat drawPoints(const StereoResult& result, const std::string& title) {
@@ -91,7 +105,8 @@ cv::Mat drawPoints(const StereoResult& result, const std::string& title) {
         std::ranges::min(result.markers, {}, [](const StereoMarker& m) { return m.point[2]; }).point[2];
     std::vector<ViewDisc> discs;
     for (const StereoMarker& m : result.markers)
-        discs.push_back({fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest});
+        discs.push_back(
+            {fmt::format("{}", discs.size()), m.point, m.normal, m.radius, m.point[2] - nearest, spreadOf(m)});
     return drawView(discs, {title, "behind the nearest", ""});
 }
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <opencv2/core.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,10 +38,14 @@ cv::Mat drawPairs(const std::array<cv::Mat, 2>& images, const StereoResult& resu
 struct ViewDisc {
     std::string label;
     cv::Vec3d centre;
-    cv::Vec3d normal;  ///< NaN: drawn facing the viewer, without a needle
-    double radius;     ///< NaN: a small one
-    double value;      ///< what the colour shows
+    cv::Vec3d normal;                         ///< NaN: drawn facing the viewer, without a needle
+    double radius;                            ///< NaN: a small one
+    double value;                             ///< what the colour shows
+    std::optional<cv::Matx33d> covariance{};  ///< of the centre, drawn as an ellipsoid
 };
+
+/// Of a marker's point, where its disc was measured from two refined ellipses.
+std::optional<cv::Matx33d> spreadOf(const StereoMarker& marker);
 
 struct ViewText {
     std::string title;
@@ -49,7 +54,9 @@ struct ViewText {
 };
 
 /// The discs seen obliquely from the cameras' side, above and to the right, in a box with ticks: x to the right, y down
-/// and z away from the left camera. Needles are the normals, grey spots the discs' shadows on the floor.
+/// and z away from the left camera. Needles are the normals, grey spots the discs' shadows on the floor. Where some
+/// have covariances, their ellipsoids are drawn enlarged by a number that is told, and the rims of the others in a
+/// colour.
 cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text);
 
 /// The discs of an exposure in space, coloured by how far behind the nearest they are; empty where it gives no points.

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
+#include "error_ellipse.h"
 #include "stereo_pictures.h"
 
 namespace kestrune::measure {
@@ -24,11 +25,12 @@ constexpr double kEnlarged = 2;           // discs against the space between the
 constexpr double kNeedle = 1.8;           // length of a normal, in radii
 constexpr double kUnknownRadius = 0.008;  // of the box's longest side, for discs of unknown size
 constexpr double kMargin = 0.06;          // of the box around the discs, in its longest side
+constexpr double kErrorShare = 0.06;      // of that side, what the median ellipsoid takes at most
 constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
 constexpr int kFractionBits = 4;
 
 const cv::Scalar kPaper(255, 255, 255), kInk(50, 45, 40), kGrid(225, 222, 218), kFloor(246, 244, 242),
-    kShadow(215, 212, 208);
+    kShadow(215, 212, 208), kError(40, 40, 220), kUnrefined(190, 60, 150);
 
 using Polygon = std::vector<cv::Vec3d>;
 
@@ -49,6 +51,17 @@ class Projection {
     }
 
     cv::Point2d operator()(const cv::Vec3d& p) const { return flat(p) * scale_ + offset_; }
+
+    /// Of points that scatter so in space.
+    cv::Matx22d operator()(const cv::Matx33d& covariance) const {
+        cv::Matx23d axes;
+        for (int k = 0; k < 3; ++k) {
+            const cv::Point2d p = flat(cv::Vec3d(k == 0, k == 1, k == 2)) * scale_;
+            axes(0, k) = p.x;
+            axes(1, k) = p.y;
+        }
+        return axes * covariance * axes.t();
+    }
 
     /// Larger is farther from the viewer.
     static double depth(const cv::Vec3d& p) { return p.dot(away()); }
@@ -88,6 +101,15 @@ class Canvas {
         const cv::Point place(cvRound(at.x - anchor.x * size.width), cvRound(at.y + (1 - anchor.y) * size.height));
         cv::putText(picture_, text, place, kFont, scale, kPaper, thickness + 3, cv::LINE_AA);
         cv::putText(picture_, text, place, kFont, scale, kInk, thickness, cv::LINE_AA);
+    }
+
+    /// The outline of an ellipsoid.
+    void ellipsoid(const cv::Vec3d& centre, const cv::Matx33d& covariance, const cv::Scalar& colour, int thickness) {
+        const ErrorEllipse e = errorEllipseOf(project_(covariance));
+        const double one = 1 << kFractionBits;
+        cv::ellipse(picture_, cv::Point(project_(centre) * one),
+                    cv::Size(cvRound(e.majorHalfAxis * one), cvRound(e.minorHalfAxis * one)), e.angle, 0, 360, colour,
+                    thickness, cv::LINE_AA, kFractionBits);
     }
 
     cv::Point2d at(const cv::Vec3d& p) const { return project_(p); }
@@ -177,7 +199,19 @@ void drawBox(Canvas& canvas, const Box& box, const std::string& unit) {
     canvas.text("z " + unit, canvas.at({b[0], b[1], middle[2]}) + cv::Point2d(48, 36), {0, 0}, 0.75, 2);
 }
 
-void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, double largest) {
+/// The number by which the discs' ellipsoids are enlarged; 0 where there are none.
+double errorScaleOf(const std::vector<ViewDisc>& discs, const Box& box) {
+    std::vector<double> longest;
+    for (const ViewDisc& disc : discs) {
+        cv::Vec3d variances;
+        if (!disc.covariance) continue;
+        cv::eigen(*disc.covariance, variances);
+        longest.push_back(std::sqrt(std::max(0.0, variances[0])));
+    }
+    return errorScale(longest, kErrorShare * box.side());
+}
+
+void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, double largest, double errors) {
     for (ViewDisc& disc : discs)
         disc.radius = std::isnan(disc.radius) ? kUnknownRadius * box.side() : kEnlarged * disc.radius;
     for (const ViewDisc& disc : discs)
@@ -187,9 +221,12 @@ void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, doub
         const bool known = !std::isnan(disc.normal[0]);
         const Polygon rim = rimOf(disc.centre, known ? disc.normal : -Projection::away(), disc.radius);
         canvas.fill(rim, colourOf(disc.value, largest));
-        canvas.outline(rim, kInk, 1, true);
+        const bool plain = errors == 0 || disc.covariance;
+        canvas.outline(rim, plain ? kInk : kUnrefined, plain ? 1 : 3, true);
         if (known) canvas.outline({disc.centre, disc.centre + disc.normal * (kNeedle * disc.radius)}, kInk, 2, false);
     }
+    for (const ViewDisc& disc : discs)
+        if (disc.covariance) canvas.ellipsoid(disc.centre, *disc.covariance * (errors * errors), kError, 2);
     for (const ViewDisc& disc : discs)
         canvas.text(disc.label, canvas.at(disc.centre) + cv::Point2d(0, 19), {0.5, 0}, 0.55);
 }
@@ -217,13 +254,19 @@ cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text) {
     double largest = 0;
     for (const ViewDisc& disc : discs) largest = std::max(largest, disc.value);
     drawBox(canvas, box, text.unit);
-    drawDiscs(canvas, discs, box, largest);
+    const double errors = errorScaleOf(discs, box);
+    drawDiscs(canvas, discs, box, largest, errors);
     if (largest > 0) drawBar(canvas, largest, text.valueName);
     canvas.text(text.title, {40, 34}, {0, 0}, 0.95, 2);
     const bool known = std::ranges::any_of(discs, [](const ViewDisc& d) { return !std::isnan(d.normal[0]); });
     canvas.text(known ? "discs at twice their size, needles along their normals, grey: shadows on the floor"
                       : "size and tilt are not measured, grey: shadows on the floor",
                 {40, 76}, {0, 0}, 0.65);
+    const bool all = std::ranges::all_of(discs, [](const ViewDisc& d) { return d.covariance.has_value(); });
+    if (errors > 0)
+        canvas.text(fmt::format("red: uncertainty of the centres x {:g}{}", errors,
+                                all ? "" : ", violet rims: not refined in both eyes"),
+                    {40, 106}, {0, 0}, 0.65);
     return picture;
 }
 

@@ -55,6 +55,12 @@ void addRange(CLI::App* command, std::optional<GreyRange>& range) {
         ->option_text("LOW:HIGH");
 }
 
+void addRefine(CLI::App* command, bool& refine) {
+    command->add_flag("--refine,!--no-refine", refine,
+                      fmt::format("measure the markers again on the grey levels, with their uncertainty; {} without it",
+                                  refine ? "done" : "not done"));
+}
+
 void addDemo(CLI::App& app, DemoOptions& options) {
     CLI::App* command =
         app.add_subcommand("demo", "Render exposures, find and measure their markers, compare with the truth");
@@ -79,6 +85,7 @@ void addDemo(CLI::App& app, DemoOptions& options) {
         ->capture_default_str();
     command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
     command->add_option("--settings", options.settings, "folder of the ready settings");
+    addRefine(command, options.refine);
     command->footer(
         std::string("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.") +
         kFileNotes);

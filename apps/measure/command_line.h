@@ -15,6 +15,7 @@ extern const char* const kImageNotes;  ///< for that of every command that searc
 
 void addPath(CLI::App* command, std::optional<Path>& path);
 void addRange(CLI::App* command, std::optional<GreyRange>& range);
+void addRefine(CLI::App* command, bool& refine);  ///< of commands that may refine without being told
 
 void addExtract(CLI::App& app, ExtractOptions& options);
 void addExplain(CLI::App& app, ExplainOptions& options);

@@ -21,6 +21,15 @@ With skipUndistort false in the settings, --calibration is needed, coordinates a
 overlay is drawn on the undistorted image. An image of another size than the calibration's is refused.
 The column pixels says which pixels a row is in: undistorted, distorted (as the image was taken) or rectified (so
 taken, with cornersRectified).
+With --refine x, y, half axes and angle are those of an ellipse fitted to the grey levels of the image as it was read,
+with all its bits and before --invert; the other columns stay what the path measured. status is refined, or why a
+marker was not and stays as the path measured it: no outline, leaves the image, touches another, too faint, not
+converged, not a disc. Then standard deviations (sigmaX, sigmaY, sigmaMajor, sigmaMinor px, sigmaAngle degrees; of a
+marker that was not refined, what the path may be off by) and covarianceXY (px^2); grey levels inside and outside the
+rim and the noise at it, in levels of the image; blur (px) and halo of the rim, degree of the light's variation
+(lightDegree), RMS of what the fit leaves in units of the noise (residual) and the pixels that took part (fitPixels).
+The overlay shows the centres' error ellipses, one standard deviation, as many times enlarged as its title says, and
+markers that were not refined in violet.
 Exit code: 0, 1 if an image could not be handled (the others are), 2 if nothing was begun.)";
 
 constexpr const char* kExplainNotes =
@@ -65,6 +74,8 @@ void addExtract(CLI::App& app, ExtractOptions& options) {
     command->add_option("IMAGE", options.images, "images, grey or colour")->required();
     addSearch(command, options);
     command->add_option("--csv", options.csv, "write the markers as a table");
+    command->add_flag("--refine", options.refine,
+                      "measure the markers again by least squares on the grey levels, with their uncertainty");
     command
         ->add_option(
             "--overlay", options.overlay,

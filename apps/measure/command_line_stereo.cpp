@@ -39,6 +39,12 @@ row of the rectified eyes) and the distance of its reprojected point from the pi
 With fewer pairs than --min-share asks for, an exposure counts as failed: exchanged eyes and the calibration of
 another rig leave a few pairs by chance. The error names the tests that ended most markers; explain-stereo lists all.
 A warning tells of pairs that are far off their rows, as wrong partners in a dense pattern are.
+With --refine the markers of both eyes are measured again on the grey levels before they are matched, and the point,
+normal and radius of a pair are those of the disc that fits both ellipses best (pointSource is disc; where there is
+none, matcher). leftStatus and rightStatus say what became of each eye's marker, as in extract. Of a disc: standard
+deviations and covariances of the point (sigmaX.., covarianceXY..), of its normal (sigmaNormal, degrees) and radius,
+and chiSquare, about 4 for a disc seen rightly; they hold the noise of the images, not the calibration. JSON has both
+eyes' estimates and the covariances as well. Pictures show error ellipses and ellipsoids, enlarged as they tell.
 CSV: one row a marker, in the order of the exposures; a failed one has one row with its counts and the error.
 JSON: one record an exposure, failed ones with the error, and their pairs as rejected in place of markers.
 PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3d.png, NAME as the left image's, or
@@ -107,6 +113,7 @@ void addStereo(CLI::App& app, StereoOptions& options) {
         ->add_option("--min-share", options.minShare,
                      "share of the poorer eye's markers that must be paired, or the exposure counts as failed; 0: any")
         ->capture_default_str();
+    addRefine(command, options.refine);
     command->add_option("--csv", options.csv, "write the markers as a table");
     command->add_option("--ply", options.ply, "write the points as a cloud");
     command->add_option("--json", options.json, "write everything, failures included");

@@ -13,6 +13,7 @@
 #include "grey_range.h"
 #include "pixels.h"
 #include "run_files.h"
+#include "stereo_exposure.h"
 #include "stereo_quality.h"
 #include "terminal.h"
 
@@ -43,6 +44,7 @@ Camera loadCamera(const SearchOptions& options, const Settings& settings);
 struct ExtractOptions : SearchOptions {
     std::vector<std::string> images;
     std::string csv, overlay;  ///< file names, empty: not asked for
+    bool refine = false;       ///< measure the markers again on the grey levels
 };
 
 int runExtract(const ExtractOptions& options);
@@ -89,6 +91,7 @@ struct StereoOptions {
     std::optional<GreyRange> range;       ///< none: that of the data
     int jobs = 0;                         ///< exposures at a time; 0: one for each hardware thread
     double minShare = kLeastShare;        ///< of the poorer eye's markers that must be paired
+    bool refine = kRefineStereo;          ///< measure the markers again before they are matched
     std::string csv, ply, json, overlay;  ///< file names and a folder, empty: not asked for
 };
 
@@ -99,7 +102,8 @@ struct DemoOptions {
     cv::Size size;  ///< of all images; empty: a size of its own for each part
     int markers = 60;
     std::uint64_t seed = 1;
-    std::string settings;  ///< folder of the ready settings; empty: where the program was built or installed
+    std::string settings;         ///< folder of the ready settings; empty: where the program was built or installed
+    bool refine = kRefineStereo;  ///< measure the markers again
 };
 
 int runDemo(const DemoOptions& options);

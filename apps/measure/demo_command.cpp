@@ -3,7 +3,9 @@
 
 #include <kestrune_scene/scene.h>
 #include <array>
+#include <cmath>
 #include <filesystem>
+#include <optional>
 
 #include "commands.h"
 #include "demo_stereo.h"
@@ -11,6 +13,7 @@
 #include "markers.h"
 #include "overlay.h"
 #include "progress.h"
+#include "refined_markers.h"
 
 namespace kestrune::measure {
 namespace {
@@ -98,14 +101,37 @@ struct Round {
     bool perfect;
 };
 
-/// One path on one eye: extracts, scores, and writes the overlay.
-Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exposure, const Cameras& calibration,
-           const fs::path& overlay) {
+/// How many markers were refined, and the root mean squares of their errors in x and y over their sigmas.
+///
+/// @param lens  still in the estimates; empty: none.
+std::string honestyOf(const std::vector<MarkerEstimate>& estimates, const std::vector<scene::MarkerTruth>& truth,
+                      std::size_t eye, const scene::DetectionScore& score, const std::optional<Camera>& lens) {
+    cv::Vec2d sum;
+    int count = 0;
+    for (const scene::DetectionMatch& match : score.matches) {
+        MarkerEstimate e = estimates[static_cast<std::size_t>(match.detection)];
+        if (!e.isRefined()) continue;
+        if (lens) e = undistorted(e, *lens);
+        const cv::Point2d error = e.centre - truth[static_cast<std::size_t>(match.marker)].eye[eye].centre;
+        sum += cv::Vec2d(error.x * error.x / e.covariance(0, 0), error.y * error.y / e.covariance(1, 1));
+        ++count;
+    }
+    return fmt::format("{:>9}{:>8.2f}{:>6.2f}", count, std::sqrt(sum[0] / count), std::sqrt(sum[1] / count));
+}
+
+/// One path on one eye: extracts, refines where that is asked for, scores, and writes the overlay.
+Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exposure, const Camera& camera,
+           const fs::path& overlay, bool refine) {
     CircleMarkerExtractor extractor;
     const cv::Mat& image = exposure.image[eye];
     const bool undistorted = deliversUndistorted(settings);
-    const std::vector<Marker> markers =
-        findMarkers(extractor, image, static_cast<int>(eye), calibration[eye], settings);
+    std::vector<Corner> records;
+    std::vector<Marker> markers = findMarkers(extractor, image, static_cast<int>(eye), camera, settings, &records);
+    std::vector<MarkerEstimate> estimates;
+    if (refine) {
+        estimates = refineDelivered({image}, records, refinementOptions(image.size(), camera, settings));
+        applyEstimates(markers, estimates);
+    }
     std::vector<cv::Point2d> centres;
     centres.reserve(markers.size());
     for (const Marker& marker : markers) centres.push_back(marker.centre);
@@ -117,14 +143,16 @@ Round play(const Settings& settings, std::size_t eye, const scene::Exposure& exp
     legend.push_back({MarkKind::missed, score.missed.size()});
     legend.push_back({MarkKind::wrong, score.falseOnes.size()});
     writePicture(overlay.string(),
-                 drawOverlay(imageBehind(image, calibration[eye], settings), marks,
+                 drawOverlay(imageBehind(image, camera, settings), marks,
                              fmt::format("{} eye   path {}", kEyeNames[eye], nameOf(settings.path)), legend));
 
     const bool perfect = score.missed.empty() && score.falseOnes.empty() && !score.matches.empty();
-    return {fmt::format("{:<9}{:<8}{:>6}{:>7}{:>8}{:>7}{:>16.4f}{:>9.4f}", nameOf(settings.path), kEyeNames[eye],
-                        score.matches.size() + score.missed.size(), score.matches.size(), score.missed.size(),
-                        score.falseOnes.size(), score.centreRms, score.centreMax),
-            perfect};
+    std::string row = fmt::format("{:<9}{:<8}{:>6}{:>7}{:>8}{:>7}{:>16.4f}{:>9.4f}", nameOf(settings.path),
+                                  kEyeNames[eye], score.matches.size() + score.missed.size(), score.matches.size(),
+                                  score.missed.size(), score.falseOnes.size(), score.centreRms, score.centreMax);
+    if (refine)
+        row += honestyOf(estimates, exposure.markers, eye, score, undistorted ? std::nullopt : std::optional(camera));
+    return {row, perfect};
 }
 
 scene::Exposure renderScene(const DemoOptions& options, const Act& act) {
@@ -163,7 +191,7 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
             if (watch.asked()) break;
             const fs::path overlay = out / overlayName(act, eye, settings.path);
             progress.show(rows.size(), overlay.string());
-            const Round round = play(settings, eye, exposure, calibration, overlay);
+            const Round round = play(settings, eye, exposure, calibration[eye], overlay, options.refine);
             rows.push_back(round.row);
             overlays.push_back(overlay.string());
             perfect = perfect && round.perfect;
@@ -173,7 +201,8 @@ bool demoExtraction(const DemoOptions& options, const Act& act, const fs::path& 
 
     say(fmt::format("rendered: {} x {} px, {} {}, seed {}\n\n", exposure.rig.left.size.width,
                     exposure.rig.left.size.height, exposure.markers.size(), act.markers, options.seed));
-    say("path     eye      truth  found  missed  false   centre RMS px   max px\n");
+    say(fmt::format("path     eye      truth  found  missed  false   centre RMS px   max px{}\n",
+                    options.refine ? "  refined  RMS of x, y / sigma" : ""));
     for (const std::string& row : rows) say(row + "\n");
     say(fmt::format(
         "\n(with the lens taken out, but for path fast)\nexposure and calibration: {0}/{1}left.png {0}/{1}right.png "

@@ -51,6 +51,10 @@ constexpr std::array kInputs = {"stereo-left.png", "stereo-right.png", "stereo-d
 struct Outcome {
     StereoResult result;
     scene::StereoScore score;
+    // Of a measurement that refines: root mean squares of errors over their sigmas.
+    int discs = 0;  ///< markers that were matched rightly and whose disc was measured
+    cv::Vec3d point;
+    double normal = 0, radius = 0;
 };
 
 double sizeFactor(cv::Size size) {
@@ -108,13 +112,32 @@ void writeBestSettings(const std::string& file, const fs::path& folder, cv::Size
     for (const Use use : {Use::stereo, Use::extraction}) writeSettings(file, settings, use);
 }
 
+void rateSigmas(Outcome& outcome, const std::vector<scene::MarkerTruth>& truth) {
+    for (const scene::StereoMatch& match : outcome.score.matches) {
+        const StereoMarker& m = outcome.result.markers[static_cast<std::size_t>(match.measured)];
+        if (!m.estimate || !m.estimate->disc.found) continue;
+        const DiscEstimate& disc = m.estimate->disc;
+        const cv::Vec3d error = m.point - truth[static_cast<std::size_t>(match.marker)].disc.centre;
+        for (int k = 0; k < 3; ++k) outcome.point[k] += error[k] * error[k] / disc.covariance(k, k);
+        outcome.normal += std::pow(match.normalError / normalSigma(disc), 2);
+        outcome.radius += std::pow(match.radiusError / disc.radiusSigma(), 2);
+        ++outcome.discs;
+    }
+    for (int k = 0; k < 3; ++k) outcome.point[k] = std::sqrt(outcome.point[k] / outcome.discs);
+    outcome.normal = std::sqrt(outcome.normal / outcome.discs);
+    outcome.radius = std::sqrt(outcome.radius / outcome.discs);
+}
+
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
-                      CircleMarkerExtractor extractor) {
+                      CircleMarkerExtractor extractor, bool refine) {
     Outcome outcome;
-    outcome.result = measureExposure(extractor, exposure.image, settingsFor(branch, folder, exposure.rig.left.size), 0);
+    const RefinementInput refinement{{GreyImage{exposure.image[0]}, GreyImage{exposure.image[1]}}};
+    outcome.result = measureExposure(extractor, exposure.image, settingsFor(branch, folder, exposure.rig.left.size), 0,
+                                     refine ? &refinement : nullptr);
     std::vector<scene::MeasuredMarker> measured;
     for (const StereoMarker& m : outcome.result.markers) measured.push_back({m.pixel, m.point, m.normal, m.radius});
     outcome.score = scene::scoreStereo(exposure, measured, branch.meaning, kMatchDistancePx);
+    if (refine) rateSigmas(outcome, exposure.markers);
     return outcome;
 }
 
@@ -136,7 +159,8 @@ void drawBranch(const Branch& branch, const scene::Exposure& exposure, const Rig
     for (const scene::StereoMatch& match : outcome.score.matches) {
         const StereoMarker& m = outcome.result.markers[static_cast<std::size_t>(match.measured)];
         labels[static_cast<std::size_t>(match.measured)] = fmt::format("{}", match.marker);
-        discs.push_back({fmt::format("{}", match.marker), m.point, m.normal, m.radius, 1000 * match.error});
+        discs.push_back(
+            {fmt::format("{}", match.marker), m.point, m.normal, m.radius, 1000 * match.error, spreadOf(m)});
     }
     writePicture((out / fmt::format("stereo-{}.png", branch.name)).string(),
                  drawPairs(behind, outcome.result, fmt::format("left eye, right eye   {} branch", branch.name), labels,
@@ -149,12 +173,12 @@ void drawBranch(const Branch& branch, const scene::Exposure& exposure, const Rig
 }
 
 /// One line for each figure, one column for each branch.
-void printTable(const std::vector<Outcome>& outcomes) {
+void printTable(const std::vector<Outcome>& outcomes, bool refined) {
     using Figure = std::function<std::string(const Outcome&)>;
     const auto number = [](double value, const char* form) {
         return std::isnan(value) ? std::string("-") : fmt::format(fmt::runtime(form), value);
     };
-    const std::vector<std::pair<const char*, Figure>> rows = {
+    std::vector<std::pair<const char*, Figure>> rows = {
         {"pairs right", [](const Outcome& o) { return fmt::format("{}", o.score.matches.size()); }},
         {"pairs wrong", [](const Outcome& o) { return fmt::format("{}", o.score.wrong.size()); }},
         {"markers missed", [](const Outcome& o) { return fmt::format("{}", o.score.missed.size()); }},
@@ -172,6 +196,15 @@ void printTable(const std::vector<Outcome>& outcomes) {
         {"radius error mean, mm", [&](const Outcome& o) { return number(o.score.radiusMean, "{:+.4f}"); }},
         {"radius error RMS, mm", [&](const Outcome& o) { return number(o.score.radiusRms, "{:.4f}"); }},
     };
+    if (refined) {
+        rows.insert(rows.end(),
+                    {{"discs measured", [](const Outcome& o) { return fmt::format("{}", o.discs); }},
+                     {"X error / sigma, RMS", [&](const Outcome& o) { return number(o.point[0], "{:.2f}"); }},
+                     {"Y error / sigma, RMS", [&](const Outcome& o) { return number(o.point[1], "{:.2f}"); }},
+                     {"Z error / sigma, RMS", [&](const Outcome& o) { return number(o.point[2], "{:.2f}"); }},
+                     {"normal error / sigma, RMS", [&](const Outcome& o) { return number(o.normal, "{:.2f}"); }},
+                     {"radius error / sigma, RMS", [&](const Outcome& o) { return number(o.radius, "{:.2f}"); }}});
+    }
     std::string table = fmt::format("{:<34}", "branch");
     for (std::size_t i = 0; i < outcomes.size(); ++i) table += fmt::format("{:>15}", kBranches[i].name);
     for (const auto& [name, figure] : rows) {
@@ -225,7 +258,7 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
     for (const Branch& branch : kBranches) {
         if (watch.asked()) break;
         progress.show(outcomes.size() + 1, branch.name);
-        outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration)));
+        outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration), options.refine));
         drawBranch(branch, exposure, calibration, outcomes.back(), out);
     }
     progress.clear();
@@ -235,7 +268,7 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
         "stereo: 2 x {} x {} px, {} markers of radius {:.3g} and {:.3g} mm on a curved object, {:.0f} mm across\n\n",
         size.width, size.height, exposure.markers.size(), kRadiiMm[0] * sizeFactor(size),
         kRadiiMm[1] * sizeFactor(size), outcomes[0].score.objectSize));
-    printTable(outcomes);
+    printTable(outcomes, options.refine);
     say(fmt::format(
         "\n(centre errors with the lens taken out; the conic branches measure the image of the disc's centre, the\n"
         "constellation branch the centre of its image)\n"

@@ -7,11 +7,11 @@
 #include "explanation.h"
 #include "files/inputs.h"
 #include "files/output_file.h"
+#include "full_size_check.h"
 #include "image_file.h"
 #include "interrupt.h"
 #include "overlay.h"
 #include "range_of_run.h"
-#include "refinement.h"
 
 namespace kestrune::measure {
 namespace {
@@ -63,7 +63,7 @@ int runExplain(const ExplainOptions& options) {
         say(fmt::format("{}\n{}{}", title, explanationTable(candidates), droppedTable(dropped)));
         const std::vector<Marker> markers = findMarkers(extractor, image, options.eye, camera, settings);
         if (!watch.asked()) say(whatElse(extractor, image, options, camera, settings, markers));
-        const std::string doubts = refinementWarning(extractor, image, options.eye, camera, settings, markers);
+        const std::string doubts = fullSizeWarning(extractor, image, options.eye, camera, settings, markers);
         if (!doubts.empty()) complain(options.image + ": " + doubts);
         if (!options.out.empty()) writePicture(options.out, drawExplanation(image, candidates, title, dropped));
     } catch (const OutputError&) {

@@ -7,13 +7,14 @@
 #include "commands.h"
 #include "files/inputs.h"
 #include "files/output_file.h"
+#include "full_size_check.h"
 #include "image_file.h"
 #include "interrupt.h"
 #include "markers.h"
 #include "overlay.h"
 #include "progress.h"
 #include "range_of_run.h"
-#include "refinement.h"
+#include "refined_markers.h"
 
 namespace kestrune::measure {
 namespace {
@@ -51,40 +52,51 @@ struct Run {
           settings(readSettings(options.settings, options.path)),
           eye(options.eye),
           invert(options.invert),
+          refine(options.refine),
           camera(loadCamera(options, settings)),
           calibratedSize(options.calibration, camera.size, deliversUndistorted(settings)) {
         csv.open(options.csv);
-        if (csv.isOpen()) writeCsvHeader(csv.stream());
+        if (csv.isOpen()) writeCsvHeader(csv.stream(), refine);
         csv.flush();
     }
 
     /// The line to print about an image. `assumed` tells what had to be, if anything.
     std::string handle(const std::string& file, std::size_t index) {
-        const cv::Mat image = readImage(file, invert, range);
+        const cv::Mat whole = decodeImage(file), image = inEightBits(whole, invert, range);
         ++read;
         assumed = calibratedSize.require(file, image.size());
-        const std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings);
-        doubts = refinementWarning(extractor, image, eye, camera, settings, markers);
-        if (csv.isOpen()) writeCsvRows(csv.stream(), file, markers, pixelsOf(settings, camera));
-        csv.flush();
+        std::vector<Corner> records;
+        std::vector<Marker> markers = findMarkers(extractor, image, eye, camera, settings, &records);
+        doubts = fullSizeWarning(extractor, image, eye, camera, settings, markers);
         std::string line = fmt::format("{}: {} markers", file, markers.size());
+        std::vector<MarkerEstimate> estimates;
+        if (refine) {
+            estimates =
+                refineDelivered(inAllBits(whole, range), records, refinementOptions(image.size(), camera, settings));
+            applyEstimates(markers, estimates);
+            line += ", " + countsOf(estimates);
+        }
+        const std::vector<MarkerEstimate>* const told = refine ? &estimates : nullptr;
+        if (csv.isOpen()) writeCsvRows(csv.stream(), file, markers, pixelsOf(settings, camera), told);
+        csv.flush();
         if (!overlays.empty()) {
-            writePicture(overlays[index], draw(file, image, markers));
+            writePicture(overlays[index], draw(file, image, markers, told));
             line += ", overlay " + overlays[index];
         }
         return line + "\n";
     }
 
-    cv::Mat draw(const std::string& file, const cv::Mat& image, const std::vector<Marker>& markers) const {
+    cv::Mat draw(const std::string& file, const cv::Mat& image, const std::vector<Marker>& markers,
+                 const std::vector<MarkerEstimate>* estimates) const {
         const std::string title =
             fmt::format("{}   path {}", fs::path(file).filename().string(), nameOf(settings.path));
-        return drawFound(imageBehind(image, camera, settings), markers, title);
+        return drawFound(imageBehind(image, camera, settings), markers, title, estimates);
     }
 
     std::vector<std::string> overlays;  ///< first, since naming them checks all files
     Settings settings;
     int eye;
-    bool invert;
+    bool invert, refine;
     std::optional<GreyRange> range;
     Camera camera;
     CalibratedSize calibratedSize;

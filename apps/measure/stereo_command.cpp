@@ -92,6 +92,7 @@ struct Run {
           calibration(readRig(options.calibration)),
           intake{options.invert, {}},
           minShare(options.minShare),
+          refine(options.refine),
           overlays(options.overlay) {
         if (calibration.size.empty()) calibration.size = sizeOfImages(options);
         if (!options.overlay.empty()) fs::create_directories(overlays);
@@ -102,9 +103,11 @@ struct Run {
         std::string* problem = &measured.result.failure;
         measured.unreadable = true;
         try {
-            const auto images = readExposure(names.left, names.right, intake, calibration.size);
+            RefinementInput refinement{{}, calibration.uncertainty};
+            const auto images =
+                readExposure(names.left, names.right, intake, calibration.size, refine ? &refinement.grey : nullptr);
             measured.unreadable = false;
-            measured.result = measureExposure(extractor, images, settings, minShare);
+            measured.result = measureExposure(extractor, images, settings, minShare, refine ? &refinement : nullptr);
             problem = &measured.lostPicture;  // the points stay
             if (!overlays.empty()) draw(names.name, pictures[index], images, measured.result);
         } catch (const OutputError& error) {
@@ -142,6 +145,7 @@ struct Run {
     Rig calibration;
     ImageIntake intake;
     double minShare;
+    bool refine;
     fs::path overlays;
 };
 
@@ -149,6 +153,9 @@ std::string summaryOf(const StereoResult& result) {
     std::string counts =
         fmt::format("{} pairs of {} left and {} right markers, {} and {} unmatched", result.markers.size(),
                     result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size());
+    for (std::size_t eye = 0; eye < 2; ++eye)
+        if (!result.estimates[eye].empty())
+            counts += fmt::format("; {}: {}", eye == 0 ? "left" : "right", countsOf(result.estimates[eye]));
     if (!result.failure.empty()) return counts;
     const Residuals rms = rootMeanSquares(result);
     return fmt::format("{}; RMS rows {:.3f}, reprojection {:.3f} and {:.3f} px", counts, rms.row, rms.eye[0],
@@ -200,7 +207,7 @@ int runStereo(const StereoOptions& options) {
     StereoOutput output({options.csv, options.ply, options.json},
                         {options.calibration, options.settings, nameOf(run.settings.path),
                          run.settings.configs.outputRectified ? "rectified left" : "left camera", run.intake.range},
-                        matchesConics(run.settings.path));
+                        {matchesConics(run.settings.path) || options.refine, options.refine});
 
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());
     std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));

@@ -15,6 +15,8 @@ using nlohmann::json;
 
 /// Fields of a row that tell of one marker, after the exposure's name.
 constexpr int kMarkerFields = 15;
+/// And of those that tell of its refinement, before the numbers.
+constexpr std::size_t kEstimateTexts = 3;
 
 /// File names may hold any bytes; what is no UTF-8 is replaced.
 std::string dump(const json& value) {
@@ -29,17 +31,48 @@ json listOf(const cv::Vec3d& v) {
     return {v[0], v[1], v[2]};
 }
 
+json listOf(const cv::Matx33d& m) {
+    return {listOf(cv::Vec3d(m(0, 0), m(0, 1), m(0, 2))), listOf(cv::Vec3d(m(1, 0), m(1, 1), m(1, 2))),
+            listOf(cv::Vec3d(m(2, 0), m(2, 1), m(2, 2)))};
+}
+
+/// Both eyes' ellipses with the columns of the tables of markers, and the covariances of the disc where there is one.
+void addEstimate(json& marker, const PairEstimate& pair) {
+    json eyes = json::array();
+    for (const MarkerEstimate& e : pair.eyes) {
+        json eye = {{"status", nameOf(e.status)},
+                    {"centre", listOf(e.centre)},
+                    {"halfAxes", {e.majorHalfAxis, e.minorHalfAxis}},
+                    {"angle", degreesOf(e.angle)}};
+        for (const EstimateColumn& column : estimateColumns()) eye[column.name] = column.valueOf(e);
+        eyes.push_back(std::move(eye));
+    }
+    marker["eyes"] = std::move(eyes);
+    marker["pointSource"] = pointSourceOf(pair);
+    if (!pair.disc.found) return;
+    for (const PairColumn& column : pairColumns()) marker[column.name] = column.valueOf(pair);
+    marker["covariance"] = listOf(pair.disc.centreCovariance());
+    marker["normalCovariance"] = listOf(pair.disc.normalCovariance());
+    if (pair.disc.calibrationCovariance != cv::Matx33d::zeros())
+        marker["calibrationCovariance"] = listOf(pair.disc.calibrationCovariance);
+}
+
 }  // namespace
 
-StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals)
-    : withNormals_(withNormals) {
+StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, const StereoDetail& detail)
+    : detail_(detail) {
     csv_.open(files.csv);
     ply_.open(files.ply);
     json_.open(files.json);
     if (csv_.isOpen()) {
         csv_.stream() << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,"
                          "rowResidual,leftResidual,rightResidual,leftMarkers,rightMarkers,pairs,leftUnmatched,"
-                         "rightUnmatched,error\n";
+                         "rightUnmatched,error";
+        if (detail_.refined) {
+            csv_.stream() << ",leftStatus,rightStatus,pointSource";
+            for (const PairColumn& column : pairColumns()) csv_.stream() << ',' << column.name;
+        }
+        csv_.stream() << '\n';
         csv_.flush();
     }
     if (json_.isOpen()) {
@@ -65,9 +98,13 @@ void StereoOutput::add(const ExposureNames& names, const StereoResult& result) {
 
 void StereoOutput::addRows(const std::string& exposure, const StereoResult& result) {
     const std::string counts =
-        fmt::format(",{},{},{},{},{},{}\n", result.found[0], result.found[1], result.markers.size(),
+        fmt::format(",{},{},{},{},{},{}", result.found[0], result.found[1], result.markers.size(),
                     result.unmatched[0].size(), result.unmatched[1].size(), csvField(result.failure));
-    if (!result.failure.empty()) csv_.stream() << csvField(exposure) << std::string(kMarkerFields, ',') << counts;
+    if (!result.failure.empty()) {
+        const std::size_t unknown = detail_.refined ? kEstimateTexts + pairColumns().size() : 0;
+        csv_.stream() << csvField(exposure) << std::string(kMarkerFields, ',') << counts << std::string(unknown, ',')
+                      << '\n';
+    }
     for (std::size_t pair = 0; result.failure.empty() && pair < result.markers.size(); ++pair) {
         const StereoMarker& m = result.markers[pair];
         csv_.stream() << csvField(exposure) << ',' << pair;
@@ -77,6 +114,13 @@ void StereoOutput::addRows(const std::string& exposure, const StereoResult& resu
             csv_.stream() << ',' << csvField(value);
         }
         csv_.stream() << counts;
+        if (m.estimate) {
+            csv_.stream() << ',' << nameOf(m.estimate->eyes[0].status) << ',' << nameOf(m.estimate->eyes[1].status)
+                          << ',' << pointSourceOf(*m.estimate);
+            for (const PairColumn& column : pairColumns())
+                csv_.stream() << ',' << csvField(column.valueOf(*m.estimate));
+        }
+        csv_.stream() << '\n';
     }
     csv_.flush();  // a full disk is noticed here
 }
@@ -96,13 +140,14 @@ void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& res
                        {"left", listOf(m.pixel[0])},
                        {"right", listOf(m.pixel[1])},
                        {"point", listOf(m.point)}};
-        if (withNormals_) {
+        if (detail_.normals) {
             marker["normal"] = listOf(m.normal);
             marker["radius"] = m.radius;
         }
         marker["rowResidual"] = m.residuals.row;
         marker["residuals"] = m.residuals.eye;
         if (m.polarity[0] != Polarity::unknown) marker["polarity"] = nameOf(m.polarity[0]);
+        if (m.estimate) addEstimate(marker, *m.estimate);
         markers.push_back(std::move(marker));
     }
     record[result.failure.empty() ? "markers" : "rejected"] = std::move(markers);
@@ -115,7 +160,7 @@ void StereoOutput::addVertices(const StereoResult& result) {
     int pair = 0;
     for (const StereoMarker& m : result.markers) {
         vertices_ += fmt::format("{} {} {}", m.point[0], m.point[1], m.point[2]);
-        if (withNormals_) vertices_ += fmt::format(" {} {} {} {}", m.normal[0], m.normal[1], m.normal[2], m.radius);
+        if (detail_.normals) vertices_ += fmt::format(" {} {} {} {}", m.normal[0], m.normal[1], m.normal[2], m.radius);
         vertices_ += fmt::format(" {} {}\n", exposures_, pair++);
         ++vertexCount_;
     }
@@ -126,7 +171,7 @@ void StereoOutput::writePly(const std::string& held) {
     if (!held.empty()) ply_.stream() << "comment not complete: " << held << '\n';
     ply_.stream() << "element vertex " << vertexCount_ << '\n';
     for (const char* name : {"x", "y", "z"}) ply_.stream() << "property double " << name << '\n';
-    if (withNormals_)
+    if (detail_.normals)
         for (const char* name : {"nx", "ny", "nz", "radius"}) ply_.stream() << "property double " << name << '\n';
     ply_.stream() << "property int exposure\nproperty int pair\nend_header\n" << vertices_;
 }

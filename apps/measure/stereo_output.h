@@ -29,10 +29,16 @@ struct ExposureNames {
     std::string name, left, right;
 };
 
+/// What the tables tell of a marker beyond its point.
+struct StereoDetail {
+    bool normals;  ///< normals and radii
+    bool refined;  ///< uncertainties, and what became of the refinement
+};
+
 class StereoOutput {
   public:
     /// Opens the files and writes what stands before the first exposure. @throws InputError, OutputError
-    StereoOutput(const StereoFiles& files, const StereoRun& run, bool withNormals);
+    StereoOutput(const StereoFiles& files, const StereoRun& run, const StereoDetail& detail);
 
     /// Appends an exposure. Of a failed one the tables tell the reason and the counts; its pairs, if there are any,
     /// stand in the JSON alone, under a name of their own. @throws OutputError
@@ -50,7 +56,7 @@ class StereoOutput {
     void addVertices(const StereoResult& result);
     void writePly(const std::string& held);
 
-    bool withNormals_;
+    StereoDetail detail_;
     OutputFile csv_, ply_, json_;
     std::string vertices_;
     std::size_t exposures_ = 0, vertexCount_ = 0;

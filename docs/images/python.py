@@ -11,7 +11,7 @@ HERE = os.path.dirname(__file__)
 # First and last row, first and last column of the part that is shown, and its reduction. The noise of the camera, which
 # makes a file large, is less than a step of the grey values.
 PARTS = {"find": (120, 900, 0, 1600, 2), "explain-before": (0, 900, 0, 2600, 3), "pair": (0, 1400, 0, 4902, 6),
-         "pair-3d": (40, 1120, 200, 1600, 2)}
+         "pair-3d": (40, 1120, 200, 1600, 2), "uncertainty-3d": (40, 1120, 200, 1600, 2)}
 STEP = 8
 
 for name, (top, bottom, left, right, by) in PARTS.items():

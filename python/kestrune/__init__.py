@@ -8,9 +8,10 @@
     >>> points["X"], points.failure
 
 Begin with :class:`Settings` (how to look), :class:`Rig` (the cameras) and :class:`Extractor`, whose methods are the
-operations: ``extract`` (markers of an image), ``explain`` (why something was no marker), ``stereo`` (points in space),
-``match`` and ``depth``. Results are tables (:class:`Table`): ``result["x"]`` is a column, ``result.columns`` tells what
-each means, ``result.to_pandas()`` makes a DataFrame. ``kestrune.batch`` measures thousands of exposures.
+operations: ``extract`` (markers of an image), ``explain`` (why something was no marker), ``refine`` (how well one is
+known), ``stereo`` (points in space), ``match`` and ``depth``. Results are tables (:class:`Table`): ``result["x"]`` is a
+column, ``result.columns`` tells what each means, ``result.to_pandas()`` makes a DataFrame. ``kestrune.batch`` measures
+thousands of exposures.
 
 Fields, columns and settings have the names that they have in C++ and in the program's tables. Everything that travels
 between processes can be pickled. What is wrong with an image, file or setting raises :class:`InputError`, a
@@ -25,9 +26,10 @@ from typing import Any, Optional, Tuple
 import numpy.typing as npt
 
 from . import _native
-from ._native import Corner, Corners, InputError, LibraryError, __version__
-from .extractor import LEAST_SHARE, Extractor
-from .results import Depths, Explanation, Markers, Pairs, Points, Table, Unmatched
+from ._native import Corner, Corners, DiscEstimate, InputError, LibraryError, MarkerEstimate, __version__
+from .extractor import LEAST_SHARE, REFINE_STEREO, Extractor
+from .results import (Depths, Estimates, Explanation, Markers, Pairs, Points, RefinedMarkers, RefinedPoints, Table,
+                      Unmatched)
 from .settings import Field, File, Rig, Settings, setting_fields
 
 
@@ -69,7 +71,8 @@ def set_threads(count: int) -> None:
 
 
 __all__ = [
-    "Corner", "Corners", "Depths", "Explanation", "Extractor", "Field", "InputError", "LEAST_SHARE", "LibraryError",
-    "Markers", "Pairs", "Points", "Rig", "Settings", "Table", "Unmatched", "__version__", "bit_depth", "image_size",
-    "read_depth", "read_image", "set_threads", "setting_fields", "write_image",
+    "Corner", "Corners", "Depths", "DiscEstimate", "Estimates", "Explanation", "Extractor", "Field", "InputError",
+    "LEAST_SHARE", "LibraryError", "MarkerEstimate", "Markers", "Pairs", "Points", "REFINE_STEREO", "RefinedMarkers",
+    "RefinedPoints", "Rig", "Settings", "Table", "Unmatched", "__version__", "bit_depth", "image_size", "read_depth",
+    "read_image", "set_threads", "setting_fields", "write_image",
 ]

@@ -10,8 +10,9 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _native
-from .results import Depths, Explanation, Markers, Pairs, Points, Unmatched
-from .settings import File, InputError, Rig, Settings
+from .results import (Corners, Depths, Estimates, Explanation, Markers, Pairs, Points, RefinedMarkers, RefinedPoints,
+                      Unmatched)
+from .settings import File, InputError, Rig, Settings, eye_of
 
 Image = npt.NDArray[Any]
 Range = Optional[Tuple[float, float]]
@@ -19,14 +20,8 @@ Eye = Union[str, int]
 
 # Share of the poorer eye's markers that must be paired: that of the program.
 LEAST_SHARE = 0.5
-
-
-def _eye(eye: Eye) -> int:
-    if eye in (0, "left"):
-        return 0
-    if eye in (1, "right"):
-        return 1
-    raise InputError(f"eye: {eye!r} is neither 'left' nor 'right'")
+# Whether a stereo measurement refines: as the program does.
+REFINE_STEREO: bool = _native.REFINE_STEREO
 
 
 def _centres(markers: Any) -> npt.NDArray[np.float64]:
@@ -71,49 +66,72 @@ class Extractor:
         return self._rig
 
     def extract(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None,
-                picture: bool = False) -> Markers:
+                refine: bool = False, picture: bool = False) -> Markers:
         """The markers of one image.
 
         :param eye: whose lens is taken out: ``left`` or ``right``.
-        :param picture: draw the markers into a copy of the image as well.
+        :param refine: measure them again on the grey levels of the image as it is, with all its bits and before
+            ``invert``: the result is :class:`RefinedMarkers`, with standard deviations in the table and the whole
+            covariances in ``estimates``.
+        :param picture: draw the markers into a copy of the image as well, with error ellipses where they are refined.
         :raises InputError: for an image or settings that the path cannot work with.
         """
-        array, corners, pixels, drawn = self._native.extract(image, _eye(eye), invert, range, picture)
-        return Markers(array, corners, pixels, drawn)
+        array, corners, pixels, drawn, estimates = self._native.extract(image, eye_of(eye), invert, range, refine,
+                                                                        picture)
+        return (RefinedMarkers if refine else Markers)(array, corners, pixels, drawn, estimates)
+
+    def refine(self, image: Image, markers: Union[Markers, Corners], eye: Eye = "left", *,
+               range: Range = None) -> Estimates:
+        """Fits markers that were found before to the grey levels of their image.
+
+        The result is in the image's own pixels, with the lens's distortion: ``rig.undistort`` carries an estimate to
+        undistorted ones. Markers that stand close are fitted in each other's light: give the whole list.
+
+        :param image: the one they were found in, rows by columns, or by 3 (BGR); uint8 and uint16 are taken as they
+            are, floating point in 65536 steps of ``range``, or of the range of its data.
+        :param markers: of this extractor's ``extract``, or their ``corners``.
+        :param eye: as it was found.
+        :raises InputError: for what is no image of this rig, and no markers.
+        """
+        corners = markers.corners if isinstance(markers, Markers) else markers
+        return Estimates(*self._native.refine(image, corners, eye_of(eye), range))
 
     def explain(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None,
                 picture: bool = False) -> Explanation:
         """Why was this no marker? All candidates, each with the gate that refused it. Arguments as for extract."""
-        return Explanation(*self._native.explain(image, _eye(eye), invert, range, picture))
+        return Explanation(*self._native.explain(image, eye_of(eye), invert, range, picture))
 
-    def refinement_warning(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None) -> str:
+    def full_size_warning(self, image: Image, eye: Eye = "left", *, invert: bool = False, range: Range = None) -> str:
         """What ``refineAtFullSize`` has spoilt on this image, as a sentence; empty: nothing. Measures twice."""
-        return self._native.refinement_warning(image, _eye(eye), invert, range)
+        return self._native.full_size_warning(image, eye_of(eye), invert, range)
 
     def stereo(self, left: Image, right: Image, *, invert: bool = False, range: Range = None,
-               min_share: float = LEAST_SHARE, picture: bool = False) -> Points:
+               min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, picture: bool = False) -> Points:
         """The markers of both images of one exposure in space.
 
         :param min_share: share of the poorer eye's markers, 0 to 1, that must be paired; with fewer the exposure has
             failed (``Points.failure``).
+        :param refine: measure the markers again on the grey levels before they are matched, and place each pair's disc
+            in space with its covariance: the result is :class:`RefinedPoints`.
         :param picture: draw the pairs and the discs in space as well.
         :raises InputError: for images that are no exposure of this rig, and settings or calibration that are not
             enough.
         """
-        return self._points(self._native.stereo(left, right, invert, range, min_share, picture))
+        return self._points(refine, self._native.stereo(left, right, invert, range, min_share, refine, picture))
 
     def stereo_files(self, left: File, right: File, *, invert: bool = False, range: Range = None,
-                     min_share: float = LEAST_SHARE, picture: bool = False) -> Points:
+                     min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, picture: bool = False) -> Points:
         """The same of two image files, which are read without the interpreter's lock."""
-        return self._points(
-            self._native.stereo_files(os.fsencode(left), os.fsencode(right), invert, range, min_share, picture))
+        return self._points(refine, self._native.stereo_files(os.fsencode(left), os.fsencode(right), invert, range,
+                                                              min_share, refine, picture))
 
     @staticmethod
-    def _points(result: Tuple[Any, ...]) -> Points:
-        array, left, right, failure, warning, found, left_unmatched, right_unmatched, text, pictures = result
+    def _points(refined: bool, result: Tuple[Any, ...]) -> Points:
+        array, left, right, failure, warning, found, left_unmatched, right_unmatched, text, pictures, estimates = result
         picture, view = pictures or (None, None)
-        return Points(array, failure, warning, found, (Unmatched(left_unmatched), Unmatched(right_unmatched)), left,
-                      right, text, picture, view if view is not None and view.size else None)
+        kind = RefinedPoints if refined else Points
+        return kind(array, failure, warning, found, (Unmatched(left_unmatched), Unmatched(right_unmatched)), left,
+                    right, text, picture, view if view is not None and view.size else None, estimates[:2], estimates[2])
 
     def match(self, left: Union[Markers, npt.ArrayLike], right: Union[Markers, npt.ArrayLike]) -> Pairs:
         """Pairs of markers of which only the centres are known, by the epipolar lines and distances.
@@ -135,7 +153,7 @@ class Extractor:
         :param depth: z of each pixel, float32 or uint16, of the image's size; 0 or NaN where there is none.
         :param scale: unit of the result for each unit of the depth image.
         """
-        return Depths(self._native.depth(image, depth, scale, _eye(eye), invert, range))
+        return Depths(self._native.depth(image, depth, scale, eye_of(eye), invert, range))
 
     def __reduce__(self) -> Tuple[Any, ...]:
         return Extractor, (self._settings, self._rig)
@@ -144,4 +162,4 @@ class Extractor:
         return f"<Extractor: path {self._settings.path}, {self._rig!r}>"
 
 
-__all__ = ["Extractor", "LEAST_SHARE"]
+__all__ = ["Extractor", "LEAST_SHARE", "REFINE_STEREO"]

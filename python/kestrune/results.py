@@ -9,9 +9,31 @@ from typing import Any, ClassVar, Dict, Iterator, Sequence, Tuple
 import numpy as np
 import numpy.typing as npt
 
-from ._native import Corner, Corners
+from ._native import Corner, Corners, DiscEstimate, MarkerEstimate
 
 Array = npt.NDArray[Any]
+
+_ESTIMATE = {
+    "status": "refined, or why it was not: no outline, leaves the image, touches another, too faint, not converged, "
+              "not a disc",
+    "sigmaX": "standard deviation of x, px; of a marker that was not refined, what the path may be off by",
+    "sigmaY": "of y, px",
+    "covarianceXY": "of x and y, px^2",
+    "sigmaMajor": "of the larger half axis, px",
+    "sigmaMinor": "of the smaller half axis, px",
+    "sigmaAngle": "of the angle, degrees",
+    "inside": "level inside the rim, in levels of the image; this and all that follows only of refined markers",
+    "sigmaInside": "of the level inside",
+    "outside": "level outside the rim",
+    "sigmaOutside": "of the level outside",
+    "blur": "standard deviation of the Gaussian that blurs the rim, px",
+    "sigmaBlur": "of the blur, px",
+    "halo": "share of light spread three times as wide",
+    "lightDegree": "degree of the polynomial by which the light varies: 0, 1 or 2",
+    "noise": "standard deviation of a pixel half way up the rim, levels",
+    "residual": "RMS of what the fit leaves about the rim, in units of the noise; 1 for an ideal disc",
+    "fitPixels": "that took part in the fit",
+}
 
 
 @dataclass(frozen=True, eq=False)
@@ -90,6 +112,32 @@ class Markers(Table):
     """What x and y are pixels of: ``undistorted``, ``distorted`` (the image as taken) or ``rectified``."""
     picture: Any = None
     """The image with the markers drawn, uint8 BGR, where it was asked for."""
+    estimates: Sequence[MarkerEstimate] = ()
+    """Of the markers, in the pixels of the table, where they were refined."""
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class RefinedMarkers(Markers):
+    """Markers that were measured again on the grey levels, with their uncertainty: x, y, half axes and angle of those
+    that are refined; all else, and those that are not, stay what the path measured."""
+
+    columns: ClassVar[Dict[str, str]] = {**Markers.columns, **_ESTIMATE}
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class Estimates(Table):
+    """Ellipses fitted to the grey levels of an image, in its own pixels: with the lens's distortion."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        "x": "centre of the rim's ellipse, column, px of the image; (0, 0) is the centre of the first pixel",
+        "y": "centre, row, px",
+        "major": "larger half axis, px",
+        "minor": "smaller half axis, px",
+        "angle": "of the major axis to the x axis, degrees in [0, 180)",
+        **_ESTIMATE,
+    }
+    estimates: Sequence[MarkerEstimate] = ()
+    """The same as objects, with the whole covariance."""
 
 
 @dataclass(frozen=True, eq=False, repr=False)
@@ -150,11 +198,43 @@ class Points(Table):
     """Both images side by side with the pairs, uint8 BGR, where it was asked for."""
     view: Any = None
     """The discs in space, uint8 BGR, where it was asked for and there are some."""
+    estimates: Tuple[Sequence[MarkerEstimate], Sequence[MarkerEstimate]] = ((), ())
+    """Of the left and the right markers of the pairs, in the pixels of the pairs, where they were refined."""
+    discs: Sequence[DiscEstimate] = ()
+    """Of the pairs, in the frame of the points, where they were refined."""
 
     @property
     def xyz(self) -> Array:
         """The points as an array of n by 3."""
         return np.stack([self.array[name] for name in "XYZ"], axis=1)
+
+    @property
+    def covariances(self) -> Array:
+        """Of the points that were refined, n by 3 by 3; NaN where no disc was found."""
+        return np.array([disc.centreCovariance if disc.found else np.full((3, 3), np.nan) for disc in self.discs]
+                        ).reshape(-1, 3, 3)
+
+
+@dataclass(frozen=True, eq=False, repr=False)
+class RefinedPoints(Points):
+    """Markers that were measured again on the grey levels before they were matched. Point, normal and radius are those
+    of the disc that both ellipses show best (the maximum of likelihood), on every path."""
+
+    columns: ClassVar[Dict[str, str]] = {
+        **Points.columns,
+        "leftStatus": "of the left marker: refined, or why it was not",
+        "rightStatus": "of the right marker",
+        "pointSource": "disc, or matcher where the ellipses are no image of one disc: then what follows is NaN",
+        "sigmaX": "standard deviation of X by the noise of the images, unit of the calibration",
+        "sigmaY": "of Y",
+        "sigmaZ": "of Z",
+        "covarianceXY": "of X and Y",
+        "covarianceXZ": "of X and Z",
+        "covarianceYZ": "of Y and Z",
+        "sigmaNormal": "RMS angle between the normal and the true one, degrees",
+        "sigmaRadius": "of the radius",
+        "chiSquare": "of 4 degrees of freedom: about 4 for a disc seen rightly by a right calibration",
+    }
 
 
 def _none() -> Unmatched:
@@ -228,4 +308,5 @@ class Explanation(Table):
     """The image with the candidates drawn, uint8 BGR, where it was asked for."""
 
 
-__all__ = ["Corner", "Corners", "Depths", "Explanation", "Markers", "Pairs", "Points", "Table", "Unmatched"]
+__all__ = ["Corner", "Corners", "Depths", "DiscEstimate", "Estimates", "Explanation", "MarkerEstimate", "Markers",
+           "Pairs", "Points", "RefinedMarkers", "RefinedPoints", "Table", "Unmatched"]

@@ -120,6 +120,15 @@ class Settings:
         return f"Settings(path={self.path!r}, use={self.use!r}, {fields})"
 
 
+def eye_of(eye: Union[str, int]) -> int:
+    """0 or 1 for what a user says. InputError for anything else."""
+    if eye in (0, "left"):
+        return 0
+    if eye in (1, "right"):
+        return 1
+    raise InputError(f"eye: {eye!r} is neither 'left' nor 'right'")
+
+
 class Rig:
     """A calibrated pair of cameras: a point X in left camera coordinates is R X + T in right ones.
 
@@ -166,6 +175,21 @@ class Rig:
     def with_size(self, width: int, height: int) -> Rig:
         """The same rig for images of this size, px."""
         return self._of(self._held.with_size(width, height))
+
+    def undistort(self, estimate: _native.MarkerEstimate, eye: Union[str, int] = "left") -> _native.MarkerEstimate:
+        """A marker of an image in pixels without the lens's distortion: ellipse and covariance; levels and blur stay.
+
+        :param eye: ``left`` or ``right``.
+        """
+        return self._held.undistort(estimate, eye_of(eye))
+
+    def measure_disc(self, left: _native.MarkerEstimate, right: _native.MarkerEstimate) -> _native.DiscEstimate:
+        """The most likely disc in space for what both eyes saw, in the left camera's frame.
+
+        :param left: of the left eye, without the lens's distortion (:meth:`undistort`).
+        :param right: the same of the right eye.
+        """
+        return self._held.measure_disc(left, right)
 
     @property
     def left_matrix(self) -> npt.NDArray[np.float64]:

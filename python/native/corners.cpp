@@ -103,6 +103,11 @@ py::object pythonCorners(std::vector<Corner> corners) {
     return py::cast(CornerList{std::make_shared<std::vector<Corner>>(std::move(corners))});
 }
 
+SharedCorners cornersIn(const py::object& sequence) {
+    if (!py::isinstance<CornerList>(sequence)) throw InputError("markers", "is neither Markers nor Corners");
+    return sequence.cast<const CornerList&>().corners;
+}
+
 void defineCorners(py::module_& module) {
     py::class_<Corner>(module, "Corner", "One marker as the library records it, in the pixels of its path.")
         .def(py::init(&emptyCorner))

@@ -5,23 +5,23 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <numeric>
 
 #include "centre_match.h"
 #include "depth_points.h"
 #include "explanation.h"
 #include "files/inputs.h"
+#include "full_size_check.h"
 #include "image_file.h"
+#include "native/estimates.h"
 #include "native/images.h"
 #include "native/module.h"
+#include "native/result_tables.h"
 #include "native/tables.h"
 #include "native/threads.h"
 #include "overlay.h"
 #include "pair_explanation.h"
 #include "pixels.h"
-#include "refinement.h"
 #include "stereo_pictures.h"
 
 namespace kestrune::python {
@@ -30,11 +30,7 @@ namespace {
 using measure::Candidate;
 using measure::Dropped;
 using measure::Marker;
-using measure::StereoMarker;
 using measure::StereoResult;
-using measure::UnmatchedMarker;
-
-constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 /// An extractor for one call; it goes back when the call ends, also by an exception.
 class Lease {
@@ -56,86 +52,6 @@ class Lease {
 
 CircleMarkerExtractor uncalibrated() {
     return {};
-}
-
-py::array markerTable(const std::vector<Marker>& m) {
-    return tableOf({{"id", cellsOf(m, [](const Marker& r) { return r.id; })},
-                    {"x", cellsOf(m, [](const Marker& r) { return r.centre.x; })},
-                    {"y", cellsOf(m, [](const Marker& r) { return r.centre.y; })},
-                    {"major", cellsOf(m, [](const Marker& r) { return r.majorHalfAxis; })},
-                    {"minor", cellsOf(m, [](const Marker& r) { return r.minorHalfAxis; })},
-                    {"angle", cellsOf(m, [](const Marker& r) { return r.angle; })},
-                    {"area", cellsOf(m, [](const Marker& r) { return r.area; })},
-                    {"eccentricity", cellsOf(m, [](const Marker& r) { return r.eccentricity; })},
-                    {"circularity", cellsOf(m, [](const Marker& r) { return r.circularity; })},
-                    {"fitError", cellsOf(m, [](const Marker& r) { return r.fitError; })},
-                    {"fitResidual", cellsOf(m, [](const Marker& r) { return r.fitResidual; })},
-                    {"polarity", cellsOf(m, [](const Marker& r) { return std::string(measure::nameOf(r.polarity)); })}},
-                   m.size());
-}
-
-py::array candidateTable(const std::vector<Candidate>& c) {
-    const auto rim = [&](auto of) {
-        return cellsOf(c, [&](const Candidate& r) { return r.rim ? of(*r.rim) : kUnknown; });
-    };
-    return tableOf({{"number", cellsOf(c, [](const Candidate& r) { return r.number; })},
-                    {"x", cellsOf(c, [](const Candidate& r) { return r.box.x; })},
-                    {"y", cellsOf(c, [](const Candidate& r) { return r.box.y; })},
-                    {"width", cellsOf(c, [](const Candidate& r) { return r.box.width; })},
-                    {"height", cellsOf(c, [](const Candidate& r) { return r.box.height; })},
-                    {"ellipseX", rim([](const measure::Rim& r) { return r.centre.x; })},
-                    {"ellipseY", rim([](const measure::Rim& r) { return r.centre.y; })},
-                    {"major", rim([](const measure::Rim& r) { return r.majorHalfAxis; })},
-                    {"minor", rim([](const measure::Rim& r) { return r.minorHalfAxis; })},
-                    {"angle", rim([](const measure::Rim& r) { return r.angle; })},
-                    {"gate", cellsOf(c, [](const Candidate& r) { return r.gate; })},
-                    {"measured", cellsOf(c, [](const Candidate& r) { return r.measured; })},
-                    {"wanted", cellsOf(c, [](const Candidate& r) { return r.wanted; })},
-                    {"marker", cellsOf(c, [](const Candidate& r) { return r.marker; })}},
-                   c.size());
-}
-
-py::array dropTable(const std::vector<Dropped>& d) {
-    return tableOf({{"x", cellsOf(d, [](const Dropped& r) { return r.box.x; })},
-                    {"y", cellsOf(d, [](const Dropped& r) { return r.box.y; })},
-                    {"width", cellsOf(d, [](const Dropped& r) { return r.box.width; })},
-                    {"height", cellsOf(d, [](const Dropped& r) { return r.box.height; })},
-                    {"gate", cellsOf(d, [](const Dropped& r) { return r.gate; })},
-                    {"measured", cellsOf(d, [](const Dropped& r) { return r.measured; })},
-                    {"wanted", cellsOf(d, [](const Dropped& r) { return r.wanted; })}},
-                   d.size());
-}
-
-py::array pointTable(const std::vector<StereoMarker>& m) {
-    std::vector<std::int32_t> pair(m.size());
-    std::iota(pair.begin(), pair.end(), 0);
-    const auto column = [&](const char* name, auto of) { return Column{name, cellsOf(m, of)}; };
-    return tableOf({{"pair", pair},
-                    column("leftX", [](const StereoMarker& r) { return r.pixel[0].x; }),
-                    column("leftY", [](const StereoMarker& r) { return r.pixel[0].y; }),
-                    column("rightX", [](const StereoMarker& r) { return r.pixel[1].x; }),
-                    column("rightY", [](const StereoMarker& r) { return r.pixel[1].y; }),
-                    column("X", [](const StereoMarker& r) { return r.point[0]; }),
-                    column("Y", [](const StereoMarker& r) { return r.point[1]; }),
-                    column("Z", [](const StereoMarker& r) { return r.point[2]; }),
-                    column("normalX", [](const StereoMarker& r) { return r.normal[0]; }),
-                    column("normalY", [](const StereoMarker& r) { return r.normal[1]; }),
-                    column("normalZ", [](const StereoMarker& r) { return r.normal[2]; }),
-                    column("radius", [](const StereoMarker& r) { return r.radius; }),
-                    column("rowResidual", [](const StereoMarker& r) { return r.residuals.row; }),
-                    column("leftResidual", [](const StereoMarker& r) { return r.residuals.eye[0]; }),
-                    column("rightResidual", [](const StereoMarker& r) { return r.residuals.eye[1]; })},
-                   m.size());
-}
-
-py::array unmatchedTable(const std::vector<UnmatchedMarker>& u) {
-    return tableOf({{"number", cellsOf(u, [](const UnmatchedMarker& r) { return r.number; })},
-                    {"x", cellsOf(u, [](const UnmatchedMarker& r) { return static_cast<double>(r.rim.center.x); })},
-                    {"y", cellsOf(u, [](const UnmatchedMarker& r) { return static_cast<double>(r.rim.center.y); })},
-                    {"test", cellsOf(u, [](const UnmatchedMarker& r) { return std::string(measure::testOf(r)); })},
-                    {"measured", cellsOf(u, [](const UnmatchedMarker& r) { return r.verdict.measured; })},
-                    {"partner", cellsOf(u, [](const UnmatchedMarker& r) { return r.partner; })}},
-                   u.size());
 }
 
 /// An image of a call, in 8 bits, with the array that it may share pixels with.
@@ -201,12 +117,14 @@ Camera PythonExtractor::cameraOf(int eye) const {
     return camera;
 }
 
-py::tuple PythonExtractor::extract(const py::object& object, int eye, bool invert, const py::object& range,
+py::tuple PythonExtractor::extract(const py::object& object, int eye, bool invert, const py::object& range, bool refine,
                                    bool picture) {
     const Camera camera = cameraOf(eye);
-    const Taken input = taken(object, "image", invert, rangeOf(range));
+    const auto wanted = rangeOf(range);
+    const Taken input = taken(object, "image", invert, wanted);
     std::vector<Marker> markers;
     std::vector<Corner> corners;
+    std::vector<MarkerEstimate> estimates;
     cv::Mat drawn;
     {
         const py::gil_scoped_release others;
@@ -214,14 +132,39 @@ py::tuple PythonExtractor::extract(const py::object& object, int eye, bool inver
         measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
         if (!input.image.empty()) {
             markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings, &corners);
+            if (refine) {
+                estimates = measure::refineDelivered(
+                    measure::inAllBits(input.source.image, wanted), corners,
+                    measure::refinementOptions(input.image.size(), camera, settings_.settings));
+                measure::applyEstimates(markers, estimates);
+            }
             if (picture)
                 drawn = measure::drawFound(measure::imageBehind(input.image, camera, settings_.settings), markers,
-                                           fmt::format("path {}", nameOf(settings_.settings.path)));
+                                           fmt::format("path {}", nameOf(settings_.settings.path)),
+                                           refine ? &estimates : nullptr);
         }
     }
-    return py::make_tuple(markerTable(markers), pythonCorners(std::move(corners)),
+    return py::make_tuple(markerTable(markers, refine ? &estimates : nullptr), pythonCorners(std::move(corners)),
                           measure::nameOf(measure::pixelsOf(settings_.settings, camera)),
-                          picture ? py::object(arrayOf(drawn)) : py::none());
+                          picture ? py::object(arrayOf(drawn)) : py::none(), pythonEstimates(estimates));
+}
+
+py::tuple PythonExtractor::refine(const py::object& object, const py::object& records, int eye,
+                                  const py::object& range) {
+    const Camera camera = cameraOf(eye);
+    const auto wanted = rangeOf(range);
+    const ArrayImage source = imageOf(object, "image");
+    const SharedCorners corners = cornersIn(records);
+    std::vector<MarkerEstimate> estimates;
+    {
+        const py::gil_scoped_release others;
+        applyWantedThreads();
+        measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", source.image.size());
+        if (!source.image.empty())
+            estimates = measure::refineOn(measure::inAllBits(source.image, wanted), *corners,
+                                          measure::refinementOptions(source.image.size(), camera, settings_.settings));
+    }
+    return py::make_tuple(estimateTable(estimates), pythonEstimates(estimates));
 }
 
 py::tuple PythonExtractor::explain(const py::object& object, int eye, bool invert, const py::object& range,
@@ -249,8 +192,7 @@ py::tuple PythonExtractor::explain(const py::object& object, int eye, bool inver
                           picture ? py::object(arrayOf(drawn)) : py::none());
 }
 
-std::string PythonExtractor::refinementWarning(const py::object& object, int eye, bool invert,
-                                               const py::object& range) {
+std::string PythonExtractor::fullSizeWarning(const py::object& object, int eye, bool invert, const py::object& range) {
     const Camera camera = cameraOf(eye);
     const Taken input = taken(object, "image", invert, rangeOf(range));
     if (input.image.empty()) return "";
@@ -258,7 +200,7 @@ std::string PythonExtractor::refinementWarning(const py::object& object, int eye
     const Lease extractor(mono_, uncalibrated);
     measure::CalibratedSize(rig_ ? rig_->origin : "", camera.size, true).require("image", input.image.size());
     const std::vector<Marker> markers = measure::findMarkers(*extractor, input.image, eye, camera, settings_.settings);
-    return measure::refinementWarning(*extractor, input.image, eye, camera, settings_.settings, markers);
+    return measure::fullSizeWarning(*extractor, input.image, eye, camera, settings_.settings, markers);
 }
 
 const HeldSettings& PythonExtractor::stereoSettings() const {
@@ -276,36 +218,40 @@ CircleMarkerExtractor PythonExtractor::calibrated(cv::Size size) {
 }
 
 py::tuple PythonExtractor::stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
-                                  double minShare, bool picture) {
+                                  double minShare, bool refine, bool picture) {
     stereoSettings();
     const std::array<ArrayImage, 2> sources = {imageOf(left, "left"), imageOf(right, "right")};
     for (std::size_t eye = 0; eye < 2; ++eye)
         if (sources[eye].image.empty()) throw InputError(eye == 0 ? "left" : "right", "is empty");
     const auto wanted = rangeOf(range);
-    std::array<cv::Mat, 2> images = {sources[0].image, sources[1].image};
+    Exposure exposure{{sources[0].image, sources[1].image}, {}};
     {
         const py::gil_scoped_release others;
-        takeIn(images, {"left", "right"}, invert, wanted);
+        takeIn(exposure, {"left", "right"}, invert, wanted, refine);
     }
-    return measured(images, minShare, picture);
+    return measured(exposure, minShare, picture);
 }
 
 py::tuple PythonExtractor::stereoFiles(const std::string& left, const std::string& right, bool invert,
-                                       const py::object& range, double minShare, bool picture) {
+                                       const py::object& range, double minShare, bool refine, bool picture) {
     stereoSettings();
     const auto wanted = rangeOf(range);
-    std::array<cv::Mat, 2> images;
+    Exposure exposure;
     {
         const py::gil_scoped_release others;
-        images = {measure::decodeImage(left), measure::decodeImage(right)};
-        takeIn(images, {left, right}, invert, wanted);
+        exposure.images = {measure::decodeImage(left), measure::decodeImage(right)};
+        takeIn(exposure, {left, right}, invert, wanted, refine);
     }
-    return measured(images, minShare, picture);
+    return measured(exposure, minShare, picture);
 }
 
-void PythonExtractor::takeIn(std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, bool invert,
-                             const std::optional<measure::GreyRange>& range) {
+void PythonExtractor::takeIn(Exposure& exposure, const std::array<std::string, 2>& names, bool invert,
+                             const std::optional<measure::GreyRange>& range, bool refine) {
+    std::array<cv::Mat, 2>& images = exposure.images;
     const auto common = range ? range : commonRange(images);
+    if (refine)
+        exposure.refinement = measure::RefinementInput{
+            {measure::inAllBits(images[0], common), measure::inAllBits(images[1], common)}, rig_->rig.uncertainty};
     for (cv::Mat& image : images) image = measure::inEightBits(image, invert, common);
     const auto known = [this] {
         const std::lock_guard lock(sizeMutex_);
@@ -316,7 +262,8 @@ void PythonExtractor::takeIn(std::array<cv::Mat, 2>& images, const std::array<st
     if (size_.empty()) size_ = images[0].size();  // only that of a good exposure
 }
 
-py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double minShare, bool picture) {
+py::tuple PythonExtractor::measured(const Exposure& exposure, double minShare, bool picture) {
+    const std::array<cv::Mat, 2>& images = exposure.images;
     if (!(minShare >= 0 && minShare <= 1)) throw InputError("min_share", fmt::format("{} is outside 0 to 1", minShare));
     StereoResult result;
     std::vector<std::pair<Corner, Corner>> records;
@@ -326,7 +273,8 @@ py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double
         const py::gil_scoped_release others;
         const Settings settings = measure::asStereo(settings_.settings, settings_.origin);
         const Lease extractor(stereo_, [&] { return calibrated(images[0].size()); });
-        result = measure::measureExposure(*extractor, images, settings, minShare, &records);
+        const measure::RefinementInput* const refinement = exposure.refinement ? &*exposure.refinement : nullptr;
+        result = measure::measureExposure(*extractor, images, settings, minShare, refinement, &records);
         if (picture) {
             std::array<cv::Mat, 2> behind;
             for (std::size_t eye = 0; eye < 2; ++eye)
@@ -342,11 +290,13 @@ py::tuple PythonExtractor::measured(const std::array<cv::Mat, 2>& images, double
         left.push_back(std::move(l));
         right.push_back(std::move(r));
     }
-    return py::make_tuple(pointTable(result.markers), pythonCorners(std::move(left)), pythonCorners(std::move(right)),
-                          result.failure, result.doubt, py::make_tuple(result.found[0], result.found[1]),
-                          unmatchedTable(result.unmatched[0]), unmatchedTable(result.unmatched[1]),
+    return py::make_tuple(pointTable(result.markers, exposure.refinement.has_value()), pythonCorners(std::move(left)),
+                          pythonCorners(std::move(right)), result.failure, result.doubt,
+                          py::make_tuple(result.found[0], result.found[1]), unmatchedTable(result.unmatched[0]),
+                          unmatchedTable(result.unmatched[1]),
                           measure::pairExplanationTable(result, settings_.settings.configs),
-                          picture ? py::object(py::make_tuple(arrayOf(drawn), arrayOf(view))) : py::none());
+                          picture ? py::object(py::make_tuple(arrayOf(drawn), arrayOf(view))) : py::none(),
+                          pythonPairEstimates(result.markers));
 }
 
 py::array PythonExtractor::match(const py::array& left, const py::array& right) {
@@ -408,8 +358,9 @@ void defineExtractor(py::module_& module) {
         .def_property_readonly("settings", [](const E& e) { return e.settings(); })
         .def_property_readonly("rig", [](const E& e) { return e.rig(); })
         .def("extract", &E::extract)
+        .def("refine", &E::refine)
         .def("explain", &E::explain)
-        .def("refinement_warning", &E::refinementWarning)
+        .def("full_size_warning", &E::fullSizeWarning)
         .def("stereo", &E::stereo)
         .def("stereo_files", &E::stereoFiles)
         .def("match", &E::match)

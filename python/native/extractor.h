@@ -59,20 +59,25 @@ class PythonExtractor {
     const HeldSettings& settings() const { return settings_; }
     const std::optional<HeldRig>& rig() const { return rig_; }
 
-    /// (table, corners, pixels, picture)
-    py::tuple extract(const py::object& image, int eye, bool invert, const py::object& range, bool picture);
+    /// (table, corners, pixels, picture, estimates)
+    py::tuple extract(const py::object& image, int eye, bool invert, const py::object& range, bool refine,
+                      bool picture);
+
+    /// (table, estimates)
+    py::tuple refine(const py::object& image, const py::object& corners, int eye, const py::object& range);
 
     /// (candidates, contours, dropped, text, picture)
     py::tuple explain(const py::object& image, int eye, bool invert, const py::object& range, bool picture);
 
     /// What `refineAtFullSize` has spoilt, as a sentence.
-    std::string refinementWarning(const py::object& image, int eye, bool invert, const py::object& range);
+    std::string fullSizeWarning(const py::object& image, int eye, bool invert, const py::object& range);
 
-    /// (table, left corners, right corners, failure, warning, found, left unmatched, right unmatched, text, pictures)
+    /// (table, left corners, right corners, failure, warning, found, left unmatched, right unmatched, text, pictures,
+    /// (left estimates, right estimates, discs))
     py::tuple stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
-                     double minShare, bool picture);
+                     double minShare, bool refine, bool picture);
     py::tuple stereoFiles(const std::string& left, const std::string& right, bool invert, const py::object& range,
-                          double minShare, bool picture);
+                          double minShare, bool refine, bool picture);
 
     /// table
     py::array match(const py::array& left, const py::array& right);
@@ -80,13 +85,19 @@ class PythonExtractor {
                     const py::object& range);
 
   private:
+    /// Both images in 8 bits, and all their bits where they are refined.
+    struct Exposure {
+        std::array<cv::Mat, 2> images;
+        std::optional<measure::RefinementInput> refinement;
+    };
+
     Camera cameraOf(int eye) const;
     void requireSize(const cv::Mat& image, const char* name, int eye) const;
     const HeldSettings& stereoSettings() const;
-    py::tuple measured(const std::array<cv::Mat, 2>& images, double minShare, bool picture);
+    py::tuple measured(const Exposure& exposure, double minShare, bool picture);
     /// In 8 bits, mapped alike, and held to the size of all exposures.
-    void takeIn(std::array<cv::Mat, 2>& images, const std::array<std::string, 2>& names, bool invert,
-                const std::optional<measure::GreyRange>& range);
+    void takeIn(Exposure& exposure, const std::array<std::string, 2>& names, bool invert,
+                const std::optional<measure::GreyRange>& range, bool refine);
     CircleMarkerExtractor calibrated(cv::Size size);
 
     HeldSettings settings_;

@@ -11,6 +11,7 @@
 #include "native/tables.h"
 #include "native/threads.h"
 #include "overlay.h"
+#include "stereo_exposure.h"
 
 namespace kestrune::python {
 namespace {
@@ -121,6 +122,8 @@ PYBIND11_MODULE(_native, module) {
     defineSettings(module);
     defineRig(module);
     defineCorners(module);
+    defineEstimates(module);
+    module.attr("REFINE_STEREO") = kestrune::measure::kRefineStereo;
     defineExtractor(module);
     module.def("set_threads", &setThreads, py::arg("count"));
     module.def("read_image", &readImageArray, py::arg("file"), py::arg("range") = py::none());

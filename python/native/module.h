@@ -9,15 +9,20 @@
 #include <vector>
 
 #include "kestrune/MarkerExtractor.h"
+#include "native/held.h"
 
 namespace kestrune::python {
 
 void defineSettings(pybind11::module_& module);
 void defineRig(pybind11::module_& module);
 void defineCorners(pybind11::module_& module);
+void defineEstimates(pybind11::module_& module);
 void defineExtractor(pybind11::module_& module);
 
 /// A sequence of records in Python; what was not set is 0.
 pybind11::object pythonCorners(std::vector<Corner> corners);
+
+/// Those of such a sequence. @throws InputError  for anything else.
+SharedCorners cornersIn(const pybind11::object& sequence);
 
 }  // namespace kestrune::python

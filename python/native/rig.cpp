@@ -132,6 +132,12 @@ void defineRig(py::module_& module) {
                                [](const HeldRig& held) { return arrayOf(cv::Mat(matricesOf(held.rig).translation)); })
         .def_property_readonly("size", &sizeOf)
         .def_property_readonly("rectify_flags", [](const HeldRig& held) { return held.rig.rectifyFlags; })
+        .def("undistort", [](const HeldRig& held, const MarkerEstimate& estimate,
+                             std::size_t eye) { return undistorted(estimate, asMatrices(held.rig.cameras.at(eye))); })
+        .def("measure_disc",
+             [](const HeldRig& held, const MarkerEstimate& left, const MarkerEstimate& right) {
+                 return measureDisc({left, right}, matricesOf(held.rig));
+             })
         .def("__eq__", &sameRigs, py::is_operator())
         .def(py::pickle(
             [](const HeldRig& held) { return py::make_tuple(stateOf(held), py::bytes(held.origin)); },

@@ -69,18 +69,31 @@ Value valueAt(const char* place) {
     return value;
 }
 
+/// A text of so many bytes, as UTF-8; zeros at its end are none of it.
+std::string textAt(const char* place, py::ssize_t size) {
+    std::vector<Py_UCS4> characters(static_cast<std::size_t>(size) / kCharacterBytes);
+    std::memcpy(characters.data(), place, characters.size() * kCharacterBytes);
+    while (!characters.empty() && characters.back() == 0) characters.pop_back();
+    const auto text = py::reinterpret_steal<py::object>(PyUnicode_FromKindAndData(
+        PyUnicode_4BYTE_KIND, characters.data(), static_cast<py::ssize_t>(characters.size())));
+    if (!text) throw py::error_already_set();
+    return text.cast<std::string>();
+}
+
 /// A field of a structured array: its kind and size in bytes as NumPy has them, and where it lies in a row.
 struct Field {
     char kind;
     py::ssize_t size;
     std::size_t offset;
 
-    bool isNumber() const { return kind == 'i' ? size == 4 || size == 8 : kind == 'f' && size == 8; }
+    bool isKnown() const { return kind == 'i' ? size == 4 || size == 8 : kind == 'U' || (kind == 'f' && size == 8); }
     void append(std::string& line, const char* row) const {
         const char* const place = row + offset;
         line += ',';
         if (kind == 'f')
             line += measure::csvField(valueAt<double>(place));
+        else if (kind == 'U')
+            line += measure::csvField(textAt(place, size));
         else
             fmt::format_to(std::back_inserter(line), "{}",
                            size == 4 ? valueAt<std::int32_t>(place) : valueAt<std::int64_t>(place));
@@ -95,7 +108,7 @@ std::vector<Field> fieldsOf(const py::array& table) {
         const py::tuple entry = type.attr("fields")[name];
         const auto of = entry[0].cast<py::dtype>();
         fields.push_back({of.kind(), of.itemsize(), entry[1].cast<std::size_t>()});
-        if (!fields.back().isNumber()) throw py::type_error("has a field of no number");
+        if (!fields.back().isKnown()) throw py::type_error("has a field of neither number nor text");
     }
     return fields;
 }

@@ -28,7 +28,7 @@ struct Column {
 /// A structured array: whole numbers are `int32`, numbers `float64`, texts `U` as wide as the longest.
 py::array tableOf(const std::vector<Column>& columns, std::size_t rows);
 
-/// Rows of a structured array of whole numbers and numbers as lines of CSV, numbers as the program writes them.
+/// Rows of a structured array of whole numbers, numbers and texts as lines of CSV, numbers as the program writes them.
 ///
 /// @param head  what each line begins with.
 /// @throws py::type_error  for another array.

@@ -35,13 +35,21 @@ def measure(scene, exposures, out, **options):
 
 
 @pytest.mark.skipif(not PROGRAM, reason="needs the program")
-def test_rows_are_those_of_the_program(scene, tmp_path):
+@pytest.mark.parametrize("refine", [False, True])
+def test_rows_are_those_of_the_program(refine, scene, tmp_path):
     left, right = ([files[eye] for files in scene.pairs + scene.pairs[:2]] for eye in (0, 1))
     subprocess.run([PROGRAM, "stereo", "--calibration", scene.rig_file, "--settings", scene.settings_file, "--left",
-                    *left, "--right", *right, "--csv", tmp_path / "all.csv"], check=True, stdout=subprocess.DEVNULL)
-    measure(scene, zip(left, right), tmp_path / "out", processes=1, chunk=10)
+                    *left, "--right", *right, "--csv", tmp_path / "all.csv", "--refine" if refine else "--no-refine"], check=True,
+                   stdout=subprocess.DEVNULL)
+    measure(scene, zip(left, right), tmp_path / "out", processes=1, chunk=10, refine=refine)
     with open(tmp_path / "all.csv") as program, open(tmp_path / "out/points/part-000000.csv") as ours:
-        assert [row[:16] for row in csv.reader(program)] == list(csv.reader(ours))
+        assert [row[:16] + row[22:] for row in csv.reader(program)] == list(csv.reader(ours))
+    points = batch.read(tmp_path / "out").points
+    assert len(points) and ("sigmaZ" in points) == refine
+    if refine:
+        assert set(points["leftStatus"]) == {"refined"}
+        with pytest.raises(kestrune.InputError, match="options.refine was true and is null"):
+            measure(scene, [], tmp_path / "out", resume=True, refine=False)
 
 
 @pytest.mark.parametrize("options", [dict(processes=1, chunk=50), dict(processes=3, chunk=7, threads=2)])

@@ -44,6 +44,8 @@ SAYS = {
     "3_measure_pair": (r"14 pairs of 14 and 14 markers(?s:.*)cylinder of radius (179\.9|180\.0).*RMS 0\.0[0-4]",
                        ["pair.png", "pair-3d.png"]),
     "4_depth": (r"14 of 14 markers have a depth", []),
+    "6_uncertainty": (r"'refined': 14(?s:.*)a point is known to(?s:.*)from point 0 to point \d+: \d+\.\d+ \+- 0\.0\d+\n"
+                      r"chi-square: mean [2-7]\.", ["uncertainty.png", "uncertainty-3d.png"]),
     "5_batch": (r"6 exposures, 0 failed, 6 measured now(?s:.*)repeats to \(RMS\) X 0\.0", []),
 }
 

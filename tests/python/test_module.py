@@ -30,11 +30,13 @@ def eyes(demo):
     return [kestrune.read_image(demo / f"stereo-{eye}.png") for eye in ("left", "right")]
 
 
+@pytest.mark.parametrize("refine", [False, True])
 @pytest.mark.parametrize("name", ["bright-complex", "bright-radial", "bright-subpixel", "bright-fast"])
-def test_markers_are_those_of_the_program_to_the_bit(name, demo, rig, eyes, tmp_path):
+def test_markers_are_those_of_the_program_to_the_bit(name, refine, demo, rig, eyes, tmp_path):
     path = "fast" if name.endswith("fast") else settings_of(name).path
-    run("extract", demo / "stereo-left.png", "--settings", f"{READY}/{name}.yaml", "--path", path, "--csv", tmp_path / "m.csv")
-    markers = Extractor(settings_of(name)).extract(eyes[0])
+    run("extract", demo / "stereo-left.png", "--settings", f"{READY}/{name}.yaml", "--path", path, "--csv", tmp_path / "m.csv",
+        *["--refine"] * refine)
+    markers = Extractor(settings_of(name)).extract(eyes[0], refine=refine)
     theirs = rows(tmp_path / "m.csv")
     assert len(markers) == len(theirs) > 5
     assert set(markers.columns) == set(markers.array.dtype.names)
@@ -48,24 +50,59 @@ def test_markers_are_those_of_the_program_to_the_bit(name, demo, rig, eyes, tmp_
     assert markers.pixels == theirs[0]["pixels"] == "distorted"
 
 
+@pytest.mark.parametrize("refine", [False, True])
 @pytest.mark.parametrize("name", ["bright-complex", "bright-radial", "bright-subpixel"])
-def test_points_are_those_of_the_program_to_the_bit(name, demo, rig, eyes, tmp_path):
+def test_points_are_those_of_the_program_to_the_bit(name, refine, demo, rig, eyes, tmp_path):
     settings = settings_of(name, markerRadii=RADII)
     settings.write(tmp_path / "s.yaml")
     files = demo / "stereo-left.png", demo / "stereo-right.png"
     run("stereo", "--left", files[0], "--right", files[1], "--calibration", demo / "stereo-calibration.yaml", "--settings",
-        tmp_path / "s.yaml", "--csv", tmp_path / "p.csv")
+        tmp_path / "s.yaml", "--csv", tmp_path / "p.csv", "--refine" if refine else "--no-refine")
     extractor = Extractor(settings, rig)
-    points, theirs = extractor.stereo(*eyes), rows(tmp_path / "p.csv")
-    assert points == extractor.stereo_files(*files) and points.failure == ""
+    points, theirs = extractor.stereo(*eyes, refine=refine), rows(tmp_path / "p.csv")
+    assert points == extractor.stereo_files(*files, refine=refine) and points.failure == ""
     assert len(points) == len(theirs) > 5
+    assert set(points.columns) == set(points.array.dtype.names)
     for column in list(points.columns)[1:]:
+        if points[column].dtype.kind == "U":
+            assert list(points[column]) == [row[column] for row in theirs]
+            continue
         given = [float(row[column]) if row[column] else np.nan for row in theirs]
         assert np.array_equal(points[column], given, equal_nan=True), column
     assert points.found == (int(theirs[0]["leftMarkers"]), int(theirs[0]["rightMarkers"]))
     assert [len(eye) for eye in points.unmatched] == [int(theirs[0][f"{eye}Unmatched"]) for eye in ("left", "right")]
     assert [corner.x for corner in points.left] == list(points["leftX"])
     assert points.xyz.shape == (len(points), 3)
+
+
+def test_estimates_are_those_of_the_tables_and_travel(rig, eyes):
+    extractor = Extractor(settings_of("bright-complex", skipUndistort=False, markerRadii=RADII), rig)
+    image = eyes[0].astype(np.uint16) * 257
+    markers = extractor.extract(image, refine=True, picture=True)
+    refined = extractor.refine(image, markers)
+    assert refined == extractor.refine(image, markers.corners) == extractor.refine(image, pickle.loads(pickle.dumps(markers.corners)))
+    assert set(refined.columns) == set(refined.array.dtype.names)
+    assert [rig.undistort(e) for e in refined.estimates] == list(markers.estimates)
+    for e, row in zip(refined.estimates, refined):
+        assert (*e.centre, e.status, e.inside, e.pixels) == tuple(row[["x", "y", "status", "inside", "fitPixels"]])
+        assert e.covariance.shape == (8, 8) and (e.covariance[:5, :5] == e.ellipseCovariance).all()
+        assert np.sqrt(np.diag(e.centreCovariance)).tolist() == [row["sigmaX"], row["sigmaY"]]
+    assert 180 * 257 < refined["inside"].max() < 65535 and (refined["status"] == "refined").sum() > 10
+    # In steps of 65536 levels, and told in those of the image.
+    np.testing.assert_allclose(extractor.refine(eyes[0] / 5 - 3, markers)["outside"], refined["outside"] / 257 / 5 - 3, atol=1e-3)
+
+    points = extractor.stereo(*eyes, refine=True)
+    assert points.covariances.shape == (len(points), 3, 3) and points.left[0].position.tolist() == points.xyz[0].tolist()
+    for left, right, disc, row in zip(*points.estimates, points.discs, points):
+        again = rig.measure_disc(left, right)
+        np.testing.assert_allclose([*again.centre, *again.normal, again.radius, again.radiusSigma, again.chiSquare],
+                                   [*disc.centre, *disc.normal, row["radius"], row["sigmaRadius"], row["chiSquare"]], rtol=1e-6)
+        np.testing.assert_allclose(np.cross(*disc.tangents), disc.normal, atol=1e-12)
+        assert disc.covariance.shape == (6, 6) and disc.normalCovariance.shape == disc.calibrationCovariance.shape == (3, 3)
+    for whole in (markers, refined, points):
+        copy = pickle.loads(pickle.dumps(whole))
+        assert copy == whole and pickle.dumps(copy.estimates) == pickle.dumps(whole.estimates)
+    assert list(copy.discs) == list(points.discs) and copy.discs[0] != copy.discs[1] and "MarkerEstimate at" in repr(copy.estimates)
 
 
 def test_lists_and_depth_are_those_of_the_program(demo, rig, eyes, tmp_path):
@@ -146,6 +183,8 @@ def test_bad_input_is_refused_by_name(demo, rig, eyes, tmp_path):
         (lambda: Extractor(settings_of("bright-clutter-subpixel"), rig).stereo(*eyes), "use='stereo' tells what is missing"),
         (lambda: Settings.read(f"{READY}/bright-clutter-subpixel.yaml", use="stereo"), "field 'markerRadii' is missing: stereo"),
         (lambda: extractor.match([[1, 2, 3]], [[1, 2]]), "left: is no array of centres by 2"),
+        (lambda: extractor.refine(image, [1]), "markers: is neither Markers nor Corners"),
+        (lambda: extractor.refine(image[:9], extractor.extract(image)), "image: is 640 x 9 px"),
         (lambda: extractor.match(extractor.extract(image), [[1, 2]]), "left: is of distorted pixels"),
         (lambda: extractor.depth(image, image), "skipUndistort"),
         (lambda: kestrune.read_image(tmp_path / "text.png"), "text.png: is in no image format"),

@@ -60,6 +60,9 @@ def _arguments() -> argparse.ArgumentParser:
     parser.add_argument("--invert", action="store_true", help="find dark markers: 255 - pixel")
     parser.add_argument("--min-share", type=float, default=0.5, metavar="S",
                         help="share of the poorer eye's markers that must be paired, or the exposure failed; 0.5")
+    parser.add_argument("--refine", action="store_true", default=kestrune.REFINE_STEREO,
+                        help="measure markers again on the grey levels; points have standard deviations then")
+    parser.add_argument("--no-refine", dest="refine", action="store_false", help="keep them as the path found them")
     parser.add_argument("--timeout", type=float, metavar="S",
                         help="seconds for one exposure, which is tried three times; no limit")
     parser.add_argument("--version", action="version", version=kestrune.__version__)
@@ -100,7 +103,8 @@ def _run(options: argparse.Namespace) -> int:
     with _client(options.scheduler) as client:
         summary = measure(exposures, settings, rig, options.out, client=client, processes=options.processes,
                           chunk=options.chunk, resume=options.resume, invert=options.invert, range=options.range,
-                          min_share=options.min_share, threads=options.threads, timeout=options.timeout)
+                          min_share=options.min_share, refine=options.refine, threads=options.threads,
+                          timeout=options.timeout)
     print(f"{summary.exposures} exposures, {summary.failed} failed, {summary.pairs} pairs in {summary.out}"
           f" ({summary.measured} measured now in {summary.seconds:.1f} s)")
     return _PARTLY_FAILED if summary.failed else _GOOD

@@ -18,7 +18,7 @@ from kestrune import InputError
 from .errors import KEPT, RunInterrupted
 from .files import write_text
 from .journal import Journal, Part, Totals
-from .parts import CSV, PARQUET, TABLES, best_format, part_file, remove_unknown, write_part
+from .parts import CSV, PARQUET, TABLES, Layout, best_format, part_file, remove_unknown, write_part
 from .record import FAILED, Record
 
 RUN, JOURNAL, LOCK = "run.json", "journal.sqlite", "lock"
@@ -58,7 +58,7 @@ class RunFolder:
             self._lock.close()
             raise InputError(f"{out}: another process is at work on this run") from None
         try:
-            self.format = self._begin(begun_with) if not (out / RUN).exists() else self._check(begun_with)
+            self.layout = self._begin(begun_with) if not (out / RUN).exists() else self._check(begun_with)
             self.journal = Journal(out / JOURNAL)
             self._mend()
         except BaseException:
@@ -66,29 +66,29 @@ class RunFolder:
             raise
         self._next = max((part.number for part in self.journal.parts()), default=-1) + 1
 
-    def _begin(self, begun_with: Dict[str, Any]) -> str:
+    def _begin(self, begun_with: Dict[str, Any]) -> Layout:
         format = best_format()
         (self.path / JOURNAL).unlink(missing_ok=True)  # of a beginning that was cut off
         Journal(self.path / JOURNAL).close()
         write_text(self.path / RUN, json.dumps({"format": format, **begun_with}, indent=1) + "\n")
-        return format
+        return _layout(format, begun_with)
 
-    def _check(self, begun_with: Dict[str, Any]) -> str:
+    def _check(self, begun_with: Dict[str, Any]) -> Layout:
         file = self.path / RUN
-        format, before = read_run(self.path)
+        layout, before = read_run(self.path)
         differences = list(_differences("", before, json.loads(json.dumps(begun_with))))
         if differences:
             raise InputError(f"{file}: the run was begun otherwise: {'; '.join(differences)}")
         if not (self.path / JOURNAL).exists():
             raise InputError(f"{self.path / JOURNAL}: is missing, so that nobody knows what is done")
-        if format == PARQUET and best_format() != PARQUET:
+        if layout.format == PARQUET and best_format() != PARQUET:
             raise InputError(f"{file}: the run writes Parquet, which needs pyarrow")
-        return format
+        return layout
 
     def _mend(self) -> None:
         """Forgets parts whose files are gone or torn, removes files that the journal does not know."""
         for part in list(self.journal.parts()):
-            files = [part_file(self.path, table, part.number, self.format) for table in TABLES]
+            files = [part_file(self.path, table, part.number, self.layout) for table in TABLES]
             sizes = [file.stat().st_size if file.exists() else -1 for file in files]
             if sizes != [part.row_bytes, part.point_bytes]:
                 warnings.warn(f"{files[0]}: part {part.number} is damaged, its {part.exposures} exposures are measured "
@@ -98,7 +98,7 @@ class RunFolder:
 
     @property
     def as_lines(self) -> bool:
-        return self.format == CSV
+        return self.layout.format == CSV
 
     def add(self, records: List[Record]) -> None:
         """@raises RunInterrupted  where the disk takes no more."""
@@ -119,7 +119,7 @@ class RunFolder:
         # Before anything can fail: what is not journalled in the end is measured again, but never written twice.
         self._held, self._held_pairs, self._next = [], 0, number + 1
         try:
-            sizes = write_part(self.path, number, self.format, records)
+            sizes = write_part(self.path, number, self.layout, records)
             good = sum(r.row.pairs for r in records if r.row.status != FAILED)
             bad = sum(r.row.status == FAILED for r in records)
             self.journal.commit(Part(number, len(records), bad, good, *sizes), (r.row.exposure for r in records))
@@ -140,11 +140,15 @@ class RunFolder:
         self._lock.close()
 
 
-def read_run(out: Path) -> "tuple[str, Dict[str, Any]]":
-    """Format of the tables, and what the run was begun with. @raises InputError"""
+def _layout(format: str, begun_with: Dict[str, Any]) -> Layout:
+    return Layout(format, bool(begun_with.get("options", {}).get("refine")))
+
+
+def read_run(out: Path) -> "tuple[Layout, Dict[str, Any]]":
+    """Layout of the tables, and what the run was begun with. @raises InputError"""
     try:
         content: Dict[str, Any] = json.loads((out / RUN).read_text("utf-8"))
-        return str(content.pop("format")), content
+        return _layout(str(content.pop("format")), content), content
     except (OSError, ValueError, KeyError) as error:
         raise InputError(f"{out / RUN}: holds no run ({error})") from error
 

@@ -5,52 +5,62 @@ import importlib
 import importlib.util
 import re
 from pathlib import Path
-from typing import Any, Dict, List, Sequence, Tuple
+from typing import Any, Dict, List, NamedTuple, Sequence, Tuple
 
 import numpy as np
 
-from kestrune import InputError
+from kestrune import InputError, Points, RefinedPoints
 
 from .files import write_text, write_whole
 from .record import ROW_COLUMNS, Record, csv_row
 
 CSV, PARQUET = "csv", "parquet"
 TABLES = ("exposures", "points")
-POINT_COLUMNS: List[Tuple[str, type]] = [("exposure", str), ("pair", int)] + [(name, float) for name in (
-    "leftX", "leftY", "rightX", "rightY", "X", "Y", "Z", "normalX", "normalY", "normalZ", "radius", "rowResidual",
-    "leftResidual", "rightResidual")]
-COLUMNS = dict(zip(TABLES, (ROW_COLUMNS, POINT_COLUMNS)))
+_KINDS = {"pair": int, "leftStatus": str, "rightStatus": str, "pointSource": str}  # of columns of points; others: float
 _NAME = re.compile(r"part-(\d{6,})\.\w+(\.unfinished)?")
+
+
+class Layout(NamedTuple):
+    """What the parts of a run are like."""
+
+    format: str
+    refined: bool = False
+
+    def columns(self, table: str) -> List[Tuple[str, type]]:
+        if table == TABLES[0]:
+            return ROW_COLUMNS
+        points: Any = RefinedPoints if self.refined else Points
+        return [("exposure", str), *((name, _KINDS.get(name, float)) for name in points.columns)]
 
 
 def best_format() -> str:
     return PARQUET if importlib.util.find_spec("pyarrow") else CSV
 
 
-def part_file(folder: Path, table: str, number: int, format: str) -> Path:
-    return folder / table / f"part-{number:06d}.{format}"
+def part_file(folder: Path, table: str, number: int, layout: Layout) -> Path:
+    return folder / table / f"part-{number:06d}.{layout.format}"
 
 
-def write_part(folder: Path, number: int, format: str, records: Sequence[Record]) -> Tuple[int, int]:
+def write_part(folder: Path, number: int, layout: Layout, records: Sequence[Record]) -> Tuple[int, int]:
     """@returns the sizes of the two files in bytes. @raises OSError"""
-    rows, points = (part_file(folder, table, number, format) for table in TABLES)
-    if format == CSV:
-        heads = [",".join(name for name, _ in COLUMNS[table]) + "\n" for table in TABLES]
+    rows, points = (part_file(folder, table, number, layout) for table in TABLES)
+    if layout.format == CSV:
+        heads = [",".join(name for name, _ in layout.columns(table)) + "\n" for table in TABLES]
         return (write_text(rows, heads[0] + "".join(csv_row(r.row) for r in records)),
                 write_text(points, heads[1] + "".join(r.lines for r in records)))
     columns = {name: np.array([getattr(r.row, name) for r in records], _dtype(kind)) for name, kind in ROW_COLUMNS}
-    return _write_parquet(rows, columns), _write_parquet(points, _point_columns(records))
+    return _write_parquet(rows, columns), _write_parquet(points, _point_columns(records, layout))
 
 
 def _dtype(kind: type) -> Any:
     return {str: object, int: np.int32, float: np.float64}[kind]
 
 
-def _point_columns(records: Sequence[Record]) -> Dict[str, Any]:
+def _point_columns(records: Sequence[Record], layout: Layout) -> Dict[str, Any]:
     good = [r for r in records if r.array is not None]
     names = np.array([r.row.exposure for r in good], object)
     columns: Dict[str, Any] = {"exposure": names.repeat([r.row.pairs for r in good])}
-    for name, kind in POINT_COLUMNS[1:]:
+    for name, kind in layout.columns(TABLES[1])[1:]:
         columns[name] = np.concatenate([r.array[name] for r in good if r.array is not None] or [np.empty(0)]).astype(
             _dtype(kind))
     return columns
@@ -67,26 +77,26 @@ def _write_parquet(file: Path, columns: Dict[str, Any]) -> int:
     return write_whole(file, write)
 
 
-def empty(table: str) -> "np.ndarray[Any, Any]":
+def empty(table: str, layout: Layout) -> "np.ndarray[Any, Any]":
     """A table without rows."""
-    return np.empty(0, [(name, _dtype(kind)) for name, kind in COLUMNS[table]])
+    return np.empty(0, [(name, _dtype(kind)) for name, kind in layout.columns(table)])
 
 
-def read_part(folder: Path, table: str, number: int, format: str) -> "np.ndarray[Any, Any]":
+def read_part(folder: Path, table: str, number: int, layout: Layout) -> "np.ndarray[Any, Any]":
     """A structured array. @raises InputError  where the part cannot be read."""
-    file = part_file(folder, table, number, format)
-    dtype = empty(table).dtype
+    file = part_file(folder, table, number, layout)
+    dtype = empty(table, layout).dtype
     try:
-        if format == PARQUET:
+        if layout.format == PARQUET:
             content = importlib.import_module("pyarrow.parquet").read_table(str(file))
             result: "np.ndarray[Any, Any]" = np.empty(content.num_rows, dtype)
             for name in result.dtype.names or ():
                 result[name] = content[name].to_numpy()
             return result
-        numbers: Any = {place: _number for place, (_, kind) in enumerate(COLUMNS[table]) if kind is float}
+        numbers: Any = {place: _number for place, (_, kind) in enumerate(layout.columns(table)) if kind is float}
         with open(file, encoding="utf-8", newline="") as stream:
             if not stream.readline() or stream.read(1) == "":
-                return empty(table)
+                return empty(table, layout)
             stream.seek(0)
             rows: "np.ndarray[Any, Any]" = np.loadtxt(stream, dtype, delimiter=",", skiprows=1, quotechar='"',
                                                       comments=None, converters=numbers, ndmin=1)

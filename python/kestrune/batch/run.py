@@ -58,8 +58,8 @@ class Executor(Protocol):
 
 def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = None, processes: Optional[int] = None,
             chunk: Optional[int] = None, resume: bool = False, invert: bool = False,
-            range: Optional[Tuple[float, float]] = None, min_share: float = 0.5, threads: int = 1,
-            timeout: Optional[float] = None, progress: Union[Show, bool, None] = None) -> Summary:
+            range: Optional[Tuple[float, float]] = None, min_share: float = 0.5, refine: bool = kestrune.REFINE_STEREO,
+            threads: int = 1, timeout: Optional[float] = None, progress: Union[Show, bool, None] = None) -> Summary:
     """Measures many exposures of a camera pair in space, into tables in the folder `out`; `read` reads them.
 
     Each exposure is measured in a child process. One that ends its process three times is given up: it becomes a failed
@@ -81,6 +81,7 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     invert     dark markers on bright ground, for paths that find bright ones.
     range      (low, high) grey values of images of more than 8 bits that become 0 and 255. Such exposures fail without.
     min_share  an exposure fails where less than this share of the markers of the poorer eye is paired; 0 to 1.
+    refine     measure markers again on the grey levels before they are matched; points have standard deviations then.
     threads    of each process.
     timeout    seconds for one exposure; one that takes longer three times has failed. None: no limit.
     progress   called with a Progress several times a second; None: a line on a terminal; False: none.
@@ -95,10 +96,11 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     if rig.size is None:
         source, rig = _sized(source, rig)
     kestrune.Extractor(settings, rig)  # tells what does not fit
-    options = {"invert": bool(invert), "range": None if span is None else list(span), "min_share": float(min_share)}
+    options = {"invert": bool(invert), "range": None if span is None else list(span), "min_share": float(min_share),
+               **({"refine": True} if refine else {})}
     folder = RunFolder(Path(out), {**describe(settings, rig), "options": options}, resume)
     try:
-        task = StereoTask(settings, rig, bool(invert), span, float(min_share), threads, folder.as_lines)
+        task = StereoTask(settings, rig, bool(invert), span, float(min_share), bool(refine), threads, folder.as_lines)
         executor = executor_for(task, client, processes, threads, timeout)
         return execute(source, total, folder, executor, _LOCAL_CHUNK if client is None and not chunk else chunk,
                        progress)

@@ -25,12 +25,12 @@ def read(out: Any) -> Tables:
     Raises kestrune.InputError where the folder holds no run.
     """
     folder = Path(out)
-    format, _ = read_run(folder)
+    layout, _ = read_run(folder)
     parts, places = order_of(folder / JOURNAL)
 
     def table(name: str) -> Any:
-        arrays = [read_part(folder, name, number, format) for number in parts]
-        return _frame(_in_order(arrays or [empty(name)], places))
+        arrays = [read_part(folder, name, number, layout) for number in parts]
+        return _frame(_in_order(arrays or [empty(name, layout)], places))
 
     return Tables(table("points"), table("exposures"))
 

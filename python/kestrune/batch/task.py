@@ -29,6 +29,7 @@ class StereoTask:
     invert: bool = False
     range: Optional[Tuple[float, float]] = None
     min_share: float = 0.5
+    refine: bool = False
     threads: int = 1
     as_lines: bool = True
 
@@ -42,7 +43,8 @@ class StereoTask:
             if self.range is None and any(kestrune.bit_depth(file) > 8 for file in files):
                 return failed(exposure, "has more than 8 bits: all exposures of a run are mapped alike, which needs "
                                         "range=(low, high), on the command line --range LOW:HIGH")
-            points = extractor.stereo_files(*files, invert=self.invert, range=self.range, min_share=self.min_share)
+            points = extractor.stereo_files(*files, invert=self.invert, range=self.range, min_share=self.min_share,
+                                            refine=self.refine)
             return measured(exposure, points, self.as_lines)
 
         return measure

@@ -24,10 +24,9 @@ struct Images {
     const cv::Mat &left, &right;
 };
 
-/// What the host receives beside the pairs. Either list of rectangles may be the extractor's own.
+/// What the host receives beside the pairs and rectangles.
 struct Output {
     std::vector<Point3_<double>>& points;
-    std::vector<cv::RotatedRect>&leftRects, &rightRects;
     ExplainedMatch* explained;
 
     PairVerdicts* verdicts() const { return explained != nullptr ? &explained->verdicts : nullptr; }
@@ -205,11 +204,7 @@ Result matchConics(Exposure& exposure, CircleMarkerExtractor& e, const CicrleCon
     return resultOf(exposure, matches, positions, output);
 }
 
-Result measure(const Images& images, CircleMarkerExtractor& extractor, const CicrleConfigs& configs, Output output) {
-    if (isIncomplete(images, extractor)) return {};
-    Exposure exposure = extractBothEyes(images, extractor, configs);
-    output.leftRects = std::move(exposure.left.rects);
-    output.rightRects = std::move(exposure.right.rects);
+Result match(Exposure& exposure, CircleMarkerExtractor& extractor, const CicrleConfigs& configs, Output output) {
     if (!exposure.isFound()) {
         reportWarning(report_sites::kNoMarkersInOneFrame);
         return {};
@@ -217,6 +212,20 @@ Result measure(const Images& images, CircleMarkerExtractor& extractor, const Cic
     output.points.clear();
     return carriesConics(configs) ? matchConics(exposure, extractor, configs, output)
                                   : matchConstellation(exposure, extractor, configs, output);
+}
+
+/// Either list of rectangles may be the extractor's own.
+struct Rects {
+    std::vector<cv::RotatedRect>&left, &right;
+};
+
+Result measure(const Images& images, CircleMarkerExtractor& extractor, const CicrleConfigs& configs, Rects rects,
+               const Output& output) {
+    if (isIncomplete(images, extractor)) return {};
+    Exposure exposure = extractBothEyes(images, extractor, configs);
+    rects.left = std::move(exposure.left.rects);
+    rects.right = std::move(exposure.right.rects);
+    return match(exposure, extractor, configs, output);
 }
 
 }  // namespace
@@ -228,7 +237,7 @@ std::vector<std::pair<Corner, Corner>> getStereoMarker3dPoints(const cv::Mat& le
                                                                std::vector<cv::RotatedRect>& rightRects,
                                                                const CicrleConfigs& configs) {
     const ParallelCall call;
-    return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, nullptr});
+    return measure({leftImage, rightImage}, extractor, configs, {leftRects, rightRects}, {points, nullptr});
 }
 
 std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
@@ -237,7 +246,22 @@ std::vector<std::pair<Corner, Corner>> explainStereoMarker3dPoints(
     std::vector<cv::RotatedRect>& rightRects, const CicrleConfigs& configs, ExplainedMatch& explained) {
     const ParallelCall call;
     explained = {};
-    return measure({leftImage, rightImage}, extractor, configs, {points, leftRects, rightRects, &explained});
+    return measure({leftImage, rightImage}, extractor, configs, {leftRects, rightRects}, {points, &explained});
+}
+
+std::vector<std::pair<Corner, Corner>> explainStereoMatch(std::array<std::vector<Corner>, 2> corners,
+                                                          CircleMarkerExtractor& extractor,
+                                                          std::vector<Point3_<double>>& points,
+                                                          const CicrleConfigs& configs, ExplainedMatch& explained) {
+    const ParallelCall call;
+    explained = {};
+    const auto eyeOf = [](std::vector<Corner>& found) {
+        const bool isFound = !found.empty();
+        return EyeMarkers{isFound, std::move(found), {}};
+    };
+    Exposure exposure{eyeOf(corners[0]), eyeOf(corners[1])};
+    if (exposure.isFound()) checkCalibration(extractor, configs);
+    return match(exposure, extractor, configs, {points, &explained});
 }
 
 }  // namespace kestrune

@@ -17,7 +17,7 @@ namespace kestrune::measure {
 /// image does not suffer from this, so it is made here as well, and the centres are compared.
 ///
 /// @param markers  what `findMarkers` gave for the other arguments.
-std::string refinementWarning(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
-                              const Settings& settings, const std::vector<Marker>& markers);
+std::string fullSizeWarning(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
+                            const Settings& settings, const std::vector<Marker>& markers);
 
 }  // namespace kestrune::measure

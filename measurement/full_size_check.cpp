@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "refinement.h"
+#include "full_size_check.h"
 
 #include <fmt/format.h>
 
@@ -14,8 +14,8 @@ constexpr std::size_t kMostIds = 8;
 
 }  // namespace
 
-std::string refinementWarning(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
-                              const Settings& settings, const std::vector<Marker>& markers) {
+std::string fullSizeWarning(CircleMarkerExtractor& extractor, const cv::Mat& image, int eye, const Camera& camera,
+                            const Settings& settings, const std::vector<Marker>& markers) {
     if (settings.path != Path::radial || !settings.configs.refineAtFullSize || settings.configs.scale == 1) return {};
     Settings unrefined = settings;
     unrefined.configs.refineAtFullSize = false;
