@@ -48,7 +48,7 @@ if [[ -x $prefix/bin/kestrune-measure ]]; then
     build_host stereo "$source/examples/stereo"
     cd "$work/demo"
     sed 's/^markerRadii.*/markerRadii: [ ]/' "$prefix/share/kestrune/settings/bright-complex.yaml" >any-size.yaml
-    "$prefix/bin/kestrune-measure" stereo --calibration stereo-calibration.yaml --left stereo-left.png --right stereo-right.png \
+    "$prefix/bin/kestrune-measure" stereo --no-refine --calibration stereo-calibration.yaml --left stereo-left.png --right stereo-right.png \
         --settings any-size.yaml --csv points.csv
     "$work/stereo/stereo" stereo-left.png stereo-right.png stereo-calibration.yaml any-size.yaml >points.txt
     awk -F, 'NR == 1 { for (k = 1; k <= NF; ++k) at[$k] = k; next }
