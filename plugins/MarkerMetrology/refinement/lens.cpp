@@ -31,8 +31,8 @@ constexpr std::size_t kDerivativeStride = 2;
 constexpr int kMostRimSteps = 12;
 constexpr double kLeastRimStep = 1e-4;  // px; what it leaves is a hundredth of it
 // After a step of more than this share of the shorter half axis derivatives are taken anew: they are to be those of the
-// end, for the covariance.
-constexpr double kRoughStep = 1e-3;
+// end, to a quarter of a percent, for the covariance.
+constexpr double kRoughStep = 1e-2;
 
 struct Angle {
     double cosine, sine;
@@ -168,7 +168,11 @@ std::optional<Before> before(const SmoothEllipse& behind, const LensModel& lens)
         ellipse = ellipseOf(numbersOf(ellipse) - move);
         moved = move.lpNorm<Eigen::Infinity>();
         if (!isEllipse(ellipse)) break;
-        if (!isRough && moved < kLeastRimStep) return Before{ellipse, solver.solve(sums.behind)};
+        if (isRough || moved >= kLeastRimStep) continue;
+        Before result{ellipse, {}};
+        for (int column = 0; column < 5; ++column)
+            result.derivative.col(column) = solver.solve(sums.behind.col(column));
+        return result;
     }
     return std::nullopt;
 }
@@ -178,6 +182,18 @@ void setEllipse(MarkerEstimate& estimate, const SmoothEllipse& e) {
     estimate.majorHalfAxis = e.majorHalfAxis();
     estimate.minorHalfAxis = e.minorHalfAxis();
     estimate.angle = e.angle();
+}
+
+/// The covariance after the first five numbers went through a linear map. Symmetric to the last bit.
+void carry(const RimMatrix& map, cv::Matx<double, 8, 8>& covariance) {
+    using Whole = Eigen::Matrix<double, 8, 8, Eigen::RowMajor>;
+    Eigen::Map<Whole> matrix(covariance.val);
+    const RimMatrix ellipse = matrix.topLeftCorner<5, 5>();
+    const RimMatrix carried = map.lazyProduct(ellipse).eval().lazyProduct(map.transpose());
+    const Eigen::Matrix<double, 5, 3> cross = map.lazyProduct(matrix.topRightCorner<5, 3>());
+    matrix.topLeftCorner<5, 5>() = 0.5 * (carried + carried.transpose());
+    matrix.topRightCorner<5, 3>() = cross;
+    matrix.bottomLeftCorner<3, 5>() = cross.transpose();
 }
 
 }  // namespace
@@ -229,12 +245,7 @@ MarkerEstimate undistorted(const MarkerEstimate& estimate, const Camera& camera)
         return result;
     }
     setEllipse(result, found->ellipse);
-    cv::Matx<double, 8, 8> map = cv::Matx<double, 8, 8>::eye();
-    for (int row = 0; row < 5; ++row)
-        for (int column = 0; column < 5; ++column) map(row, column) = found->derivative(row, column);
-    result.covariance = map * estimate.covariance * map.t();
-    for (int row = 0; row < 8; ++row)
-        for (int column = 0; column < row; ++column) result.covariance(row, column) = result.covariance(column, row);
+    carry(found->derivative, result.covariance);
     return result;
 }
 

@@ -66,9 +66,18 @@ LensPoint LensModel::distorted(double x, double y) const {
 }
 
 cv::Point2d LensModel::distortedPixel(const cv::Point2d& pixel) const {
-    const cv::Point2d ray = pinhole_.normalised(pixel);
-    const LensPoint p = distorted(ray.x, ray.y);
-    return {pinhole_.fx * p.x + pinhole_.cx, pinhole_.fy * p.y + pinhole_.cy};
+    const auto& [k1, k2, p1, p2, k3, k4, k5, k6, s1, s2, s3, s4, tiltX, tiltY] = k_;
+    const auto [x, y] = pinhole_.normalised(pixel);
+    if (isTilted_) {
+        const LensPoint p = distorted(x, y);
+        return {pinhole_.fx * p.x + pinhole_.cx, pinhole_.fy * p.y + pinhole_.cy};
+    }
+    const double r2 = x * x + y * y;
+    double g = 1 + r2 * (k1 + r2 * (k2 + r2 * k3));
+    if (isRational_) g /= 1 + r2 * (k4 + r2 * (k5 + r2 * k6));
+    const double u = x * g + 2 * p1 * x * y + p2 * (r2 + 2 * x * x) + r2 * (s1 + s2 * r2);
+    const double v = y * g + p1 * (r2 + 2 * y * y) + 2 * p2 * x * y + r2 * (s3 + s4 * r2);
+    return {pinhole_.fx * u + pinhole_.cx, pinhole_.fy * v + pinhole_.cy};
 }
 
 LensPoint LensModel::distortedWithDerivatives(const cv::Point2d& pixel) const {
