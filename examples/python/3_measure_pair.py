@@ -46,7 +46,7 @@ print(f"cylinder of radius {cylinder[4]:.3f}, deviations RMS {deviation(cylinder
 try:
     points.to_pandas().to_csv(out + ".csv", index=False)
 except ImportError:  # pandas is not needed
-    np.savetxt(out + ".csv", points.array, "%.9g", ",", header=",".join(points.columns), comments="")
+    np.savetxt(out + ".csv", points.array, "%s", ",", header=",".join(points.columns), comments="")
 kestrune.write_image(out + ".png", points.picture)
 if points.view is not None:
     kestrune.write_image(out + "-3d.png", points.view)
