@@ -250,8 +250,15 @@ TEST(RefineMarkers, BeginsAtTheSpotWhereARecordHasNoOutline) {
         const std::vector<MarkerEstimate> found = refineMarkers(scene.image, scene.corners);
         for (std::size_t i = 0; i < found.size(); ++i) EXPECT_LT(cv::norm(found[i].centre - wanted[i].centre), 2e-3) << i;
     }
-    cv::Mat image(200, 200, CV_8U, cv::Scalar(50));
-    cv::ellipse(image, {90, 110}, {60, 20}, 30, 0, 360, cv::Scalar(150), cv::FILLED);
+    cv::Mat image(1600, 1600, CV_8U, cv::Scalar(50)), noise(200, 200, CV_8U);
+    cv::ellipse(image, {724, 884}, {480, 160}, 30, 0, 360, cv::Scalar(150), cv::FILLED);
+    cv::resize(image, image, noise.size(), 0, 0, cv::INTER_AREA);
+    cv::GaussianBlur(image, image, {}, 1);
+    cv::randn(noise, 8, 2);
+    image += noise;
+    Corner slanted;
+    slanted.x = 91, slanted.y = 109, slanted.area = 3600;
+    EXPECT_TRUE(refineMarkers(image, {slanted}).front().isRefined());
     const SmoothEllipse circle{91, 109, 34, 0, 0}, spot = ellipseOfSpot(image, circle);
     EXPECT_LT(std::hypot(spot.x - 90, spot.y - 110), 0.1);
     EXPECT_NEAR(spot.majorHalfAxis(), 60, 1);

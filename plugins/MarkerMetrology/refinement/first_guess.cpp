@@ -48,12 +48,8 @@ std::optional<SmoothEllipse> ellipseOfRecord(const Corner& corner) {
     }
     cv::RotatedRect rect = corner.ellipse;
     if (!(rect.size.width > 0 && rect.size.height > 0)) {
-        if (corner.contour.size() >= 5)
-            rect = cv::fitEllipseDirect(corner.contour);
-        else if (corner.area > 0)  // the fast path tells that of a contour through the middles of its pixels
-            rect.size.width = rect.size.height = static_cast<float>(2 * std::sqrt(corner.area / std::numbers::pi) + 1);
-        else
-            return std::nullopt;
+        if (corner.contour.size() < 5) return std::nullopt;
+        rect = cv::fitEllipseDirect(corner.contour);
     }
     result = SmoothEllipse::of(rect);
     result.x = corner.x, result.y = corner.y;
