@@ -237,7 +237,9 @@ TEST(MeasureDisc, RefusesWhatIsNoRig) {
         {"rotation", [](RigMatrices& r) { r.rotation = -r.rotation; }},
         {"translation", [](RigMatrices& r) { r.translation = cv::Mat::zeros(3, 1, CV_64F); }},
         {"translation", [](RigMatrices& r) { r.translation = cv::Mat::ones(4, 1, CV_64F); }},
-        {"translation", [](RigMatrices& r) { r.translation.at<double>(1) = kNaN; }}};
+        {"translation", [](RigMatrices& r) { r.translation.at<double>(1) = kNaN; }},
+        {"uncertainty.cameras[1]", [](RigMatrices& r) { r.uncertainty.cameras[1][2] = kNaN; }},
+        {"uncertainty.rotation", [](RigMatrices& r) { r.uncertainty.rotation[0] = -1; }}};
     for (const auto& [name, change] : cases) {
         RigMatrices rig = ideal();
         change(rig);

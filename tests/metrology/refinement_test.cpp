@@ -9,6 +9,7 @@
 #include "refinement/disc_image.h"
 #include "refinement/flat_moments.h"
 #include "refinement/light_prior.h"
+#include "refinement/marker_window.h"
 #include "refinement/noise_model.h"
 #include "refinement/spot.h"
 #include "support/teams.h"
@@ -279,10 +280,16 @@ TEST(RefineMarkers, SaysWhyOneIsLeftAsItWas) {
     cv::Mat image = scene.image.clone();
     image(cv::Rect(196, 196, 40, 20)).setTo(120);       // half of one is covered
     cv::rectangle(image, {300, 300, 24, 24}, 255, -1);  // no disc
+    Corner nowhere = corner(24, 24, 0);
+    nowhere.contour.assign(6, {NAN, 1e30F});
     const std::pair<Corner, RefinementStatus> cases[] = {
-        {corner(24, 24, 0), RefinementStatus::noOutline},   {corner(NAN, 24, 20), RefinementStatus::noOutline},
-        {corner(5, 24, 20), RefinementStatus::leavesImage}, {corner(-900, 24, 20), RefinementStatus::leavesImage},
-        {corner(48, 48, 16), RefinementStatus::tooFaint},   {corner(30, 24, 16), RefinementStatus::notConverged},
+        {nowhere, RefinementStatus::noOutline},
+        {corner(24, 24, 0), RefinementStatus::noOutline},
+        {corner(NAN, 24, 20), RefinementStatus::noOutline},
+        {corner(5, 24, 20), RefinementStatus::leavesImage},
+        {corner(-900, 24, 20), RefinementStatus::leavesImage},
+        {corner(48, 48, 16), RefinementStatus::tooFaint},
+        {corner(30, 24, 16), RefinementStatus::notConverged},
         {corner(312, 312, 26), RefinementStatus::notADisc},
     };
     for (const auto& [c, status] : cases) {
@@ -292,6 +299,15 @@ TEST(RefineMarkers, SaysWhyOneIsLeftAsItWas) {
         EXPECT_TRUE(!std::isfinite(c.x) || estimate.centre.x == c.x);
         EXPECT_GT(estimate.covariance(0, 0), 0.05);
     }
+}
+
+TEST(RefineMarkers, StandsRecordsOfAnyNumbers) {
+    const RowInterval row = rowOf({0, 0, 1e15, 0.9e15, 0}, 7);
+    EXPECT_LT(row.from, -1e6);
+    EXPECT_GT(row.to, 1e6);
+    MarkerEstimate lost;
+    lost.covariance = decltype(lost.covariance)::all(NAN);
+    EXPECT_TRUE(std::isnan(axisSigmas(lost).major)) << "not known, which is not 0";
 }
 
 TEST(RefineMarkers, RefusesWhatItCannotReadByName) {
@@ -307,7 +323,7 @@ TEST(RefineMarkers, RefusesWhatItCannotReadByName) {
                                                                          {scene.image, camera, "camera"}};
     for (const auto& [image, options, name] : cases) {
         try {
-            refineMarkers(image, scene.corners, options);
+            refineMarkers(image, {}, options);
             ADD_FAILURE() << name;
         } catch (const cv::Exception& e) {
             EXPECT_EQ(e.code, cv::Error::StsBadArg);

@@ -44,7 +44,7 @@ void updateCorner(Corner& corner, const MarkerEstimate& estimate) {
     if (!estimate.isRefined()) return;
     const double a = estimate.majorHalfAxis, b = estimate.minorHalfAxis;
     const auto ellipse = geometry::SmoothEllipse::of(estimate.centre, a, b, estimate.angle);
-    if (!ellipse.isFinite() || !(b > 0)) return;
+    if (!ellipse.isFinite() || !(ellipse.minorHalfAxis() > 0)) return;
     corner.x = estimate.centre.x;
     corner.y = estimate.centre.y;
     corner.ellipse = rectOf(ellipse);

@@ -13,7 +13,6 @@ using geometry::SmoothEllipse;
 
 namespace {
 
-constexpr double kLeastHalfAxis = 0.5;  // px
 constexpr int kMostEvaluations = 40;
 // A step below this in units of its own uncertainty, squared: what it leaves is its square over the blur, a hundredth
 // of the uncertainty.
@@ -135,7 +134,7 @@ void DiscFit::addFlat(const FlatSums& sums, double DiscModel::*level, Unknown un
 }
 
 bool DiscFit::draw(const MarkerWindow& window, const DiscModel& model) {
-    if (!model.ellipse.isFinite() || !(model.ellipse.minorHalfAxis() > kLeastHalfAxis)) return false;
+    if (!model.ellipse.isFinite() || !(model.ellipse.minorHalfAxis() > kThinnestRim)) return false;
     image_.reset(window.rimBox());
     if (!image_.add(model.ellipse, model.blur)) return false;
     rim_.draw(window, image_);
@@ -213,7 +212,7 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
             result.converged = true;
             break;
         }
-        Vector step;
+        Vector step = Vector::Zero();
         const bool solved = solve(here.equations, unknowns, damping, step);
         there.model = moved(here.model, step);
         isDrawn = false;

@@ -19,6 +19,9 @@
 
 namespace kestrune::refinement {
 
+/// No rim is drawn of a shorter half axis, px.
+inline constexpr double kThinnestRim = 0.5;
+
 /// What the pixels say of a model: the normal equations of its unknowns, in units of the noise.
 struct NormalEquations {
     Eigen::Matrix<double, kUnknowns, kUnknowns> matrix = Eigen::Matrix<double, kUnknowns, kUnknowns>::Zero();

@@ -2,6 +2,7 @@
 #include "refinement/exposure_fit.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iterator>
 
@@ -14,12 +15,17 @@ using geometry::SmoothEllipse;
 namespace {
 
 constexpr double kLeastHalfAxis = 1;  // px
-// Rims farther apart than this, px, have nothing to do with each other: the ground that is looked at, and two blurs.
-constexpr double kLeastFar = 24;
+// Rims farther apart than this, px, and a share of the marker's size have nothing to do with each other: the ground
+// that is looked at, and two blurs.
+constexpr double kLeastFar = 24, kFarShare = 0.5;
 // Markers in each other's blur are fitted in turns until none moves by this any more, px.
 constexpr double kMove = 0.001;
 constexpr int kMostPasses = 6;
 constexpr std::int64_t kMostPerMarker = 20'000'000;  // ns
+
+double farOf(double size) {
+    return kLeastFar + kFarShare * size;
+}
 
 /// Half of the ellipse's extent along a direction.
 double support(const SmoothEllipse& e, double nx, double ny) {
@@ -30,7 +36,7 @@ double support(const SmoothEllipse& e, double nx, double ny) {
 double gapOf(const SmoothEllipse& a, const SmoothEllipse& b) {
     const double dx = b.x - a.x, dy = b.y - a.y, apart = std::hypot(dx, dy);
     if (surrounds(a, b) || surrounds(b, a))
-        return std::max(0.0, std::abs(a.minorHalfAxis() - b.majorHalfAxis()) - apart);
+        return std::max(0.0, (a.s > b.s ? a : b).minorHalfAxis() - (a.s > b.s ? b : a).majorHalfAxis() - apart);
     if (!(apart > 0)) return 0;
     return std::max(0.0, apart - support(a, dx / apart, dy / apart) - support(b, dx / apart, dy / apart));
 }
@@ -41,7 +47,7 @@ class ExposureFit {
         : image_(image), starts_(starts), scratch_(static_cast<std::size_t>(largestTeam())), fitted_(starts.size()) {
         for (std::size_t i = 0; i < starts.size(); ++i)
             if (starts[i] && starts[i]->isFinite() && starts[i]->minorHalfAxis() >= kLeastHalfAxis) byX_.push_back(i);
-        std::stable_sort(byX_.begin(), byX_.end(), [&](std::size_t a, std::size_t b) { return left(a) < left(b); });
+        std::sort(byX_.begin(), byX_.end(), [&](std::size_t a, std::size_t b) { return placeOf(a) < placeOf(b); });
         for (const std::size_t i : byX_) widest_ = std::max(widest_, 2 * halfSize(*starts[i]).x);
         findNeighbours();
     }
@@ -71,6 +77,11 @@ class ExposureFit {
         double gap;
     };
 
+    /// What orders markers whatever the order of their records; equal markers are fitted alike.
+    std::array<double, 5> placeOf(std::size_t i) const {
+        const SmoothEllipse& e = *starts_[i];
+        return {left(i), e.y, e.s, e.e1, e.e2};
+    }
     double left(std::size_t i) const { return starts_[i]->x - halfSize(*starts_[i]).x; }
 
     void findNeighbours() {
@@ -78,17 +89,18 @@ class ExposureFit {
         for (std::size_t a = 0; a < byX_.size(); ++a) {
             const std::size_t i = byX_[a];
             const SmoothEllipse& me = *starts_[i];
-            const double far = std::max(kLeastFar, 0.5 * me.s + kLeastFar);
+            const double far = farOf(me.s);
             for (std::size_t b = a + 1; b < byX_.size(); ++b) {
                 const std::size_t j = byX_[b];
-                if (left(j) > me.x + halfSize(me).x + std::max(far, 0.5 * widest_ + kLeastFar)) break;
+                if (left(j) > me.x + halfSize(me).x + farOf(widest_)) break;
                 const double gap = gapOf(me, *starts_[j]);
                 if (gap < far) neighbours_[i].push_back({j, gap});
-                if (gap < std::max(kLeastFar, 0.5 * starts_[j]->s + kLeastFar)) neighbours_[j].push_back({i, gap});
+                if (gap < farOf(starts_[j]->s)) neighbours_[j].push_back({i, gap});
             }
         }
         for (auto& list : neighbours_)
-            std::sort(list.begin(), list.end(), [](const Near& a, const Near& b) { return a.other < b.other; });
+            std::sort(list.begin(), list.end(),  // their light is added up in it
+                      [&](const Near& a, const Near& b) { return placeOf(a.other) < placeOf(b.other); });
     }
 
     /// Whether a neighbour's blur may add to this marker's: until that is taken away, it looks like uneven light.

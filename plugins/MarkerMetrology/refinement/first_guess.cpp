@@ -16,6 +16,8 @@ constexpr double kFirstReach = 3.9;   // px: the blur of an image in focus
 constexpr double kReachChange = 0.5;  // px: a window that is so far from what the blur asks for is taken again
 constexpr int kMostWindows = 4;
 constexpr int kFewestFlat = 4;  // pixels that tell a level
+// px: no image is so large. Points beyond it, or of no numbers, are no outline.
+constexpr float kFarthestPoint = 1e6F;
 
 /// Ramanujan's perimeter.
 double perimeter(const SmoothEllipse& e) {
@@ -48,7 +50,10 @@ std::optional<SmoothEllipse> ellipseOfRecord(const Corner& corner) {
     }
     cv::RotatedRect rect = corner.ellipse;
     if (!(rect.size.width > 0 && rect.size.height > 0)) {
-        if (corner.contour.size() < 5) return std::nullopt;
+        const auto isPlace = [](const cv::Point2f& p) {
+            return std::abs(p.x) < kFarthestPoint && std::abs(p.y) < kFarthestPoint;
+        };
+        if (corner.contour.size() < 5 || !std::ranges::all_of(corner.contour, isPlace)) return std::nullopt;
         rect = cv::fitEllipseDirect(corner.contour);
     }
     result = SmoothEllipse::of(rect);

@@ -155,7 +155,8 @@ bool isFaint(const DiscModel& model, const NoiseModel& noise) {
 RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
     const DiscModel& model = fitted.outcome.model;
     const double moved = std::hypot(model.ellipse.x - start.x, model.ellipse.y - start.y);
-    if (moved > std::max(kMostMove, kMostMoveShare * start.minorHalfAxis())) return RefinementStatus::notConverged;
+    const double most = std::max(kMostMove, kMostMoveShare * start.minorHalfAxis());
+    if (!(moved <= most && model.ellipse.minorHalfAxis() > kThinnestRim)) return RefinementStatus::notConverged;
     const double variance = fitted.noise.variance((model.inside + model.outside) / 2);
     const double length = perimeterOf(model.ellipse), blur = totalBlur(model.blur);
     if (isFaint(model, fitted.noise)) return RefinementStatus::tooFaint;
@@ -163,11 +164,12 @@ RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
     const double excess = (fitted.outcome.equations.rimCost - static_cast<double>(fitted.rimPixels)) * variance;
     const double rimError =
         std::sqrt(std::max(0.0, excess) * 2 * std::sqrt(std::numbers::pi) * blur / length) / std::abs(model.contrast());
-    return rimError > kMostRimError ? RefinementStatus::notADisc : RefinementStatus::refined;
+    return rimError <= kMostRimError ? RefinementStatus::refined : RefinementStatus::notADisc;
 }
 
-/// The rim must be wholly on the image.
+/// The rim must be wholly on the image; one of no size is none.
 bool isOnImage(const SmoothEllipse& ellipse, const cv::Size& size) {
+    if (!(ellipse.minorHalfAxis() > 0)) return false;
     const cv::Point2d half = halfSize(ellipse);
     return ellipse.x - half.x >= 0 && ellipse.x + half.x <= size.width - 1 && ellipse.y - half.y >= 0 &&
            ellipse.y + half.y <= size.height - 1;
@@ -230,7 +232,10 @@ class MarkerFit {
             const DiscModel& now = result.outcome.model;
             const bool fits = distance(now.ellipse, model.ellipse) < kSlack && kReach * totalBlur(now.blur) < reach;
             model = now;
-            if (!isOnImage(model.ellipse, image_.size())) return result;
+            if (!isOnImage(model.ellipse, image_.size())) {  // the last step of a fit may lead anywhere
+                result.outcome.converged = false;
+                return result;
+            }
             if (!fits || !result.outcome.converged) continue;
             if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
                 knowsNoise = true;

@@ -20,7 +20,7 @@ namespace kestrune::refinement {
 /// What is known of another marker nearby.
 struct KnownNeighbour {
     geometry::SmoothEllipse ellipse;
-    double gap = 0;                  ///< px between the rims, at most
+    double gap = 0;                  ///< px between the rims, at least
     std::optional<DiscModel> model;  ///< of a fit before, so that its light can be taken away
 };
 

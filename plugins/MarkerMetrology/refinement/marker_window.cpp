@@ -14,6 +14,8 @@ enum Kind { kInside, kRim, kOutside };
 
 // A rim may move by this, or its blur grow, and still be drawn in its box, px.
 constexpr double kRoom = 3;
+// Columns of a row end here, px: records may have any numbers.
+constexpr double kFarthest = 1e9;
 
 cv::Rect boxAbout(const SmoothEllipse& ellipse, double margin) {
     const cv::Point2d half = halfSize(dilated(ellipse, margin));
@@ -56,8 +58,10 @@ RowInterval rowOf(const SmoothEllipse& ellipse, int y) {
     const double q = 2 * ellipse.s * ellipse.e2, dy = y - ellipse.y;
     const double left = 1 - dy * dy / r;
     if (!(left >= 0)) return {};
+    const auto column = [](double x) { return static_cast<int>(std::clamp(x, -kFarthest, kFarthest)); };
     const double middle = ellipse.x + dy * q / r, half = std::sqrt(std::max(0.0, (p - q * q / r) * left));
-    return {static_cast<int>(std::ceil(middle - half)), static_cast<int>(std::floor(middle + half))};
+    if (!std::isfinite(middle)) return {};
+    return {column(std::ceil(middle - half)), column(std::floor(middle + half))};
 }
 
 void MarkerWindow::copyPatch(const cv::Mat& image) {

@@ -35,7 +35,7 @@ AxisSigmas axisSigmas(const MarkerEstimate& estimate) {
     const double along = cosine * cosine * c(3, 3) + 2 * cosine * sine * c(3, 4) + sine * sine * c(4, 4);
     const double across = sine * sine * c(3, 3) - 2 * cosine * sine * c(3, 4) + cosine * cosine * c(4, 4);
     const double mixed = 2 * (cosine * c(2, 3) + sine * c(2, 4));
-    const auto root = [](double v) { return std::sqrt(std::max(0.0, v)); };
+    const auto root = [](double v) { return v < 0 ? 0 : std::sqrt(v); };  // what is not known stays so
     const double unknown = std::numbers::pi / std::sqrt(12.0);
     return {root(c(2, 2) + along + mixed), root(c(2, 2) + along - mixed),
             difference > 0 ? std::min(unknown, 0.5 * root(across) / difference) : unknown};

@@ -9,6 +9,7 @@
 #include "refinement/exposure_fit.h"
 #include "refinement/first_guess.h"
 #include "refinement/lens.h"
+#include "refinement/rig_check.h"
 #include "refinement/spot.h"
 
 namespace kestrune {
@@ -36,6 +37,7 @@ void check(const cv::Mat& image, const RefinementOptions& options) {
         refuse(fmt::format("mostLightDegree: {} is not 0, 1 or 2", options.mostLightDegree));
     if (options.recordSize.width < 0 || options.recordSize.height < 0)
         refuse(fmt::format("recordSize: {} x {} is no size", options.recordSize.width, options.recordSize.height));
+    if (options.camera) requireCamera(*options.camera, "camera");
 }
 
 cv::Mat asGrey(const cv::Mat& image) {
@@ -70,8 +72,8 @@ MarkerEstimate unrefined(const SmoothEllipse& ellipse, RefinementStatus status) 
     return estimate;
 }
 
-/// The covariance of (x, y, s, e1, e2, inside, outside, blur): the inverse of the normal equations, in units of the
-/// noise that the rim's residuals show.
+/// The covariance of (x, y, s, e1, e2, inside, outside, blur), symmetric to the last bit: the inverse of the normal
+/// equations, in units of the noise that the rim's residuals show.
 cv::Matx<double, 8, 8> covarianceOf(const FittedMarker& fitted) {
     const int unknowns = kLight + termsOfDegree(fitted.outcome.model.lightDegree);
     const double scale = fitted.outcome.equations.rimCost / std::max(1, fitted.rimPixels - unknowns);
@@ -81,8 +83,9 @@ cv::Matx<double, 8, 8> covarianceOf(const FittedMarker& fitted) {
     constexpr std::array<int, 8> kOrder = {kX, kY, kS, kE1, kE2, kIn, kOut, kBlur};
     cv::Matx<double, 8, 8> result;
     for (int a = 0; a < 8; ++a)
-        for (int b = 0; b < 8; ++b)
-            result(a, b) = scale * inverse(kOrder[static_cast<std::size_t>(a)], kOrder[static_cast<std::size_t>(b)]);
+        for (int b = 0; b <= a; ++b)
+            result(a, b) = result(b, a) =
+                scale * inverse(kOrder[static_cast<std::size_t>(a)], kOrder[static_cast<std::size_t>(b)]);
     return result;
 }
 

@@ -34,6 +34,13 @@ void requireNumbers(const cv::Mat& matrix, const char* owner, const char* field)
                 refuseField(owner, field, "holds a value that is no finite number");
 }
 
+template <std::size_t count>
+void requireSigmas(const std::array<double, count>& sigmas, const std::string& field) {
+    for (const double sigma : sigmas)
+        if (!(sigma >= 0 && std::isfinite(sigma)))
+            refuseField("uncertainty.", field.c_str(), fmt::format("{} is no standard deviation", sigma));
+}
+
 void requireSize(const cv::Mat& matrix, int rows, int columns, const char* owner, const char* field) {
     if (matrix.empty() || matrix.size() != cv::Size(columns, rows))
         refuseField(owner, field, fmt::format("is {} by {}, not {} by {}", matrix.rows, matrix.cols, rows, columns));
@@ -75,6 +82,13 @@ void requireRig(const RigMatrices& rig) {
                     fmt::format("is {} by {}, not 3 by 1 or 1 by 3", rig.translation.rows, rig.translation.cols));
     requireNumbers(rig.translation, "", "translation");
     if (cv::norm(rig.translation) == 0) refuseField("", "translation", "both cameras stand in one place");
+    const RigUncertainty& u = rig.uncertainty;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        requireSigmas(u.cameras[eye], fmt::format("cameras[{}]", eye));
+        requireSigmas(u.distortions[eye], fmt::format("distortions[{}]", eye));
+    }
+    requireSigmas(u.rotation, "rotation");
+    requireSigmas(u.translation, "translation");
 }
 
 }  // namespace kestrune

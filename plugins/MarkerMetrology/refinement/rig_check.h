@@ -12,7 +12,9 @@ namespace kestrune {
 ///         is empty or of as many coefficients as OpenCV's model may have.
 void requireCamera(const Camera& camera, const char* name);
 
-/// @throws cv::Exception  `StsBadArg` unless both cameras, the rotation and the translation are such.
+/// @throws cv::Exception  `StsBadArg` unless both cameras, the rotation and the translation are such, and the
+/// uncertainty holds
+///         standard deviations.
 void requireRig(const RigMatrices& rig);
 
 }  // namespace kestrune

@@ -49,7 +49,8 @@ struct DiscEstimate {
 ///
 /// @param eyes  left, right; in pixels without lens distortion (`undistorted`), refined or not.
 /// @param rig   as calibrated; distortion is read only for what `rig.uncertainty` does to the centre.
-/// @throws cv::Exception  `StsBadArg` for a rig that is none.
+/// @throws cv::Exception  `StsBadArg` for a rig that is none, or whose uncertainty holds a number that is no standard
+/// deviation.
 KESTRUNE_API DiscEstimate measureDisc(const std::array<MarkerEstimate, 2>& eyes, const RigMatrices& rig);
 
 }  // namespace kestrune
