@@ -131,7 +131,6 @@ const std::vector<EstimateColumn>& estimateColumns() {
         {"sigmaOutside", sigmaAt<kOutside>},
         {"blur", ofFit<&E::blur>},
         {"sigmaBlur", sigmaAt<kBlur>},
-        {"halo", ofFit<&E::halo>},
         {"lightDegree", ofFit<&E::lightDegree>},
         {"noise", ofFit<&E::noise>},
         {"residual", ofFit<&E::residual>},

@@ -21,7 +21,7 @@
 namespace kestrune::measure {
 
 /// Whether a stereo measurement refines its markers if it is not told.
-constexpr bool kRefineStereo = false;
+constexpr bool kRefineStereo = true;
 
 /// A matched marker. What the branch does not measure is NaN. The frame of `point` and `normal` is the left
 /// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.

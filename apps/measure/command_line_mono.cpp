@@ -26,7 +26,7 @@ with all its bits and before --invert; the other columns stay what the path meas
 marker was not and stays as the path measured it: no outline, leaves the image, touches another, too faint, not
 converged, not a disc. Then standard deviations (sigmaX, sigmaY, sigmaMajor, sigmaMinor px, sigmaAngle degrees; of a
 marker that was not refined, what the path may be off by) and covarianceXY (px^2); grey levels inside and outside the
-rim and the noise at it, in levels of the image; blur (px) and halo of the rim, degree of the light's variation
+rim and the noise at it, in levels of the image; blur of the rim (px), degree of the light's variation
 (lightDegree), RMS of what the fit leaves in units of the noise (residual) and the pixels that took part (fitPixels).
 The overlay shows the centres' error ellipses, one standard deviation, as many times enlarged as its title says, and
 markers that were not refined in violet.

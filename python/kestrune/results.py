@@ -28,7 +28,6 @@ _ESTIMATE = {
     "sigmaOutside": "of the level outside",
     "blur": "standard deviation of the Gaussian that blurs the rim, px",
     "sigmaBlur": "of the blur, px",
-    "halo": "share of light spread three times as wide",
     "lightDegree": "degree of the polynomial by which the light varies: 0, 1 or 2",
     "noise": "standard deviation of a pixel half way up the rim, levels",
     "residual": "RMS of what the fit leaves about the rim, in units of the noise; 1 for an ideal disc",

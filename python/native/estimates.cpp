@@ -72,7 +72,7 @@ class Taken {
 template <typename Estimate, typename To>
 void passMarker(Estimate& e, To& to) {
     to.put(e.centre), to.put(e.majorHalfAxis), to.put(e.minorHalfAxis), to.put(e.angle), to.put(e.inside);
-    to.put(e.outside), to.put(e.blur), to.put(e.halo), to.put(e.lightDegree), to.put(e.noise), to.put(e.residual);
+    to.put(e.outside), to.put(e.blur), to.put(e.lightDegree), to.put(e.noise), to.put(e.residual);
     to.put(e.pixels), to.put(e.covariance);
 }
 
@@ -135,7 +135,6 @@ void defineMarkerEstimate(py::module_& module) {
         .def_readonly("inside", &E::inside, "level of the marker at its centre, in levels of the image")
         .def_readonly("outside", &E::outside, "level of its ground, in the light of the marker's centre")
         .def_readonly("blur", &E::blur, "standard deviation of the Gaussian that blurs the rim, px")
-        .def_readonly("halo", &E::halo, "share of light spread three times as wide as blur")
         .def_readonly("lightDegree", &E::lightDegree, "of the polynomial by which the light varies: 0 to 2")
         .def_readonly("noise", &E::noise, "standard deviation of a pixel half way up the rim, levels")
         .def_readonly("residual", &E::residual, "RMS of what is left about the rim, in units of the noise")

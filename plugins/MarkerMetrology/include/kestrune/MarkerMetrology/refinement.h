@@ -41,7 +41,6 @@ struct MarkerEstimate {
     double inside = 0;         ///< grey level of the marker at its centre; below `outside` for a dark one
     double outside = 0;        ///< grey level of its ground, in the light of the marker's centre
     double blur = 0;  ///< standard deviation of the Gaussian that blurs the rim, px; the pixel's square is not in it
-    double halo = 0;  ///< share of light spread three times as wide as `blur`; 0 where the data ask for none
     int lightDegree = 0;  ///< 0: even; 1, 2: the light varies by a polynomial of this degree
     double noise = 0;     ///< standard deviation of a pixel half way up the rim, grey levels
     double residual = 0;  ///< RMS of what is left about the rim, in units of the noise: 1 for an ideal disc
@@ -78,7 +77,6 @@ struct RefinementOptions {
     /// `scale` above 1. Empty: that of the image.
     cv::Size recordSize{};
     int mostLightDegree = 2;  ///< 0 to 2: up to which degree the light may vary across a marker
-    bool mayHaveHalo = true;  ///< the lens may spread a share of the light wider
 };
 
 /// Fits each marker to the grey levels of the image: an ellipse, blurred by a Gaussian and integrated over square
