@@ -169,6 +169,24 @@ bool DiscFit::look(const MarkerWindow& window, const DiscModel& model, const Kno
     return true;
 }
 
+namespace {
+
+/// A place on the way of a fit.
+struct Point {
+    DiscModel model;
+    NormalEquations equations;
+    Vector step = Vector::Zero();
+    bool definite = false;
+    double gain = 0;  // of the cost by the step, to first order
+};
+
+bool isBetter(const Point& there, const Point& here, double damping) {
+    return there.equations.cost <= here.equations.cost ||
+           (damping == 0 && there.definite && there.gain < kGoodStep * here.gain);
+}
+
+}  // namespace
+
 DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
                               const Knowledge& known) {
     rim_.take(window, known.others, known.limits);
@@ -176,13 +194,6 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
     const int unknowns = unknownsOf(known.light.degree());
     const int free =
         std::max(1, window.rimCount() + static_cast<int>(window.inside().count + window.outside().count) - unknowns);
-    struct Point {
-        DiscModel model;
-        NormalEquations equations;
-        Vector step;
-        bool definite = false;
-        double gain = 0;  // of the cost by the step, to first order
-    };
     const auto look = [&](Point& point) {
         evaluate(window, point.model, unknowns, point.equations);
         if (!std::isfinite(point.equations.cost)) return false;
@@ -216,10 +227,7 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         const bool solved = solve(here.equations, unknowns, damping, step);
         there.model = moved(here.model, step);
         isDrawn = false;
-        const bool better = solved && draw(window, there.model) && look(there) &&
-                            (there.equations.cost <= here.equations.cost ||
-                             (damping == 0 && there.definite && there.gain < kGoodStep * here.gain));
-        if (better) {
+        if (solved && draw(window, there.model) && look(there) && isBetter(there, here, damping)) {
             std::swap(here, there);
             isDrawn = true;
             damping = damping < 1e-4 ? 0 : damping / 10;

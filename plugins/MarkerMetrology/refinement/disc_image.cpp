@@ -15,7 +15,7 @@ namespace {
 
 // A step of the rim in blurs, and of the pixel's square where there is hardly any blur: the error of the trapezoidal
 // rule is exp(-2 pi^2 / 1.2^2), 1e-6.
-constexpr double kStep = 1.2;
+constexpr double kRimStep = 1.2;
 constexpr double kPixelBlur = 0.5;
 constexpr int kFewestSteps = 24;  // the rim itself must be followed, too
 
@@ -24,7 +24,7 @@ struct NormalIntegrals {
     float density[kLongestKernel], phi[kLongestKernel], integral[kLongestKernel];
 };
 
-KESTRUNE_BOTH void fillBoth(NormalIntegrals& n, float u, float du, int count) {
+KESTRUNE_BOTH void fillIntegralsBoth(NormalIntegrals& n, float u, float du, int count) {
     const Lanes offsets = {0, 1, 2, 3, 4, 5, 6, 7};
     for (int i = 0; i < count; i += kLanes) {
         const Lanes at = u + (static_cast<float>(i) + offsets) * du;
@@ -44,11 +44,11 @@ KESTRUNE_BOTH void fillBoth(NormalIntegrals& n, float u, float du, int count) {
         store(n.integral + i, at * f + d);
     }
 }
-void fillAny(NormalIntegrals& n, float u, float du, int count) {
-    fillBoth(n, u, du, count);
+void fillIntegralsAny(NormalIntegrals& n, float u, float du, int count) {
+    fillIntegralsBoth(n, u, du, count);
 }
-KESTRUNE_WIDE void fillWide(NormalIntegrals& n, float u, float du, int count) {
-    fillBoth(n, u, du, count);
+KESTRUNE_WIDE void fillIntegralsWide(NormalIntegrals& n, float u, float du, int count) {
+    fillIntegralsBoth(n, u, du, count);
 }
 
 /// @param first  of the pixels, from the kernel's middle
@@ -56,7 +56,8 @@ void fillKernel(DiscKernel& kernel, double first, float blur, int count) {
     NormalIntegrals n;
     const float perBlur = 1 / blur;
     // Edges of the pixels, from the left edge of the one before the first.
-    (hasWideLanes() ? fillWide : fillAny)(n, static_cast<float>(first - 1.5) * perBlur, perBlur, count + 2);
+    (hasWideLanes() ? fillIntegralsWide : fillIntegralsAny)(n, static_cast<float>(first - 1.5) * perBlur, perBlur,
+                                                            count + 2);
     // What is cut off is shared among the rest, so that a marker's middle is 1.
     const float whole = 1 / (n.phi[count + 1] - n.phi[1]);
     float before = 0;
@@ -118,7 +119,7 @@ KESTRUNE_BOTH void addPiece(const DiscKernel& kx, const DiscKernel& ky, const Di
 
 KESTRUNE_BOTH void addRimBoth(const DiscKernels& kernels, const SmoothEllipse& e, const cv::Rect& box,
                               DiscPixel* pixels) {
-    const double longest = kStep * std::max(kernels.blur, kPixelBlur);
+    const double longest = kRimStep * std::max(kernels.blur, kPixelBlur);
     const int steps =
         std::max(kFewestSteps, static_cast<int>(std::ceil(2 * std::numbers::pi * e.majorHalfAxis() / longest)));
     const double dt = 2 * std::numbers::pi / steps, turnC = std::cos(dt), turnD = std::sin(dt);

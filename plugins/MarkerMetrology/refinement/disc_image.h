@@ -74,8 +74,9 @@ class DiscImage {
     bool add(const geometry::SmoothEllipse& ellipse, double blur);
 
     /// Row of the image, from the box's first column on.
-    const DiscPixel* row(int y) const { return &pixels_[static_cast<std::size_t>((y - box_.y) * box_.width)]; }
-    DiscPixel* row(int y) { return &pixels_[static_cast<std::size_t>((y - box_.y) * box_.width)]; }
+    const DiscPixel* row(int y) const {
+        return &pixels_[static_cast<std::size_t>(y - box_.y) * static_cast<std::size_t>(box_.width)];
+    }
 
   private:
     cv::Rect box_;

@@ -14,7 +14,7 @@ using geometry::SmoothEllipse;
 
 namespace {
 
-constexpr double kLeastHalfAxis = 1;  // px
+constexpr double kLeastRecord = 1;  // px
 // Rims farther apart than this, px, and a share of the marker's size have nothing to do with each other: the ground
 // that is looked at, and two blurs.
 constexpr double kLeastFar = 24, kFarShare = 0.5;
@@ -46,7 +46,7 @@ class ExposureFit {
     ExposureFit(const cv::Mat& image, const std::vector<std::optional<SmoothEllipse>>& starts)
         : image_(image), starts_(starts), scratch_(static_cast<std::size_t>(largestTeam())), fitted_(starts.size()) {
         for (std::size_t i = 0; i < starts.size(); ++i)
-            if (starts[i] && starts[i]->isFinite() && starts[i]->minorHalfAxis() >= kLeastHalfAxis) byX_.push_back(i);
+            if (starts[i] && starts[i]->isFinite() && starts[i]->minorHalfAxis() >= kLeastRecord) byX_.push_back(i);
         std::sort(byX_.begin(), byX_.end(), [&](std::size_t a, std::size_t b) { return placeOf(a) < placeOf(b); });
         for (const std::size_t i : byX_) widest_ = std::max(widest_, 2 * halfSize(*starts[i]).x);
         findNeighbours();

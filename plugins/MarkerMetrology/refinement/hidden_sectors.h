@@ -20,7 +20,7 @@ using Sectors = std::bitset<kSectors>;
 inline int sectorOf(const geometry::SmoothEllipse& e, double x, double y) {
     const double dx = x - e.x, dy = y - e.y;
     const double c = (e.s - e.e1) * dx - e.e2 * dy, d = (e.s + e.e1) * dy - e.e2 * dx;
-    const int sector = static_cast<int>((std::atan2(d, c) / std::numbers::pi + 1) * (kSectors / 2));
+    const int sector = static_cast<int>((std::atan2(d, c) / std::numbers::pi + 1) * (0.5 * kSectors));
     return sector < kSectors ? sector : kSectors - 1;
 }
 

@@ -8,8 +8,8 @@ namespace kestrune::refinement {
 namespace {
 
 // Excess of squared terms over their variances, in standard deviations of that excess, from which a light is believed.
-constexpr double kSignificance = 3;
-constexpr int kIterations = 4;
+constexpr double kLightSignificance = 3;
+constexpr int kSpreadings = 4;
 
 struct Term {
     double square, variance;
@@ -24,9 +24,9 @@ double spread(std::vector<Term>& terms) {
     std::sort(terms.begin(), terms.end());  // sums in an order of their own
     double excess = 0;
     for (const Term& term : terms) excess += term.square / term.variance - 1;
-    if (excess < kSignificance * std::sqrt(2.0 * static_cast<double>(terms.size()))) return 0;
+    if (excess < kLightSignificance * std::sqrt(2.0 * static_cast<double>(terms.size()))) return 0;
     double result = 0;
-    for (int i = 0; i < kIterations; ++i) {
+    for (int i = 0; i < kSpreadings; ++i) {
         double sum = 0, weights = 0;
         for (const Term& term : terms) {
             const double weight = 1 / ((term.variance + result) * (term.variance + result));

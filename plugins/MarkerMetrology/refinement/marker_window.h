@@ -68,7 +68,10 @@ class MarkerWindow {
     double rimShare() const { return static_cast<double>(rimCount()) / std::max(1, rimPixels_); }
 
     /// Grey level of a pixel of the box; 0 outside of the image.
-    float at(int x, int y) const { return patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (x - box_.x))]; }
+    float at(int x, int y) const {
+        return patch_[static_cast<std::size_t>(y - box_.y) * static_cast<std::size_t>(box_.width) +
+                      static_cast<std::size_t>(x - box_.x)];
+    }
 
     static constexpr int kPadding = 16;  ///< numbers behind the lists' last pixel that may be read, too
 

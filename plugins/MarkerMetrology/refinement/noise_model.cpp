@@ -4,8 +4,8 @@
 namespace kestrune::refinement {
 namespace {
 
-constexpr int kIterations = 3;         // of the weights, which want the variance that is asked for
-constexpr double kSignificance = 2.5;  // standard deviations of the slope from which it is believed
+constexpr int kWeightings = 3;              // of the weights, which want the variance that is asked for
+constexpr double kSlopeSignificance = 2.5;  // standard deviations of the slope from which it is believed
 
 }  // namespace
 
@@ -18,7 +18,7 @@ NoiseModel noiseOf(const std::vector<ResidualSample>& samples) {
     NoiseModel result;
     result.fixed = count > 0 ? std::max(kRounding, all / count) : 1;
     const NoiseModel even = result;
-    for (int i = 0; i < kIterations; ++i) {
+    for (int i = 0; i < kWeightings; ++i) {
         double w = 0, x = 0, y = 0, xx = 0, xy = 0;
         for (const ResidualSample& s : samples) {
             const double v = result.variance(s.level), weight = s.count / (2 * v * v);
@@ -28,7 +28,7 @@ NoiseModel noiseOf(const std::vector<ResidualSample>& samples) {
         const double spread = xx - x * x / w;
         if (!(w > 0 && spread > 1e-9 * xx)) return even;
         const double slope = (xy - x * y / w) / spread;
-        if (slope * slope * spread < kSignificance * kSignificance) return even;
+        if (slope * slope * spread < kSlopeSignificance * kSlopeSignificance) return even;
         result.perLevel = slope;
         result.fixed = (y - slope * x) / w;
         // Beyond the levels that were seen, and where the line would fall to nothing.

@@ -11,7 +11,7 @@ namespace {
 
 // Of Gaussian steps, those within three standard deviations have this share of the variance.
 constexpr double kWithinThree = 0.9733;
-constexpr double kFewestSteps = 8;
+constexpr double kFewestDifferences = 8;
 constexpr int kClippings = 3;
 constexpr float kAnyStep = 1e12F;
 
@@ -20,7 +20,7 @@ struct Squares {
 };
 
 /// Of the steps whose square is at most `most`.
-KESTRUNE_BOTH void addBoth(const FlatRun& run, float most, Squares& squares) {
+KESTRUNE_BOTH void addSquaresBoth(const FlatRun& run, float most, Squares& squares) {
     Lanes sums{}, counts{};
     const Lanes places = {0, 1, 2, 3, 4, 5, 6, 7};
     for (int i = 0; i + 1 < run.count; i += kLanes) {
@@ -34,11 +34,11 @@ KESTRUNE_BOTH void addBoth(const FlatRun& run, float most, Squares& squares) {
     }
     squares.sum += static_cast<double>(sum(sums)), squares.count += static_cast<double>(sum(counts));
 }
-void addAny(const FlatRun& run, float most, Squares& squares) {
-    addBoth(run, most, squares);
+void addSquaresAny(const FlatRun& run, float most, Squares& squares) {
+    addSquaresBoth(run, most, squares);
 }
-KESTRUNE_WIDE void addWide(const FlatRun& run, float most, Squares& squares) {
-    addBoth(run, most, squares);
+KESTRUNE_WIDE void addSquaresWide(const FlatRun& run, float most, Squares& squares) {
+    addSquaresBoth(run, most, squares);
 }
 
 }  // namespace
@@ -48,8 +48,8 @@ double varianceBySteps(const std::vector<FlatRun>& runs) {
     double variance = 0;
     for (int i = 0; i <= kClippings; ++i) {
         Squares squares;
-        for (const FlatRun& run : runs) (hasWideLanes() ? addWide : addAny)(run, most, squares);
-        if (squares.count < kFewestSteps) return 0;
+        for (const FlatRun& run : runs) (hasWideLanes() ? addSquaresWide : addSquaresAny)(run, most, squares);
+        if (squares.count < kFewestDifferences) return 0;
         variance = squares.sum / squares.count / (i > 0 ? kWithinThree : 1);
         // Whole grey levels: a single step of one is no outlier.
         most = static_cast<float>(9 * std::max(variance, 2 * kRounding));

@@ -20,7 +20,7 @@ struct Columns {
     int count, unknowns;
 };
 
-KESTRUNE_BOTH void fillBoth(const Columns& c) {
+KESTRUNE_BOTH void fillColumnsBoth(const Columns& c) {
     for (int i = 0; i < c.count; i += kLanes) {
         Lanes u, v, m, weight, grey;
         load(c.u + i, u);
@@ -53,11 +53,11 @@ KESTRUNE_BOTH void fillBoth(const Columns& c) {
         store(c.columns[kLight + 4] + i, we * (v * v));
     }
 }
-void fillAny(const Columns& c) {
-    fillBoth(c);
+void fillColumnsAny(const Columns& c) {
+    fillColumnsBoth(c);
 }
-KESTRUNE_WIDE void fillWide(const Columns& c) {
-    fillBoth(c);
+KESTRUNE_WIDE void fillColumnsWide(const Columns& c) {
+    fillColumnsBoth(c);
 }
 
 KESTRUNE_BOTH double dotBoth(const float* a, const float* b, int count) {
@@ -82,7 +82,7 @@ KESTRUNE_WIDE double dotWide(const float* a, const float* b, int count) {
 }
 
 /// Makes room for `padded` numbers, of which those from `count` on are 0.
-void fit(std::vector<float>& list, int count, int padded) {
+void makeRoom(std::vector<float>& list, int count, int padded) {
     if (list.size() < static_cast<std::size_t>(padded)) list.resize(static_cast<std::size_t>(padded));
     std::fill(list.begin() + count, list.begin() + padded, 0.0F);
 }
@@ -94,9 +94,9 @@ void RimPixels::take(const MarkerWindow& window, const std::vector<float>& other
     padded_ = (count_ + MarkerWindow::kPadding - 1) / MarkerWindow::kPadding * MarkerWindow::kPadding;
     u_ = window.u(), v_ = window.v();
     limits_ = {static_cast<float>(limits[0]), static_cast<float>(limits[1])};
-    for (std::vector<float>* list : {&grey_, &weight_, &residual_, &level_}) fit(*list, count_, padded_);
-    for (auto& list : drawn_) fit(list, count_, padded_);
-    for (auto& list : columns_) fit(list, count_, padded_);
+    for (std::vector<float>* list : {&grey_, &weight_, &residual_, &level_}) makeRoom(*list, count_, padded_);
+    for (auto& list : drawn_) makeRoom(list, count_, padded_);
+    for (auto& list : columns_) makeRoom(list, count_, padded_);
     std::copy_n(window.grey(), count_, grey_.begin());
     if (!others.empty())
         for (std::size_t i = 0; i < static_cast<std::size_t>(count_); ++i) grey_[i] -= others[i];
@@ -146,7 +146,7 @@ void RimPixels::fillColumns(const DiscModel& model, int unknowns) {
     c.contrast = static_cast<float>(model.contrast()), c.outside = static_cast<float>(model.outside);
     c.least = limits_[0], c.most = limits_[1];
     c.count = padded_, c.unknowns = unknowns;
-    (hasWideLanes() ? fillWide : fillAny)(c);
+    (hasWideLanes() ? fillColumnsWide : fillColumnsAny)(c);
     // Beyond the last pixel the weight is 0, and so is everything.
 }
 
