@@ -93,10 +93,15 @@ KESTRUNE_BOTH int kernelAt(const DiscKernels& kernels, double centre, DiscKernel
     return static_cast<int>(first);
 }
 
-/// Adds a piece of the rim with the normal n, times its length, at (x, y), where exp(i u) = (c, d) of the rim's
-/// parameter.
-KESTRUNE_BOTH void addPiece(const DiscKernel& kx, const DiscKernel& ky, const DiscKernels& kernels, float nx, float ny,
-                            float c, float d, DiscPixel* to, int stride) {
+/// A piece of the rim: its normal n, times its length, where exp(i u) = (c, d) of the rim's parameter.
+struct RimPiece {
+    float nx, ny, c, d;
+};
+
+/// Adds a piece between the pixels of its kernels, of which the first is `to`.
+KESTRUNE_BOTH void addPiece(const DiscKernel& kx, const DiscKernel& ky, const DiscKernels& kernels,
+                            const RimPiece& piece, DiscPixel* to, int stride) {
+    const auto [nx, ny, c, d] = piece;
     const auto blur = static_cast<float>(kernels.blur);
     Lanes spread[kLongestKernel], other[kLongestKernel];
     for (int i = 0; i < kernels.count; ++i) {
@@ -129,8 +134,9 @@ KESTRUNE_BOTH void addRimBoth(const DiscKernels& kernels, const SmoothEllipse& e
         const double x = e.x + (e.s + e.e1) * c + e.e2 * d, y = e.y + (e.s - e.e1) * d + e.e2 * c;
         const double nx = ((e.s - e.e1) * c - e.e2 * d) * dt, ny = ((e.s + e.e1) * d - e.e2 * c) * dt;
         const int left = kernelAt(kernels, x, kx) - box.x, top = kernelAt(kernels, y, ky) - box.y;
-        addPiece(kx, ky, kernels, static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(c),
-                 static_cast<float>(d), pixels + static_cast<std::ptrdiff_t>(top) * box.width + left, box.width);
+        const RimPiece piece = {static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(c),
+                                static_cast<float>(d)};
+        addPiece(kx, ky, kernels, piece, pixels + static_cast<std::ptrdiff_t>(top) * box.width + left, box.width);
         const double next = c * turnC - d * turnD;
         d = c * turnD + d * turnC;
         c = next;

@@ -124,7 +124,8 @@ bool lightOfOthers(const std::vector<KnownNeighbour>& neighbours, const DiscMode
             for (int i = 0; i < run.count; ++i) {
                 if (crosses)
                     for (; x < box.br().x && x <= run.x + i; ++x) m += scratch.other.row(run.y)[x - box.x].step;
-                scratch.known.others[static_cast<std::size_t>(run.first + i)] += contrast * (around ? m - 1 : m);
+                scratch.known.others[static_cast<std::size_t>(run.first) + static_cast<std::size_t>(i)] +=
+                    contrast * (around ? m - 1 : m);
             }
         }
     }

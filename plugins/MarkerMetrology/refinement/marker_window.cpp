@@ -70,7 +70,7 @@ void MarkerWindow::copyPatch(const cv::Mat& image) {
         if (list->size() < size) list->resize(size);
     if (visible_ != box_) std::fill(patch_.begin(), patch_.end(), 0.0F);
     for (int y = visible_.y; y < visible_.br().y; ++y) {
-        float* to = &patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (visible_.x - box_.x))];
+        float* to = &patch_[placeOf(visible_.x, y)];
         if (image.depth() == CV_8U) {
             std::copy_n(image.ptr<unsigned char>(y) + visible_.x, visible_.width, to);
         } else {
@@ -172,7 +172,7 @@ void MarkerWindow::takeRow(int y, int from, int to, int kind) {
 }
 
 void MarkerWindow::takeRun(int y, int from, int to, int kind) {
-    const float* pixels = &patch_[static_cast<std::size_t>((y - box_.y) * box_.width + (from - box_.x))];
+    const float* pixels = &patch_[placeOf(from, y)];
     if (kind == kInside || kind == kOutside) {
         (kind == kInside ? insideMoments_ : outsideMoments_).add(from, y, to - from, pixels);
         (kind == kInside ? insideRuns_ : outsideRuns_).push_back({pixels, to - from});

@@ -68,14 +68,15 @@ class MarkerWindow {
     double rimShare() const { return static_cast<double>(rimCount()) / std::max(1, rimPixels_); }
 
     /// Grey level of a pixel of the box; 0 outside of the image.
-    float at(int x, int y) const {
-        return patch_[static_cast<std::size_t>(y - box_.y) * static_cast<std::size_t>(box_.width) +
-                      static_cast<std::size_t>(x - box_.x)];
-    }
+    float at(int x, int y) const { return patch_[placeOf(x, y)]; }
 
     static constexpr int kPadding = 16;  ///< numbers behind the lists' last pixel that may be read, too
 
   private:
+    std::size_t placeOf(int x, int y) const {
+        return static_cast<std::size_t>(y - box_.y) * static_cast<std::size_t>(box_.width) +
+               static_cast<std::size_t>(x - box_.x);
+    }
     void copyPatch(const cv::Mat& image);
     void sortRow(int y, const geometry::SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours,
                  const Sectors& hidden);
