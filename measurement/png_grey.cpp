@@ -23,7 +23,7 @@ namespace {
 using Bytes = std::span<const unsigned char>;
 
 constexpr std::size_t kSignatureSize = 8;
-constexpr std::size_t kHeadSize = 13;
+constexpr std::size_t kGreyHeadSize = 13;
 constexpr std::size_t kChunkFrame = 12;  // length, name and sum
 /// Chunks that change no grey pixel and that writers like to add.
 constexpr std::array<std::string_view, 7> kNotes = {"bKGD", "cHRM", "gAMA", "pHYs", "sRGB", "tEXt", "tIME"};
@@ -67,7 +67,7 @@ struct Contents {
 /// Depth, colour, compression, filtering and interlacing of the files that are decoded here.
 bool isPlainGrey(const Chunk& chunk) {
     constexpr std::array<unsigned char, 5> kPlainGrey = {8, 0, 0, 0, 0};
-    return chunk.name == "IHDR" && chunk.data.size() == kHeadSize &&
+    return chunk.name == "IHDR" && chunk.data.size() == kGreyHeadSize &&
            std::equal(kPlainGrey.begin(), kPlainGrey.end(), chunk.data.begin() + 8);
 }
 

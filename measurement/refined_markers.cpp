@@ -11,7 +11,7 @@
 namespace kestrune::measure {
 namespace {
 
-constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+constexpr double kNoEstimate = std::numeric_limits<double>::quiet_NaN();
 // Of the covariance.
 enum Place { kX, kY, kInside = 5, kOutside = 6, kBlur = 7 };
 
@@ -30,25 +30,25 @@ void rescale(MarkerEstimate& estimate, const GreyImage& grey) {
 }
 
 double known(double value) {
-    return std::isfinite(value) ? value : kUnknown;
+    return std::isfinite(value) ? value : kNoEstimate;
 }
 
 /// The square root of a variance; unknown where there is none.
 template <int Place>
 double sigmaAt(const MarkerEstimate& e) {
     const double variance = e.covariance(Place, Place);
-    return variance > 0 ? known(std::sqrt(variance)) : kUnknown;
+    return variance > 0 ? known(std::sqrt(variance)) : kNoEstimate;
 }
 
 /// What only the fit tells.
 template <auto Member>
 double ofFit(const MarkerEstimate& e) {
-    return e.isRefined() ? static_cast<double>(e.*Member) : kUnknown;
+    return e.isRefined() ? static_cast<double>(e.*Member) : kNoEstimate;
 }
 
 template <auto Member>
 double ofAxes(const MarkerEstimate& e) {
-    return std::isnan(sigmaAt<kX>(e)) ? kUnknown : known(axisSigmas(e).*Member);
+    return std::isnan(sigmaAt<kX>(e)) ? kNoEstimate : known(axisSigmas(e).*Member);
 }
 
 }  // namespace
@@ -121,7 +121,7 @@ const std::vector<EstimateColumn>& estimateColumns() {
         {"sigmaX", sigmaAt<kX>},
         {"sigmaY", sigmaAt<kY>},
         {"covarianceXY",
-         [](const E& e) { return std::isnan(sigmaAt<kX>(e)) ? kUnknown : known(e.covariance(kX, kY)); }},
+         [](const E& e) { return std::isnan(sigmaAt<kX>(e)) ? kNoEstimate : known(e.covariance(kX, kY)); }},
         {"sigmaMajor", ofAxes<&AxisSigmas::major>},
         {"sigmaMinor", ofAxes<&AxisSigmas::minor>},
         {"sigmaAngle", [](const E& e) { return ofAxes<&AxisSigmas::angle>(e) * 180 / CV_PI; }},

@@ -7,7 +7,7 @@
 namespace kestrune::measure {
 namespace {
 
-constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+constexpr double kNoPairNumber = std::numeric_limits<double>::quiet_NaN();
 constexpr double kDegree = CV_PI / 180;
 // Of a disc's covariance.
 constexpr int kTurns = 3;
@@ -19,12 +19,12 @@ cv::RotatedRect rectOf(const MarkerEstimate& e) {
 
 template <int Axis>
 double sigmaOf(const PairEstimate& pair) {
-    return pair.disc.found ? std::sqrt(pair.disc.covariance(Axis, Axis)) : kUnknown;
+    return pair.disc.found ? std::sqrt(pair.disc.covariance(Axis, Axis)) : kNoPairNumber;
 }
 
 template <int Row, int Column>
 double covarianceOf(const PairEstimate& pair) {
-    return pair.disc.found ? pair.disc.covariance(Row, Column) : kUnknown;
+    return pair.disc.found ? pair.disc.covariance(Row, Column) : kNoPairNumber;
 }
 
 }  // namespace
@@ -98,9 +98,9 @@ const std::vector<PairColumn>& pairColumns() {
         {"covarianceXY", covarianceOf<0, 1>},
         {"covarianceXZ", covarianceOf<0, 2>},
         {"covarianceYZ", covarianceOf<1, 2>},
-        {"sigmaNormal", [](const P& p) { return p.disc.found ? normalSigma(p.disc) : kUnknown; }},
-        {"sigmaRadius", [](const P& p) { return p.disc.found ? p.disc.radiusSigma() : kUnknown; }},
-        {"chiSquare", [](const P& p) { return p.disc.found ? p.disc.chiSquare : kUnknown; }},
+        {"sigmaNormal", [](const P& p) { return p.disc.found ? normalSigma(p.disc) : kNoPairNumber; }},
+        {"sigmaRadius", [](const P& p) { return p.disc.found ? p.disc.radiusSigma() : kNoPairNumber; }},
+        {"chiSquare", [](const P& p) { return p.disc.found ? p.disc.chiSquare : kNoPairNumber; }},
     };
     return kColumns;
 }

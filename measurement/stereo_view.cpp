@@ -25,12 +25,12 @@ constexpr double kEnlarged = 2;           // discs against the space between the
 constexpr double kNeedle = 1.8;           // length of a normal, in radii
 constexpr double kUnknownRadius = 0.008;  // of the box's longest side, for discs of unknown size
 constexpr double kMargin = 0.06;          // of the box around the discs, in its longest side
-constexpr double kErrorShare = 0.06;      // of that side, what the median ellipsoid takes at most
-constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
-constexpr int kFractionBits = 4;
+constexpr double kViewErrorShare = 0.06;  // of that side, what the median ellipsoid takes at most
+constexpr int kViewFont = cv::FONT_HERSHEY_SIMPLEX;
+constexpr int kViewFractionBits = 4;
 
 const cv::Scalar kPaper(255, 255, 255), kInk(50, 45, 40), kGrid(225, 222, 218), kFloor(246, 244, 242),
-    kShadow(215, 212, 208), kError(40, 40, 220), kUnrefined(190, 60, 150);
+    kShadow(215, 212, 208), kViewError(40, 40, 220), kUnrefined(190, 60, 150);
 
 using Polygon = std::vector<cv::Vec3d>;
 
@@ -87,29 +87,29 @@ class Canvas {
 
     void fill(const Polygon& polygon, const cv::Scalar& colour) {
         const std::vector<cv::Point> points = fixedPoints(polygon);
-        cv::fillConvexPoly(picture_, points, colour, cv::LINE_AA, kFractionBits);
+        cv::fillConvexPoly(picture_, points, colour, cv::LINE_AA, kViewFractionBits);
     }
 
     void outline(const Polygon& polygon, const cv::Scalar& colour, int thickness, bool closed) {
-        cv::polylines(picture_, fixedPoints(polygon), closed, colour, thickness, cv::LINE_AA, kFractionBits);
+        cv::polylines(picture_, fixedPoints(polygon), closed, colour, thickness, cv::LINE_AA, kViewFractionBits);
     }
 
     /// @param anchor  which part of the text stands at the point: (0, 0) its top left, (1, 1) its bottom right corner.
     void text(const std::string& text, cv::Point2d at, cv::Point2d anchor, double scale, int thickness = 1) {
         int baseline = 0;
-        const cv::Size size = cv::getTextSize(text, kFont, scale, thickness, &baseline);
+        const cv::Size size = cv::getTextSize(text, kViewFont, scale, thickness, &baseline);
         const cv::Point place(cvRound(at.x - anchor.x * size.width), cvRound(at.y + (1 - anchor.y) * size.height));
-        cv::putText(picture_, text, place, kFont, scale, kPaper, thickness + 3, cv::LINE_AA);
-        cv::putText(picture_, text, place, kFont, scale, kInk, thickness, cv::LINE_AA);
+        cv::putText(picture_, text, place, kViewFont, scale, kPaper, thickness + 3, cv::LINE_AA);
+        cv::putText(picture_, text, place, kViewFont, scale, kInk, thickness, cv::LINE_AA);
     }
 
     /// The outline of an ellipsoid.
     void ellipsoid(const cv::Vec3d& centre, const cv::Matx33d& covariance, const cv::Scalar& colour, int thickness) {
         const ErrorEllipse e = errorEllipseOf(project_(covariance));
-        const double one = 1 << kFractionBits;
+        const double one = 1 << kViewFractionBits;
         cv::ellipse(picture_, cv::Point(project_(centre) * one),
                     cv::Size(cvRound(e.majorHalfAxis * one), cvRound(e.minorHalfAxis * one)), e.angle, 0, 360, colour,
-                    thickness, cv::LINE_AA, kFractionBits);
+                    thickness, cv::LINE_AA, kViewFractionBits);
     }
 
     cv::Point2d at(const cv::Vec3d& p) const { return project_(p); }
@@ -118,7 +118,7 @@ class Canvas {
   private:
     std::vector<cv::Point> fixedPoints(const Polygon& polygon) const {
         std::vector<cv::Point> points;
-        for (const cv::Vec3d& p : polygon) points.emplace_back(cv::Point(project_(p) * double(1 << kFractionBits)));
+        for (const cv::Vec3d& p : polygon) points.emplace_back(cv::Point(project_(p) * double(1 << kViewFractionBits)));
         return points;
     }
 
@@ -208,7 +208,7 @@ double errorScaleOf(const std::vector<ViewDisc>& discs, const Box& box) {
         cv::eigen(*disc.covariance, variances);
         longest.push_back(std::sqrt(std::max(0.0, variances[0])));
     }
-    return errorScale(longest, kErrorShare * box.side());
+    return errorScale(longest, kViewErrorShare * box.side());
 }
 
 void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, double largest, double errors) {
@@ -226,7 +226,7 @@ void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, doub
         if (known) canvas.outline({disc.centre, disc.centre + disc.normal * (kNeedle * disc.radius)}, kInk, 2, false);
     }
     for (const ViewDisc& disc : discs)
-        if (disc.covariance) canvas.ellipsoid(disc.centre, *disc.covariance * (errors * errors), kError, 2);
+        if (disc.covariance) canvas.ellipsoid(disc.centre, *disc.covariance * (errors * errors), kViewError, 2);
     for (const ViewDisc& disc : discs)
         canvas.text(disc.label, canvas.at(disc.centre) + cv::Point2d(0, 19), {0.5, 0}, 0.55);
 }

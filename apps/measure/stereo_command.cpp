@@ -85,8 +85,8 @@ struct Measured {
 };
 
 /// What all exposures share, checked before the first is opened.
-struct Run {
-    Run(const StereoOptions& options, const std::vector<ExposureNames>& names)
+struct StereoWork {
+    StereoWork(const StereoOptions& options, const std::vector<ExposureNames>& names)
         : pictures(namePictures(options, names)),
           settings(readStereoSettings(options.settings, options.path)),
           calibration(readRig(options.calibration)),
@@ -200,7 +200,7 @@ int runStereo(const StereoOptions& options) {
         throw InputError("--min-share", fmt::format("{} is no share of 0 to 1", options.minShare));
     const InterruptWatch watch;
     const std::vector<ExposureNames> names = nameExposures(options);
-    Run run(options, names);
+    StereoWork run(options, names);
     std::vector<std::string> images = options.left;
     images.insert(images.end(), options.right.begin(), options.right.end());
     run.intake.range = rangeOfRun(images, options.range, watch.asked());
