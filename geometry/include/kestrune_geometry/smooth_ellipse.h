@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cmath>
+#include <numbers>
 #include <opencv2/core.hpp>
 
 #include "kestrune_geometry/conic.h"
@@ -26,6 +27,13 @@ struct SmoothEllipse {
         const double t = 0.5 * std::atan2(e2, e1);
         return t < 0 ? t + std::numbers::pi : t;
     }
+    /// Half of the extent along x and y, px.
+    cv::Point2d halfSize() const { return {std::hypot(s + e1, e2), std::hypot(s - e1, e2)}; }
+    /// Ramanujan's first approximation, px.
+    double perimeter() const {
+        const double a = majorHalfAxis(), b = minorHalfAxis();
+        return std::numbers::pi * (3 * (a + b) - std::sqrt((3 * a + b) * (a + 3 * b)));
+    }
     cv::Point2d at(double u) const {
         const double c = std::cos(u), d = std::sin(u);
         return {x + (s + e1) * c + e2 * d, y + (s - e1) * d + e2 * c};
@@ -44,6 +52,11 @@ struct SmoothEllipse {
         return of(rect.center, 0.5 * rect.size.width, 0.5 * rect.size.height, rect.angle * std::numbers::pi / 180);
     }
 };
+
+/// How far one ellipse is from another, px: centres, sizes and shapes together.
+inline double distance(const SmoothEllipse& a, const SmoothEllipse& b) {
+    return std::hypot(a.x - b.x, a.y - b.y) + std::abs(a.s - b.s) + std::hypot(a.e1 - b.e1, a.e2 - b.e2);
+}
 
 /// Symmetric matrix of the conic, scaled to -1 at the centre: with V = [a b-axes outer products] the curve is
 /// (p - c)^T Q (p - c) = 1, where Q^-1 = [s^2 + |e|^2 + 2 s e1, 2 s e2; 2 s e2, s^2 + |e|^2 - 2 s e1].

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "refinement/lanes.h"
-
 namespace kestrune::refinement {
 
 using geometry::SmoothEllipse;
@@ -27,7 +25,6 @@ constexpr double kMostDamping = 1e6;
 constexpr double kLeastScale = 1e-6;  // of the noise: an image without any
 
 using Vector = Eigen::Matrix<double, kUnknowns, 1>;
-using Matrix = Eigen::Matrix<double, kUnknowns, kUnknowns>;
 
 /// The step that the first `count` unknowns want; false where the equations are not definite.
 bool solve(const NormalEquations& equations, int count, double damping, Vector& step) {
@@ -72,7 +69,6 @@ void addSize(const SmoothEllipse& record, const DiscModel& model, NormalEquation
 LightEvidence lightEvidence(const NormalEquations& equations, double perPixel, double scale) {
     LightEvidence result;
     result.perPixel = perPixel;
-    result.value.setZero(), result.variance.setZero();
     using Dynamic = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, 0, kUnknowns, kUnknowns>;
     for (const int degree : {2, 1}) {  // slopes without terms of degree two, which tell nearly nothing of them
         const int count = unknownsOf(degree);

@@ -169,10 +169,9 @@ void DiscImage::reset(const cv::Rect& box) {
 
 bool DiscImage::add(const SmoothEllipse& ellipse, double blur) {
     const double reach = kReach * totalBlur(blur);
-    const double halfWidth = std::hypot(ellipse.s + ellipse.e1, ellipse.e2);
-    const double halfHeight = std::hypot(ellipse.s - ellipse.e1, ellipse.e2);
-    if (!(ellipse.x - halfWidth - reach - 1 >= box_.x && ellipse.x + halfWidth + reach + 1 <= box_.br().x - 1 &&
-          ellipse.y - halfHeight - reach - 1 >= box_.y && ellipse.y + halfHeight + reach + 1 <= box_.br().y - 1))
+    const cv::Point2d half = ellipse.halfSize();
+    if (!(ellipse.x - half.x - reach - 1 >= box_.x && ellipse.x + half.x + reach + 1 <= box_.br().x - 1 &&
+          ellipse.y - half.y - reach - 1 >= box_.y && ellipse.y + half.y + reach + 1 <= box_.br().y - 1))
         return false;
     if (kernels_.blur != blur) kernels_.fill(blur, reach);
     (hasWideLanes() ? addRimWide : addRimAny)(kernels_, ellipse, box_, pixels_.data());

@@ -48,7 +48,7 @@ class ExposureFit {
         for (std::size_t i = 0; i < starts.size(); ++i)
             if (starts[i] && starts[i]->isFinite() && starts[i]->minorHalfAxis() >= kLeastRecord) byX_.push_back(i);
         std::sort(byX_.begin(), byX_.end(), [&](std::size_t a, std::size_t b) { return placeOf(a) < placeOf(b); });
-        for (const std::size_t i : byX_) widest_ = std::max(widest_, 2 * halfSize(*starts[i]).x);
+        for (const std::size_t i : byX_) widest_ = std::max(widest_, 2 * starts[i]->halfSize().x);
         findNeighbours();
     }
 
@@ -82,7 +82,7 @@ class ExposureFit {
         const SmoothEllipse& e = *starts_[i];
         return {left(i), e.y, e.s, e.e1, e.e2};
     }
-    double left(std::size_t i) const { return starts_[i]->x - halfSize(*starts_[i]).x; }
+    double left(std::size_t i) const { return starts_[i]->x - starts_[i]->halfSize().x; }
 
     void findNeighbours() {
         neighbours_.resize(starts_.size());
@@ -92,7 +92,7 @@ class ExposureFit {
             const double far = farOf(me.s);
             for (std::size_t b = a + 1; b < byX_.size(); ++b) {
                 const std::size_t j = byX_[b];
-                if (left(j) > me.x + halfSize(me).x + farOf(widest_)) break;
+                if (left(j) > me.x + me.halfSize().x + farOf(widest_)) break;
                 const double gap = gapOf(me, *starts_[j]);
                 if (gap < far) neighbours_[i].push_back({j, gap});
                 if (gap < farOf(starts_[j]->s)) neighbours_[j].push_back({i, gap});
@@ -136,9 +136,8 @@ class ExposureFit {
 
     static bool hasMoved(const FittedMarker& from, const FittedMarker& to) {
         if (from.status != to.status) return true;
-        const SmoothEllipse &a = from.outcome.model.ellipse, &b = to.outcome.model.ellipse;
         return to.status == RefinementStatus::refined &&
-               std::hypot(a.x - b.x, a.y - b.y) + std::abs(a.s - b.s) + std::hypot(a.e1 - b.e1, a.e2 - b.e2) > kMove;
+               distance(from.outcome.model.ellipse, to.outcome.model.ellipse) > kMove;
     }
 
     const cv::Mat& image_;

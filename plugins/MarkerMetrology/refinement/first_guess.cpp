@@ -19,12 +19,6 @@ constexpr int kFewestFlat = 4;  // pixels that tell a level
 // px: no image is so large. Points beyond it, or of no numbers, are no outline.
 constexpr float kFarthestPoint = 1e6F;
 
-/// Ramanujan's perimeter.
-double perimeter(const SmoothEllipse& e) {
-    const double a = e.majorHalfAxis(), b = e.minorHalfAxis();
-    return std::numbers::pi * (3 * (a + b) - std::sqrt((3 * a + b) * (a + 3 * b)));
-}
-
 /// Mean of the pixels within half a minor half axis of the centre, or the pixel there.
 double middleLevel(const MarkerWindow& window, const SmoothEllipse& ellipse) {
     SmoothEllipse core = ellipse;
@@ -80,7 +74,7 @@ std::optional<DiscModel> firstGuess(const cv::Mat& image, const SmoothEllipse& e
             area += m * (1 - m);
         }
         const double share = std::max(0.1, window.rimShare());
-        const double total = std::max(0.0, area) / share * std::sqrt(std::numbers::pi) / perimeter(ellipse);
+        const double total = std::max(0.0, area) / share * std::sqrt(std::numbers::pi) / ellipse.perimeter();
         guess.blur = std::clamp(std::sqrt(std::max(0.0, total * total - 1.0 / 12)), 0.4, kLargestBlur / 2);
         const double wanted = std::min(kReach * totalBlur(guess.blur), std::max(kFirstReach, ellipse.s));
         if (std::abs(wanted - reach) < kReachChange || wanted < reach) break;

@@ -39,15 +39,6 @@ constexpr double kMostRimError = 0.35;
 // A neighbour's blur may be taken away up to this far from its rim, in its own blurs.
 constexpr double kClearance = 0.5;
 
-double perimeterOf(const SmoothEllipse& e) {
-    const double a = e.majorHalfAxis(), b = e.minorHalfAxis();
-    return std::numbers::pi * (3 * (a + b) - std::sqrt((3 * a + b) * (a + 3 * b)));
-}
-
-double distance(const SmoothEllipse& a, const SmoothEllipse& b) {
-    return std::hypot(a.x - b.x, a.y - b.y) + std::abs(a.s - b.s) + std::hypot(a.e1 - b.e1, a.e2 - b.e2);
-}
-
 /// Variance of pixels that should be of one level: where they are not, that of their steps.
 double varianceOf(const FlatSums& sums, const std::vector<FlatRun>& runs) {
     const double variance = sums.variance(), bySteps = varianceBySteps(runs);
@@ -108,7 +99,7 @@ bool lightOfOthers(const std::vector<KnownNeighbour>& neighbours, const DiscMode
         any = true;
         const SmoothEllipse& e = other.model->ellipse;
         const double reach = kReach * totalBlur(other.model->blur) + 3;
-        const cv::Point2d half = halfSize(e) + cv::Point2d(reach, reach);
+        const cv::Point2d half = e.halfSize() + cv::Point2d(reach, reach);
         const cv::Point from(static_cast<int>(e.x - half.x) - 1, static_cast<int>(e.y - half.y) - 1);
         const cv::Point to(static_cast<int>(e.x + half.x) + 2, static_cast<int>(e.y + half.y) + 2);
         scratch.other.reset({from, to});
@@ -149,7 +140,7 @@ void listNeighbours(const std::vector<KnownNeighbour>& known, std::vector<Neighb
 /// Whether the contrast stands out of the noise, by the pixels of the rim alone.
 bool isFaint(const DiscModel& model, const NoiseModel& noise) {
     const double c = model.contrast(), variance = noise.variance((model.inside + model.outside) / 2);
-    return c * c * perimeterOf(model.ellipse) * totalBlur(model.blur) < kLeastContrast * kLeastContrast * variance;
+    return c * c * model.ellipse.perimeter() * totalBlur(model.blur) < kLeastContrast * kLeastContrast * variance;
 }
 
 /// Why the outcome is not to be believed.
@@ -159,7 +150,7 @@ RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
     const double most = std::max(kMostMove, kMostMoveShare * start.minorHalfAxis());
     if (!(moved <= most && model.ellipse.minorHalfAxis() > kThinnestRim)) return RefinementStatus::notConverged;
     const double variance = fitted.noise.variance((model.inside + model.outside) / 2);
-    const double length = perimeterOf(model.ellipse), blur = totalBlur(model.blur);
+    const double length = model.ellipse.perimeter(), blur = totalBlur(model.blur);
     if (isFaint(model, fitted.noise)) return RefinementStatus::tooFaint;
     // A rim that is off by d px RMS leaves c^2 d^2 length / (2 sqrt(pi) blur).
     const double excess = (fitted.outcome.equations.rimCost - static_cast<double>(fitted.rimPixels)) * variance;
@@ -171,7 +162,7 @@ RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
 /// The rim must be wholly on the image; one of no size is none.
 bool isOnImage(const SmoothEllipse& ellipse, const cv::Size& size) {
     if (!(ellipse.minorHalfAxis() > 0)) return false;
-    const cv::Point2d half = halfSize(ellipse);
+    const cv::Point2d half = ellipse.halfSize();
     return ellipse.x - half.x >= 0 && ellipse.x + half.x <= size.width - 1 && ellipse.y - half.y >= 0 &&
            ellipse.y + half.y <= size.height - 1;
 }
@@ -241,9 +232,10 @@ class MarkerFit {
             if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
                 knowsNoise = true;
                 const NoiseModel better = noiseOfRim(window, result, scratch_.fit, scratch_.samples);
-                const bool again = differs(better, result.noise, model);
-                if (again) result.noise = better;
-                if (again) continue;
+                if (differs(better, result.noise, model)) {
+                    result.noise = better;
+                    continue;
+                }
             }
             result.status = judge(result, start_);
             return result;

@@ -18,7 +18,7 @@ constexpr double kRoom = 3;
 constexpr double kFarthest = 1e9;
 
 cv::Rect boxAbout(const SmoothEllipse& ellipse, double margin) {
-    const cv::Point2d half = halfSize(dilated(ellipse, margin));
+    const cv::Point2d half = dilated(ellipse, margin).halfSize();
     const cv::Point from(static_cast<int>(std::floor(ellipse.x - half.x)),
                          static_cast<int>(std::floor(ellipse.y - half.y)));
     const cv::Point to(static_cast<int>(std::ceil(ellipse.x + half.x)) + 1,
@@ -27,10 +27,6 @@ cv::Rect boxAbout(const SmoothEllipse& ellipse, double margin) {
 }
 
 }  // namespace
-
-cv::Point2d halfSize(const SmoothEllipse& ellipse) {
-    return {std::hypot(ellipse.s + ellipse.e1, ellipse.e2), std::hypot(ellipse.s - ellipse.e1, ellipse.e2)};
-}
 
 SmoothEllipse dilated(const SmoothEllipse& ellipse, double by) {
     SmoothEllipse result = ellipse;

@@ -43,7 +43,6 @@ class MarkerWindow {
     bool serves(const geometry::SmoothEllipse& ellipse, double leastReach, double mostReach) const;
     double reach() const { return reach_; }  ///< px
 
-    const cv::Rect& box() const { return box_; }        ///< may lie over the edge of the image
     const cv::Rect& rimBox() const { return rimBox_; }  ///< of the pixels about the rim, with room for it to move
     const LightFrame& frame() const { return frame_; }
 
@@ -111,9 +110,6 @@ inline double groundOf(const geometry::SmoothEllipse& ellipse, double reach) {
 struct RowInterval {
     int from = 0, to = -1;
 };
-
-/// Half of the ellipse's size, px, along x and y.
-cv::Point2d halfSize(const geometry::SmoothEllipse& ellipse);
 
 /// The ellipse with both half axes `by` px longer; `s` is 0 where nothing is left.
 geometry::SmoothEllipse dilated(const geometry::SmoothEllipse& ellipse, double by);

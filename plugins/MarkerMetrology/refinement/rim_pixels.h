@@ -54,7 +54,6 @@ class RimPixels {
     double residualProduct(int a) const { return dot(column(a), residual_.data()); }
     double residualSquares() const { return dot(residual_.data(), residual_.data()); }
 
-    int count() const { return count_; }
     const float* residuals() const { return residual_.data(); }  ///< in units of the noise
     const float* levels() const { return level_.data(); }        ///< of the model, grey levels
 
