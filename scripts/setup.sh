@@ -10,7 +10,7 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libopencv-dev libopencv-contrib-dev libeigen3-dev libcli11-dev libfmt-dev
           nlohmann-json3-dev libjpeg-dev libpng-dev libtiff-dev libisal-dev libyaml-cpp-dev libgtest-dev libbenchmark-dev
           python3-dev pybind11-dev python3-numpy python3-pytest python3-distributed python3-pandas
-          dpkg-dev file doxygen)
+          dpkg-dev file doxygen locales)  # locales: a test makes one whose numbers have a comma
 clang=(clang libomp-dev libclang-rt-dev llvm)  # llvm: names instead of addresses in the sanitizer's reports
 
 for extra in "$@"; do
