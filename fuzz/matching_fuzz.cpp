@@ -66,13 +66,13 @@ struct Results {
 
     void fillRectified(const cv::Mat& rotation, const CircleMarkerExtractor& e, const CicrleConfigs& c) {
         const RectifiedMatchSettings settings = rectifiedMatchSettings(c);
-        std::vector<MatchedPair> matches;
+        std::vector<PlacedPair> matches;
         if (canMatchRectified(left, right, settings)) {
             const RectifiedRig rig = rectifiedRigOf(rotation, e.leftProjection, e.rightProjection);
             matches = matchRectified(left, right, rig, settings, &verdicts);
         }
         pairs.clear();
-        for (const MatchedPair& m : matches) {
+        for (const PlacedPair& m : matches) {
             pairs.emplace_back(m.left, m.right);
             points.push_back({m.point[0], m.point[1], m.point[2]});
         }

@@ -61,7 +61,7 @@ struct Style {
 };
 
 const Style& styleOf(MarkKind kind) {
-    static const std::array<Style, 9> kStyles = {
+    static const std::array<Style, 10> kStyles = {
         Style{"found", {120, 255, 60}, {255, 80, 255}},
         Style{"missed", {0, 170, 255}, {0, 170, 255}},
         Style{"false", {60, 60, 255}, {60, 60, 255}},
@@ -71,6 +71,7 @@ const Style& styleOf(MarkKind kind) {
         Style{"dark", {255, 220, 60}, {255, 80, 255}},
         Style{"refused", {160, 160, 160}, {160, 160, 160}},
         Style{"not refined", {255, 110, 190}, {255, 110, 190}},
+        Style{"ambiguous", {0, 200, 255}, {0, 200, 255}},
     };
     return kStyles[static_cast<std::size_t>(kind)];
 }
@@ -155,7 +156,8 @@ void drawMark(cv::Mat& canvas, const Mark& mark, int rim, double growth, int zoo
     const cv::Point centre = fixedPoint(mark.centre);
     const cv::Point axes = fixedPoint({mark.majorHalfAxis, mark.minorHalfAxis});
     drawTwice(colourOf(mark), thickness, [&](const cv::Scalar& colour, int width) {
-        const int step = mark.dashed || mark.kind == MarkKind::dark ? kDashStep : 360;
+        const bool dashed = mark.dashed || mark.kind == MarkKind::dark || mark.kind == MarkKind::ambiguous;
+        const int step = dashed ? kDashStep : 360;
         for (int from = 0; from < 360; from += step) {
             cv::ellipse(canvas, centre, cv::Size(axes), mark.angle, from, from + (step == 360 ? step : kDash), colour,
                         width, cv::LINE_AA, kFractionBits);

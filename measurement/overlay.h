@@ -24,6 +24,7 @@ enum class MarkKind {
     dark,       ///< found, and darker than its ground: drawn dashed
     refused,    ///< a candidate that is no marker: drawn below the others
     unrefined,  ///< found, and kept as the path measured it where others were refined
+    ambiguous,  ///< found in both eyes, with more than one that may be its partner: drawn dashed
 };
 
 /// An ellipse to draw, in pixels of the image.

@@ -14,6 +14,7 @@
 #include "overlay.h"
 #include "stereo_exposure.h"
 #include "stereo_pictures.h"
+#include "trust_explanation.h"
 
 namespace kestrune::measure {
 namespace {
@@ -147,7 +148,7 @@ const std::vector<UnmatchedMarker>& ofPoorerEye(const StereoResult& result) {
 }  // namespace
 
 const char* testOf(const UnmatchedMarker& marker) {
-    return textOf(marker.verdict.gate).name;
+    return marker.standing != nullptr ? marker.standing : textOf(marker.verdict.gate).name;
 }
 
 std::vector<UnmatchedMarker> unmatchedOf(const ExplainedMatch& match, std::size_t eye,
@@ -191,6 +192,7 @@ bool blamesTheRig(const StereoResult& result) {
 }
 
 std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs& configs) {
+    if (result.trusted) return trustTable(result);
     const std::vector<PairGateCount> counts = countGates(ofBothEyes(result));
     const auto isCrowded = [&](PairGate gate) {
         return std::ranges::find(counts, gate, &PairGateCount::gate)->count > kMostListed;
@@ -216,6 +218,7 @@ std::string pairExplanationTable(const StereoResult& result, const CicrleConfigs
 }
 
 void writePairExplanationCsv(std::ostream& stream, const StereoResult& result, const CicrleConfigs& configs) {
+    if (result.trusted) return writeTrustCsv(stream, result);
     stream << "eye,number,x,y,test,measured,wanted,candidate\n";
     for (std::size_t eye = 0; eye < 2; ++eye) {
         std::map<int, std::string> rows;
@@ -233,6 +236,7 @@ void writePairExplanationCsv(std::ostream& stream, const StereoResult& result, c
 
 cv::Mat drawPairExplanation(const std::array<cv::Mat, 2>& images, const StereoResult& result,
                             const std::string& title) {
+    if (result.trusted) return drawTrust(images, result, title);
     const SideBySide both(images);
     std::vector<Mark> marks;
     const auto add = [&](std::size_t eye, MarkKind kind, const std::string& label, const cv::RotatedRect& rim) {

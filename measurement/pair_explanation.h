@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Why has this marker no partner? Every marker of an exposure that is in no pair, with the test that ended its best
-// candidate, as a sentence, as a table, as CSV and as a picture.
+// candidate, as a sentence, as a table, as CSV and as a picture. Of a match by probability, table, CSV and picture are
+// those of trust_explanation.h.
 #pragma once
 
 #include <array>
@@ -23,6 +24,9 @@ struct UnmatchedMarker {
     cv::RotatedRect rim;  ///< undistorted px (rectified px with `cornersRectified`)
     PairVerdict verdict;
     int partner;  ///< number of the candidate in the other eye; -1: none
+    /// Of a match by probability, what became of it, in place of the verdict's test: "ambiguous", where `measured` is
+    /// the probability of the candidate, or "single", where it is that only this eye sees the marker.
+    const char* standing = nullptr;
 };
 
 /// The name of the test that ended the marker's best candidate.

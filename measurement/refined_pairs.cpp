@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "refined_pairs.h"
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 namespace kestrune::measure {
@@ -28,6 +30,16 @@ double covarianceOf(const PairEstimate& pair) {
 }
 
 }  // namespace
+
+RefinedEyes findEyes(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images, const Settings& settings) {
+    RefinedEyes eyes;
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        ExtractCircleMarker(images[eye], extractor, eyes.corners[eye], static_cast<int>(eye), settings.configs);
+        eyes.rims[eye] = extractor.markerRects;
+        std::ranges::transform(eyes.corners[eye], std::back_inserter(eyes.estimates[eye]), plainEstimate);
+    }
+    return eyes;
+}
 
 RefinedEyes refineEyes(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                        const std::array<GreyImage, 2>& grey, const Settings& settings) {
@@ -83,6 +95,10 @@ DiscEstimate turned(DiscEstimate disc, const cv::Matx33d& turn) {
 
 double normalSigma(const DiscEstimate& disc) {
     return std::sqrt(disc.covariance(kTurns, kTurns) + disc.covariance(kTurns + 1, kTurns + 1)) / kDegree;
+}
+
+const char* statusOf(const PairEstimate& pair, std::size_t eye) {
+    return pair.refined ? nameOf(pair.eyes[eye].status) : "not refined";
 }
 
 const char* pointSourceOf(const PairEstimate& pair) {

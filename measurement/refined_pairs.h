@@ -38,6 +38,9 @@ struct RefinedEyes {
 RefinedEyes refineEyes(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                        const std::array<GreyImage, 2>& grey, const Settings& settings);
 
+/// The same without measuring again: estimates with the standard deviations that the outlines show.
+RefinedEyes findEyes(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images, const Settings& settings);
+
 /// The rig in whose pixels the markers of a measurement are: without distortion, or rectified with `cornersRectified`.
 ///
 /// @param uncertainty  of the rig as calibrated. What it is to a rectified one is not told.
@@ -48,7 +51,11 @@ RigMatrices rigOfPixels(const CircleMarkerExtractor& extractor, const CicrleConf
 struct PairEstimate {
     std::array<MarkerEstimate, 2> eyes;  ///< in the pixels of the pair's rims
     DiscEstimate disc;                   ///< in the frame of the pair's point; not found: the matcher's point stays
+    bool refined = true;                 ///< whether it was tried
 };
+
+/// What became of the refinement of one of the pair's markers; "not refined" where it was not tried.
+const char* statusOf(const PairEstimate& pair, std::size_t eye);
 
 /// The disc seen from a frame that is turned: points and normals of the old one are multiplied by `turn`.
 DiscEstimate turned(DiscEstimate disc, const cv::Matx33d& turn);

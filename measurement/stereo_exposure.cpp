@@ -80,6 +80,58 @@ void tellPolarities(StereoResult& result, const CircleMarkerExtractor& extractor
             marker.polarity[eye] = polarityOf(images[eye], marker.rim[eye], lenses[eye]);
 }
 
+/// Matches by the path's matcher, and replaces its points by those of the discs where the markers were refined.
+std::vector<Pair> matchOfPath(StereoResult& result, CircleMarkerExtractor& extractor,
+                              const std::array<cv::Mat, 2>& images, const Settings& settings,
+                              const RefinementInput* refinement) {
+    std::vector<Point3_<double>> points;
+    std::array<std::vector<cv::RotatedRect>, 2> rims;
+    ExplainedMatch match;
+    std::vector<Pair> pairs;
+    if (refinement == nullptr) {
+        pairs = explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs,
+                                            match);
+    } else {
+        RefinedEyes eyes = refineEyes(extractor, images, refinement->grey, settings);
+        pairs = explainStereoMatch(std::move(eyes.corners), extractor, points, settings.configs, match);
+        rims = std::move(eyes.rims);
+        result.estimates = std::move(eyes.estimates);
+    }
+    result.found = {rims[0].size(), rims[1].size()};
+    for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
+    const cv::Matx33d turn = normalRotation(extractor, settings.configs);
+    for (std::size_t k = 0; k < pairs.size(); ++k) {
+        const auto& [left, right] = pairs[k];
+        const auto& [i, j] = match.pairs[k];
+        StereoMarker marker{{pixelOf(left), pixelOf(right)},
+                            {rims[0][static_cast<std::size_t>(i)], rims[1][static_cast<std::size_t>(j)]},
+                            {i, j},
+                            {},
+                            {points[k].x, points[k].y, points[k].z},
+                            {kUnknown, kUnknown, kUnknown},
+                            kUnknown};
+        if (matchesConics(settings.path)) {
+            marker.normal = turn * cv::Vec3d(left.normal.data());
+            marker.radius = left.markerRadius;
+        }
+        result.markers.push_back(marker);
+    }
+    if (refinement != nullptr)
+        measureDiscs(result, pairs, rigOfPixels(extractor, settings.configs, refinement->calibration), turn);
+    return pairs;
+}
+
+/// All markers of a result, with those that are in doubt.
+template <typename Do>
+void forEachMarker(StereoResult& result, const Do& act) {
+    for (StereoMarker& marker : result.markers) act(marker);
+    if (!result.trusted) return;
+    for (AmbiguousPair& pair : result.trusted->ambiguous) {
+        act(pair.marker);
+        for (StereoMarker& rival : pair.rivals) act(rival);
+    }
+}
+
 }  // namespace
 
 Settings readStereoSettings(const std::string& file, std::optional<Path> path) {
@@ -127,46 +179,25 @@ bool matchesConics(Path path) {
 
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                              const Settings& settings, double minShare, const RefinementInput* refinement,
-                             std::vector<std::pair<Corner, Corner>>* records) {
+                             std::vector<std::pair<Corner, Corner>>* records, const TrustedInput* trusted) {
     StereoResult result;
-    std::vector<Point3_<double>> points;
-    std::array<std::vector<cv::RotatedRect>, 2> rims;
-    ExplainedMatch match;
+    result.refined = refinement != nullptr;
+    const CicrleConfigs& configs = settings.configs;
     std::vector<Pair> pairs;
-    if (refinement == nullptr) {
-        pairs = explainStereoMarker3dPoints(images[0], images[1], extractor, points, rims[0], rims[1], settings.configs,
-                                            match);
+    if (trusted == nullptr) {
+        pairs = matchOfPath(result, extractor, images, settings, refinement);
     } else {
-        RefinedEyes eyes = refineEyes(extractor, images, refinement->grey, settings);
-        pairs = explainStereoMatch(std::move(eyes.corners), extractor, points, settings.configs, match);
-        rims = std::move(eyes.rims);
-        result.estimates = std::move(eyes.estimates);
+        RefinedEyes eyes = refinement != nullptr ? refineEyes(extractor, images, refinement->grey, settings)
+                                                 : findEyes(extractor, images, settings);
+        pairs = matchTrusted(result, std::move(eyes), rigOfPixels(extractor, configs, trusted->calibration),
+                             matchOptions(trusted->known, configs, extractor, images[0].size()),
+                             normalRotation(extractor, configs));
     }
-    result.found = {rims[0].size(), rims[1].size()};
-    for (std::size_t eye = 0; eye < 2; ++eye) result.unmatched[eye] = unmatchedOf(match, eye, rims[eye]);
-    const cv::Matx33d turn = normalRotation(extractor, settings.configs);
-    for (std::size_t k = 0; k < pairs.size(); ++k) {
-        const auto& [left, right] = pairs[k];
-        const auto& [i, j] = match.pairs[k];
-        StereoMarker marker{{pixelOf(left), pixelOf(right)},
-                            {rims[0][static_cast<std::size_t>(i)], rims[1][static_cast<std::size_t>(j)]},
-                            {i, j},
-                            {},
-                            {points[k].x, points[k].y, points[k].z},
-                            {kUnknown, kUnknown, kUnknown},
-                            kUnknown};
-        if (matchesConics(settings.path)) {
-            marker.normal = turn * cv::Vec3d(left.normal.data());
-            marker.radius = left.markerRadius;
-        }
-        result.markers.push_back(marker);
-    }
-    if (refinement != nullptr)
-        measureDiscs(result, pairs, rigOfPixels(extractor, settings.configs, refinement->calibration), turn);
-    for (StereoMarker& marker : result.markers)
-        marker.residuals = residualsOf(extractor, settings.configs, marker.pixel, marker.point);
+    forEachMarker(result, [&](StereoMarker& marker) {
+        marker.residuals = residualsOf(extractor, configs, marker.pixel, marker.point);
+    });
     if (settings.path == Path::complex) tellPolarities(result, extractor, images, settings);
-    result.failure = objectionTo(result, settings.configs, minShare);
+    result.failure = objectionTo(result, configs, minShare);
     if (result.failure.empty()) result.doubt = doubtAbout(result);
     if (records != nullptr) *records = std::move(pairs);
     return result;

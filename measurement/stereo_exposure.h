@@ -13,42 +13,14 @@
 
 #include <kestrune/MarkerMetrology.h>
 #include "image_file.h"
-#include "pair_explanation.h"
-#include "polarity.h"
 #include "refined_pairs.h"
-#include "stereo_quality.h"
+#include "stereo_result.h"
+#include "trusted_match.h"
 
 namespace kestrune::measure {
 
 /// Whether a stereo measurement refines its markers if it is not told.
 constexpr bool kRefineStereo = true;
-
-/// A matched marker. What the branch does not measure is NaN. The frame of `point` and `normal` is the left
-/// camera's or, with `outputRectified`, the rectified left one; the unit is that of the calibration.
-struct StereoMarker {
-    /// Undistorted px of each eye (rectified px with `cornersRectified`): the image of the disc's centre on path
-    /// radial and complex, the centre of the rim's image on path simple.
-    std::array<cv::Point2d, 2> pixel;
-    std::array<cv::RotatedRect, 2> rim;  ///< the ellipses in the same pixels
-    std::array<int, 2> number;           ///< places among the markers of each eye
-    std::array<Polarity, 2> polarity{};  ///< path complex only
-    cv::Vec3d point;
-    cv::Vec3d normal;  ///< unit, towards the cameras; on path simple only of a disc that `estimate` tells of
-    double radius;     ///< likewise
-    Residuals residuals{};
-    std::optional<PairEstimate> estimate{};  ///< of a measurement that refines
-};
-
-struct StereoResult {
-    std::vector<StereoMarker> markers;                      ///< in the order of the library's pairs
-    std::array<std::vector<UnmatchedMarker>, 2> unmatched;  ///< the others of each eye
-    std::array<std::size_t, 2> found{};                     ///< markers of each eye, matched or not
-    /// Of all markers of each eye that were refined, or could not be; empty where that was not asked for.
-    std::array<std::vector<MarkerEstimate>, 2> estimates{};
-    /// Why the exposure gives no points; `markers`, if there are any, are then not to be trusted. Empty: nothing.
-    std::string failure;
-    std::string doubt;  ///< what to look at in an exposure that gives points; empty: nothing
-};
 
 /// Settings as a stereo measurement needs them: geometry is that of undistorted pixels, so that `skipUndistort`
 /// does not decide here; only images that are rectified already are left as they are.
@@ -83,9 +55,11 @@ bool matchesConics(Path path);
 /// @param refinement  if not null, the markers are refined before they are matched, and the points are those of the
 ///                   discs that both eyes see.
 /// @param records    if not null, the library's own records of the pairs, in the order of `markers`.
+/// @param trusted    if not null, the markers are matched by probability in place of the path's matcher.
 /// @throws cv::Exception, std::runtime_error  from the library.
 StereoResult measureExposure(CircleMarkerExtractor& extractor, const std::array<cv::Mat, 2>& images,
                              const Settings& settings, double minShare, const RefinementInput* refinement = nullptr,
-                             std::vector<std::pair<Corner, Corner>>* records = nullptr);
+                             std::vector<std::pair<Corner, Corner>>* records = nullptr,
+                             const TrustedInput* trusted = nullptr);
 
 }  // namespace kestrune::measure

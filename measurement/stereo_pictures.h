@@ -24,7 +24,12 @@ struct SideBySide {
     cv::Point2d shift;  ///< of the right eye's pixels
 };
 
-/// Both eyes side by side; the two ellipses of a pair have the same number and colour.
+/// Joins the markers of each pair in doubt, and thinner those of its rivals, as long as these are few enough to be told
+/// apart.
+void drawRivals(const SideBySide& both, const StereoResult& result);
+
+/// Both eyes side by side; the two ellipses of a pair have the same number and colour. Markers of pairs in doubt have
+/// ? and the numbers of all such pairs that they may be in.
 ///
 /// @param images  those in whose pixels the markers are.
 /// @param labels  of the pairs, in their order; empty: their numbers.
@@ -42,6 +47,8 @@ struct ViewDisc {
     double radius;                            ///< NaN: a small one
     double value;                             ///< what the colour shows
     std::optional<cv::Matx33d> covariance{};  ///< of the centre, drawn as an ellipsoid
+    bool doubtful = false;                    ///< dashed and without a colour, joined with its rivals
+    std::vector<cv::Vec3d> rivals{};          ///< where its markers may be instead
 };
 
 /// Of a marker's point, where its disc was measured from two refined ellipses.
@@ -59,7 +66,8 @@ struct ViewText {
 /// colour.
 cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text);
 
-/// The discs of an exposure in space, coloured by how far behind the nearest they are; empty where it gives no points.
+/// The discs of an exposure in space, coloured by how far behind the nearest they are, and those in doubt; empty where
+/// it gives no points.
 cv::Mat drawPoints(const StereoResult& result, const std::string& title);
 
 }  // namespace kestrune::measure

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "stereo_exposure.h"
+#include "trusted_match.h"
 
 namespace kestrune::measure {
 namespace {
@@ -67,17 +68,24 @@ std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs
     const auto [left, right] = result.found;
     if (left == 0 && right == 0) return "no markers in either eye";
     if (left == 0 || right == 0) return fmt::format("no markers in the {} eye", left == 0 ? "left" : "right");
+    if (result.trusted && result.trusted->match.objection != MatchObjection::none) return result.trusted->match.reason;
     const std::size_t poorer = std::min(left, right), pairs = result.markers.size();
     if (pairs > 0 && static_cast<double>(pairs) >= minShare * static_cast<double>(poorer)) return {};
     const std::string few =
         pairs > 0 ? fmt::format("{} of {} markers paired", pairs, poorer)
                   : fmt::format("no match among {} markers in the left and {} in the right eye", left, right);
+    if (result.trusted) {
+        const std::string ambiguous = ambiguityOf(result);
+        return few + (ambiguous.empty() ? "" : "; " + ambiguous);
+    }
     return fmt::format("{}; {}{}", few,
                        blamesTheRig(result) ? "eyes exchanged, or the calibration of another rig? " : "",
                        chiefObstacle(result, configs));
 }
 
 std::string doubtAbout(const StereoResult& result) {
+    // It has weighed rows by how well the centres are known, and would have told of a pattern in them.
+    if (result.trusted) return ambiguityOf(result);
     std::vector<double> rows;
     for (const StereoMarker& m : result.markers) rows.push_back(std::abs(m.residuals.row));
     if (rows.empty()) return {};

@@ -32,14 +32,14 @@ Residuals rootMeanSquares(const StereoResult& result);
 /// the rig of another day, leave a few pairs by chance: 3 of 60 at most on rendered exposures.
 constexpr double kLeastShare = 0.5;
 
-/// What speaks against an exposure as a whole; empty if nothing does.
+/// What speaks against an exposure as a whole; empty if nothing does. A match by probability tells its objection.
 ///
 /// @param minShare  0 to 1; 0 takes any number of pairs above none.
 std::string objectionTo(const StereoResult& result, const CicrleConfigs& configs, double minShare);
 
 /// What speaks against some pairs of an exposure that is good as a whole, or against its calibration: in a dense
-/// pattern a wrong partner in the right rows still lies farther off its row than a marker's centre is in doubt. Empty:
-/// nothing.
+/// pattern a wrong partner in the right rows still lies farther off its row than a marker's centre is in doubt. Of a
+/// match by probability, the pairs that it left out as ambiguous. Empty: nothing.
 std::string doubtAbout(const StereoResult& result);
 
 }  // namespace kestrune::measure

@@ -19,18 +19,20 @@ const cv::Rect kStage(100, 130, 1260, 930);  // where the box goes
 const cv::Rect kBar(1440, 240, 36, 640);     // the colour bar
 // The viewer stands this far around the scene and above it: enough to tell depth, not so much that discs become slits.
 constexpr double kYaw = 0.62, kPitch = 0.42;
-constexpr int kRimPoints = 48;
-constexpr int kTicks = 7;                 // about so many along the longest axis
-constexpr double kEnlarged = 2;           // discs against the space between them, so that their colour shows
-constexpr double kNeedle = 1.8;           // length of a normal, in radii
-constexpr double kUnknownRadius = 0.008;  // of the box's longest side, for discs of unknown size
-constexpr double kMargin = 0.06;          // of the box around the discs, in its longest side
+constexpr int kRimPoints = 48, kRimDash = 3;  // points of a dash, and as many of the gap
+constexpr int kTicks = 7;                     // about so many along the longest axis
+constexpr double kEnlarged = 2;               // discs against the space between them, so that their colour shows
+constexpr double kNeedle = 1.8;               // length of a normal, in radii
+constexpr double kUnknownRadius = 0.008;      // of the box's longest side, for discs of unknown size
+constexpr double kMargin = 0.06;              // of the box around the discs, in its longest side
+// A rival that is farther from the middle of the others, in sides of their box, would make them small to show itself.
+constexpr double kRivalReach = 1.5;
 constexpr double kViewErrorShare = 0.06;  // of that side, what the median ellipsoid takes at most
 constexpr int kViewFont = cv::FONT_HERSHEY_SIMPLEX;
 constexpr int kViewFractionBits = 4;
 
 const cv::Scalar kPaper(255, 255, 255), kInk(50, 45, 40), kGrid(225, 222, 218), kFloor(246, 244, 242),
-    kShadow(215, 212, 208), kViewError(40, 40, 220), kUnrefined(190, 60, 150);
+    kShadow(215, 212, 208), kViewError(40, 40, 220), kUnrefined(190, 60, 150), kDoubtful(0, 130, 235);
 
 using Polygon = std::vector<cv::Vec3d>;
 
@@ -163,14 +165,21 @@ struct Box {
     double side() const { return std::max({high[0] - low[0], high[1] - low[1], high[2] - low[2]}); }
 };
 
+void include(Box& box, const cv::Vec3d& point) {
+    for (int k = 0; k < 3; ++k) {
+        box.low[k] = std::min(box.low[k], point[k]);
+        box.high[k] = std::max(box.high[k], point[k]);
+    }
+}
+
 Box boxOf(const std::vector<ViewDisc>& discs) {
     Box box{cv::Vec3d::all(1e30), cv::Vec3d::all(-1e30)};
-    for (const ViewDisc& disc : discs) {
-        for (int k = 0; k < 3; ++k) {
-            box.low[k] = std::min(box.low[k], disc.centre[k]);
-            box.high[k] = std::max(box.high[k], disc.centre[k]);
-        }
-    }
+    for (const ViewDisc& disc : discs) include(box, disc.centre);
+    const Box own = box;
+    for (const ViewDisc& disc : discs)
+        for (const cv::Vec3d& rival : disc.rivals)
+            if (cv::norm(rival - 0.5 * (own.low + own.high), cv::NORM_INF) <= kRivalReach * own.side())
+                include(box, rival);
     const double margin = std::max(kMargin * box.side(), 1e-6);
     return {box.low - cv::Vec3d::all(margin), box.high + cv::Vec3d::all(margin)};
 }
@@ -211,15 +220,33 @@ double errorScaleOf(const std::vector<ViewDisc>& discs, const Box& box) {
     return errorScale(longest, kViewErrorShare * box.side());
 }
 
+/// A dashed rim, and where its markers may be instead.
+void drawDoubtful(Canvas& canvas, const ViewDisc& disc, const Polygon& rim) {
+    for (const cv::Vec3d& rival : disc.rivals) {
+        if (!cv::Rect({}, kPicture).contains(canvas.at(rival))) continue;
+        canvas.outline({disc.centre, rival}, kDoubtful, 1, false);
+        cv::circle(canvas.picture(), canvas.at(rival), 3, kDoubtful, cv::FILLED, cv::LINE_AA);
+    }
+    for (std::size_t k = 0; k < rim.size(); k += 2 * kRimDash)
+        canvas.outline(
+            {rim.begin() + static_cast<std::ptrdiff_t>(k), rim.begin() + static_cast<std::ptrdiff_t>(k) + kRimDash + 1},
+            kDoubtful, 2, false);
+}
+
 void drawDiscs(Canvas& canvas, std::vector<ViewDisc> discs, const Box& box, double largest, double errors) {
     for (ViewDisc& disc : discs)
         disc.radius = std::isnan(disc.radius) ? kUnknownRadius * box.side() : kEnlarged * disc.radius;
     for (const ViewDisc& disc : discs)
-        canvas.fill(rimOf({disc.centre[0], box.high[1], disc.centre[2]}, {0, -1, 0}, disc.radius), kShadow);
+        if (!disc.doubtful)
+            canvas.fill(rimOf({disc.centre[0], box.high[1], disc.centre[2]}, {0, -1, 0}, disc.radius), kShadow);
     std::ranges::sort(discs, std::greater(), [](const ViewDisc& d) { return Projection::depth(d.centre); });
     for (const ViewDisc& disc : discs) {
         const bool known = !std::isnan(disc.normal[0]);
         const Polygon rim = rimOf(disc.centre, known ? disc.normal : -Projection::away(), disc.radius);
+        if (disc.doubtful) {
+            drawDoubtful(canvas, disc, rim);
+            continue;
+        }
         canvas.fill(rim, colourOf(disc.value, largest));
         const bool plain = errors == 0 || disc.covariance;
         canvas.outline(rim, plain ? kInk : kUnrefined, plain ? 1 : 3, true);
@@ -262,11 +289,13 @@ cv::Mat drawView(const std::vector<ViewDisc>& discs, const ViewText& text) {
     canvas.text(known ? "discs at twice their size, needles along their normals, grey: shadows on the floor"
                       : "size and tilt are not measured, grey: shadows on the floor",
                 {40, 76}, {0, 0}, 0.65);
-    const bool all = std::ranges::all_of(discs, [](const ViewDisc& d) { return d.covariance.has_value(); });
+    const bool all = std::ranges::all_of(discs, [](const ViewDisc& d) { return d.doubtful || d.covariance; });
+    std::string note;
     if (errors > 0)
-        canvas.text(fmt::format("red: uncertainty of the centres x {:g}{}", errors,
-                                all ? "" : ", violet rims: not refined in both eyes"),
-                    {40, 106}, {0, 0}, 0.65);
+        note = fmt::format("red: uncertainty of the centres x {:g}{}   ", errors,
+                           all ? "" : ", violet rims: not refined in both eyes");
+    if (std::ranges::any_of(discs, &ViewDisc::doubtful)) note += "dashed: ambiguous, with lines to their rivals";
+    canvas.text(note, {40, 106}, {0, 0}, 0.65);
     return picture;
 }
 

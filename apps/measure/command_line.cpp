@@ -61,6 +61,18 @@ void addRefine(CLI::App* command, bool& refine) {
                                   refine ? "done" : "not done"));
 }
 
+void addMatcher(CLI::App* command, Matching& matching) {
+    static const std::map<std::string, Matching> kMatchings = {{"path", Matching::path},
+                                                               {"trusted", Matching::trusted}};
+    command
+        ->add_option("--match", matching,
+                     fmt::format("pair the markers by the matcher of the path, or by probability, which gives pairs "
+                                 "that are sure and tells of the others; {} without it",
+                                 nameOf(matching)))
+        ->transform(CLI::CheckedTransformer(kMatchings))
+        ->option_text("path|trusted");
+}
+
 void addDemo(CLI::App& app, DemoOptions& options) {
     CLI::App* command =
         app.add_subcommand("demo", "Render exposures, find and measure their markers, compare with the truth");
@@ -86,6 +98,7 @@ void addDemo(CLI::App& app, DemoOptions& options) {
     command->add_option("--seed", options.seed, "of places and noise")->capture_default_str();
     command->add_option("--settings", options.settings, "folder of the ready settings");
     addRefine(command, options.refine);
+    addMatcher(command, options.matching);
     command->footer(
         std::string("Exit code: 0 if every path found and paired every marker and nothing else, otherwise 1.") +
         kFileNotes);

@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <charconv>
+#include <functional>
 #include <map>
+#include <optional>
+#include <vector>
 
 #include "command_line.h"
 
@@ -51,6 +57,76 @@ PLY: all points, with the exposure's number from 0. Overlay: NAME.png and NAME-3
 NAME-overlay where an image of the run has such a name.
 Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun.)";
 
+constexpr const char* kTrustNotes = R"(
+With --match trusted every pair has the probability that both its markers are one: every cue (rows, the two circles in
+space, radii, depths, normals, grey levels, a known object) counts by its own uncertainty, over all ways to pair the
+whole exposure. There is no tolerance to find. Nominal radii and depths are those of the options, or of the settings:
+markerRadii, with sizeTolerance as two standard deviations, minDepth and maxDepth. Pairs of at least --sure become
+points; the others are ambiguous, and are told with their rivals and what would decide.)";
+
+constexpr const char* kStereoTrustNotes = R"(
+CSV has a column probability and, beside it as NAME-ambiguous.csv, a table of the ambiguous pairs, each before its
+rivals, with left and right as numbers of the eyes' markers; JSON has them as ambiguous, with objection, reason, moved
+and the scales of the markers' sigmas. Pictures show them dashed, with ? and lines to their rivals.
+What speaks against an exposure as a whole (nothing matches, eyes exchanged, a pattern that repeats, a rig that has
+moved) fails it with its reason. Of a rig that has moved, --write-moved writes the corrected calibration, by the
+exposure with most pairs; measured again with that, the exposures give points.)";
+
+constexpr const char* kExplainTrustNotes = R"(
+The list then has all pairs, sure ones and those in doubt with their rivals, with the distance from the epipolar line
+and its standard deviation, px; how the two circles in space disagree (shape: chi-square of 3); and how much more
+likely a pair each cue makes the two than chance would (natural logarithms: 7 is a thousand times); - is what could
+not be judged. --refine and --no-refine count for it alone: the path's matcher is explained without.)";
+
+/// Numbers with commas between them; none for anything else.
+std::optional<std::vector<double>> numbersIn(const std::string& text) {
+    std::vector<double> numbers;
+    for (const char *at = text.data(), *const end = at + text.size();; ++at) {
+        const auto [stop, error] = std::from_chars(at, end, numbers.emplace_back());
+        if (error != std::errc() || (stop != end && *stop != ',')) return std::nullopt;
+        if (stop == end) return numbers;
+        at = stop;
+    }
+}
+
+/// An option of one or `count` numbers.
+CLI::Option* addNumbers(CLI::App* command, const std::string& name, std::size_t count, const std::string& help,
+                        const std::function<void(const std::vector<double>&)>& take) {
+    return command->add_option_function<std::string>(
+        name,
+        [=](const std::string& text) {
+            const auto numbers = numbersIn(text);
+            if (!numbers || (count > 0 && numbers->size() != count))
+                throw CLI::ValidationError(name, fmt::format("{} is no {} with commas between them", text,
+                                                             count > 0 ? fmt::format("{} numbers", count) : "numbers"));
+            take(*numbers);
+        },
+        help);
+}
+
+/// How to pair, and what is known for it.
+void addMatching(CLI::App* command, MatchingOptions& options) {
+    addMatcher(command, options.matching);
+    MatchKnowledge& known = options.known;
+    addNumbers(command, "--radii", 0, "trusted: nominal radii of the markers; without it, those of the settings",
+               [&known](const auto& radii) { known.radii = radii; })
+        ->option_text("R[,R..]");
+    command->add_option("--radius-tolerance", known.radiusTolerance,
+                        "trusted: standard deviation of a radius, as a share of the nominal one; 0.01 with --radii");
+    addNumbers(command, "--depth-range", 2,
+               "trusted: nearest and farthest z in the left camera's frame; without it, the settings'",
+               [&known](const auto& depths) {
+                   known.depth = {depths[0], depths[1]};
+               })
+        ->option_text("NEAR,FAR");
+    command->add_option(
+        "--sure", known.sure,
+        fmt::format("trusted: least probability of a pair that becomes a point; {} without it", MatchOptions{}.sure));
+    command->add_option("--object", options.object,
+                        "trusted: CSV of markers whose places on the object are known: x, y, z, sigma and perhaps "
+                        "radius, or points that stereo measured");
+}
+
 /// The options of every command that searches the images of both eyes.
 void addStereoSearch(CLI::App* command, std::string& settings, std::optional<Path>& path,
                      std::optional<GreyRange>& range, bool& invert) {
@@ -76,12 +152,14 @@ void addExplainStereo(CLI::App& app, ExplainStereoOptions& options) {
     command->add_option("--left", options.left, "image of the left eye")->required();
     command->add_option("--right", options.right, "that of the right eye")->required();
     addStereoSearch(command, options.settings, options.path, options.range, options.invert);
+    addMatching(command, options.match);
+    addRefine(command, options.refine);
     command->add_option("--out", options.out, "draw the markers")->option_text("FILE.png");
     command->add_option("--csv", options.csv, "write all markers as a table");
-    command->footer(std::string(kExplainStereoNotes) + kImageNotes + kFileNotes);
+    command->footer(std::string(kExplainStereoNotes) + kTrustNotes + kExplainTrustNotes + kImageNotes + kFileNotes);
 }
 
-void addMatch(CLI::App& app, MatchOptions& options) {
+void addMatch(CLI::App& app, ListMatchOptions& options) {
     CLI::App* command =
         app.add_subcommand("match", "Pair two lists of markers by epipolar lines and place them in space");
     command->add_option("LEFT", options.left, "markers of the left eye, CSV")->required();
@@ -114,12 +192,17 @@ void addStereo(CLI::App& app, StereoOptions& options) {
                      "share of the poorer eye's markers that must be paired, or the exposure counts as failed; 0: any")
         ->capture_default_str();
     addRefine(command, options.refine);
+    addMatching(command, options.match);
+    command
+        ->add_option("--write-moved", options.moved,
+                     "trusted: write the calibration with R and T as the exposures show them, if the rig has moved")
+        ->option_text("FILE");
     command->add_option("--csv", options.csv, "write the markers as a table");
     command->add_option("--ply", options.ply, "write the points as a cloud");
     command->add_option("--json", options.json, "write everything, failures included");
     command->add_option("--overlay", options.overlay, "folder for pictures of both eyes and of the points")
         ->option_text("DIR");
-    command->footer(std::string(kStereoNotes) + kImageNotes + kFileNotes);
+    command->footer(std::string(kStereoNotes) + kTrustNotes + kStereoTrustNotes + kImageNotes + kFileNotes);
 }
 
 }  // namespace kestrune::measure

@@ -11,6 +11,7 @@
 
 #include <kestrune/MarkerMetrology.h>
 #include "grey_range.h"
+#include "matching_options.h"
 #include "pixels.h"
 #include "run_files.h"
 #include "stereo_exposure.h"
@@ -62,7 +63,9 @@ struct ExplainStereoOptions {
     std::optional<Path> path;
     bool invert = false;
     std::optional<GreyRange> range;  ///< none: that of the data
-    std::string csv, out;            ///< file names, empty: not asked for
+    MatchingOptions match;
+    bool refine = kRefineStereo;  ///< measure the markers again before they are matched, if by probability
+    std::string csv, out;         ///< file names, empty: not asked for
 };
 
 int runExplainStereo(const ExplainStereoOptions& options);
@@ -74,24 +77,26 @@ struct DepthOptions : SearchOptions {
 
 int runDepth(const DepthOptions& options);
 
-struct MatchOptions {
+struct ListMatchOptions {
     std::string left, right;       ///< tables of markers
     std::string calibration, csv;  ///< file names
     std::string fundamental;       ///< file name, empty: that of the calibration
     std::optional<Pixels> pixels;  ///< of tables that do not tell
 };
 
-int runMatch(const MatchOptions& options);
+int runMatch(const ListMatchOptions& options);
 
 struct StereoOptions {
     std::vector<std::string> left, right;  ///< images, paired in this order
     std::string calibration, settings;
     std::optional<Path> path;
     bool invert = false;
-    std::optional<GreyRange> range;       ///< none: that of the data
-    int jobs = 0;                         ///< exposures at a time; 0: one for each hardware thread
-    double minShare = kLeastShare;        ///< of the poorer eye's markers that must be paired
-    bool refine = kRefineStereo;          ///< measure the markers again before they are matched
+    std::optional<GreyRange> range;  ///< none: that of the data
+    int jobs = 0;                    ///< exposures at a time; 0: one for each hardware thread
+    double minShare = kLeastShare;   ///< of the poorer eye's markers that must be paired
+    bool refine = kRefineStereo;     ///< measure the markers again before they are matched
+    MatchingOptions match;
+    std::string moved;                    ///< file name of a corrected calibration, empty: not asked for
     std::string csv, ply, json, overlay;  ///< file names and a folder, empty: not asked for
 };
 
@@ -104,6 +109,7 @@ struct DemoOptions {
     std::uint64_t seed = 1;
     std::string settings;         ///< folder of the ready settings; empty: where the program was built or installed
     bool refine = kRefineStereo;  ///< measure the markers again
+    Matching matching = kMatchStereo;
 };
 
 int runDemo(const DemoOptions& options);

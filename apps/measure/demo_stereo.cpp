@@ -129,14 +129,18 @@ void rateSigmas(Outcome& outcome, const std::vector<scene::MarkerTruth>& truth) 
 }
 
 Outcome measureBranch(const Branch& branch, const fs::path& folder, const scene::Exposure& exposure,
-                      CircleMarkerExtractor extractor, bool refine) {
+                      CircleMarkerExtractor extractor, const DemoOptions& options) {
     Outcome outcome;
+    const bool refine = options.refine;
+    const TrustedInput trusted{};
     const RefinementInput refinement{{GreyImage{exposure.image[0]}, GreyImage{exposure.image[1]}}};
     outcome.result = measureExposure(extractor, exposure.image, settingsFor(branch, folder, exposure.rig.left.size), 0,
-                                     refine ? &refinement : nullptr);
+                                     refine ? &refinement : nullptr, nullptr,
+                                     options.matching == Matching::trusted ? &trusted : nullptr);
     std::vector<scene::MeasuredMarker> measured;
     for (const StereoMarker& m : outcome.result.markers) measured.push_back({m.pixel, m.point, m.normal, m.radius});
-    outcome.score = scene::scoreStereo(exposure, measured, branch.meaning, kMatchDistancePx);
+    const scene::PixelMeaning meaning = outcome.result.trusted ? scene::PixelMeaning::projectedCentre : branch.meaning;
+    outcome.score = scene::scoreStereo(exposure, measured, meaning, kMatchDistancePx);
     if (refine) rateSigmas(outcome, exposure.markers);
     return outcome;
 }
@@ -258,7 +262,7 @@ bool demoStereo(const DemoOptions& options, const fs::path& settings, const fs::
     for (const Branch& branch : kBranches) {
         if (watch.asked()) break;
         progress.show(outcomes.size() + 1, branch.name);
-        outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration), options.refine));
+        outcomes.push_back(measureBranch(branch, settings, exposure, calibratedExtractor(calibration), options));
         drawBranch(branch, exposure, calibration, outcomes.back(), out);
     }
     progress.clear();

@@ -24,11 +24,14 @@ int runExplainStereo(const ExplainStereoOptions& options) {
     files.reads("--right", options.right);
     files.reads("--calibration", options.calibration);
     files.reads("--settings", options.settings);
+    options.match.addTo(files);
     files.writesTable("--csv", options.csv);
     files.writes("--out", options.out);
     files.check();
     const Settings settings = readStereoSettings(options.settings, options.path);
     Rig calibration = readRig(options.calibration);
+    const std::optional<TrustedInput> trusted = trustedInput(options.match, calibration);
+    const bool refine = trusted && options.refine;
     if (!options.out.empty() && fs::path(options.out).extension() != ".png")
         throw InputError(options.out, "a picture is written as .png");
     OutputFile csv;
@@ -36,10 +39,14 @@ int runExplainStereo(const ExplainStereoOptions& options) {
     const auto range = rangeOfRun({options.left, options.right}, options.range, watch.asked());
     try {
         if (calibration.size.empty()) calibration.size = decodeImage(options.left).size();
-        const auto images = readExposure(options.left, options.right, {options.invert, range}, calibration.size);
+        RefinementInput refinement{{}, calibration.uncertainty};
+        const auto images = readExposure(options.left, options.right, {options.invert, range}, calibration.size,
+                                         refine ? &refinement.grey : nullptr);
         if (watch.asked()) return watch.exitCode(kPartlyFailed, "nothing is done");
         CircleMarkerExtractor extractor = calibratedExtractor(calibration);
-        const StereoResult result = measureExposure(extractor, images, settings, kLeastShare);
+        const StereoResult result =
+            measureExposure(extractor, images, settings, kLeastShare, refine ? &refinement : nullptr, nullptr,
+                            trusted ? &*trusted : nullptr);
         if (csv.isOpen()) writePairExplanationCsv(csv.stream(), result, settings.configs);
         const std::string title = fmt::format("{}, {}   path {}", fs::path(options.left).filename().string(),
                                               fs::path(options.right).filename().string(), nameOf(settings.path));

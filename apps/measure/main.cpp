@@ -34,7 +34,7 @@ int run(int argc, char** argv) {
     addExplainStereo(app, explainStereo);
     DepthOptions depth;
     addDepth(app, depth);
-    MatchOptions match;
+    ListMatchOptions match;
     addMatch(app, match);
     StereoOptions stereo;
     addStereo(app, stereo);

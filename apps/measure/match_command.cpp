@@ -16,7 +16,7 @@ namespace {
 using HostCamera = Camera_<double, 2, 2>;
 
 /// The markers of one eye, in pixels that the epipolar lines are drawn in.
-std::vector<Corner> loadList(const std::string& file, const MatchOptions& options, const HostCamera& camera) {
+std::vector<Corner> loadList(const std::string& file, const ListMatchOptions& options, const HostCamera& camera) {
     CornerList list = readCorners(file, options.pixels);
     if (list.pixels == Pixels::rectified)
         throw InputError(file, "is of rectified pixels; match needs those of the cameras, without distortion");
@@ -48,7 +48,7 @@ cv::Mat loadFundamental(const std::string& file, CircleMarkerExtractor& rig) {
 
 }  // namespace
 
-int runMatch(const MatchOptions& options) {
+int runMatch(const ListMatchOptions& options) {
     const InterruptWatch watch;
     RunFiles files;
     files.reads("LEFT", options.left);

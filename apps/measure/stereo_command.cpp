@@ -47,6 +47,11 @@ std::vector<ExposureNames> nameExposures(const StereoOptions& options) {
     return names;
 }
 
+/// Empty where none is written.
+std::string ambiguousTable(const StereoOptions& options) {
+    return options.match.matching == Matching::trusted ? ambiguousTableOf(options.csv) : "";
+}
+
 /// Names the pictures of each exposure, none where none are asked for; checks all files of the run.
 std::vector<std::string> namePictures(const StereoOptions& options, const std::vector<ExposureNames>& names) {
     RunFiles files;
@@ -54,9 +59,12 @@ std::vector<std::string> namePictures(const StereoOptions& options, const std::v
     files.reads("--right", options.right);
     files.reads("--settings", options.settings);
     files.reads("--calibration", options.calibration);
+    options.match.addTo(files);
     files.writesTable("--csv", options.csv);
+    files.writesTable("--csv", ambiguousTable(options));
     files.writes("--ply", options.ply);
     files.writes("--json", options.json);
+    files.writes("--write-moved", options.moved);
     std::vector<std::string> pictures;
     if (!options.overlay.empty()) {
         for (const ExposureNames& exposure : names)
@@ -90,10 +98,17 @@ struct StereoWork {
         : pictures(namePictures(options, names)),
           settings(readStereoSettings(options.settings, options.path)),
           calibration(readRig(options.calibration)),
+          trusted(trustedInput(options.match, calibration)),
           intake{options.invert, {}},
           minShare(options.minShare),
           refine(options.refine),
           overlays(options.overlay) {
+        if (!options.moved.empty() && !trusted)
+            throw InputError("--write-moved", "is for --match trusted, which notices that a rig has moved");
+        if (!options.moved.empty() && settings.configs.cornersRectified)
+            throw InputError("--write-moved",
+                             "needs images as the cameras took them, and the settings say that these "
+                             "are rectified (cornersRectified)");
         if (calibration.size.empty()) calibration.size = sizeOfImages(options);
         if (!options.overlay.empty()) fs::create_directories(overlays);
     }
@@ -107,7 +122,8 @@ struct StereoWork {
             const auto images =
                 readExposure(names.left, names.right, intake, calibration.size, refine ? &refinement.grey : nullptr);
             measured.unreadable = false;
-            measured.result = measureExposure(extractor, images, settings, minShare, refine ? &refinement : nullptr);
+            measured.result = measureExposure(extractor, images, settings, minShare, refine ? &refinement : nullptr,
+                                              nullptr, trusted ? &*trusted : nullptr);
             problem = &measured.lostPicture;  // the points stay
             if (!overlays.empty()) draw(names.name, pictures[index], images, measured.result);
         } catch (const OutputError& error) {
@@ -143,6 +159,7 @@ struct StereoWork {
     std::vector<std::string> pictures;  ///< first, since naming them checks all files
     Settings settings;
     Rig calibration;
+    std::optional<TrustedInput> trusted;
     ImageIntake intake;
     double minShare;
     bool refine;
@@ -153,8 +170,9 @@ std::string summaryOf(const StereoResult& result) {
     std::string counts =
         fmt::format("{} pairs of {} left and {} right markers, {} and {} unmatched", result.markers.size(),
                     result.found[0], result.found[1], result.unmatched[0].size(), result.unmatched[1].size());
+    if (result.trusted) counts += fmt::format(", {} ambiguous", result.trusted->ambiguous.size());
     for (std::size_t eye = 0; eye < 2; ++eye)
-        if (!result.estimates[eye].empty())
+        if (result.refined && !result.estimates[eye].empty())
             counts += fmt::format("; {}: {}", eye == 0 ? "left" : "right", countsOf(result.estimates[eye]));
     if (!result.failure.empty()) return counts;
     const Residuals rms = rootMeanSquares(result);
@@ -162,12 +180,45 @@ std::string summaryOf(const StereoResult& result) {
                        rms.eye[1]);
 }
 
+/// The rig that has moved as the exposure with most pairs shows it.
+struct SeenToMove {
+    MovedRig rig;
+    std::string exposure;
+    std::size_t pairs = 0;
+
+    void take(const std::string& name, const StereoResult& result) {
+        if (!result.trusted || result.trusted->match.objection != MatchObjection::rigMoved) return;
+        if (rig.found && result.markers.size() <= pairs) return;
+        rig = result.trusted->match.moved;
+        exposure = name;
+        pairs = result.markers.size();
+    }
+
+    /// @throws InputError, OutputError
+    void write(const std::string& file, const Rig& calibration) const {
+        if (!rig.found) {
+            if (!file.empty())
+                complain(
+                    fmt::format("--write-moved: no exposure shows a rig that has moved, {} is not "
+                                "written",
+                                file));
+            return;
+        }
+        const std::string what = fmt::format("{}: the rig has moved by {:.4f} degrees, which is {:.3f} px RMS",
+                                             exposure, rig.angle, rig.size);
+        if (file.empty()) return complain(what + "; --write-moved FILE writes the corrected calibration");
+        writeRig(file, movedRig(calibration, rig));
+        say(fmt::format("{}; {} has the corrected calibration\n", what, file));
+    }
+};
+
 /// Tells of each exposure and writes it, in their order.
 struct Delivery {
     const std::vector<ExposureNames>& names;
     StereoOutput& output;
     Progress& progress;
     std::size_t done = 0, read = 0, failed = 0;
+    SeenToMove moved{};
 
     /// @throws OutputError
     void take(std::size_t index, const Measured& measured) {
@@ -184,6 +235,7 @@ struct Delivery {
         if (!result.doubt.empty()) complain(fmt::format("{}: {}", exposure.name, result.doubt));
         if (!measured.lostPicture.empty()) complain(fmt::format("{}: {}", exposure.name, measured.lostPicture));
         if (!result.failure.empty() || !measured.lostPicture.empty()) ++failed;
+        moved.take(exposure.name, result);
         output.add(exposure, result);
         if (measured.lost) throw OutputError(*measured.lost);
     }
@@ -204,10 +256,11 @@ int runStereo(const StereoOptions& options) {
     std::vector<std::string> images = options.left;
     images.insert(images.end(), options.right.begin(), options.right.end());
     run.intake.range = rangeOfRun(images, options.range, watch.asked());
-    StereoOutput output({options.csv, options.ply, options.json},
+    StereoOutput output({options.csv, options.ply, options.json, ambiguousTable(options)},
                         {options.calibration, options.settings, nameOf(run.settings.path),
                          run.settings.configs.outputRectified ? "rectified left" : "left camera", run.intake.range},
-                        {matchesConics(run.settings.path) || options.refine, options.refine});
+                        {matchesConics(run.settings.path) || options.refine || run.trusted,
+                         options.refine || run.trusted, run.trusted.has_value()});
 
     const std::size_t workers = std::min(workerCount(options.jobs), names.size());
     std::vector<CircleMarkerExtractor> extractors(workers, calibratedExtractor(run.calibration));
@@ -240,6 +293,11 @@ int runStereo(const StereoOptions& options) {
         lost.merge(output.close(held));
     else if (!(options.csv + options.ply + options.json).empty())
         complain("no table is written, since no exposure was read");
+    try {
+        delivery.moved.write(options.moved, run.calibration);
+    } catch (const std::runtime_error& error) {
+        lost.insert(error.what());
+    }
     for (const std::string& reason : lost) complain(reason);
     if (delivery.failed > 0) complain(fmt::format("{} of {} exposures failed", delivery.failed, names.size()));
     return watch.exitCode(delivery.failed == 0 && lost.empty() ? kSuccess : kPartlyFailed,

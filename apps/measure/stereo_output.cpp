@@ -4,9 +4,12 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "csv.h"
+#include "trust_explanation.h"
+#include "trusted_match.h"
 
 namespace kestrune::measure {
 namespace {
@@ -36,11 +39,53 @@ json listOf(const cv::Matx33d& m) {
             listOf(cv::Vec3d(m(2, 0), m(2, 1), m(2, 2)))};
 }
 
+json cuesOf(const PairCues& cues) {
+    json list;
+    for (const CueColumn& cue : cueColumns()) list[cue.name] = cues.*cue.value;
+    return list;
+}
+
+/// A pair in doubt, or one of its rivals.
+json candidateOf(const StereoMarker& m) {
+    return {{"numbers", m.number},
+            {"left", listOf(m.pixel[0])},
+            {"right", listOf(m.pixel[1])},
+            {"point", listOf(m.point)},
+            {"normal", listOf(m.normal)},
+            {"radius", m.radius},
+            {"probability", m.trust->probability}};
+}
+
+/// What a match by probability tells of the exposure.
+void addTrust(json& record, const TrustedResult& trusted) {
+    const StereoMatch& match = trusted.match;
+    record["objection"] = nameOf(match.objection);
+    record["reason"] = match.reason;
+    if (match.objection == MatchObjection::patternRepeats) record["repeat"] = match.repeat;
+    record["scales"] = {{"centre", match.centreScale}, {"shape", match.shapeScale}};
+    if (match.moved.found)
+        record["moved"] = {{"size", match.moved.size},
+                           {"angle", match.moved.angle},
+                           {"rotation", listOf(match.moved.rotation)},
+                           {"translation", listOf(match.moved.translation)}};
+    json pairs = json::array();
+    for (const AmbiguousPair& pair : trusted.ambiguous) {
+        json candidate = candidateOf(pair.marker);
+        candidate["cues"] = cuesOf(pair.marker.trust->cues);
+        candidate["decider"] = nameOf(pair.decider);
+        candidate["rivals"] = json::array();
+        for (const StereoMarker& rival : pair.rivals) candidate["rivals"].push_back(candidateOf(rival));
+        pairs.push_back(std::move(candidate));
+    }
+    record["ambiguous"] = std::move(pairs);
+}
+
 /// Both eyes' ellipses with the columns of the tables of markers, and the covariances of the disc where there is one.
 void addEstimate(json& marker, const PairEstimate& pair) {
     json eyes = json::array();
-    for (const MarkerEstimate& e : pair.eyes) {
-        json eye = {{"status", nameOf(e.status)},
+    for (std::size_t k = 0; k < 2; ++k) {
+        const MarkerEstimate& e = pair.eyes[k];
+        json eye = {{"status", statusOf(pair, k)},
                     {"centre", listOf(e.centre)},
                     {"halfAxes", {e.majorHalfAxis, e.minorHalfAxis}},
                     {"angle", degreesOf(e.angle)}};
@@ -59,21 +104,32 @@ void addEstimate(json& marker, const PairEstimate& pair) {
 
 }  // namespace
 
+std::string ambiguousTableOf(const std::string& csv) {
+    const std::filesystem::path path(csv);
+    if (csv.empty() || (std::filesystem::exists(path) && !std::filesystem::is_regular_file(path))) return {};
+    return (path.parent_path() / (path.stem().string() + "-ambiguous" + path.extension().string())).string();
+}
+
 StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, const StereoDetail& detail)
     : detail_(detail) {
     csv_.open(files.csv);
     ply_.open(files.ply);
     json_.open(files.json);
+    ambiguous_.open(files.ambiguous);
     if (csv_.isOpen()) {
         csv_.stream() << "exposure,pair,leftX,leftY,rightX,rightY,X,Y,Z,normalX,normalY,normalZ,radius,"
                          "rowResidual,leftResidual,rightResidual,leftMarkers,rightMarkers,pairs,leftUnmatched,"
                          "rightUnmatched,error";
-        if (detail_.refined) {
+        if (detail_.estimates) {
             csv_.stream() << ",leftStatus,rightStatus,pointSource";
             for (const PairColumn& column : pairColumns()) csv_.stream() << ',' << column.name;
         }
-        csv_.stream() << '\n';
+        csv_.stream() << (detail_.trusted ? ",probability\n" : "\n");
         csv_.flush();
+    }
+    if (ambiguous_.isOpen()) {
+        ambiguous_.stream() << "exposure,pair," << pairRowHeader() << '\n';
+        ambiguous_.flush();
     }
     if (json_.isOpen()) {
         json_.stream() << "{\n";
@@ -91,6 +147,10 @@ StereoOutput::StereoOutput(const StereoFiles& files, const StereoRun& run, const
 
 void StereoOutput::add(const ExposureNames& names, const StereoResult& result) {
     if (csv_.isOpen()) addRows(names.name, result);
+    if (ambiguous_.isOpen()) {
+        writeAmbiguousRows(ambiguous_.stream(), csvField(names.name) + ",", result);
+        ambiguous_.flush();
+    }
     if (json_.isOpen()) addRecord(names, result);
     if (ply_.isOpen()) addVertices(result);
     ++exposures_;
@@ -101,7 +161,8 @@ void StereoOutput::addRows(const std::string& exposure, const StereoResult& resu
         fmt::format(",{},{},{},{},{},{}", result.found[0], result.found[1], result.markers.size(),
                     result.unmatched[0].size(), result.unmatched[1].size(), csvField(result.failure));
     if (!result.failure.empty()) {
-        const std::size_t unknown = detail_.refined ? kEstimateTexts + pairColumns().size() : 0;
+        const std::size_t unknown =
+            (detail_.estimates ? kEstimateTexts + pairColumns().size() : 0) + (detail_.trusted ? 1 : 0);
         csv_.stream() << csvField(exposure) << std::string(kMarkerFields, ',') << counts << std::string(unknown, ',')
                       << '\n';
     }
@@ -115,11 +176,12 @@ void StereoOutput::addRows(const std::string& exposure, const StereoResult& resu
         }
         csv_.stream() << counts;
         if (m.estimate) {
-            csv_.stream() << ',' << nameOf(m.estimate->eyes[0].status) << ',' << nameOf(m.estimate->eyes[1].status)
-                          << ',' << pointSourceOf(*m.estimate);
+            csv_.stream() << ',' << statusOf(*m.estimate, 0) << ',' << statusOf(*m.estimate, 1) << ','
+                          << pointSourceOf(*m.estimate);
             for (const PairColumn& column : pairColumns())
                 csv_.stream() << ',' << csvField(column.valueOf(*m.estimate));
         }
+        if (m.trust) csv_.stream() << ',' << csvField(m.trust->probability);
         csv_.stream() << '\n';
     }
     csv_.flush();  // a full disk is noticed here
@@ -148,9 +210,15 @@ void StereoOutput::addRecord(const ExposureNames& names, const StereoResult& res
         marker["residuals"] = m.residuals.eye;
         if (m.polarity[0] != Polarity::unknown) marker["polarity"] = nameOf(m.polarity[0]);
         if (m.estimate) addEstimate(marker, *m.estimate);
+        if (m.trust) {
+            marker["numbers"] = m.number;
+            marker["probability"] = m.trust->probability;
+            marker["cues"] = cuesOf(m.trust->cues);
+        }
         markers.push_back(std::move(marker));
     }
     record[result.failure.empty() ? "markers" : "rejected"] = std::move(markers);
+    if (result.trusted) addTrust(record, *result.trusted);
     json_.stream() << (exposures_ == 0 ? "\n" : ",\n") << dump(record);
     json_.flush();
 }
@@ -186,6 +254,7 @@ std::set<std::string> StereoOutput::close(const std::string& held) {
         }
     };
     attempt([&] { csv_.commitTable(held); });
+    attempt([&] { ambiguous_.commitTable(held); });
     attempt([&] {
         if (json_.isOpen()) json_.stream() << "\n],\n\"complete\": " << (held.empty() ? "true" : "false") << "\n}\n";
         json_.commit();

@@ -17,7 +17,11 @@ namespace kestrune::measure {
 
 struct StereoFiles {
     std::string csv, ply, json;  ///< empty: not asked for
+    std::string ambiguous{};     ///< the table of pairs in doubt, beside `csv`
 };
+
+/// "points-ambiguous.csv" for "points.csv"; empty where that is, or is no regular file (a pipe, a device).
+std::string ambiguousTableOf(const std::string& csv);
 
 /// What all exposures of a run share, for the head of the JSON.
 struct StereoRun {
@@ -31,8 +35,9 @@ struct ExposureNames {
 
 /// What the tables tell of a marker beyond its point.
 struct StereoDetail {
-    bool normals;  ///< normals and radii
-    bool refined;  ///< uncertainties, and what became of the refinement
+    bool normals;    ///< normals and radii
+    bool estimates;  ///< uncertainties, and what became of the refinement
+    bool trusted;    ///< probabilities and pairs in doubt
 };
 
 class StereoOutput {
@@ -57,7 +62,7 @@ class StereoOutput {
     void writePly(const std::string& held);
 
     StereoDetail detail_;
-    OutputFile csv_, ply_, json_;
+    OutputFile csv_, ply_, json_, ambiguous_;
     std::string vertices_;
     std::size_t exposures_ = 0, vertexCount_ = 0;
 };

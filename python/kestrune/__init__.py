@@ -9,7 +9,8 @@
 
 Begin with :class:`Settings` (how to look), :class:`Rig` (the cameras) and :class:`Extractor`, whose methods are the
 operations: ``extract`` (markers of an image), ``explain`` (why something was no marker), ``refine`` (how well one is
-known), ``stereo`` (points in space), ``match`` and ``depth``. Results are tables (:class:`Table`): ``result["x"]`` is a
+known), ``stereo`` (points in space), ``match`` and ``depth``; :func:`match_markers` pairs any two lists of markers that
+were measured. Results are tables (:class:`Table`): ``result["x"]`` is a
 column, ``result.columns`` tells what each means, ``result.to_pandas()`` makes a DataFrame. ``kestrune.batch`` measures
 thousands of exposures.
 
@@ -28,6 +29,7 @@ import numpy.typing as npt
 from . import _native
 from ._native import Corner, Corners, DiscEstimate, InputError, LibraryError, MarkerEstimate, __version__
 from .extractor import LEAST_SHARE, REFINE_STEREO, Extractor
+from .matching import MATCH_STEREO, Ambiguous, MovedRig, Rivals, StereoMatch, TrustedPoints, match_markers
 from .results import (Depths, Estimates, Explanation, Markers, Pairs, Points, RefinedMarkers, RefinedPoints, Table,
                       Unmatched)
 from .settings import Field, File, Rig, Settings, setting_fields
@@ -71,8 +73,9 @@ def set_threads(count: int) -> None:
 
 
 __all__ = [
-    "Corner", "Corners", "Depths", "DiscEstimate", "Estimates", "Explanation", "Extractor", "Field", "InputError",
-    "LEAST_SHARE", "LibraryError", "MarkerEstimate", "Markers", "Pairs", "Points", "REFINE_STEREO", "RefinedMarkers",
-    "RefinedPoints", "Rig", "Settings", "Table", "Unmatched", "__version__", "bit_depth", "image_size", "read_depth",
-    "read_image", "set_threads", "setting_fields", "write_image",
+    "Ambiguous", "Corner", "Corners", "Depths", "DiscEstimate", "Estimates", "Explanation", "Extractor", "Field",
+    "InputError", "LEAST_SHARE", "LibraryError", "MATCH_STEREO", "MarkerEstimate", "Markers", "MovedRig", "Pairs",
+    "Points", "REFINE_STEREO", "RefinedMarkers", "RefinedPoints", "Rig", "Rivals", "Settings", "StereoMatch", "Table",
+    "TrustedPoints", "Unmatched", "__version__", "bit_depth", "image_size", "match_markers", "read_depth", "read_image",
+    "set_threads", "setting_fields", "write_image",
 ]

@@ -4,12 +4,13 @@
 from __future__ import annotations
 
 import os
-from typing import Any, Optional, Tuple, Union
+from typing import Any, Optional, Sequence, Tuple, Union
 
 import numpy as np
 import numpy.typing as npt
 
 from . import _native
+from .matching import MATCH_STEREO, Ambiguous, Object, StereoMatch, TrustedPoints, trusted_of
 from .results import (Corners, Depths, Estimates, Explanation, Markers, Pairs, Points, RefinedMarkers, RefinedPoints,
                       Unmatched)
 from .settings import File, InputError, Rig, Settings, eye_of
@@ -106,32 +107,53 @@ class Extractor:
         return self._native.full_size_warning(image, eye_of(eye), invert, range)
 
     def stereo(self, left: Image, right: Image, *, invert: bool = False, range: Range = None,
-               min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, picture: bool = False) -> Points:
+               min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, match: str = MATCH_STEREO,
+               radii: Optional[Sequence[float]] = None, radius_tolerance: Optional[float] = None,
+               depth_range: Range = None, sure: Optional[float] = None, object: Optional[Object] = None,
+               picture: bool = False) -> Points:
         """The markers of both images of one exposure in space.
 
         :param min_share: share of the poorer eye's markers, 0 to 1, that must be paired; with fewer the exposure has
             failed (``Points.failure``).
         :param refine: measure the markers again on the grey levels before they are matched, and place each pair's disc
             in space with its covariance: the result is :class:`RefinedPoints`.
+        :param match: ``path``, by the matcher of the settings' path, or ``trusted``, by probability: only sure pairs
+            are points, and the result is :class:`TrustedPoints`, with the others in ``ambiguous``. What follows is for
+            it alone.
+        :param radii: nominal radii of the markers, unit of the calibration; without it, the settings' ``markerRadii``.
+        :param radius_tolerance: standard deviation of a radius as a share of the nominal one; 0.01 with ``radii``, half
+            of ``sizeTolerance`` without.
+        :param depth_range: (nearest, farthest) z of the left camera; without it, the settings' depths.
+        :param sure: least probability of a pair that becomes a point, above 0.5 and below 1; 0.999 without it.
+        :param object: markers whose places on the object are known, as :func:`match_markers` takes them.
         :param picture: draw the pairs and the discs in space as well.
         :raises InputError: for images that are no exposure of this rig, and settings or calibration that are not
             enough.
         """
-        return self._points(refine, self._native.stereo(left, right, invert, range, min_share, refine, picture))
+        known = trusted_of(match, radii, radius_tolerance, depth_range, sure, object)
+        return self._points(refine, self._native.stereo(left, right, invert, range, min_share, refine, picture, known))
 
     def stereo_files(self, left: File, right: File, *, invert: bool = False, range: Range = None,
-                     min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, picture: bool = False) -> Points:
+                     min_share: float = LEAST_SHARE, refine: bool = REFINE_STEREO, match: str = MATCH_STEREO,
+                     radii: Optional[Sequence[float]] = None, radius_tolerance: Optional[float] = None,
+                     depth_range: Range = None, sure: Optional[float] = None, object: Optional[Object] = None,
+                     picture: bool = False) -> Points:
         """The same of two image files, which are read without the interpreter's lock."""
+        known = trusted_of(match, radii, radius_tolerance, depth_range, sure, object)
         return self._points(refine, self._native.stereo_files(os.fsencode(left), os.fsencode(right), invert, range,
-                                                              min_share, refine, picture))
+                                                              min_share, refine, picture, known))
 
     @staticmethod
     def _points(refined: bool, result: Tuple[Any, ...]) -> Points:
-        array, left, right, failure, warning, found, left_unmatched, right_unmatched, text, pictures, estimates = result
+        array, left, right, failure, warning, found, left_unmatched, right_unmatched, text, pictures, estimates = (
+            result[:-1])
         picture, view = pictures or (None, None)
-        kind = RefinedPoints if refined else Points
-        return kind(array, failure, warning, found, (Unmatched(left_unmatched), Unmatched(right_unmatched)), left,
-                    right, text, picture, view if view is not None and view.size else None, estimates[:2], estimates[2])
+        rest = (array, failure, warning, found, (Unmatched(left_unmatched), Unmatched(right_unmatched)), left, right,
+                text, picture, view if view is not None and view.size else None, estimates[:2], estimates[2])
+        if result[-1] is None:
+            return (RefinedPoints if refined else Points)(*rest)
+        ambiguous, match = result[-1]
+        return TrustedPoints(*rest, Ambiguous(ambiguous), StereoMatch._of(match))
 
     def match(self, left: Union[Markers, npt.ArrayLike], right: Union[Markers, npt.ArrayLike]) -> Pairs:
         """Pairs of markers of which only the centres are known, by the epipolar lines and distances.

@@ -176,6 +176,11 @@ class Rig:
         """The same rig for images of this size, px."""
         return self._of(self._held.with_size(width, height))
 
+    def with_orientation(self, rotation: npt.ArrayLike, translation: npt.ArrayLike) -> Rig:
+        """The same cameras with other R and T, as :class:`MovedRig` tells them."""
+        return self._of(self._held.with_orientation(np.asarray(rotation, dtype=np.float64),
+                                                    np.asarray(translation, dtype=np.float64)))
+
     def undistort(self, estimate: _native.MarkerEstimate, eye: Union[str, int] = "left") -> _native.MarkerEstimate:
         """A marker of an image in pixels without the lens's distortion: ellipse and covariance; levels and blur stay.
 

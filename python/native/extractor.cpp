@@ -15,6 +15,7 @@
 #include "image_file.h"
 #include "native/estimates.h"
 #include "native/images.h"
+#include "native/matching.h"
 #include "native/module.h"
 #include "native/result_tables.h"
 #include "native/tables.h"
@@ -218,7 +219,7 @@ CircleMarkerExtractor PythonExtractor::calibrated(cv::Size size) {
 }
 
 py::tuple PythonExtractor::stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
-                                  double minShare, bool refine, bool picture) {
+                                  const StereoWishes& wishes) {
     stereoSettings();
     const std::array<ArrayImage, 2> sources = {imageOf(left, "left"), imageOf(right, "right")};
     for (std::size_t eye = 0; eye < 2; ++eye)
@@ -227,22 +228,22 @@ py::tuple PythonExtractor::stereo(const py::object& left, const py::object& righ
     Exposure exposure{{sources[0].image, sources[1].image}, {}};
     {
         const py::gil_scoped_release others;
-        takeIn(exposure, {"left", "right"}, invert, wanted, refine);
+        takeIn(exposure, {"left", "right"}, invert, wanted, wishes.refine);
     }
-    return measured(exposure, minShare, picture);
+    return measured(exposure, wishes);
 }
 
 py::tuple PythonExtractor::stereoFiles(const std::string& left, const std::string& right, bool invert,
-                                       const py::object& range, double minShare, bool refine, bool picture) {
+                                       const py::object& range, const StereoWishes& wishes) {
     stereoSettings();
     const auto wanted = rangeOf(range);
     Exposure exposure;
     {
         const py::gil_scoped_release others;
         exposure.images = {measure::decodeImage(left), measure::decodeImage(right)};
-        takeIn(exposure, {left, right}, invert, wanted, refine);
+        takeIn(exposure, {left, right}, invert, wanted, wishes.refine);
     }
-    return measured(exposure, minShare, picture);
+    return measured(exposure, wishes);
 }
 
 void PythonExtractor::takeIn(Exposure& exposure, const std::array<std::string, 2>& names, bool invert,
@@ -262,8 +263,9 @@ void PythonExtractor::takeIn(Exposure& exposure, const std::array<std::string, 2
     if (size_.empty()) size_ = images[0].size();  // only that of a good exposure
 }
 
-py::tuple PythonExtractor::measured(const Exposure& exposure, double minShare, bool picture) {
+py::tuple PythonExtractor::measured(const Exposure& exposure, const StereoWishes& wishes) {
     const std::array<cv::Mat, 2>& images = exposure.images;
+    const double minShare = wishes.minShare;
     if (!(minShare >= 0 && minShare <= 1)) throw InputError("min_share", fmt::format("{} is outside 0 to 1", minShare));
     StereoResult result;
     std::vector<std::pair<Corner, Corner>> records;
@@ -274,8 +276,11 @@ py::tuple PythonExtractor::measured(const Exposure& exposure, double minShare, b
         const Settings settings = measure::asStereo(settings_.settings, settings_.origin);
         const Lease extractor(stereo_, [&] { return calibrated(images[0].size()); });
         const measure::RefinementInput* const refinement = exposure.refinement ? &*exposure.refinement : nullptr;
-        result = measure::measureExposure(*extractor, images, settings, minShare, refinement, &records);
-        if (picture) {
+        std::optional<measure::TrustedInput> trusted;
+        if (wishes.known) trusted = {*wishes.known, rig_->rig.uncertainty};
+        result = measure::measureExposure(*extractor, images, settings, minShare, refinement, &records,
+                                          trusted ? &*trusted : nullptr);
+        if (wishes.picture) {
             std::array<cv::Mat, 2> behind;
             for (std::size_t eye = 0; eye < 2; ++eye)
                 behind[eye] = measure::imageBehind(images[eye], asMatrices(rig_->rig.cameras[eye]), settings);
@@ -290,13 +295,12 @@ py::tuple PythonExtractor::measured(const Exposure& exposure, double minShare, b
         left.push_back(std::move(l));
         right.push_back(std::move(r));
     }
-    return py::make_tuple(pointTable(result.markers, exposure.refinement.has_value()), pythonCorners(std::move(left)),
-                          pythonCorners(std::move(right)), result.failure, result.doubt,
-                          py::make_tuple(result.found[0], result.found[1]), unmatchedTable(result.unmatched[0]),
-                          unmatchedTable(result.unmatched[1]),
+    return py::make_tuple(pointTable(result), pythonCorners(std::move(left)), pythonCorners(std::move(right)),
+                          result.failure, result.doubt, py::make_tuple(result.found[0], result.found[1]),
+                          unmatchedTable(result.unmatched[0]), unmatchedTable(result.unmatched[1]),
                           measure::pairExplanationTable(result, settings_.settings.configs),
-                          picture ? py::object(py::make_tuple(arrayOf(drawn), arrayOf(view))) : py::none(),
-                          pythonPairEstimates(result.markers));
+                          wishes.picture ? py::object(py::make_tuple(arrayOf(drawn), arrayOf(view))) : py::none(),
+                          pythonPairEstimates(result.markers), pythonTrust(result));
 }
 
 py::array PythonExtractor::match(const py::array& left, const py::array& right) {
@@ -361,8 +365,16 @@ void defineExtractor(py::module_& module) {
         .def("refine", &E::refine)
         .def("explain", &E::explain)
         .def("full_size_warning", &E::fullSizeWarning)
-        .def("stereo", &E::stereo)
-        .def("stereo_files", &E::stereoFiles)
+        .def("stereo",
+             [](E& e, const py::object& left, const py::object& right, bool invert, const py::object& range,
+                double minShare, bool refine, bool picture, const py::object& known) {
+                 return e.stereo(left, right, invert, range, {minShare, refine, picture, knowledgeOf(known)});
+             })
+        .def("stereo_files",
+             [](E& e, const std::string& left, const std::string& right, bool invert, const py::object& range,
+                double minShare, bool refine, bool picture, const py::object& known) {
+                 return e.stereoFiles(left, right, invert, range, {minShare, refine, picture, knowledgeOf(known)});
+             })
         .def("match", &E::match)
         .def("depth", &E::depth);
 }

@@ -51,6 +51,13 @@ class IdleExtractors {
     std::vector<Pointer> idle_;
 };
 
+/// How an exposure is to be measured.
+struct StereoWishes {
+    double minShare;
+    bool refine, picture;
+    std::optional<measure::MatchKnowledge> known;  ///< none: by the path's matcher
+};
+
 class PythonExtractor {
   public:
     /// @throws InputError  for settings that need a rig, without one.
@@ -73,11 +80,11 @@ class PythonExtractor {
     std::string fullSizeWarning(const py::object& image, int eye, bool invert, const py::object& range);
 
     /// (table, left corners, right corners, failure, warning, found, left unmatched, right unmatched, text, pictures,
-    /// (left estimates, right estimates, discs))
+    /// (left estimates, right estimates, discs), None or (ambiguous pairs, match))
     py::tuple stereo(const py::object& left, const py::object& right, bool invert, const py::object& range,
-                     double minShare, bool refine, bool picture);
+                     const StereoWishes& wishes);
     py::tuple stereoFiles(const std::string& left, const std::string& right, bool invert, const py::object& range,
-                          double minShare, bool refine, bool picture);
+                          const StereoWishes& wishes);
 
     /// table
     py::array match(const py::array& left, const py::array& right);
@@ -94,7 +101,7 @@ class PythonExtractor {
     Camera cameraOf(int eye) const;
     void requireSize(const cv::Mat& image, const char* name, int eye) const;
     const HeldSettings& stereoSettings() const;
-    py::tuple measured(const Exposure& exposure, double minShare, bool picture);
+    py::tuple measured(const Exposure& exposure, const StereoWishes& wishes);
     /// In 8 bits, mapped alike, and held to the size of all exposures.
     void takeIn(Exposure& exposure, const std::array<std::string, 2>& names, bool invert,
                 const std::optional<measure::GreyRange>& range, bool refine);

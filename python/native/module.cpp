@@ -8,6 +8,7 @@
 #include "image_file.h"
 #include "kestrune/MarkerMetrology.h"
 #include "native/images.h"
+#include "native/matching.h"
 #include "native/tables.h"
 #include "native/threads.h"
 #include "overlay.h"
@@ -124,6 +125,7 @@ PYBIND11_MODULE(_native, module) {
     defineCorners(module);
     defineEstimates(module);
     module.attr("REFINE_STEREO") = kestrune::measure::kRefineStereo;
+    defineMatching(module);
     defineExtractor(module);
     module.def("set_threads", &setThreads, py::arg("count"));
     module.def("read_image", &readImageArray, py::arg("file"), py::arg("range") = py::none());

@@ -88,7 +88,8 @@ py::array dropTable(const std::vector<Dropped>& d) {
                    d.size());
 }
 
-py::array pointTable(const std::vector<StereoMarker>& m, bool refined) {
+py::array pointTable(const measure::StereoResult& result) {
+    const std::vector<StereoMarker>& m = result.markers;
     std::vector<std::int32_t> pair(m.size());
     std::iota(pair.begin(), pair.end(), 0);
     const auto column = [&](const char* name, auto of) { return Column{name, cellsOf(m, of)}; };
@@ -107,16 +108,17 @@ py::array pointTable(const std::vector<StereoMarker>& m, bool refined) {
                                    column("rowResidual", [](const StereoMarker& r) { return r.residuals.row; }),
                                    column("leftResidual", [](const StereoMarker& r) { return r.residuals.eye[0]; }),
                                    column("rightResidual", [](const StereoMarker& r) { return r.residuals.eye[1]; })};
-    if (refined) {
+    if (result.refined || result.trusted) {
         for (const auto& [name, eye] : {std::pair("leftStatus", 0U), {"rightStatus", 1U}})
-            columns.push_back(column(name, [eye = eye](const StereoMarker& r) {
-                return std::string(nameOf(r.estimate->eyes[eye].status));
-            }));
+            columns.push_back(column(
+                name, [eye = eye](const StereoMarker& r) { return std::string(measure::statusOf(*r.estimate, eye)); }));
         columns.push_back(column(
             "pointSource", [](const StereoMarker& r) { return std::string(measure::pointSourceOf(*r.estimate)); }));
         for (const measure::PairColumn& c : measure::pairColumns())
             columns.push_back(column(c.name, [&c](const StereoMarker& r) { return c.valueOf(*r.estimate); }));
     }
+    if (result.trusted)
+        columns.push_back(column("probability", [](const StereoMarker& r) { return r.trust->probability; }));
     return tableOf(columns, m.size());
 }
 

@@ -25,8 +25,9 @@ py::array estimateTable(const std::vector<MarkerEstimate>& estimates);
 py::array candidateTable(const std::vector<measure::Candidate>& candidates);
 py::array dropTable(const std::vector<measure::Dropped>& dropped);
 
-/// @param refined  with what the estimates tell, which all markers have then.
-py::array pointTable(const std::vector<measure::StereoMarker>& markers, bool refined);
+/// With what the estimates tell where the exposure was refined, and how far a pair can be trusted where it was matched
+/// by probability.
+py::array pointTable(const measure::StereoResult& result);
 
 py::array unmatchedTable(const std::vector<measure::UnmatchedMarker>& markers);
 

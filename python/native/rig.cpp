@@ -65,6 +65,13 @@ HeldRig withSize(const HeldRig& held, int width, int height) {
     return changed;
 }
 
+HeldRig withOrientation(const HeldRig& held, const Numbers& rotation, const Numbers& translation) {
+    RigMatrices parts = matricesOf(held.rig);
+    parts.rotation = matrixOf(rotation, "rotation");
+    parts.translation = matrixOf(translation, "translation");
+    return {rigOf(parts, "rig"), held.origin};
+}
+
 using Sigmas = std::tuple<std::array<std::array<double, 4>, 2>, std::array<std::array<double, 5>, 2>,
                           std::array<double, 3>, std::array<double, 3>>;
 using State =
@@ -122,6 +129,7 @@ void defineRig(py::module_& module) {
             "write", [](const HeldRig& held, const std::string& file) { writeRig(file, held.rig); }, py::arg("file"),
             py::call_guard<py::gil_scoped_release>())
         .def("with_size", &withSize, py::arg("width"), py::arg("height"))
+        .def("with_orientation", &withOrientation, py::arg("rotation"), py::arg("translation"))
         .def_property_readonly("left_matrix", camera(0, false))
         .def_property_readonly("left_distortion", camera(0, true))
         .def_property_readonly("right_matrix", camera(1, false))

@@ -36,6 +36,7 @@ struct Part {
 Part partOf(const Cells& cells) {
     if (std::holds_alternative<std::vector<std::int32_t>>(cells)) return {sizeof(std::int32_t), "i4", {}};
     if (std::holds_alternative<std::vector<double>>(cells)) return {sizeof(double), "f8", {}};
+    if (std::holds_alternative<std::vector<Flag>>(cells)) return {sizeof(Flag), "?", {}};
     Part part{};
     std::size_t widest = 1;
     for (const std::string& text : std::get<std::vector<std::string>>(cells)) {

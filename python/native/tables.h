@@ -17,15 +17,18 @@ namespace kestrune::python {
 
 namespace py = pybind11;
 
-/// The values of a column: whole numbers of 32 bits, numbers of double precision, or texts.
-using Cells = std::variant<std::vector<std::int32_t>, std::vector<double>, std::vector<std::string>>;
+/// Yes or no, as NumPy keeps it.
+enum class Flag : std::uint8_t { no, yes };
+
+/// The values of a column: whole numbers of 32 bits, numbers of double precision, texts, or flags.
+using Cells = std::variant<std::vector<std::int32_t>, std::vector<double>, std::vector<std::string>, std::vector<Flag>>;
 
 struct Column {
     const char* name;
     Cells cells;
 };
 
-/// A structured array: whole numbers are `int32`, numbers `float64`, texts `U` as wide as the longest.
+/// A structured array: whole numbers are `int32`, numbers `float64`, texts `U` as wide as the longest, flags `bool`.
 py::array tableOf(const std::vector<Column>& columns, std::size_t rows);
 
 /// Rows of a structured array of whole numbers, numbers and texts as lines of CSV, numbers as the program writes them.

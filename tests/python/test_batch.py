@@ -35,13 +35,14 @@ def measure(scene, exposures, out, **options):
 
 
 @pytest.mark.skipif(not PROGRAM, reason="needs the program")
-@pytest.mark.parametrize("refine", [False, True])
-def test_rows_are_those_of_the_program(refine, scene, tmp_path):
+@pytest.mark.parametrize("refine, match", [(False, "path"), (True, "path"), (True, "trusted")])
+def test_rows_are_those_of_the_program(refine, match, scene, tmp_path):
     left, right = ([files[eye] for files in scene.pairs + scene.pairs[:2]] for eye in (0, 1))
+    known = {"radii": [20, 30], "sure": 0.999} if match == "trusted" else {}
     subprocess.run([PROGRAM, "stereo", "--calibration", scene.rig_file, "--settings", scene.settings_file, "--left",
-                    *left, "--right", *right, "--csv", tmp_path / "all.csv", "--refine" if refine else "--no-refine"], check=True,
-                   stdout=subprocess.DEVNULL)
-    measure(scene, zip(left, right), tmp_path / "out", processes=1, chunk=10, refine=refine)
+                    *left, "--right", *right, "--csv", tmp_path / "all.csv", "--refine" if refine else "--no-refine", "--match", match,
+                    *["--radii", "20,30", "--sure", "0.999"] * bool(known)], check=True, stdout=subprocess.DEVNULL)
+    measure(scene, zip(left, right), tmp_path / "out", processes=1, chunk=10, refine=refine, match=match, known=known)
     with open(tmp_path / "all.csv") as program, open(tmp_path / "out/points/part-000000.csv") as ours:
         assert [row[:16] + row[22:] for row in csv.reader(program)] == list(csv.reader(ours))
     points = batch.read(tmp_path / "out").points
@@ -50,6 +51,12 @@ def test_rows_are_those_of_the_program(refine, scene, tmp_path):
         assert set(points["leftStatus"]) == {"refined"}
         with pytest.raises(kestrune.InputError, match="options.refine was true and is null"):
             measure(scene, [], tmp_path / "out", resume=True, refine=False)
+    if match == "trusted":
+        assert points["probability"].min() > 0.999
+        with pytest.raises(kestrune.InputError, match="options.known.radii was"):
+            measure(scene, [], tmp_path / "out", resume=True, match=match)
+        with pytest.raises(kestrune.InputError, match="known: 'radius' is none of radii"):
+            measure(scene, [], tmp_path / "out2", match=match, known={"radius": 5})
 
 
 @pytest.mark.parametrize("options", [dict(processes=1, chunk=50), dict(processes=3, chunk=7, threads=2)])

@@ -50,17 +50,18 @@ def test_markers_are_those_of_the_program_to_the_bit(name, refine, demo, rig, ey
     assert markers.pixels == theirs[0]["pixels"] == "distorted"
 
 
+@pytest.mark.parametrize("match", ["path", "trusted"])
 @pytest.mark.parametrize("refine", [False, True])
 @pytest.mark.parametrize("name", ["bright-complex", "bright-radial", "bright-subpixel"])
-def test_points_are_those_of_the_program_to_the_bit(name, refine, demo, rig, eyes, tmp_path):
+def test_points_are_those_of_the_program_to_the_bit(name, refine, match, demo, rig, eyes, tmp_path):
     settings = settings_of(name, markerRadii=RADII)
     settings.write(tmp_path / "s.yaml")
     files = demo / "stereo-left.png", demo / "stereo-right.png"
     run("stereo", "--left", files[0], "--right", files[1], "--calibration", demo / "stereo-calibration.yaml", "--settings",
-        tmp_path / "s.yaml", "--csv", tmp_path / "p.csv", "--refine" if refine else "--no-refine")
-    extractor = Extractor(settings, rig)
-    points, theirs = extractor.stereo(*eyes, refine=refine), rows(tmp_path / "p.csv")
-    assert points == extractor.stereo_files(*files, refine=refine) and points.failure == ""
+        tmp_path / "s.yaml", "--csv", tmp_path / "p.csv", "--refine" if refine else "--no-refine", "--match", match)
+    extractor, how = Extractor(settings, rig), dict(refine=refine, match=match)
+    points, theirs = extractor.stereo(*eyes, **how), rows(tmp_path / "p.csv")
+    assert points == extractor.stereo_files(*files, **how) and points.failure == ""
     assert len(points) == len(theirs) > 5
     assert set(points.columns) == set(points.array.dtype.names)
     for column in list(points.columns)[1:]:
@@ -103,6 +104,36 @@ def test_estimates_are_those_of_the_tables_and_travel(rig, eyes):
         copy = pickle.loads(pickle.dumps(whole))
         assert copy == whole and pickle.dumps(copy.estimates) == pickle.dumps(whole.estimates)
     assert list(copy.discs) == list(points.discs) and copy.discs[0] != copy.discs[1] and "MarkerEstimate at" in repr(copy.estimates)
+
+
+def test_matches_by_probability_are_those_of_the_program_and_travel(demo, rig, eyes, tmp_path):
+    settings = settings_of("bright-complex", skipUndistort=False, markerRadii=RADII)
+    settings.write(tmp_path / "s.yaml")
+    extractor, known = Extractor(settings, rig), dict(radii=RADII, depth_range=(600, 1200), sure=1 - 1e-12)
+    run("stereo", "--left", demo / "stereo-left.png", "--right", demo / "stereo-right.png", "--calibration",
+        demo / "stereo-calibration.yaml", "--settings", tmp_path / "s.yaml", "--match", "trusted", "--min-share", 0, "--csv", tmp_path / "p.csv",
+        "--radii", ",".join(map(str, RADII)), "--depth-range", "600,1200", "--sure", known["sure"])
+    points = extractor.stereo(*eyes, match="trusted", min_share=0, picture=True, **known)
+    theirs = rows(tmp_path / "p-ambiguous.csv")
+    assert len(points) and len(points.ambiguous) == len(theirs) > 0 and set(points.unmatched[0]["test"]) == {"ambiguous"}
+    for column in points.ambiguous.columns:
+        ours, given = points.ambiguous[column], [row[column] for row in theirs]
+        assert list(ours) == given if ours.dtype.kind == "U" else np.array_equal(
+            ours, [float(value) if value else np.nan for value in given], equal_nan=True), column
+    assert set(points.ambiguous.columns) == set(points.ambiguous.array.dtype.names)
+
+    lists = [extractor.extract(image, eye, refine=True) for image, eye in zip(eyes, ("left", "right"))]
+    match = kestrune.match_markers(*lists, rig, **known)
+    assert set(match.columns) == set(match.array.dtype.names) and match["sure"].sum() == len(points)
+    assert match == points.match and list(match["probability"][match["sure"]]) == list(points["probability"])
+    assert match == kestrune.match_markers(*(extractor.refine(*found, eye) for *found, eye in zip(eyes, lists, ("left", "right"))), rig, **known)
+    assert match == kestrune.match_markers(*(list(found.estimates) for found in lists), rig, **known)
+    assert len(kestrune.match_markers(lists[0], [], rig)) == 0
+    for whole in (points, match, match.rivals):
+        assert pickle.loads(pickle.dumps(whole)) == whole
+    assert [*match.discs] == [*pickle.loads(pickle.dumps(match)).discs] and points.text.startswith("  left  right probability")
+    turned = rig.with_orientation(rig.rotation, 2 * rig.translation)
+    np.testing.assert_allclose(turned.translation, 2 * rig.translation, rtol=1e-12)
 
 
 def test_lists_and_depth_are_those_of_the_program(demo, rig, eyes, tmp_path):
@@ -187,6 +218,15 @@ def test_bad_input_is_refused_by_name(demo, rig, eyes, tmp_path):
         (lambda: extractor.refine(image[:9], extractor.extract(image)), "image: is 640 x 9 px"),
         (lambda: extractor.match(extractor.extract(image), [[1, 2]]), "left: is of distorted pixels"),
         (lambda: extractor.depth(image, image), "skipUndistort"),
+        (lambda: extractor.stereo(*eyes, match="best"), "match: 'best' is neither 'trusted' nor 'path'"),
+        (lambda: extractor.stereo(*eyes, match="path", sure=0.9), "are for match='trusted'"),
+        (lambda: kestrune.match_markers([], [], rig, radii=[1, 0]), "radii: 0 is no radius above 0"),
+        (lambda: kestrune.match_markers([], [], rig, radius_tolerance=0), "radius tolerance: 0 is no share above 0"),
+        (lambda: kestrune.match_markers([], [], rig, depth_range=(2, 1)), "depth range: 2 and 1 are no depths"),
+        (lambda: kestrune.match_markers([], [], rig, sure=0.5), "sure: 0.5 is no probability above 0.5 and below 1"),
+        (lambda: kestrune.match_markers([], [], rig, object=[[1, 2, 3]]), "object: is neither Points nor rows of"),
+        (lambda: kestrune.match_markers([], [], rig, object=[[1, 2, 3, 0]]), "object: holds a marker whose"),
+        (lambda: kestrune.match_markers([], [], rig, object="none.csv"), "none.csv: cannot be read"),
         (lambda: kestrune.read_image(tmp_path / "text.png"), "text.png: is in no image format"),
         (lambda: setattr(good, "sigma", -1), "field 'sigma': -1 is outside 0 to 40"),
         (lambda: setattr(good, "sigma", "wide"), "field 'sigma': 'wide' is not a number"),

@@ -127,7 +127,7 @@ TEST(RectifiedMatch, TrimsCandidatesByTheRadius) {
 
     const std::vector<RectifiedMarker> left = {markerOf({0, 1}), markerOf({2}), markerOf({}), markerOf({0}), markerOf({1})};
     Pairs pairs;
-    for (const MatchedPair& p : uniquePairs(left, {markerOf({3}), markerOf({0, 4}), markerOf({7})})) pairs.emplace_back(p.left, p.right);
+    for (const PlacedPair& p : uniquePairs(left, {markerOf({3}), markerOf({0, 4}), markerOf({7})})) pairs.emplace_back(p.left, p.right);
     EXPECT_EQ(pairs, (Pairs{{1, 2}, {3, 0}}));
 }
 

@@ -9,6 +9,7 @@ import sys
 from typing import Any, Iterator, List, Optional, Tuple
 
 import kestrune
+from kestrune.matching import KNOWN
 
 from . import BatchError, RunInterrupted, measure
 
@@ -63,6 +64,15 @@ def _arguments() -> argparse.ArgumentParser:
     parser.add_argument("--refine", action="store_true", default=kestrune.REFINE_STEREO,
                         help="measure markers again on the grey levels; points have standard deviations then")
     parser.add_argument("--no-refine", dest="refine", action="store_false", help="keep them as the path found them")
+    parser.add_argument("--match", choices=("path", "trusted"), default=kestrune.MATCH_STEREO,
+                        help="pair markers by the matcher of the path, or by probability, sure pairs alone; "
+                             f"{kestrune.MATCH_STEREO}")
+    parser.add_argument("--radii", type=_numbers, metavar="R[,R..]", help="trusted: nominal radii of the markers")
+    parser.add_argument("--radius-tolerance", type=float, metavar="S",
+                        help="trusted: standard deviation of a radius, as a share of the nominal one")
+    parser.add_argument("--depth-range", type=_numbers, metavar="NEAR,FAR", help="trusted: z of the left camera")
+    parser.add_argument("--sure", type=float, metavar="P", help="trusted: least probability of a pair that is a point")
+    parser.add_argument("--object", metavar="FILE", help="trusted: CSV of markers whose places are known")
     parser.add_argument("--timeout", type=float, metavar="S",
                         help="seconds for one exposure, which is tried three times; no limit")
     parser.add_argument("--version", action="version", version=kestrune.__version__)
@@ -72,6 +82,10 @@ def _arguments() -> argparse.ArgumentParser:
 def _range(text: str) -> Tuple[float, float]:
     low, high = map(float, text.split(":"))
     return low, high
+
+
+def _numbers(text: str) -> List[float]:
+    return [float(number) for number in text.split(",")]
 
 
 @contextlib.contextmanager
@@ -103,8 +117,9 @@ def _run(options: argparse.Namespace) -> int:
     with _client(options.scheduler) as client:
         summary = measure(exposures, settings, rig, options.out, client=client, processes=options.processes,
                           chunk=options.chunk, resume=options.resume, invert=options.invert, range=options.range,
-                          min_share=options.min_share, refine=options.refine, threads=options.threads,
-                          timeout=options.timeout)
+                          min_share=options.min_share, refine=options.refine, match=options.match,
+                          known={name: getattr(options, name) for name in KNOWN if getattr(options, name) is not None},
+                          threads=options.threads, timeout=options.timeout)
     print(f"{summary.exposures} exposures, {summary.failed} failed, {summary.pairs} pairs in {summary.out}"
           f" ({summary.measured} measured now in {summary.seconds:.1f} s)")
     return _PARTLY_FAILED if summary.failed else _GOOD

@@ -141,7 +141,8 @@ class RunFolder:
 
 
 def _layout(format: str, begun_with: Dict[str, Any]) -> Layout:
-    return Layout(format, bool(begun_with.get("options", {}).get("refine")))
+    options = begun_with.get("options", {})
+    return Layout(format, bool(options.get("refine")), options.get("match") == "trusted")
 
 
 def read_run(out: Path) -> "tuple[Layout, Dict[str, Any]]":

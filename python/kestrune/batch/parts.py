@@ -9,7 +9,7 @@ from typing import Any, Dict, List, NamedTuple, Sequence, Tuple
 
 import numpy as np
 
-from kestrune import InputError, Points, RefinedPoints
+from kestrune import InputError, Points, RefinedPoints, TrustedPoints
 
 from .files import write_text, write_whole
 from .record import ROW_COLUMNS, Record, csv_row
@@ -25,11 +25,12 @@ class Layout(NamedTuple):
 
     format: str
     refined: bool = False
+    trusted: bool = False
 
     def columns(self, table: str) -> List[Tuple[str, type]]:
         if table == TABLES[0]:
             return ROW_COLUMNS
-        points: Any = RefinedPoints if self.refined else Points
+        points: Any = TrustedPoints if self.trusted else RefinedPoints if self.refined else Points
         return [("exposure", str), *((name, _KINDS.get(name, float)) for name in points.columns)]
 
 

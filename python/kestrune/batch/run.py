@@ -6,10 +6,11 @@ import pickle
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Dict, Iterator, List, Optional, Protocol, Sequence, Tuple, Union
+from typing import Any, Dict, Iterator, List, Mapping, Optional, Protocol, Sequence, Tuple, Union
 
 import kestrune
 from kestrune import InputError
+from kestrune.matching import told_of
 
 from .exposures import Exposure, take
 from .folder import RunFolder
@@ -59,7 +60,8 @@ class Executor(Protocol):
 def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = None, processes: Optional[int] = None,
             chunk: Optional[int] = None, resume: bool = False, invert: bool = False,
             range: Optional[Tuple[float, float]] = None, min_share: float = 0.5, refine: bool = kestrune.REFINE_STEREO,
-            threads: int = 1, timeout: Optional[float] = None, progress: Union[Show, bool, None] = None) -> Summary:
+            match: str = kestrune.MATCH_STEREO, known: Optional[Mapping[str, Any]] = None, threads: int = 1,
+            timeout: Optional[float] = None, progress: Union[Show, bool, None] = None) -> Summary:
     """Measures many exposures of a camera pair in space, into tables in the folder `out`; `read` reads them.
 
     Each exposure is measured in a child process. One that ends its process three times is given up: it becomes a failed
@@ -82,6 +84,10 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     range      (low, high) grey values of images of more than 8 bits that become 0 and 255. Such exposures fail without.
     min_share  an exposure fails where less than this share of the markers of the poorer eye is paired; 0 to 1.
     refine     measure markers again on the grey levels before they are matched; points have standard deviations then.
+    match      "path", by the matcher of the settings' path, or "trusted": only sure pairs are points, with their
+               probability, and an exposure's warning tells how many were left out.
+    known      for "trusted": radii, radius_tolerance, depth_range, sure and object, as kestrune.Extractor.stereo takes
+               them.
     threads    of each process.
     timeout    seconds for one exposure; one that takes longer three times has failed. None: no limit.
     progress   called with a Progress several times a second; None: a line on a terminal; False: none.
@@ -96,11 +102,14 @@ def measure(exposures: Any, settings: Any, rig: Any, out: Any, *, client: Any = 
     if rig.size is None:
         source, rig = _sized(source, rig)
     kestrune.Extractor(settings, rig)  # tells what does not fit
-    options = {"invert": bool(invert), "range": None if span is None else list(span), "min_share": float(min_share),
-               **({"refine": True} if refine else {})}
+    told = told_of(match, known or {})
+    options: Dict[str, Any] = {
+        "invert": bool(invert), "range": None if span is None else list(span), "min_share": float(min_share),
+        **({"refine": True} if refine else {}), **({"match": match, "known": told} if match == "trusted" else {})}
     folder = RunFolder(Path(out), {**describe(settings, rig), "options": options}, resume)
     try:
-        task = StereoTask(settings, rig, bool(invert), span, float(min_share), bool(refine), threads, folder.as_lines)
+        task = StereoTask(settings, rig, bool(invert), span, float(min_share), bool(refine), threads, folder.as_lines,
+                          match, told)
         executor = executor_for(task, client, processes, threads, timeout)
         return execute(source, total, folder, executor, _LOCAL_CHUNK if client is None and not chunk else chunk,
                        progress)

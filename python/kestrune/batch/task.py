@@ -2,8 +2,8 @@
 """What is done with each exposure. It travels to the children once, by pickle."""
 
 import os
-from dataclasses import dataclass
-from typing import Any, Callable, Optional, Protocol, Tuple
+from dataclasses import dataclass, field
+from typing import Any, Callable, Dict, Optional, Protocol, Tuple
 
 import kestrune
 
@@ -32,6 +32,8 @@ class StereoTask:
     refine: bool = False
     threads: int = 1
     as_lines: bool = True
+    match: str = "path"
+    known: Dict[str, Any] = field(default_factory=dict)
 
     def prepare(self) -> Measure:
         """@raises kestrune.InputError  where settings and rig give no extractor."""
@@ -44,7 +46,7 @@ class StereoTask:
                 return failed(exposure, "has more than 8 bits: all exposures of a run are mapped alike, which needs "
                                         "range=(low, high), on the command line --range LOW:HIGH")
             points = extractor.stereo_files(*files, invert=self.invert, range=self.range, min_share=self.min_share,
-                                            refine=self.refine)
+                                            refine=self.refine, match=self.match, **self.known)
             return measured(exposure, points, self.as_lines)
 
         return measure

@@ -14,8 +14,8 @@
 #include "MarkerExtractor/stereo/conic_rig.h"
 #include "MarkerExtractor/stereo/epipolar.h"
 #include "MarkerExtractor/stereo/match_settings.h"
-#include "MarkerExtractor/stereo/matched_pair.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "MarkerExtractor/stereo/placed_pair.h"
 #include "MarkerExtractor/stereo/row_candidates.h"
 #include "kestrune/MarkerExtractor.h"
 

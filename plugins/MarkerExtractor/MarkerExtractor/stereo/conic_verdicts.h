@@ -5,8 +5,8 @@
 
 #include "MarkerExtractor/stereo/conic_rig.h"
 #include "MarkerExtractor/stereo/disc_pair.h"
-#include "MarkerExtractor/stereo/matched_pair.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "MarkerExtractor/stereo/placed_pair.h"
 
 namespace kestrune {
 

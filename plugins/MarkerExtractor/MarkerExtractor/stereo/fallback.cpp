@@ -103,9 +103,9 @@ void trimCandidates(std::vector<RectifiedMarker>& leftMarkers, std::vector<Recti
     for (std::size_t k = 0; k < count; ++k) eraseCandidates(marker(k).candidates, std::move(surplus[k].ownPositions));
 }
 
-std::vector<MatchedPair> uniquePairs(const std::vector<RectifiedMarker>& leftMarkers,
-                                     const std::vector<RectifiedMarker>& rightMarkers) {
-    std::vector<MatchedPair> pairs;
+std::vector<PlacedPair> uniquePairs(const std::vector<RectifiedMarker>& leftMarkers,
+                                    const std::vector<RectifiedMarker>& rightMarkers) {
+    std::vector<PlacedPair> pairs;
     for (std::size_t i = 0; i < leftMarkers.size(); ++i) {
         if (leftMarkers[i].candidates.size() != 1) continue;
         const PairCandidate& candidate = leftMarkers[i].candidates.front();

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "MarkerExtractor/stereo/matched_pair.h"
+#include "MarkerExtractor/stereo/placed_pair.h"
 #include "MarkerExtractor/stereo/rectified_marker.h"
 
 namespace kestrune {
@@ -28,7 +28,7 @@ void trimCandidates(std::vector<RectifiedMarker>& leftMarkers, std::vector<Recti
                     const std::vector<double>& nominalRadii, double tolerance);
 
 /// Pairs of a left marker with one candidate and a right marker with one candidate, left ascending.
-std::vector<MatchedPair> uniquePairs(const std::vector<RectifiedMarker>& leftMarkers,
-                                     const std::vector<RectifiedMarker>& rightMarkers);
+std::vector<PlacedPair> uniquePairs(const std::vector<RectifiedMarker>& leftMarkers,
+                                    const std::vector<RectifiedMarker>& rightMarkers);
 
 }  // namespace kestrune

@@ -43,8 +43,8 @@ struct Exposure {
     EyeMarkers left, right;
 
     bool isFound() const { return left.isFound && right.isFound; }
-    Corner& leftOf(const MatchedPair& pair) { return left.corners[static_cast<std::size_t>(pair.left)]; }
-    Corner& rightOf(const MatchedPair& pair) { return right.corners[static_cast<std::size_t>(pair.right)]; }
+    Corner& leftOf(const PlacedPair& pair) { return left.corners[static_cast<std::size_t>(pair.left)]; }
+    Corner& rightOf(const PlacedPair& pair) { return right.corners[static_cast<std::size_t>(pair.right)]; }
 };
 
 bool isIncomplete(const Images& images, const CircleMarkerExtractor& e) {
@@ -161,8 +161,8 @@ std::vector<Corner> rectified(const std::vector<Corner>& corners, const Rectifyi
     return result;
 }
 
-std::vector<MatchedPair> constellationMatches(const Exposure& exposure, const CircleMarkerExtractor& e,
-                                              const CicrleConfigs& configs, PairVerdicts* verdicts) {
+std::vector<PlacedPair> constellationMatches(const Exposure& exposure, const CircleMarkerExtractor& e,
+                                             const CicrleConfigs& configs, PairVerdicts* verdicts) {
     std::vector<Corner> left = exposure.left.corners, right = exposure.right.corners;
     if (!configs.cornersRectified) {  // free of lens distortion by now
         left = rectified(left, {e.leftIntrinsic, cv::Mat(), e.leftRectification, e.leftProjection, e.leftHomography});
@@ -177,7 +177,7 @@ std::vector<MatchedPair> constellationMatches(const Exposure& exposure, const Ci
 
 Result matchConstellation(Exposure& exposure, const CircleMarkerExtractor& e, const CicrleConfigs& configs,
                           Output& output) {
-    const std::vector<MatchedPair> matches = constellationMatches(exposure, e, configs, output.verdicts());
+    const std::vector<PlacedPair> matches = constellationMatches(exposure, e, configs, output.verdicts());
     const Points inRectified = pointsOf(matches);
     const Points inCamera = rotated(inRectified, cv::Matx33d(e.leftRectification).t());
     output.points = recordsOf(configs.outputRectified ? inRectified : inCamera);

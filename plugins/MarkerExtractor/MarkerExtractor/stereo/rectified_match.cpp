@@ -88,12 +88,12 @@ std::vector<MarkerMatchRecord> recordsOf(const Markers& markers) {
 }
 
 /// The pairs that the constellation decides on; none without a consensus.
-std::optional<std::vector<MatchedPair>> constellationPairs(const Markers& leftMarkers, const Markers& rightMarkers,
-                                                           const EdgeTolerances& tolerances) {
+std::optional<std::vector<PlacedPair>> constellationPairs(const Markers& leftMarkers, const Markers& rightMarkers,
+                                                          const EdgeTolerances& tolerances) {
     std::vector<std::pair<int, int>> found;
     if (!findConstellation(recordsOf(leftMarkers), recordsOf(rightMarkers), tolerances.length, tolerances.angle, found))
         return std::nullopt;
-    std::vector<MatchedPair> pairs;
+    std::vector<PlacedPair> pairs;
     for (const auto& [i, j] : found) {
         const RectifiedMarker& left = leftMarkers[static_cast<std::size_t>(i)];
         pairs.push_back({i, j, left.candidates[positionOf(left, j)].point});
@@ -121,9 +121,9 @@ RectifiedRig rectifiedRigOf(const cv::Mat& rotation, const cv::Mat& leftProjecti
     return {leftProjection, rightProjection, cv::Matx33d(rotation).inv()};
 }
 
-std::vector<MatchedPair> matchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
-                                        const RectifiedRig& rig, const RectifiedMatchSettings& settings,
-                                        PairVerdicts* verdicts) {
+std::vector<PlacedPair> matchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
+                                       const RectifiedRig& rig, const RectifiedMatchSettings& settings,
+                                       PairVerdicts* verdicts) {
     const PairGates gates(rig, settings);
     Markers left = markersOf(leftCorners), right = markersOf(rightCorners);
     findCandidates(left, right, gates, verdicts);
@@ -158,7 +158,7 @@ std::vector<std::pair<int, int>> getStereoRectifiedMarker3dPoints(
     if (!canMatchRectified(leftCorners, rightCorners, settings)) return {};
     const RectifiedRig rig = rectifiedRigOf(rotation, leftProjection, rightProjection);
     std::vector<std::pair<int, int>> pairs;
-    for (const MatchedPair& pair : matchRectified(leftCorners, rightCorners, rig, settings, nullptr)) {
+    for (const PlacedPair& pair : matchRectified(leftCorners, rightCorners, rig, settings, nullptr)) {
         pairs.emplace_back(pair.left, pair.right);
         points.push_back(recordOf(pair.point));
     }

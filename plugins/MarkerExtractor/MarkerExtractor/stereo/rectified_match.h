@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/match_settings.h"
-#include "MarkerExtractor/stereo/matched_pair.h"
 #include "MarkerExtractor/stereo/pair_gates.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "MarkerExtractor/stereo/placed_pair.h"
 #include "MarkerExtractor/stereo/rectified_marker.h"
 #include "kestrune/MarkerExtractor/stereo.h"
 
@@ -30,8 +30,8 @@ RectifiedRig rectifiedRigOf(const cv::Mat& rotation, const cv::Mat& leftProjecti
 ///
 /// @param leftCorners,rightCorners  rectified px, as `canMatchRectified` lets them pass.
 /// @param verdicts  if not null, what became of each pair.
-std::vector<MatchedPair> matchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
-                                        const RectifiedRig& rig, const RectifiedMatchSettings& settings,
-                                        PairVerdicts* verdicts);
+std::vector<PlacedPair> matchRectified(const std::vector<Corner>& leftCorners, const std::vector<Corner>& rightCorners,
+                                       const RectifiedRig& rig, const RectifiedMatchSettings& settings,
+                                       PairVerdicts* verdicts);
 
 }  // namespace kestrune

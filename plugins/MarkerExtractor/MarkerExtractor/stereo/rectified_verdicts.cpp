@@ -37,7 +37,7 @@ double median(std::vector<double> values) {
 PairVerdict edgeVerdict(cv::Point2d left, cv::Point2d right, const RectifiedResult& result,
                         const EdgeTolerances& tolerances) {
     std::vector<double> lengths, directions;
-    for (const MatchedPair& pair : result.pairs) {
+    for (const PlacedPair& pair : result.pairs) {
         const cv::Point2d a = result.left[static_cast<std::size_t>(pair.left)].centre - left;
         const cv::Point2d b = result.right[static_cast<std::size_t>(pair.right)].centre - right;
         lengths.push_back(std::abs(cv::norm(a) - cv::norm(b)) / std::max(cv::norm(a), cv::norm(b)));
@@ -60,7 +60,7 @@ struct Places {
 
 void explainCandidates(const RectifiedResult& result, const EdgeTolerances& tolerances, PairVerdicts& verdicts) {
     Places left(result.left.size()), right(result.right.size());
-    for (const MatchedPair& pair : result.pairs) {
+    for (const PlacedPair& pair : result.pairs) {
         left.partners[static_cast<std::size_t>(pair.left)] = pair.right;
         right.partners[static_cast<std::size_t>(pair.right)] = pair.left;
     }

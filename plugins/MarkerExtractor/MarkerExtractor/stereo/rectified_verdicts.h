@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "MarkerExtractor/stereo/match_settings.h"
-#include "MarkerExtractor/stereo/matched_pair.h"
 #include "MarkerExtractor/stereo/pair_verdicts.h"
+#include "MarkerExtractor/stereo/placed_pair.h"
 #include "MarkerExtractor/stereo/rectified_marker.h"
 
 namespace kestrune {
@@ -13,7 +13,7 @@ namespace kestrune {
 /// The markers of both eyes, and what came of them.
 struct RectifiedResult {
     const std::vector<RectifiedMarker>&left, &right;
-    const std::vector<MatchedPair>& pairs;
+    const std::vector<PlacedPair>& pairs;
     bool hasConsensus;  ///< of the constellation
 };
 

@@ -12,6 +12,7 @@
 #include "kestrune/MarkerExtractor.h"
 #include "kestrune/MarkerMetrology/discs.h"
 #include "kestrune/MarkerMetrology/errors.h"
+#include "kestrune/MarkerMetrology/matching.h"
 #include "kestrune/MarkerMetrology/refinement.h"
 #include "kestrune/MarkerMetrology/rig.h"
 #include "kestrune/MarkerMetrology/setting_fields.h"

@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "matching/assignment.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <numeric>
+
+#include "matching/dual_prices.h"
+
+namespace kestrune::matching {
+namespace {
+
+constexpr int kMostSweeps = 300;
+constexpr double kSettled = 1e-9;  // change of a message, relative
+// An assignment that is behind by more than this, nats, is as good as impossible; where too many are nearer, by the
+// second.
+constexpr std::array<double, 2> kFarBehind = {24, 15};
+// Beyond this a weight decides by itself, and its powers would leave double precision.
+constexpr double kMostLogWeight = 200;
+// Sets of taken markers that one step may have, and ways between them in a whole piece: bounds time and memory, 10 ms
+// and 10 MB.
+constexpr std::size_t kMostSets = 1000, kMostWays = 200'000;
+constexpr int kMostOpen = 64;  // right markers that a set can tell apart
+
+/// sums[k] = 1 + all values but the k-th, without the cancellation of a difference.
+void sumsOfOthers(const std::vector<double>& values, std::vector<double>& sums) {
+    const std::size_t n = values.size();
+    sums.assign(n, 1.0);
+    double before = 0, after = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+        sums[k] += before;
+        before += values[k];
+    }
+    for (std::size_t k = n; k-- > 0;) {
+        sums[k] += after;
+        after += values[k];
+    }
+}
+
+/// Messages to the left marker of each edge: the chance that its right one is free for it.
+void passMessages(const Graph& graph, const std::vector<double>& weight, std::vector<double>& toLeft) {
+    std::vector<double> toRight(weight.size()), values, sums;
+    toLeft.assign(weight.size(), 1.0);
+    for (int sweep = 0; sweep < kMostSweeps; ++sweep) {
+        for (const std::vector<int>& list : graph.ofLeft) {
+            values.clear();
+            for (const int e : list)
+                values.push_back(weight[static_cast<std::size_t>(e)] * toLeft[static_cast<std::size_t>(e)]);
+            sumsOfOthers(values, sums);
+            for (std::size_t k = 0; k < list.size(); ++k)
+                toRight[static_cast<std::size_t>(list[k])] = weight[static_cast<std::size_t>(list[k])] / sums[k];
+        }
+        double change = 0;
+        for (const std::vector<int>& list : graph.ofRight) {
+            values.clear();
+            for (const int e : list) values.push_back(toRight[static_cast<std::size_t>(e)]);
+            sumsOfOthers(values, sums);
+            for (std::size_t k = 0; k < list.size(); ++k) {
+                double& message = toLeft[static_cast<std::size_t>(list[k])];
+                change = std::max(change, std::abs(1 / sums[k] - message) * sums[k]);
+                message = 1 / sums[k];
+            }
+        }
+        if (change < kSettled) break;
+    }
+}
+
+/// The pieces of the graph, each a list of left markers in ascending order.
+std::vector<std::vector<int>> piecesOf(const Graph& graph, const std::vector<char>& isCut) {
+    const auto lefts = static_cast<int>(graph.ofLeft.size());
+    std::vector<int> root(graph.ofLeft.size() + graph.ofRight.size());
+    std::iota(root.begin(), root.end(), 0);
+    const auto find = [&](int k) {
+        while (root[static_cast<std::size_t>(k)] != k)
+            k = root[static_cast<std::size_t>(k)] = root[static_cast<std::size_t>(root[static_cast<std::size_t>(k)])];
+        return k;
+    };
+    for (std::size_t e = 0; e < graph.edges.size(); ++e) {
+        if (isCut[e]) continue;
+        const int a = find(graph.edges[e].left), b = find(lefts + graph.edges[e].right);
+        root[static_cast<std::size_t>(std::max(a, b))] = std::min(a, b);
+    }
+    std::vector<std::vector<int>> pieces;
+    std::vector<int> number(root.size(), -1);
+    for (int i = 0; i < lefts; ++i) {
+        int& n = number[static_cast<std::size_t>(find(i))];
+        if (n < 0) {
+            n = static_cast<int>(pieces.size());
+            pieces.emplace_back();
+        }
+        pieces[static_cast<std::size_t>(n)].push_back(i);
+    }
+    return pieces;
+}
+
+/// A way from one set of taken markers to the next.
+struct Way {
+    std::uint64_t taken;
+    int from, edge;  ///< edge -1: the left marker stays single
+    double weight;
+};
+
+struct Layer {
+    std::vector<std::uint64_t> sets;
+    std::vector<double> forward, backward;
+    std::vector<Way> ways;  ///< into this layer
+    std::vector<int> to;    ///< the set that each way leads to
+};
+
+/// A piece, summed left by left.
+class PieceSum {
+  public:
+    PieceSum(const Graph& graph, const std::vector<char>& isCut, const std::vector<int>& lefts)
+        : graph_(graph), isCut_(isCut), lefts_(lefts), layers_(lefts.size() + 1) {}
+
+    /// False where the sets are too many.
+    bool run(Assignment& result) {
+        double total = 0;
+        if (!forward(total)) return false;
+        result.logSum += total;
+        backward(result.probability);
+        return true;
+    }
+
+  private:
+    /// Bit of each right marker while it is open, and the bits that end with each left one.
+    bool setBits() {
+        bit_.assign(graph_.ofRight.size(), -1);
+        std::vector<int> last(graph_.ofRight.size(), -1);
+        const auto each = [&](std::size_t t, const auto& body) {
+            for (const int e : graph_.ofLeft[static_cast<std::size_t>(lefts_[t])])
+                if (!isCut_[static_cast<std::size_t>(e)])
+                    body(static_cast<std::size_t>(graph_.edges[static_cast<std::size_t>(e)].right));
+        };
+        for (std::size_t t = 0; t < lefts_.size(); ++t) each(t, [&](std::size_t j) { last[j] = static_cast<int>(t); });
+        std::uint64_t used = 0;
+        ending_.assign(lefts_.size(), 0);
+        for (std::size_t t = 0; t < lefts_.size(); ++t) {
+            bool fits = true;
+            each(t, [&](std::size_t j) {
+                if (bit_[j] >= 0) return;
+                int free = 0;
+                while (free < kMostOpen && (used >> free & 1)) ++free;
+                fits = fits && free < kMostOpen;
+                if (free == kMostOpen) return;
+                bit_[j] = free;
+                used |= std::uint64_t{1} << free;
+            });
+            if (!fits) return false;
+            each(t, [&](std::size_t j) {
+                if (last[j] == static_cast<int>(t)) ending_[t] |= std::uint64_t{1} << bit_[j];
+            });
+            used &= ~ending_[t];
+        }
+        return true;
+    }
+
+    bool forward(double& logSum) {
+        if (!setBits()) return false;
+        double total = 0;
+        layers_[0].sets = {0};
+        layers_[0].forward = {1};
+        for (std::size_t t = 0; t < lefts_.size(); ++t) {
+            if (layers_[t].sets.size() * (graph_.ofLeft[static_cast<std::size_t>(lefts_[t])].size() + 1) > kMostWays)
+                return false;
+            total += listWays(t);
+            Layer& next = layers_[t + 1];
+            join(layers_[t], next);
+            wayCount_ += next.ways.size();
+            if (next.sets.size() > kMostSets || wayCount_ > kMostWays) return false;
+            double sum = 0;
+            for (const double f : next.forward) sum += f;
+            for (double& f : next.forward) f /= sum;
+            total += std::log(sum);
+        }
+        logSum += total;
+        return true;
+    }
+
+    /// @returns the logarithm that the weights of the step were divided by.
+    double listWays(std::size_t t) {
+        const Layer& now = layers_[t];
+        Layer& next = layers_[t + 1];
+        double scale = 0;
+        const std::vector<int>& list = graph_.ofLeft[static_cast<std::size_t>(lefts_[t])];
+        for (const int e : list)
+            if (!isCut_[static_cast<std::size_t>(e)])
+                scale = std::max(scale, graph_.edges[static_cast<std::size_t>(e)].logWeight);
+        const double single = std::exp(-scale);
+        for (int k = 0; k < static_cast<int>(now.sets.size()); ++k)
+            next.ways.push_back({now.sets[static_cast<std::size_t>(k)] & ~ending_[t], k, -1, single});
+        for (const int e : list) {
+            if (isCut_[static_cast<std::size_t>(e)]) continue;
+            const Edge& edge = graph_.edges[static_cast<std::size_t>(e)];
+            const std::uint64_t bit = std::uint64_t{1} << bit_[static_cast<std::size_t>(edge.right)];
+            const double weight = std::exp(edge.logWeight - scale);
+            for (int k = 0; k < static_cast<int>(now.sets.size()); ++k)
+                if (!(now.sets[static_cast<std::size_t>(k)] & bit))
+                    next.ways.push_back({(now.sets[static_cast<std::size_t>(k)] | bit) & ~ending_[t], k, e, weight});
+        }
+        return scale;
+    }
+
+    static void join(const Layer& now, Layer& next) {
+        std::stable_sort(next.ways.begin(), next.ways.end(),
+                         [](const Way& a, const Way& b) { return a.taken < b.taken; });
+        next.to.reserve(next.ways.size());
+        for (int k = 0; k < static_cast<int>(next.ways.size()); ++k) {
+            const Way& way = next.ways[static_cast<std::size_t>(k)];
+            const auto from = static_cast<std::size_t>(way.from);
+            if (next.sets.empty() || next.sets.back() != way.taken) {
+                next.sets.push_back(way.taken);
+                next.forward.push_back(0);
+            }
+            next.to.push_back(static_cast<int>(next.sets.size()) - 1);
+            next.forward.back() += now.forward[from] * way.weight;
+        }
+    }
+
+    void backward(std::vector<double>& probability) {
+        layers_.back().backward.assign(layers_.back().sets.size(), 1.0);
+        for (std::size_t t = lefts_.size(); t-- > 0;) {
+            Layer& now = layers_[t];
+            const Layer& next = layers_[t + 1];
+            now.backward.assign(now.sets.size(), 0.0);
+            double all = 0, sum = 0;
+            for (std::size_t k = 0; k < next.ways.size(); ++k) {
+                const Way& way = next.ways[k];
+                const auto from = static_cast<std::size_t>(way.from);
+                const double rest = way.weight * next.backward[static_cast<std::size_t>(next.to[k])];
+                now.backward[from] += rest;
+                all += now.forward[from] * rest;
+            }
+            for (std::size_t k = 0; k < next.ways.size(); ++k) {
+                const Way& way = next.ways[k];
+                if (way.edge < 0) continue;
+                probability[static_cast<std::size_t>(way.edge)] +=
+                    now.forward[static_cast<std::size_t>(way.from)] * way.weight *
+                    next.backward[static_cast<std::size_t>(next.to[k])] / all;
+            }
+            for (const double b : now.backward) sum += b;
+            for (double& b : now.backward) b /= sum;
+        }
+    }
+
+    const Graph& graph_;
+    const std::vector<char>& isCut_;
+    const std::vector<int>& lefts_;
+    std::vector<int> bit_;
+    std::vector<std::uint64_t> ending_;
+    std::vector<Layer> layers_;
+    std::size_t wayCount_ = 0;
+};
+
+/// A piece that is too large to be summed: probabilities by messages, the sum by Bethe's approximation.
+void sumByMessages(const Graph& graph, const std::vector<int>& lefts, const std::vector<double>& weight,
+                   const std::vector<double>& toLeft, Assignment& result) {
+    double sum = 0;
+    std::vector<char> isDone(graph.ofRight.size());
+    for (const int i : lefts) {
+        double all = 1;
+        for (const int e : graph.ofLeft[static_cast<std::size_t>(i)])
+            all += weight[static_cast<std::size_t>(e)] * toLeft[static_cast<std::size_t>(e)];
+        sum += std::log(all);
+        for (const int e : graph.ofLeft[static_cast<std::size_t>(i)]) {
+            const auto k = static_cast<std::size_t>(e);
+            result.probability[k] = weight[k] * toLeft[k] / all;
+            result.isExact[k] = 0;
+            // Of the edge, 1 + x y = 1 / (1 - p) with the messages x and y.
+            sum += std::log1p(-std::min(result.probability[k], 1 - 1e-12));
+            isDone[static_cast<std::size_t>(graph.edges[k].right)] = 1;
+        }
+    }
+    for (std::size_t j = 0; j < isDone.size(); ++j) {
+        if (!isDone[j]) continue;
+        double single = 1;
+        for (const int e : graph.ofRight[j]) single -= result.probability[static_cast<std::size_t>(e)];
+        sum -= std::log(std::max(single, 1e-12));  // 1 + all x = 1 / (probability of being single)
+    }
+    result.logSum += sum;
+}
+
+}  // namespace
+
+Assignment assign(const std::vector<Edge>& all, int leftCount, int rightCount) {
+    std::vector<Edge> edges = all;
+    for (Edge& edge : edges) edge.logWeight = std::min(edge.logWeight, kMostLogWeight);
+    const Graph graph(edges, leftCount, rightCount);
+    const DualPrices prices(graph);
+    Assignment result;
+    result.probability.assign(edges.size(), 0.0);
+    result.chosen.assign(edges.size(), 0);
+    result.isExact.assign(edges.size(), 1);
+    for (int i = 0; i < leftCount; ++i)
+        if (prices.edgeOfLeft(i) >= 0) result.chosen[static_cast<std::size_t>(prices.edgeOfLeft(i))] = 1;
+    std::array<std::vector<char>, 2> isCut;
+    for (std::size_t k = 0; k < 2; ++k)
+        for (int e = 0; e < static_cast<int>(edges.size()); ++e) isCut[k].push_back(prices.behind(e) > kFarBehind[k]);
+
+    std::vector<double> weight, toLeft;  // of messages, once they are needed
+    for (const std::vector<int>& lefts : piecesOf(graph, isCut[0])) {
+        if (PieceSum(graph, isCut[0], lefts).run(result)) continue;
+        if (PieceSum(graph, isCut[1], lefts).run(result)) continue;
+        if (toLeft.empty()) {
+            for (const Edge& edge : edges) weight.push_back(std::exp(edge.logWeight));
+            passMessages(graph, weight, toLeft);
+        }
+        sumByMessages(graph, lefts, weight, toLeft, result);
+    }
+    return result;
+}
+
+}  // namespace kestrune::matching

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The pairs of markers that may be one at all, each with what its geometry says.
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "matching/circle_agreement.h"
+#include "matching/views.h"
+
+namespace kestrune::matching {
+
+struct Candidate {
+    int left, right;  ///< lines
+    Agreement agreement;
+};
+
+/// By how much the told standard deviations are multiplied.
+struct Scales {
+    double centre = 1, shape = 1;
+};
+
+/// @param window  largest distance of the epipolar planes, in units of `scales.centre` times the told sigma.
+/// @returns in ascending order of left, then right.
+std::vector<Candidate> candidatesOf(const Views& views, double baseline, const Scales& scales, double window);
+
+}  // namespace kestrune::matching

@@ -1,0 +1,353 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "matching/exposure_solver.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+#include "matching/spread.h"
+
+namespace kestrune::matching {
+namespace {
+
+constexpr double kWindow =
+    10;  // told sigmas of the distance from the epipolar plane: five of sigmas told too small by two
+// One ellipse in a hundred is off by five times its sigma.
+constexpr double kOutliers = 0.01, kOutlierScale = 5;
+constexpr double kFirstShare = 0.7;    // of the smaller list
+constexpr double kPseudoSingle = 0.5;  // single markers that each eye has besides those that are counted
+// What is learnt adds up to some five nats for each of radius, depth and normal.
+constexpr double kLeastFirstWeight = -22;
+constexpr double kLeastLogWeight = -18;
+constexpr double kBelievedStart = 0.9;
+constexpr int kLeastRounds = 2;
+constexpr double kFewestPairs = 0.1;
+constexpr double kShapeGate = 1.5;                        // told sigmas of shapes may be too small by it at the gate
+constexpr double kLeastField = 1e-3, kFieldMargin = 1.1;  // of the angles from the baseline, radians; a ratio
+constexpr double kDepthSigmas = 5;                        // that a depth may be beyond its range
+// A size is usual if this share of the pairs has it, to a share of the radius or so many sigmas.
+constexpr double kUsualSize = 0.2, kSameSize = 0.03, kSameSizeSigmas = 3;
+// Of so many neighbours on the image, so many bear out a depth, by surfaces of up to this slope.
+constexpr std::size_t kSizeNeighbours = 6;
+constexpr std::ptrdiff_t kLeastAgreeing = 2;
+constexpr double kSameDepthSlope = 0.8;
+constexpr double kLikelyShape = 16;  // chi-square of a pair, to begin with
+constexpr double kLeastScale = 0.2, kMostScale = 20;
+constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
+constexpr double kMedianNormal = 0.6745, kMedianChi3 = 2.366;
+constexpr double kScalePseudo = 4;  // pairs that speak for the told sigmas
+
+/// log of a Gaussian's density with outliers, without its normalisation.
+double robust(double chiSquare, int freedom) {
+    const double good = std::log(1 - kOutliers) - 0.5 * chiSquare;
+    const double bad =
+        std::log(kOutliers) - freedom * std::log(kOutlierScale) - 0.5 * chiSquare / (kOutlierScale * kOutlierScale);
+    return std::max(good, bad) + std::log1p(std::exp(-std::abs(good - bad)));
+}
+
+/// Logarithm of the density of phi among the other markers of an eye: level rows crowd.
+std::vector<double> rowDensities(const std::vector<Sightline>& lines) {
+    std::vector<double> result(lines.size(), 0.0);
+    if (lines.size() < 2) return result;
+    double sigma = 0;
+    for (const Sightline& line : lines) sigma += line.sigmaPhi;
+    sigma /= static_cast<double>(lines.size());
+    const double low = lines.front().phi, high = lines.back().phi, range = high - low + 20 * sigma;
+    KernelGrid grid(low - 10 * sigma, high + 10 * sigma, {1.5 * sigma, 12 * sigma, 0.1 * range});
+    for (const Sightline& line : lines) grid.add(line.phi, 1);
+    grid.smooth();
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        double sum = 0;
+        for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
+            sum += std::max(0.0, grid.value(k, lines[i].phi) - grid.kernel(k, 0)) / KernelGrid::kWidths;
+        result[i] = std::log(0.25 / range + 0.75 * sum / static_cast<double>(lines.size() - 1));
+    }
+    return result;
+}
+
+double weightedMedian(std::vector<std::pair<double, double>>& values) {
+    std::sort(values.begin(), values.end());
+    double all = 0, sum = 0;
+    for (const auto& [value, weight] : values) all += weight;
+    for (const auto& [value, weight] : values) {
+        sum += weight;
+        if (sum >= 0.5 * all) return value;
+    }
+    return 0;
+}
+
+}  // namespace
+
+ExposureSolver::ExposureSolver(const Views& views, const EpipolarFrame& frame, const Beforehand& known)
+    : views_(views), baseline_(frame.baseline), known_(known) {
+    candidates_ = candidatesOf(views, baseline_, {1, kShapeGate}, kWindow);
+    keepDepths(frame);
+    const std::vector<Sightline>& rights = views.lines[1];
+    logRows_ = rowDensities(rights);
+    const auto [least, most] = std::minmax_element(
+        rights.begin(), rights.end(), [](const Sightline& a, const Sightline& b) { return a.alpha < b.alpha; });
+    const double range = rights.empty() ? 1 : most->alpha - least->alpha;
+    logColumn_ = -std::log(std::max(range, kLeastField) * kFieldMargin);
+    firstScale_ = firstScale();
+    dropHopeless();
+}
+
+/// Those within the range that is known, to some sigmas.
+void ExposureSolver::keepDepths(const EpipolarFrame& frame) {
+    if (!(known_.depth[1] > 0)) return;
+    const auto isBeyond = [&](const Candidate& candidate) {
+        const CircleFit& fit = candidate.agreement.fits[0];
+        const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(candidate.left)].axis;
+        const double z = std::exp(fit.logDepth) / axis.z() * frame.fromLeft.col(2).dot(axis);
+        const double slack = kDepthSigmas * fit.sigmaDepth * z;
+        return !(z >= known_.depth[0] - slack && z <= known_.depth[1] + slack);
+    };
+    std::erase_if(candidates_, isBeyond);
+}
+
+/// Of the candidate of each left marker that is nearest to its epipolar plane, as far as that is no chance: where the
+/// calibration is off by more than the markers scatter, even the first weights must know.
+double ExposureSolver::firstScale() const {
+    std::vector<double> nearest(views_.lines[0].size(), std::numeric_limits<double>::infinity()), found;
+    for (const Candidate& candidate : candidates_) {
+        const CircleFit& fit = candidate.agreement.fits[0];
+        double& least = nearest[static_cast<std::size_t>(candidate.left)];
+        if (fit.chiSquare < kLikelyShape) least = std::min(least, std::abs(fit.epipolar) / fit.sigmaEpipolar);
+    }
+    for (const double z : nearest)
+        if (std::isfinite(z)) found.push_back(z);
+    return known_.estimateSigmas ? std::clamp(medianOf(found, 0) / kMedianNormal, 1.0, kMostScale) : 1;
+}
+
+double ExposureSolver::firstPairs() const {
+    return kFirstShare * static_cast<double>(std::min(views_.lines[0].size(), views_.lines[1].size()));
+}
+
+/// Those that nothing learnt later could make probable.
+void ExposureSolver::dropHopeless() {
+    Solution solution;
+    solution.pairs = firstPairs();
+    solution.scales.centre = firstScale_;
+    weigh(SceneModel(views_, candidates_, known_.radii, baseline_), GreyModel(views_), solution);
+    std::vector<Candidate> kept;
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        if (!(solution.logWeights[c] >= kLeastFirstWeight)) continue;
+        kept.push_back(candidates_[c]);
+        firstWeights_.push_back(solution.logWeights[c]);
+    }
+    candidates_ = std::move(kept);
+}
+
+Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const {
+    SceneModel model(views_, candidates_, known_.radii, baseline_);
+    GreyModel grey(views_);
+    Solution solution;
+    solution.pairs = firstPairs();
+    solution.scales.centre = firstScale_;
+    std::vector<double> before(candidates_.size(), 0.0);
+    if (!start.empty()) {
+        for (const int c : start) before[static_cast<std::size_t>(c)] = kBelievedStart;
+        solution.pairs = kBelievedStart * static_cast<double>(start.size());
+        model.learn(before);
+    }
+    for (int round = 0; round < rounds; ++round) {
+        weigh(model, grey, solution);
+        assignPairs(solution);
+        double change = 0;
+        for (std::size_t c = 0; c < before.size(); ++c)
+            change = std::max(change, std::abs(before[c] - solution.assignment.probability[c]));
+        if (round + 1 == rounds || (change < kSettledChange && round >= kLeastRounds)) break;
+        before = solution.assignment.probability;
+        if (known_.estimateSigmas) learnScales(solution);
+        model.learn(before, solution.ends());
+        learnGrey(solution, grey);
+    }
+    doubtLonelySizes(solution);
+    return solution;
+}
+
+/// Over all candidates; those without weight are left out.
+Assignment ExposureSolver::assignmentBy(const std::vector<double>& logWeights) const {
+    std::vector<Edge> edges;
+    std::vector<std::size_t> of;
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        if (!(logWeights[c] >= kLeastLogWeight)) continue;
+        edges.push_back({candidates_[c].left, candidates_[c].right, logWeights[c]});
+        of.push_back(c);
+    }
+    const Assignment found =
+        assign(edges, static_cast<int>(views_.lines[0].size()), static_cast<int>(views_.lines[1].size()));
+    Assignment all;
+    all.logSum = found.logSum;
+    all.probability.assign(candidates_.size(), 0.0);
+    all.chosen.assign(candidates_.size(), 0);
+    all.isExact.assign(candidates_.size(), 1);
+    for (std::size_t e = 0; e < of.size(); ++e) {
+        all.probability[of[e]] = found.probability[e];
+        all.chosen[of[e]] = found.chosen[e];
+        all.isExact[of[e]] = found.isExact[e];
+    }
+    return all;
+}
+
+void ExposureSolver::assignPairs(Solution& solution) const {
+    solution.assignment = assignmentBy(solution.logWeights);
+    solution.pairs = 0;
+    solution.partner.assign(views_.lines[0].size(), -1);
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        solution.pairs += solution.assignment.probability[c];
+        if (solution.assignment.chosen[c])
+            solution.partner[static_cast<std::size_t>(candidates_[c].left)] = static_cast<int>(c);
+    }
+}
+
+const CircleFit& ExposureSolver::fitOf(std::size_t candidate, const Solution& solution) const {
+    return candidates_[candidate].agreement.fits[static_cast<std::size_t>(solution.evidence[candidate].fit)];
+}
+
+/// Whether many others have a pair's size, or neighbours of other sizes its depth.
+bool ExposureSolver::isBorneOut(std::size_t candidate, const std::vector<std::size_t>& believed,
+                                const Solution& solution) const {
+    const Candidate& own = candidates_[candidate];
+    const CircleFit& fit = fitOf(candidate, solution);
+    const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(own.left)].axis;
+    struct Near {
+        double distance2;
+        bool agrees;
+    };
+    std::array<Near, kSizeNeighbours> nearest;
+    nearest.fill({std::numeric_limits<double>::infinity(), false});
+    double alike = 0, others = 0;
+    for (const std::size_t k : believed) {
+        if (candidates_[k].left == own.left || candidates_[k].right == own.right) continue;
+        const CircleFit& other = fitOf(k, solution);
+        const double apart = fit.logRadius - other.logRadius;
+        const double variance = fit.sigmaRadius * fit.sigmaRadius + other.sigmaRadius * other.sigmaRadius;
+        const bool isAlike =
+            apart * apart < std::max(kSameSizeSigmas * kSameSizeSigmas * variance, kSameSize * kSameSize);
+        ++others;
+        alike += isAlike ? 1 : 0;
+        const Eigen::Vector3d& its = views_.lines[0][static_cast<std::size_t>(candidates_[k].left)].axis;
+        const double u = axis.x() / axis.z() - its.x() / its.z(), v = axis.y() / axis.z() - its.y() / its.z();
+        Near near{u * u + v * v, false};
+        if (!(near.distance2 < nearest.back().distance2)) continue;
+        const double sigma = std::sqrt(fit.sigmaDepth * fit.sigmaDepth + other.sigmaDepth * other.sigmaDepth);
+        const double reach = kSameDepthSlope * std::sqrt(near.distance2) + kSameSizeSigmas * sigma;
+        near.agrees = !isAlike && std::abs(fit.logDepth - other.logDepth) < reach;
+        std::size_t place = nearest.size() - 1;
+        for (; place > 0 && near.distance2 < nearest[place - 1].distance2; --place) nearest[place] = nearest[place - 1];
+        nearest[place] = near;
+    }
+    const auto agreeing = std::count_if(nearest.begin(), nearest.end(), [](const Near& near) { return near.agrees; });
+    return alike >= kUsualSize * others || agreeing >= kLeastAgreeing;
+}
+
+/// Markers of a pattern that are left over in both eyes can be paired by one common shift: they then stand on a surface
+/// of their own, with radii of their own, and each of them bears out the others. So pairs of a size that few others
+/// have must do without what depths and radii teach.
+void ExposureSolver::doubtLonelySizes(Solution& solution) const {
+    std::vector<double> reduced = solution.logWeights;
+    std::vector<std::size_t> believed;
+    for (std::size_t c = 0; c < candidates_.size(); ++c)
+        if (solution.assignment.probability[c] > 0.5) believed.push_back(c);
+    std::vector<char> isDoubted(candidates_.size(), 0);
+    double doubtful = 0;
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        isDoubted[c] = reduced[c] >= kLeastLogWeight && !isBorneOut(c, believed, solution);
+        if (isDoubted[c]) doubtful += solution.assignment.probability[c];
+    }
+    // Nor may they take from each other that hardly a marker is single.
+    const double less = logOdds(solution.pairs) - logOdds(solution.pairs - doubtful);
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        if (!isDoubted[c]) continue;
+        const Evidence& evidence = solution.evidence[c];
+        reduced[c] -= less + std::max(0.0, evidence.density.depth - evidence.chance.depth) +
+                      std::max(0.0, evidence.density.radius - evidence.density.knownRadius);
+    }
+    const Assignment doubted = assignmentBy(reduced);
+    for (std::size_t c = 0; c < candidates_.size(); ++c)
+        solution.assignment.probability[c] = std::min(solution.assignment.probability[c], doubted.probability[c]);
+}
+
+/// Markers that an eye alone sees, if there are so many pairs.
+double ExposureSolver::singles(std::size_t eye, double pairs) const {
+    return std::max(0.0, static_cast<double>(views_.lines[eye].size()) - pairs) + kPseudoSingle;
+}
+
+/// Of a pair against two single markers, by their numbers.
+double ExposureSolver::logOdds(double pairs) const {
+    return std::log(std::max(pairs, kFewestPairs) / (singles(0, pairs) * singles(1, pairs)));
+}
+
+void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solution& solution) const {
+    std::array<std::vector<double>, 2> single;
+    for (std::size_t eye = 0; eye < 2; ++eye)
+        for (int i = 0; i < static_cast<int>(views_.lines[eye].size()); ++i)
+            single[eye].push_back(model.singleDensity(eye, i));
+    const double pairs = std::max(solution.pairs, kFewestPairs), lefts = singles(0, solution.pairs),
+                 rights = singles(1, solution.pairs), odds = logOdds(solution.pairs);
+    solution.logSingle = -pairs - lefts - rights;
+    for (const double d : single[0]) solution.logSingle += d + std::log(lefts);
+    for (const double d : single[1]) solution.logSingle += d + std::log(rights);
+
+    solution.logWeights.assign(candidates_.size(), 0.0);
+    solution.evidence.assign(candidates_.size(), {});
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        const Candidate& candidate = candidates_[c];
+        const auto right = static_cast<std::size_t>(candidate.right);
+        const double ofGrey = grey.evidence(candidate.left, candidate.right);
+        std::array<Evidence, 2> ends;
+        for (int k = 0; k < candidate.agreement.count; ++k) {
+            const auto i = static_cast<std::size_t>(k);
+            const CircleFit& fit = candidate.agreement.fits[i];
+            ends[i].fit = k;
+            ends[i].geometry = geometryOf(fit, solution.scales);
+            ends[i].density = model.pairDensity(static_cast<int>(c), fit);
+            ends[i].chance = model.chanceDensity(fit);
+            ends[i].grey = ofGrey;
+            ends[i].object = object_.empty() ? 0 : object_[c];
+            ends[i].odds = odds - logRows_[right] - logColumn_ - single[0][static_cast<std::size_t>(candidate.left)] -
+                           single[1][right];
+        }
+        const bool hasTwo = candidate.agreement.count > 1;
+        const std::size_t more = hasTwo && ends[1].ofPair() > ends[0].ofPair() ? 1 : 0;
+        solution.evidence[c] = ends[more];
+        solution.logWeights[c] = ends[more].odds + ends[more].ofPair();
+        if (hasTwo) solution.logWeights[c] += std::log1p(std::exp(ends[1 - more].ofPair() - ends[more].ofPair()));
+    }
+}
+
+double ExposureSolver::geometryOf(const CircleFit& fit, const Scales& scales) const {
+    const double sigma = scales.centre * fit.sigmaEpipolar, z = fit.epipolar / sigma;
+    return robust(fit.chiSquare / (scales.shape * scales.shape), 3) - 3 * std::log(scales.shape) + fit.logVolume +
+           robust(z * z, 1) - std::log(std::sqrt(2 * std::numbers::pi) * sigma) + std::log(fit.depthByAlpha);
+}
+
+void ExposureSolver::learnGrey(const Solution& solution, GreyModel& grey) const {
+    std::vector<std::array<int, 2>> pairs;
+    for (std::size_t c = 0; c < candidates_.size(); ++c)
+        if (solution.assignment.probability[c] > 0.5) pairs.push_back({candidates_[c].left, candidates_[c].right});
+    grey.learn(pairs);
+}
+
+void ExposureSolver::learnScales(Solution& solution) const {
+    std::vector<std::pair<double, double>> distances, shapes;
+    double count = 0;
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        const double p = solution.assignment.probability[c];
+        if (p < 0.5) continue;
+        const CircleFit& fit = candidates_[c].agreement.fits[static_cast<std::size_t>(solution.evidence[c].fit)];
+        distances.push_back({std::abs(fit.epipolar) / fit.sigmaEpipolar, p});
+        shapes.push_back({fit.chiSquare, p});
+        count += p;
+    }
+    if (distances.empty()) return;
+    const double ofCentre = weightedMedian(distances) / kMedianNormal;
+    const double ofShape = std::sqrt(weightedMedian(shapes) / kMedianChi3);
+    const double share = count / (count + kScalePseudo);
+    solution.scales.centre = std::exp(share * std::log(std::clamp(ofCentre, kLeastScale, kMostScale)));
+    solution.scales.shape = std::exp(share * std::log(std::clamp(ofShape, kLeastScale, kMostScale)));
+}
+
+}  // namespace kestrune::matching

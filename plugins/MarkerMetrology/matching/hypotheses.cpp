@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "matching/hypotheses.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "matching/holes.h"
+#include "matching/rival_growth.h"
+#include "parallel/parallel_loop.h"
+
+namespace kestrune::matching {
+namespace {
+
+constexpr int kRounds = 6, kRivalRounds = 3;
+constexpr int kMostGrown = 4, kMostShift = 5;
+constexpr double kLeastWorth = -8;
+// A rival that matches fewer markers than this share of the best one's is none.
+constexpr double kLeastRival = 0.4;
+constexpr int kFewestOfRival = 3;
+// Beginnings that share so much lead to one end; solutions that share more are one.
+constexpr double kSameBeginning = 0.7, kSameSolution = 0.5;
+// What the best assignment must be ahead by, nats.
+constexpr double kMargin = 12;
+constexpr double kFarAhead = 60;
+constexpr double kMeasuredWorth = 1.5, kLearntMargin = 20, kMostMisfit = 20;
+constexpr double kNoRival = 1e6;
+
+using Pairs = std::vector<int>;  ///< candidates, ascending
+
+Pairs pairsOf(const Solution& solution) {
+    Pairs pairs;
+    for (const int c : solution.partner)
+        if (c >= 0) pairs.push_back(c);
+    std::sort(pairs.begin(), pairs.end());
+    return pairs;
+}
+
+double sharedBy(const Pairs& a, const Pairs& b) {
+    if (a.empty() || b.empty()) return 0;
+    Pairs both;
+    std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(both));
+    return static_cast<double>(both.size()) / static_cast<double>(std::min(a.size(), b.size()));
+}
+
+/// Every marker's partner moved by so many places along its line.
+Pairs shifted(const Solution& from, const std::vector<Candidate>& candidates, const std::vector<double>& worth,
+              int places) {
+    std::vector<std::vector<int>> own(from.partner.size());
+    for (int c = 0; c < static_cast<int>(candidates.size()); ++c) {
+        const auto left = static_cast<std::size_t>(candidates[static_cast<std::size_t>(c)].left);
+        if (worth[static_cast<std::size_t>(c)] >= kLeastWorth || from.partner[left] == c) own[left].push_back(c);
+    }
+    Pairs pairs;
+    for (std::size_t i = 0; i < own.size(); ++i) {
+        if (from.partner[i] < 0) continue;
+        std::sort(own[i].begin(), own[i].end(), [&](int a, int b) {
+            return candidates[static_cast<std::size_t>(a)].agreement.fits[0].logDepth <
+                   candidates[static_cast<std::size_t>(b)].agreement.fits[0].logDepth;
+        });
+        const auto at = std::find(own[i].begin(), own[i].end(), from.partner[i]) - own[i].begin() + places;
+        if (at >= 0 && at < static_cast<std::ptrdiff_t>(own[i].size()))
+            pairs.push_back(own[i][static_cast<std::size_t>(at)]);
+    }
+    std::sort(pairs.begin(), pairs.end());
+    return pairs;
+}
+
+class Trial {
+  public:
+    Trial(const Views& views, const ExposureSolver& solver)
+        : views_(views), solver_(solver), worth_(solver.firstWeights()) {
+        add(solver.solve({}, kRounds));
+    }
+
+    /// Until a rival is found that is about as probable, or there are no more.
+    void run() {
+        attempt(grownAssignments(views_, solver_.candidates(), worth_, kLeastWorth, kMostGrown));
+        std::size_t from = best();
+        for (int k = 1; k <= kMostShift && !hasRival(); ++k) {
+            attempt({shiftedBy(from, k), shiftedBy(from, -k)});
+            if (best() == from) continue;
+            from = best();
+            k = 0;  // again from the better one
+        }
+    }
+
+    std::size_t best() const {
+        std::size_t best = 0;
+        for (std::size_t k = 1; k < solutions_.size(); ++k)
+            if (solutions_[k].logEvidence() > solutions_[best].logEvidence()) best = k;
+        return best;
+    }
+
+    Decision decision() {
+        const std::size_t first = best();
+        const Margin margin = marginOf(first, leastPairs(solutions_[first]));
+        Decision result;
+        result.logMargin = margin.ahead;
+        result.repeats = margin.ahead < kMargin;
+        if (result.repeats) result.rival = solutions_[margin.rival];
+        result.best = std::move(solutions_[first]);
+        return result;
+    }
+
+  private:
+    struct Margin {
+        double ahead;
+        std::size_t rival;
+    };
+
+    Margin marginOf(std::size_t k, std::size_t least) const {
+        Margin margin{kNoRival, k};
+        for (std::size_t other = 0; other < solutions_.size(); ++other) {
+            if (other == k || ends_[other].size() < least || sharedBy(ends_[k], ends_[other]) > kSameSolution) continue;
+            const double by = aheadOf(solutions_[k], solutions_[other]);
+            if (by < margin.ahead) margin = {by, other};
+        }
+        return margin;
+    }
+
+    static std::size_t leastPairs(const Solution& solution) {
+        return static_cast<std::size_t>(std::max<double>(kFewestOfRival, kLeastRival * solution.pairs));
+    }
+
+    void add(Solution solution) {
+        ends_.push_back(pairsOf(solution));
+        solutions_.push_back(std::move(solution));
+    }
+
+    /// Those of the starts that lead elsewhere, each by itself.
+    void attempt(const std::vector<Pairs>& all) {
+        std::vector<Pairs> starts;
+        for (const Pairs& start : all) {
+            const auto isKnown = [&](const Pairs& other) { return sharedBy(start, other) > kSameBeginning; };
+            const auto isIn = [&](const std::vector<Pairs>& list) {
+                return std::any_of(list.begin(), list.end(), isKnown);
+            };
+            if (start.size() < leastPairs(solutions_[best()]) || isIn(ends_) || isIn(starts_)) continue;
+            starts_.push_back(start);
+            starts.push_back(start);
+        }
+        std::vector<Solution> found(starts.size());
+        const ParallelCall call;
+        forEachLongItem(static_cast<int>(starts.size()), [&](int k) {
+            found[static_cast<std::size_t>(k)] = solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds);
+        });
+        for (Solution& solution : found) add(std::move(solution));
+    }
+
+    Pairs shiftedBy(std::size_t from, int places) const {
+        return shifted(solutions_[from], solver_.candidates(), worth_, places);
+    }
+
+    bool hasRival() const { return marginOf(best(), leastPairs(solutions_[best()])).ahead < kMargin; }
+
+    /// By how much `a` is the better one, nats: by all that was seen, by the markers that both match, and by what of
+    /// these is measured and not learnt.
+    double aheadOf(const Solution& a, const Solution& b) const {
+        const double all = a.logEvidence() - b.logEvidence();
+        double common = 0, measured = 0;
+        int shared = 0;
+        const Scales scales{std::min(a.scales.centre, b.scales.centre), std::min(a.scales.shape, b.scales.shape)};
+        for (std::size_t i = 0; i < a.partner.size(); ++i) {
+            if (a.partner[i] < 0 || b.partner[i] < 0) continue;
+            ++shared;
+            common += a.evidence[static_cast<std::size_t>(a.partner[i])].ofPair() -
+                      b.evidence[static_cast<std::size_t>(b.partner[i])].ofPair();
+            measured += misfitOf(b, b.partner[i], scales) - misfitOf(a, a.partner[i], scales) +
+                        solver_.knownEvidence(a, a.partner[i]) - solver_.knownEvidence(b, b.partner[i]);
+        }
+        if (shared < kFewestOfRival) return all;
+        double least = std::max(std::min(common, kMeasuredWorth * measured), common - kLearntMargin);
+        if (least < kFarAhead)  // what is missing here and there may decide
+            least += holesOf(views_, solver_, a).logEvidence() - holesOf(views_, solver_, b).logEvidence();
+        return std::min(all, least);
+    }
+
+    /// Half of the chi-square of a pair, outliers cut.
+    double misfitOf(const Solution& solution, int candidate, const Scales& scales) const {
+        const auto c = static_cast<std::size_t>(candidate);
+        const CircleFit& fit =
+            solver_.candidates()[c].agreement.fits[static_cast<std::size_t>(solution.evidence[c].fit)];
+        const double shape = fit.chiSquare / (scales.shape * scales.shape);
+        const double z = fit.epipolar / (scales.centre * fit.sigmaEpipolar);
+        return 0.5 * (std::min(shape, kMostMisfit) + std::min(z * z, kMostMisfit));
+    }
+
+    const Views& views_;
+    const ExposureSolver& solver_;
+    std::vector<double> worth_;
+    std::vector<Solution> solutions_;
+    std::vector<Pairs> ends_, starts_;
+};
+
+}  // namespace
+
+Decision decide(const Views& views, const ExposureSolver& solver) {
+    Trial trial(views, solver);
+    trial.run();
+    return trial.decision();
+}
+
+}  // namespace kestrune::matching

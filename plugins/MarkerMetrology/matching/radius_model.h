@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Density of the logarithm of a marker's radius: nominal ones if there are some, and what the pairs of the exposure
+// show.
+#pragma once
+
+#include <vector>
+
+#include "matching/kernel_grid.h"
+#include "matching/mixture.h"
+#include "matching/pair_graph.h"
+
+namespace kestrune::matching {
+
+/// What is known beforehand.
+struct NominalRadii {
+    std::vector<double> logarithms;
+    double tolerance = 0;  ///< standard deviation of a logarithm
+};
+
+class RadiusModel {
+  public:
+    /// broad, nominal, kernels
+    static constexpr std::size_t kParts = 2 + KernelGrid::kWidths;
+
+    RadiusModel(const PairGraph& graph, const NominalRadii& nominal);
+
+    void learn(const PairGraph& graph);  ///< places of the pairs
+    void learnShares(const PairGraph& graph);
+
+    /// Without what the two markers said before; `right` may be -1.
+    Parts<kParts> parts(const PairGraph& graph, double logRadius, std::size_t eye, int line, int other) const;
+    double density(const Parts<kParts>& parts) const { return mixture_(parts); }
+    /// By what is known beforehand alone, without what the exposure taught.
+    double knownDensity(const Parts<kParts>& parts) const {
+        return mixture_.share(1) * parts[1] + (1 - mixture_.share(1)) * parts[0];
+    }
+    double chance() const { return 1 / (high_ - low_); }  ///< density of any marker
+    /// All at once, for one marker.
+    double density(const PairGraph& graph, double logRadius, std::size_t eye, int line) const;
+
+  private:
+    void setGrid();
+    void mix();
+
+    double low_ = 0, high_ = 1, sigma_ = 0.01;
+    KernelGrid grid_{0, 1, {1, 1, 1}};
+    std::vector<double> nominal_, mixed_;  ///< on the cells of the grid
+    const NominalRadii& known_;
+    bool hasNominal_;
+    double total_ = 0;  ///< pairs that were learnt from
+    Mixture<kParts> mixture_;
+};
+
+}  // namespace kestrune::matching
