@@ -216,9 +216,9 @@ TEST(MatchMarkers, TellsOfAPatternThatRepeats) {
     vague.radiusTolerance = 0.01;
     const StereoMatch known = sights.match(vague);
     EXPECT_EQ(known.objection, MatchObjection::none) << known.reason;
-    EXPECT_EQ(static_cast<std::size_t>(std::count_if(known.pairs.begin(), known.pairs.end(), [&](const MatchedPair& p) {
-                  return p.sure && sights.disc[0][at(p.left)] == sights.disc[1][at(p.right)];
-              })),
+    EXPECT_EQ(static_cast<std::size_t>(
+                  std::count_if(known.pairs.begin(), known.pairs.end(),
+                                [&](const MatchedPair& p) { return p.sure && sights.disc[0][at(p.left)] == sights.disc[1][at(p.right)]; })),
               sights.both());
     EXPECT_EQ(static_cast<std::size_t>(std::count_if(known.pairs.begin(), known.pairs.end(), [](const auto& p) { return p.sure; })), sights.both());
 }
