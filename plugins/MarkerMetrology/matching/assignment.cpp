@@ -12,16 +12,16 @@
 namespace kestrune::matching {
 namespace {
 
-constexpr int kMostSweeps = 300;
+constexpr int kMostSweeps = 50;
 constexpr double kSettled = 1e-9;  // change of a message, relative
 // An assignment that is behind by more than this, nats, is as good as impossible; where too many are nearer, by the
 // second.
 constexpr std::array<double, 2> kFarBehind = {24, 15};
 // Beyond this a weight decides by itself, and its powers would leave double precision.
 constexpr double kMostLogWeight = 200;
-// Sets of taken markers that one step may have, and ways between them in a whole piece: bounds time and memory, 10 ms
-// and 10 MB.
-constexpr std::size_t kMostSets = 1000, kMostWays = 200'000;
+// Sets of taken markers that one step may have, and ways between them in a whole piece: bounds time and memory, 5 ms
+// and 3 MB.
+constexpr std::size_t kMostSets = 1000, kMostWays = 60'000;
 constexpr int kMostOpen = 64;  // right markers that a set can tell apart
 
 /// sums[k] = 1 + all values but the k-th, without the cancellation of a difference.

@@ -22,7 +22,7 @@ struct Scales {
 };
 
 /// @param window  largest distance of the epipolar planes, in units of `scales.centre` times the told sigma.
-/// @returns in ascending order of left, then right.
+/// @returns in ascending order of left, then right; for each left marker 64 at most, the nearest.
 std::vector<Candidate> candidatesOf(const Views& views, double baseline, const Scales& scales, double window);
 
 }  // namespace kestrune::matching

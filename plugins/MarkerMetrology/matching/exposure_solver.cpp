@@ -17,6 +17,7 @@ constexpr double kWindow =
 constexpr double kOutliers = 0.01, kOutlierScale = 5;
 constexpr double kFirstShare = 0.7;    // of the smaller list
 constexpr double kPseudoSingle = 0.5;  // single markers that each eye has besides those that are counted
+constexpr std::size_t kMostOfOneLine = 24;
 // What is learnt adds up to some five nats for each of radius, depth and normal.
 constexpr double kLeastFirstWeight = -22;
 constexpr double kLeastLogWeight = -18;
@@ -130,11 +131,24 @@ void ExposureSolver::dropHopeless() {
     solution.pairs = firstPairs();
     solution.scales.centre = firstScale_;
     weigh(SceneModel(views_, candidates_, known_.radii, baseline_), GreyModel(views_), solution);
+    // Crowds of alike markers keep their best ones: that bounds time.
+    std::vector<std::vector<std::size_t>> ofLeft(views_.lines[0].size());
+    for (std::size_t c = 0; c < candidates_.size(); ++c)
+        if (solution.logWeights[c] >= kLeastFirstWeight)
+            ofLeft[static_cast<std::size_t>(candidates_[c].left)].push_back(c);
     std::vector<Candidate> kept;
-    for (std::size_t c = 0; c < candidates_.size(); ++c) {
-        if (!(solution.logWeights[c] >= kLeastFirstWeight)) continue;
-        kept.push_back(candidates_[c]);
-        firstWeights_.push_back(solution.logWeights[c]);
+    for (std::vector<std::size_t>& list : ofLeft) {
+        if (list.size() > kMostOfOneLine) {
+            std::stable_sort(list.begin(), list.end(), [&](std::size_t x, std::size_t y) {
+                return solution.logWeights[x] > solution.logWeights[y];
+            });
+            list.resize(kMostOfOneLine);
+            std::sort(list.begin(), list.end());
+        }
+        for (const std::size_t c : list) {
+            kept.push_back(candidates_[c]);
+            firstWeights_.push_back(solution.logWeights[c]);
+        }
     }
     candidates_ = std::move(kept);
 }

@@ -23,6 +23,8 @@ constexpr double kSameBeginning = 0.7, kSameSolution = 0.5;
 // What the best assignment must be ahead by, nats.
 constexpr double kMargin = 12;
 constexpr double kFarAhead = 60;
+// Candidates of all rivals together, 2 us each in a round; and rivals.
+constexpr int kMostWork = 60'000, kLeastRivals = 3, kMostRivals = 24;
 constexpr double kMeasuredWorth = 1.5, kLearntMargin = 20, kMostMisfit = 20;
 constexpr double kNoRival = 1e6;
 
@@ -132,6 +134,7 @@ class Trial {
     void attempt(const std::vector<Pairs>& all) {
         std::vector<Pairs> starts;
         for (const Pairs& start : all) {
+            if (static_cast<int>(starts_.size()) >= mostRivals()) break;
             const auto isKnown = [&](const Pairs& other) { return sharedBy(start, other) > kSameBeginning; };
             const auto isIn = [&](const std::vector<Pairs>& list) {
                 return std::any_of(list.begin(), list.end(), isKnown);
@@ -146,6 +149,11 @@ class Trial {
             found[static_cast<std::size_t>(k)] = solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds);
         });
         for (Solution& solution : found) add(std::move(solution));
+    }
+
+    /// So many as there is time for.
+    int mostRivals() const {
+        return std::clamp(kMostWork / std::max(1, static_cast<int>(worth_.size())), kLeastRivals, kMostRivals);
     }
 
     Pairs shiftedBy(std::size_t from, int places) const {
