@@ -18,7 +18,7 @@ constexpr double kLeastTotal = 0.5;
 constexpr double kNarrow = 1.3, kWide = 6;
 // Beside each other on a surface, depths differ by this share of the distance.
 constexpr double kSlope = 0.4;
-constexpr std::size_t kPlane = 1 + KernelGrid::kWidths, kTangent = kPlane + 2, kLevel = kTangent + 2;
+constexpr std::size_t kPlane = 1 + KernelGrid::kWidths, kTangent = kPlane + 2;
 // Of other pairs' depths, so many are taken for the narrow kernel, and for each wider one.
 constexpr std::size_t kMostNarrow = 64, kMostWide = 12;
 
@@ -41,6 +41,40 @@ struct NeighbourWidths {
 
 NeighbourWidths widthsOf(const Neighbour& neighbour, double sigma) {
     return {kNarrow * neighbour.tangentSigma, kNarrow * sigma, kNarrow * sigma + kSlope * neighbour.distance};
+}
+
+/// Mean of a function over other pairs' depths, so many of them at most; below 0 for none.
+template <typename Function>
+double meanOverAnchors(const std::vector<Anchor>& anchors, int line, std::size_t most, const Function& f) {
+    double sum = 0;
+    int count = 0;
+    const std::size_t stride = anchors.size() / most + 1;
+    for (std::size_t k = 0; k < anchors.size(); k += stride) {
+        if (anchors[k].line == line) continue;
+        sum += f(anchors[k].logDepth);
+        ++count;
+    }
+    return count > 0 ? sum / count : -1;
+}
+
+/// A function of the depth, smeared as the neighbours predict it.
+template <typename Function>
+void setSmearedNear(const Prediction& prediction, double sigma, const Function& f, Parts<DepthModel::kParts>& parts) {
+    if (prediction.hasPlane) {
+        parts[kPlane] = smeared(f, prediction.plane, kNarrow * prediction.planeSigma, true);
+        parts[kPlane + 1] = smeared(f, prediction.plane, kWide * prediction.planeSigma, true);
+    }
+    if (prediction.count == 0) return;
+    std::array<double, 4> near{};
+    for (int k = 0; k < prediction.count; ++k) {
+        const Neighbour& neighbour = prediction.neighbours[static_cast<std::size_t>(k)];
+        const NeighbourWidths widths = widthsOf(neighbour, sigma);
+        near[0] += smeared(f, neighbour.tangent, widths.tangent, false);
+        near[1] += smeared(f, neighbour.tangent, kWide * widths.tangent, true);
+        near[2] += f(neighbour.logDepth);
+        near[3] += smeared(f, neighbour.logDepth, widths.slope, true);
+    }
+    for (std::size_t k = 0; k < near.size(); ++k) parts[kTangent + k] = near[k] / prediction.count;
 }
 
 }  // namespace
@@ -104,12 +138,18 @@ Parts<DepthModel::kParts> DepthModel::parts(const PairGraph& graph, const Neighb
     if (total > kLeastTotal)
         for (std::size_t k = 0; k < sums.size(); ++k) parts[1 + k] = std::max(sums[k], 0.0) / total;
 
-    const Prediction& prediction = neighbourhood.of(eye, line);
+    setNear(graph, neighbourhood.of(eye, line), logDepth, 1 - eye, other, parts);
+    return parts;
+}
+
+/// Of the neighbours that do not claim the pair's other marker.
+void DepthModel::setNear(const PairGraph& graph, const Prediction& prediction, double logDepth, std::size_t otherEye,
+                         int other, Parts<kParts>& parts) const {
     int without = -1, count = 0;
     std::array<double, 4> near{};
     for (int k = 0; k < prediction.count; ++k) {
         const Neighbour& neighbour = prediction.neighbours[static_cast<std::size_t>(k)];
-        if (graph.line(1 - eye, neighbour.candidate) == other) {
+        if (graph.line(otherEye, neighbour.candidate) == other) {
             without = k;
             continue;
         }
@@ -132,7 +172,6 @@ Parts<DepthModel::kParts> DepthModel::parts(const PairGraph& graph, const Neighb
     }
     if (count > 0)
         for (std::size_t k = 0; k < near.size(); ++k) parts[kTangent + k] = near[k] / count;
-    return parts;
 }
 
 double DepthModel::singleDensity(const PairGraph& graph, const Neighbourhood& neighbourhood, const RadiusModel& radii,
@@ -140,53 +179,21 @@ double DepthModel::singleDensity(const PairGraph& graph, const Neighbourhood& ne
     const Sightline& at = graph.sight(eye, line);
     const double toRadius = at.logRho - std::log(at.forward);
     const auto radius = [&](double logDepth) { return radii.density(graph, toRadius + logDepth, eye, line); };
-    const double broad = 1 / (high_ - low_);
     Parts<kParts> parts;
-    parts.fill(broad);
+    parts.fill(chance());
     if (total_ == 0) return mixture_(parts);
 
-    const std::vector<Anchor>& anchors = neighbourhood.anchors(eye);
-    double sum = 0;
-    int count = 0;
-    const std::size_t stride = anchors.size() / kMostNarrow + 1;
-    for (std::size_t k = 0; k < anchors.size(); k += stride) {
-        if (anchors[k].line == line) continue;
-        sum += radius(anchors[k].logDepth);
-        ++count;
-    }
-    if (count > 0) {
-        parts[1] = sum / count;  // narrower than the radii's kernels
-        const std::size_t step = anchors.size() / kMostWide + 1;
-        double middle = 0, wide = 0;
-        int some = 0;
-        for (std::size_t k = 0; k < anchors.size(); k += step) {
-            if (anchors[k].line == line) continue;
-            middle += smeared(radius, anchors[k].logDepth, grid_.width(1), false);
-            wide += smeared(radius, anchors[k].logDepth, grid_.width(2), true);
-            ++some;
-        }
-        if (some > 0) {
-            parts[2] = middle / some;
-            parts[3] = wide / some;
-        }
-    }
-    const Prediction& prediction = neighbourhood.of(eye, line);
-    if (prediction.hasPlane) {
-        parts[kPlane] = smeared(radius, prediction.plane, kNarrow * prediction.planeSigma, true);
-        parts[kPlane + 1] = smeared(radius, prediction.plane, kWide * prediction.planeSigma, true);
-    }
-    if (prediction.count > 0) {
-        std::array<double, 4> near{};
-        for (int k = 0; k < prediction.count; ++k) {
-            const Neighbour& neighbour = prediction.neighbours[static_cast<std::size_t>(k)];
-            const NeighbourWidths widths = widthsOf(neighbour, sigma_);
-            near[0] += smeared(radius, neighbour.tangent, widths.tangent, false);
-            near[1] += smeared(radius, neighbour.tangent, kWide * widths.tangent, true);
-            near[2] += radius(neighbour.logDepth);
-            near[3] += smeared(radius, neighbour.logDepth, widths.slope, true);
-        }
-        for (std::size_t k = 0; k < near.size(); ++k) parts[kTangent + k] = near[k] / prediction.count;
-    }
+    const auto anchors = [&](std::size_t most, double width, bool isFine) {
+        return meanOverAnchors(neighbourhood.anchors(eye), line, most, [&](double logDepth) {
+            return width > 0 ? smeared(radius, logDepth, width, isFine) : radius(logDepth);
+        });
+    };
+    const std::array<double, KernelGrid::kWidths> learnt = {
+        anchors(kMostNarrow, 0, false),  // narrower than the radii's kernels
+        anchors(kMostWide, grid_.width(1), false), anchors(kMostWide, grid_.width(2), true)};
+    for (std::size_t k = 0; k < learnt.size(); ++k)
+        if (learnt[k] >= 0) parts[1 + k] = learnt[k];
+    setSmearedNear(neighbourhood.of(eye, line), sigma_, radius, parts);
     return mixture_(parts);
 }
 

@@ -33,6 +33,9 @@ class DepthModel {
     double typicalSigma() const { return sigma_; }
 
   private:
+    void setNear(const PairGraph& graph, const Prediction& prediction, double logDepth, std::size_t otherEye, int other,
+                 Parts<kParts>& parts) const;
+
     double low_ = 0, high_ = 1, sigma_ = 0.01;
     KernelGrid grid_{0, 1, {1, 1, 1}};
     double total_ = 0;

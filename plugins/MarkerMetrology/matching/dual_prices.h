@@ -51,7 +51,15 @@ class DualPrices {
   private:
     static constexpr double kFar = std::numeric_limits<double>::infinity();
 
+    struct Path {
+        double length;
+        int right, single;  ///< where it ends: the last right (-1: none), and the left that becomes single (-1: none)
+        std::vector<int> reached, settled;
+    };
     void augment(int start);
+    Path shortestPath(int start);
+    void pay(int start, const Path& path);
+    void exchange(int start, const Path& path);
 
     const Graph& graph_;
     std::vector<double> left_, right_;

@@ -47,6 +47,7 @@ ObjectFit fitObject(const std::vector<SpacePoint>& points, const std::vector<Kno
     const std::vector<ObjectMarker> markers = orderedMarkers(object);
     if (markers.size() < 3) return result;
     std::vector<double> variances;
+    variances.reserve(markers.size());
     for (const ObjectMarker& marker : markers) variances.push_back(marker.variance);
     const auto middle = variances.begin() + static_cast<std::ptrdiff_t>(variances.size() / 2);
     std::nth_element(variances.begin(), middle, variances.end());

@@ -152,8 +152,10 @@ void ObjectPoints::forCells(const Point& point, const Body& body) const {
     const Eigen::Array3i from = (at - reach).max(0).cast<int>(), to = (at + reach).cast<int>().min(size_ - 1);
     for (int z = from.z(); z <= to.z(); ++z)
         for (int y = from.y(); y <= to.y(); ++y)
-            for (int x = from.x(); x <= to.x(); ++x)
-                body(static_cast<std::size_t>((z * size_.y() + y) * size_.x() + x));
+            for (int x = from.x(); x <= to.x(); ++x) {
+                const int cell = (z * size_.y() + y) * size_.x() + x;
+                body(static_cast<std::size_t>(cell));
+            }
 }
 
 void ObjectPoints::fillGrid() {

@@ -51,7 +51,8 @@ class ObjectPoints {
         Eigen::Array3d at = (place - low_).array() / cell_;
         if (!((at >= 0).all() && (at < size_.cast<double>()).all())) return;
         const Eigen::Array3i c = at.cast<int>();
-        const auto cell = static_cast<std::size_t>((c.z() * size_.y() + c.y()) * size_.x() + c.x());
+        const int cellNumber = (c.z() * size_.y() + c.y()) * size_.x() + c.x();
+        const auto cell = static_cast<std::size_t>(cellNumber);
         for (int k = start_[cell]; k < start_[cell + 1]; ++k) body(entry_[static_cast<std::size_t>(k)]);
     }
 

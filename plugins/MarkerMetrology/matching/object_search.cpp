@@ -244,6 +244,7 @@ std::vector<PoseFit> ObjectSearch::run() {
 
 std::vector<PoseFit> ObjectSearch::runAmong(const std::vector<PoseFit::Match>& matches) {
     std::vector<int> own;
+    own.reserve(matches.size());
     for (const auto& match : matches) own.push_back(match.point);
     std::sort(own.begin(), own.end());
     work_ = kRivalWork;

@@ -71,6 +71,7 @@ Vector5 solvePattern(const std::vector<Residual>& residuals, const std::vector<c
 
 double scaleOf(const std::vector<Residual>& residuals, const Vector5& turns) {
     std::vector<double> sizes;
+    sizes.reserve(residuals.size());
     for (const Residual& r : residuals) sizes.push_back(std::abs(r.value + r.row.dot(turns)) / r.sigma);
     return std::max(medianOf(std::move(sizes), 0) / kMedianOfNormal, kLeastNoise);
 }
