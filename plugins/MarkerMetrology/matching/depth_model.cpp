@@ -13,7 +13,6 @@ namespace {
 // Depths that a rig may be meant for, in baselines.
 constexpr double kNearest = 0.3, kFarthest = 100;
 constexpr double kObjectKernel = 0.03, kBroadKernel = 0.2;
-constexpr double kLeastTotal = 0.5;
 // Neighbours' kernels: of their uncertainty, and as much wider for what is not quite a plane.
 constexpr double kNarrow = 1.3, kWide = 6;
 // Beside each other on a surface, depths differ by this share of the distance.
@@ -101,16 +100,10 @@ void DepthModel::setSigma(const PairGraph& graph) {
 }
 
 void DepthModel::learn(const PairGraph& graph) {
-    if (total_ == 0) mixture_ = {};
-    grid_ = KernelGrid(low_, high_,
-                       {1.5 * sigma_, std::max(kObjectKernel, 3 * sigma_), std::max(kBroadKernel, 9 * sigma_)});
-    total_ = 0;
-    for (int c = 0; c < static_cast<int>(graph.candidates.size()); ++c) {
-        if (graph.worth(c) < PairGraph::kLeastOwn) continue;
-        grid_.add(graph.fit(c).logDepth, graph.worth(c));
-        total_ += graph.worth(c);
-    }
-    grid_.smooth();
+    if (learnt_.total() == 0) mixture_ = {};
+    learnt_.reset(KernelGrid(low_, high_,
+                             {1.5 * sigma_, std::max(kObjectKernel, 3 * sigma_), std::max(kBroadKernel, 9 * sigma_)}));
+    learnt_.learn(graph);
 }
 
 void DepthModel::learnShares(const PairGraph& graph, const Neighbourhood& neighbourhood) {
@@ -126,17 +119,8 @@ Parts<DepthModel::kParts> DepthModel::parts(const PairGraph& graph, const Neighb
                                             std::size_t eye, int line, int other) const {
     Parts<kParts> parts;
     parts.fill(logDepth > low_ && logDepth < high_ ? chance() : 0);
-    if (total_ == 0) return parts;
-    double total = total_;
-    std::array<double, KernelGrid::kWidths> sums;
-    for (std::size_t k = 0; k < sums.size(); ++k) sums[k] = grid_.value(k, logDepth);
-    graph.forOwn(eye, line, other, [&](int c) {
-        total -= graph.worth(c);
-        for (std::size_t k = 0; k < sums.size(); ++k)
-            sums[k] -= graph.worth(c) * grid_.kernel(k, logDepth - graph.fit(c).logDepth);
-    });
-    if (total > kLeastTotal)
-        for (std::size_t k = 0; k < sums.size(); ++k) parts[1 + k] = std::max(sums[k], 0.0) / total;
+    if (learnt_.total() == 0) return parts;
+    learnt_.density(graph, logDepth, eye, line, other, &parts[1]);
 
     setNear(graph, neighbourhood.of(eye, line), logDepth, 1 - eye, other, parts);
     return parts;
@@ -181,7 +165,7 @@ double DepthModel::singleDensity(const PairGraph& graph, const Neighbourhood& ne
     const auto radius = [&](double logDepth) { return radii.density(graph, toRadius + logDepth, eye, line); };
     Parts<kParts> parts;
     parts.fill(chance());
-    if (total_ == 0) return mixture_(parts);
+    if (learnt_.total() == 0) return mixture_(parts);
 
     const auto anchors = [&](std::size_t most, double width, bool isFine) {
         return meanOverAnchors(neighbourhood.anchors(eye), line, most, [&](double logDepth) {
@@ -190,7 +174,7 @@ double DepthModel::singleDensity(const PairGraph& graph, const Neighbourhood& ne
     };
     const std::array<double, KernelGrid::kWidths> learnt = {
         anchors(kMostNarrow, 0, false),  // narrower than the radii's kernels
-        anchors(kMostWide, grid_.width(1), false), anchors(kMostWide, grid_.width(2), true)};
+        anchors(kMostWide, learnt_.grid().width(1), false), anchors(kMostWide, learnt_.grid().width(2), true)};
     for (std::size_t k = 0; k < learnt.size(); ++k)
         if (learnt[k] >= 0) parts[1 + k] = learnt[k];
     setSmearedNear(neighbourhood.of(eye, line), sigma_, radius, parts);

@@ -4,7 +4,7 @@
 // neighbours on the image predict. Neighbours are evidence and no gate: a broad part stays.
 #pragma once
 
-#include "matching/kernel_grid.h"
+#include "matching/learnt_kernels.h"
 #include "matching/mixture.h"
 #include "matching/neighbours.h"
 #include "matching/radius_model.h"
@@ -37,8 +37,7 @@ class DepthModel {
                  Parts<kParts>& parts) const;
 
     double low_ = 0, high_ = 1, sigma_ = 0.01;
-    KernelGrid grid_{0, 1, {1, 1, 1}};
-    double total_ = 0;
+    LearntKernels learnt_{&CircleFit::logDepth};
     Mixture<kParts> mixture_;
 };
 

@@ -36,7 +36,7 @@ constexpr double kSameDepthSlope = 0.8;
 constexpr double kLikelyShape = 16;  // chi-square of a pair, to begin with
 constexpr double kLeastScale = 0.2, kMostScale = 20;
 constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
-constexpr double kMedianNormal = 0.6745, kMedianChi3 = 2.366;
+constexpr double kMedianChi3 = 2.366;
 constexpr double kScalePseudo = 4;  // pairs that speak for the told sigmas
 
 /// log of a Gaussian's density with outliers, without its normalisation.
@@ -118,7 +118,7 @@ double ExposureSolver::firstScale() const {
     }
     for (const double z : nearest)
         if (std::isfinite(z)) found.push_back(z);
-    return known_.estimateSigmas ? std::clamp(medianOf(found, 0) / kMedianNormal, 1.0, kMostScale) : 1;
+    return known_.estimateSigmas ? std::clamp(medianOf(found, 0) / kMedianOfNormal, 1.0, kMostScale) : 1;
 }
 
 double ExposureSolver::firstPairs() const {
@@ -351,13 +351,13 @@ void ExposureSolver::learnScales(Solution& solution) const {
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
         const double p = solution.assignment.probability[c];
         if (p < 0.5) continue;
-        const CircleFit& fit = candidates_[c].agreement.fits[static_cast<std::size_t>(solution.evidence[c].fit)];
+        const CircleFit& fit = fitOf(c, solution);
         distances.push_back({std::abs(fit.epipolar) / fit.sigmaEpipolar, p});
         shapes.push_back({fit.chiSquare, p});
         count += p;
     }
     if (distances.empty()) return;
-    const double ofCentre = weightedMedian(distances) / kMedianNormal;
+    const double ofCentre = weightedMedian(distances) / kMedianOfNormal;
     const double ofShape = std::sqrt(weightedMedian(shapes) / kMedianChi3);
     const double share = count / (count + kScalePseudo);
     solution.scales.centre = std::exp(share * std::log(std::clamp(ofCentre, kLeastScale, kMostScale)));

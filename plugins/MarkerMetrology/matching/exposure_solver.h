@@ -63,6 +63,8 @@ class ExposureSolver {
 
     const std::vector<Candidate>& candidates() const { return candidates_; }
     double baseline() const { return baseline_; }
+    /// The end of a candidate that counts most.
+    const CircleFit& fitOf(std::size_t candidate, const Solution& solution) const;
 
     /// @param start  candidates that are believed to begin with; none: each is worth what its geometry says.
     Solution solve(const std::vector<int>& start, int rounds) const;
@@ -86,7 +88,6 @@ class ExposureSolver {
     void assignPairs(Solution& solution) const;
     Assignment assignmentBy(const std::vector<double>& logWeights) const;
     void doubtLonelySizes(Solution& solution) const;
-    const CircleFit& fitOf(std::size_t candidate, const Solution& solution) const;
     bool isBorneOut(std::size_t candidate, const std::vector<std::size_t>& believed, const Solution& solution) const;
     void learnGrey(const Solution& solution, GreyModel& grey) const;
     void learnScales(Solution& solution) const;

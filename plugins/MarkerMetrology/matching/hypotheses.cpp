@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
+#include <optional>
 
 #include "matching/holes.h"
 #include "matching/rival_growth.h"
@@ -98,7 +98,6 @@ class Trial {
         const std::size_t first = best();
         const Margin margin = marginOf(first, leastPairs(solutions_[first]));
         Decision result;
-        result.logMargin = margin.ahead;
         result.repeats = margin.ahead < kMargin;
         if (result.repeats) result.rival = solutions_[margin.rival];
         result.best = std::move(solutions_[first]);
@@ -111,11 +110,11 @@ class Trial {
         std::size_t rival;
     };
 
-    Margin marginOf(std::size_t k, std::size_t least) const {
+    Margin marginOf(std::size_t k, std::size_t least) {
         Margin margin{kNoRival, k};
         for (std::size_t other = 0; other < solutions_.size(); ++other) {
             if (other == k || ends_[other].size() < least || sharedBy(ends_[k], ends_[other]) > kSameSolution) continue;
-            const double by = aheadOf(solutions_[k], solutions_[other]);
+            const double by = aheadOf(k, other);
             if (by < margin.ahead) margin = {by, other};
         }
         return margin;
@@ -127,6 +126,7 @@ class Trial {
 
     void add(Solution solution) {
         ends_.push_back(pairsOf(solution));
+        holes_.emplace_back();
         solutions_.push_back(std::move(solution));
     }
 
@@ -160,11 +160,12 @@ class Trial {
         return shifted(solutions_[from], solver_.candidates(), worth_, places);
     }
 
-    bool hasRival() const { return marginOf(best(), leastPairs(solutions_[best()])).ahead < kMargin; }
+    bool hasRival() { return marginOf(best(), leastPairs(solutions_[best()])).ahead < kMargin; }
 
     /// By how much `a` is the better one, nats: by all that was seen, by the markers that both match, and by what of
     /// these is measured and not learnt.
-    double aheadOf(const Solution& a, const Solution& b) const {
+    double aheadOf(std::size_t first, std::size_t second) {
+        const Solution &a = solutions_[first], &b = solutions_[second];
         const double all = a.logEvidence() - b.logEvidence();
         double common = 0, measured = 0;
         int shared = 0;
@@ -180,15 +181,18 @@ class Trial {
         if (shared < kFewestOfRival) return all;
         double least = std::max(std::min(common, kMeasuredWorth * measured), common - kLearntMargin);
         if (least < kFarAhead)  // what is missing here and there may decide
-            least += holesOf(views_, solver_, a).logEvidence() - holesOf(views_, solver_, b).logEvidence();
+            least += evidenceOfHoles(first) - evidenceOfHoles(second);
         return std::min(all, least);
+    }
+
+    double evidenceOfHoles(std::size_t k) {
+        if (!holes_[k]) holes_[k] = holesOf(views_, solver_, solutions_[k]).logEvidence();
+        return *holes_[k];
     }
 
     /// Half of the chi-square of a pair, outliers cut.
     double misfitOf(const Solution& solution, int candidate, const Scales& scales) const {
-        const auto c = static_cast<std::size_t>(candidate);
-        const CircleFit& fit =
-            solver_.candidates()[c].agreement.fits[static_cast<std::size_t>(solution.evidence[c].fit)];
+        const CircleFit& fit = solver_.fitOf(static_cast<std::size_t>(candidate), solution);
         const double shape = fit.chiSquare / (scales.shape * scales.shape);
         const double z = fit.epipolar / (scales.centre * fit.sigmaEpipolar);
         return 0.5 * (std::min(shape, kMostMisfit) + std::min(z * z, kMostMisfit));
@@ -199,6 +203,7 @@ class Trial {
     std::vector<double> worth_;
     std::vector<Solution> solutions_;
     std::vector<Pairs> ends_, starts_;
+    std::vector<std::optional<double>> holes_;  ///< of each solution, once they are asked for
 };
 
 }  // namespace

@@ -17,7 +17,6 @@ struct Decision {
     Solution best;
     bool repeats = false;  ///< another assignment is about as probable
     Solution rival;        ///< that one
-    double logMargin = 0;  ///< by which the best one is ahead of it, nats
 };
 
 Decision decide(const Views& views, const ExposureSolver& solver);

@@ -15,8 +15,6 @@ constexpr double kKindKernel = 0.03, kBroadSizes = 0.2;
 // Before anything is learnt: markers of another size than the nominal ones.
 constexpr double kOtherSizes = 0.05;
 constexpr std::size_t kNominal = 1;  // of the parts
-// Pairs that must be left when those at hand are taken out.
-constexpr double kLeastOthers = 0.5;
 // Beyond this many widths a kernel of the marker itself is not worth being taken out.
 constexpr double kReach = 12;
 
@@ -41,9 +39,9 @@ RadiusModel::RadiusModel(const PairGraph& graph, const NominalRadii& nominal)
 /// Kernels are as wide as the uncertainty of the pairs that are believed: with any other, whole assignments of other
 /// depths would not be measured alike.
 void RadiusModel::setGrid() {
-    grid_ =
-        KernelGrid(low_, high_, {1.5 * sigma_, std::max(kKindKernel, 3 * sigma_), std::max(kBroadSizes, 9 * sigma_)});
-    nominal_.assign(grid_.cells(), 1 / (high_ - low_));
+    learnt_.reset(
+        KernelGrid(low_, high_, {1.5 * sigma_, std::max(kKindKernel, 3 * sigma_), std::max(kBroadSizes, 9 * sigma_)}));
+    nominal_.assign(learnt_.grid().cells(), 1 / (high_ - low_));
     if (hasNominal_) {
         const double width = std::hypot(known_.tolerance, sigma_);
         const double scale =
@@ -51,7 +49,7 @@ void RadiusModel::setGrid() {
         for (std::size_t cell = 0; cell < nominal_.size(); ++cell) {
             double sum = 0;
             for (const double at : known_.logarithms) {
-                const double off = (grid_.place(cell) - at) / width;
+                const double off = (learnt_.grid().place(cell) - at) / width;
                 sum += std::exp(-0.5 * off * off);
             }
             nominal_[cell] = scale * sum;
@@ -60,7 +58,7 @@ void RadiusModel::setGrid() {
 }
 
 void RadiusModel::learn(const PairGraph& graph) {
-    if (total_ == 0) {  // nothing is learnt yet: all kernels may be right
+    if (learnt_.total() == 0) {  // nothing is learnt yet: all kernels may be right
         Parts<kParts> shares;
         shares.fill(0.25);
         shares[1] = hasNominal_ ? 1 - kOtherSizes : 0;
@@ -70,13 +68,7 @@ void RadiusModel::learn(const PairGraph& graph) {
     }
     sigma_ = typicalSigma(graph.believedSigmas([](const CircleFit& fit) { return fit.sigmaRadius; }), sigma_);
     setGrid();
-    total_ = 0;
-    for (int c = 0; c < static_cast<int>(graph.candidates.size()); ++c) {
-        if (graph.worth(c) < PairGraph::kLeastOwn) continue;
-        grid_.add(graph.fit(c).logRadius, graph.worth(c));
-        total_ += graph.worth(c);
-    }
-    grid_.smooth();
+    learnt_.learn(graph);
 }
 
 void RadiusModel::learnShares(const PairGraph& graph) {
@@ -89,43 +81,36 @@ void RadiusModel::learnShares(const PairGraph& graph) {
 }
 
 void RadiusModel::mix() {
-    mixed_.assign(grid_.cells(), 0.0);
+    mixed_.assign(learnt_.grid().cells(), 0.0);
     for (std::size_t cell = 0; cell < mixed_.size(); ++cell)
-        for (std::size_t k = 0; k < KernelGrid::kWidths; ++k) mixed_[cell] += mixture_.share(2 + k) * grid_.at(k, cell);
+        for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
+            mixed_[cell] += mixture_.share(2 + k) * learnt_.grid().at(k, cell);
 }
 
 Parts<RadiusModel::kParts> RadiusModel::parts(const PairGraph& graph, double logRadius, std::size_t eye, int line,
                                               int other) const {
     Parts<kParts> parts;
     parts.fill(1 / (high_ - low_));
-    parts[1] = grid_.interpolate(nominal_, logRadius);
-    double total = total_;
-    std::array<double, KernelGrid::kWidths> sums;
-    for (std::size_t k = 0; k < sums.size(); ++k) sums[k] = grid_.value(k, logRadius);
-    graph.forOwn(eye, line, other, [&](int c) {
-        total -= graph.worth(c);
-        for (std::size_t k = 0; k < sums.size(); ++k)
-            sums[k] -= graph.worth(c) * grid_.kernel(k, logRadius - graph.fit(c).logRadius);
-    });
-    if (total > kLeastOthers)
-        for (std::size_t k = 0; k < sums.size(); ++k) parts[2 + k] = std::max(sums[k], 0.0) / total;
+    parts[1] = learnt_.grid().interpolate(nominal_, logRadius);
+    learnt_.density(graph, logRadius, eye, line, other, &parts[2]);
     return parts;
 }
 
 double RadiusModel::density(const PairGraph& graph, double logRadius, std::size_t eye, int line) const {
     if (!(logRadius > low_ && logRadius < high_)) return 0;
-    double total = total_, learnt = total > 0 ? grid_.interpolate(mixed_, logRadius) : 0, learntShare = 0;
+    double total = learnt_.total(), learnt = total > 0 ? learnt_.grid().interpolate(mixed_, logRadius) : 0,
+           learntShare = 0;
     for (std::size_t k = 0; k < KernelGrid::kWidths; ++k) learntShare += mixture_.share(2 + k);
     graph.forOwn(eye, line, -1, [&](int c) {
         total -= graph.worth(c);
         const double off = logRadius - graph.fit(c).logRadius;
         for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
-            if (std::abs(off) < kReach * grid_.width(k))
-                learnt -= mixture_.share(2 + k) * graph.worth(c) * grid_.kernel(k, off);
+            if (std::abs(off) < kReach * learnt_.grid().width(k))
+                learnt -= mixture_.share(2 + k) * graph.worth(c) * learnt_.grid().kernel(k, off);
     });
-    const double broad = (mixture_.share(0) + (total > kLeastOthers ? 0 : learntShare)) / (high_ - low_);
-    return broad + mixture_.share(1) * grid_.interpolate(nominal_, logRadius) +
-           (total > kLeastOthers ? std::max(learnt, 0.0) / total : 0);
+    const double broad = (mixture_.share(0) + (total > LearntKernels::kLeastTotal ? 0 : learntShare)) / (high_ - low_);
+    return broad + mixture_.share(1) * learnt_.grid().interpolate(nominal_, logRadius) +
+           (total > LearntKernels::kLeastTotal ? std::max(learnt, 0.0) / total : 0);
 }
 
 }  // namespace kestrune::matching

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "matching/kernel_grid.h"
+#include "matching/learnt_kernels.h"
 #include "matching/mixture.h"
 #include "matching/pair_graph.h"
 
@@ -44,11 +44,10 @@ class RadiusModel {
     void mix();
 
     double low_ = 0, high_ = 1, sigma_ = 0.01;
-    KernelGrid grid_{0, 1, {1, 1, 1}};
+    LearntKernels learnt_{&CircleFit::logRadius};
     std::vector<double> nominal_, mixed_;  ///< on the cells of the grid
     const NominalRadii& known_;
     bool hasNominal_;
-    double total_ = 0;  ///< pairs that were learnt from
     Mixture<kParts> mixture_;
 };
 

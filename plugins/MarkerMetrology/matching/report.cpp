@@ -46,7 +46,7 @@ PairCues cuesOf(const Attempt& attempt, int candidate) {
     const Candidate& its = attempt.solver.candidates()[c];
     const Solution& solution = attempt.best();
     const Evidence& evidence = solution.evidence[c];
-    const CircleFit& fit = its.agreement.fits[static_cast<std::size_t>(evidence.fit)];
+    const CircleFit& fit = attempt.solver.fitOf(c, solution);
     const auto pixels = [](const Sightline& line) { return std::sin(line.alpha) / line.pixel; };
     const double scale = 0.5 * (pixels(attempt.views.lines[0][static_cast<std::size_t>(its.left)]) +
                                 pixels(attempt.views.lines[1][static_cast<std::size_t>(its.right)]));
@@ -242,9 +242,6 @@ class Report {
     void setPairs() {
         measureDiscs();
         const Solution& best = attempt_.best();
-        std::vector<int> chosenOfRight(attempt_.views.lines[1].size(), -1);
-        for (const int c : best.partner)
-            if (c >= 0) chosenOfRight[static_cast<std::size_t>(candidate(c).right)] = c;
         std::vector<int> others;
         for (int c = 0; c < static_cast<int>(attempt_.solver.candidates().size()); ++c) {
             const bool isChosen = best.partner[static_cast<std::size_t>(candidate(c).left)] == c;

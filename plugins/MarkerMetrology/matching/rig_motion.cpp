@@ -30,9 +30,8 @@ constexpr int kRefinements = 6;
 // Two windows that are so nearly as full, as a ratio, cannot be told apart.
 constexpr double kSecondShare = 0.5;
 constexpr double kLeastConvergence = 1e-4;  // of two rays that meet
-constexpr double kMedianOfNormal = 0.6745;
-constexpr double kLeastNoise = 0.3;  // of the told sigmas
-constexpr double kOutlier = 4;       // sigmas
+constexpr double kLeastNoise = 0.3;         // of the told sigmas
+constexpr double kOutlier = 4;              // sigmas
 
 Vector3 planeByTurn(const Sightline& line) {
     const double x = line.axis.x(), y = line.axis.y(), z = line.axis.z(), across2 = y * y + z * z;
@@ -170,9 +169,9 @@ RigMotion motionOf(const Views& views, const ExposureSolver& solver, const Solut
     for (std::size_t c = 0; c < solver.candidates().size(); ++c) {
         if (solution.assignment.probability[c] < 0.5) continue;
         const Candidate& candidate = solver.candidates()[c];
-        const CircleFit& fit = candidate.agreement.fits[static_cast<std::size_t>(solution.evidence[c].fit)];
         residuals.push_back(residualOf(views.lines[0][static_cast<std::size_t>(candidate.left)],
-                                       views.lines[1][static_cast<std::size_t>(candidate.right)], fit.epipolar));
+                                       views.lines[1][static_cast<std::size_t>(candidate.right)],
+                                       solver.fitOf(c, solution).epipolar));
     }
     return fitPattern(residuals);
 }

@@ -8,6 +8,9 @@
 
 namespace kestrune::matching {
 
+/// Of the size of a normal number, in its standard deviations.
+inline constexpr double kMedianOfNormal = 0.6745;
+
 inline double medianOf(std::vector<double> values, double ofNone) {
     if (values.empty()) return ofNone;
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
