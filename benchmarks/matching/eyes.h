@@ -16,7 +16,8 @@ namespace kestrune::bench {
 
 struct Sight {
     std::vector<MarkerEstimate> markers;
-    std::vector<int> identity;  ///< number of the disc; -1 for a false detection
+    /// Number of the disc; -1 for a false detection, -2 - number for one that lies on the disc and is off.
+    std::vector<int> identity;
 };
 
 /// Numbers of the discs that an eye could see: turned to it, on its image, large enough and behind no other.

@@ -143,11 +143,13 @@ std::string textOf(const SceneKind& kind) {
     const std::string& trouble = troubleNames()[static_cast<std::size_t>(kind.trouble)];
     return fmt::format(
         "{} ({:.3g}), {}, {}, tilt {:.0f}, {} markers of {:.1f} px, {} sizes x {:.2f} +- {:.2f} %, jitter {:.3f}, "
-        "fill {:.2f}, {} {:.1f} deg, f {:.0f}, {:.0f} mm, noise {:.3f} x {:.0f}, single {:.0f} %{}, false {:.0f} %{}{}",
+        "fill {:.2f}, {} {:.1f} deg, {} x {} px, f {:.0f}, {:.0f} mm, noise {:.3f} x {:.0f}, single {:.0f} %{}, false "
+        "{:.0f} %{}{}",
         trouble, kind.factor, nameOf(kind.layout), nameOf(kind.stance), kind.tilt, kind.markers, kind.radius,
         kind.sizes, kind.sizeSpread, 100 * kind.sizeScatter, kind.jitter, kind.fill, nameOf(kind.rig), kind.axesAngle,
-        kind.focal, kind.distance, kind.noise, kind.noiseSpread, 100 * kind.single, kind.hidden ? " in one place" : "",
-        100 * kind.falseShare, kind.falseNear ? " near" : "", kind.levels ? ", levels" : "");
+        kind.image.width, kind.image.height, kind.focal, kind.distance, kind.noise, kind.noiseSpread, 100 * kind.single,
+        kind.hidden ? " in one place" : "", 100 * kind.falseShare, kind.falseNear ? " near" : "",
+        kind.levels ? ", levels" : "");
 }
 
 }  // namespace kestrune::bench

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <opencv2/core/types.hpp>
 #include <string>
 #include <vector>
 
@@ -47,8 +48,9 @@ struct SceneKind {
     double fill = 0.7;       ///< half width of the object's image, as a share of what both images hold
     double unit = 1;         ///< of lengths, for a millimetre
     RigShape rig = RigShape::symmetric;
-    double axesAngle = 12;   ///< between the views of both eyes, degrees
-    double focal = 3000;     ///< px
+    double axesAngle = 12;  ///< between the views of both eyes, degrees
+    double focal = 3000;    ///< px
+    cv::Size image{2448, 2048};
     double distance = 1000;  ///< mm
     double noise = 0.1;      ///< standard deviation of a centre's coordinate, px
     double noiseSpread = 1;  ///< its factor from the best marker to the worst

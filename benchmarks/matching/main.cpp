@@ -40,7 +40,8 @@ constexpr const char* kUsage =
     "  --as-told  believes the sigmas as they are told\n"
     "  --by       a row for each group: layout, stance, rig, noise, spread, markers, radius, sizes, single, false,\n"
     "             levels, angle, tilt\n"
-    "  --each     a line for each wrong pair that was said to be sure\n"
+    "  --each     a line for each wrong pair that was said to be sure, and for each marker of both eyes that is in "
+    "none\n"
     "  --plot     writes a picture (SVG) of what probabilities came to\n"
     "  --photographs  renders both images, finds and refines the markers\n"
     "  --check    whether the scenes are what they say\n";
@@ -163,7 +164,7 @@ std::vector<SceneScore> runKind(const Options& options, const std::string& name)
     printReliability(scores);
     printObjections(scores);
     if (trouble == Trouble::turned || trouble == Trouble::calibration) printMoved(scores);
-    if (options.each) printWrong(scores);
+    if (options.each) printWrong(scores), printLost(scores);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
     fmt::print(stderr, "{}: {} scenes, {:.1f} s\n", name, options.scenes, taken.count());
     return scores;

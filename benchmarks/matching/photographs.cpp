@@ -7,20 +7,14 @@
 #include <utility>
 
 #include "draws.h"
+#include "photograph_settings.h"
 #include "refined_pairs.h"
 
 namespace kestrune::bench {
 namespace {
 
-// The path's bounds, as a user sets them who knows the markers and looks at an image.
-constexpr double kLeastAreaShare = 0.3, kMostAreaShare = 1.6;  ///< of round ones
-constexpr double kOpenCircularity = 0.5, kOpenEccentricity = 0.97, kOpenResidual = 0.15, kOpenAxisRatio = 0.28;
-constexpr int kBlock = 21, kSmallBlock = 15;
-constexpr double kLeastHalved = 5;  ///< minor half axis, px: smaller ones are sought at full size
-constexpr float kMostDiameter = 130, kMostFullDiameter = 300;
-
-constexpr double kEnlarged = 1.4;  ///< radius of a marker's image over the nominal: an eye may be nearer
-constexpr double kSlant = 0.6;     ///< least share of the minor half axis that bounds count on
+constexpr std::array<std::array<int, 2>, 5> kImages{
+    {{1624, 1240}, {1920, 1200}, {2048, 1536}, {2448, 2048}, {2448, 2048}}};
 
 // What is no marker.
 constexpr int kMostClutter = 60;                     ///< lines, specks and corners in each eye
@@ -29,25 +23,13 @@ constexpr double kCoverDepth = 0.8;                  ///< where they are, in dis
 constexpr double kLeastCover = 15, kMostCover = 80;  ///< radius, px
 constexpr int kFalseTries = 50;
 
-constexpr double kLeastSignal = 8;  ///< contrast over noise: of fainter markers the paths find few
+// Markers of which something hides a part, in one eye or differently in both.
+constexpr double kHiddenShare = 0.5;                 ///< of the exposures that have some
+constexpr double kMostHalfHidden = 0.1;              ///< of the markers
+constexpr double kLeastPart = 0.6, kMostPart = 1.6;  ///< distance of what hides it, in radii of the marker
 
-/// Light and lens of an exposure.
-struct Exposition {
-    double ground, contrast, noise, blur;
-    double gain[2];  ///< of the eyes
-    bool edgeBased;
-};
-
-Exposition drawExposition(Draws& draws) {
-    Exposition e{};
-    e.ground = draws.uniform(20, 60);
-    e.contrast = draws.uniform(40, 170);
-    e.noise = std::min(draws.logUniform(0.5, 12), e.contrast / kLeastSignal);
-    e.blur = draws.uniform(0.6, 1.5);
-    for (double& gain : e.gain) gain = draws.uniform(0.85, 1.1);
-    e.edgeBased = draws.chance(0.5);
-    return e;
-}
+/// A detection that is farther from the true centre than this is no measurement of the marker, px.
+constexpr double kFarthest = 1.5;
 
 void setLens(scene::PinholeCamera& camera, Draws& draws) {
     camera.distortion = {draws.uniform(-0.12, 0.08), draws.uniform(-0.03, 0.03), draws.normal(3e-4), draws.normal(3e-4),
@@ -74,6 +56,11 @@ double distanceTo(const scene::PinholeCamera& camera, const scene::Disc& disc) {
 struct Drawing {
     std::vector<scene::Disc> discs;
     std::vector<int> identity;
+
+    void addNone(const scene::Disc& disc) {
+        discs.push_back(disc);
+        identity.push_back(-1);
+    }
 };
 
 void addFalse(Drawing& drawing, const scene::PinholeCamera& camera, const Stage& stage, Draws& draws) {
@@ -88,93 +75,113 @@ void addFalse(Drawing& drawing, const scene::PinholeCamera& camera, const Stage&
             const bool alike = draws.chance(0.5);
             const auto& model = drawing.discs[static_cast<std::size_t>(draws.whole(0, static_cast<int>(markers) - 1))];
             const double radius = alike ? model.radius * camera.intrinsic(0, 0) / depth : draws.logUniform(4, 25);
-            scene::Disc disc = discAt(camera, pixel, depth, radius, draws.uniform(0, 0.8), draws);
+            const scene::Disc disc = discAt(camera, pixel, depth, radius, draws.uniform(0, 0.8), draws);
             const auto touches = [&](const scene::Disc& other) {
                 const cv::Point2d p = scene::projectDisc(camera, other).centre;
                 return std::hypot(p.x - pixel.x, p.y - pixel.y) <
                        1.3 * radius + 1.3 * other.radius * camera.intrinsic(0, 0) / distanceTo(camera, other) + 4;
             };
             if (std::any_of(drawing.discs.begin(), drawing.discs.end(), touches)) continue;
-            drawing.discs.push_back(disc);
-            drawing.identity.push_back(-1);
+            drawing.addNone(disc);
             break;
         }
 }
 
+/// Hides a part of these markers, by what has the ground's colour or any.
+void hideParts(Drawing& drawing, std::size_t markers, double share, const scene::PinholeCamera& camera,
+               const Exposition& light, std::size_t eye, Draws& draws) {
+    for (std::size_t k = 0; k < markers; ++k) {
+        if (!draws.chance(share)) continue;
+        const scene::EllipseTruth image = scene::projectDisc(camera, drawing.discs[k]);
+        const double radius = image.majorHalfAxis * draws.uniform(0.5, 1.5), angle = draws.angle(),
+                     away = radius + image.majorHalfAxis * (draws.uniform(kLeastPart, kMostPart) - 1);
+        const cv::Point2d pixel = image.centre + away * cv::Point2d(std::cos(angle), std::sin(angle));
+        scene::Disc cover = discAt(camera, pixel, kCoverDepth * distanceTo(camera, drawing.discs[k]), radius, 0, draws);
+        cover.grey = draws.chance(0.5) ? light.gain[eye] * light.ground : draws.uniform(0, 220);
+        drawing.addNone(cover);
+    }
+}
+
 Drawing drawingFor(const Stage& stage, std::size_t eye, const scene::PinholeCamera& camera, const Exposition& light,
-                   Draws& draws) {
+                   double halfHidden, Draws& draws) {
     Drawing drawing;
     for (const int k : stage.seen[eye]) {
         drawing.discs.push_back(stage.shown[eye][static_cast<std::size_t>(k)]);
         drawing.identity.push_back(k);
     }
+    const std::size_t markers = drawing.discs.size();
     addFalse(drawing, camera, stage, draws);
-    for (scene::Disc& disc : drawing.discs)
-        disc.grey = std::min(250., light.gain[eye] * (light.ground + light.contrast * draws.uniform(0.9, 1.1)));
+    for (scene::Disc& disc : drawing.discs) disc.grey = light.markerGrey(eye, draws.uniform(0.9, 1.1));
+    hideParts(drawing, markers, halfHidden, camera, light, eye, draws);
     const double depth = kCoverDepth * cv::norm(stage.told.target);
     for (int covers = draws.whole(0, kMostCovers); covers > 0; --covers) {
         const cv::Point2d pixel(draws.uniform(0, camera.size.width), draws.uniform(0, camera.size.height));
-        drawing.discs.push_back(discAt(camera, pixel, depth, draws.logUniform(kLeastCover, kMostCover), 0, draws));
-        drawing.discs.back().grey = draws.chance(0.5) ? light.ground : draws.uniform(0, 220);
-        drawing.identity.push_back(-1);
+        scene::Disc cover = discAt(camera, pixel, depth, draws.logUniform(kLeastCover, kMostCover), 0, draws);
+        cover.grey = draws.chance(0.5) ? light.gain[eye] * light.ground : draws.uniform(0, 220);
+        drawing.addNone(cover);
     }
     return drawing;
 }
 
-Settings settingsFor(const SceneKind& kind, const Exposition& light) {
-    const std::string folder = std::string(KESTRUNE_SETTINGS_DIR) + "/";
-    Settings settings = light.edgeBased ? readSettings(folder + "mixed-complex.yaml", Path::complex, Use::stereo)
-                                        : readSettings(folder + "bright-radial.yaml", Path::radial, Use::stereo);
-    CicrleConfigs& configs = settings.configs;
-    configs.skipUndistort = false;
-    const double least = kind.radius, most = kind.radius * kind.sizeSpread * kEnlarged;
-    const bool small = kSlant * least < kLeastHalved;
-    configs.minArea = kLeastAreaShare * CV_PI * least * least;
-    configs.maxArea = kMostAreaShare * CV_PI * most * most;
-    configs.minCircularity = kOpenCircularity;
-    configs.maxEccentricity = kOpenEccentricity;
-    configs.maxFitResidual = static_cast<float>(kOpenResidual);
-    configs.minAxisRatio = static_cast<float>(kOpenAxisRatio);
-    const double noises = light.edgeBased ? 2.5 : 4, floor = light.edgeBased ? 0.05 : 0.04,
-                 roof = light.edgeBased ? 0.08 : 0.13;
-    configs.thresholdC =
-        -static_cast<int>(std::lround(std::clamp(noises * light.noise, floor * light.contrast, roof * light.contrast)));
-    configs.contrast = static_cast<int>(0.5 * light.contrast);
-    configs.aperture = kBlock;
-    if (light.edgeBased) configs.maxDiameter = 2 * kMostDiameter;
-    if (!small) return settings;
-    configs.scale = 1;
-    if (!light.edgeBased) return settings;
-    configs.aperture = kSmallBlock;
-    configs.maxDiameter = kMostFullDiameter;
-    configs.minDiameter = static_cast<float>(std::min(3.0, kSlant * least));
-    return settings;
+cv::Mat photograph(const Drawing& drawing, std::size_t eye, const scene::Rig& cameras, const Exposition& light,
+                   int clutter, std::uint64_t seed) {
+    scene::Rig seen = cameras;
+    // The other eye's image has other discs: a pixel of it will do.
+    (eye == 0 ? seen.right : seen.left).size = {1, 1};
+    const scene::PinholeCamera& camera = eye == 0 ? cameras.left : cameras.right;
+    auto patches = scene::makeClutter(cameras, drawing.discs, clutter, seed);
+    std::erase_if(patches, [eye](const scene::Patch& patch) { return patch.eye != static_cast<int>(eye); });
+    auto discs = drawing.discs;
+    std::stable_sort(discs.begin(), discs.end(), [&](const scene::Disc& a, const scene::Disc& b) {
+        return distanceTo(camera, a) > distanceTo(camera, b);
+    });
+    return scene::render(seen, discs, patches,
+                         {.background = light.gain[eye] * light.ground,
+                          .blurSigma = light.blur[eye],
+                          .noiseSigma = light.noise,
+                          .seed = seed,
+                          .shade = light.shade[eye]})
+        .image[eye];
 }
 
-/// The marker whose image the estimate lies on.
-int identityOf(const MarkerEstimate& estimate, const Drawing& drawing, const std::vector<scene::EllipseTruth>& images) {
-    int number = -1;
-    double nearest = std::numeric_limits<double>::max();
-    for (std::size_t k = 0; k < images.size(); ++k) {
-        const double distance =
-            std::hypot(images[k].centre.x - estimate.centre.x, images[k].centre.y - estimate.centre.y);
-        if (!(distance < 0.5 * images[k].majorHalfAxis) || distance >= nearest) continue;
-        nearest = distance;
-        number = drawing.identity[k];
-    }
-    return number;
+MarkerSizes sizesOf(const std::array<Drawing, 2>& drawings, const scene::Rig& cameras) {
+    MarkerSizes sizes{1e9, 1e9, 0};
+    for (std::size_t eye = 0; eye < 2; ++eye)
+        for (std::size_t k = 0; k < drawings[eye].discs.size(); ++k) {
+            if (drawings[eye].identity[k] < 0) continue;
+            const scene::EllipseTruth image =
+                scene::projectDisc(eye == 0 ? cameras.left : cameras.right, drawings[eye].discs[k]);
+            sizes.leastMinor = std::min(sizes.leastMinor, image.minorHalfAxis);
+            sizes.least = std::min(sizes.least, image.majorHalfAxis);
+            sizes.most = std::max(sizes.most, image.majorHalfAxis);
+        }
+    return sizes.most > 0 ? sizes : MarkerSizes{5, 5, 25};
 }
 
+/// Numbers for the detections of an eye: of each marker the nearest one is its measurement. Others that lie on it are
+/// wrong ones, as of its visible half, of what covers it, and where it is found twice; what was drawn elsewhere keeps
+/// off.
 Sight sightOf(std::vector<MarkerEstimate> estimates, const scene::PinholeCamera& camera, const Drawing& drawing) {
-    std::vector<scene::EllipseTruth> images;
-    for (const scene::Disc& disc : drawing.discs) images.push_back(scene::projectDisc(camera, disc));
     Sight sight;
-    for (const MarkerEstimate& estimate : estimates) {
-        const int number = identityOf(estimate, drawing, images);
-        // A marker that was found twice is there once.
-        const bool again = std::find(sight.identity.begin(), sight.identity.end(), number) != sight.identity.end();
-        sight.identity.push_back(again ? -1 : number);
+    sight.identity.assign(estimates.size(), -1);
+    std::vector<int> wrong(estimates.size(), -1);
+    for (std::size_t k = 0; k < drawing.discs.size(); ++k) {
+        if (drawing.identity[k] < 0) continue;
+        const scene::EllipseTruth truth = scene::projectDisc(camera, drawing.discs[k]);
+        double nearest = kFarthest;
+        std::size_t found = estimates.size();
+        for (std::size_t e = 0; e < estimates.size(); ++e) {
+            const double distance =
+                std::hypot(truth.centre.x - estimates[e].centre.x, truth.centre.y - estimates[e].centre.y);
+            if (distance < truth.majorHalfAxis + 0.5 * estimates[e].majorHalfAxis) wrong[e] = -2 - drawing.identity[k];
+            if (!(distance < nearest)) continue;
+            nearest = distance;
+            found = e;
+        }
+        if (found < estimates.size()) sight.identity[found] = drawing.identity[k];
     }
+    for (std::size_t e = 0; e < estimates.size(); ++e)
+        if (sight.identity[e] == -1) sight.identity[e] = wrong[e];
     sight.markers = std::move(estimates);
     return sight;
 }
@@ -189,40 +196,42 @@ double medianSigma(const std::array<Sight, 2>& sights) {
     return sigmas[sigmas.size() / 2];
 }
 
+/// The same field on a sensor with so many pixels.
+SceneKind onSensor(SceneKind kind, const std::array<int, 2>& size) {
+    const double scale = static_cast<double>(size[0]) / kind.image.width;
+    kind.image = {size[0], size[1]};
+    kind.focal *= scale;
+    return kind;
+}
+
 }  // namespace
 
-MatchingScene makePhotographedScene(const SceneKind& kind, std::uint64_t seed) {
-    Stage stage = makeStage(kind, seed);
+MatchingScene makePhotographedScene(const SceneKind& given, std::uint64_t seed) {
     Draws draws(seed, kPhotograph);
-    const Exposition light = drawExposition(draws);
+    Stage stage = makeStage(
+        onSensor(given, kImages[static_cast<std::size_t>(draws.whole(0, static_cast<int>(kImages.size()) - 1))]), seed);
+    const Exposition light = drawExposition(stage.kind.dark, draws);
+    const double halfHidden = draws.chance(kHiddenShare) ? draws.uniform(0, kMostHalfHidden) : 0;
     setLens(stage.truth.cameras.left, draws);
     setLens(stage.truth.cameras.right, draws);
     stage.told.cameras.left.distortion = stage.truth.cameras.left.distortion;
     stage.told.cameras.right.distortion = stage.truth.cameras.right.distortion;
-    std::array<cv::Mat, 2> images;
+    std::array<cv::Mat, 2> images, shown;
     std::array<Drawing, 2> drawings;
     const std::array<const scene::PinholeCamera*, 2> cameras{&stage.truth.cameras.left, &stage.truth.cameras.right};
     for (std::size_t eye = 0; eye < 2; ++eye) {
-        drawings[eye] = drawingFor(stage, eye, *cameras[eye], light, draws);
-        auto patches = scene::makeClutter(stage.truth.cameras, drawings[eye].discs, draws.whole(0, kMostClutter), seed);
-        std::erase_if(patches, [eye](const scene::Patch& patch) { return patch.eye != static_cast<int>(eye); });
-        auto discs = drawings[eye].discs;
-        std::stable_sort(discs.begin(), discs.end(), [&](const scene::Disc& a, const scene::Disc& b) {
-            return distanceTo(*cameras[eye], a) > distanceTo(*cameras[eye], b);
-        });
-        const scene::RenderOptions options{.background = light.gain[eye] * light.ground,
-                                           .blurSigma = light.blur,
-                                           .noiseSigma = light.noise,
-                                           .seed = seed};
-        images[eye] = scene::render(stage.truth.cameras, discs, patches, options).image[eye];
+        drawings[eye] = drawingFor(stage, eye, *cameras[eye], light, halfHidden, draws);
+        images[eye] = photograph(drawings[eye], eye, stage.truth.cameras, light, draws.whole(0, kMostClutter), seed);
+        shown[eye] = images[eye];
+        if (light.isInverted()) cv::bitwise_not(images[eye], shown[eye]);
     }
-    const Settings settings = settingsFor(kind, light);
+    const Settings settings = settingsFor(sizesOf(drawings, stage.truth.cameras), light);
     // A foreign rig's lens would move the markers from where they are known to be.
     const RigMatrices lenses =
-        kind.trouble == Trouble::foreign ? matricesOf(stage.truth.cameras) : toldRig(stage, seed);
+        stage.kind.trouble == Trouble::foreign ? matricesOf(stage.truth.cameras) : toldRig(stage, seed);
     CircleMarkerExtractor extractor = calibratedExtractor(rigOf(lenses));
-    measure::RefinedEyes eyes = measure::refineEyes(
-        extractor, images, {measure::GreyImage{images[0]}, measure::GreyImage{images[1]}}, settings);
+    measure::RefinedEyes eyes =
+        measure::refineEyes(extractor, shown, {measure::GreyImage{images[0]}, measure::GreyImage{images[1]}}, settings);
     std::array<Sight, 2> sights;
     for (std::size_t eye = 0; eye < 2; ++eye)
         sights[eye] = sightOf(std::move(eyes.estimates[eye]), *cameras[eye], drawings[eye]);

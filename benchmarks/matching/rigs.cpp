@@ -8,8 +8,6 @@
 namespace kestrune::bench {
 namespace {
 
-const cv::Size kImage(2448, 2048);
-
 constexpr double kExactShare = 0.3;        ///< of the rigs: nothing but their shape
 constexpr double kMisalignment = 1.5;      ///< degrees, standard deviation about each axis of an eye
 constexpr double kPrincipalScatter = 30;   ///< px
@@ -59,16 +57,16 @@ std::array<Eye, 2> eyesOf(const SceneKind& kind, Draws& draws) {
     return eyes;
 }
 
-scene::PinholeCamera cameraOf(const Eye& eye, bool exact, Draws& draws) {
+scene::PinholeCamera cameraOf(const Eye& eye, cv::Size image, bool exact, Draws& draws) {
     scene::PinholeCamera camera;
-    camera.size = kImage;
+    camera.size = image;
     const double scatter = exact ? 0 : 1;
     camera.intrinsic = {eye.focal * (1 + 5e-4 * scatter * draws.normal()),
                         0,
-                        0.5 * (kImage.width - 1) + scatter * draws.normal(kPrincipalScatter),
+                        0.5 * (image.width - 1) + scatter * draws.normal(kPrincipalScatter),
                         0,
                         eye.focal,
-                        0.5 * (kImage.height - 1) + scatter * draws.normal(kPrincipalScatter),
+                        0.5 * (image.height - 1) + scatter * draws.normal(kPrincipalScatter),
                         0,
                         0,
                         1};
@@ -96,10 +94,10 @@ cv::Matx33d frameOf(const cv::Vec3d& baseline, const cv::Vec3d& view) {
 }
 
 double roomAbout(const scene::Rig& rig, const cv::Vec3d& target) {
-    double room = kImage.width;
+    double room = rig.left.size.width;
     for (const auto* camera : {&rig.left, &rig.right}) {
         const cv::Point2d p = scene::projectPoint(*camera, target);
-        room = std::min({room, p.x, kImage.width - 1 - p.x, p.y, kImage.height - 1 - p.y});
+        room = std::min({room, p.x, camera->size.width - 1 - p.x, p.y, camera->size.height - 1 - p.y});
     }
     return room;
 }
@@ -123,7 +121,8 @@ TrueRig makeRig(const SceneKind& kind, Draws& draws) {
         cv::Vec3d target(0, 0, kind.distance * kind.unit);
         if (wanted.rig == RigShape::parallel)
             for (int k = 0; k < 2; ++k) target[k] += 0.1 * target[2] * draws.uniform(-1, 1);
-        const TrueRig rig = rigOf({cameraOf(eyes[0], exact, draws), cameraOf(eyes[1], exact, draws)}, target);
+        const TrueRig rig =
+            rigOf({cameraOf(eyes[0], kind.image, exact, draws), cameraOf(eyes[1], kind.image, exact, draws)}, target);
         if (rig.room >= kLeastRoom || wanted.rig == RigShape::symmetric) return rig;
     }
 }

@@ -40,6 +40,11 @@ double rmsDistance(const MatchingScene& scene, const RigMatrices& told) {
 
 }  // namespace
 
+int MatchingScene::markerOf(std::size_t eye, int detection) const {
+    const int number = identity[eye][static_cast<std::size_t>(detection)];
+    return number < -1 ? -2 - number : number;
+}
+
 int MatchingScene::common() const {
     const std::set<int> right(identity[1].begin(), identity[1].end());
     return static_cast<int>(
@@ -54,7 +59,7 @@ MatchingScene sceneOf(const Stage& stage, std::array<Sight, 2> sights, std::uint
     scene.discs = stage.object.discs;
     for (std::size_t eye = 0; eye < 2; ++eye) {
         for (int& number : sights[eye].identity)
-            if (number >= 0) number += stage.firstNumber[eye];
+            if (number != -1) number += number >= 0 ? stage.firstNumber[eye] : -stage.firstNumber[eye];
         scene.markers[eye] = std::move(sights[eye].markers);
         scene.identity[eye] = std::move(sights[eye].identity);
     }

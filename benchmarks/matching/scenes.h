@@ -21,13 +21,16 @@ struct MatchingScene {
     std::string layout;
     SceneKind kind;
     std::array<std::vector<MarkerEstimate>, 2> markers;  ///< in any order
-    std::array<std::vector<int>, 2> identity;            ///< number of the true marker; -1 for a false detection
+    std::array<std::vector<int>, 2> identity;            ///< number of the true marker; see `Sight`
     RigMatrices rig;                                     ///< as the matcher is told
     std::vector<double> radii;                           ///< nominal ones; empty where sizes are continuous
     std::array<double, 2> depth{};                       ///< a range that holds all markers, left camera's z
     double moved = 0;                ///< RMS of the true pairs' distances from the epipolar lines of `rig`, px
     scene::Rig truth;                ///< the cameras as they are
     std::vector<scene::Disc> discs;  ///< by number
+
+    /// The marker that a detection lies on, whether well measured or not; -1 for none.
+    int markerOf(std::size_t eye, int detection) const;
 
     /// Markers of the left list whose markers are in the right list too.
     int common() const;

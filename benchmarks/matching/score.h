@@ -15,8 +15,9 @@ namespace kestrune::bench {
 constexpr std::array kLevels{0.999, 0.9999, 0.99999};
 
 struct Tally {
-    long right = 0, wrong = 0;
-    void add(const Tally& other) { right += other.right, wrong += other.wrong; }
+    /// Pairs of one marker that an eye measures wrongly, for instance since it sees a half of it, are counted apart.
+    long right = 0, wrong = 0, off = 0;
+    void add(const Tally& other) { right += other.right, wrong += other.wrong, off += other.off; }
 };
 
 /// Claims of like probability: those of 0.5 and more by how much is missing to 1, that they are wrong; the others by
@@ -38,11 +39,23 @@ struct Reliability {
     void add(const Reliability& other);
 };
 
-/// A pair that is wrong and said to be sure.
+/// A pair that is wrong, or one of whose markers is measured wrongly, and that is said to be sure.
 struct WrongPair {
     int left, right;  ///< indices into the lists
     std::array<int, 2> identity;
     double probability;
+};
+
+/// A marker that both eyes see and that is in no sure pair.
+struct LostMarker {
+    int left = -1, right = -1, number = -1;  ///< indices into the lists, and of the marker
+    double probability = 0;                  ///< of the right pair
+    bool isBest = false;                     ///< whether the assignment has the right pair
+    PairCues cues;                           ///< of it, if it has
+    std::array<double, 2> off{};             ///< distance of each eye's centre from the true one, px
+    std::array<double, 2> square{};          ///< the same over its covariance: chi-square of 2 degrees of freedom
+    std::array<RefinementStatus, 2> status{};
+    std::array<double, 2> residual{};
 };
 
 struct SceneScore {
@@ -62,6 +75,7 @@ struct SceneScore {
     MovedRig told;
     double seconds = 0;
     std::vector<WrongPair> wrong;
+    std::vector<LostMarker> lost;  ///< of matchers that tell probabilities
 
     /// Whether nothing stands against the exposure.
     bool isAccepted() const { return objection == MatchObjection::none || objection == MatchObjection::rigMoved; }

@@ -82,7 +82,7 @@ struct Group {
         tellsProbabilities = score.tellsProbabilities;
         ++scenes;
         withWrong += score.pairs.wrong > 0;
-        withWrongSure += !score.wrong.empty();
+        withWrongSure += score.sure[0].wrong > 0;
         withNearlySure += score.nearlySure > 0;
         common += score.common;
         nearlySure += score.nearlySure;
@@ -107,16 +107,19 @@ struct Group {
 
 void printGroup(const std::string& name, Group& group) {
     fmt::print("| {} | {} | {} | {} |", name, group.matcher, group.scenes, group.common);
-    for (const Tally& tally : group.sure) {
+    for (std::size_t k = 0; k < kLevels.size(); ++k) {
+        const Tally& tally = group.sure[k];
+        const bool tellsOff = k == 0;
         if (!group.tellsProbabilities)
-            fmt::print(" | |");
+            fmt::print(" | |{}", tellsOff ? " |" : "");
         else
-            fmt::print(" {:.2f} | {} |", group.percent(tally.right), tally.wrong);
+            fmt::print(" {:.2f} | {} |{}", group.percent(tally.right), tally.wrong,
+                       tellsOff ? fmt::format(" {} |", tally.off) : "");
     }
     const double share = 100. / group.scenes;
-    fmt::print(" {:.3f} | {:.3f} | {} | {:.1f} | {:.2f} | {} |\n", group.percent(group.best.right),
-               group.percent(group.best.wrong), group.pairs.wrong, share * group.withWrong, share * group.withWrongSure,
-               group.times());
+    fmt::print(" {:.3f} | {:.3f} | {} | {} | {:.1f} | {:.2f} | {} |\n", group.percent(group.best.right),
+               group.percent(group.best.wrong), group.pairs.right, group.pairs.wrong, share * group.withWrong,
+               share * group.withWrongSure, group.times());
 }
 
 std::vector<std::string> matchersIn(const std::vector<SceneScore>& scores) {
@@ -155,8 +158,9 @@ void printPairs(const std::vector<SceneScore>& scores, const std::string& groupi
     if (!grouping.empty() && chosen == groupingsByName().end())
         throw std::invalid_argument(fmt::format("'{}' is nothing to group by", grouping));
     fmt::print(
-        "| scenes | matcher | number | both see | 0.999 % | wrong | 0.9999 % | wrong | 0.99999 % | wrong | best "
-        "right % | wrong % | wrong pairs | scenes with one % | sure one % | ms | 95 % | most |\n|---|---|{}\n",
+        "| scenes | matcher | number | both see | 0.999 % | wrong | off | 0.9999 % | wrong | 0.99999 % | wrong | best "
+        "right % | wrong % | right pairs | wrong pairs | scenes with one % | sure one % | ms | 95 % | most "
+        "|\n|---|---|{}\n",
         "---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|");
     for (const std::string& matcher : matchersIn(scores)) {
         std::map<std::string, Group> groups;
@@ -268,6 +272,26 @@ void printWrong(const std::vector<SceneScore>& scores) {
                 "scene {}, {}: left {} (marker {}), right {} (marker {}), 1 - p = {:.3g}; {} + {}, {} in common; {}\n",
                 score.number, score.matcher, pair.left, pair.identity[0], pair.right, pair.identity[1],
                 1 - pair.probability, score.markers[0], score.markers[1], score.common, textOf(score.kind));
+}
+
+void printLost(const std::vector<SceneScore>& scores) {
+    for (const SceneScore& score : scores) {
+        if (score.lost.empty()) continue;
+        fmt::print("scene {}, {}: {} of {} in common are not sure, {} + {}, {}; {}\n", score.number, score.matcher,
+                   score.lost.size(), score.common, score.markers[0], score.markers[1], nameOf(score.objection),
+                   textOf(score.kind));
+        if (!score.isAccepted()) continue;
+        for (const LostMarker& lost : score.lost)
+            fmt::print(
+                "    marker {}, left {} ({}), right {} ({}), p = {:.4g}{}; off by {:.3f} and {:.3f} px, chi-square "
+                "{:.1f} and "
+                "{:.1f}, residuals {:.2f} and {:.2f}; epipolar {:.3f} +- {:.3f}, shape {:.1f}, geometry {:.1f}, radius "
+                "{:.1f}, depth {:.1f}, normal {:.1f}, grey {:.1f}\n",
+                lost.number, lost.left, nameOf(lost.status[0]), lost.right, nameOf(lost.status[1]), lost.probability,
+                lost.isBest ? "" : ", not in the assignment", lost.off[0], lost.off[1], lost.square[0], lost.square[1],
+                lost.residual[0], lost.residual[1], lost.cues.epipolar, lost.cues.epipolarSigma, lost.cues.shape,
+                lost.cues.geometry, lost.cues.radius, lost.cues.depth, lost.cues.normal, lost.cues.grey);
+    }
 }
 
 }  // namespace kestrune::bench

@@ -28,4 +28,8 @@ void printMoved(const std::vector<SceneScore>& scores);
 /// A line for each wrong pair that was said to be sure.
 void printWrong(const std::vector<SceneScore>& scores);
 
+/// A line for each scene with markers that both eyes see and that are in no sure pair; of an exposure against which
+/// nothing stands, one for each of these markers.
+void printLost(const std::vector<SceneScore>& scores);
+
 }  // namespace kestrune::bench

@@ -160,6 +160,17 @@ void spread(cv::Mat& image, double sigma) {
     image = blurred;
 }
 
+/// Light that changes evenly over the image and is as it was in its middle.
+void shade(cv::Mat& image, const cv::Vec2d& change) {
+    if (change == cv::Vec2d()) return;
+    for (int y = 0; y < image.rows; ++y) {
+        float* pixels = image.ptr<float>(y);
+        const double row = 1 + change[1] * ((y + 0.5) / image.rows - 0.5);
+        for (int x = 0; x < image.cols; ++x)
+            pixels[x] *= static_cast<float>(row + change[0] * ((x + 0.5) / image.cols - 0.5));
+    }
+}
+
 void addNoise(cv::Mat& image, double sigma, cv::RNG rng) {
     if (!(sigma > 0)) return;
     cv::Mat noise;
@@ -180,6 +191,7 @@ cv::Mat renderEye(const PinholeCamera& camera, int eye, const std::vector<Disc>&
     for (const Disc& disc : discs)
         if (facesCamera(camera, disc)) paint(image, coverage, rimPolygon(camera, disc, kRimVertices), disc.grey);
     spread(image, options.blurSigma);
+    shade(image, options.shade);
     addNoise(image, options.noiseSigma, randomStream(options.seed, static_cast<std::uint64_t>(eye)));
     cv::Mat rounded;
     image.convertTo(rounded, CV_8U);

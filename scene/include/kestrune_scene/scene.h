@@ -69,6 +69,7 @@ struct RenderOptions {
     double blurSigma = 0.8;   ///< Gaussian point spread, px; 0: none
     double noiseSigma = 2.0;  ///< Gaussian noise before rounding to 8 bits, grey levels; 0: none
     std::uint64_t seed = 1;   ///< of the noise; the two eyes draw from different streams
+    cv::Vec2d shade{};        ///< change of the light from one side to the other, across and down, as a share
 };
 
 struct Exposure {
