@@ -9,7 +9,7 @@
 #        scripts/fuzz.sh --keep         replaces fuzz/corpus by the fewest of these inputs that reach as much
 set -euo pipefail
 cd "$(dirname "$0")/.."
-fuzzers=(extraction roads stereo matching camera png)
+fuzzers=(extraction roads stereo matching camera refinement png)
 library=plugins/MarkerExtractor
 folders=("$library/MarkerExtractor/stereo" "$library/MarkerExtractor/camera" "$library/MarkerExtractor/extraction"
          "$library/canny" "$library/ellipsedetection" "$library/checks" "$library/parallel" "$library/logging")
