@@ -9,10 +9,10 @@
 #        scripts/fuzz.sh --keep         replaces fuzz/corpus by the fewest of these inputs that reach as much
 set -euo pipefail
 cd "$(dirname "$0")/.."
-fuzzers=(extraction roads stereo matching camera refinement png)
-library=plugins/MarkerExtractor
-folders=("$library/MarkerExtractor/stereo" "$library/MarkerExtractor/camera" "$library/MarkerExtractor/extraction"
-         "$library/canny" "$library/ellipsedetection" "$library/checks" "$library/parallel" "$library/logging")
+fuzzers=(extraction roads stereo matching camera refinement trust png)
+library=plugins
+folders=("$library"/MarkerExtractor/{MarkerExtractor/{stereo,camera,extraction},canny,ellipsedetection,checks,logging}
+         "$library"/MarkerMetrology/{refinement,matching})
 # Leaks are those of thread pools that live as long as the program.
 export ASAN_OPTIONS=detect_leaks=0
 
@@ -57,7 +57,7 @@ report_coverage() {
                 count = split(folders, names, " ")
                 for (k = 1; k <= count; ++k) {
                     n = lines[names[k]]
-                    printf "  %-30s %5d of %5d  %.2f %%\n", names[k], reached[names[k]], n, 100 * reached[names[k]] / n
+                    printf "  %-44s %5d of %5d  %.2f %%\n", names[k], reached[names[k]], n, 100 * reached[names[k]] / n
                 }
             }'
 }

@@ -179,6 +179,12 @@ TEST(KnownObject, IsWhatAnEarlierExposureShowed) {
     EXPECT_GT(common, 40);
 }
 
+/// Each pose has thousands of points near where they are known less well than they are apart.
+TEST(KnownObject, EndsInACrowdOfVaguePoints) {
+    const Exposure e = see(scattered(500, 1), 1, {.others = 4500, .noise = 10});
+    EXPECT_FALSE(fitObject(e.points, scattered(500, 1)).found);
+}
+
 TEST(KnownObject, TakesAnyOrderAndLeavesOutPointsThatAreNone) {
     auto object = scattered(40, 1);
     Exposure e = see(object, 1, {.seen = 0.7, .others = 10, .wrong = 2});

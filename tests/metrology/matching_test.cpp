@@ -339,6 +339,8 @@ TEST(PlainEstimate, IsTheEllipseOfARecord) {
     const MarkerEstimate ofConic = plainEstimate(corner);
     EXPECT_LT(cv::norm(numbersOf(ellipseOf(ofConic)) - Five(70, 80, 12, 1, 2)), 1e-6);
     EXPECT_NEAR(ofConic.covariance(2, 2), 0.3 * 0.3 / 20, 1e-8);  // the residual is of squared radii, as a share
+    corner.fitResidual = 1e200;                                   // as good as not known
+    EXPECT_NEAR(plainEstimate(corner).covariance(2, 2), 0.3 * 0.3 / 20, 1e-8);
 }
 
 }  // namespace kestrune::test::matching_test

@@ -82,7 +82,7 @@ MarkerEstimate plainEstimate(const Corner& corner) {
     estimate.angle = ellipse->angle();
     // Least squares of r(u) = s + x cos u + y sin u + e1 cos 2u + e2 sin 2u on points that are off by `off`.
     double off = corner.conicValid ? 0.5 * corner.fitResidual * ellipse->s : corner.fitError;
-    if (!(off > 0 && std::isfinite(off))) off = kUnknownSigma;
+    if (!(off > 0 && std::isfinite(2 * off * off))) off = kUnknownSigma;
     const double points = std::max(5.0, static_cast<double>(corner.contour.size())) / kPointsTogether;
     const double variance = std::max(off * off / points, 0.5 * kLeastPlainSigma * kLeastPlainSigma);
     for (int k = 0; k < 5; ++k) estimate.covariance(k, k) = k == 2 ? variance : 2 * variance;

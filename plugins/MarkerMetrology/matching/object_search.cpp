@@ -18,6 +18,10 @@ constexpr std::size_t kMostSeeds = 500;
 // Steps of about a nanosecond for the whole exposure, and once more for rivals of what was found.
 constexpr double kWork = 3e7, kRivalWork = 1.5e7;
 constexpr double kCornerCost = 30, kTriangleCost = 100, kSideCost = 30, kLookUpCost = 15, kFitCost = 1500;
+// Points near a marker's place beyond those that the costs above reckon with, each of a look and of a fit: where points
+// are known less well than they are apart, all of them are near.
+constexpr int kUsualNear = 16;
+constexpr double kNearCost = 5, kNearFitCost = 400;
 constexpr std::size_t kBins = 4096, kBinsOfRow = 128, kGuides = 1024;
 constexpr double kDeviations = 4;            // of a length that may be another
 constexpr double kRadiusDeviations = 6;      // likewise of a radius
@@ -160,19 +164,24 @@ void ObjectSearch::tryTriangle(std::array<int, 3> corners) {
 /// Markers that have a point by a rough pose, without those that it was made of.
 int ObjectSearch::roughCount(const RigidPose& pose, const std::array<int, 3>& except) {
     int count = 0;
+    crowding_ = 0;
     for (int m = 0; m < static_cast<int>(object_.size()); ++m) {
         work_ -= kLookUpCost;
         if (m == kFirstLook && count == 0) return 0;
         if (m == except[0] || m == except[1] || m == except[2]) continue;
         const Vector3 place = pose(fitter_.marker(m).place);
         bool near = false;
+        int looks = 0;
         points_.forNear(place, [&](int p) {
+            ++looks;
             if (near) return;
             const Vector3 off = points_[p].its.place - place;
             near = off.dot(points_[p].roughWeight * off) < kRoughGate;
         });
         count += near;
+        crowding_ += std::max(0, looks - kUsualNear);
     }
+    work_ -= kNearCost * crowding_;
     return count;
 }
 
@@ -190,6 +199,7 @@ bool ObjectSearch::isKnown(const RigidPose& pose) const {
 }
 
 void ObjectSearch::consider(const std::array<int, 3>& markers, const std::array<int, 3>& corners) {
+    if (isWornOut()) return;
     std::array<Vector3, 3> from, to;
     for (std::size_t k = 0; k < 3; ++k) {
         from[k] = fitter_.marker(markers[k]).place;
@@ -202,6 +212,8 @@ void ObjectSearch::consider(const std::array<int, 3>& markers, const std::array<
     if (count == 3 && object_.size() > kFew) return;
     if (!fits_.empty() && count < kWorthKeeping * static_cast<double>(fits_.front().matches.size())) return;
     work_ -= kFitCost * static_cast<double>(count) + kLookUpCost * static_cast<double>(object_.size());
+    work_ -= kNearFitCost * crowding_;
+    if (isWornOut()) return;
     PoseFit fit = fitter_.fit(pose);
     if (!fit.determined || !(fit.logOdds > 0) || isKnown(fit.pose)) return;
     const auto at = std::find_if(fits_.begin(), fits_.end(), [&](const auto& f) { return f.logOdds < fit.logOdds; });

@@ -40,6 +40,8 @@ class ObjectSearch {
     bool isKnown(const RigidPose& pose) const;
     double needed(const Draw& draw) const;
     bool tied() const;
+    /// Whether not even one more pose can be paid, since each is dear.
+    bool isWornOut() const { return crowding_ > 0 && work_ < 0; }
     double tolerance(int a, int b, double length) const;
     double distance(int a, int b) const { return (points_[a].its.place - points_[b].its.place).norm(); }
     bool radiusFits(int point, int marker) const;
@@ -56,7 +58,8 @@ class ObjectSearch {
     LengthTable sides_;            // each once
     LengthTable rows_;             // of each seed those to all
     std::mt19937 random_{1};
-    double work_ = 0;  // left
+    double work_ = 0;      // left
+    double crowding_ = 0;  // points about the places of the last look's markers, beyond the usual ones
     std::vector<PoseFit> fits_;
 };
 
