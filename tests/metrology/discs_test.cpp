@@ -238,6 +238,7 @@ TEST(MeasureDisc, RefusesWhatIsNoRig) {
         {"translation", [](RigMatrices& r) { r.translation = cv::Mat::zeros(3, 1, CV_64F); }},
         {"translation", [](RigMatrices& r) { r.translation = cv::Mat::ones(4, 1, CV_64F); }},
         {"translation", [](RigMatrices& r) { r.translation.at<double>(1) = kNaN; }},
+        {"translation", [](RigMatrices& r) { r.translation.data = nullptr; }},
         {"uncertainty.cameras[1]", [](RigMatrices& r) { r.uncertainty.cameras[1][2] = kNaN; }},
         {"uncertainty.rotation", [](RigMatrices& r) { r.uncertainty.rotation[0] = -1; }}};
     for (const auto& [name, change] : cases) {

@@ -24,6 +24,7 @@ bool isVector(const cv::Mat& matrix) {
 }
 
 void requireNumbers(const cv::Mat& matrix, const char* owner, const char* field) {
+    if (matrix.data == nullptr) refuseField(owner, field, "is a matrix without data");
     if (matrix.dims > 2 || matrix.type() != CV_64FC1)
         refuseField(owner, field,
                     fmt::format("type {}, {} dimensions; a matrix of CV_64FC1 is needed",
