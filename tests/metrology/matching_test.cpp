@@ -116,6 +116,9 @@ TEST(MatchMarkers, TellsHowWellPairsAgree) {
     for (std::size_t eye = 0; eye < 2; ++eye)
         for (std::size_t i = 0; i < sights.disc[eye].size(); ++i)
             EXPECT_NEAR(match.single[eye][i], sights.isSeen(1 - eye, sights.disc[eye][i]) ? 0 : 1, 1e-3);
+    const StereoMatch sharp = Look{.noise = 0.003, .told = 0.002}(discs).match();
+    EXPECT_NEAR(sharp.centreScale, 1.5, 0.4);
+    EXPECT_NEAR(sharp.shapeScale, 1.5, 0.4);
     MatchOptions believed;
     believed.estimateSigmas = false;
     const StereoMatch before = sights.match(believed);

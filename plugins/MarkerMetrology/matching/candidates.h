@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "matching/circle_agreement.h"
+#include "matching/scales.h"
 #include "matching/views.h"
 
 namespace kestrune::matching {
@@ -14,11 +15,6 @@ namespace kestrune::matching {
 struct Candidate {
     int left, right;  ///< lines
     Agreement agreement;
-};
-
-/// By how much the told standard deviations are multiplied.
-struct Scales {
-    double centre = 1, shape = 1;
 };
 
 /// @param window  largest distance of the epipolar planes, in units of `scales.centre` times the told sigma.

@@ -36,8 +36,6 @@ constexpr double kSameDepthSlope = 0.8;
 constexpr double kLikelyShape = 16;  // chi-square of a pair, to begin with
 constexpr double kLeastScale = 0.2, kMostScale = 20;
 constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
-constexpr double kMedianChi3 = 2.366;
-constexpr double kScalePseudo = 4;  // pairs that speak for the told sigmas
 
 /// log of a Gaussian's density with outliers, without its normalisation.
 double robust(double chiSquare, int freedom) {
@@ -65,17 +63,6 @@ std::vector<double> rowDensities(const std::vector<Sightline>& lines) {
         result[i] = std::log(0.25 / range + 0.75 * sum / static_cast<double>(lines.size() - 1));
     }
     return result;
-}
-
-double weightedMedian(std::vector<std::pair<double, double>>& values) {
-    std::sort(values.begin(), values.end());
-    double all = 0, sum = 0;
-    for (const auto& [value, weight] : values) all += weight;
-    for (const auto& [value, weight] : values) {
-        sum += weight;
-        if (sum >= 0.5 * all) return value;
-    }
-    return 0;
 }
 
 }  // namespace
@@ -346,22 +333,12 @@ void ExposureSolver::learnGrey(const Solution& solution, GreyModel& grey) const 
 }
 
 void ExposureSolver::learnScales(Solution& solution) const {
-    std::vector<std::pair<double, double>> distances, shapes;
-    double count = 0;
+    ScaleSample sample;
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
         const double p = solution.assignment.probability[c];
-        if (p < 0.5) continue;
-        const CircleFit& fit = fitOf(c, solution);
-        distances.push_back({std::abs(fit.epipolar) / fit.sigmaEpipolar, p});
-        shapes.push_back({fit.chiSquare, p});
-        count += p;
+        if (p >= 0.5) sample.add(fitOf(c, solution), p);
     }
-    if (distances.empty()) return;
-    const double ofCentre = weightedMedian(distances) / kMedianOfNormal;
-    const double ofShape = std::sqrt(weightedMedian(shapes) / kMedianChi3);
-    const double share = count / (count + kScalePseudo);
-    solution.scales.centre = std::exp(share * std::log(std::clamp(ofCentre, kLeastScale, kMostScale)));
-    solution.scales.shape = std::exp(share * std::log(std::clamp(ofShape, kLeastScale, kMostScale)));
+    if (!sample.isEmpty()) solution.scales = sample.scales(kLeastScale, kMostScale);
 }
 
 }  // namespace kestrune::matching

@@ -30,6 +30,9 @@ constexpr double kSomeShare = 0.25;               // of the markers
 constexpr std::int64_t kMostOfOneDisc = 300'000;  // ns
 constexpr double kNotKnown = std::numeric_limits<double>::quiet_NaN();
 constexpr int kFewestMarkers = 3;
+// Pairs that tell how good the told standard deviations are, and by how much those may be off.
+constexpr double kLeastLikely = 0.4, kMostScale = 1e4;
+constexpr double kAny = std::numeric_limits<double>::max();  // chi-square
 
 Decider deciderOf(const CircleFit& fit, const CircleFit& rival, const MatchOptions& options) {
     const double radius = std::abs(fit.logRadius - rival.logRadius);
@@ -87,10 +90,11 @@ class Report {
         setMotion();
         setObjection();
         useMovedRig();
+        if (options_.estimateSigmas) scales_ = toldScales();
         setPairs();
         setSingles();
-        result_.centreScale = attempt_.best().scales.centre;
-        result_.shapeScale = attempt_.best().scales.shape;
+        result_.centreScale = scales_.centre;
+        result_.shapeScale = scales_.shape;
         return std::move(result_);
     }
 
@@ -224,6 +228,23 @@ class Report {
                help.empty() ? what + ": another view would tell" : fmt::format("{}: give {}", what, help));
     }
 
+    /// By how much the standard deviations that the markers came with are off. Those that pairs are judged by are never
+    /// below a least one, which is more than well measured markers have, so their scales are others.
+    Scales toldScales() const {
+        ScaleSample sample;
+        for (const int c : attempt_.best().partner) {
+            if (c < 0 || probabilityOf(c) < kLeastLikely) continue;
+            const auto left = sightlineOf((*markers_[0])[at(number(0, candidate(c).left))], attempt_.frame, 0);
+            const auto right = sightlineOf((*markers_[1])[at(number(1, candidate(c).right))], attempt_.frame, 1);
+            if (!left || !right) continue;
+            const Agreement agreement = agreementOf(*left, *right, attempt_.frame.baseline, kAny);
+            if (agreement.count > 0) sample.add(agreement.fits[0], probabilityOf(c));
+        }
+        return sample.isEmpty() ? Scales{} : sample.scales(1 / kMostScale, kMostScale);
+    }
+
+    static std::size_t at(int index) { return static_cast<std::size_t>(index); }
+
     /// The discs of the most probable assignment, with the sigmas that the exposure shows.
     void measureDiscs() {
         const Solution& best = attempt_.best();
@@ -234,8 +255,8 @@ class Report {
             if (c < 0) return;
             const auto left = static_cast<std::size_t>(number(0, candidate(c).left));
             const auto right = static_cast<std::size_t>(number(1, candidate(c).right));
-            discs_[static_cast<std::size_t>(i)] = measureDisc(
-                {scaled((*markers_[0])[left], best.scales), scaled((*markers_[1])[right], best.scales)}, rig_);
+            discs_[static_cast<std::size_t>(i)] =
+                measureDisc({scaled((*markers_[0])[left], scales_), scaled((*markers_[1])[right], scales_)}, rig_);
         });
     }
 
@@ -305,6 +326,7 @@ class Report {
     const MatchOptions& options_;
     const Attempts& attempts_;
     const Attempt& attempt_;
+    Scales scales_;                    ///< of the told standard deviations
     RigMatrices rig_;                  ///< the corrected one if it has moved
     std::vector<DiscEstimate> discs_;  ///< of each left line's pair
     StereoMatch result_;
