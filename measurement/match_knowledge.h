@@ -22,7 +22,7 @@ enum class Matching {
 };
 
 /// The one that a stereo measurement takes if it is not told.
-constexpr Matching kMatchStereo = Matching::path;
+constexpr Matching kMatchStereo = Matching::trusted;
 
 const char* nameOf(Matching matching);
 

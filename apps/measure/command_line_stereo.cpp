@@ -13,7 +13,7 @@ namespace kestrune::measure {
 namespace {
 
 constexpr const char* kExplainStereoNotes =
-    R"(Lists every marker of both eyes that is in no pair: its number and place (undistorted pixels), its candidate in the
+    R"(With --match path lists every marker of both eyes that is in no pair: its number and place (undistorted pixels), its candidate in the
 other eye that got furthest in the matching, the test that ended this candidate, the value measured and what the
 settings want. Tests, as far as the path takes them, in their order: outline, rows, area, rim rows, depth, circle,
 radius, spread, radius score, radius ratio, score, edge length, edge direction, taken, ambiguous. A marker with no
@@ -37,14 +37,14 @@ Exit code: 0 if there are pairs, 1 if there are none, 2 if nothing was begun.)";
 constexpr const char* kStereoNotes =
     R"(Each exposure is a left and a right image; the two lists are paired in order. Distortion is always taken out, unless
 the settings say cornersRectified. Points stand in the left camera's frame (x right, y down, z away; outputRectified
-leaves them in the rectified one), in the unit of the calibration's positions. Paths radial and complex match the
-circles in space that the ellipses imply and know normals and radii; path simple matches by size and by the
-constellation. Polarities are not matched: with path complex they are told for the left eye.
+leaves them in the rectified one), in the unit of the calibration's positions. With --match path, paths radial and
+complex match the circles in space that the ellipses imply and know normals and radii; path simple matches by size and
+by the constellation; polarities are not matched, and with path complex told for the left eye.
 Every exposure tells its markers of each eye, pairs and unmatched, every marker its row residual (left minus right
 row of the rectified eyes) and the distance of its reprojected point from the pixels of each eye, px.
 With fewer pairs than --min-share asks for, an exposure counts as failed: exchanged eyes and the calibration of
-another rig leave a few pairs by chance. The error names the tests that ended most markers; explain-stereo lists all.
-A warning tells of pairs that are far off their rows, as wrong partners in a dense pattern are.
+another rig leave a few pairs by chance. With --match path the error names the tests that ended most markers, and
+explain-stereo lists all; a warning tells of pairs that are far off their rows, as wrong partners in a dense pattern are.
 With --refine the markers of both eyes are measured again on the grey levels before they are matched, and the point,
 normal and radius of a pair are those of the disc that fits both ellipses best (pointSource is disc; where there is
 none, matcher). leftStatus and rightStatus say what became of each eye's marker, as in extract. Of a disc: standard
@@ -58,11 +58,12 @@ NAME-overlay where an image of the run has such a name.
 Exit code: 0 if every exposure gave points, 1 if one did not, 2 if nothing was begun.)";
 
 constexpr const char* kTrustNotes = R"(
-With --match trusted every pair has the probability that both its markers are one: every cue (rows, the two circles in
-space, radii, depths, normals, grey levels, a known object) counts by its own uncertainty, over all ways to pair the
-whole exposure. There is no tolerance to find. Nominal radii and depths are those of the options, or of the settings:
-markerRadii, with sizeTolerance as two standard deviations, minDepth and maxDepth. Pairs of at least --sure become
-points; the others are ambiguous, and are told with their rivals and what would decide.)";
+With --match trusted, which is taken without --match, every pair has the probability that both its markers are one:
+every cue (rows, the two circles in space, radii, depths, normals, grey levels, a known object) counts by its own
+uncertainty, over all ways to pair the whole exposure. There is no tolerance to find. Nominal radii and depths are those
+of the options, or of the settings: markerRadii, with sizeTolerance as two standard deviations, minDepth and maxDepth.
+Of the settings' other stereo fields, tolerances and gates are for --match path alone, and never select it. Pairs of at
+least --sure become points; the others are ambiguous, and are told with their rivals and what would decide.)";
 
 constexpr const char* kStereoTrustNotes = R"(
 CSV has a column probability and, beside it as NAME-ambiguous.csv, a table of the ambiguous pairs, each before its
@@ -73,7 +74,7 @@ moved) fails it with its reason. Of a rig that has moved, --write-moved writes t
 exposure with most pairs; measured again with that, the exposures give points.)";
 
 constexpr const char* kExplainTrustNotes = R"(
-The list then has all pairs, sure ones and those in doubt with their rivals, with the distance from the epipolar line
+The list has all pairs then, sure ones and those in doubt with their rivals, with the distance from the epipolar line
 and its standard deviation, px; how the two circles in space disagree (shape: chi-square of 3); and how much more
 likely a pair each cue makes the two than chance would (natural logarithms: 7 is a thousand times); - is what could
 not be judged. --refine and --no-refine count for it alone: the path's matcher is explained without.)";

@@ -117,9 +117,9 @@ class Extractor:
             failed (``Points.failure``).
         :param refine: measure the markers again on the grey levels before they are matched, and place each pair's disc
             in space with its covariance: the result is :class:`RefinedPoints`.
-        :param match: ``path``, by the matcher of the settings' path, or ``trusted``, by probability: only sure pairs
-            are points, and the result is :class:`TrustedPoints`, with the others in ``ambiguous``. What follows is for
-            it alone.
+        :param match: ``trusted``, by probability: only sure pairs are points, and the result is
+            :class:`TrustedPoints`, with the others in ``ambiguous``; or ``path``, by the matcher of the settings' path
+            and its tolerances. What follows is for ``trusted`` alone.
         :param radii: nominal radii of the markers, unit of the calibration; without it, the settings' ``markerRadii``.
         :param radius_tolerance: standard deviation of a radius as a share of the nominal one; 0.01 with ``radii``, half
             of ``sizeTolerance`` without.

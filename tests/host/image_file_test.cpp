@@ -248,7 +248,7 @@ TEST(HostGreyRange, IsThatOfTheWholeRunAndTold) {
         cv::imwrite(name + "8.png", exposure.image[eye]), cv::imwrite(name + "12.png", twelve);
         cv::imwrite(name + "f.tif", real), cv::imwrite(name + "dim.png", dim);
     }
-    const std::string stereo = "stereo --no-refine --calibration rig.yaml --settings s.yaml --json t.json ";
+    const std::string stereo = "stereo --no-refine --match path --calibration rig.yaml --settings s.yaml --json t.json ";
     const auto markersOf = [&](const std::string& kind, const std::string& options, const std::string& told) {
         expectOutcome(stereo + "--left left" + kind + " --right right" + kind + options, 0, told);
         const auto json = nlohmann::json::parse(readText("t.json"));

@@ -39,7 +39,8 @@ TEST(HostStereo, MeasuresReportsAndEndsCleanly) {
     }
     cv::imwrite("dark.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
     writeSettings("settings.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 5, 8 ]"}});
-    const std::string common = "stereo --no-refine --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
+    const std::string common =
+        "stereo --no-refine --match path --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
     expectOutcome(common + "--left a.png dark.png c.png --right a-right.png c-right.png c-right.png --jobs 3 --overlay pictures", 1,
                   "dark.png, c-right.png): no markers in the left eye");
     std::size_t points = 0;
@@ -79,7 +80,8 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
     }
     scene::Rig ideal = rig;
     ideal.left.distortion = ideal.right.distortion = {};
-    const std::string stereo = "stereo --no-refine --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
+    const std::string stereo =
+        "stereo --no-refine --match path --settings settings.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply ";
     for (const char* ready : {"ready/bright-radial.yaml", "ready/bright-subpixel.yaml"}) {
         writeSettings("settings.yaml", ready, {{"markerRadii", "[ 3, 4.5 ]"}});
         expectOutcome(stereo + "--left l.png --right r.png", 0, "60 pairs of 60 left and 60 right markers, 0 and 0 unmatched; RMS rows 0.0");
@@ -115,7 +117,7 @@ TEST(HostStereo, TellsResidualsAndRefusesWhatOnlyChancePaired) {
         {"ready/bright-subpixel.yaml", "[ 20 ]", "600.", "60 of 60 without a partner ended at radius (mostly 2.98 to 4.488; markerRadii 20"}};
     for (const auto& [ready, radii, depth, expected] : obstacles) {
         writeSettings("settings.yaml", ready, {{"markerRadii", radii}, {"minDepth", depth}});
-        expectOutcome("explain-stereo --csv e.csv --out e.png" + images, 0, expected);
+        expectOutcome("explain-stereo --match path --csv e.csv --out e.png" + images, 0, expected);
         EXPECT_GT(readImage("e.png", false).cols, 2560);
         EXPECT_EQ(std::ranges::count(readText("e.csv"), '\n'), 121);
     }

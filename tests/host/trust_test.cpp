@@ -236,7 +236,7 @@ TEST(HostTrust, TheProgramTellsWhatIsWrongWithAnExposure) {
     rig.right.rotation = turn * rig.right.rotation, rig.right.translation = turn * rig.right.translation;
     writeRig("turned.yaml", rig);
     writeSettings("s.yaml", "ready/bright-radial.yaml", {{"markerRadii", "[ 3, 4.5 ]"}});
-    const std::string run = "stereo --settings s.yaml --match trusted --json t.json --csv t.csv --calibration ", eyes = " --left l.png --right r.png";
+    const std::string run = "stereo --settings s.yaml --json t.json --csv t.csv --calibration ", eyes = " --left l.png --right r.png";
     const auto record = [] { return nlohmann::json::parse(readText("t.json"))["exposures"][0]; };
     expectOutcome(run + "rig.yaml" + eyes + " --write-moved moved.yaml", 0, "40 pairs of 40 left");
     EXPECT_FALSE(std::filesystem::exists("moved.yaml"));
@@ -252,7 +252,7 @@ TEST(HostTrust, TheProgramTellsWhatIsWrongWithAnExposure) {
         const auto truth = std::ranges::min_element(discs, {}, [&](const auto& d) { return cv::norm(d.centre - point); });
         EXPECT_LT(cv::norm(truth->centre - point), 1);
     }
-    expectOutcome("explain-stereo --settings s.yaml --match trusted --csv e.csv --out e.png --calibration turned.yaml" + eyes, 0, "\nrig moved: ");
+    expectOutcome("explain-stereo --settings s.yaml --csv e.csv --out e.png --calibration turned.yaml" + eyes, 0, "\nrig moved: ");
     EXPECT_EQ(std::ranges::count(readText("e.csv"), '\n'), 41);
 }
 
@@ -265,13 +265,13 @@ TEST(HostTrust, TheProgramRefusesWhatNoMatchTakes) {
     const std::tuple<const char*, const char*> cases[] = {
         {"--match path --radii 3", "are for --match trusted"},
         {"--match path --write-moved m.yaml", "--write-moved: is for --match trusted"},
-        {"--match trusted --write-moved m.yaml", "cornersRectified"},
-        {"--match trusted --radii 3,,4", "--radii: 3,,4 is no numbers with commas"},
-        {"--match trusted --depth-range 3", "--depth-range: 3 is no 2 numbers"},
-        {"--match trusted --depth-range 3,2", "depth range: 3 and 2 are no depths above 0"},
-        {"--match trusted --object o.csv", "o.csv: line 1: the header names no column 'sigma'"},
-        {"--match trusted --csv t.csv --json t-ambiguous.csv", "t-ambiguous.csv: is the same file as --csv"},
-        {"--match trusted --csv o.csv --object o.csv", "is the same file as --object"},
+        {"--write-moved m.yaml", "cornersRectified"},
+        {"--radii 3,,4", "--radii: 3,,4 is no numbers with commas"},
+        {"--depth-range 3", "--depth-range: 3 is no 2 numbers"},
+        {"--depth-range 3,2", "depth range: 3 and 2 are no depths above 0"},
+        {"--object o.csv", "o.csv: line 1: the header names no column 'sigma'"},
+        {"--csv t.csv --json t-ambiguous.csv", "t-ambiguous.csv: is the same file as --csv"},
+        {"--csv o.csv --object o.csv", "is the same file as --object"},
     };
     for (const auto& [options, expected] : cases)
         expectOutcome(std::string("stereo --settings s.yaml --calibration rig.yaml --left l.png --right r.png ") + options, 2, expected);

@@ -48,7 +48,7 @@ if [[ -x $prefix/bin/kestrune-measure ]]; then
     build_host stereo "$source/examples/stereo"
     cd "$work/demo"
     sed 's/^markerRadii.*/markerRadii: [ ]/' "$prefix/share/kestrune/settings/bright-complex.yaml" >any-size.yaml
-    "$prefix/bin/kestrune-measure" stereo --no-refine --calibration stereo-calibration.yaml --left stereo-left.png --right stereo-right.png \
+    "$prefix/bin/kestrune-measure" stereo --no-refine --match path --calibration stereo-calibration.yaml --left stereo-left.png --right stereo-right.png \
         --settings any-size.yaml --csv points.csv
     "$work/stereo/stereo" stereo-left.png stereo-right.png stereo-calibration.yaml any-size.yaml >points.txt
     awk -F, 'NR == 1 { for (k = 1; k <= NF; ++k) at[$k] = k; next }
@@ -82,7 +82,7 @@ assert kestrune.__version__ == sys.argv[1]
 if os.path.isdir(sys.argv[2]):
     os.chdir(sys.argv[2])
     extractor = kestrune.Extractor(kestrune.Settings.read("any-size.yaml", use="stereo"), kestrune.Rig.read("stereo-calibration.yaml"))
-    points = extractor.stereo(*map(kestrune.read_image, ["stereo-left.png", "stereo-right.png"]), refine=False)
+    points = extractor.stereo(*map(kestrune.read_image, ["stereo-left.png", "stereo-right.png"]), refine=False, match="path")
     table = numpy.genfromtxt("points.csv", delimiter=",", names=True)
     assert len(table) > 4 and all(numpy.allclose(points[name], table[name], 0, 1e-6) for name in ("X", "Y", "Z", "radius"))
 EOF

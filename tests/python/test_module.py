@@ -92,7 +92,7 @@ def test_estimates_are_those_of_the_tables_and_travel(rig, eyes):
     # In steps of 65536 levels, and told in those of the image.
     np.testing.assert_allclose(extractor.refine(eyes[0] / 5 - 3, markers)["outside"], refined["outside"] / 257 / 5 - 3, atol=1e-3)
 
-    points = extractor.stereo(*eyes, refine=True)
+    points = extractor.stereo(*eyes, refine=True, match="path")
     assert points.covariances.shape == (len(points), 3, 3) and points.left[0].position.tolist() == points.xyz[0].tolist()
     for left, right, disc, row in zip(*points.estimates, points.discs, points):
         again = rig.measure_disc(left, right)
@@ -111,9 +111,9 @@ def test_matches_by_probability_are_those_of_the_program_and_travel(demo, rig, e
     settings.write(tmp_path / "s.yaml")
     extractor, known = Extractor(settings, rig), dict(radii=RADII, depth_range=(600, 1200), sure=1 - 1e-12)
     run("stereo", "--left", demo / "stereo-left.png", "--right", demo / "stereo-right.png", "--calibration",
-        demo / "stereo-calibration.yaml", "--settings", tmp_path / "s.yaml", "--match", "trusted", "--min-share", 0, "--csv", tmp_path / "p.csv",
+        demo / "stereo-calibration.yaml", "--settings", tmp_path / "s.yaml", "--min-share", 0, "--csv", tmp_path / "p.csv",
         "--radii", ",".join(map(str, RADII)), "--depth-range", "600,1200", "--sure", known["sure"])
-    points = extractor.stereo(*eyes, match="trusted", min_share=0, picture=True, **known)
+    points = extractor.stereo(*eyes, min_share=0, picture=True, **known)
     theirs = rows(tmp_path / "p-ambiguous.csv")
     assert len(points) and len(points.ambiguous) == len(theirs) > 0 and set(points.unmatched[0]["test"]) == {"ambiguous"}
     for column in points.ambiguous.columns:
