@@ -175,7 +175,8 @@ TEST(HostRefinement, PairsAreThoseOfRefinedMarkers) {
         cv::imwrite("none.png", cv::Mat(640, 800, CV_8UC1, cv::Scalar(40)));
     writeSettings("s.yaml", "ready/bright-subpixel.yaml", {{"markerRadii", "[ 5, 8 ]"}});
     expectOutcome(
-        "stereo --refine --settings s.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply --overlay p --left l.png none.png "
+        "stereo --match path --refine --settings s.yaml --calibration rig.yaml --csv t.csv --json t.json --ply t.ply --overlay p --left l.png "
+        "none.png "
         "--right r.png r.png",
         1, "; left: 14 refined; right: 14 refined; RMS rows");
     std::array<std::vector<MarkerEstimate>, 2> eyes;
