@@ -154,26 +154,29 @@ struct Rendered {
     std::vector<SmoothEllipse> truth;
     std::vector<Corner> corners;
 
-    Rendered(double radius, double blur, double contrast, double noise, double shade = 0) {
+    Rendered(double radius, double blur, double contrast, double noise, double shade = 0, double ground = 40) {
         cv::RNG rng(11);
         const int side = kTile * kAcross;
-        cv::Mat fine(side * kFine, side * kFine, CV_8U, cv::Scalar(0)), spread, small;
+        cv::Mat fine(side * kFine, side * kFine, CV_32F, cv::Scalar(0)), small;
         for (int i = 0; i < kAcross * kAcross; ++i) {
             const SmoothEllipse e{kTile * (i % kAcross + 0.5) + rng.uniform(-0.5, 0.5), kTile * (i / kAcross + 0.5) + rng.uniform(-0.5, 0.5), radius,
                                   0.1 * radius, 0};
             truth.push_back(e);
-            const auto onFine = [](double v) { return cvRound(((v + 0.5) * kFine - 0.5) * 1024); };
-            cv::ellipse(fine, {onFine(e.x), onFine(e.y)}, {cvRound(e.majorHalfAxis() * kFine * 1024), cvRound(e.minorHalfAxis() * kFine * 1024)}, 0,
-                        0, 360, cv::Scalar(255), cv::FILLED, cv::LINE_AA, 10);
+            const auto onFine = [](double v) { return cvRound((v + 0.5) * kFine); };
+            for (int y = onFine(e.y - radius - 1); y < onFine(e.y + radius + 1); ++y)
+                for (int x = onFine(e.x - 1.1 * radius - 1); x < onFine(e.x + 1.1 * radius + 1); ++x) {
+                    const double u = ((x + 0.5) / kFine - 0.5 - e.x) / e.majorHalfAxis(), v = ((y + 0.5) / kFine - 0.5 - e.y) / e.minorHalfAxis();
+                    const double r = std::max(1e-9, std::hypot(u, v)), slope = std::hypot(u / e.majorHalfAxis(), v / e.minorHalfAxis()) / r;
+                    fine.at<float>(y, x) = static_cast<float>(std::clamp(0.5 - (r - 1) / slope * kFine, 0.0, 1.0) * contrast);
+                }
             Corner& c = corners.emplace_back();
             c.x = e.x + rng.gaussian(0.15), c.y = e.y + rng.gaussian(0.15);
             c.ellipse = {cv::Point2f(static_cast<float>(c.x), static_cast<float>(c.y)),
                          cv::Size2f(static_cast<float>(2 * e.majorHalfAxis() - 0.5), static_cast<float>(2 * e.minorHalfAxis())), 0};
         }
-        fine.convertTo(spread, CV_32F, contrast / 255);
-        cv::GaussianBlur(spread, spread, {}, blur * kFine, 0, cv::BORDER_REPLICATE);
-        cv::resize(spread, small, {side, side}, 0, 0, cv::INTER_AREA);
-        small += 40;
+        cv::GaussianBlur(fine, fine, {}, blur * kFine, 0, cv::BORDER_REPLICATE);
+        cv::resize(fine, small, {side, side}, 0, 0, cv::INTER_AREA);
+        small += ground;
         for (int y = 0; y < side; ++y)
             for (int x = 0; x < side; ++x) {
                 float& v = small.at<float>(y, x);
@@ -210,6 +213,28 @@ TEST(RefineMarkers, ReachesTheBoundAndKnowsIt) {
         const double bound = noise / std::abs(c.contrast) * std::sqrt(2 * s / (std::sqrt(CV_PI) * c.radius));
         EXPECT_LT(rms / bound, c.most) << c.radius;
         EXPECT_NEAR(normal, 1, 0.13) << c.radius;
+    }
+}
+
+/// Over-exposed by 5, 20 and 50 % of the range, and dark levels below 0.
+TEST(RefineMarkers, KnowsSizesWhereTheImageCutsLevelsOff) {
+    struct Case {
+        double radius, blur, ground, contrast, noise, shade, most;
+    } cases[] = {{6, 0.8, 40, 228, 2, 0, 0.01},   {12, 0.8, 40, 228, 0.5, 0, 0.01}, {12, 0.8, 40, 266, 2, 0, 0.02},    {12, 0.8, 40, 342, 2, 0, 0.03},
+                 {3, 1, 40, 342, 2, 0, 0.05},     {9, 0.8, 40, 228, 12, 0, 0.04},   {12, 0.8, 40, 266, 2, 1e-3, 0.02}, {9, 0.8, -1, 160, 2, 0, 0.01},
+                 {9, 0.8, 270, -210, 2, 0, 0.02}, {9, 0.8, -20, 295, 2, 0, 0.01},   {9, 0.8, 0, 215, 2, 0, 0.01}};
+    for (const Case& c : cases) {
+        const Rendered scene(c.radius, c.blur, c.contrast, c.noise, c.shade, c.ground);
+        const std::vector<MarkerEstimate> found = refineMarkers(scene.image, scene.corners);
+        EXPECT_NEAR(centreErrors(found, scene.truth).second, 1, 0.2) << c.radius << " " << c.ground << " " << c.contrast;
+        double sum = 0, normal = 0, residual = 0;
+        for (std::size_t i = 0; i < found.size(); ++i) {
+            const double off = (found[i].majorHalfAxis + found[i].minorHalfAxis) / 2 - scene.truth[i].s;
+            sum += off * off / 100, normal += off * off / found[i].covariance(2, 2) / 100, residual += found[i].residual / 100;
+        }
+        EXPECT_LT(std::sqrt(sum), c.most) << c.radius << " " << c.ground << " " << c.contrast;
+        EXPECT_NEAR(std::sqrt(normal), 1, 0.2) << c.radius << " " << c.ground << " " << c.contrast;
+        EXPECT_NEAR(residual, 1, 0.06) << c.radius << " " << c.ground << " " << c.contrast;
     }
 }
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "refinement/clipped_level.h"
+
 namespace kestrune::refinement {
 
 using geometry::SmoothEllipse;
@@ -94,13 +96,29 @@ DiscModel moved(const DiscModel& from, const Vector& step) {
     return to;
 }
 
+void hold(Unknown unknown, NormalEquations& equations) {
+    equations.matrix.row(unknown).setZero();
+    equations.matrix.col(unknown).setZero();
+    equations.matrix(unknown, unknown) = 1;
+    equations.right[unknown] = 0;
+}
+
 /// At the least blur, a rim that wants to be sharper is as sharp as can be told.
 void holdLeastBlur(const DiscModel& model, NormalEquations& equations) {
-    if (model.blur > kLeastBlur || equations.right[kBlur] > 0) return;
-    equations.matrix.row(kBlur).setZero();
-    equations.matrix.col(kBlur).setZero();
-    equations.matrix(kBlur, kBlur) = 1;
-    equations.right[kBlur] = 0;
+    if (!(model.blur > kLeastBlur || equations.right[kBlur] > 0)) hold(kBlur, equations);
+}
+
+/// The same for levels that run away from an image that cuts them off.
+void holdFarLevels(const DiscModel& model, const cv::Vec2d& limits, NormalEquations& equations) {
+    for (const auto& [unknown, level] : {std::pair(kIn, model.inside), std::pair(kOut, model.outside)})
+        if (isFarBeyond(level, limits) && (level > limits[1]) == (equations.right[unknown] > 0))
+            hold(unknown, equations);
+}
+
+void boundLevels(const cv::Vec2d& limits, DiscModel& model) {
+    const double most = kMostBeyond * (limits[1] - limits[0]);
+    for (double* level : {&model.inside, &model.outside})
+        *level = std::clamp(*level, limits[0] - most, limits[1] + most);
 }
 
 }  // namespace
@@ -114,6 +132,8 @@ void DiscFit::weigh(const DiscModel& model, const NoiseModel& noise) {
 void DiscFit::addFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
                       NormalEquations& equations) const {
     if (!(sums.count > 0)) return;
+    if (rim_.isClipped()) return addClippedFlat(sums, level, unknown, model, equations);
+    equations.told += sums.count;
     const double weight = unknown == kIn ? insideWeight_ : outsideWeight_, l = model.*level;
     LightTerms light = LightTerms::Ones();
     for (int k = 0; k < kLightTerms; ++k) light[1 + k] = model.light[static_cast<std::size_t>(k)];
@@ -127,6 +147,24 @@ void DiscFit::addFlat(const FlatSums& sums, double DiscModel::*level, Unknown un
             equations.matrix(kLight + k, kLight + j) += weight * l * l * sums.terms(1 + k, 1 + j);
     }
     equations.cost += weight * (sums.greySquared - 2 * l * light.dot(sums.grey) + l * l * light.dot(lit));
+}
+
+/// Their mean, as the image cuts it off: all of them are taken for pixels of the same light.
+void DiscFit::addClippedFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
+                             NormalEquations& equations) const {
+    const double weight = unknown == kIn ? insideWeight_ : outsideWeight_, l = model.*level;
+    const LightTerms terms = sums.terms.col(0) / sums.count;
+    double light = 1;
+    for (int k = 0; k < kLightTerms; ++k) light += model.light[static_cast<std::size_t>(k)] * terms[1 + k];
+    const ClippedLevel clipped = clippedLevel(l * light, sigmaBeforeRounding(1 / weight), limits_);
+    Vector derivative = Vector::Zero();
+    derivative[unknown] = clipped.slope * light;
+    for (int k = 0; k < kLightTerms; ++k) derivative[kLight + k] = clipped.slope * l * terms[1 + k];
+    const double left = sums.level() - clipped.mean, all = weight * sums.count;
+    equations.matrix += all * derivative * derivative.transpose();
+    equations.right += all * left * derivative;
+    equations.told += clipped.variance * sums.count;
+    equations.cost += weight * (sums.greySquared - clipped.mean * (2 * sums.grey[0] - clipped.mean * sums.count));
 }
 
 bool DiscFit::draw(const MarkerWindow& window, const DiscModel& model) {
@@ -145,6 +183,7 @@ void DiscFit::evaluate(const MarkerWindow& window, const DiscModel& model, int u
         equations.right[a] = rim_.residualProduct(a);
     }
     equations.rimCost = equations.cost = rim_.residualSquares();
+    equations.rimTold = equations.told = rim_.told();
     addFlat(window.inside(), &DiscModel::inside, kIn, model, equations);
     addFlat(window.outside(), &DiscModel::outside, kOut, model, equations);
     equations.matrix.triangularView<Eigen::StrictlyUpper>() = equations.matrix.transpose();
@@ -158,6 +197,7 @@ NormalEquations DiscFit::allEquations(const MarkerWindow& window, const DiscMode
 }
 
 bool DiscFit::look(const MarkerWindow& window, const DiscModel& model, const Knowledge& known) {
+    limits_ = known.limits;
     rim_.take(window, known.others, known.limits);
     if (!draw(window, model)) return false;
     weigh(model, known.noise);
@@ -185,17 +225,22 @@ bool isBetter(const Point& there, const Point& here, double damping) {
 
 DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
                               const Knowledge& known) {
+    limits_ = known.limits;
     rim_.take(window, known.others, known.limits);
     const double perPixel = window.frame().perPixel;
     const int unknowns = unknownsOf(known.light.degree());
-    const int free =
-        std::max(1, window.rimCount() + static_cast<int>(window.inside().count + window.outside().count) - unknowns);
+    const auto step = [&](const DiscModel& from, const Vector& by) {
+        DiscModel to = moved(from, by);
+        if (rim_.isClipped()) boundLevels(limits_, to);
+        return to;
+    };
     const auto look = [&](Point& point) {
         evaluate(window, point.model, unknowns, point.equations);
         if (!std::isfinite(point.equations.cost)) return false;
         addPrior(known.light, perPixel, point.model, point.equations);
         addSize(record, point.model, point.equations);
         holdLeastBlur(point.model, point.equations);
+        if (rim_.isClipped()) holdFarLevels(point.model, limits_, point.equations);
         point.definite = solve(point.equations, unknowns, 0, point.step);
         point.gain = point.definite ? point.step.dot(point.equations.right) : 0;
         return true;
@@ -211,17 +256,18 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
     bool isDrawn = true;  // what `here` says is what the columns hold
     double damping = 0;
     for (result.evaluations = 1; result.evaluations < kMostEvaluations; ++result.evaluations) {
+        const double free = std::max(1.0, here.equations.told - unknowns);
         const double scale = std::max(kLeastScale, (here.equations.cost - here.gain) / free);
         if (here.definite && here.gain < kSmallStep * scale) {
             if (known.light.degree() == 0 && (isDrawn || draw(window, here.model)))
                 result.light = lightEvidence(allEquations(window, here.model), perPixel, scale);
-            here.model = moved(here.model, here.step);
+            here.model = step(here.model, here.step);
             result.converged = true;
             break;
         }
-        Vector step = Vector::Zero();
-        const bool solved = solve(here.equations, unknowns, damping, step);
-        there.model = moved(here.model, step);
+        Vector wanted = Vector::Zero();
+        const bool solved = solve(here.equations, unknowns, damping, wanted);
+        there.model = step(here.model, wanted);
         isDrawn = false;
         if (solved && draw(window, there.model) && look(there) && isBetter(there, here, damping)) {
             std::swap(here, there);

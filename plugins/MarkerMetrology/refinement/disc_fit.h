@@ -28,6 +28,8 @@ struct NormalEquations {
     Eigen::Matrix<double, kUnknowns, 1> right = Eigen::Matrix<double, kUnknowns, 1>::Zero();
     double cost = 0;     ///< sum of squared residuals, all pixels
     double rimCost = 0;  ///< of the pixels about the rim
+    double told = 0;     ///< cost that a right model leaves: number of pixels, less what the image cuts off of noise
+    double rimTold = 0;  ///< of the pixels about the rim
 };
 
 /// Scratch storage of a fit; one for each thread.
@@ -45,7 +47,7 @@ class DiscFit {
     struct Knowledge {
         NoiseModel noise;
         LightPrior light;           ///< what the light's polynomial is drawn from; even light where it is none
-        cv::Vec2d limits;           ///< least and largest level of the image: a pixel there says no more than "beyond"
+        cv::Vec2d limits;           ///< least and largest level of the image, which cut its light off
         std::vector<float> others;  ///< light of other markers at the window's rim pixels, grey levels; empty for none
     };
 
@@ -66,10 +68,13 @@ class DiscFit {
     NormalEquations allEquations(const MarkerWindow& window, const DiscModel& model);
     void addFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
                  NormalEquations& equations) const;
+    void addClippedFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
+                        NormalEquations& equations) const;
     void weigh(const DiscModel& model, const NoiseModel& noise);
 
     DiscImage image_;
     RimPixels rim_;
+    cv::Vec2d limits_;
     double insideWeight_ = 1, outsideWeight_ = 1;
 };
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "refinement/clipped_level.h"
 #include "refinement/pixel_steps.h"
 
 namespace kestrune::refinement {
@@ -21,6 +22,8 @@ constexpr double kFewestForNoise = 24;  // pixels that tell a variance
 constexpr double kUneven = 2;
 // Noise that is all light's grows as the level; so many times that is no noise.
 constexpr double kMostShot = 2;
+// Where more of a ground's pixels are at a limit of the image, what is left does not tell their noise.
+constexpr double kMostClipped = 0.75;
 constexpr double kNoiseChange = 1.2;  // factor of a weight from which a fit is made again
 constexpr double kLeastRimShare = 0.45;
 // Where the rim's mean squared residual is beyond this, in units of the noise, it is looked at whether something lies
@@ -45,11 +48,15 @@ double varianceOf(const FlatSums& sums, const std::vector<FlatRun>& runs) {
     return bySteps > 0 && variance > kUneven * std::max(bySteps, kRounding) ? bySteps : variance;
 }
 
-NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, std::vector<ResidualSample>& samples) {
+NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, const cv::Vec2d& limits,
+                         std::vector<ResidualSample>& samples) {
     samples.clear();
     const auto add = [&](const FlatSums& sums, const std::vector<FlatRun>& runs, double level) {
-        if (sums.count >= kFewestForNoise)
-            samples.push_back({level, varianceOf(sums, runs), sums.count - 1 - kLightTerms});
+        if (!(sums.count >= kFewestForNoise)) return;
+        const double clipped = countAtLimits(runs, limits) / sums.count;
+        if (clipped > kMostClipped) return;
+        const double variance = varianceOf(sums, runs), count = sums.count - 1 - kLightTerms;
+        samples.push_back({level, clipped > 0 ? varianceBeforeClipping(variance, clipped) : variance, count});
     };
     add(window.inside(), window.insideRuns(), model.inside);
     add(window.outside(), window.outsideRuns(), model.outside);
@@ -59,14 +66,17 @@ NoiseModel noiseOfGround(const MarkerWindow& window, const DiscModel& model, std
 /// With the rim's residuals, in five levels: for markers so small that their middle is all blur. They may be more than
 /// the ground's variance as far as light explains it.
 NoiseModel noiseOfRim(const MarkerWindow& window, const FittedMarker& fitted, const DiscFit& fit,
-                      std::vector<ResidualSample>& samples) {
+                      const cv::Vec2d& limits, std::vector<ResidualSample>& samples) {
     constexpr int kLevels = 5;
     const DiscModel& model = fitted.outcome.model;
-    const NoiseModel ground = noiseOfGround(window, model, samples);
+    const NoiseModel ground = noiseOfGround(window, model, limits, samples);
+    const bool isBlind = fit.rim().isClipped() && samples.empty();
     std::array<ResidualSample, kLevels> levels{};
     for (int i = 0; i < window.rimCount(); ++i) {
         const double level = static_cast<double>(fit.rim().levels()[i]);
         const double m = (level - model.outside) / model.contrast();
+        // Beyond a limit there is less noise, or none.
+        if (fit.rim().isClipped() && (level <= limits[0] || level >= limits[1])) continue;
         ResidualSample& sample = levels[static_cast<std::size_t>(std::clamp(m * kLevels, 0.0, kLevels - 1.0))];
         const double residual = static_cast<double>(fit.rim().residuals()[i]);
         sample.count += 1, sample.level += level, sample.variance += residual * residual * fitted.noise.variance(level);
@@ -76,8 +86,9 @@ NoiseModel noiseOfRim(const MarkerWindow& window, const FittedMarker& fitted, co
         sample.level /= sample.count, sample.variance /= sample.count;
         // The unknowns of the rim have taken their share of the residuals.
         const double free = sample.count * (1 - static_cast<double>(kLight) / window.rimCount());
-        const double most =
-            kMostShot * ground.variance(model.outside) * std::max(1.0, sample.level / std::max(1.0, model.outside));
+        const double most = isBlind ? sample.variance * sample.count / free
+                                    : kMostShot * ground.variance(model.outside) *
+                                          std::max(1.0, sample.level / std::max(1.0, model.outside));
         samples.push_back({sample.level, std::min(most, sample.variance * sample.count / free), free});
     }
     return noiseOf(samples);
@@ -144,7 +155,7 @@ bool isFaint(const DiscModel& model, const NoiseModel& noise) {
 }
 
 /// Why the outcome is not to be believed.
-RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
+RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start, const cv::Vec2d& limits) {
     const DiscModel& model = fitted.outcome.model;
     const double moved = std::hypot(model.ellipse.x - start.x, model.ellipse.y - start.y);
     const double most = std::max(kMostMove, kMostMoveShare * start.minorHalfAxis());
@@ -153,10 +164,12 @@ RefinementStatus judge(const FittedMarker& fitted, const SmoothEllipse& start) {
     const double length = model.ellipse.perimeter(), blur = totalBlur(model.blur);
     if (isFaint(model, fitted.noise)) return RefinementStatus::tooFaint;
     // A rim that is off by d px RMS leaves c^2 d^2 length / (2 sqrt(pi) blur).
-    const double excess = (fitted.outcome.equations.rimCost - static_cast<double>(fitted.rimPixels)) * variance;
+    const double excess = (fitted.outcome.equations.rimCost - fitted.outcome.equations.rimTold) * variance;
     const double rimError =
         std::sqrt(std::max(0.0, excess) * 2 * std::sqrt(std::numbers::pi) * blur / length) / std::abs(model.contrast());
-    return rimError <= kMostRimError ? RefinementStatus::refined : RefinementStatus::notADisc;
+    if (!(rimError <= kMostRimError)) return RefinementStatus::notADisc;
+    return isFarBeyond(model.inside, limits) || isFarBeyond(model.outside, limits) ? RefinementStatus::notConverged
+                                                                                   : RefinementStatus::refined;
 }
 
 /// The rim must be wholly on the image; one of no size is none.
@@ -212,14 +225,13 @@ class MarkerFit {
                                                                      : RefinementStatus::touchesAnother;
                 return result;
             }
-            if (!knowsNoise) result.noise = noiseOfGround(window, model, scratch_.samples);
+            if (!knowsNoise) result.noise = noiseOfGround(window, model, known.limits, scratch_.samples);
             if (round == 0 && isFaint(model, result.noise)) {
                 result.status = RefinementStatus::tooFaint;
                 return result;
             }
             known.noise = result.noise;
             result.outcome = scratch_.fit.fit(window, start_, model, known);
-            result.rimPixels = window.rimCount();
             result.pixels = window.rimCount() + static_cast<int>(window.inside().count + window.outside().count);
             const DiscModel& now = result.outcome.model;
             const bool fits = distance(now.ellipse, model.ellipse) < kSlack && kReach * totalBlur(now.blur) < reach;
@@ -229,15 +241,18 @@ class MarkerFit {
                 return result;
             }
             if (!fits || !result.outcome.converged) continue;
-            if (!knowsNoise && std::min(window.inside().count, window.outside().count) < kFewestForNoise) {
+            // Middle and ground are both cut off: the rim alone has noise, and it is needed to know what is cut off
+            // there.
+            const bool isBlind = scratch_.fit.rim().isClipped() && scratch_.samples.empty();
+            if (!knowsNoise && (isBlind || std::min(window.inside().count, window.outside().count) < kFewestForNoise)) {
                 knowsNoise = true;
-                const NoiseModel better = noiseOfRim(window, result, scratch_.fit, scratch_.samples);
-                if (differs(better, result.noise, model)) {
+                const NoiseModel better = noiseOfRim(window, result, scratch_.fit, known.limits, scratch_.samples);
+                if (isBlind || differs(better, result.noise, model)) {
                     result.noise = better;
                     continue;
                 }
             }
-            result.status = judge(result, start_);
+            result.status = judge(result, start_, known.limits);
             return result;
         }
         return result;
@@ -258,7 +273,7 @@ class MarkerFit {
     static bool isSuspicious(const FittedMarker& fitted) {
         return fitted.status == RefinementStatus::notADisc || fitted.status == RefinementStatus::notConverged ||
                (fitted.status == RefinementStatus::refined &&
-                fitted.outcome.equations.rimCost > kSuspicious * fitted.rimPixels);
+                fitted.outcome.equations.rimCost > kSuspicious * fitted.outcome.equations.rimTold);
     }
 
     /// Leaves out what something lies over, as the first guess sees it and then as each fit of the rest does. A rim
@@ -287,7 +302,7 @@ class MarkerFit {
     Sectors hiddenAt(const DiscModel& model) {
         MarkerWindow& window = scratch_.window;
         takeWindow(model, {});
-        scratch_.known.noise = noiseOfGround(window, model, scratch_.samples);
+        scratch_.known.noise = noiseOfGround(window, model, scratch_.known.limits, scratch_.samples);
         if (!scratch_.fit.look(window, model, scratch_.known)) return Sectors();
         scratch_.sectors.assign(kSectors, {});
         for (const MarkerWindow::Run& run : window.runs())

@@ -28,9 +28,8 @@ struct FittedMarker {
     RefinementStatus status = RefinementStatus::noOutline;
     DiscFit::Outcome outcome;
     NoiseModel noise;
-    int pixels = 0;     ///< that took part
-    int rimPixels = 0;  ///< of them those about the rim
-    Sectors hidden;     ///< parts that something lies over
+    int pixels = 0;  ///< that took part
+    Sectors hidden;  ///< parts that something lies over
 };
 
 /// Scratch storage of one thread.

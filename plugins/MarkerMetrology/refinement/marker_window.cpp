@@ -102,6 +102,19 @@ bool MarkerWindow::serves(const SmoothEllipse& ellipse, double leastReach, doubl
            ellipse.e1 == ellipse_.e1 && ellipse.e2 == ellipse_.e2 && reach_ >= leastReach && reach_ <= mostReach;
 }
 
+int countAtLimits(const std::vector<FlatRun>& runs, const cv::Vec2d& limits) {
+    const auto least = static_cast<float>(limits[0]), most = static_cast<float>(limits[1]);
+    int count = 0;
+    for (const FlatRun& run : runs)
+        for (int i = 0; i < run.count; ++i) count += (run.grey[i] <= least) | (run.grey[i] >= most);
+    return count;
+}
+
+bool MarkerWindow::reaches(const cv::Vec2d& limits) const {
+    return countAtLimits({{grey_.data(), rimCount_}}, limits) > 0 || countAtLimits(insideRuns_, limits) > 0 ||
+           countAtLimits(outsideRuns_, limits) > 0;
+}
+
 void MarkerWindow::sortRow(int y, const SmoothEllipse& ellipse, const std::vector<Neighbour>& neighbours,
                            const Sectors& hidden) {
     const RowInterval all = rowOf(dilated(ellipse, ground_), y);

@@ -63,6 +63,8 @@ class MarkerWindow {
     /// Pixels of the middle and of the ground, run by run.
     const std::vector<FlatRun>& insideRuns() const { return insideRuns_; }
     const std::vector<FlatRun>& outsideRuns() const { return outsideRuns_; }
+    /// Whether any pixel of the window is at one of the limits.
+    bool reaches(const cv::Vec2d& limits) const;
     /// Share of the pixels about the rim, 0 to 1, that are in the image and nobody else's.
     double rimShare() const { return static_cast<double>(rimCount()) / std::max(1, rimPixels_); }
 
@@ -105,6 +107,9 @@ inline double groundOf(const geometry::SmoothEllipse& ellipse, double reach) {
     constexpr double kLeast = 4, kShare = 0.5;
     return reach + std::max(kLeast, kShare * ellipse.s);
 }
+
+/// How many pixels of the runs are at one of the limits.
+int countAtLimits(const std::vector<FlatRun>& runs, const cv::Vec2d& limits);
 
 /// Columns of a row inside of an ellipse: from <= x <= to; none if from > to.
 struct RowInterval {

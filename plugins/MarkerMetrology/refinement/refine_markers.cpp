@@ -76,7 +76,7 @@ MarkerEstimate unrefined(const SmoothEllipse& ellipse, RefinementStatus status) 
 /// equations, in units of the noise that the rim's residuals show.
 cv::Matx<double, 8, 8> covarianceOf(const FittedMarker& fitted) {
     const int unknowns = kLight + termsOfDegree(fitted.outcome.model.lightDegree);
-    const double scale = fitted.outcome.equations.rimCost / std::max(1, fitted.rimPixels - unknowns);
+    const double scale = fitted.outcome.equations.rimCost / std::max(1.0, fitted.outcome.equations.rimTold - unknowns);
     const Eigen::MatrixXd inverse = Eigen::MatrixXd(fitted.outcome.equations.matrix.topLeftCorner(unknowns, unknowns))
                                         .llt()
                                         .solve(Eigen::MatrixXd::Identity(unknowns, unknowns));
@@ -101,7 +101,8 @@ MarkerEstimate refined(const FittedMarker& fitted) {
     estimate.lightDegree = model.lightDegree;
     estimate.pixels = fitted.pixels;
     estimate.noise = std::sqrt(fitted.noise.variance((model.inside + model.outside) / 2));
-    estimate.residual = std::sqrt(fitted.outcome.equations.rimCost / std::max(1, fitted.rimPixels - kLight));
+    estimate.residual =
+        std::sqrt(fitted.outcome.equations.rimCost / std::max(1.0, fitted.outcome.equations.rimTold - double{kLight}));
     estimate.covariance = covarianceOf(fitted);
     return estimate;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "refinement/clipped_level.h"
 #include "refinement/lanes.h"
 
 namespace kestrune::refinement {
@@ -15,7 +16,7 @@ struct Columns {
     std::array<const float*, 7> drawn;
     std::array<float*, kUnknowns> columns;
     float *residual, *level;
-    float contrast, outside, least, most;
+    float contrast, outside;
     std::array<float, kLightTerms> light;
     int count, unknowns;
 };
@@ -31,12 +32,9 @@ KESTRUNE_BOTH void fillColumnsBoth(const Columns& c) {
         const Lanes light = 1 + (c.light[0] * u + c.light[1] * v) +
                             (c.light[2] * (u * u) + c.light[3] * (u * v) + c.light[4] * (v * v));
         const Lanes even = c.outside + c.contrast * m, level = light * even, residual = grey - level;
-        // A pixel that is as bright (dark) as the image can hold may stand for any level beyond.
-        const IntLanes beyond = ((grey >= c.most) & (residual < 0)) | ((grey <= c.least) & (residual > 0));
-        const Lanes w = beyond ? Lanes{} : weight;
         store(c.level + i, level);
-        store(c.residual + i, w * residual);
-        const Lanes wl = w * light, wlc = wl * c.contrast;
+        store(c.residual + i, weight * residual);
+        const Lanes wl = weight * light, wlc = wl * c.contrast;
         for (int k = 0; k < 6; ++k) {
             Lanes d;
             load(c.drawn[static_cast<std::size_t>(k) + 1] + i, d);
@@ -45,7 +43,7 @@ KESTRUNE_BOTH void fillColumnsBoth(const Columns& c) {
         store(c.columns[kIn] + i, wl * m);
         store(c.columns[kOut] + i, wl - wl * m);
         if (c.unknowns <= kLight) continue;
-        const Lanes we = w * even;
+        const Lanes we = weight * even;
         store(c.columns[kLight] + i, we * u);
         store(c.columns[kLight + 1] + i, we * v);
         store(c.columns[kLight + 2] + i, we * (u * u));
@@ -93,11 +91,14 @@ void RimPixels::take(const MarkerWindow& window, const std::vector<float>& other
     count_ = window.rimCount();
     padded_ = (count_ + MarkerWindow::kPadding - 1) / MarkerWindow::kPadding * MarkerWindow::kPadding;
     u_ = window.u(), v_ = window.v();
-    limits_ = {static_cast<float>(limits[0]), static_cast<float>(limits[1])};
+    limits_ = limits;
+    isClipped_ = window.reaches(limits);
     for (std::vector<float>* list : {&grey_, &weight_, &residual_, &level_}) makeRoom(*list, count_, padded_);
     for (auto& list : drawn_) makeRoom(list, count_, padded_);
     for (auto& list : columns_) makeRoom(list, count_, padded_);
     std::copy_n(window.grey(), count_, grey_.begin());
+    others_.clear();
+    if (isClipped_) others_ = others;
     if (!others.empty())
         for (std::size_t i = 0; i < static_cast<std::size_t>(count_); ++i) grey_[i] -= others[i];
     std::fill_n(weight_.begin(), count_, 1.0F);
@@ -144,10 +145,26 @@ void RimPixels::fillColumns(const DiscModel& model, int unknowns) {
                    [](double g) { return static_cast<float>(g); });
     c.residual = residual_.data(), c.level = level_.data();
     c.contrast = static_cast<float>(model.contrast()), c.outside = static_cast<float>(model.outside);
-    c.least = limits_[0], c.most = limits_[1];
     c.count = padded_, c.unknowns = unknowns;
     (hasWideLanes() ? fillColumnsWide : fillColumnsAny)(c);
     // Beyond the last pixel the weight is 0, and so is everything.
+    told_ = count_;
+    if (isClipped_) clip(unknowns);
+}
+
+/// What the pixels read instead where the model, with its noise, goes beyond the limits.
+void RimPixels::clip(int unknowns) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count_); ++i) {
+        const double weight = static_cast<double>(weight_[i]),
+                     other = others_.empty() ? 0.0 : static_cast<double>(others_[i]);
+        const double level = static_cast<double>(level_[i]) + other, sigma = sigmaBeforeRounding(1 / (weight * weight));
+        if (std::min(limits_[1] - level, level - limits_[0]) > kClippedWithin * sigma) continue;
+        const ClippedLevel clipped = clippedLevel(level, sigma, limits_);
+        residual_[i] = static_cast<float>(weight * (static_cast<double>(grey_[i]) + other - clipped.mean));
+        for (int k = 0; k < unknowns; ++k)
+            columns_[static_cast<std::size_t>(k)][i] *= static_cast<float>(clipped.slope);
+        told_ -= 1 - clipped.variance;
+    }
 }
 
 double RimPixels::dot(const float* a, const float* b) const {

@@ -35,7 +35,7 @@ class RimPixels {
     /// Takes the window's pixels, each with the weight 1.
     ///
     /// @param others  light of other markers at them, grey levels; empty for none
-    /// @param limits  least and largest level of the image: a pixel there says no more than "beyond"
+    /// @param limits  least and largest level of the image, which cut its light off
     void take(const MarkerWindow& window, const std::vector<float>& others, const cv::Vec2d& limits);
 
     /// Takes the image of a disc at the pixels.
@@ -55,16 +55,24 @@ class RimPixels {
     double residualSquares() const { return dot(residual_.data(), residual_.data()); }
 
     const float* residuals() const { return residual_.data(); }  ///< in units of the noise
-    const float* levels() const { return level_.data(); }        ///< of the model, grey levels
+    const float* levels() const { return level_.data(); }        ///< of the model, grey levels; not cut off
+    /// Whether any pixel of the window is at a limit of the image.
+    bool isClipped() const { return isClipped_; }
+    /// Pixels, less what is cut off of their noise: the sum of squared residuals that a right model leaves.
+    double told() const { return told_; }
 
   private:
     const float* column(int a) const { return columns_[static_cast<std::size_t>(a)].data(); }
     double dot(const float* a, const float* b) const;
 
+    void clip(int unknowns);
+
     int count_ = 0, padded_ = 0;
-    std::array<float, 2> limits_{};
+    cv::Vec2d limits_;
+    bool isClipped_ = false;
+    double told_ = 0;
     const float *u_ = nullptr, *v_ = nullptr;
-    std::vector<float> grey_, weight_, residual_, level_;
+    std::vector<float> grey_, others_, weight_, residual_, level_;
     std::array<std::vector<float>, 7> drawn_;  // M, and its derivatives in the order of `DiscPixel`
     std::array<std::vector<float>, kUnknowns> columns_;
 };
