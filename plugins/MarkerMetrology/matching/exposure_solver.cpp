@@ -6,6 +6,7 @@
 #include <limits>
 #include <numbers>
 
+#include "matching/places.h"
 #include "matching/spread.h"
 
 namespace kestrune::matching {
@@ -13,10 +14,12 @@ namespace {
 
 constexpr double kWindow =
     10;  // told sigmas of the distance from the epipolar plane: five of sigmas told too small by two
-// One ellipse in a hundred is off by five times its sigma.
-constexpr double kOutliers = 0.01, kOutlierScale = 5;
-constexpr double kFirstShare = 0.7;    // of the smaller list
-constexpr double kPseudoSingle = 0.5;  // single markers that each eye has besides those that are counted
+// One ellipse in two hundred is off by five times its sigma.
+constexpr double kOutliers = 0.005, kOutlierScale = 5;
+constexpr double kFirstShare = 0.7;  // of the smaller list
+// Single markers that each eye has besides those that are counted: half a one, and the one at hand, which must not tell
+// by being in a pair that no marker is single.
+constexpr double kPseudoSingle = 1.5;
 constexpr std::size_t kMostOfOneLine = 24;
 // What is learnt adds up to some five nats for each of radius, depth and normal.
 constexpr double kLeastFirstWeight = -22;
@@ -24,9 +27,8 @@ constexpr double kLeastLogWeight = -18;
 constexpr double kBelievedStart = 0.9;
 constexpr int kLeastRounds = 2;
 constexpr double kFewestPairs = 0.1;
-constexpr double kShapeGate = 1.5;                        // told sigmas of shapes may be too small by it at the gate
-constexpr double kLeastField = 1e-3, kFieldMargin = 1.1;  // of the angles from the baseline, radians; a ratio
-constexpr double kDepthSigmas = 5;                        // that a depth may be beyond its range
+constexpr double kShapeGate = 1.5;  // told sigmas of shapes may be too small by it at the gate
+constexpr double kDepthSigmas = 5;  // that a depth may be beyond its range
 // A size is usual if this share of the pairs has it, to a share of the radius or so many sigmas.
 constexpr double kUsualSize = 0.2, kSameSize = 0.03, kSameSizeSigmas = 3;
 // Of so many neighbours on the image, so many bear out a depth, by surfaces of up to this slope.
@@ -45,38 +47,13 @@ double robust(double chiSquare, int freedom) {
     return std::max(good, bad) + std::log1p(std::exp(-std::abs(good - bad)));
 }
 
-/// Logarithm of the density of phi among the other markers of an eye: level rows crowd.
-std::vector<double> rowDensities(const std::vector<Sightline>& lines) {
-    std::vector<double> result(lines.size(), 0.0);
-    if (lines.size() < 2) return result;
-    double sigma = 0;
-    for (const Sightline& line : lines) sigma += line.sigmaPhi;
-    sigma /= static_cast<double>(lines.size());
-    const double low = lines.front().phi, high = lines.back().phi, range = high - low + 20 * sigma;
-    KernelGrid grid(low - 10 * sigma, high + 10 * sigma, {1.5 * sigma, 12 * sigma, 0.1 * range});
-    for (const Sightline& line : lines) grid.add(line.phi, 1);
-    grid.smooth();
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        double sum = 0;
-        for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
-            sum += std::max(0.0, grid.value(k, lines[i].phi) - grid.kernel(k, 0)) / KernelGrid::kWidths;
-        result[i] = std::log(0.25 / range + 0.75 * sum / static_cast<double>(lines.size() - 1));
-    }
-    return result;
-}
-
 }  // namespace
 
 ExposureSolver::ExposureSolver(const Views& views, const EpipolarFrame& frame, const Beforehand& known)
     : views_(views), baseline_(frame.baseline), known_(known) {
     candidates_ = candidatesOf(views, baseline_, {1, kShapeGate}, kWindow);
     keepDepths(frame);
-    const std::vector<Sightline>& rights = views.lines[1];
-    logRows_ = rowDensities(rights);
-    const auto [least, most] = std::minmax_element(
-        rights.begin(), rights.end(), [](const Sightline& a, const Sightline& b) { return a.alpha < b.alpha; });
-    const double range = rights.empty() ? 1 : most->alpha - least->alpha;
-    logColumn_ = -std::log(std::max(range, kLeastField) * kFieldMargin);
+    logPlaces_ = placeDensities(views.lines[1]);
     firstScale_ = firstScale();
     dropHopeless();
 }
@@ -308,8 +285,8 @@ void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solut
             ends[i].chance = model.chanceDensity(fit);
             ends[i].grey = ofGrey;
             ends[i].object = object_.empty() ? 0 : object_[c];
-            ends[i].odds = odds - logRows_[right] - logColumn_ - single[0][static_cast<std::size_t>(candidate.left)] -
-                           single[1][right];
+            ends[i].odds =
+                odds - logPlaces_[right] - single[0][static_cast<std::size_t>(candidate.left)] - single[1][right];
         }
         const bool hasTwo = candidate.agreement.count > 1;
         const std::size_t more = hasTwo && ends[1].ofPair() > ends[0].ofPair() ? 1 : 0;

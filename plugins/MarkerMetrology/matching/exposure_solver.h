@@ -105,9 +105,8 @@ class ExposureSolver {
     std::vector<Candidate> candidates_;
     double firstScale_ = 1;  ///< of the distances from the epipolar planes
     std::vector<double> firstWeights_;
-    std::vector<double> object_;   ///< of each candidate; empty
-    std::vector<double> logRows_;  ///< densities of the right markers' planes
-    double logColumn_ = 0;         ///< of their places in the plane
+    std::vector<double> object_;     ///< of each candidate; empty
+    std::vector<double> logPlaces_;  ///< densities of the right markers' places
 };
 
 }  // namespace kestrune::matching

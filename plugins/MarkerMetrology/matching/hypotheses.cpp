@@ -13,6 +13,9 @@ namespace kestrune::matching {
 namespace {
 
 constexpr int kRounds = 6, kRivalRounds = 3;
+// An assignment goes on from its own pairs so many times at most, and while that gains as much, nats.
+constexpr int kMostPolish = 4, kPolishRounds = 4;
+constexpr double kPolished = 1;
 constexpr int kMostGrown = 4, kMostShift = 5;
 constexpr double kLeastWorth = -8;
 // A rival that matches fewer markers than this share of the best one's is none.
@@ -25,7 +28,15 @@ constexpr double kMargin = 12;
 constexpr double kFarAhead = 60;
 // Candidates of all rivals together, 2 us each in a round; and rivals.
 constexpr int kMostWork = 60'000, kLeastRivals = 3, kMostRivals = 24;
-constexpr double kMeasuredWorth = 1.5, kLearntMargin = 20, kMostMisfit = 20;
+constexpr double kMostMisfit = 20;
+// A pattern that is shifted along the baseline is the same scene at another scale: then differences of chi-square are
+// those of noise alone, each half of it with this variance, and their sum is taken to be chance up to so many of its
+// standard deviations.
+constexpr double kChanceVariance = 2.5, kChance = 4;
+// What two assignments taught differs by up to so much, nats, where either is as good as the other.
+constexpr double kLearntMargin = 100;
+// Evidence of whole assignments that differ here and there is less certain than its nats say, by this factor.
+constexpr double kTempered = 5;
 constexpr double kNoRival = 1e6;
 
 using Pairs = std::vector<int>;  ///< candidates, ascending
@@ -78,6 +89,7 @@ class Trial {
     /// Until a rival is found that is about as probable, or there are no more.
     void run() {
         attempt(grownAssignments(views_, solver_.candidates(), worth_, kLeastWorth, kMostGrown));
+        if (solutions_.size() > 1) polish(0);
         std::size_t from = best();
         for (int k = 1; k <= kMostShift && !hasRival(); ++k) {
             attempt({shiftedBy(from, k), shiftedBy(from, -k)});
@@ -100,7 +112,9 @@ class Trial {
         Decision result;
         result.repeats = margin.ahead < kMargin;
         if (result.repeats) result.rival = solutions_[margin.rival];
+        std::vector<double> mean = averaged(first);
         result.best = std::move(solutions_[first]);
+        result.best.assignment.probability = std::move(mean);
         return result;
     }
 
@@ -120,6 +134,23 @@ class Trial {
         return margin;
     }
 
+    /// Probabilities over all solutions that differ from this one only here and there. What a solution taught itself
+    /// makes it sure of its pairs; that there are others, nearly as good, is known only here.
+    std::vector<double> averaged(std::size_t k) const {
+        std::vector<double> mean(solver_.candidates().size(), 0.0);
+        double weights = 0;
+        for (std::size_t other = 0; other < solutions_.size(); ++other) {
+            if (other != k && sharedBy(ends_[k], ends_[other]) <= kSameSolution) continue;
+            const double behind = solutions_[k].logEvidence() - solutions_[other].logEvidence();
+            const double weight = std::exp(-std::max(0.0, behind) / kTempered);
+            const std::vector<double>& its = solutions_[other].assignment.probability;
+            for (std::size_t c = 0; c < mean.size(); ++c) mean[c] += weight * its[c];
+            weights += weight;
+        }
+        for (double& p : mean) p /= weights;
+        return mean;
+    }
+
     static std::size_t leastPairs(const Solution& solution) {
         return static_cast<std::size_t>(std::max<double>(kFewestOfRival, kLeastRival * solution.pairs));
     }
@@ -128,6 +159,23 @@ class Trial {
         ends_.push_back(pairsOf(solution));
         holes_.emplace_back();
         solutions_.push_back(std::move(solution));
+    }
+
+    /// Goes on from its own pairs as if they were certain: in crowds expectations alone settle slowly.
+    Solution polished(Solution solution) const {
+        for (int k = 0; k < kMostPolish; ++k) {
+            Solution next = solver_.solve(pairsOf(solution), kPolishRounds);
+            const double gained = next.logEvidence() - solution.logEvidence();
+            if (gained > 0) solution = std::move(next);
+            if (!(gained >= kPolished)) break;
+        }
+        return solution;
+    }
+
+    void polish(std::size_t k) {
+        solutions_[k] = polished(std::move(solutions_[k]));
+        ends_[k] = pairsOf(solutions_[k]);
+        holes_[k].reset();
     }
 
     /// Those of the starts that lead elsewhere, each by itself.
@@ -146,7 +194,8 @@ class Trial {
         std::vector<Solution> found(starts.size());
         const ParallelCall call;
         forEachLongItem(static_cast<int>(starts.size()), [&](int k) {
-            found[static_cast<std::size_t>(k)] = solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds);
+            found[static_cast<std::size_t>(k)] =
+                polished(solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds));
         });
         for (Solution& solution : found) add(std::move(solution));
     }
@@ -162,8 +211,8 @@ class Trial {
 
     bool hasRival() { return marginOf(best(), leastPairs(solutions_[best()])).ahead < kMargin; }
 
-    /// By how much `a` is the better one, nats: by all that was seen, by the markers that both match, and by what of
-    /// these is measured and not learnt.
+    /// By how much the first is the better one, nats: by all that was seen, and by the markers that both match. Of
+    /// these what is measured counts beyond what chance brings, and what each taught itself beyond a margin.
     double aheadOf(std::size_t first, std::size_t second) {
         const Solution &a = solutions_[first], &b = solutions_[second];
         const double all = a.logEvidence() - b.logEvidence();
@@ -179,10 +228,11 @@ class Trial {
                         solver_.knownEvidence(a, a.partner[i]) - solver_.knownEvidence(b, b.partner[i]);
         }
         if (shared < kFewestOfRival) return all;
-        double least = std::max(std::min(common, kMeasuredWorth * measured), common - kLearntMargin);
-        if (least < kFarAhead)  // what is missing here and there may decide
-            least += evidenceOfHoles(first) - evidenceOfHoles(second);
-        return std::min(all, least);
+        const double learnt = common - measured, beyond = std::max(0.0, std::abs(learnt) - kLearntMargin);
+        double ahead = measured - kChance * std::sqrt(kChanceVariance * shared) + std::copysign(beyond, learnt);
+        if (ahead < kFarAhead)  // what is missing here and there may decide
+            ahead += evidenceOfHoles(first) - evidenceOfHoles(second);
+        return std::min(all, ahead);
     }
 
     double evidenceOfHoles(std::size_t k) {
