@@ -33,8 +33,8 @@ constexpr std::int64_t kMostOfOneDisc = 300'000;  // ns
 constexpr double kNotKnown = std::numeric_limits<double>::quiet_NaN();
 constexpr int kFewestMarkers = 3;
 // Pairs that tell how good the told standard deviations are, and by how much those may be off.
-constexpr double kLeastLikely = 0.4, kMostScale = 1e4;
-constexpr double kAny = std::numeric_limits<double>::max();  // chi-square
+constexpr double kLeastLikely = 0.4, kMostToldScale = 1e4;
+constexpr double kAnyChiSquare = std::numeric_limits<double>::max();  // chi-square
 
 Decider deciderOf(const CircleFit& fit, const CircleFit& rival, const MatchOptions& options) {
     const double radius = std::abs(fit.logRadius - rival.logRadius);
@@ -241,10 +241,10 @@ class Report {
             const auto left = sightlineOf((*markers_[0])[at(number(0, candidate(c).left))], attempt_.frame, 0);
             const auto right = sightlineOf((*markers_[1])[at(number(1, candidate(c).right))], attempt_.frame, 1);
             if (!left || !right) continue;
-            const Agreement agreement = agreementOf(*left, *right, attempt_.frame.baseline, kAny);
+            const Agreement agreement = agreementOf(*left, *right, attempt_.frame.baseline, kAnyChiSquare);
             if (agreement.count > 0) sample.add(agreement.fits[0], probabilityOf(c));
         }
-        return sample.isEmpty() ? Scales{} : sample.scales(1 / kMostScale, kMostScale);
+        return sample.isEmpty() ? Scales{} : sample.scales(1 / kMostToldScale, kMostToldScale);
     }
 
     static std::size_t at(int index) { return static_cast<std::size_t>(index); }

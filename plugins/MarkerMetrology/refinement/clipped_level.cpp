@@ -11,7 +11,7 @@ namespace kestrune::refinement {
 namespace {
 
 constexpr double kLeastSigma = 0.02;  // grey levels: an image without noise, whose mean still has a slope at the limit
-constexpr double kFarthest = 10, kLeastLeft = 0.05;  // standard deviations; share
+constexpr double kFarthestSigma = 10, kLeastLeft = 0.05;  // standard deviations; share
 constexpr int kHalvings = 40, kRoundingSteps = 8;
 
 /// Share of the standard normal distribution above z.
@@ -47,7 +47,7 @@ double sigmaBeforeRounding(double variance) {
 }
 
 double varianceBeforeClipping(double variance, double share) {
-    double low = -kFarthest, high = kFarthest;
+    double low = -kFarthestSigma, high = kFarthestSigma;
     for (int i = 0; i < kHalvings; ++i) {
         const double middle = (low + high) / 2;
         (above(middle) > share ? low : high) = middle;
