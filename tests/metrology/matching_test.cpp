@@ -279,6 +279,23 @@ TEST(MatchMarkers, LeavesOutWhatIsNoMarker) {
     }
 }
 
+TEST(MatchMarkers, SharesWhatAMarkerThatIsGivenTwiceHas) {
+    Sights sights = Look{}(object());
+    const int copy = static_cast<int>(sights.markers[0].size());
+    sights.markers[0].push_back(sights.markers[0][20]), sights.disc[0].push_back(sights.disc[0][20]);
+    const StereoMatch match = sights.match();
+    for (const MatchedPair& p : match.pairs) {
+        EXPECT_EQ(p.sure, p.left != 20);
+        if (p.sure) continue;
+        EXPECT_NEAR(p.probability, 0.5, 1e-3);
+        ASSERT_EQ(p.rivals.size(), 1U);
+        EXPECT_TRUE(p.rivals[0].left == copy && p.rivals[0].right == p.right && p.rivals[0].probability == p.probability);
+        EXPECT_EQ(match.single[0][at(copy)], match.single[0][20]);
+        EXPECT_LT(match.single[1][at(p.right)], 1e-3);
+    }
+    EXPECT_EQ(match.rivals.size(), 1U);
+}
+
 TEST(MatchMarkers, RefusesWhatIsOutOfRange) {
     const char* const ofObject = "object: a marker's place, radius or sigma is not a number, or not in its range";
     const std::pair<const char*, std::function<void(MatchOptions&)>> cases[] = {

@@ -166,7 +166,8 @@ Attempts attemptAll(const MarkerLists& markers, const Cameras& cameras, const Ep
         correct(markers, known, frame, moved);
         if (!isSettled(*moved.best, frame)) continue;
         if (isBetter(moved.best, attempts.best)) {
-            second = attempts.best->isPlausible() ? attempts.best->gain() : 0;
+            const bool isOther = attempts.best->isPlausible() && !isSame(*moved.best, *attempts.best);
+            second = isOther ? attempts.best->gain() : 0;
             attempts = std::move(moved);
         } else if (!isSame(*moved.best, *attempts.best)) {
             second = std::max(second, moved.best->gain());

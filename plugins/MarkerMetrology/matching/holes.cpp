@@ -15,6 +15,13 @@ cv::Point2f placeOf(const Eigen::Vector3d& direction) {
     return {static_cast<float>(direction.x() / direction.z()), static_cast<float>(direction.y() / direction.z())};
 }
 
+/// Of a whole number. (std::lgamma writes a variable that all threads share.)
+double logFactorial(double n) {
+    double sum = 0;
+    for (double k = 2; k <= n; ++k) sum += std::log(k);
+    return sum;
+}
+
 std::vector<cv::Point2f> hullOf(const std::vector<Sightline>& lines) {
     std::vector<cv::Point2f> places, hull;
     for (const Sightline& line : lines) places.push_back(placeOf(line.axis));
@@ -27,7 +34,7 @@ std::vector<cv::Point2f> hullOf(const std::vector<Sightline>& lines) {
 double Holes::logEvidence() const {
     double sum = 0;
     for (std::size_t eye = 0; eye < 2; ++eye)
-        sum += std::lgamma(seen[eye] + 1) + std::lgamma(missing[eye] + 1) - std::lgamma(seen[eye] + missing[eye] + 2);
+        sum += logFactorial(seen[eye]) + logFactorial(missing[eye]) - logFactorial(seen[eye] + missing[eye] + 1);
     return sum;
 }
 

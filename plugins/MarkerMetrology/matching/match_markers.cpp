@@ -60,6 +60,7 @@ StereoMatch matchMarkers(const std::vector<MarkerEstimate>& left, const std::vec
     const EpipolarFrame frame = EpipolarFrame::of(rig, cv::Matx33d(rig.rotation), translation);
     Beforehand known;
     for (const double radius : options.radii) known.radii.logarithms.push_back(std::log(radius));
+    std::sort(known.radii.logarithms.begin(), known.radii.logarithms.end());  // so that their order changes no bit
     known.radii.tolerance = options.radiusTolerance;
     known.depth = options.depth;
     known.object = options.object;

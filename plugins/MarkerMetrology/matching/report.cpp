@@ -108,9 +108,24 @@ class Report {
     bool isDoubted() const {
         return result_.objection != MatchObjection::none && result_.objection != MatchObjection::rigMoved;
     }
-    double probabilityOf(int c) const {
+    double probabilityOf(int c) const { return isDoubted() ? std::min(shareOf(c), kMostDoubted) : shareOf(c); }
+    /// Of a pair of markers that are given more than once it is one of several.
+    double shareOf(int c) const {
         const double p = calibrated(attempt_.best().assignment.probability[static_cast<std::size_t>(c)]);
-        return isDoubted() ? std::min(p, kMostDoubted) : p;
+        return p / static_cast<double>(numbers(0, candidate(c).left).size() * numbers(1, candidate(c).right).size());
+    }
+    /// Of a line's marker and its copies.
+    std::vector<int> numbers(std::size_t eye, int line) const {
+        std::vector<int> all = attempt_.views.copies[eye][static_cast<std::size_t>(line)];
+        all.insert(all.begin(), number(eye, line));
+        return all;
+    }
+    /// A candidate's pairs: more than one where a marker is given more than once.
+    std::vector<PairChance> chancesOf(int c) const {
+        std::vector<PairChance> all;
+        for (const int left : numbers(0, candidate(c).left))
+            for (const int right : numbers(1, candidate(c).right)) all.push_back({left, right, probabilityOf(c)});
+        return all;
     }
 
     /// The pattern that was taken out, over the pairs that are left.
@@ -270,15 +285,18 @@ class Report {
         std::vector<int> others;
         for (int c = 0; c < static_cast<int>(attempt_.solver.candidates().size()); ++c) {
             const bool isChosen = best.partner[static_cast<std::size_t>(candidate(c).left)] == c;
-            if (!isChosen && best.assignment.probability[static_cast<std::size_t>(c)] >= kLeastChance)
-                others.push_back(c);
+            if (!isChosen && probabilityOf(c) >= kLeastChance) others.push_back(c);
         }
-        const auto chanceOf = [&](int c) {
-            return PairChance{number(0, candidate(c).left), number(1, candidate(c).right), probabilityOf(c)};
+        const auto addRivals = [this](int c, std::ptrdiff_t from) {
+            const std::vector<PairChance> chances = chancesOf(c);
+            result_.rivals.insert(result_.rivals.end(), chances.begin() + from, chances.end());
         };
-        for (const int c : others) result_.rivals.push_back(chanceOf(c));
-        for (const int c : best.partner)
-            if (c >= 0) addPair(c, others);
+        for (const int c : others) addRivals(c, 0);
+        for (const int c : best.partner) {
+            if (c < 0) continue;
+            addPair(c, others);
+            addRivals(c, 1);
+        }
         const auto byNumber = [](const auto& a, const auto& b) {
             return std::make_pair(a.left, a.right) < std::make_pair(b.left, b.right);
         };
@@ -295,11 +313,13 @@ class Report {
         const bool isExact = attempt_.best().assignment.isExact[static_cast<std::size_t>(c)];
         pair.sure = !isDoubted() && isExact && pair.probability >= options_.sure && pair.disc.found;
         pair.cues = cuesOf(attempt_, c);
+        const std::vector<PairChance> own = chancesOf(c);
+        pair.rivals.assign(own.begin() + 1, own.end());
         int strongest = -1;
         for (const int other : others) {
             if (candidate(other).left != candidate(c).left && candidate(other).right != candidate(c).right) continue;
-            pair.rivals.push_back(
-                {number(0, candidate(other).left), number(1, candidate(other).right), probabilityOf(other)});
+            const std::vector<PairChance> its = chancesOf(other);
+            pair.rivals.insert(pair.rivals.end(), its.begin(), its.end());
             if (strongest < 0 || probabilityOf(other) > probabilityOf(strongest)) strongest = other;
         }
         std::sort(pair.rivals.begin(), pair.rivals.end(), [](const PairChance& a, const PairChance& b) {
@@ -318,11 +338,12 @@ class Report {
     void setSingles() {
         for (std::size_t eye = 0; eye < 2; ++eye) result_.single[eye].assign(markers_[eye]->size(), 1.0);
         for (int c = 0; c < static_cast<int>(attempt_.solver.candidates().size()); ++c) {
-            const double p = calibrated(attempt_.best().assignment.probability[static_cast<std::size_t>(c)]);
-            double& left = result_.single[0][static_cast<std::size_t>(number(0, candidate(c).left))];
-            double& right = result_.single[1][static_cast<std::size_t>(number(1, candidate(c).right))];
-            left = std::max(0.0, left - p);
-            right = std::max(0.0, right - p);
+            const auto takeOff = [&](double& single, std::size_t ways) {
+                single = std::max(0.0, single - shareOf(c) * static_cast<double>(ways));
+            };
+            const std::vector<int> lefts = numbers(0, candidate(c).left), rights = numbers(1, candidate(c).right);
+            for (const int left : lefts) takeOff(result_.single[0][static_cast<std::size_t>(left)], rights.size());
+            for (const int right : rights) takeOff(result_.single[1][static_cast<std::size_t>(right)], lefts.size());
         }
     }
 

@@ -30,13 +30,19 @@ Views viewsOf(const std::array<const std::vector<MarkerEstimate>*, 2>& markers, 
         const auto key = [](const Sightline& s) {
             return std::make_tuple(s.phi, s.alpha, s.logRho, s.w.real(), s.w.imag(), s.sigmaPhi, s.sigmaAlpha,
                                    s.logDeterminant, s.information(0, 0), s.information(0, 1), s.information(0, 2),
-                                   s.information(1, 2), std::isnan(s.contrast) ? 0.0 : s.contrast);
+                                   s.information(1, 1), s.information(1, 2), s.information(2, 2),
+                                   std::isnan(s.contrast) ? 0.0 : s.contrast);
         };
         std::stable_sort(lines.begin(), lines.end(),
                          [&](const auto& a, const auto& b) { return key(a.first) < key(b.first); });
         for (const auto& [line, number] : lines) {
+            if (!views.lines[eye].empty() && key(views.lines[eye].back()) == key(line)) {
+                views.copies[eye].back().push_back(number);
+                continue;
+            }
             views.lines[eye].push_back(line);
             views.number[eye].push_back(number);
+            views.copies[eye].emplace_back();
         }
     }
     return views;

@@ -14,6 +14,9 @@ namespace kestrune::matching {
 struct Views {
     std::array<std::vector<Sightline>, 2> lines;
     std::array<std::vector<int>, 2> number;  ///< of each line in the caller's list
+    /// Of each line the numbers of other markers that are the same in all that decides: a marker that is given twice
+    /// has one line, or its copies would bear each other out.
+    std::array<std::vector<std::vector<int>>, 2> copies;
 };
 
 /// Without the estimates that have no sightline.

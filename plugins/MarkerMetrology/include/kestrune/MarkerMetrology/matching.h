@@ -123,11 +123,12 @@ struct StereoMatch {
 /// The result is the same to the bit for any number of threads; the order of the lists changes nothing but order.
 ///
 /// What no picture of two eyes can tell: whether two markers left over lie on one epipolar line by chance and agree in
-/// all else, which counts with the probability that it has; and how a repeating pattern of one size lies whose ends
-/// both eyes do not see, which is told as such and not decided.
+/// all else, which counts with the probability that it has; and how a grid of one size lies whose rows run along the
+/// baseline: shifted by a pitch it is the same scene at another scale, which is told as such and not decided.
 ///
 /// @param left, right  in pixels without lens distortion (`undistorted`), refined or not (`plainEstimate`). Those whose
-///                     numbers are not finite, or whose covariance is none, are in no pair.
+///                     numbers are not finite, or whose covariance is none, are in no pair; one that is given twice is
+///                     in no sure one.
 /// @param rig          as calibrated; distortion and uncertainty are read only for what they do to the centres.
 /// @param options      see there.
 /// @throws cv::Exception  `StsBadArg` for a rig that is none, and for options out of their ranges.
