@@ -221,6 +221,11 @@ bool isBetter(const Point& there, const Point& here, double damping) {
            (damping == 0 && there.definite && there.gain < kGoodStep * here.gain);
 }
 
+double nextDamping(double damping, bool isTaken) {
+    if (isTaken) return damping < 1e-4 ? 0 : damping / 10;
+    return damping == 0 ? 1e-3 : damping * 10;
+}
+
 }  // namespace
 
 DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
@@ -268,15 +273,10 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         Vector wanted = Vector::Zero();
         const bool solved = solve(here.equations, unknowns, damping, wanted);
         there.model = step(here.model, wanted);
-        isDrawn = false;
-        if (solved && draw(window, there.model) && look(there) && isBetter(there, here, damping)) {
-            std::swap(here, there);
-            isDrawn = true;
-            damping = damping < 1e-4 ? 0 : damping / 10;
-        } else {
-            damping = damping == 0 ? 1e-3 : damping * 10;
-            if (damping > kMostDamping) break;
-        }
+        isDrawn = solved && draw(window, there.model) && look(there) && isBetter(there, here, damping);
+        if (isDrawn) std::swap(here, there);
+        damping = nextDamping(damping, isDrawn);
+        if (damping > kMostDamping) break;
     }
     result.model = here.model;
     result.equations = here.equations;
