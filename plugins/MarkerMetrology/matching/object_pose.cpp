@@ -9,6 +9,8 @@
 #include <numbers>
 #include <tuple>
 
+#include "matching/spread.h"
+
 namespace kestrune::matching {
 namespace {
 
@@ -23,8 +25,8 @@ constexpr std::array<double, 8> kGates = {100, 64, 36, 25, 25, 25, 25, 25};
 constexpr std::size_t kFirstFinalGate = 3;
 // Degrees of freedom of the weights: a share of the points is off.
 constexpr double kTails = 10;
-// Median of a chi-square of 3 degrees of freedom, and bounds of what can be learnt from it.
-constexpr double kMedian = 2.366, kMostSigmaScale = 9;
+// Bound of what can be learnt from the median of chi-squares.
+constexpr double kMostSigmaScale = 9;
 constexpr std::size_t kLeastForScale = 8;
 // No single marker speaks louder than this when poses are compared: points may lie at its place by other causes.
 constexpr double kLoudest = 12;
@@ -137,7 +139,7 @@ void PoseFitter::measureScale(PoseFit& fit) const {
     const auto middle = chiSquares.begin() + static_cast<std::ptrdiff_t>(chiSquares.size() / 2);
     std::nth_element(chiSquares.begin(), middle, chiSquares.end());
     const auto count = static_cast<double>(chiSquares.size());
-    fit.scale = std::clamp(fit.scale * *middle / kMedian * count / (count - 2), 1.0, kMostSigmaScale);
+    fit.scale = std::clamp(fit.scale * *middle / kMedianOfChi3 * count / (count - 2), 1.0, kMostSigmaScale);
 }
 
 /// The share of known markers that are seen is the one that explains best what is seen.

@@ -9,7 +9,6 @@
 namespace kestrune::matching {
 namespace {
 
-constexpr double kMedianChi3 = 2.366;
 constexpr double kScalePseudo = 4;  // pairs that speak for the told sigmas
 
 double weightedMedian(std::vector<std::pair<double, double>> values) {
@@ -33,7 +32,7 @@ void ScaleSample::add(const CircleFit& fit, double probability) {
 
 Scales ScaleSample::scales(double least, double most) const {
     const double ofCentre = weightedMedian(distances_) / kMedianOfNormal;
-    const double ofShape = std::sqrt(weightedMedian(shapes_) / kMedianChi3);
+    const double ofShape = std::sqrt(weightedMedian(shapes_) / kMedianOfChi3);
     const double share = count_ / (count_ + kScalePseudo);
     return {std::exp(share * std::log(std::clamp(ofCentre, least, most))),
             std::exp(share * std::log(std::clamp(ofShape, least, most)))};

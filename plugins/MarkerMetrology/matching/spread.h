@@ -10,6 +10,8 @@ namespace kestrune::matching {
 
 /// Of the size of a normal number, in its standard deviations.
 inline constexpr double kMedianOfNormal = 0.6745;
+/// Of a chi-square of 3 degrees of freedom.
+inline constexpr double kMedianOfChi3 = 2.366;
 
 inline double medianOf(std::vector<double> values, double ofNone) {
     if (values.empty()) return ofNone;
