@@ -216,6 +216,11 @@ struct Point {
     double gain = 0;  // of the cost by the step, to first order
 };
 
+void solveForStep(int unknowns, Point& point) {
+    point.definite = solve(point.equations, unknowns, 0, point.step);
+    point.gain = point.definite ? point.step.dot(point.equations.right) : 0;
+}
+
 bool isBetter(const Point& there, const Point& here, double damping) {
     return there.equations.cost <= here.equations.cost ||
            (damping == 0 && there.definite && there.gain < kGoodStep * here.gain);
@@ -228,11 +233,21 @@ double nextDamping(double damping, bool isTaken) {
 
 }  // namespace
 
+bool DiscFit::evaluateAll(const MarkerWindow& window, const SmoothEllipse& record, const Knowledge& known,
+                          const DiscModel& model, NormalEquations& equations) {
+    evaluate(window, model, unknownsOf(known.light.degree()), equations);
+    if (!std::isfinite(equations.cost)) return false;
+    addPrior(known.light, window.frame().perPixel, model, equations);
+    addSize(record, model, equations);
+    holdLeastBlur(model, equations);
+    if (rim_.isClipped()) holdFarLevels(model, limits_, equations);
+    return true;
+}
+
 DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& record, const DiscModel& start,
                               const Knowledge& known) {
     limits_ = known.limits;
     rim_.take(window, known.others, known.limits);
-    const double perPixel = window.frame().perPixel;
     const int unknowns = unknownsOf(known.light.degree());
     const auto step = [&](const DiscModel& from, const Vector& by) {
         DiscModel to = moved(from, by);
@@ -240,14 +255,8 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         return to;
     };
     const auto look = [&](Point& point) {
-        evaluate(window, point.model, unknowns, point.equations);
-        if (!std::isfinite(point.equations.cost)) return false;
-        addPrior(known.light, perPixel, point.model, point.equations);
-        addSize(record, point.model, point.equations);
-        holdLeastBlur(point.model, point.equations);
-        if (rim_.isClipped()) holdFarLevels(point.model, limits_, point.equations);
-        point.definite = solve(point.equations, unknowns, 0, point.step);
-        point.gain = point.definite ? point.step.dot(point.equations.right) : 0;
+        if (!evaluateAll(window, record, known, point.model, point.equations)) return false;
+        solveForStep(unknowns, point);
         return true;
     };
 
@@ -265,7 +274,7 @@ DiscFit::Outcome DiscFit::fit(const MarkerWindow& window, const SmoothEllipse& r
         const double scale = std::max(kLeastScale, (here.equations.cost - here.gain) / free);
         if (here.definite && here.gain < kSmallStep * scale) {
             if (known.light.degree() == 0 && (isDrawn || draw(window, here.model)))
-                result.light = lightEvidence(allEquations(window, here.model), perPixel, scale);
+                result.light = lightEvidence(allEquations(window, here.model), window.frame().perPixel, scale);
             here.model = step(here.model, here.step);
             result.converged = true;
             break;

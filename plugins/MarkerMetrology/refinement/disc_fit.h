@@ -65,6 +65,9 @@ class DiscFit {
   private:
     bool draw(const MarkerWindow& window, const DiscModel& model);
     void evaluate(const MarkerWindow& window, const DiscModel& model, int unknowns, NormalEquations& equations);
+    /// With all that is known beside the pixels. @returns false where a number is beyond all bounds.
+    bool evaluateAll(const MarkerWindow& window, const geometry::SmoothEllipse& record, const Knowledge& known,
+                     const DiscModel& model, NormalEquations& equations);
     NormalEquations allEquations(const MarkerWindow& window, const DiscModel& model);
     void addFlat(const FlatSums& sums, double DiscModel::*level, Unknown unknown, const DiscModel& model,
                  NormalEquations& equations) const;
