@@ -97,26 +97,54 @@ std::vector<std::vector<int>> piecesOf(const Graph& graph, const std::vector<cha
 
 /// A way from one set of taken markers to the next.
 struct Way {
-    std::uint64_t taken;
-    int from, edge;  ///< edge -1: the left marker stays single
+    int from, to, edge;  ///< edge -1: the left marker stays single
     double weight;
 };
 
 struct Layer {
     std::vector<std::uint64_t> sets;
+    std::vector<double> behind;  ///< of each set what the best assignment that leads to it is behind by, nats
     std::vector<double> forward, backward;
     std::vector<Way> ways;  ///< into this layer
-    std::vector<int> to;    ///< the set that each way leads to
 };
 
-/// A piece, summed left by left.
+/// Where a layer holds each set.
+class SetIndex {
+  public:
+    void clear(std::size_t most) {
+        std::size_t size = 16;
+        while (size < 2 * most) size *= 2;
+        places_.assign(size, -1);
+    }
+    /// @returns the place of a set, which is added if it is new.
+    int of(std::uint64_t set, std::vector<std::uint64_t>& sets) {
+        const std::size_t mask = places_.size() - 1;
+        std::size_t at = static_cast<std::size_t>((set * 0x9E3779B97F4A7C15u) >> 32) & mask;
+        while (places_[at] >= 0 && sets[static_cast<std::size_t>(places_[at])] != set) at = (at + 1) & mask;
+        if (places_[at] < 0) {
+            places_[at] = static_cast<int>(sets.size());
+            sets.push_back(set);
+        }
+        return places_[at];
+    }
+
+  private:
+    std::vector<int> places_;
+};
+
+/// A piece, summed left by left, over the assignments that are not far behind.
 class PieceSum {
   public:
-    PieceSum(const Graph& graph, const std::vector<char>& isCut, const std::vector<int>& lefts)
-        : graph_(graph), isCut_(isCut), lefts_(lefts), layers_(lefts.size() + 1) {}
+    PieceSum(const Graph& graph, const DualPrices& prices, double farBehind, const std::vector<char>& isCut,
+             const std::vector<int>& lefts)
+        : graph_(graph), prices_(prices), farBehind_(farBehind), isCut_(isCut), lefts_(lefts) {}
 
     /// False where the sets are too many.
     bool run(Assignment& result) {
+        if (lefts_.size() == 1) {
+            sumOne(result);
+            return true;
+        }
         double total = 0;
         if (!forward(total)) return false;
         result.logSum += total;
@@ -125,34 +153,58 @@ class PieceSum {
     }
 
   private:
-    /// Bit of each right marker while it is open, and the bits that end with each left one.
+    template <typename Body>
+    void forEdges(std::size_t t, const Body& body) const {
+        for (const int e : graph_.ofLeft[static_cast<std::size_t>(lefts_[t])])
+            if (!isCut_[static_cast<std::size_t>(e)]) body(e, graph_.edges[static_cast<std::size_t>(e)]);
+    }
+
+    /// The largest weight of a marker, nats; 0 of being single.
+    double scaleOf(std::size_t t) const {
+        double scale = 0;
+        forEdges(t, [&](int, const Edge& edge) { scale = std::max(scale, edge.logWeight); });
+        return scale;
+    }
+
+    void sumOne(Assignment& result) const {
+        const double scale = scaleOf(0);
+        double sum = std::exp(-scale);
+        forEdges(0, [&](int e, const Edge& edge) {
+            sum += result.probability[static_cast<std::size_t>(e)] = std::exp(edge.logWeight - scale);
+        });
+        forEdges(0, [&](int e, const Edge&) { result.probability[static_cast<std::size_t>(e)] /= sum; });
+        result.logSum += scale + std::log(sum);
+    }
+
+    /// Bit of each right marker while it is open, and the right markers that end with each left one.
     bool setBits() {
         bit_.assign(graph_.ofRight.size(), -1);
         std::vector<int> last(graph_.ofRight.size(), -1);
-        const auto each = [&](std::size_t t, const auto& body) {
-            for (const int e : graph_.ofLeft[static_cast<std::size_t>(lefts_[t])])
-                if (!isCut_[static_cast<std::size_t>(e)])
-                    body(static_cast<std::size_t>(graph_.edges[static_cast<std::size_t>(e)].right));
-        };
-        for (std::size_t t = 0; t < lefts_.size(); ++t) each(t, [&](std::size_t j) { last[j] = static_cast<int>(t); });
+        for (std::size_t t = 0; t < lefts_.size(); ++t)
+            forEdges(t,
+                     [&](int, const Edge& edge) { last[static_cast<std::size_t>(edge.right)] = static_cast<int>(t); });
         std::uint64_t used = 0;
-        ending_.assign(lefts_.size(), 0);
+        ending_.assign(lefts_.size(), {});
         for (std::size_t t = 0; t < lefts_.size(); ++t) {
             bool fits = true;
-            each(t, [&](std::size_t j) {
-                if (bit_[j] >= 0) return;
+            forEdges(t, [&](int, const Edge& edge) {
+                int& bit = bit_[static_cast<std::size_t>(edge.right)];
+                if (bit >= 0) return;
                 int free = 0;
                 while (free < kMostOpen && (used >> free & 1)) ++free;
                 fits = fits && free < kMostOpen;
                 if (free == kMostOpen) return;
-                bit_[j] = free;
+                bit = free;
                 used |= std::uint64_t{1} << free;
             });
             if (!fits) return false;
-            each(t, [&](std::size_t j) {
-                if (last[j] == static_cast<int>(t)) ending_[t] |= std::uint64_t{1} << bit_[j];
+            forEdges(t, [&](int, const Edge& edge) {
+                const auto right = static_cast<std::size_t>(edge.right);
+                if (last[right] != static_cast<int>(t)) return;
+                const std::uint64_t bit = std::uint64_t{1} << bit_[right];
+                ending_[t].push_back({bit, prices_.ofRight(edge.right)});
+                used &= ~bit;
             });
-            used &= ~ending_[t];
         }
         return true;
     }
@@ -160,63 +212,59 @@ class PieceSum {
     bool forward(double& logSum) {
         if (!setBits()) return false;
         double total = 0;
+        layers_.resize(lefts_.size() + 1);
         layers_[0].sets = {0};
         layers_[0].forward = {1};
+        layers_[0].behind = {0};
         for (std::size_t t = 0; t < lefts_.size(); ++t) {
             if (layers_[t].sets.size() * (graph_.ofLeft[static_cast<std::size_t>(lefts_[t])].size() + 1) > kMostWays)
                 return false;
-            total += listWays(t);
+            const double scale = scaleOf(t);
+            go(t, scale);
             Layer& next = layers_[t + 1];
-            join(layers_[t], next);
             wayCount_ += next.ways.size();
             if (next.sets.size() > kMostSets || wayCount_ > kMostWays) return false;
             double sum = 0;
             for (const double f : next.forward) sum += f;
             for (double& f : next.forward) f /= sum;
-            total += std::log(sum);
+            total += scale + std::log(sum);
         }
         logSum += total;
         return true;
     }
 
-    /// @returns the logarithm that the weights of the step were divided by.
-    double listWays(std::size_t t) {
+    /// All ways of one left marker. @param scale  what the weights of the step are divided by, as a logarithm.
+    void go(std::size_t t, double scale) {
         const Layer& now = layers_[t];
-        Layer& next = layers_[t + 1];
-        double scale = 0;
-        const std::vector<int>& list = graph_.ofLeft[static_cast<std::size_t>(lefts_[t])];
-        for (const int e : list)
-            if (!isCut_[static_cast<std::size_t>(e)])
-                scale = std::max(scale, graph_.edges[static_cast<std::size_t>(e)].logWeight);
-        const double single = std::exp(-scale);
-        for (int k = 0; k < static_cast<int>(now.sets.size()); ++k)
-            next.ways.push_back({now.sets[static_cast<std::size_t>(k)] & ~ending_[t], k, -1, single});
-        for (const int e : list) {
-            if (isCut_[static_cast<std::size_t>(e)]) continue;
-            const Edge& edge = graph_.edges[static_cast<std::size_t>(e)];
+        const int left = lefts_[t];
+        index_.clear(now.sets.size() * (graph_.ofLeft[static_cast<std::size_t>(left)].size() + 1));
+        for (std::size_t k = 0; k < now.sets.size(); ++k)
+            arrive(t, k, -1, now.sets[k], now.behind[k] + prices_.ofLeft(left), std::exp(-scale));
+        forEdges(t, [&](int e, const Edge& edge) {
             const std::uint64_t bit = std::uint64_t{1} << bit_[static_cast<std::size_t>(edge.right)];
-            const double weight = std::exp(edge.logWeight - scale);
-            for (int k = 0; k < static_cast<int>(now.sets.size()); ++k)
-                if (!(now.sets[static_cast<std::size_t>(k)] & bit))
-                    next.ways.push_back({(now.sets[static_cast<std::size_t>(k)] | bit) & ~ending_[t], k, e, weight});
-        }
-        return scale;
+            const double weight = std::exp(edge.logWeight - scale), less = std::max(0.0, prices_.behind(e));
+            for (std::size_t k = 0; k < now.sets.size(); ++k)
+                if (!(now.sets[k] & bit)) arrive(t, k, e, now.sets[k] | bit, now.behind[k] + less, weight);
+        });
     }
 
-    static void join(const Layer& now, Layer& next) {
-        std::stable_sort(next.ways.begin(), next.ways.end(),
-                         [](const Way& a, const Way& b) { return a.taken < b.taken; });
-        next.to.reserve(next.ways.size());
-        for (int k = 0; k < static_cast<int>(next.ways.size()); ++k) {
-            const Way& way = next.ways[static_cast<std::size_t>(k)];
-            const auto from = static_cast<std::size_t>(way.from);
-            if (next.sets.empty() || next.sets.back() != way.taken) {
-                next.sets.push_back(way.taken);
-                next.forward.push_back(0);
-            }
-            next.to.push_back(static_cast<int>(next.sets.size()) - 1);
-            next.forward.back() += now.forward[from] * way.weight;
+    /// Right markers that end without being taken cost their prices.
+    void arrive(std::size_t t, std::size_t from, int edge, std::uint64_t taken, double behind, double weight) {
+        for (const Ending& ending : ending_[t]) {
+            if (!(taken & ending.bit)) behind += ending.price;
+            taken &= ~ending.bit;
         }
+        if (behind > farBehind_) return;
+        Layer& next = layers_[t + 1];
+        const int to = index_.of(taken, next.sets);
+        const auto k = static_cast<std::size_t>(to);
+        if (k == next.forward.size()) {
+            next.forward.push_back(0);
+            next.behind.push_back(behind);
+        }
+        next.behind[k] = std::min(next.behind[k], behind);
+        next.forward[k] += layers_[t].forward[from] * weight;
+        next.ways.push_back({static_cast<int>(from), to, edge, weight});
     }
 
     void backward(std::vector<double>& probability) {
@@ -226,31 +274,37 @@ class PieceSum {
             const Layer& next = layers_[t + 1];
             now.backward.assign(now.sets.size(), 0.0);
             double all = 0, sum = 0;
-            for (std::size_t k = 0; k < next.ways.size(); ++k) {
-                const Way& way = next.ways[k];
+            for (const Way& way : next.ways) {
                 const auto from = static_cast<std::size_t>(way.from);
-                const double rest = way.weight * next.backward[static_cast<std::size_t>(next.to[k])];
+                const double rest = way.weight * next.backward[static_cast<std::size_t>(way.to)];
                 now.backward[from] += rest;
                 all += now.forward[from] * rest;
             }
-            for (std::size_t k = 0; k < next.ways.size(); ++k) {
-                const Way& way = next.ways[k];
+            for (const Way& way : next.ways) {
                 if (way.edge < 0) continue;
                 probability[static_cast<std::size_t>(way.edge)] +=
                     now.forward[static_cast<std::size_t>(way.from)] * way.weight *
-                    next.backward[static_cast<std::size_t>(next.to[k])] / all;
+                    next.backward[static_cast<std::size_t>(way.to)] / all;
             }
             for (const double b : now.backward) sum += b;
             for (double& b : now.backward) b /= sum;
         }
     }
 
+    struct Ending {
+        std::uint64_t bit;
+        double price;
+    };
+
     const Graph& graph_;
+    const DualPrices& prices_;
+    const double farBehind_;
     const std::vector<char>& isCut_;
     const std::vector<int>& lefts_;
     std::vector<int> bit_;
-    std::vector<std::uint64_t> ending_;
+    std::vector<std::vector<Ending>> ending_;
     std::vector<Layer> layers_;
+    SetIndex index_;
     std::size_t wayCount_ = 0;
 };
 
@@ -301,8 +355,8 @@ Assignment assign(const std::vector<Edge>& all, int leftCount, int rightCount) {
 
     std::vector<double> weight, toLeft;  // of messages, once they are needed
     for (const std::vector<int>& lefts : piecesOf(graph, isCut[0])) {
-        if (PieceSum(graph, isCut[0], lefts).run(result)) continue;
-        if (PieceSum(graph, isCut[1], lefts).run(result)) continue;
+        if (PieceSum(graph, prices, kFarBehind[0], isCut[0], lefts).run(result)) continue;
+        if (PieceSum(graph, prices, kFarBehind[1], isCut[1], lefts).run(result)) continue;
         if (toLeft.empty()) {
             for (const Edge& edge : edges) weight.push_back(std::exp(edge.logWeight));
             passMessages(graph, weight, toLeft);

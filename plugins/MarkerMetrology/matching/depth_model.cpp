@@ -161,11 +161,12 @@ void DepthModel::setNear(const PairGraph& graph, const Prediction& prediction, d
 double DepthModel::singleDensity(const PairGraph& graph, const Neighbourhood& neighbourhood, const RadiusModel& radii,
                                  std::size_t eye, int line) const {
     const Sightline& at = graph.sight(eye, line);
-    const double toRadius = at.logRho - std::log(at.forward);
-    const auto radius = [&](double logDepth) { return radii.density(graph, toRadius + logDepth, eye, line); };
     Parts<kParts> parts;
     parts.fill(chance());
     if (learnt_.total() == 0) return mixture_(parts);
+    const double toRadius = at.logRho - std::log(at.forward);
+    const RadiusModel::AtMarker atRadius(radii, graph, eye, line);
+    const auto radius = [&](double logDepth) { return atRadius(toRadius + logDepth); };
 
     const auto anchors = [&](std::size_t most, double width, bool isFine) {
         return meanOverAnchors(neighbourhood.anchors(eye), line, most, [&](double logDepth) {

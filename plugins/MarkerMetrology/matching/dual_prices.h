@@ -42,6 +42,9 @@ class DualPrices {
     }
 
     int edgeOfLeft(int left) const { return edgeOfLeft_[static_cast<std::size_t>(left)]; }
+    /// What an assignment is behind by where the marker is single, nats.
+    double ofLeft(int left) const { return left_[static_cast<std::size_t>(left)]; }
+    double ofRight(int right) const { return right_[static_cast<std::size_t>(right)]; }
     /// Nats, of an edge that is not in the assignment; 0 of one that is.
     double behind(int edge) const {
         const Edge& e = graph_.edges[static_cast<std::size_t>(edge)];

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <numbers>
 
 #include "matching/places.h"
 #include "matching/spread.h"
+#include "parallel/parallel_loop.h"
 
 namespace kestrune::matching {
 namespace {
@@ -21,6 +23,7 @@ constexpr double kFirstShare = 0.7;  // of the smaller list
 // by being in a pair that no marker is single.
 constexpr double kPseudoSingle = 1.5;
 constexpr std::size_t kMostOfOneLine = 24;
+constexpr std::int64_t kMostOfOneWeight = 100'000;  // of a marker or a candidate, ns: 4 us, with many candidates more
 // What is learnt adds up to some five nats for each of radius, depth and normal.
 constexpr double kLeastFirstWeight = -22;
 constexpr double kLeastLogWeight = -18;
@@ -141,7 +144,6 @@ Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const 
         model.learn(before, solution.ends());
         learnGrey(solution, grey);
     }
-    doubtLonelySizes(solution);
     return solution;
 }
 
@@ -185,30 +187,29 @@ const CircleFit& ExposureSolver::fitOf(std::size_t candidate, const Solution& so
 }
 
 /// Whether many others have a pair's size, or neighbours of other sizes its depth.
-bool ExposureSolver::isBorneOut(std::size_t candidate, const std::vector<std::size_t>& believed,
+bool ExposureSolver::isBorneOut(std::size_t candidate, const std::vector<Believed>& believed,
                                 const Solution& solution) const {
     const Candidate& own = candidates_[candidate];
     const CircleFit& fit = fitOf(candidate, solution);
     const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(own.left)].axis;
+    const double u = axis.x() / axis.z(), v = axis.y() / axis.z();
     struct Near {
         double distance2;
         bool agrees;
     };
     std::array<Near, kSizeNeighbours> nearest;
     nearest.fill({std::numeric_limits<double>::infinity(), false});
-    double alike = 0, others = 0;
-    for (const std::size_t k : believed) {
-        if (candidates_[k].left == own.left || candidates_[k].right == own.right) continue;
-        const CircleFit& other = fitOf(k, solution);
+    int alike = 0, others = 0;
+    for (const Believed& other : believed) {
+        if (other.left == own.left || other.right == own.right) continue;
         const double apart = fit.logRadius - other.logRadius;
         const double variance = fit.sigmaRadius * fit.sigmaRadius + other.sigmaRadius * other.sigmaRadius;
         const bool isAlike =
             apart * apart < std::max(kSameSizeSigmas * kSameSizeSigmas * variance, kSameSize * kSameSize);
         ++others;
         alike += isAlike ? 1 : 0;
-        const Eigen::Vector3d& its = views_.lines[0][static_cast<std::size_t>(candidates_[k].left)].axis;
-        const double u = axis.x() / axis.z() - its.x() / its.z(), v = axis.y() / axis.z() - its.y() / its.z();
-        Near near{u * u + v * v, false};
+        const double du = u - other.u, dv = v - other.v;
+        Near near{du * du + dv * dv, false};
         if (!(near.distance2 < nearest.back().distance2)) continue;
         const double sigma = std::sqrt(fit.sigmaDepth * fit.sigmaDepth + other.sigmaDepth * other.sigmaDepth);
         const double reach = kSameDepthSlope * std::sqrt(near.distance2) + kSameSizeSigmas * sigma;
@@ -221,20 +222,31 @@ bool ExposureSolver::isBorneOut(std::size_t candidate, const std::vector<std::si
     return alike >= kUsualSize * others || agreeing >= kLeastAgreeing;
 }
 
+std::vector<ExposureSolver::Believed> ExposureSolver::believedPairs(const Solution& solution) const {
+    std::vector<Believed> believed;
+    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+        if (!(solution.assignment.probability[c] > 0.5)) continue;
+        const CircleFit& fit = fitOf(c, solution);
+        const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(candidates_[c].left)].axis;
+        believed.push_back({candidates_[c].left, candidates_[c].right, axis.x() / axis.z(), axis.y() / axis.z(),
+                            fit.logRadius, fit.sigmaRadius, fit.logDepth, fit.sigmaDepth});
+    }
+    return believed;
+}
+
 /// Markers of a pattern that are left over in both eyes can be paired by one common shift: they then stand on a surface
 /// of their own, with radii of their own, and each of them bears out the others. So pairs of a size that few others
 /// have must do without what depths and radii teach.
 void ExposureSolver::doubtLonelySizes(Solution& solution) const {
     std::vector<double> reduced = solution.logWeights;
-    std::vector<std::size_t> believed;
-    for (std::size_t c = 0; c < candidates_.size(); ++c)
-        if (solution.assignment.probability[c] > 0.5) believed.push_back(c);
+    const std::vector<Believed> believed = believedPairs(solution);
     std::vector<char> isDoubted(candidates_.size(), 0);
     double doubtful = 0;
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
         isDoubted[c] = reduced[c] >= kLeastLogWeight && !isBorneOut(c, believed, solution);
         if (isDoubted[c]) doubtful += solution.assignment.probability[c];
     }
+    if (doubtful == 0) return;
     // Nor may they take from each other that hardly a marker is single.
     const double less = logOdds(solution.pairs) - logOdds(solution.pairs - doubtful);
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
@@ -260,9 +272,11 @@ double ExposureSolver::logOdds(double pairs) const {
 
 void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solution& solution) const {
     std::array<std::vector<double>, 2> single;
-    for (std::size_t eye = 0; eye < 2; ++eye)
-        for (int i = 0; i < static_cast<int>(views_.lines[eye].size()); ++i)
-            single[eye].push_back(model.singleDensity(eye, i));
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        single[eye].resize(views_.lines[eye].size());
+        forEachInParallel(static_cast<int>(single[eye].size()), kMostOfOneWeight,
+                          [&](int i) { single[eye][static_cast<std::size_t>(i)] = model.singleDensity(eye, i); });
+    }
     const double pairs = std::max(solution.pairs, kFewestPairs), lefts = singles(0, solution.pairs),
                  rights = singles(1, solution.pairs), odds = logOdds(solution.pairs);
     solution.logSingle = -pairs - lefts - rights;
@@ -271,7 +285,8 @@ void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solut
 
     solution.logWeights.assign(candidates_.size(), 0.0);
     solution.evidence.assign(candidates_.size(), {});
-    for (std::size_t c = 0; c < candidates_.size(); ++c) {
+    forEachInParallel(static_cast<int>(candidates_.size()), kMostOfOneWeight, [&](int number) {
+        const auto c = static_cast<std::size_t>(number);
         const Candidate& candidate = candidates_[c];
         const auto right = static_cast<std::size_t>(candidate.right);
         const double ofGrey = grey.evidence(candidate.left, candidate.right);
@@ -281,7 +296,7 @@ void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solut
             const CircleFit& fit = candidate.agreement.fits[i];
             ends[i].fit = k;
             ends[i].geometry = geometryOf(fit, solution.scales);
-            ends[i].density = model.pairDensity(static_cast<int>(c), fit);
+            ends[i].density = model.pairDensity(number, fit);
             ends[i].chance = model.chanceDensity(fit);
             ends[i].grey = ofGrey;
             ends[i].object = object_.empty() ? 0 : object_[c];
@@ -293,7 +308,7 @@ void ExposureSolver::weigh(const SceneModel& model, const GreyModel& grey, Solut
         solution.evidence[c] = ends[more];
         solution.logWeights[c] = ends[more].odds + ends[more].ofPair();
         if (hasTwo) solution.logWeights[c] += std::log1p(std::exp(ends[1 - more].ofPair() - ends[more].ofPair()));
-    }
+    });
 }
 
 double ExposureSolver::geometryOf(const CircleFit& fit, const Scales& scales) const {

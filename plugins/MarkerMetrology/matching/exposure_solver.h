@@ -69,6 +69,9 @@ class ExposureSolver {
     /// @param start  candidates that are believed to begin with; none: each is worth what its geometry says.
     Solution solve(const std::vector<int>& start, int rounds) const;
 
+    /// Once a solution is to be told: lowers the probability of pairs that only each other bear out.
+    void doubtLonelySizes(Solution& solution) const;
+
     /// What else speaks for each candidate, nats. @param nats  none: nothing.
     void setObject(std::vector<double> nats) { object_ = std::move(nats); }
     bool hasObject() const { return !object_.empty(); }
@@ -87,8 +90,14 @@ class ExposureSolver {
     double geometryOf(const CircleFit& fit, const Scales& scales) const;
     void assignPairs(Solution& solution) const;
     Assignment assignmentBy(const std::vector<double>& logWeights) const;
-    void doubtLonelySizes(Solution& solution) const;
-    bool isBorneOut(std::size_t candidate, const std::vector<std::size_t>& believed, const Solution& solution) const;
+    /// A pair that bears out others.
+    struct Believed {
+        int left, right;
+        double u, v;  ///< tangents of the direction
+        double logRadius, sigmaRadius, logDepth, sigmaDepth;
+    };
+    std::vector<Believed> believedPairs(const Solution& solution) const;
+    bool isBorneOut(std::size_t candidate, const std::vector<Believed>& believed, const Solution& solution) const;
     void learnGrey(const Solution& solution, GreyModel& grey) const;
     void learnScales(Solution& solution) const;
     double firstPairs() const;

@@ -21,27 +21,28 @@ double ofRatio(double x, double width) {
     return (1 - kAny) * longTailed(x, width) + kAny * kAnyDensity;
 }
 
-bool hasLevels(const Sightline& line) {
-    return std::isfinite(line.contrast) && line.contrast != 0;
-}
-
 }  // namespace
 
-GreyModel::GreyModel(const Views& views) : views_(views), spread_(kFirstSpread) {
-    for (std::size_t eye = 0; eye < 2; ++eye)
-        if (std::none_of(views.lines[eye].begin(), views.lines[eye].end(), hasLevels)) return;
-    isKnown_ = true;
-    setChances();
+GreyModel::GreyModel(const Views& views) : spread_(kFirstSpread) {
+    std::array<bool, 2> isKnown{};
+    for (std::size_t eye = 0; eye < 2; ++eye) {
+        for (const Sightline& line : views.lines[eye]) {
+            const bool has = std::isfinite(line.contrast) && line.contrast != 0;
+            levels_[eye].push_back(has ? Level{line.contrast > 0 ? 1.0 : -1.0, std::log(std::abs(line.contrast))}
+                                       : Level{});
+            isKnown[eye] = isKnown[eye] || has;
+        }
+    }
+    isKnown_ = isKnown[0] && isKnown[1];
+    if (isKnown_) setChances();
 }
 
 void GreyModel::learn(const std::vector<std::array<int, 2>>& pairs) {
     if (!isKnown_) return;
     std::vector<double> ratios;
     for (const auto& [left, right] : pairs) {
-        const Sightline &a = views_.lines[0][static_cast<std::size_t>(left)],
-                        &b = views_.lines[1][static_cast<std::size_t>(right)];
-        if (hasLevels(a) && hasLevels(b) && (a.contrast > 0) == (b.contrast > 0))
-            ratios.push_back(std::log(a.contrast / b.contrast));
+        const Level &a = at(0, left), &b = at(1, right);
+        if (a.sign != 0 && a.sign == b.sign) ratios.push_back(a.logarithm - b.logarithm);
     }
     if (ratios.size() < kFewestRatios) return;
     factor_ = medianOf(ratios, 0);
@@ -51,17 +52,16 @@ void GreyModel::learn(const std::vector<std::array<int, 2>>& pairs) {
 }
 
 void GreyModel::setChances() {
-    chances_.assign(views_.lines[0].size(), 0.0);
+    chances_.assign(levels_[0].size(), 0.0);
     for (std::size_t i = 0; i < chances_.size(); ++i) {
-        const Sightline& a = views_.lines[0][i];
-        if (!hasLevels(a)) continue;
+        const Level& a = levels_[0][i];
+        if (a.sign == 0) continue;
         double sum = 0;
         int count = 0;
-        for (const Sightline& b : views_.lines[1]) {
-            if (!hasLevels(b)) continue;
+        for (const Level& b : levels_[1]) {
+            if (b.sign == 0) continue;
             ++count;
-            if ((a.contrast > 0) == (b.contrast > 0))
-                sum += ofRatio(std::log(a.contrast / b.contrast) - factor_, spread_);
+            if (a.sign == b.sign) sum += ofRatio(a.logarithm - b.logarithm - factor_, spread_);
         }
         chances_[i] = std::log((sum + kAny * kAnyDensity) / (count + 1));
     }
@@ -69,12 +69,10 @@ void GreyModel::setChances() {
 
 double GreyModel::evidence(int left, int right) const {
     if (!isKnown_) return 0;
-    const Sightline &a = views_.lines[0][static_cast<std::size_t>(left)],
-                    &b = views_.lines[1][static_cast<std::size_t>(right)];
-    if (!hasLevels(a) || !hasLevels(b)) return 0;
-    if ((a.contrast > 0) != (b.contrast > 0)) return kWrongPolarity;
-    return std::log(ofRatio(std::log(a.contrast / b.contrast) - factor_, spread_)) -
-           chances_[static_cast<std::size_t>(left)];
+    const Level &a = at(0, left), &b = at(1, right);
+    if (a.sign == 0 || b.sign == 0) return 0;
+    if (a.sign != b.sign) return kWrongPolarity;
+    return std::log(ofRatio(a.logarithm - b.logarithm - factor_, spread_)) - chances_[static_cast<std::size_t>(left)];
 }
 
 }  // namespace kestrune::matching

@@ -5,6 +5,7 @@
 // shows; where all markers are alike, that says nothing.
 #pragma once
 
+#include <array>
 #include <vector>
 
 #include "matching/views.h"
@@ -22,9 +23,14 @@ class GreyModel {
     double evidence(int left, int right) const;
 
   private:
+    /// The contrast of a marker.
+    struct Level {
+        double sign = 0, logarithm = 0;  ///< sign 0: it is not known
+    };
+    const Level& at(std::size_t eye, int line) const { return levels_[eye][static_cast<std::size_t>(line)]; }
     void setChances();
 
-    const Views& views_;
+    std::array<std::vector<Level>, 2> levels_;
     bool isKnown_ = false;
     double factor_ = 0, spread_;   ///< of the logarithms
     std::vector<double> chances_;  ///< of each left contrast, the density of the right ones

@@ -26,6 +26,9 @@ constexpr double kSameBeginning = 0.7, kSameSolution = 0.5;
 // What the best assignment must be ahead by, nats.
 constexpr double kMargin = 12;
 constexpr double kFarAhead = 60;
+// An assignment that is behind the best one by more after its first rounds is no rival however it settles: of 1,060
+// that were behind by 60 three came near, all from less than 120.
+constexpr double kHopeless = 200;
 // Candidates of all rivals together, 2 us each in a round; and rivals.
 constexpr int kMostWork = 60'000, kLeastRivals = 3, kMostRivals = 24;
 constexpr double kMostMisfit = 20;
@@ -36,7 +39,7 @@ constexpr double kChanceVariance = 2.5, kChance = 4;
 // What two assignments taught differs by up to so much, nats, where either is as good as the other.
 constexpr double kLearntMargin = 100;
 // Evidence of whole assignments that differ here and there is less certain than its nats say, by this factor.
-constexpr double kTempered = 5;
+constexpr double kTempered = 5, kMostBehind = 30 * kTempered;
 constexpr double kNoRival = 1e6;
 
 using Pairs = std::vector<int>;  ///< candidates, ascending
@@ -79,6 +82,20 @@ Pairs shifted(const Solution& from, const std::vector<Candidate>& candidates, co
     return pairs;
 }
 
+/// An assignment that was tried.
+struct Tried {
+    Solution solution;
+    Pairs pairs;
+    bool isPolished = false;
+    std::optional<double> holes;  ///< their evidence, once it is asked for
+
+    explicit Tried(Solution its) : solution(std::move(its)), pairs(pairsOf(solution)) {}
+    double logEvidence() const { return solution.logEvidence(); }
+    std::size_t leastOfRival() const {
+        return static_cast<std::size_t>(std::max<double>(kFewestOfRival, kLeastRival * solution.pairs));
+    }
+};
+
 class Trial {
   public:
     Trial(const Views& views, const ExposureSolver& solver)
@@ -89,31 +106,23 @@ class Trial {
     /// Until a rival is found that is about as probable, or there are no more.
     void run() {
         attempt(grownAssignments(views_, solver_.candidates(), worth_, kLeastWorth, kMostGrown));
-        if (solutions_.size() > 1) polish(0);
-        std::size_t from = best();
+        Pairs from = tried_[best()].pairs;
         for (int k = 1; k <= kMostShift && !hasRival(); ++k) {
-            attempt({shiftedBy(from, k), shiftedBy(from, -k)});
-            if (best() == from) continue;
-            from = best();
+            attempt({shiftedBy(k), shiftedBy(-k)});
+            if (tried_[best()].pairs == from) continue;
+            from = tried_[best()].pairs;
             k = 0;  // again from the better one
         }
     }
 
-    std::size_t best() const {
-        std::size_t best = 0;
-        for (std::size_t k = 1; k < solutions_.size(); ++k)
-            if (solutions_[k].logEvidence() > solutions_[best].logEvidence()) best = k;
-        return best;
-    }
-
     Decision decision() {
         const std::size_t first = best();
-        const Margin margin = marginOf(first, leastPairs(solutions_[first]));
+        const Margin margin = marginOf(first);
         Decision result;
         result.repeats = margin.ahead < kMargin;
-        if (result.repeats) result.rival = solutions_[margin.rival];
+        if (result.repeats) result.rival = tried_[margin.rival].solution;
         std::vector<double> mean = averaged(first);
-        result.best = std::move(solutions_[first]);
+        result.best = std::move(tried_[first].solution);
         result.best.assignment.probability = std::move(mean);
         return result;
     }
@@ -124,10 +133,19 @@ class Trial {
         std::size_t rival;
     };
 
-    Margin marginOf(std::size_t k, std::size_t least) {
+    std::size_t best() const {
+        std::size_t best = 0;
+        for (std::size_t k = 1; k < tried_.size(); ++k)
+            if (tried_[k].logEvidence() > tried_[best].logEvidence()) best = k;
+        return best;
+    }
+
+    Margin marginOf(std::size_t k) {
         Margin margin{kNoRival, k};
-        for (std::size_t other = 0; other < solutions_.size(); ++other) {
-            if (other == k || ends_[other].size() < least || sharedBy(ends_[k], ends_[other]) > kSameSolution) continue;
+        for (std::size_t other = 0; other < tried_.size(); ++other) {
+            if (other == k || tried_[other].pairs.size() < tried_[k].leastOfRival() ||
+                sharedBy(tried_[k].pairs, tried_[other].pairs) > kSameSolution)
+                continue;
             const double by = aheadOf(k, other);
             if (by < margin.ahead) margin = {by, other};
         }
@@ -136,14 +154,16 @@ class Trial {
 
     /// Probabilities over all solutions that differ from this one only here and there. What a solution taught itself
     /// makes it sure of its pairs; that there are others, nearly as good, is known only here.
-    std::vector<double> averaged(std::size_t k) const {
+    std::vector<double> averaged(std::size_t k) {
         std::vector<double> mean(solver_.candidates().size(), 0.0);
         double weights = 0;
-        for (std::size_t other = 0; other < solutions_.size(); ++other) {
-            if (other != k && sharedBy(ends_[k], ends_[other]) <= kSameSolution) continue;
-            const double behind = solutions_[k].logEvidence() - solutions_[other].logEvidence();
+        for (std::size_t other = 0; other < tried_.size(); ++other) {
+            if (other != k && sharedBy(tried_[k].pairs, tried_[other].pairs) <= kSameSolution) continue;
+            const double behind = tried_[k].logEvidence() - tried_[other].logEvidence();
+            if (!(behind < kMostBehind)) continue;
             const double weight = std::exp(-std::max(0.0, behind) / kTempered);
-            const std::vector<double>& its = solutions_[other].assignment.probability;
+            solver_.doubtLonelySizes(tried_[other].solution);
+            const std::vector<double>& its = tried_[other].solution.assignment.probability;
             for (std::size_t c = 0; c < mean.size(); ++c) mean[c] += weight * its[c];
             weights += weight;
         }
@@ -151,53 +171,73 @@ class Trial {
         return mean;
     }
 
-    static std::size_t leastPairs(const Solution& solution) {
-        return static_cast<std::size_t>(std::max<double>(kFewestOfRival, kLeastRival * solution.pairs));
-    }
-
-    void add(Solution solution) {
-        ends_.push_back(pairsOf(solution));
-        holes_.emplace_back();
-        solutions_.push_back(std::move(solution));
-    }
-
-    /// Goes on from its own pairs as if they were certain: in crowds expectations alone settle slowly.
-    Solution polished(Solution solution) const {
-        for (int k = 0; k < kMostPolish; ++k) {
-            Solution next = solver_.solve(pairsOf(solution), kPolishRounds);
-            const double gained = next.logEvidence() - solution.logEvidence();
-            if (gained > 0) solution = std::move(next);
-            if (!(gained >= kPolished)) break;
+    /// Of two with the same pairs the one that settled better stays.
+    void add(Tried tried) {
+        for (Tried& other : tried_) {
+            if (other.pairs != tried.pairs) continue;
+            if (tried.logEvidence() > other.logEvidence()) other = std::move(tried);
+            return;
         }
-        return solution;
+        tried_.push_back(std::move(tried));
     }
-
-    void polish(std::size_t k) {
-        solutions_[k] = polished(std::move(solutions_[k]));
-        ends_[k] = pairsOf(solutions_[k]);
-        holes_[k].reset();
-    }
+    void add(Solution solution) { add(Tried(std::move(solution))); }
 
     /// Those of the starts that lead elsewhere, each by itself.
     void attempt(const std::vector<Pairs>& all) {
         std::vector<Pairs> starts;
         for (const Pairs& start : all) {
             if (static_cast<int>(starts_.size()) >= mostRivals()) break;
-            const auto isKnown = [&](const Pairs& other) { return sharedBy(start, other) > kSameBeginning; };
-            const auto isIn = [&](const std::vector<Pairs>& list) {
-                return std::any_of(list.begin(), list.end(), isKnown);
-            };
-            if (start.size() < leastPairs(solutions_[best()]) || isIn(ends_) || isIn(starts_)) continue;
+            const auto isAlike = [&](const Pairs& other) { return sharedBy(start, other) > kSameBeginning; };
+            const bool isKnown =
+                std::any_of(starts_.begin(), starts_.end(), isAlike) ||
+                std::any_of(tried_.begin(), tried_.end(), [&](const Tried& other) { return isAlike(other.pairs); });
+            if (start.size() < tried_[best()].leastOfRival() || isKnown) continue;
             starts_.push_back(start);
             starts.push_back(start);
         }
         std::vector<Solution> found(starts.size());
         const ParallelCall call;
         forEachLongItem(static_cast<int>(starts.size()), [&](int k) {
-            found[static_cast<std::size_t>(k)] =
-                polished(solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds));
+            found[static_cast<std::size_t>(k)] = solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds);
         });
         for (Solution& solution : found) add(std::move(solution));
+        if (!starts.empty()) polish();
+    }
+
+    /// The best one, and those that may yet be its rivals or better.
+    void polish() {
+        const std::size_t first = best();
+        std::vector<std::size_t> wanted;
+        for (std::size_t k = 0; k < tried_.size(); ++k)
+            if (!tried_[k].isPolished && (k == first || aheadOf(first, k) < kHopeless)) wanted.push_back(k);
+        std::vector<Solution> found(wanted.size());
+        const ParallelCall call;
+        forEachLongItem(static_cast<int>(wanted.size()), [&](int i) {
+            const auto k = static_cast<std::size_t>(i);
+            found[k] = polished(tried_[wanted[k]].solution);
+        });
+        // What led to the same pairs is one.
+        std::vector<Tried> before = std::move(tried_);
+        for (std::size_t k = 0; k < wanted.size(); ++k) {
+            before[wanted[k]] = Tried(std::move(found[k]));
+            before[wanted[k]].isPolished = true;
+        }
+        tried_.clear();
+        for (Tried& tried : before) add(std::move(tried));
+    }
+
+    /// Goes on from its own pairs as if they were certain: in crowds expectations alone settle slowly.
+    Solution polished(Solution solution) const {
+        Pairs pairs = pairsOf(solution);
+        for (int k = 0; k < kMostPolish; ++k) {
+            Solution next = solver_.solve(pairs, kPolishRounds);
+            const double gained = next.logEvidence() - solution.logEvidence();
+            if (gained > 0) solution = std::move(next);
+            Pairs now = pairsOf(solution);
+            if (!(gained >= kPolished) || now == pairs) break;  // the same pairs would lead here again
+            pairs = std::move(now);
+        }
+        return solution;
     }
 
     /// So many as there is time for.
@@ -205,16 +245,14 @@ class Trial {
         return std::clamp(kMostWork / std::max(1, static_cast<int>(worth_.size())), kLeastRivals, kMostRivals);
     }
 
-    Pairs shiftedBy(std::size_t from, int places) const {
-        return shifted(solutions_[from], solver_.candidates(), worth_, places);
-    }
+    Pairs shiftedBy(int places) const { return shifted(tried_[best()].solution, solver_.candidates(), worth_, places); }
 
-    bool hasRival() { return marginOf(best(), leastPairs(solutions_[best()])).ahead < kMargin; }
+    bool hasRival() { return marginOf(best()).ahead < kMargin; }
 
     /// By how much the first is the better one, nats: by all that was seen, and by the markers that both match. Of
     /// these what is measured counts beyond what chance brings, and what each taught itself beyond a margin.
     double aheadOf(std::size_t first, std::size_t second) {
-        const Solution &a = solutions_[first], &b = solutions_[second];
+        const Solution &a = tried_[first].solution, &b = tried_[second].solution;
         const double all = a.logEvidence() - b.logEvidence();
         double common = 0, measured = 0;
         int shared = 0;
@@ -236,8 +274,9 @@ class Trial {
     }
 
     double evidenceOfHoles(std::size_t k) {
-        if (!holes_[k]) holes_[k] = holesOf(views_, solver_, solutions_[k]).logEvidence();
-        return *holes_[k];
+        Tried& tried = tried_[k];
+        if (!tried.holes) tried.holes = holesOf(views_, solver_, tried.solution).logEvidence();
+        return *tried.holes;
     }
 
     /// Half of the chi-square of a pair, outliers cut.
@@ -251,9 +290,8 @@ class Trial {
     const Views& views_;
     const ExposureSolver& solver_;
     std::vector<double> worth_;
-    std::vector<Solution> solutions_;
-    std::vector<Pairs> ends_, starts_;
-    std::vector<std::optional<double>> holes_;  ///< of each solution, once they are asked for
+    std::vector<Tried> tried_;
+    std::vector<Pairs> starts_;
 };
 
 }  // namespace

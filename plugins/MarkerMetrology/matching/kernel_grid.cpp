@@ -46,4 +46,13 @@ void KernelGrid::smooth() {
     }
 }
 
+std::vector<double> KernelGrid::mixedKernel(const std::array<double, kWidths>& shares) const {
+    std::vector<double> mixed(1, 0.0);
+    for (std::size_t k = 0; k < kWidths; ++k) {
+        mixed.resize(std::max(mixed.size(), kernels_[k].size()), 0.0);
+        for (std::size_t c = 0; c < kernels_[k].size(); ++c) mixed[c] += shares[k] * kernels_[k][c];
+    }
+    return mixed;
+}
+
 }  // namespace kestrune::matching

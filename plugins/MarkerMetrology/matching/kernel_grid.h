@@ -31,13 +31,16 @@ class KernelGrid {
         const auto cell = static_cast<std::size_t>(place);
         return values[cell] + (place - static_cast<double>(cell)) * (values[cell + 1] - values[cell]);
     }
-    double kernel(std::size_t width, double x) const {
+    double kernel(std::size_t width, double x) const { return interpolateKernel(kernels_[width], x); }
+    /// Of numbers by cells from a kernel's centre; 0 beyond them.
+    double interpolateKernel(const std::vector<double>& values, double x) const {
         const double place = std::abs(x) / step_;
-        const std::vector<double>& values = kernels_[width];
         if (!(place < static_cast<double>(values.size() - 1))) return 0;
         const auto cell = static_cast<std::size_t>(place);
         return values[cell] + (place - static_cast<double>(cell)) * (values[cell + 1] - values[cell]);
     }
+    /// All kernels by their shares, by cells from the centre.
+    std::vector<double> mixedKernel(const std::array<double, kWidths>& shares) const;
     double width(std::size_t k) const { return widths_[k]; }
     double place(std::size_t cell) const { return low_ + static_cast<double>(cell) * step_; }
     std::size_t cells() const { return counts_.size(); }

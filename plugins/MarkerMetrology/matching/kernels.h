@@ -16,8 +16,8 @@ inline double longTailed(double x, double width) {
 
 /// 1 / (pi b^2) (1 + d^2 / b^2)^-2 in two dimensions; half of it lies within b.
 inline double longTailedInPlane(double distance2, double width2) {
-    const double sum = 1 + distance2 / width2;
-    return 1 / (std::numbers::pi * width2 * sum * sum);
+    const double sum = width2 + distance2;
+    return width2 / (std::numbers::pi * sum * sum);
 }
 
 }  // namespace kestrune::matching

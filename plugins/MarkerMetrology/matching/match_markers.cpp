@@ -7,6 +7,7 @@
 
 #include "kestrune/MarkerMetrology/matching.h"
 #include "matching/report.h"
+#include "parallel/parallel_loop.h"
 #include "refinement/first_guess.h"
 #include "refinement/rig_check.h"
 
@@ -53,6 +54,7 @@ void check(const MatchOptions& options) {
 
 StereoMatch matchMarkers(const std::vector<MarkerEstimate>& left, const std::vector<MarkerEstimate>& right,
                          const RigMatrices& rig, const MatchOptions& options) {
+    const ParallelCall call;
     requireRig(rig);
     check(options);
     const cv::Vec3d translation(rig.translation.at<double>(0), rig.translation.at<double>(1),

@@ -19,8 +19,8 @@ struct Anchor {
 
 struct Neighbour {
     int candidate;
-    double logDepth;  ///< its own
-    double tangent;   ///< log depth at which the line of sight meets its plane
+    double logDepth, inverseDepth;  ///< its own
+    double tangent;                 ///< log depth at which the line of sight meets its plane
     double tangentSigma;
     double distance;  ///< on the image, as a tangent
     double u, v;      ///< place on the image from the line's, tangents

@@ -16,7 +16,6 @@ using std::numbers::pi;
 
 // Widths of kernels, radians, beside the uncertainty.
 constexpr std::array<double, NormalModel::kWidths> kKernels = {0.01, 0.05, 0.2};
-constexpr std::size_t kMostKernels = 48;  // of all pairs
 // The normal of one ellipse is not less certain than this, radians.
 constexpr double kMostSigma = 0.6;
 // Half of a Gaussian's draws in two dimensions lie within this times its variance, as half of a kernel's within its
@@ -38,7 +37,42 @@ double facingOf(const Sightline& line) {
     return (1 - std::norm(line.q)) / (1 + std::norm(line.q));
 }
 
+/// Mean of the kernels of each width at a normal, without those of its own two lines; nothing where there are no
+/// others.
+template <std::size_t N>
+void setDensities(const NormalKernels<N>& kernels, const Vector3& normal, double variance, std::array<int, 2> own,
+                  double* parts) {
+    constexpr std::size_t kWidths = NormalModel::kWidths;
+    std::array<std::array<double, N>, kWidths> densities;
+    for (std::size_t i = 0; i < kernels.count; ++i) {
+        const double x = normal.x() - kernels.x[i], y = normal.y() - kernels.y[i], z = normal.z() - kernels.z[i];
+        const double distance2 = x * x + y * y + z * z, both = variance + kernels.variance[i];
+        for (std::size_t k = 0; k < kWidths; ++k)
+            densities[k][i] = longTailedInPlane(distance2, kKernels[k] * kKernels[k] + both);
+    }
+    std::array<double, kWidths> sums{};
+    int count = 0;
+    for (std::size_t i = 0; i < kernels.count; ++i) {
+        if (kernels.line[0][i] == own[0] || kernels.line[1][i] == own[1]) continue;
+        ++count;
+        for (std::size_t k = 0; k < kWidths; ++k) sums[k] += densities[k][i];
+    }
+    if (count > 0)
+        for (std::size_t k = 0; k < kWidths; ++k) parts[k] = sums[k] / count;
+}
+
 }  // namespace
+
+template <std::size_t N>
+void NormalKernels<N>::add(const PairGraph& graph, int candidate) {
+    const CircleFit& fit = graph.fit(candidate);
+    x[count] = fit.normal.x();
+    y[count] = fit.normal.y();
+    z[count] = fit.normal.z();
+    variance[count] = kHalfOfGaussian * fit.sigmaNormal * fit.sigmaNormal;
+    for (std::size_t eye = 0; eye < 2; ++eye) line[eye][count] = graph.line(eye, candidate);
+    ++count;
+}
 
 NormalModel::NormalModel() {
     Parts<kParts> shares{};
@@ -46,13 +80,13 @@ NormalModel::NormalModel() {
     mixture_.setShares(shares);
 }
 
-void NormalModel::learn(const Neighbourhood& neighbourhood) {
+void NormalModel::learn(const PairGraph& graph, const Neighbourhood& neighbourhood) {
     if (!hasLearnt_) mixture_ = {};
     hasLearnt_ = true;
-    kernels_.clear();
+    kernels_.count = 0;
     const std::vector<Anchor>& anchors = neighbourhood.anchors(0);
     const std::size_t step = anchors.size() / kMostKernels + 1;
-    for (std::size_t k = 0; k < anchors.size(); k += step) kernels_.push_back(anchors[k].candidate);
+    for (std::size_t k = 0; k < anchors.size(); k += step) kernels_.add(graph, anchors[k].candidate);
 }
 
 void NormalModel::learnShares(const PairGraph& graph, const Neighbourhood& neighbourhood) {
@@ -72,28 +106,14 @@ Parts<NormalModel::kParts> NormalModel::parts(const PairGraph& graph, const Neig
     Parts<kParts> parts;
     parts.fill(facing / pi);
     if (!hasLearnt_) return parts;
-    std::array<double, kWidths> sums{};
-    int count = 0;
-    const auto add = [&](int candidate) {
-        if (graph.line(eye, candidate) == line || graph.line(1 - eye, candidate) == other) return;
-        const CircleFit& fit = graph.fit(candidate);
-        const double variance = kHalfOfGaussian * (sigma * sigma + fit.sigmaNormal * fit.sigmaNormal);
-        const double distance2 = (normal - fit.normal).squaredNorm();
-        ++count;
-        for (std::size_t k = 0; k < kWidths; ++k)
-            sums[k] += longTailedInPlane(distance2, kKernels[k] * kKernels[k] + variance);
-    };
-    const auto set = [&](std::size_t first) {
-        if (count > 0)
-            for (std::size_t k = 0; k < kWidths; ++k) parts[first + k] = sums[k] / count;
-        sums.fill(0);
-        count = 0;
-    };
-    for (const int candidate : kernels_) add(candidate);
-    set(1);
+    const double variance = kHalfOfGaussian * sigma * sigma;
+    const std::array<int, 2> own = eye == 0 ? std::array{line, other} : std::array{other, line};
+    setDensities(kernels_, normal, variance, own, &parts[1]);
     const Prediction& prediction = neighbourhood.of(eye, line);
-    for (int k = 0; k < prediction.count; ++k) add(prediction.neighbours[static_cast<std::size_t>(k)].candidate);
-    set(1 + kWidths);
+    NormalKernels<Prediction::kMost> near;
+    for (int k = 0; k < prediction.count; ++k)
+        near.add(graph, prediction.neighbours[static_cast<std::size_t>(k)].candidate);
+    setDensities(near, normal, variance, own, &parts[1 + kWidths]);
     return parts;
 }
 

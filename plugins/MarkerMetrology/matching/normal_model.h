@@ -3,13 +3,23 @@
 // Density of a marker's normal, by solid angle: what normals the other pairs of the exposure have, and its neighbours.
 #pragma once
 
+#include <array>
 #include <numbers>
-#include <vector>
 
 #include "matching/mixture.h"
 #include "matching/neighbours.h"
 
 namespace kestrune::matching {
+
+/// Normals of pairs that predict others, number by number, for loops over all of them at once.
+template <std::size_t N>
+struct NormalKernels {
+    std::size_t count = 0;
+    std::array<double, N> x, y, z, variance;
+    std::array<std::array<int, N>, 2> line;
+
+    void add(const PairGraph& graph, int candidate);
+};
 
 class NormalModel {
   public:
@@ -19,7 +29,7 @@ class NormalModel {
 
     NormalModel();
 
-    void learn(const Neighbourhood& neighbourhood);
+    void learn(const PairGraph& graph, const Neighbourhood& neighbourhood);
     void learnShares(const PairGraph& graph, const Neighbourhood& neighbourhood);
 
     /// @param sigma   of each direction, radians. @param facing  cosine of the angle to the ray.
@@ -34,8 +44,10 @@ class NormalModel {
     static double broadDensity(const Sightline& line);
 
   private:
+    static constexpr std::size_t kMostKernels = 48;  ///< of all pairs
+
     bool hasLearnt_ = false;
-    std::vector<int> kernels_;  ///< candidates
+    NormalKernels<kMostKernels> kernels_;
     Mixture<kParts> mixture_;
 };
 

@@ -54,7 +54,11 @@ std::vector<double> columnDensities(const std::vector<Sightline>& lines) {
     std::vector<double> result;
     for (const Sightline& at : lines) {
         double weights = kAnywhere, sum = kAnywhere / range;
-        for (const Sightline& other : lines) {
+        const double reach = about / std::sin(at.alpha);  // lines are in the order of phi
+        auto near = std::lower_bound(lines.begin(), lines.end(), at.phi - reach,
+                                     [](const Sightline& line, double phi) { return line.phi < phi; });
+        for (; near != lines.end() && near->phi <= at.phi + reach; ++near) {
+            const Sightline& other = *near;
             const double weight = biweight((other.phi - at.phi) * std::sin(at.alpha) / about);
             if (&other == &at || !(weight > 0)) continue;
             weights += weight;

@@ -14,9 +14,8 @@ namespace {
 constexpr double kKindKernel = 0.03, kBroadSizes = 0.2;
 // Before anything is learnt: markers of another size than the nominal ones.
 constexpr double kOtherSizes = 0.05;
-constexpr std::size_t kNominal = 1;  // of the parts
-// Beyond this many widths a kernel of the marker itself is not worth being taken out.
-constexpr double kReach = 12;
+// Of the parts: the broad one is the first.
+constexpr std::size_t kNominal = 1, kLearnt = 2;
 
 }  // namespace
 
@@ -31,7 +30,7 @@ RadiusModel::RadiusModel(const PairGraph& graph, const NominalRadii& nominal)
     setGrid();
     Parts<kParts> shares{};
     shares[0] = hasNominal_ ? kOtherSizes : 1;
-    shares[1] = 1 - shares[0];
+    shares[kNominal] = 1 - shares[0];
     mixture_.setShares(shares);
     mix();
 }
@@ -61,9 +60,9 @@ void RadiusModel::learn(const PairGraph& graph) {
     if (learnt_.total() == 0) {  // nothing is learnt yet: all kernels may be right
         Parts<kParts> shares;
         shares.fill(0.25);
-        shares[1] = hasNominal_ ? 1 - kOtherSizes : 0;
+        shares[kNominal] = hasNominal_ ? 1 - kOtherSizes : 0;
         for (std::size_t k = 0; k < kParts; ++k)
-            if (k != 1) shares[k] *= 1 - shares[1];
+            if (k != kNominal) shares[k] *= 1 - shares[kNominal];
         mixture_.setShares(shares);
     }
     sigma_ = typicalSigma(graph.believedSigmas([](const CircleFit& fit) { return fit.sigmaRadius; }), sigma_);
@@ -84,33 +83,50 @@ void RadiusModel::mix() {
     mixed_.assign(learnt_.grid().cells(), 0.0);
     for (std::size_t cell = 0; cell < mixed_.size(); ++cell)
         for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
-            mixed_[cell] += mixture_.share(2 + k) * learnt_.grid().at(k, cell);
+            mixed_[cell] += mixture_.share(kLearnt + k) * learnt_.grid().at(k, cell);
+    mixedKernel_ =
+        learnt_.grid().mixedKernel({mixture_.share(kLearnt), mixture_.share(kLearnt + 1), mixture_.share(kLearnt + 2)});
 }
 
 Parts<RadiusModel::kParts> RadiusModel::parts(const PairGraph& graph, double logRadius, std::size_t eye, int line,
                                               int other) const {
     Parts<kParts> parts;
     parts.fill(1 / (high_ - low_));
-    parts[1] = learnt_.grid().interpolate(nominal_, logRadius);
-    learnt_.density(graph, logRadius, eye, line, other, &parts[2]);
+    parts[kNominal] = learnt_.grid().interpolate(nominal_, logRadius);
+    learnt_.density(graph, logRadius, eye, line, other, &parts[kLearnt]);
     return parts;
 }
 
-double RadiusModel::density(const PairGraph& graph, double logRadius, std::size_t eye, int line) const {
-    if (!(logRadius > low_ && logRadius < high_)) return 0;
-    double total = learnt_.total(), learnt = total > 0 ? learnt_.grid().interpolate(mixed_, logRadius) : 0,
-           learntShare = 0;
-    for (std::size_t k = 0; k < KernelGrid::kWidths; ++k) learntShare += mixture_.share(2 + k);
+double RadiusModel::learntShare() const {
+    double sum = 0;
+    for (std::size_t k = 0; k < KernelGrid::kWidths; ++k) sum += mixture_.share(kLearnt + k);
+    return sum;
+}
+
+RadiusModel::AtMarker::AtMarker(const RadiusModel& model, const PairGraph& graph, std::size_t eye, int line)
+    : model_(model) {
+    double total = model.learnt_.total();
     graph.forOwn(eye, line, -1, [&](int c) {
+        own_.push_back({graph.fit(c).logRadius, graph.worth(c)});
         total -= graph.worth(c);
-        const double off = logRadius - graph.fit(c).logRadius;
-        for (std::size_t k = 0; k < KernelGrid::kWidths; ++k)
-            if (std::abs(off) < kReach * learnt_.grid().width(k))
-                learnt -= mixture_.share(2 + k) * graph.worth(c) * learnt_.grid().kernel(k, off);
     });
-    const double broad = (mixture_.share(0) + (total > LearntKernels::kLeastTotal ? 0 : learntShare)) / (high_ - low_);
-    return broad + mixture_.share(1) * learnt_.grid().interpolate(nominal_, logRadius) +
-           (total > LearntKernels::kLeastTotal ? std::max(learnt, 0.0) / total : 0);
+    const bool hasLearnt = total > LearntKernels::kLeastTotal;
+    if (hasLearnt) perPair_ = 1 / total;
+    broad_ = (model.mixture_.share(0) + (hasLearnt ? 0 : model.learntShare())) * model.chance();
+}
+
+double RadiusModel::AtMarker::operator()(double logRadius) const {
+    if (!(logRadius > model_.low_ && logRadius < model_.high_)) return 0;
+    const KernelGrid& grid = model_.learnt_.grid();
+    double sum = broad_;
+    if (model_.hasNominal_) sum += model_.mixture_.share(kNominal) * grid.interpolate(model_.nominal_, logRadius);
+    if (perPair_ > 0) {
+        double learnt = grid.interpolate(model_.mixed_, logRadius);
+        for (const Own& own : own_)
+            learnt -= own.worth * grid.interpolateKernel(model_.mixedKernel_, logRadius - own.logRadius);
+        sum += std::max(learnt, 0.0) * perPair_;
+    }
+    return sum;
 }
 
 }  // namespace kestrune::matching

@@ -36,16 +36,32 @@ class RadiusModel {
         return mixture_.share(1) * parts[1] + (1 - mixture_.share(1)) * parts[0];
     }
     double chance() const { return 1 / (high_ - low_); }  ///< density of any marker
-    /// All at once, for one marker.
-    double density(const PairGraph& graph, double logRadius, std::size_t eye, int line) const;
+
+    /// At any radius of one marker, without what it said before; as long as the model learns no more.
+    class AtMarker {
+      public:
+        AtMarker(const RadiusModel& model, const PairGraph& graph, std::size_t eye, int line);
+        double operator()(double logRadius) const;
+
+      private:
+        struct Own {
+            double logRadius, worth;
+        };
+        const RadiusModel& model_;
+        std::vector<Own> own_;
+        double perPair_ = 0;  ///< of what is learnt without the marker; 0 where that is nothing
+        double broad_ = 0;
+    };
 
   private:
     void setGrid();
     void mix();
+    double learntShare() const;
 
     double low_ = 0, high_ = 1, sigma_ = 0.01;
     LearntKernels learnt_{&CircleFit::logRadius};
     std::vector<double> nominal_, mixed_;  ///< on the cells of the grid
+    std::vector<double> mixedKernel_;      ///< of all widths by their shares, by cells from the centre
     const NominalRadii& known_;
     bool hasNominal_;
     Mixture<kParts> mixture_;

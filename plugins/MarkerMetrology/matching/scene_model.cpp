@@ -29,7 +29,7 @@ void SceneModel::learn(const std::vector<double>& probability, const std::vector
     neighbourhood_.learn(graph_, depths_.typicalSigma());
     radii_.learn(graph_);
     depths_.learn(graph_);
-    normals_.learn(neighbourhood_);
+    normals_.learn(graph_, neighbourhood_);
     radii_.learnShares(graph_);
     depths_.learnShares(graph_, neighbourhood_);
     normals_.learnShares(graph_, neighbourhood_);

@@ -29,6 +29,8 @@ constexpr double kPoorShare = 0.25, kGoodShare = 0.75, kPoorDamping = 1e-3;
 constexpr double kLeastGain = 1e-14;
 // What rounding, or steps that were too many, may leave: a hundredth of a sigma; and a share of chi-square.
 constexpr double kEnoughGain = 1e-4, kRoundingGain = 1e-9;
+// A search that is farther behind a known end than a hundred times what its next step promises ends at another one.
+constexpr double kHopelessShare = 0.01;
 // A search that comes as near as this to an end that is known, in sigmas, would only find it again.
 constexpr double kSameEnd = 0.1;
 // The images of a disc lie on both ellipses to this share of their size; two markers that are not one do not.
@@ -136,6 +138,7 @@ std::optional<Fit> descend(const std::array<Sight, 2>& sights, const SpaceDisc& 
         const Vector6 move = solver.solve(fit.gradient);
         promised = move.dot(fit.gradient);
         if (promised <= kLeastGain) return fit;
+        if (known && promised < kHopelessShare * (fit.chiSquare - known->chiSquare)) return std::nullopt;
         trial.disc = moved(fit, move);
         const bool isSeen = solver.info() == Eigen::Success && evaluate(sights, trial);
         const double gained = isSeen ? fit.chiSquare - trial.chiSquare : 0;
