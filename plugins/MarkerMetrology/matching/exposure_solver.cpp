@@ -30,14 +30,8 @@ constexpr double kLeastLogWeight = -18;
 constexpr double kBelievedStart = 0.9;
 constexpr int kLeastRounds = 2;
 constexpr double kFewestPairs = 0.1;
-constexpr double kShapeGate = 1.5;  // told sigmas of shapes may be too small by it at the gate
-constexpr double kDepthSigmas = 5;  // that a depth may be beyond its range
-// A size is usual if this share of the pairs has it, to a share of the radius or so many sigmas.
-constexpr double kUsualSize = 0.2, kSameSize = 0.03, kSameSizeSigmas = 3;
-// Of so many neighbours on the image, so many bear out a depth, by surfaces of up to this slope.
-constexpr std::size_t kSizeNeighbours = 6;
-constexpr std::ptrdiff_t kLeastAgreeing = 2;
-constexpr double kSameDepthSlope = 0.8;
+constexpr double kShapeGate = 1.5;   // told sigmas of shapes may be too small by it at the gate
+constexpr double kDepthSigmas = 5;   // that a depth may be beyond its range
 constexpr double kLikelyShape = 16;  // chi-square of a pair, to begin with
 constexpr double kLeastScale = 0.2, kMostScale = 20;
 constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
@@ -186,64 +180,25 @@ const CircleFit& ExposureSolver::fitOf(std::size_t candidate, const Solution& so
     return candidates_[candidate].agreement.fits[static_cast<std::size_t>(solution.evidence[candidate].fit)];
 }
 
-/// Whether many others have a pair's size, or neighbours of other sizes its depth.
-bool ExposureSolver::isBorneOut(std::size_t candidate, const std::vector<Believed>& believed,
-                                const Solution& solution) const {
-    const Candidate& own = candidates_[candidate];
+SeenPair ExposureSolver::seenPair(std::size_t candidate, const Solution& solution) const {
     const CircleFit& fit = fitOf(candidate, solution);
+    const Candidate& own = candidates_[candidate];
     const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(own.left)].axis;
-    const double u = axis.x() / axis.z(), v = axis.y() / axis.z();
-    struct Near {
-        double distance2;
-        bool agrees;
-    };
-    std::array<Near, kSizeNeighbours> nearest;
-    nearest.fill({std::numeric_limits<double>::infinity(), false});
-    int alike = 0, others = 0;
-    for (const Believed& other : believed) {
-        if (other.left == own.left || other.right == own.right) continue;
-        const double apart = fit.logRadius - other.logRadius;
-        const double variance = fit.sigmaRadius * fit.sigmaRadius + other.sigmaRadius * other.sigmaRadius;
-        const bool isAlike =
-            apart * apart < std::max(kSameSizeSigmas * kSameSizeSigmas * variance, kSameSize * kSameSize);
-        ++others;
-        alike += isAlike ? 1 : 0;
-        const double du = u - other.u, dv = v - other.v;
-        Near near{du * du + dv * dv, false};
-        if (!(near.distance2 < nearest.back().distance2)) continue;
-        const double sigma = std::sqrt(fit.sigmaDepth * fit.sigmaDepth + other.sigmaDepth * other.sigmaDepth);
-        const double reach = kSameDepthSlope * std::sqrt(near.distance2) + kSameSizeSigmas * sigma;
-        near.agrees = !isAlike && std::abs(fit.logDepth - other.logDepth) < reach;
-        std::size_t place = nearest.size() - 1;
-        for (; place > 0 && near.distance2 < nearest[place - 1].distance2; --place) nearest[place] = nearest[place - 1];
-        nearest[place] = near;
-    }
-    const auto agreeing = std::count_if(nearest.begin(), nearest.end(), [](const Near& near) { return near.agrees; });
-    return alike >= kUsualSize * others || agreeing >= kLeastAgreeing;
+    return {own.left,      own.right,       axis.x() / axis.z(), axis.y() / axis.z(),
+            fit.logRadius, fit.sigmaRadius, fit.logDepth,        fit.sigmaDepth};
 }
 
-std::vector<ExposureSolver::Believed> ExposureSolver::believedPairs(const Solution& solution) const {
-    std::vector<Believed> believed;
-    for (std::size_t c = 0; c < candidates_.size(); ++c) {
-        if (!(solution.assignment.probability[c] > 0.5)) continue;
-        const CircleFit& fit = fitOf(c, solution);
-        const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(candidates_[c].left)].axis;
-        believed.push_back({candidates_[c].left, candidates_[c].right, axis.x() / axis.z(), axis.y() / axis.z(),
-                            fit.logRadius, fit.sigmaRadius, fit.logDepth, fit.sigmaDepth});
-    }
-    return believed;
-}
-
-/// Markers of a pattern that are left over in both eyes can be paired by one common shift: they then stand on a surface
-/// of their own, with radii of their own, and each of them bears out the others. So pairs of a size that few others
-/// have must do without what depths and radii teach.
-void ExposureSolver::doubtLonelySizes(Solution& solution) const {
+/// Pairs that nothing but their own surface bears out must do without what depths and radii teach.
+void ExposureSolver::doubtLonelySurfaces(Solution& solution) const {
     std::vector<double> reduced = solution.logWeights;
-    const std::vector<Believed> believed = believedPairs(solution);
+    std::vector<SeenPair> believed;
+    for (std::size_t c = 0; c < candidates_.size(); ++c)
+        if (solution.assignment.probability[c] > 0.5) believed.push_back(seenPair(c, solution));
+    const Surfaces surfaces(std::move(believed));
     std::vector<char> isDoubted(candidates_.size(), 0);
     double doubtful = 0;
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
-        isDoubted[c] = reduced[c] >= kLeastLogWeight && !isBorneOut(c, believed, solution);
+        isDoubted[c] = reduced[c] >= kLeastLogWeight && !surfaces.bearOut(seenPair(c, solution));
         if (isDoubted[c]) doubtful += solution.assignment.probability[c];
     }
     if (doubtful == 0) return;

@@ -14,6 +14,7 @@
 #include "matching/candidates.h"
 #include "matching/grey_model.h"
 #include "matching/scene_model.h"
+#include "matching/surfaces.h"
 
 namespace kestrune::matching {
 
@@ -70,7 +71,7 @@ class ExposureSolver {
     Solution solve(const std::vector<int>& start, int rounds) const;
 
     /// Once a solution is to be told: lowers the probability of pairs that only each other bear out.
-    void doubtLonelySizes(Solution& solution) const;
+    void doubtLonelySurfaces(Solution& solution) const;
 
     /// What else speaks for each candidate, nats. @param nats  none: nothing.
     void setObject(std::vector<double> nats) { object_ = std::move(nats); }
@@ -90,14 +91,7 @@ class ExposureSolver {
     double geometryOf(const CircleFit& fit, const Scales& scales) const;
     void assignPairs(Solution& solution) const;
     Assignment assignmentBy(const std::vector<double>& logWeights) const;
-    /// A pair that bears out others.
-    struct Believed {
-        int left, right;
-        double u, v;  ///< tangents of the direction
-        double logRadius, sigmaRadius, logDepth, sigmaDepth;
-    };
-    std::vector<Believed> believedPairs(const Solution& solution) const;
-    bool isBorneOut(std::size_t candidate, const std::vector<Believed>& believed, const Solution& solution) const;
+    SeenPair seenPair(std::size_t candidate, const Solution& solution) const;
     void learnGrey(const Solution& solution, GreyModel& grey) const;
     void learnScales(Solution& solution) const;
     double firstPairs() const;

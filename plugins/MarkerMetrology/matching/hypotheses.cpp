@@ -162,7 +162,7 @@ class Trial {
             const double behind = tried_[k].logEvidence() - tried_[other].logEvidence();
             if (!(behind < kMostBehind)) continue;
             const double weight = std::exp(-std::max(0.0, behind) / kTempered);
-            solver_.doubtLonelySizes(tried_[other].solution);
+            solver_.doubtLonelySurfaces(tried_[other].solution);
             const std::vector<double>& its = tried_[other].solution.assignment.probability;
             for (std::size_t c = 0; c < mean.size(); ++c) mean[c] += weight * its[c];
             weights += weight;
