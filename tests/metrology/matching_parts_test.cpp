@@ -9,6 +9,7 @@
 #include "matching/kernel_grid.h"
 #include "matching/mixture.h"
 #include "matching/rig_motion.h"
+#include "matching/surfaces.h"
 #include "support/calls.h"
 #include "support/matching.h"
 
@@ -128,7 +129,7 @@ TEST(Assign, IsTheSumOverAllAssignments) {
         std::vector<Edge> edges;
         for (int i = 0; i < lefts; ++i)
             for (int j = 0; j < rights; ++j)
-                if (edges.size() < 12 && u(random) < 0.6) edges.push_back({i, j, -6 + 14 * u(random)});
+                if (edges.size() < 12 && u(random) < 0.6) edges.push_back({i, j, -6 + (draw % 2 == 0 ? 14 : 60) * u(random)});
         double sum = 0, best = -1;
         std::vector<double> probability(edges.size());
         std::vector<char> chosen;
@@ -189,6 +190,35 @@ TEST(Assign, StaysHonestBeyondItsBounds) {
     EXPECT_NEAR(huge.probability[0], 0.5, 1e-9);
     EXPECT_NEAR(huge.probability[2], 1, 1e-9);
     EXPECT_TRUE(std::isfinite(huge.logSum));
+}
+
+/// Sixty markers at 1000 mm, radii of 3, 5 and 8 mm in turn, and twelve beside them at another depth.
+TEST(Surfaces, AreNotBorneOutByThemselves) {
+    struct Case {
+        const char* name;
+        double depth;
+        std::array<double, 3> radii;  // of the twelve
+        double factor;                // each next radius of the sixty, if there are no usual ones
+        bool isBorneOut;
+    };
+    const Case cases[] = {{"a part of the same surface", 1000, {3, 5, 8}, 1, true},
+                          {"an unusual size on the same surface", 1000, {4, 4, 4}, 1, true},
+                          {"a layer with the same sizes", 700, {3, 5, 8}, 1, true},
+                          {"columns left over, at the depth that pairs them", 700, {2.1, 3.5, 5.6}, 1, false},
+                          {"the same of one size", 700, {6.5, 6.5, 6.5}, 1, false},
+                          {"no usual sizes, neighbours of other ones", 700, {2.1, 3.5, 5.6}, 1.05, true},
+                          {"no usual sizes, neighbours of one size", 700, {300, 300, 300}, 1.05, false}};
+    for (const Case& c : cases) {
+        std::vector<SeenPair> pairs;
+        for (int k = 0; k < 72; ++k) {
+            const bool isBeside = k >= 60;
+            const std::array<double, 3> radii = isBeside ? c.radii : std::array{3., 5., 8.};
+            const double radius = isBeside || c.factor == 1 ? radii[static_cast<std::size_t>(k % 3)] : std::pow(c.factor, k);
+            pairs.push_back({k, k, 0.03 * (k / 6), 0.03 * (k % 6), std::log(radius), 0.004, std::log(isBeside ? c.depth : 1000), 0.003});
+        }
+        const Surfaces surfaces(pairs);
+        for (const SeenPair& pair : pairs) EXPECT_EQ(surfaces.bearOut(pair), pair.left < 60 || c.isBorneOut) << c.name << ' ' << pair.left;
+    }
 }
 
 TEST(KernelGrid, IsTheSumOfItsKernels) {
