@@ -19,10 +19,8 @@ constexpr double kSettled = 1e-9;  // change of a message, relative
 constexpr std::array<double, 2> kFarBehind = {24, 15};
 // Beyond this a weight decides by itself, and its powers would leave double precision.
 constexpr double kMostLogWeight = 200;
-// Sets of taken markers that one step may have, and ways between them in a whole piece: bounds time and memory, 5 ms
-// and 3 MB.
-constexpr std::size_t kMostSets = 1000, kMostWays = 60'000;
-constexpr int kMostOpen = 64;  // right markers that a set can tell apart
+constexpr std::size_t kMostSets = 1000;  // of taken markers, that one step may have
+constexpr int kMostOpen = 64;            // right markers that a set can tell apart
 
 /// sums[k] = 1 + all values but the k-th, without the cancellation of a difference.
 void sumsOfOthers(const std::vector<double>& values, std::vector<double>& sums) {
@@ -135,9 +133,14 @@ class SetIndex {
 /// A piece, summed left by left, over the assignments that are not far behind.
 class PieceSum {
   public:
-    PieceSum(const Graph& graph, const DualPrices& prices, double farBehind, const std::vector<char>& isCut,
-             const std::vector<int>& lefts)
-        : graph_(graph), prices_(prices), farBehind_(farBehind), isCut_(isCut), lefts_(lefts) {}
+    PieceSum(const Graph& graph, const DualPrices& prices, double farBehind, Effort effort,
+             const std::vector<char>& isCut, const std::vector<int>& lefts)
+        : graph_(graph),
+          prices_(prices),
+          farBehind_(farBehind),
+          mostWays_(static_cast<std::size_t>(effort)),
+          isCut_(isCut),
+          lefts_(lefts) {}
 
     /// False where the sets are too many.
     bool run(Assignment& result) {
@@ -217,13 +220,13 @@ class PieceSum {
         layers_[0].forward = {1};
         layers_[0].behind = {0};
         for (std::size_t t = 0; t < lefts_.size(); ++t) {
-            if (layers_[t].sets.size() * (graph_.ofLeft[static_cast<std::size_t>(lefts_[t])].size() + 1) > kMostWays)
+            if (layers_[t].sets.size() * (graph_.ofLeft[static_cast<std::size_t>(lefts_[t])].size() + 1) > mostWays_)
                 return false;
             const double scale = scaleOf(t);
             go(t, scale);
             Layer& next = layers_[t + 1];
             wayCount_ += next.ways.size();
-            if (next.sets.size() > kMostSets || wayCount_ > kMostWays) return false;
+            if (next.sets.size() > kMostSets || wayCount_ > mostWays_) return false;
             double sum = 0;
             for (const double f : next.forward) sum += f;
             for (double& f : next.forward) f /= sum;
@@ -299,6 +302,7 @@ class PieceSum {
     const Graph& graph_;
     const DualPrices& prices_;
     const double farBehind_;
+    const std::size_t mostWays_;
     const std::vector<char>& isCut_;
     const std::vector<int>& lefts_;
     std::vector<int> bit_;
@@ -338,7 +342,7 @@ void sumByMessages(const Graph& graph, const std::vector<int>& lefts, const std:
 
 }  // namespace
 
-Assignment assign(const std::vector<Edge>& all, int leftCount, int rightCount) {
+Assignment assign(const std::vector<Edge>& all, int leftCount, int rightCount, Effort effort) {
     std::vector<Edge> edges = all;
     for (Edge& edge : edges) edge.logWeight = std::min(edge.logWeight, kMostLogWeight);
     const Graph graph(edges, leftCount, rightCount);
@@ -355,8 +359,8 @@ Assignment assign(const std::vector<Edge>& all, int leftCount, int rightCount) {
 
     std::vector<double> weight, toLeft;  // of messages, once they are needed
     for (const std::vector<int>& lefts : piecesOf(graph, isCut[0])) {
-        if (PieceSum(graph, prices, kFarBehind[0], isCut[0], lefts).run(result)) continue;
-        if (PieceSum(graph, prices, kFarBehind[1], isCut[1], lefts).run(result)) continue;
+        if (PieceSum(graph, prices, kFarBehind[0], effort, isCut[0], lefts).run(result)) continue;
+        if (PieceSum(graph, prices, kFarBehind[1], effort, isCut[1], lefts).run(result)) continue;
         if (toLeft.empty()) {
             for (const Edge& edge : edges) weight.push_back(std::exp(edge.logWeight));
             passMessages(graph, weight, toLeft);

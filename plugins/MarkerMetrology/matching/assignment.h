@@ -12,6 +12,7 @@
 // too sure where markers can be exchanged.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 namespace kestrune::matching {
@@ -28,7 +29,11 @@ struct Assignment {
     std::vector<char> isExact;        ///< of each edge: false in a piece that was too large to be summed
 };
 
+/// Ways between sets of taken markers in one piece, at most: bounds time and memory, 5 ms and 3 MB for `all`. Messages
+/// will do where a sum is only learnt from.
+enum class Effort : std::size_t { little = 5'000, all = 60'000 };
+
 /// @param edges  in ascending order of left, then right; their order decides ties of assignments.
-Assignment assign(const std::vector<Edge>& edges, int leftCount, int rightCount);
+Assignment assign(const std::vector<Edge>& edges, int leftCount, int rightCount, Effort effort = Effort::all);
 
 }  // namespace kestrune::matching

@@ -128,7 +128,7 @@ Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const 
     }
     for (int round = 0; round < rounds; ++round) {
         weigh(model, grey, solution);
-        assignPairs(solution);
+        assignPairs(Effort::little, solution);
         double change = 0;
         for (std::size_t c = 0; c < before.size(); ++c)
             change = std::max(change, std::abs(before[c] - solution.assignment.probability[c]));
@@ -138,11 +138,13 @@ Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const 
         model.learn(before, solution.ends());
         learnGrey(solution, grey);
     }
+    const std::vector<char>& isExact = solution.assignment.isExact;
+    if (std::find(isExact.begin(), isExact.end(), 0) != isExact.end()) assignPairs(Effort::all, solution);
     return solution;
 }
 
 /// Over all candidates; those without weight are left out.
-Assignment ExposureSolver::assignmentBy(const std::vector<double>& logWeights) const {
+Assignment ExposureSolver::assignmentBy(const std::vector<double>& logWeights, Effort effort) const {
     std::vector<Edge> edges;
     std::vector<std::size_t> of;
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
@@ -151,7 +153,7 @@ Assignment ExposureSolver::assignmentBy(const std::vector<double>& logWeights) c
         of.push_back(c);
     }
     const Assignment found =
-        assign(edges, static_cast<int>(views_.lines[0].size()), static_cast<int>(views_.lines[1].size()));
+        assign(edges, static_cast<int>(views_.lines[0].size()), static_cast<int>(views_.lines[1].size()), effort);
     Assignment all;
     all.logSum = found.logSum;
     all.probability.assign(candidates_.size(), 0.0);
@@ -165,8 +167,8 @@ Assignment ExposureSolver::assignmentBy(const std::vector<double>& logWeights) c
     return all;
 }
 
-void ExposureSolver::assignPairs(Solution& solution) const {
-    solution.assignment = assignmentBy(solution.logWeights);
+void ExposureSolver::assignPairs(Effort effort, Solution& solution) const {
+    solution.assignment = assignmentBy(solution.logWeights, effort);
     solution.pairs = 0;
     solution.partner.assign(views_.lines[0].size(), -1);
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
@@ -210,7 +212,7 @@ void ExposureSolver::doubtLonelySurfaces(Solution& solution) const {
         reduced[c] -= less + std::max(0.0, evidence.density.depth - evidence.chance.depth) +
                       std::max(0.0, evidence.density.radius - evidence.density.knownRadius);
     }
-    const Assignment doubted = assignmentBy(reduced);
+    const Assignment doubted = assignmentBy(reduced, Effort::all);
     for (std::size_t c = 0; c < candidates_.size(); ++c)
         solution.assignment.probability[c] = std::min(solution.assignment.probability[c], doubted.probability[c]);
 }

@@ -89,8 +89,8 @@ class ExposureSolver {
   private:
     void weigh(const SceneModel& model, const GreyModel& grey, Solution& solution) const;
     double geometryOf(const CircleFit& fit, const Scales& scales) const;
-    void assignPairs(Solution& solution) const;
-    Assignment assignmentBy(const std::vector<double>& logWeights) const;
+    void assignPairs(Effort effort, Solution& solution) const;
+    Assignment assignmentBy(const std::vector<double>& logWeights, Effort effort) const;
     SeenPair seenPair(std::size_t candidate, const Solution& solution) const;
     void learnGrey(const Solution& solution, GreyModel& grey) const;
     void learnScales(Solution& solution) const;
