@@ -30,9 +30,10 @@ constexpr double kLeastLogWeight = -18;
 constexpr double kBelievedStart = 0.9;
 constexpr int kLeastRounds = 2;
 constexpr double kFewestPairs = 0.1;
-constexpr double kShapeGate = 1.5;   // told sigmas of shapes may be too small by it at the gate
-constexpr double kDepthSigmas = 5;   // that a depth may be beyond its range
-constexpr double kLikelyShape = 16;  // chi-square of a pair, to begin with
+constexpr double kShapeGate = 1.5;    // told sigmas of shapes may be too small by it at the gate
+constexpr double kDepthSigmas = 5;    // that a depth may be beyond its range
+constexpr double kNominalSigmas = 3;  // that a radius may be off a nominal one
+constexpr double kLikelyShape = 16;   // chi-square of a pair, to begin with
 constexpr double kLeastScale = 0.2, kMostScale = 20;
 constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
 
@@ -186,8 +187,12 @@ SeenPair ExposureSolver::seenPair(std::size_t candidate, const Solution& solutio
     const CircleFit& fit = fitOf(candidate, solution);
     const Candidate& own = candidates_[candidate];
     const Eigen::Vector3d& axis = views_.lines[0][static_cast<std::size_t>(own.left)].axis;
+    const double reach = kNominalSigmas * std::hypot(known_.radii.tolerance, fit.sigmaRadius);
+    const bool isNominal = std::any_of(known_.radii.logarithms.begin(), known_.radii.logarithms.end(),
+                                       [&](double nominal) { return std::abs(fit.logRadius - nominal) < reach; });
     return {own.left,      own.right,       axis.x() / axis.z(), axis.y() / axis.z(),
-            fit.logRadius, fit.sigmaRadius, fit.logDepth,        fit.sigmaDepth};
+            fit.logRadius, fit.sigmaRadius, fit.logDepth,        fit.sigmaDepth,
+            isNominal};
 }
 
 /// Pairs that nothing but their own surface bears out must do without what depths and radii teach.

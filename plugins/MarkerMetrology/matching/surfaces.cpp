@@ -18,6 +18,7 @@ constexpr std::size_t kNeighbours = 6;
 constexpr int kLeastAgreeing = 2;
 constexpr double kMostSlope = 0.8, kSameDepthSigmas = 3;
 constexpr double kLargest = 0.5;       // share of all pairs
+constexpr double kLeastNominal = 0.2;  // where fewer have a radius that is known beforehand, others were told
 constexpr double kMostAreUsual = 0.5;  // so many have a size that is usual, or sizes tell nothing
 
 double squared(double x) {
@@ -54,6 +55,10 @@ Surfaces::Surfaces(std::vector<SeenPair> believed)
     }
     const auto usual = std::count_if(believed_.begin(), believed_.end(),
                                      [this](const SeenPair& pair) { return isUsualBeside(-1, pair); });
+    const auto nominal =
+        std::count_if(believed_.begin(), believed_.end(), [](const SeenPair& pair) { return pair.isNominal; });
+    hasNominalSizes_ =
+        nominal > 0 && static_cast<double>(nominal) >= kLeastNominal * static_cast<double>(believed_.size());
     hasUsualSizes_ = static_cast<double>(usual) >= kMostAreUsual * static_cast<double>(believed_.size());
 }
 
@@ -105,6 +110,7 @@ bool Surfaces::isUsualBeside(int surface, const SeenPair& pair) const {
 }
 
 bool Surfaces::bearOut(const SeenPair& pair) const {
+    if (hasNominalSizes_) return pair.isNominal;
     const std::vector<int> agreeing = agreeingWith(pair);
     const int own = surfaceOf(agreeing);
     if (own >= 0 && size_[static_cast<std::size_t>(own)] >= kLargest * static_cast<double>(believed_.size()))

@@ -3,7 +3,7 @@
 // Which pairs others bear out. Markers of a pattern that are left over in both eyes can be paired by one common shift:
 // they then stand on a surface of their own, with radii of their own, and each of them confirms the others. So pairs
 // on a surface that is not the scene's largest need others elsewhere that have their size. Where there are no usual
-// sizes, neighbours of other sizes must do.
+// sizes, neighbours of other sizes must do. Where radii are known beforehand, they decide.
 #pragma once
 
 #include <vector>
@@ -15,6 +15,7 @@ struct SeenPair {
     int left, right;
     double u, v;  ///< tangents of the left eye's direction
     double logRadius, sigmaRadius, logDepth, sigmaDepth;
+    bool isNominal = false;  ///< has a radius that is known beforehand
 };
 
 class Surfaces {
@@ -23,7 +24,7 @@ class Surfaces {
     explicit Surfaces(std::vector<SeenPair> believed);
 
     /// Whether a pair stands on a surface that holds half of all pairs, or has a size that is usual elsewhere, or has
-    /// the depth of its neighbours where no size is usual.
+    /// the depth of its neighbours where no size is usual; by its radius alone where radii are known.
     bool bearOut(const SeenPair& pair) const;
 
   private:
@@ -34,7 +35,7 @@ class Surfaces {
     std::vector<SeenPair> believed_;
     std::vector<int> surface_;  ///< of each pair the first pair of its surface
     std::vector<int> size_;     ///< of the surface that begins with a pair
-    bool hasUsualSizes_ = false;
+    bool hasUsualSizes_ = false, hasNominalSizes_ = false;
 };
 
 }  // namespace kestrune::matching
