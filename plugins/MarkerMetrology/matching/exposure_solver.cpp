@@ -134,6 +134,7 @@ Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const 
         for (std::size_t c = 0; c < before.size(); ++c)
             change = std::max(change, std::abs(before[c] - solution.assignment.probability[c]));
         if (round + 1 == rounds || (change < kSettledChange && round >= kLeastRounds)) break;
+        if (round > 0) doubtLonelySurfaces(solution);  // nor may they teach
         before = solution.assignment.probability;
         if (known_.estimateSigmas) learnScales(solution);
         model.learn(before, solution.ends());

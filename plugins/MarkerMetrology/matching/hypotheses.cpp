@@ -22,7 +22,7 @@ constexpr double kLeastWorth = -8;
 constexpr double kLeastRival = 0.4;
 constexpr int kFewestOfRival = 3;
 // Beginnings that share so much lead to one end; solutions that share more are one.
-constexpr double kSameBeginning = 0.7, kSameSolution = 0.5;
+constexpr double kSameBeginning = 0.95, kSameSolution = 0.5;
 // What the best assignment must be ahead by, nats.
 constexpr double kMargin = 12;
 constexpr double kFarAhead = 60;

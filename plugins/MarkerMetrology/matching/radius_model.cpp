@@ -13,7 +13,7 @@ namespace {
 // Kernels beside the one that is as wide as the uncertainty: sizes of one kind scatter, and kinds are a factor apart.
 constexpr double kKindKernel = 0.03, kBroadSizes = 0.2;
 // Before anything is learnt: markers of another size than the nominal ones.
-constexpr double kOtherSizes = 0.05;
+constexpr double kOtherSizes = 0.01;
 // Of the parts: the broad one is the first.
 constexpr std::size_t kNominal = 1, kLearnt = 2;
 
