@@ -18,7 +18,7 @@ constexpr double kLeastShare = 0.25, kLeastGain = 5, kMostCentreScale = 2.6;
 constexpr double kCalibrationNoise = 0.2;
 constexpr double kLeastPairs = 3;
 // Exposures of a right rig are better than this, but for few.
-constexpr double kGoodShare = 0.6, kGoodCentreScale = 1.5, kGoodShapeScale = 1.3;
+constexpr double kGoodShare = 0.45, kGoodCentreScale = 1.5, kGoodShapeScale = 1.3;
 // A pattern is one if it explains so much of chi-square, its five numbers not counted, and is not below the noise.
 constexpr double kLeastPattern = 30, kLeastSize = 0.15;
 // Another explanation must have so much more evidence, as a ratio.
