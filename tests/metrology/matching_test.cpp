@@ -249,6 +249,25 @@ TEST(MatchMarkers, IsNotSureOfColumnsThatAreLeftOver) {
     }
 }
 
+/// Of twelve columns each eye sees all but some at its end: shifted by as many, all that is seen agrees at another depth.
+TEST(MatchMarkers, DecidesByRadiiHowAGridIsShifted) {
+    const cv::Vec3d along = cv::normalize(-(theRig().right.rotation.t() * theRig().right.translation)),
+                    down = cv::normalize(cv::Vec3d(0, 1, 0) - along[1] * along);
+    MatchOptions known;
+    known.radii = {5};
+    std::size_t right = 0, wrong = 0;
+    for (int leftOver = 2; leftOver < 7; ++leftOver) {
+        Discs discs;
+        for (int k = 0; k < 72; ++k)
+            discs.push_back({cv::Vec3d(0, 0, 900) + 20 * ((k % 12 - 5.5) * along + (k / 12 - 2.5) * down), -along.cross(down), 5, 200});
+        const Sights sights = Look{.isHidden = [&](std::size_t eye, int d) { return eye == 0 ? d % 12 >= 12 - leftOver : d % 12 < leftOver; }}(discs);
+        for (const MatchedPair& p : sights.match(known).pairs)
+            if (p.sure) ++(sights.disc[0][at(p.left)] == sights.disc[1][at(p.right)] ? right : wrong);
+    }
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_GT(right, 70U);  // two and three are decided, more markers than agree by the right radius are not
+}
+
 TEST(MatchMarkers, PairsNoDarkMarkerWithABrightOne) {
     Sights sights = Look{}(object());
     std::swap(sights.markers[1][20].inside, sights.markers[1][20].outside), sights.disc[1][20] = -1;

@@ -12,8 +12,9 @@ namespace {
 
 // Kernels beside the one that is as wide as the uncertainty: sizes of one kind scatter, and kinds are a factor apart.
 constexpr double kKindKernel = 0.03, kBroadSizes = 0.2;
-// Before anything is learnt: markers of another size than the nominal ones.
-constexpr double kOtherSizes = 0.01;
+// Markers of another size than the nominal ones. A whole pattern may agree at another scale, each marker of it for as
+// much as this is unlikely.
+constexpr double kOtherSizes = 0.001;
 // Of the parts: the broad one is the first.
 constexpr std::size_t kNominal = 1, kLearnt = 2;
 
