@@ -42,7 +42,7 @@ constexpr double kChanceVariance = 2.5, kChance = 4;
 // What two assignments taught differs by up to so much, nats, where either is as good as the other.
 constexpr double kLearntMargin = 100;
 // Evidence of whole assignments that differ here and there is less certain than its nats say, by this factor.
-constexpr double kTempered = 5, kMostBehind = 30 * kTempered;
+constexpr double kTempered = 5, kMostBehindMean = 30 * kTempered;  // e^-30 counts for nothing
 constexpr double kNoRival = 1e6;
 
 using Pairs = std::vector<int>;  ///< candidates, ascending
@@ -163,7 +163,7 @@ class Trial {
         for (std::size_t other = 0; other < tried_.size(); ++other) {
             if (other != k && sharedBy(tried_[k].pairs, tried_[other].pairs) <= kSameSolution) continue;
             const double behind = tried_[k].logEvidence() - tried_[other].logEvidence();
-            if (!(behind < kMostBehind)) continue;
+            if (!(behind < kMostBehindMean)) continue;
             const double weight = std::exp(-std::max(0.0, behind) / kTempered);
             solver_.doubtLonelySurfaces(tried_[other].solution);
             const std::vector<double>& its = tried_[other].solution.assignment.probability;

@@ -16,8 +16,8 @@ using Vector3 = Eigen::Vector3d;
 // A pair from this on may predict others.
 constexpr double kAnchor = 0.7;
 constexpr int kLeastForPlane = 4;
-constexpr std::int64_t kMostOfOneLine = 100'000;  // ns: a thousand anchors
-constexpr double kLineRidge = 1e-6;               // for neighbours in one line
+constexpr std::int64_t kMostOfOnePrediction = 100'000;  // ns: a thousand anchors
+constexpr double kLineRidge = 1e-6;                     // for neighbours in one line
 // A plane that is met at another depth than this, as a ratio, is seen from its edge.
 constexpr double kMostRatio = 5;
 
@@ -47,7 +47,7 @@ void Neighbourhood::learn(const PairGraph& graph, double sigma) {
         std::sort(anchors_[eye].begin(), anchors_[eye].end(),
                   [](const Anchor& a, const Anchor& b) { return a.v < b.v || (a.v == b.v && a.line < b.line); });
         predictions_[eye].resize(static_cast<std::size_t>(count));
-        forEachInParallel(count, kMostOfOneLine, [&](int i) {
+        forEachInParallel(count, kMostOfOnePrediction, [&](int i) {
             predictions_[eye][static_cast<std::size_t>(i)] = predict(graph, eye, i, sigma);
         });
     }

@@ -14,9 +14,9 @@ namespace {
 // A size is usual if this share of the pairs elsewhere has it, to a share of the radius or so many sigmas.
 constexpr double kUsualSize = 0.1, kSameSize = 0.03, kSameSizeSigmas = 3;
 // Of so many neighbours on the image so many must have a pair's depth, on surfaces of up to this slope.
-constexpr std::size_t kNeighbours = 6;
+constexpr std::size_t kSurfaceNeighbours = 6;
 constexpr int kLeastAgreeing = 2;
-constexpr double kMostSlope = 0.8, kSameDepthSigmas = 3;
+constexpr double kSurfaceSlope = 0.8, kSameDepthSigmas = 3;
 constexpr double kLargest = 0.5;       // share of all pairs
 constexpr double kLeastNominal = 0.2;  // where fewer have a radius that is known beforehand, others were told
 constexpr double kMostAreUsual = 0.5;  // so many have a size that is usual, or sizes tell nothing
@@ -64,7 +64,7 @@ Surfaces::Surfaces(std::vector<SeenPair> believed)
 
 /// Of a pair's neighbours on the image those that may lie beside it on one surface.
 std::vector<int> Surfaces::agreeingWith(const SeenPair& pair) const {
-    std::array<std::pair<double, int>, kNeighbours> nearest;
+    std::array<std::pair<double, int>, kSurfaceNeighbours> nearest;
     nearest.fill({std::numeric_limits<double>::infinity(), -1});
     for (int k = 0; k < static_cast<int>(believed_.size()); ++k) {
         const SeenPair& other = believed_[static_cast<std::size_t>(k)];
@@ -80,7 +80,7 @@ std::vector<int> Surfaces::agreeingWith(const SeenPair& pair) const {
         if (k < 0) break;
         const SeenPair& other = believed_[static_cast<std::size_t>(k)];
         const double sigma = std::sqrt(squared(pair.sigmaDepth) + squared(other.sigmaDepth));
-        const double reach = kMostSlope * std::sqrt(distance2) + kSameDepthSigmas * sigma;
+        const double reach = kSurfaceSlope * std::sqrt(distance2) + kSameDepthSigmas * sigma;
         if (std::abs(pair.logDepth - other.logDepth) < reach) agreeing.push_back(k);
     }
     return agreeing;
