@@ -134,7 +134,7 @@ Solution ExposureSolver::solve(const std::vector<int>& start, int rounds) const 
         for (std::size_t c = 0; c < before.size(); ++c)
             change = std::max(change, std::abs(before[c] - solution.assignment.probability[c]));
         if (round + 1 == rounds || (change < kSettledChange && round >= kLeastRounds)) break;
-        if (round > 0) doubtLonelySurfaces(solution);  // nor may they teach
+        if (round > 0) doubtLonelySurfaces(solution, Effort::little);  // nor may they teach
         before = solution.assignment.probability;
         if (known_.estimateSigmas) learnScales(solution);
         model.learn(before, solution.ends());
@@ -197,7 +197,7 @@ SeenPair ExposureSolver::seenPair(std::size_t candidate, const Solution& solutio
 }
 
 /// Pairs that nothing but their own surface bears out must do without what depths and radii teach.
-void ExposureSolver::doubtLonelySurfaces(Solution& solution) const {
+void ExposureSolver::doubtLonelySurfaces(Solution& solution, Effort effort) const {
     std::vector<double> reduced = solution.logWeights;
     std::vector<SeenPair> believed;
     for (std::size_t c = 0; c < candidates_.size(); ++c)
@@ -218,7 +218,7 @@ void ExposureSolver::doubtLonelySurfaces(Solution& solution) const {
         reduced[c] -= less + std::max(0.0, evidence.density.depth - evidence.chance.depth) +
                       std::max(0.0, evidence.density.radius - evidence.density.knownRadius);
     }
-    const Assignment doubted = assignmentBy(reduced, Effort::all);
+    const Assignment doubted = assignmentBy(reduced, effort);
     for (std::size_t c = 0; c < candidates_.size(); ++c)
         solution.assignment.probability[c] = std::min(solution.assignment.probability[c], doubted.probability[c]);
 }

@@ -71,7 +71,7 @@ class ExposureSolver {
     Solution solve(const std::vector<int>& start, int rounds) const;
 
     /// Once a solution is to be told: lowers the probability of pairs that only each other bear out.
-    void doubtLonelySurfaces(Solution& solution) const;
+    void doubtLonelySurfaces(Solution& solution, Effort effort = Effort::all) const;
 
     /// What else speaks for each candidate, nats. @param nats  none: nothing.
     void setObject(std::vector<double> nats) { object_ = std::move(nats); }
