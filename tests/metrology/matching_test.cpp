@@ -21,6 +21,12 @@ std::size_t at(int index) {
     return static_cast<std::size_t>(index);
 }
 
+/// Along the baseline and across it.
+std::array<cv::Vec3d, 2> axesOfLevelGrid() {
+    const cv::Vec3d along = cv::normalize(-(theRig().right.rotation.t() * theRig().right.translation));
+    return {along, cv::normalize(cv::Vec3d(0, 1, 0) - along[1] * along)};
+}
+
 /// What both eyes see of discs, each in an order of its own.
 struct Sights {
     std::array<std::vector<MarkerEstimate>, 2> markers;
@@ -200,8 +206,7 @@ TEST(MatchMarkers, CorrectsCamerasThatTurned) {
 TEST(MatchMarkers, TellsOfAPatternThatRepeats) {
     // Along the baseline. Of eight columns the left eye does not see the last and the right one not the first.
     constexpr double kPitch = 20, kRadius = 5;
-    const cv::Vec3d along = cv::normalize(-(theRig().right.rotation.t() * theRig().right.translation)),
-                    down = cv::normalize(cv::Vec3d(0, 1, 0) - along[1] * along);
+    const auto [along, down] = axesOfLevelGrid();
     Discs discs;
     for (int k = 0; k < 48; ++k)
         discs.push_back({cv::Vec3d(0, 0, 900) + kPitch * ((k % 8 - 3.5) * along + (k / 8 - 2.5) * down), -along.cross(down), kRadius, 200});
@@ -228,8 +233,7 @@ TEST(MatchMarkers, TellsOfAPatternThatRepeats) {
 
 /// Level rows whose columns repeat nowhere; each eye has one column that the other one does not see.
 TEST(MatchMarkers, IsNotSureOfColumnsThatAreLeftOver) {
-    const cv::Vec3d along = cv::normalize(-(theRig().right.rotation.t() * theRig().right.translation)),
-                    down = cv::normalize(cv::Vec3d(0, 1, 0) - along[1] * along);
+    const auto [along, down] = axesOfLevelGrid();
     for (const double scatter : {1.0, 3.0, 6.0}) {
         for (unsigned seed = 1; seed < 9; ++seed) {
             std::mt19937 random(seed);
@@ -251,8 +255,7 @@ TEST(MatchMarkers, IsNotSureOfColumnsThatAreLeftOver) {
 
 /// Of twelve columns each eye sees all but some at its end: shifted by as many, all that is seen agrees at another depth.
 TEST(MatchMarkers, DecidesByRadiiHowAGridIsShifted) {
-    const cv::Vec3d along = cv::normalize(-(theRig().right.rotation.t() * theRig().right.translation)),
-                    down = cv::normalize(cv::Vec3d(0, 1, 0) - along[1] * along);
+    const auto [along, down] = axesOfLevelGrid();
     MatchOptions known;
     known.radii = {5};
     std::size_t right = 0, wrong = 0;

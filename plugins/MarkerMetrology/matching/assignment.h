@@ -6,10 +6,10 @@
 //
 // How: the most probable assignment and its dual prices (shortest augmenting paths) bound every other one: it is behind
 // by at least the reduced costs of its edges. Edges that are behind by more than a decision could notice are cut. What
-// is then left in one piece is summed exactly, left by left, over the sets of right markers that are taken: few, since
-// a set holds only those that later ones can still reach. A piece with too many sets is summed by message passing (the
-// fixed point of the Bethe free energy, which such models reach), and its edges are told not to be exact: messages are
-// too sure where markers can be exchanged.
+// is then left in one piece is summed, left by left, over the sets of right markers that are taken: few, since a set
+// holds only those that later ones can still reach, and ways whose costs add up to as much are left out. A piece with
+// too many sets is summed by message passing (the fixed point of the Bethe free energy, which such models reach), and
+// its edges are told not to be exact: messages are too sure where markers can be exchanged.
 #pragma once
 
 #include <cstddef>

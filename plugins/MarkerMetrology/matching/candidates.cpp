@@ -58,7 +58,6 @@ std::vector<Candidate> candidatesOf(const Views& views, double baseline, const S
     for (const Sightline& line : rights)
         widest = std::max(widest, window * scales.centre * line.sigmaPhi + slackOf(line));
     std::vector<std::vector<Candidate>> found(lefts.size());
-    const ParallelCall call;
     forEachInParallel(static_cast<int>(lefts.size()), kMostOfOneLeft, [&](int i) {
         const Sightline& left = lefts[static_cast<std::size_t>(i)];
         const double reach = window * scales.centre * left.sigmaPhi + slackOf(left) + widest;

@@ -202,7 +202,6 @@ class Trial {
             starts.push_back(start);
         }
         std::vector<Solution> found(starts.size());
-        const ParallelCall call;
         forEachLongItem(static_cast<int>(starts.size()), [&](int k) {
             found[static_cast<std::size_t>(k)] = solver_.solve(starts[static_cast<std::size_t>(k)], kRivalRounds);
         });
@@ -229,7 +228,6 @@ class Trial {
         for (std::size_t k = 0; k < tried_.size(); ++k)
             if (!tried_[k].isPolished && (k == first || aheadOf(first, k) < kHopeless)) wanted.push_back(k);
         std::vector<Solution> found(wanted.size());
-        const ParallelCall call;
         forEachLongItem(static_cast<int>(wanted.size()), [&](int i) {
             const auto k = static_cast<std::size_t>(i);
             found[k] = polished(tried_[wanted[k]].solution);

@@ -15,8 +15,6 @@ constexpr double kKindKernel = 0.03, kBroadSizes = 0.2;
 // Markers of another size than the nominal ones. A whole pattern may agree at another scale, each marker of it for as
 // much as this is unlikely.
 constexpr double kOtherSizes = 0.001;
-// Of the parts: the broad one is the first.
-constexpr std::size_t kNominal = 1, kLearnt = 2;
 
 }  // namespace
 

@@ -21,19 +21,19 @@ struct NominalRadii {
 class RadiusModel {
   public:
     /// broad, nominal, kernels
-    static constexpr std::size_t kParts = 2 + KernelGrid::kWidths;
+    static constexpr std::size_t kNominal = 1, kLearnt = 2, kParts = kLearnt + KernelGrid::kWidths;
 
     RadiusModel(const PairGraph& graph, const NominalRadii& nominal);
 
     void learn(const PairGraph& graph);  ///< places of the pairs
     void learnShares(const PairGraph& graph);
 
-    /// Without what the two markers said before; `right` may be -1.
+    /// Without what the two markers said before; `other` may be -1.
     Parts<kParts> parts(const PairGraph& graph, double logRadius, std::size_t eye, int line, int other) const;
     double density(const Parts<kParts>& parts) const { return mixture_(parts); }
     /// By what is known beforehand alone, without what the exposure taught.
     double knownDensity(const Parts<kParts>& parts) const {
-        return mixture_.share(1) * parts[1] + (1 - mixture_.share(1)) * parts[0];
+        return mixture_.share(kNominal) * parts[kNominal] + (1 - mixture_.share(kNominal)) * parts[0];
     }
     double chance() const { return 1 / (high_ - low_); }  ///< density of any marker
 

@@ -268,7 +268,6 @@ class Report {
     void measureDiscs() {
         const Solution& best = attempt_.best();
         discs_.resize(best.partner.size());
-        const ParallelCall call;
         forEachInParallel(static_cast<int>(best.partner.size()), kMostOfOneDisc, [&](int i) {
             const int c = best.partner[static_cast<std::size_t>(i)];
             if (c < 0) return;

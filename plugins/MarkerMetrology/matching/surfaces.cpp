@@ -38,6 +38,19 @@ bool sharesMarker(const SeenPair& a, const SeenPair& b) {
 
 Surfaces::Surfaces(std::vector<SeenPair> believed)
     : believed_(std::move(believed)), surface_(believed_.size()), size_(believed_.size(), 0) {
+    const auto nominal =
+        std::count_if(believed_.begin(), believed_.end(), [](const SeenPair& pair) { return pair.isNominal; });
+    hasNominalSizes_ =
+        nominal > 0 && static_cast<double>(nominal) >= kLeastNominal * static_cast<double>(believed_.size());
+    if (hasNominalSizes_) return;  // they decide
+    joinNeighbours();
+    const auto usual = std::count_if(believed_.begin(), believed_.end(),
+                                     [this](const SeenPair& pair) { return isUsualBeside(-1, pair); });
+    hasUsualSizes_ = static_cast<double>(usual) >= kMostAreUsual * static_cast<double>(believed_.size());
+}
+
+/// Pairs that lie beside each other are on one surface.
+void Surfaces::joinNeighbours() {
     std::iota(surface_.begin(), surface_.end(), 0);
     const auto find = [&](int k) {
         while (surface_[static_cast<std::size_t>(k)] != k) k = surface_[static_cast<std::size_t>(k)];
@@ -53,13 +66,6 @@ Surfaces::Surfaces(std::vector<SeenPair> believed)
         surface_[static_cast<std::size_t>(i)] = find(i);
         ++size_[static_cast<std::size_t>(find(i))];
     }
-    const auto usual = std::count_if(believed_.begin(), believed_.end(),
-                                     [this](const SeenPair& pair) { return isUsualBeside(-1, pair); });
-    const auto nominal =
-        std::count_if(believed_.begin(), believed_.end(), [](const SeenPair& pair) { return pair.isNominal; });
-    hasNominalSizes_ =
-        nominal > 0 && static_cast<double>(nominal) >= kLeastNominal * static_cast<double>(believed_.size());
-    hasUsualSizes_ = static_cast<double>(usual) >= kMostAreUsual * static_cast<double>(believed_.size());
 }
 
 /// Of a pair's neighbours on the image those that may lie beside it on one surface.

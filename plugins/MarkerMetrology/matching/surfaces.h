@@ -28,6 +28,7 @@ class Surfaces {
     bool bearOut(const SeenPair& pair) const;
 
   private:
+    void joinNeighbours();
     std::vector<int> agreeingWith(const SeenPair& pair) const;
     int surfaceOf(const std::vector<int>& agreeing) const;
     bool isUsualBeside(int surface, const SeenPair& pair) const;
