@@ -156,13 +156,15 @@ class Trial {
     }
 
     /// Probabilities over all solutions that differ from this one only here and there. What a solution taught itself
-    /// makes it sure of its pairs; that there are others, nearly as good, is known only here.
+    /// makes it sure of its pairs; that there are others, nearly as good, is known only here. One that matches fewer
+    /// markers, but those that both match as well, is as good: its leftovers may be seen by one eye alone.
     std::vector<double> averaged(std::size_t k) {
         std::vector<double> mean(solver_.candidates().size(), 0.0);
         double weights = 0;
         for (std::size_t other = 0; other < tried_.size(); ++other) {
             if (other != k && sharedBy(tried_[k].pairs, tried_[other].pairs) <= kSameSolution) continue;
-            const double behind = tried_[k].logEvidence() - tried_[other].logEvidence();
+            const Lead lead = leadOf(k, other);
+            const double behind = lead.shared < kFewestOfRival ? lead.all : std::min(lead.all, lead.common);
             if (!(behind < kMostBehindMean)) continue;
             const double weight = std::exp(-std::max(0.0, behind) / kTempered);
             solver_.doubtLonelySurfaces(tried_[other].solution);
@@ -265,28 +267,41 @@ class Trial {
 
     bool hasRival() { return marginOf(best()).ahead < kMargin; }
 
-    /// By how much the first is the better one, nats: by all that was seen, and by the markers that both match. Of
-    /// these what is measured counts beyond what chance brings, and what each taught itself beyond a margin.
-    double aheadOf(std::size_t first, std::size_t second) {
+    /// By how much one solution is better than another, nats.
+    struct Lead {
+        double all = 0;       ///< by all that was seen
+        double common = 0;    ///< by the markers that both match
+        double measured = 0;  ///< the part of it that no solution taught itself
+        int shared = 0;       ///< markers that both match
+    };
+
+    Lead leadOf(std::size_t first, std::size_t second) const {
         const Solution &a = tried_[first].solution, &b = tried_[second].solution;
-        const double all = a.logEvidence() - b.logEvidence();
-        double common = 0, measured = 0;
-        int shared = 0;
+        Lead lead;
+        lead.all = a.logEvidence() - b.logEvidence();
         const Scales scales{std::min(a.scales.centre, b.scales.centre), std::min(a.scales.shape, b.scales.shape)};
         for (std::size_t i = 0; i < a.partner.size(); ++i) {
             if (a.partner[i] < 0 || b.partner[i] < 0) continue;
-            ++shared;
-            common += a.evidence[static_cast<std::size_t>(a.partner[i])].ofPair() -
-                      b.evidence[static_cast<std::size_t>(b.partner[i])].ofPair();
-            measured += misfitOf(b, b.partner[i], scales) - misfitOf(a, a.partner[i], scales) +
-                        solver_.knownEvidence(a, a.partner[i]) - solver_.knownEvidence(b, b.partner[i]);
+            ++lead.shared;
+            lead.common += a.evidence[static_cast<std::size_t>(a.partner[i])].ofPair() -
+                           b.evidence[static_cast<std::size_t>(b.partner[i])].ofPair();
+            lead.measured += misfitOf(b, b.partner[i], scales) - misfitOf(a, a.partner[i], scales) +
+                             solver_.knownEvidence(a, a.partner[i]) - solver_.knownEvidence(b, b.partner[i]);
         }
-        if (shared < kFewestOfRival) return all;
-        const double learnt = common - measured, beyond = std::max(0.0, std::abs(learnt) - kLearntMargin);
-        double ahead = measured - kChance * std::sqrt(kChanceVariance * shared) + std::copysign(beyond, learnt);
+        return lead;
+    }
+
+    /// By how much the first is the better one as a whole, nats: by all that was seen, and by the markers that both
+    /// match. Of these what is measured counts beyond what chance brings, and what each taught itself beyond a margin.
+    double aheadOf(std::size_t first, std::size_t second) {
+        const Lead lead = leadOf(first, second);
+        if (lead.shared < kFewestOfRival) return lead.all;
+        const double learnt = lead.common - lead.measured, beyond = std::max(0.0, std::abs(learnt) - kLearntMargin);
+        double ahead =
+            lead.measured - kChance * std::sqrt(kChanceVariance * lead.shared) + std::copysign(beyond, learnt);
         if (ahead < kFarAhead)  // what is missing here and there may decide
             ahead += evidenceOfHoles(first) - evidenceOfHoles(second);
-        return std::min(all, ahead);
+        return std::min(lead.all, ahead);
     }
 
     double evidenceOfHoles(std::size_t k) {
