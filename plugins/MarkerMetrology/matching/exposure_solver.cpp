@@ -35,6 +35,7 @@ constexpr double kDepthSigmas = 5;    // that a depth may be beyond its range
 constexpr double kNominalSigmas = 3;  // that a radius may be off a nominal one
 constexpr double kLikelyShape = 16;   // chi-square of a pair, to begin with
 constexpr double kLeastScale = 0.2, kMostScale = 20;
+constexpr double kNoProbability = 1e-9;  // below what is ever told of a pair
 constexpr double kSettledChange = 1e-4;  // change of a probability between rounds
 
 /// log of a Gaussian's density with outliers, without its normalisation.
@@ -206,8 +207,9 @@ void ExposureSolver::doubtLonelySurfaces(Solution& solution, Effort effort) cons
     std::vector<char> isDoubted(candidates_.size(), 0);
     double doubtful = 0;
     for (std::size_t c = 0; c < candidates_.size(); ++c) {
-        isDoubted[c] = reduced[c] >= kLeastLogWeight && !surfaces.bearOut(seenPair(c, solution));
-        if (isDoubted[c]) doubtful += solution.assignment.probability[c];
+        const double probability = solution.assignment.probability[c];
+        isDoubted[c] = probability > kNoProbability && !surfaces.bearOut(seenPair(c, solution));
+        if (isDoubted[c]) doubtful += probability;
     }
     if (doubtful == 0) return;
     // Nor may they take from each other that hardly a marker is single.

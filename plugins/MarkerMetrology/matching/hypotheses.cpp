@@ -32,6 +32,8 @@ constexpr double kHopeless = 200;
 // Nor is one that begins with pairs which agree so much worse than those of the best one: of 1,490 those that came near
 // had begun with up to 200.
 constexpr double kHopelessStart = 300;
+// Once it went on from its own pairs it hardly changes: of 170 that were behind by 12 then, none came near.
+constexpr double kBehind = 60;
 // Candidates of all rivals together, 2 us each in a round; and rivals.
 constexpr int kMostWork = 60'000, kLeastRivals = 3, kMostRivals = 24;
 constexpr double kMostMisfit = 20;
@@ -89,10 +91,22 @@ Pairs shifted(const Solution& from, const std::vector<Candidate>& candidates, co
 struct Tried {
     Solution solution;
     Pairs pairs;
-    bool isPolished = false;
+    int polishes = 0;
+    bool isSettled = false;       ///< would lead to itself again
     std::optional<double> holes;  ///< their evidence, once it is asked for
 
     explicit Tried(Solution its) : solution(std::move(its)), pairs(pairsOf(solution)) {}
+
+    /// Goes on with what its own pairs led to.
+    void polish(Solution next) {
+        const double gained = next.logEvidence() - logEvidence();
+        Pairs now = gained > 0 ? pairsOf(next) : pairs;
+        isSettled = !(gained >= kPolished) || now == pairs || ++polishes == kMostPolish;
+        if (!(gained > 0)) return;
+        solution = std::move(next);
+        pairs = std::move(now);
+        holes.reset();
+    }
     double logEvidence() const { return solution.logEvidence(); }
     std::size_t leastOfRival() const {
         return static_cast<std::size_t>(std::max<double>(kFewestOfRival, kLeastRival * solution.pairs));
@@ -180,6 +194,7 @@ class Trial {
     void add(Tried tried) {
         for (Tried& other : tried_) {
             if (other.pairs != tried.pairs) continue;
+            tried.isSettled = other.isSettled = tried.isSettled || other.isSettled;
             if (tried.logEvidence() > other.logEvidence()) other = std::move(tried);
             return;
         }
@@ -223,39 +238,30 @@ class Trial {
         return excess;
     }
 
-    /// The best one, and those that may yet be its rivals or better.
-    void polish() {
-        const std::size_t first = best();
-        std::vector<std::size_t> wanted;
-        for (std::size_t k = 0; k < tried_.size(); ++k)
-            if (!tried_[k].isPolished && (k == first || aheadOf(first, k) < kHopeless)) wanted.push_back(k);
-        std::vector<Solution> found(wanted.size());
-        forEachLongItem(static_cast<int>(wanted.size()), [&](int i) {
-            const auto k = static_cast<std::size_t>(i);
-            found[k] = polished(tried_[wanted[k]].solution);
-        });
-        // What led to the same pairs is one.
-        std::vector<Tried> before = std::move(tried_);
-        for (std::size_t k = 0; k < wanted.size(); ++k) {
-            before[wanted[k]] = Tried(std::move(found[k]));
-            before[wanted[k]].isPolished = true;
-        }
-        tried_.clear();
-        for (Tried& tried : before) add(std::move(tried));
+    /// Whether going on from its pairs may make it the best one or a rival.
+    bool isPromising(std::size_t k, std::size_t first) {
+        if (tried_[k].isSettled) return false;
+        const bool isNew = tried_[k].polishes == 0 || sharedBy(tried_[first].pairs, tried_[k].pairs) > kSameSolution;
+        return k == first || aheadOf(first, k) < (isNew ? kHopeless : kBehind);
     }
 
-    /// Goes on from its own pairs as if they were certain: in crowds expectations alone settle slowly.
-    Solution polished(Solution solution) const {
-        Pairs pairs = pairsOf(solution);
-        for (int k = 0; k < kMostPolish; ++k) {
-            Solution next = solver_.solve(pairs, kPolishRounds);
-            const double gained = next.logEvidence() - solution.logEvidence();
-            if (gained > 0) solution = std::move(next);
-            Pairs now = pairsOf(solution);
-            if (!(gained >= kPolished) || now == pairs) break;  // the same pairs would lead here again
-            pairs = std::move(now);
+    /// Goes on from their own pairs as if they were certain: in crowds expectations alone settle slowly.
+    void polish() {
+        while (true) {
+            std::vector<std::size_t> wanted;
+            for (std::size_t k = 0, first = best(); k < tried_.size(); ++k)
+                if (isPromising(k, first)) wanted.push_back(k);
+            if (wanted.empty()) return;
+            std::vector<Solution> found(wanted.size());
+            forEachLongItem(static_cast<int>(wanted.size()), [&](int i) {
+                const auto k = static_cast<std::size_t>(i);
+                found[k] = solver_.solve(tried_[wanted[k]].pairs, kPolishRounds);
+            });
+            std::vector<Tried> before = std::move(tried_);
+            for (std::size_t k = 0; k < wanted.size(); ++k) before[wanted[k]].polish(std::move(found[k]));
+            tried_.clear();
+            for (Tried& tried : before) add(std::move(tried));
         }
-        return solution;
     }
 
     /// So many as there is time for.
