@@ -10,8 +10,6 @@
 namespace kestrune::matching {
 namespace {
 
-// Depths that a rig may be meant for, in baselines.
-constexpr double kNearest = 0.3, kFarthest = 100;
 constexpr double kObjectKernel = 0.03, kBroadKernel = 0.2;
 // Neighbours' kernels: of their uncertainty, and as much wider for what is not quite a plane.
 constexpr double kNarrow = 1.3, kWide = 6;

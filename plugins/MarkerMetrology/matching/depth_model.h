@@ -16,6 +16,9 @@ class DepthModel {
     /// broad, kernels, plane of the neighbours (2 widths), their own planes (2), their depths (2)
     static constexpr std::size_t kParts = 1 + KernelGrid::kWidths + 6;
 
+    /// Depths that a rig may be meant for, in baselines; and the logarithm of their ratio.
+    static constexpr double kNearest = 0.3, kFarthest = 100, kWidestRange = 5.81;
+
     DepthModel(const PairGraph& graph, double baseline);
 
     void setSigma(const PairGraph& graph);  ///< before the neighbourhood learns
