@@ -144,10 +144,13 @@ double Attempt::epipolarNoise() const {
     return medianOf(std::move(sigmas), 0);
 }
 
-bool Attempt::isGood() const {
-    return isPlausible() && share() >= kGoodShare &&
-           (best().scales.centre <= kGoodCentreScale || epipolarNoise() <= kCalibrationNoise) &&
+bool Attempt::agreesWithSigmas() const {
+    return isPlausible() && (best().scales.centre <= kGoodCentreScale || epipolarNoise() <= kCalibrationNoise) &&
            best().scales.shape <= kGoodShapeScale;
+}
+
+bool Attempt::isGood() const {
+    return agreesWithSigmas() && share() >= kGoodShare;
 }
 
 Attempts attemptAll(const MarkerLists& markers, const Cameras& cameras, const EpipolarFrame& frame,
@@ -159,6 +162,7 @@ Attempts attemptAll(const MarkerLists& markers, const Cameras& cameras, const Ep
     if (attempts.best->isGood() && !(attempts.hasMoved && isMuch)) return attempts;
 
     double second = 0;
+    bool isToldPossible = false;  // though few markers match: a pattern can be turned onto itself
     for (const RigMotion& motion : searchMotions(viewsOf(markers, frame))) {
         Attempts moved;
         moved.best = std::make_unique<Attempt>(markers, movedFrame(frame, motion), known);
@@ -168,12 +172,14 @@ Attempts attemptAll(const MarkerLists& markers, const Cameras& cameras, const Ep
         if (isBetter(moved.best, attempts.best)) {
             const bool isOther = attempts.best->isPlausible() && !isSame(*moved.best, *attempts.best);
             second = isOther ? attempts.best->gain() : 0;
+            isToldPossible = isToldPossible || (isOther && !attempts.hasMoved && attempts.best->agreesWithSigmas());
             attempts = std::move(moved);
         } else if (!isSame(*moved.best, *attempts.best)) {
             second = std::max(second, moved.best->gain());
         }
     }
-    attempts.isMotionAmbiguous = attempts.hasMoved && second > kNearlyAsGood * attempts.best->gain();
+    attempts.isMotionAmbiguous =
+        attempts.hasMoved && (isToldPossible || second > kNearlyAsGood * attempts.best->gain());
     if (attempts.best->isGood()) return attempts;
 
     const std::vector<MarkerEstimate> lefts = throughOther(*markers[1], cameras[1], cameras[0]),

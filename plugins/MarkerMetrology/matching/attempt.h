@@ -41,6 +41,8 @@ struct Attempt {
     void useObject(const std::vector<KnownMarker>& object);
     /// Place of a candidate's disc in the epipolar frame.
     Eigen::Vector3d placeOf(const Candidate& candidate) const;
+    /// Whether it is plausible and its pairs are not farther off than their standard deviations explain.
+    bool agreesWithSigmas() const;
     /// Whether it is as good as exposures of a right rig are.
     bool isGood() const;
 };
