@@ -73,6 +73,8 @@ class ExposureSolver {
     /// Once a solution is to be told: lowers the probability of pairs that only each other bear out.
     void doubtLonelySurfaces(Solution& solution, Effort effort = Effort::all) const;
 
+    SeenPair seenPair(std::size_t candidate, const Solution& solution) const;
+
     /// What else speaks for each candidate, nats. @param nats  none: nothing.
     void setObject(std::vector<double> nats) { object_ = std::move(nats); }
     bool hasObject() const { return !object_.empty(); }
@@ -91,7 +93,6 @@ class ExposureSolver {
     double geometryOf(const CircleFit& fit, const Scales& scales) const;
     void assignPairs(Effort effort, Solution& solution) const;
     Assignment assignmentBy(const std::vector<double>& logWeights, Effort effort) const;
-    SeenPair seenPair(std::size_t candidate, const Solution& solution) const;
     void learnGrey(const Solution& solution, GreyModel& grey) const;
     void learnScales(Solution& solution) const;
     double firstPairs() const;

@@ -16,11 +16,11 @@ constexpr int kRounds = 6, kRivalRounds = 3;
 // An assignment goes on from its own pairs so many times at most, and while that gains as much, nats.
 constexpr int kMostPolish = 4, kPolishRounds = 4;
 constexpr double kPolished = 1;
-constexpr int kMostGrown = 4, kMostShift = 5;
+constexpr int kMostGrown = 4, kMostShift = 5, kSurfaceRounds = 2;
 constexpr double kLeastWorth = -8;
 // A rival that matches fewer markers than this share of the best one's is none.
 constexpr double kLeastRival = 0.4;
-constexpr int kFewestOfRival = 3;
+constexpr std::size_t kFewestOfRival = 3;
 // Beginnings that share so much lead to one end; solutions that share more are one.
 constexpr double kSameBeginning = 0.95, kSameSolution = 0.5;
 // What the best assignment must be ahead by, nats.
@@ -64,25 +64,33 @@ double sharedBy(const Pairs& a, const Pairs& b) {
     return static_cast<double>(both.size()) / static_cast<double>(std::min(a.size(), b.size()));
 }
 
-/// Every marker's partner moved by so many places along its line.
+/// The partners of some markers moved by so many places along their lines; pairs that are in their way are left out.
 Pairs shifted(const Solution& from, const std::vector<Candidate>& candidates, const std::vector<double>& worth,
-              int places) {
+              const std::vector<char>& isMoved, int places) {
     std::vector<std::vector<int>> own(from.partner.size());
-    for (int c = 0; c < static_cast<int>(candidates.size()); ++c) {
-        const auto left = static_cast<std::size_t>(candidates[static_cast<std::size_t>(c)].left);
-        if (worth[static_cast<std::size_t>(c)] >= kLeastWorth || from.partner[left] == c) own[left].push_back(c);
-    }
+    const auto leftOf = [&](int c) { return static_cast<std::size_t>(candidates[static_cast<std::size_t>(c)].left); };
+    const auto rightOf = [&](int c) { return candidates[static_cast<std::size_t>(c)].right; };
+    for (int c = 0; c < static_cast<int>(candidates.size()); ++c)
+        if (isMoved[leftOf(c)] && (worth[static_cast<std::size_t>(c)] >= kLeastWorth || from.partner[leftOf(c)] == c))
+            own[leftOf(c)].push_back(c);
     Pairs pairs;
+    std::vector<int> taken;
     for (std::size_t i = 0; i < own.size(); ++i) {
-        if (from.partner[i] < 0) continue;
+        if (from.partner[i] < 0 || !isMoved[i]) continue;
         std::sort(own[i].begin(), own[i].end(), [&](int a, int b) {
             return candidates[static_cast<std::size_t>(a)].agreement.fits[0].logDepth <
                    candidates[static_cast<std::size_t>(b)].agreement.fits[0].logDepth;
         });
         const auto at = std::find(own[i].begin(), own[i].end(), from.partner[i]) - own[i].begin() + places;
-        if (at >= 0 && at < static_cast<std::ptrdiff_t>(own[i].size()))
-            pairs.push_back(own[i][static_cast<std::size_t>(at)]);
+        if (at < 0 || at >= static_cast<std::ptrdiff_t>(own[i].size())) continue;
+        pairs.push_back(own[i][static_cast<std::size_t>(at)]);
+        taken.push_back(rightOf(pairs.back()));
     }
+    std::sort(taken.begin(), taken.end());
+    for (std::size_t i = 0; i < own.size(); ++i)
+        if (from.partner[i] >= 0 && !isMoved[i] &&
+            !std::binary_search(taken.begin(), taken.end(), rightOf(from.partner[i])))
+            pairs.push_back(from.partner[i]);
     std::sort(pairs.begin(), pairs.end());
     return pairs;
 }
@@ -129,6 +137,11 @@ class Trial {
             if (tried_[best()].pairs == from) continue;
             from = tried_[best()].pairs;
             k = 0;  // again from the better one
+        }
+        for (int round = 0; round < kSurfaceRounds && !hasRival(); ++round) {
+            attempt(surfacesShifted());
+            if (tried_[best()].pairs == from) return;
+            from = tried_[best()].pairs;
         }
     }
 
@@ -269,16 +282,47 @@ class Trial {
         return std::clamp(kMostWork / std::max(1, static_cast<int>(worth_.size())), kLeastRivals, kMostRivals);
     }
 
-    Pairs shiftedBy(int places) const { return shifted(tried_[best()].solution, solver_.candidates(), worth_, places); }
+    Pairs shiftedBy(int places) const {
+        const Solution& solution = tried_[best()].solution;
+        return shifted(solution, solver_.candidates(), worth_, std::vector<char>(solution.partner.size(), 1), places);
+    }
+
+    /// Each surface of the best assignment moved by itself.
+    std::vector<Pairs> surfacesShifted() const {
+        const Solution& solution = tried_[best()].solution;
+        const Pairs& pairs = tried_[best()].pairs;
+        std::vector<SeenPair> seen;
+        for (const int c : pairs) seen.push_back(solver_.seenPair(static_cast<std::size_t>(c), solution));
+        const std::vector<int> surface = Surfaces(seen).surfaces();
+        std::vector<Pairs> starts;
+        for (int number = 0; number < static_cast<int>(surface.size()); ++number) {
+            std::vector<char> isMoved(solution.partner.size(), 0);
+            std::size_t size = 0;
+            for (std::size_t k = 0; k < surface.size(); ++k) {
+                if (surface[k] != number) continue;
+                isMoved[static_cast<std::size_t>(seen[k].left)] = 1;
+                ++size;
+            }
+            if (size < kFewestOfRival || size == pairs.size()) continue;
+            for (const int places : {1, -1}) {
+                Pairs start = shifted(solution, solver_.candidates(), worth_, isMoved, places);
+                const auto moved = std::count_if(start.begin(), start.end(), [&](int c) {
+                    return isMoved[static_cast<std::size_t>(solver_.candidates()[static_cast<std::size_t>(c)].left)];
+                });
+                if (2 * static_cast<std::size_t>(moved) >= size) starts.push_back(std::move(start));
+            }
+        }
+        return starts;
+    }
 
     bool hasRival() { return marginOf(best()).ahead < kMargin; }
 
     /// By how much one solution is better than another, nats.
     struct Lead {
-        double all = 0;       ///< by all that was seen
-        double common = 0;    ///< by the markers that both match
-        double measured = 0;  ///< the part of it that no solution taught itself
-        int shared = 0;       ///< markers that both match
+        double all = 0;          ///< by all that was seen
+        double common = 0;       ///< by the markers that both match
+        double measured = 0;     ///< the part of it that no solution taught itself
+        std::size_t shared = 0;  ///< markers that both match
     };
 
     Lead leadOf(std::size_t first, std::size_t second) const {
@@ -303,8 +347,8 @@ class Trial {
         const Lead lead = leadOf(first, second);
         if (lead.shared < kFewestOfRival) return lead.all;
         const double learnt = lead.common - lead.measured, beyond = std::max(0.0, std::abs(learnt) - kLearntMargin);
-        double ahead =
-            lead.measured - kChance * std::sqrt(kChanceVariance * lead.shared) + std::copysign(beyond, learnt);
+        double ahead = lead.measured - kChance * std::sqrt(kChanceVariance * static_cast<double>(lead.shared)) +
+                       std::copysign(beyond, learnt);
         if (ahead < kFarAhead)  // what is missing here and there may decide
             ahead += evidenceOfHoles(first) - evidenceOfHoles(second);
         return std::min(lead.all, ahead);

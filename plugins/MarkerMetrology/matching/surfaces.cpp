@@ -42,8 +42,8 @@ Surfaces::Surfaces(std::vector<SeenPair> believed)
         std::count_if(believed_.begin(), believed_.end(), [](const SeenPair& pair) { return pair.isNominal; });
     hasNominalSizes_ =
         nominal > 0 && static_cast<double>(nominal) >= kLeastNominal * static_cast<double>(believed_.size());
-    if (hasNominalSizes_) return;  // they decide
     joinNeighbours();
+    if (hasNominalSizes_) return;  // they decide
     const auto usual = std::count_if(believed_.begin(), believed_.end(),
                                      [this](const SeenPair& pair) { return isUsualBeside(-1, pair); });
     hasUsualSizes_ = static_cast<double>(usual) >= kMostAreUsual * static_cast<double>(believed_.size());

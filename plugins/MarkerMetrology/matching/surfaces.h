@@ -27,6 +27,9 @@ class Surfaces {
     /// the depth of its neighbours where no size is usual; by its radius alone where radii are known.
     bool bearOut(const SeenPair& pair) const;
 
+    /// Of each pair the number of the first one of its surface.
+    const std::vector<int>& surfaces() const { return surface_; }
+
   private:
     void joinNeighbours();
     std::vector<int> agreeingWith(const SeenPair& pair) const;
