@@ -271,6 +271,22 @@ TEST(MatchMarkers, DecidesByRadiiHowAGridIsShifted) {
     EXPECT_GT(right, 70U);  // two and three are decided, more markers than agree by the right radius are not
 }
 
+/// A range of depths takes out candidates; those that are left must not seem to be less for it.
+TEST(MatchMarkers, IsNoLessSureWhereDepthsAreKnown) {
+    MatchOptions known;
+    known.depth = {700, 1100};
+    std::size_t without = 0, with = 0;
+    for (std::uint64_t seed = 1; seed < 9; ++seed) {
+        const Sights sights = Look{.isHidden = everyFifth, .noise = 0.3}(object(seed, 80));
+        for (const auto& [options, count] : {std::make_pair(MatchOptions{}, &without), std::make_pair(known, &with)}) {
+            const StereoMatch match = sights.match(options);
+            *count += static_cast<std::size_t>(
+                std::count_if(match.pairs.begin(), match.pairs.end(), [](const auto& p) { return p.probability > 0.99999; }));
+        }
+    }
+    EXPECT_GE(with, without);
+}
+
 TEST(MatchMarkers, PairsNoDarkMarkerWithABrightOne) {
     Sights sights = Look{}(object());
     std::swap(sights.markers[1][20].inside, sights.markers[1][20].outside), sights.disc[1][20] = -1;
