@@ -13,7 +13,7 @@ namespace {
 // Before anything is learnt contrasts may differ by half as much again; they scatter by a few percent at least.
 constexpr double kFirstSpread = 0.5, kLeastSpread = 0.05;
 constexpr std::size_t kFewestRatios = 6;
-constexpr double kWrongPolarity = -30;  // a rule: no light makes a dark marker a bright one
+constexpr double kWrongPolarity = -100;  // more than all else can say: no light makes a dark marker a bright one
 // A share of pairs differs by anything, in the light of a lamp or behind a scratch.
 constexpr double kAny = 0.05, kAnyDensity = 0.2;
 

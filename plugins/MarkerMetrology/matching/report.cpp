@@ -21,7 +21,7 @@ constexpr double kMostDoubted = 0.5;
 // Over scenes of all kinds two single markers look like a pair more often than densities tell, by this factor, since no
 // model knows all ways in which markers come to look alike; that a marker belongs to another one is told nearly
 // rightly. By `kestrune_matching`: 320,000 pairs of 16,000 scenes, in every class of probability.
-constexpr double kSinglesMore = 30, kRivalsMore = 1.5;
+constexpr double kSinglesMore = 100, kRivalsMore = 1.5;
 // A pattern of the epipolar distances stands against an exposure from this on: a quarter of a pixel, which is more than
 // a careful calibration leaves, and a fifth of what the markers scatter by.
 constexpr double kMovedPixels = 0.25;

@@ -15,7 +15,7 @@ constexpr double kLeastDensity = 1e-30;
 // and their normals agree more often, for neighbours share them.
 // That is against any depth that a rig may be meant for and any size, not against those of the candidates: what is
 // known beforehand leaves fewer of these, and must not make the rest less sure.
-constexpr double kDepthWorth = 1.25, kRadiusWorth = 1.2, kNormalWorth = 0.8;
+constexpr double kDepthWorth = 1.5, kRadiusWorth = 1.2, kNormalWorth = 0.8;
 
 const double kAnyDepth = -std::log(DepthModel::kWidestRange), kAnySize = -std::log(kSizeRange);
 
